@@ -1,0 +1,77 @@
+// The host's objects behind one redirected disk, as a driver module sees them.
+// The order of the virtual operations is the order of their slots: binary contract, do not reorder.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace cpd {
+
+class CpdPacket;
+
+/// What CpdPathFilter::MatchPath answers. Only whether the handle is empty matters.
+class CpdPathMatch {
+ public:
+  virtual ~CpdPathMatch() = default;
+};
+
+/// Decides for which files reads and writes are traced.
+class CpdPathFilter {
+ public:
+  /// @param path  relative to the disk's mount point
+  /// @return an empty handle when the path is not to be traced
+  virtual std::shared_ptr<CpdPathMatch> MatchPath(const std::string& path) = 0;
+  virtual ~CpdPathFilter() = default;
+};
+
+/// The USB device behind a redirected disk. All operations are callable from any thread.
+class CpdDeviceBase {
+ public:
+  uint8_t bus = 0;
+  uint8_t addr = 0;
+
+  /// The disk's parameters, a JSON object: "letter" (local path), "label", "name", "readOnly".
+  virtual std::string GetDeviceParams() = 0;
+
+  /// Records a trace event under a fresh 16-digit id.
+  virtual void TraceEvent(const std::string& id, const std::string& event,
+                          const std::map<std::string, std::string>& fields) = 0;
+
+  /// As TraceEvent, with a detail, the path of a file.
+  virtual void TraceEventDetail(const std::string& id, const std::string& detail,
+                                const std::string& event,
+                                const std::map<std::string, std::string>& fields) = 0;
+
+  /// The filter for read and write traces; empty when nothing is to be traced.
+  virtual std::shared_ptr<CpdPathFilter> GetPathFilter() = 0;
+  virtual ~CpdDeviceBase() = default;
+};
+
+/// One redirected disk. The host keeps it alive until the driver is closed and destroyed.
+/// All operations are callable from any thread.
+class CpdDevice {
+ public:
+  /// Empty once the device is gone.
+  virtual std::shared_ptr<CpdDeviceBase> getDevBase() = 0;
+
+  /// The id that the device's packets carry in their header.
+  virtual int GetDevId() = 0;
+
+  /// Hands a packet over for the remote side. What the pointer still owns when the call returns
+  /// is destroyed by the caller.
+  /// @param flags  drivers pass -1
+  /// @return the host's own result, 0 for success
+  virtual int SendPacket(std::unique_ptr<CpdPacket> packet, int flags) = 0;
+
+  /// Tells the host that a traced file could not be read.
+  /// @param path  relative to the disk's mount point
+  virtual void ReportReadFail(const std::string& path) = 0;
+  virtual ~CpdDevice() = default;
+};
+
+/// A peripheral as the host's plug-and-play part knows it; opaque to drivers.
+class PeriphDevice;
+
+}  // namespace cpd

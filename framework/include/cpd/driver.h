@@ -1,0 +1,65 @@
+// A driver and the descriptor by which its module is found.
+// The order of the virtual operations is the order of their slots: binary contract, do not reorder.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace cpd {
+
+class CpdDevice;
+class CpdPacket;
+class DriverObj;
+
+/// A driver for one device. The host calls Close before it deletes a running driver.
+/// onEvent, onBusEvent and onPolicyChange are callable from any thread, also while Close runs.
+class CpdDriver {
+ public:
+  virtual ~CpdDriver() = default;
+
+  /// Takes a request packet from the remote side. Never waits for the request to be served.
+  /// @return 0, or -1 when the packet is null or addressed to another device
+  virtual int onEvent(std::unique_ptr<CpdPacket> packet, int flags) = 0;
+
+  /// @return 0
+  virtual int GetState() = 0;
+
+  /// Takes a bus event; carried out on the calling thread. @return 0
+  virtual int onBusEvent(std::shared_ptr<CpdPacket> packet) = 0;
+
+  /// Takes a new policy text. @return 0
+  virtual int onPolicyChange(const std::string& policy) = 0;
+
+  /// Device control. @param status  receives the status word @return 0, or -1 when not supported
+  virtual int Control(void* request, uint16_t* status) = 0;
+
+  /// Stops the driver and waits for the request in flight; later packets are dropped. @return 0
+  virtual int Close(signed char reason) = 0;
+
+  virtual std::string GetDriverKind() = 0;
+
+  /// The object behind the driver; empty once the driver is closed.
+  virtual std::shared_ptr<DriverObj> GetDriverObj() = 0;
+};
+
+/// A driver that exchanges raw packets with the remote side.
+class CpdRawDriver : public CpdDriver {};
+
+/// A module's exported descriptor (32 bytes), found by the symbol name CPD_DRV_MODULE.
+struct CpdDriverModule {
+  /// Opens a driver for a device; null on failure. The caller owns the driver.
+  CpdDriver* (*open)(CpdDevice* device, const std::string& policy);
+  void* reserved;    ///< null
+  uint16_t version;  ///< 2
+  uint16_t any[2];   ///< 0xFFFF each
+  const char* name;  ///< the module's name
+};
+static_assert(sizeof(CpdDriverModule) == 32);
+static_assert(offsetof(CpdDriverModule, reserved) == 8);
+static_assert(offsetof(CpdDriverModule, version) == 16);
+static_assert(offsetof(CpdDriverModule, any) == 18);
+static_assert(offsetof(CpdDriverModule, name) == 24);
+
+}  // namespace cpd

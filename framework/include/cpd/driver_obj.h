@@ -1,0 +1,30 @@
+// What the host may ask of the object behind a driver.
+// The order of the virtual operations is the order of their slots: binary contract, do not reorder.
+#pragma once
+
+#include <string>
+
+namespace cpd {
+
+class DriverObj {
+ public:
+  virtual ~DriverObj() = default;
+  virtual int GetCID() = 0;
+  virtual int GetVid() = 0;
+  virtual int GetPid() = 0;
+  virtual std::string GetDrvName() = 0;
+  virtual int GetDeviceId() = 0;
+  virtual void Stop() = 0;
+
+  int mVmId = 0;  ///< id of the virtual machine; set by the host
+};
+
+class UdiskOperatorInf : public DriverObj {
+ public:
+  /// The remote side's name for the disk; empty until it has answered the announcement.
+  virtual std::string GetRemoteMountPoint() = 0;
+  /// The local directory under which request paths are resolved.
+  virtual std::string GetLocalMountPoint() = 0;
+};
+
+}  // namespace cpd
