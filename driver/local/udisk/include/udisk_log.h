@@ -1,0 +1,26 @@
+// Logging through the host. A line reads: file function(line): "Debug:" "message", with the quote
+// characters; an escape such as \n in a message reaches the log as two characters.
+#pragma once
+
+#include <string_view>
+
+#include "cpd/log.h"
+
+namespace cpd {
+
+/// What follows the last '/' or '\' of a path.
+consteval const char* BaseName(const char* path) {
+  const std::string_view text(path);
+  const size_t slash = text.find_last_of("/\\");
+  return slash == std::string_view::npos ? path : path + slash + 1;
+}
+
+}  // namespace cpd
+
+// The stringizing operator puts the quotes around word and message and keeps escapes as written.
+#define UDISK_LOG(level, word, message, ...)                                                       \
+  tesselLogPrint(0, level, "CPD_LOG", "%s %s(%d): " #word " " #message, ::cpd::BaseName(__FILE__), \
+                 static_cast<const char*>(__func__), __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+
+#define LOG_DEBUG(message, ...) UDISK_LOG(5, "Debug:", message __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_ERROR(message, ...) UDISK_LOG(7, "Error:", message __VA_OPT__(, ) __VA_ARGS__)

@@ -1,0 +1,319 @@
+#include "file_manager_linux.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <glib.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "udisk_log.h"
+
+namespace cpd {
+
+namespace {
+
+/// Keeps FIFOs and devices from holding the caller; means nothing to regular files.
+constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+/// What a file that does not know its size is taken for.
+constexpr int64_t kUnknownSize = 1 << 20;
+
+/// Owns an open descriptor; negative when the open failed.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  [[nodiscard]] int get() const { return fd_; }
+  [[nodiscard]] bool ok() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
+struct FreeDeleter {
+  void operator()(void* block) const { std::free(block); }
+};
+struct DirCloser {
+  void operator()(DIR* dir) const { ::closedir(dir); }
+};
+
+mode_t Mode16(int mode) { return static_cast<uint16_t>(mode); }
+
+bool IsDirectory(const char* path) {
+  struct stat st {};
+  return ::stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+int CreateFile(const char* path, int mode) {
+  return ::open(path, O_CREAT | O_WRONLY | O_TRUNC | kOpenFlags, Mode16(mode));
+}
+
+udisk_timespec ToTimespec(const struct timespec& from) { return {from.tv_sec, from.tv_nsec}; }
+
+/// Stores errno for the caller and gives its text.
+const char* TakeError(uint32_t* err) {
+  const int error = errno;
+  *err = static_cast<uint32_t>(error);
+  return std::strerror(error);
+}
+
+/// readdir that tells an error from the end.
+const dirent* NextEntry(DIR* dir) {
+  errno = 0;
+  const dirent* entry = ::readdir(dir);
+  if (entry == nullptr && errno != 0) {
+    LOG_ERROR("dir_read readdir failed errno: %s", std::strerror(errno));
+  }
+  return entry;
+}
+
+}  // namespace
+
+FileManagerLinux::~FileManagerLinux() { ::sync(); }
+
+// ---- Files ----
+
+int FileManagerLinux::UdiskCreateFile(const char* path, int /*flags*/, int mode) {
+  if (const Descriptor fd(CreateFile(path, mode)); fd.ok()) return fd.get();
+  UdiskMakeDir(path, 0777, 0);
+  // The retry's descriptor stays open, unlike the first one's: kept.
+  const int fd = CreateFile(path, mode);
+  if (fd < 0) LOG_ERROR("file_create failed errno: %s\n", std::strerror(errno));
+  return fd;
+}
+
+int FileManagerLinux::UdiskFileOpen(const char* /*path*/) { return -1; }
+int FileManagerLinux::UdiskCloseFile(const char* /*path*/, int /*fd*/) { return 0; }
+int FileManagerLinux::UdiskCleanUp(const char* /*path*/, int /*fd*/) { return 0; }
+
+int FileManagerLinux::UdiskReadFile(const char* path, void* buf, int64_t offset, int count,
+                                    uint32_t* err) {
+  return UdiskReadFile(path, offset, err, [=](int) { return ReadRoom{buf, count}; });
+}
+
+int FileManagerLinux::UdiskReadFile(const char* path, int64_t offset, uint32_t* err,
+                                    const std::function<ReadRoom(int fd)>& make_room) {
+  const Descriptor fd(::open(path, O_RDONLY | kOpenFlags));
+  if (!fd.ok()) {
+    LOG_ERROR("file_read failed res:%d errno: %s\n", 0, TakeError(err));
+    return 0;
+  }
+  const ReadRoom room = make_room(fd.get());
+  // A negative count goes to the call as it is, which refuses it.
+  const auto result =
+      static_cast<int>(::pread(fd.get(), room.data, static_cast<size_t>(room.count), offset));
+  if (result == -1) {
+    LOG_ERROR("file_read failed res: %d, fd = %d errno: %s\n", result, fd.get(), TakeError(err));
+    return 0;  // where a failed write gives -1: kept
+  }
+  return result;
+}
+
+int FileManagerLinux::Deliverable(int fd, int64_t offset, int count) {
+  struct stat st {};
+  if (count <= 0) return count;
+  if (offset < 0) return 0;
+  int64_t left = kUnknownSize;
+  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) {
+    left = std::max<int64_t>(st.st_size - offset, 0);
+  }
+  return static_cast<int>(std::min<int64_t>(left, count));
+}
+
+int FileManagerLinux::UdiskWriteFile(const char* path, const void* buf, int64_t offset, int count,
+                                     uint32_t* err) {
+  const Descriptor fd(::open(path, O_WRONLY | kOpenFlags));
+  if (!fd.ok()) {
+    LOG_ERROR("write file fail errno:%s \n", TakeError(err));
+    return 0;
+  }
+  const auto result = static_cast<int>(::pwrite(fd.get(), buf, static_cast<size_t>(count), offset));
+  if (result == -1) {
+    LOG_ERROR("pwrite failed res: %d, fd = %d errno: %s\n", result, fd.get(), TakeError(err));
+  }
+  return result;
+}
+
+int FileManagerLinux::UdiskFlushFile(const char* /*path*/) { return -1; }
+
+int FileManagerLinux::UdiskTruncate(const char* path, int64_t length) {
+  const int result = ::truncate(path, length);
+  if (result == -1) {
+    LOG_ERROR("truncate failed offset:%lld errno: %s\n", static_cast<long long>(length),
+              std::strerror(errno));
+  }
+  return result;
+}
+
+int FileManagerLinux::UdiskFsync(const char* path) {
+  const Descriptor fd(::open(path, O_RDWR | kOpenFlags));
+  return fd.ok() ? ::fsync(fd.get()) : -1;
+}
+
+int FileManagerLinux::UdiskFlush(const char* /*path*/) { return 0; }
+
+int FileManagerLinux::UdiskRelease(const char* path) {
+  UdiskFsync(path);
+  return 0;
+}
+
+// ---- Attributes ----
+
+int FileManagerLinux::set_stat(const struct stat* from, udisk_stat* out) {
+  *out = udisk_stat{
+      .st_dev = static_cast<int32_t>(from->st_dev),
+      .st_ino = from->st_ino,
+      .st_nlink = static_cast<uint16_t>(from->st_nlink),
+      .st_size = from->st_size,
+      .st_rdev = static_cast<int32_t>(from->st_rdev),
+      .st_blocks = from->st_blocks,
+      .st_blksize = static_cast<int32_t>(from->st_blksize),
+      .st_atim = ToTimespec(from->st_atim),
+      .st_mtim = ToTimespec(from->st_mtim),
+      .st_ctim = ToTimespec(from->st_ctim),
+      .st_mode = static_cast<uint16_t>(from->st_mode),
+      .st_uid = from->st_uid,
+      .st_gid = from->st_gid,
+      .st_reserved = 0,
+  };
+  return 0;
+}
+
+int FileManagerLinux::UdiskGetFileInformation(const char* path, udisk_stat* out) {
+  struct stat st {};
+  const int result = ::lstat(path, &st);
+  if (result == 0) {
+    set_stat(&st, out);
+  } else {
+    LOG_ERROR(" lstat failed errno: %s", std::strerror(errno));
+  }
+  return result;
+}
+
+int FileManagerLinux::UdiskGetXattr(const char* /*path*/) { return -1; }
+
+int FileManagerLinux::UdiskFileChmod(const char* path, int mode) {
+  return ::chmod(path, Mode16(mode));
+}
+
+int FileManagerLinux::UdiskFileChown(const char* path, int uid, int gid) {
+  return ::chown(path, static_cast<uid_t>(uid), static_cast<gid_t>(gid));
+}
+
+int FileManagerLinux::set_statvfs(const struct statvfs* from, udisk_statvfs* out) {
+  *out = udisk_statvfs{
+      .f_bsize = from->f_bsize,
+      .f_frsize = from->f_frsize,
+      .f_blocks = from->f_blocks,
+      .f_bfree = from->f_bfree,
+      .f_bavail = from->f_bavail,
+      .f_files = from->f_files,
+      .f_ffree = from->f_ffree,
+      .f_favail = from->f_favail,
+      .f_fsid = from->f_fsid,
+      .f_flag = from->f_flag,
+      .f_namemax = from->f_namemax,
+      .f_spare = {},
+  };
+  return 0;
+}
+
+int FileManagerLinux::UdiskGetStatvfs(const char* path, udisk_statvfs* out) {
+  struct statvfs vfs {};
+  struct statfs fs {};
+  ::statvfs(path, &vfs);
+  ::statfs(path, &fs);
+  set_statvfs(&vfs, out);
+  // The counts pass through 32 bits, so a very large disk shows small: kept.
+  out->f_bsize = static_cast<uint64_t>(fs.f_bsize);
+  out->f_blocks = static_cast<uint32_t>(fs.f_blocks);
+  out->f_bfree = static_cast<uint32_t>(fs.f_bfree);
+  out->f_bavail = static_cast<uint32_t>(fs.f_bavail);
+  return 0;
+}
+
+// ---- Directories and names ----
+
+int FileManagerLinux::UdiskMakeDir(const char* path, int mode, short make_last) {
+  if (path == nullptr) return 0;
+  const std::unique_ptr<char, FreeDeleter> copy(::strdup(path));
+  if (copy == nullptr) return 0;
+  char* const text = copy.get();
+  // From 1, so that a leading slash makes nothing.
+  for (size_t i = 1; text[0] != '\0' && text[i] != '\0'; ++i) {
+    if (text[i] != '/' && text[i] != '\\') continue;
+    text[i] = '\0';
+    LOG_DEBUG("pszDir:%s\n", text);
+    if (!IsDirectory(text) && ::mkdir(text, Mode16(mode)) != 0) return -1;
+    text[i] = '/';
+  }
+  if (make_last != 0 && !IsDirectory(text)) return ::mkdir(text, Mode16(mode));
+  return 0;
+}
+
+int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
+  const std::unique_ptr<DIR, DirCloser> dir(::opendir(path));
+  if (dir == nullptr) {
+    LOG_ERROR("dir_read opendir failed errno: %s", std::strerror(errno));
+    return -1;
+  }
+  // First pass: the size of one exact allocation.
+  uint32_t count = 0;
+  uint32_t buf_len = 1;  // the spare byte
+  while (const dirent* entry = NextEntry(dir.get())) {
+    ++count;
+    buf_len += static_cast<uint32_t>(sizeof(udisk_dir_entry) + std::strlen(entry->d_name) + 1);
+  }
+  ::rewinddir(dir.get());
+  auto* const buf = static_cast<uint8_t*>(g_try_malloc0(buf_len));  // g_malloc0 would abort
+  if (buf == nullptr) return -1;
+
+  // Second pass. A directory that grew meanwhile is cut at the end of the buffer.
+  std::string full = std::string(path) + '/';
+  const size_t prefix = full.size();
+  struct stat st {
+  };  // deliberately outlives an entry: one whose lstat fails carries the last one's
+  uint8_t* at = buf;
+  const uint8_t* const end = buf + buf_len - 1;
+  for (uint32_t i = 0; i < count; ++i) {
+    const dirent* entry = NextEntry(dir.get());
+    if (entry == nullptr) break;
+    const size_t name_len = std::strlen(entry->d_name) + 1;
+    if (static_cast<size_t>(end - at) < sizeof(udisk_dir_entry) + name_len) break;
+    full.resize(prefix);
+    full += entry->d_name;
+    ::lstat(full.c_str(), &st);
+    udisk_dir_entry head{};
+    set_stat(&st, &head.attributes);
+    head.name_len = static_cast<uint16_t>(name_len);
+    std::memcpy(at, &head, sizeof head);
+    std::memcpy(at + sizeof head, entry->d_name, name_len);
+    at += sizeof head + name_len;
+  }
+  *out = {.entry_count = count, .buf_len = buf_len, .buf = buf};
+  return 0;
+}
+
+int FileManagerLinux::UdiskDeleteDirectory(const char* path) { return ::rmdir(path); }
+int FileManagerLinux::UdiskLink(const char* existing, const char* path) {
+  return ::link(existing, path);
+}
+int FileManagerLinux::UdiskUnlink(const char* path) { return ::unlink(path); }
+
+int FileManagerLinux::UdiskRename(const char* from, const char* to) {
+  const int result = ::rename(from, to);
+  LOG_DEBUG("rename return res:%d\n", result);
+  return result;
+}
+
+}  // namespace cpd
