@@ -1,0 +1,222 @@
+// The operator: serves the requests of one redirected disk.
+#pragma once
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "cpd/driver_obj.h"
+#include "udisk_log.h"
+#include "wire.h"
+
+namespace cpd {
+
+class CpdDevice;
+class CpdPacket;
+class FileManagerLinux;
+
+/// Wall-clock milliseconds.
+uint64_t getCurrentTime();
+
+/// A byte budget that is refilled every millisecond; whoever overdraws it by 32 ms or more sleeps.
+/// All times are wall-clock milliseconds, all amounts bytes. One thread at a time.
+struct TokenBucket {
+  int64_t tokens = 0;             ///< the budget; negative = a debt
+  int64_t capacity = 0;           ///< upper bound of tokens
+  int64_t refillPerMs = 0;        ///< 0 = not configured yet
+  int64_t lastRefillMs = 0;       ///< 0 = never
+  uint32_t bw = 0;                ///< kbps that the rate was computed from
+  int64_t lastSummaryMs = 0;      ///< start of the summary period; 0 = none yet
+  int64_t summaryStartBytes = 0;  ///< totalBytes at that time
+  int64_t totalBytes = 0;         ///< ever consumed
+  int64_t calls = 0;              ///< in this period, as are the next three
+  int64_t sleeps = 0;
+  int64_t carries = 0;
+  int64_t totalSlept = 0;
+
+  /// Derives the rate from `kbps`; tokens and the time of the last refill stay.
+  void updateRate(uint32_t kbps) {
+    if (kbps == bw) return;
+    // The logged refill is kbps / 8 also where the stored one is raised to 1: kept.
+    LOG_DEBUG("[TokenBucket] updateRate: %u kbps -> refillPerMs=%lld, oldBw=%u", kbps,
+              static_cast<long long>(kbps >> 3), bw);
+    bw = kbps;
+    refillPerMs = kbps < 8 ? 1 : kbps >> 3;
+    capacity = std::max<int64_t>(refillPerMs * kBurstMs, kMinBurst);
+  }
+
+  /// Charges `bytes`; sleeps a debt of 32 ms or more off, carries a smaller one.
+  void consume(uint32_t bytes) {
+    if (refillPerMs < 1) return;
+    const auto now = static_cast<int64_t>(getCurrentTime());
+    if (lastRefillMs < 1) {
+      tokens = capacity;
+    } else if (now > lastRefillMs) {
+      refill(now - lastRefillMs);
+    }
+    lastRefillMs = now;
+    tokens -= bytes;
+    totalBytes += bytes;
+    ++calls;
+    if (tokens < 0) {
+      const int64_t wait_ms = (refillPerMs - tokens - 1) / refillPerMs;
+      if (wait_ms < kMinSleepMs) {
+        ++carries;
+        return;
+      }
+      sleepOff(wait_ms);
+    }
+    summarize(now);
+  }
+
+ private:
+  static constexpr int64_t kBurstMs = 200;
+  static constexpr int64_t kMinBurst = 0x40000;
+  static constexpr int64_t kMinSleepMs = 32;
+  static constexpr int64_t kSummaryMs = 5000;
+  /// Far above any budget, far below an overflow: what a jump of the clock is cut to.
+  static constexpr int64_t kMostBytes = int64_t{1} << 60;
+
+  void refill(int64_t elapsed_ms) {
+    int64_t gained = 0;
+    if (__builtin_mul_overflow(refillPerMs, elapsed_ms, &gained) || gained > kMostBytes ||
+        gained < -kMostBytes) {
+      gained = elapsed_ms < 0 ? -kMostBytes : kMostBytes;
+    }
+    tokens = std::min(std::max(tokens, -kMostBytes) + gained, capacity);
+  }
+
+  void sleepOff(int64_t wait_ms) {
+    ++sleeps;
+    const auto begin = static_cast<int64_t>(getCurrentTime());
+    usleep(static_cast<uint32_t>(wait_ms) * 1000U);
+    const auto end = static_cast<int64_t>(getCurrentTime());
+    refill(end - lastRefillMs);  // also when the clock went back: kept
+    lastRefillMs = end;
+    totalSlept += end - begin;
+  }
+
+  void summarize(int64_t now) {
+    if (now - lastSummaryMs < kSummaryMs) return;
+    if (lastSummaryMs >= 1) {
+      const int64_t throughput =
+          (totalBytes - summaryStartBytes) * 1000 / (now - lastSummaryMs) / 1024;
+      LOG_DEBUG(
+          "[TokenBucket] SUMMARY: throughput=%lldKB/s calls=%lld sleeps=%lld carries=%lld "
+          "totalSlept=%lldms bw=%ukbps tokens=%lld refillPerMs=%lld",
+          static_cast<long long>(throughput), static_cast<long long>(calls),
+          static_cast<long long>(sleeps), static_cast<long long>(carries),
+          static_cast<long long>(totalSlept), bw, static_cast<long long>(tokens),
+          static_cast<long long>(refillPerMs));
+    }
+    lastSummaryMs = now;
+    summaryStartBytes = totalBytes;
+    calls = sleeps = carries = totalSlept = 0;
+  }
+};
+
+/// A volume that the disk shows.
+struct VolumeRecord {
+  char label[256];     ///< without a terminator when it is 256 bytes long
+  udisk_statvfs stat;  ///< as of the last refresh
+};
+static_assert(sizeof(VolumeRecord) == 368);
+
+/// Which of the two bulk reads asks for pacing; they apply the freshness rules in opposite order.
+enum class BulkRead { kFile, kSmallFiles };
+
+/// Serves one disk: resolves request paths under the local mount point, runs the handlers, holds
+/// the throttle. Request handlers run on the driver's worker thread, one at a time; SetRootPath,
+/// BusEventHandle, TraceCpdDevice and the virtual operations may run on other threads meanwhile.
+class UDiskOperator : public UdiskOperatorInf {
+ public:
+  /// Chooses the throttle mode from the environment. @param device  not owned; may be null
+  explicit UDiskOperator(CpdDevice* device);
+  ~UDiskOperator() override;
+  UDiskOperator(const UDiskOperator&) = delete;
+  UDiskOperator& operator=(const UDiskOperator&) = delete;
+
+  int GetCID() override;
+  int GetVid() override;
+  int GetPid() override;
+  std::string GetDrvName() override;  ///< deliberately the remote mount point
+  int GetDeviceId() override;
+  void Stop() override;
+  std::string GetRemoteMountPoint() override;
+  std::string GetLocalMountPoint() override;
+
+  /// Hands a request to its handler; unknown commands are dropped. Worker thread only. @return 0
+  int EventHandle(std::unique_ptr<CpdPacket> packet);
+  /// Takes an announced bandwidth. Any thread. @return 0
+  int BusEventHandle(const std::shared_ptr<CpdPacket>& packet);
+  /// Sets the mount point to `letter` followed by `label` and adds a volume; with a null argument,
+  /// or more than 255 bytes together, clears both. Any thread. @return 0; -1 when cleared
+  int SetRootPath(const char* letter, const char* label);
+  /// Hands a trace record to the host; dropped when the device is gone. Any thread.
+  /// @param path   detail of the record; empty = none
+  /// @param extra  not used
+  void TraceCpdDevice(std::string event, CpdDevice* device, bool success, std::string message,
+                      const std::string& path, const std::string& extra);
+
+  /// Paces a bulk read of `bytes` to the announced bandwidth, by sleeping. Worker thread only.
+  void throttleRead(uint32_t bytes, BulkRead kind = BulkRead::kFile);
+
+  /// Request handlers, in the order of their commands.
+  /// @param header_length  room for the reply's packet header
+  /// @return SendPacket's result, or -1 when no reply is sent
+  int64_t mount_remote(unsigned char header_length, CpdPacket* request);
+  int64_t umount_remote(unsigned char header_length, CpdPacket* request);
+  int64_t get_file_attr(unsigned char header_length, CpdPacket* request);
+  int64_t file_read(unsigned char header_length, CpdPacket* request);
+  int64_t dir_read(unsigned char header_length, CpdPacket* request);
+  int64_t get_xattr(unsigned char header_length, CpdPacket* request);
+  int64_t get_statvfs(unsigned char header_length, CpdPacket* request);
+  int64_t check_dir(unsigned char header_length, CpdPacket* request);
+  int64_t mount_response(unsigned char header_length, CpdPacket* request);
+
+  /// Whether two listings of so many packed entries show the same names, sizes and modification
+  /// seconds. Both must walk cleanly. @return 1 = the same, 0 = different
+  int compare_cache(int cache_count, int dir_count, const void* cached, const void* current);
+
+  // ---- State ----
+
+  CpdDevice* mDevice;
+  std::unique_ptr<FileManagerLinux> mFileManager;
+  char mMountPoint[256] = "/media/";                  // guarded by mLock
+  std::string mMountDrive;                            // guarded by mLock
+  std::list<std::shared_ptr<VolumeRecord>> mVolumes;  // guarded by mLock
+  int64_t lastWriteEnd = 0;                           ///< end of the latest write; nothing reads it
+  int32_t modified = 0;  ///< free space may have changed since get_statvfs last refreshed
+
+  std::atomic<uint32_t> readBwKbps = 0;     ///< 0 = unthrottled
+  std::atomic<int64_t> lastReadMs = 0;      ///< start of the last file_read
+  std::atomic<int64_t> lastBwUpdateMs = 0;  ///< when readBwKbps was last announced or forced
+  std::atomic<int64_t> lastBwTraceMs = 0;
+  std::atomic<int64_t> bwEventMs = 0;
+  TokenBucket tokenBucket;
+  bool legacyThrottle = true;
+  int32_t forceBw = 0;          ///< kbps from the environment; 0 = none
+  uint32_t legacyBytes = 0;     ///< bytes in the current legacy period
+  int64_t legacyOverrunMs = 0;  ///< by how much the last legacy period was too long
+  std::list<void*> mReservedLists[2];
+
+ private:
+  std::string CopyMountPoint();
+  std::list<std::shared_ptr<VolumeRecord>> CopyVolumes();
+  void throttleLegacy(uint32_t bytes, BulkRead kind);
+  /// Traces a read or write of a file that the host's path filter matches. @return whether it does
+  bool TraceFile(const char* event, bool success, const char* text, const std::string& path,
+                 const char* function = __builtin_FUNCTION(), int line = __builtin_LINE());
+  int64_t Send(std::unique_ptr<CpdPacket> reply);
+
+  std::mutex mLock;
+};
+
+}  // namespace cpd

@@ -1,0 +1,57 @@
+// Building a reply: addressed like its request, filled piece by piece.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string_view>
+#include <type_traits>
+
+#include "cpd/packet.h"
+
+namespace cpd {
+
+/// Out of memory leaves a reply without a packet to send; appending to it does nothing.
+class Reply {
+ public:
+  /// @param header_length  room for the packet header
+  /// @param payload_size   room for the payload; more than fits grows as CpdPacket does
+  Reply(const CpdPacket* request, unsigned char header_length, size_t payload_size)
+      : packet_(std::make_unique<CpdPacket>(header_length + payload_size)) {
+    const CpdPacketHeader& header = *request->header;
+    packet_->InitHeader(header.devId, header.cmd, header.requestId);
+  }
+
+  Reply& Append(std::string_view bytes) {
+    packet_->AppendPayload(bytes.data(), static_cast<uint32_t>(bytes.size()));
+    return *this;
+  }
+  template <class Record>
+  requires std::is_trivially_copyable_v<Record> &&
+      (alignof(Record) == 1) Reply& Append(const Record& record) {
+    return Append(std::string_view(reinterpret_cast<const char*>(&record), sizeof record));
+  }
+
+  /// Room inside the buffer, `offset` bytes into the payload; null without memory.
+  [[nodiscard]] uint8_t* Room(size_t offset) {
+    uint8_t* payload = packet_->GetPayload();
+    return payload == nullptr || packet_->header == nullptr ? nullptr : payload + offset;
+  }
+  /// Counts `size` bytes as appended that were put into the room behind what is there, and gives
+  /// the rest of the buffer back.
+  void Commit(uint32_t size) {
+    if (packet_->header == nullptr) return;
+    const uint32_t length = packet_->header->packetLen + size;
+    packet_->header->packetLen = length;
+    packet_->buffer->Shrink(length);
+    packet_->header = reinterpret_cast<CpdPacketHeader*>(packet_->buffer->data);
+  }
+
+  /// The size of the packet's buffer.
+  [[nodiscard]] int capacity() const { return static_cast<int>(packet_->buffer->capacity); }
+  std::unique_ptr<CpdPacket> Take() { return std::move(packet_); }
+
+ private:
+  std::unique_ptr<CpdPacket> packet_;
+};
+
+}  // namespace cpd
