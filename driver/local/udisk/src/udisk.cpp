@@ -1,0 +1,201 @@
+#include "udisk.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <system_error>
+
+#include "cpd/device.h"
+#include "cpd/packet.h"
+#include "operator.h"
+#include "service.h"
+#include "udisk_log.h"
+
+namespace cpd {
+
+// ---- Life ----
+
+CpdDriver* udisk_open(CpdDevice* device, const std::string& policy) {
+  LOG_DEBUG("client udisk open\n");
+  try {
+    auto driver = std::make_unique<UDiskDriver>(device, policy.c_str());
+    if (driver->Init() != -1) return driver.release();
+  } catch (const std::exception&) {  // no thread or no memory: none of it passes to the host
+  }
+  LOG_ERROR("udisk_open Init failed");
+  return nullptr;
+}
+
+UDiskDriver::UDiskDriver(CpdDevice* device, const char* policy) : mDevice(device) {
+  if (policy != nullptr) std::snprintf(mPolicy, sizeof mPolicy, "%s", policy);
+}
+
+UDiskDriver::~UDiskDriver() { mDevice = nullptr; }
+
+int UDiskDriver::Init() {
+  LOG_DEBUG("client udisk init\n");
+  mOperator = std::make_shared<UDiskOperator>(mDevice);
+  mStop = false;
+  mAbandoned = false;
+  mQueue = g_queue_new();
+  if (mQueue == nullptr) {
+    mOperator.reset();
+    return -1;
+  }
+  try {
+    mWorker = std::make_unique<std::thread>(&UDiskDriver::DataEventHandle, this);
+  } catch (const std::system_error& error) {
+    ReleaseQueue();
+    mOperator.reset();
+    throw std::system_error(error.code(), "thread constructor failed");
+  }
+  LOG_DEBUG("client udisk init service\n");
+  mService = std::make_unique<UDiskService>(mDevice, mOperator.get());
+  if (mService->StartLoop() == -1) {
+    mService.reset();
+    // By a signal of its own: the stop flag stays clear on this way out.
+    {
+      const std::lock_guard lock(mMutex);
+      mAbandoned = true;
+    }
+    JoinWorker();
+    ReleaseQueue();
+    mOperator.reset();
+    return -1;
+  }
+  mOperator->TraceCpdDevice("UDISK_DRIVER_OPEN", mDevice, true, "udisk driver open success", "",
+                            "");
+  LOG_DEBUG("client udisk init success\n");
+  return 0;
+}
+
+int UDiskDriver::Close(signed char /*reason*/) {
+  LOG_DEBUG("udisk client close\n");
+  if (mService != nullptr) {
+    mService->StopLoop();
+    mService.reset();
+  }
+  if (mWorker != nullptr) {
+    mStop = true;
+    JoinWorker();
+  }
+  ReleaseQueue();
+  if (auto udisk_operator = CopyOperator(); udisk_operator != nullptr) {
+    udisk_operator->TraceCpdDevice("UDISK_DRIVER_CLOSE", mDevice, true,
+                                   "udisk driver close success", "", "");
+    const std::lock_guard lock(mMutex);
+    mOperator.reset();  // this copy, or a bus event in flight, is the last holder
+  }
+  LOG_DEBUG("udisk client close out\n");
+  return 0;
+}
+
+void UDiskDriver::JoinWorker() {
+  {
+    const std::lock_guard lock(mMutex);  // else the worker could miss it between look and wait
+    mWake.notify_one();
+  }
+  mWorker->join();
+  mWorker.reset();
+}
+
+void UDiskDriver::ReleaseQueue() {
+  const std::lock_guard lock(mMutex);
+  if (mQueue != nullptr) g_queue_free(mQueue);  // empty: the worker was its last user
+  mQueue = nullptr;
+}
+
+std::shared_ptr<UDiskOperator> UDiskDriver::CopyOperator() {
+  const std::lock_guard lock(mMutex);
+  return mOperator;
+}
+
+// ---- Worker ----
+
+namespace {
+
+std::unique_ptr<CpdPacket> PopHead(GQueue* queue) {
+  return std::unique_ptr<CpdPacket>(static_cast<CpdPacket*>(g_queue_pop_head(queue)));
+}
+
+}  // namespace
+
+void UDiskDriver::DataEventHandle() {
+  std::unique_lock lock(mMutex);
+  for (;;) {
+    if (g_queue_is_empty(mQueue) && !mStop && !mAbandoned) {
+      mWake.wait_for(lock, std::chrono::seconds(1));
+    }
+    if (mStop || mAbandoned) {
+      while (!g_queue_is_empty(mQueue)) PopHead(mQueue);
+      return;
+    }
+    if (g_queue_is_empty(mQueue)) continue;
+    std::unique_ptr<CpdPacket> packet = PopHead(mQueue);
+    lock.unlock();
+    mOperator->EventHandle(std::move(packet));
+    lock.lock();
+  }
+}
+
+// ---- What the host calls ----
+
+int UDiskDriver::onEvent(std::unique_ptr<CpdPacket> packet, int /*flags*/) {
+  if (packet == nullptr) return -1;
+  const int own_id = mDevice->GetDevId();
+  const int packet_id = packet->header != nullptr ? packet->header->devId : 0;
+  if (own_id != packet_id) {
+    LOG_ERROR("this packet is other device myDevId: %d, DevId: %d\n", own_id, packet_id);
+    return -1;
+  }
+  const std::lock_guard lock(mMutex);
+  if (mQueue == nullptr || mStop) return 0;  // closing or not open: dropped
+  g_queue_push_tail(mQueue, packet.release());
+  mWake.notify_one();
+  return 0;
+}
+
+int UDiskDriver::GetState() { return 0; }
+
+int UDiskDriver::onBusEvent(std::shared_ptr<CpdPacket> packet) {
+  const auto udisk_operator = CopyOperator();
+  if (udisk_operator != nullptr) udisk_operator->BusEventHandle(packet);
+  return 0;
+}
+
+int UDiskDriver::onPolicyChange(const std::string& policy) {
+  const std::lock_guard lock(mMutex);
+  std::snprintf(mPolicy, sizeof mPolicy, "%s", policy.c_str());
+  return 0;
+}
+
+int UDiskDriver::Control(void* /*request*/, uint16_t* status) {
+  constexpr uint16_t kNotSupported = 0x1506;
+  *status = kNotSupported;
+  return -1;
+}
+
+std::string UDiskDriver::GetDriverKind() { return "RawDrv"; }
+
+std::shared_ptr<DriverObj> UDiskDriver::GetDriverObj() { return CopyOperator(); }
+
+// ---- Beside the driver interface ----
+
+int UDiskDriver::OnEvent(signed char devId, int /*event*/, unsigned char* /*data*/, int /*len*/) {
+  if (mDevice->GetDevId() == devId) return 0;
+  LOG_ERROR("this msg is invalid\n");
+  return -1;
+}
+
+int UDiskDriver::policy_setting(const char* /*policy*/) { return 0; }
+
+}  // namespace cpd
+
+const cpd::CpdDriverModule CPD_DRV_MODULE = {
+    .open = &cpd::udisk_open,
+    .reserved = nullptr,
+    .version = 2,
+    .any = {0xFFFF, 0xFFFF},
+    .name = "udisk-redir",
+};
