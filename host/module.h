@@ -1,0 +1,37 @@
+// A driver module: loading it, opening and closing its drivers.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "cpd/device.h"
+#include "cpd/driver.h"
+
+namespace cpd::host {
+
+/// A driver is closed before it is destroyed.
+struct CloseDriver {
+  void operator()(CpdDriver* driver) const;
+};
+using Driver = std::unique_ptr<CpdDriver, CloseDriver>;
+
+/// A loaded module. Outlives the drivers that it opened.
+class Module {
+ public:
+  /// @param path  empty = lib/udisk-redir.so beside this program's bin directory
+  /// @throws std::runtime_error when it cannot be loaded or is not the expected module
+  explicit Module(const std::string& path);
+
+  /// @throws std::runtime_error when the module refuses
+  [[nodiscard]] Driver Open(CpdDevice* device, const std::string& policy) const;
+
+ private:
+  struct Unload {
+    void operator()(void* handle) const;
+  };
+
+  std::unique_ptr<void, Unload> handle_;
+  const CpdDriverModule* descriptor_;
+};
+
+}  // namespace cpd::host

@@ -1,0 +1,168 @@
+#include "remote_files.h"
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <type_traits>
+#include <utility>
+
+#include "host_device.h"
+#include "session.h"
+
+namespace cpd::host {
+namespace {
+
+template <class Head>
+std::unique_ptr<CpdPacket> Request(uint16_t command, const Head& head, std::string_view path,
+                                   std::string_view name = {}) {
+  auto request =
+      std::make_unique<CpdPacket>(CPD_PACKET_HEADER_SIZE + sizeof head + path.size() + name.size());
+  request->InitHeader(HostDevice::kId, command, 0);
+  request->AppendPayload(&head, sizeof head);
+  request->AppendPayload(path.data(), static_cast<uint32_t>(path.size()));
+  request->AppendPayload(name.data(), static_cast<uint32_t>(name.size()));
+  return request;
+}
+
+/// Reads records and bytes off the front of a text. Nothing is taken when too little is left.
+class Reader {
+ public:
+  explicit Reader(std::string_view text) : left_(text) {}
+  /// The payload of a reply; of no reply, nothing.
+  explicit Reader(const CpdPacket* reply) {
+    if (reply == nullptr || reply->header->packetLen > reply->buffer->capacity) return;
+    left_ = {reinterpret_cast<const char*>(reply->buffer->data), reply->header->packetLen};
+    left_.remove_prefix(CPD_PACKET_HEADER_SIZE);
+  }
+
+  template <class Record>
+  std::optional<Record> Take() {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    const auto bytes = TakeBytes(sizeof(Record));
+    if (!bytes) return std::nullopt;
+    Record record;
+    std::memcpy(&record, bytes->data(), sizeof record);
+    return record;
+  }
+
+  std::optional<std::string_view> TakeBytes(size_t count) {
+    if (count > left_.size()) return std::nullopt;
+    const auto bytes = left_.substr(0, count);
+    left_.remove_prefix(count);
+    return bytes;
+  }
+
+ private:
+  std::string_view left_;
+};
+
+/// Walks a listing by its length: its count of entries wraps at 65536. Entries that vanished while
+/// the directory was read leave zeros at the end.
+std::optional<std::vector<Listing::Entry>> Entries(std::string_view listing) {
+  std::vector<Listing::Entry> entries;
+  Reader in(listing);
+  while (const auto entry = in.Take<udisk_dir_entry>()) {
+    if (entry->name_len == 0) break;
+    const auto name = in.TakeBytes(entry->name_len);
+    // One NUL, at the end, and no separator: a name that can be shown.
+    if (!name || name->size() < 2 || name->find('\0') != name->size() - 1 ||
+        name->find('/') != std::string_view::npos) {
+      return std::nullopt;
+    }
+    entries.push_back({entry->attributes, name->substr(0, name->size() - 1)});
+  }
+  return entries;
+}
+
+template <class Length>
+bool Fits(std::string_view text) {
+  return text.size() <= std::numeric_limits<Length>::max();
+}
+
+}  // namespace
+
+void RemoteFiles::GetAttributes(const std::string& path, Done<udisk_stat> done) {
+  FileAttrHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return done({.error = ENAMETOOLONG});
+  head.path_length = static_cast<uint16_t>(path.size());
+  session_.Ask(Request(kGetFileAttr, head, path),
+               [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+                 Reader in(reply.get());
+                 const auto answer = in.Take<FileAttrHead>();
+                 if (!answer || !in.TakeBytes(answer->path_length)) return done({.error = EIO});
+                 if (answer->attr_length == 0) return done({.error = ENOENT});
+                 const auto attributes = in.Take<udisk_stat>();
+                 if (!attributes) return done({.error = EIO});
+                 done({.value = *attributes});
+               });
+}
+
+void RemoteFiles::List(const std::string& path, Done<Listing> done) {
+  DirHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return done({.error = ENAMETOOLONG});
+  head.path_length = static_cast<uint16_t>(path.size());
+  session_.Ask(Request(kDirRead, head, path),
+               [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+                 Reader in(reply.get());
+                 const auto answer = in.Take<DirHead>();
+                 if (!answer || !in.TakeBytes(answer->path_length)) return done({.error = EIO});
+                 const auto listing = in.TakeBytes(answer->buf_len);
+                 // A directory that was opened lists at least itself.
+                 if (!listing || listing->empty()) return done({.error = EIO});
+                 auto entries = Entries(*listing);
+                 if (!entries) return done({.error = EIO});
+                 done({.value = {.entries = std::move(*entries), .reply = std::move(reply)}});
+               });
+}
+
+void RemoteFiles::Read(const std::string& path, int64_t offset, uint32_t size,
+                       Done<FileData> done) {
+  ReadHead head{};
+  head.offset = offset;
+  head.size = size;
+  head.path_length = static_cast<uint32_t>(path.size());
+  session_.Ask(Request(kFileRead, head, path),
+               [size, done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+                 Reader in(reply.get());
+                 const auto answer = in.Take<ReadHead>();
+                 if (!answer || answer->size > size || !in.TakeBytes(answer->path_length)) {
+                   return done({.error = EIO});
+                 }
+                 const auto bytes = in.TakeBytes(answer->size);
+                 if (!bytes) return done({.error = EIO});
+                 done({.value = {.bytes = *bytes, .reply = std::move(reply)}});
+               });
+}
+
+void RemoteFiles::GetStatistics(const std::string& path, Done<udisk_statvfs> done) {
+  StatvfsHead head{};
+  head.path_length = static_cast<uint32_t>(path.size());
+  session_.Ask(Request(kGetStatvfs, head, path),
+               [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+                 Reader in(reply.get());
+                 const auto answer = in.Take<StatvfsHead>();
+                 if (!answer || !in.TakeBytes(answer->path_length)) return done({.error = EIO});
+                 // Of several volumes, the first.
+                 const auto statistics = in.Take<udisk_statvfs>();
+                 if (!statistics) return done({.error = EIO});
+                 done({.value = *statistics});
+               });
+}
+
+void RemoteFiles::HasExtendedAttribute(const std::string& path, const std::string& name,
+                                       Done<bool> done) {
+  XattrHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return done({.error = ENAMETOOLONG});
+  if (!Fits<decltype(head.name_length)>(name)) return done({.error = ERANGE});
+  head.path_length = static_cast<uint16_t>(path.size());
+  head.name_length = static_cast<uint16_t>(name.size());
+  session_.Ask(Request(kGetXattr, head, path, name),
+               [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+                 const auto answer = Reader(reply.get()).Take<XattrHead>();
+                 if (!answer) return done({.error = EIO});
+                 done({.value = answer->value_length > 0});
+               });
+}
+
+}  // namespace cpd::host
