@@ -1,0 +1,143 @@
+// The host as tests see it: it records what a driver says to it and answers as a test wants.
+// Everything here may be called from any thread.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cpd/device.h"
+#include "support/requests.h"
+
+namespace cpd::test {
+
+/// Far longer than anything takes that a test waits for.
+inline constexpr std::chrono::seconds kPatience{20};
+
+// ---- Log ----
+
+inline constexpr int kDebug = 5;
+inline constexpr int kError = 7;
+
+/// A line: `file function(line): "word" "message"`.
+struct LogLine {
+  int channel = 0;
+  int level = 0;
+  std::string tag;
+  std::string raw;  ///< the whole line
+
+  std::string file;  ///< empty, like the next four, when the line has another shape
+  std::string function;
+  int line = 0;
+  std::string word;
+  std::string message;  ///< without its quotes; an escape is two characters
+};
+
+class LogRecorder {
+ public:
+  void Add(int channel, int level, const char* tag, std::string raw);
+  void Clear();
+  [[nodiscard]] std::vector<LogLine> Lines() const;
+  /// The messages of a level (all levels without one), in order.
+  [[nodiscard]] std::vector<std::string> Messages(std::optional<int> level = std::nullopt) const;
+  [[nodiscard]] size_t Count(int level, const std::string& message) const;
+  [[nodiscard]] bool Has(int level, const std::string& message) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<LogLine> lines_;
+};
+
+/// What went to tesselLogPrint.
+LogRecorder& Log();
+/// How often the tracer was asked for.
+int TracerCalls();
+
+// ---- Device ----
+
+struct Trace {
+  std::string id;
+  std::optional<std::string> detail;  ///< set by TraceEventDetail only
+  std::string event;
+  std::map<std::string, std::string> fields;
+};
+
+/// Matches the paths of a set, or those for which a predicate holds.
+class FakeFilter : public CpdPathFilter {
+ public:
+  explicit FakeFilter(std::vector<std::string> paths);
+  explicit FakeFilter(std::function<bool(const std::string&)> matches);
+  std::shared_ptr<CpdPathMatch> MatchPath(const std::string& path) override;
+
+ private:
+  std::function<bool(const std::string&)> matches_;
+};
+
+class FakeBase : public CpdDeviceBase {
+ public:
+  std::string GetDeviceParams() override;
+  void TraceEvent(const std::string& id, const std::string& event,
+                  const std::map<std::string, std::string>& fields) override;
+  void TraceEventDetail(const std::string& id, const std::string& detail, const std::string& event,
+                        const std::map<std::string, std::string>& fields) override;
+  std::shared_ptr<CpdPathFilter> GetPathFilter() override;
+
+  void SetParams(std::string params);
+  void SetFilter(std::shared_ptr<CpdPathFilter> filter);
+  [[nodiscard]] std::vector<Trace> Traces() const;
+  /// The traces of one event, its prefix included.
+  [[nodiscard]] std::vector<Trace> Traces(const std::string& event) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::string params_;
+  std::shared_ptr<CpdPathFilter> filter_;
+  std::vector<Trace> traces_;
+};
+
+class FakeDevice : public CpdDevice {
+ public:
+  std::shared_ptr<CpdDeviceBase> getDevBase() override;
+  int GetDevId() override;
+  int SendPacket(std::unique_ptr<CpdPacket> packet, int flags) override;
+  void ReportReadFail(const std::string& path) override;
+
+  /// The device's base, also after it was dropped.
+  [[nodiscard]] FakeBase& base() const { return *base_; }
+  void SetId(int id);
+  /// From now on getDevBase answers null, after `more` further answers that it still gives.
+  void DropBase(int more = 0);
+  void SetSendResult(int result);
+  /// Keeps the packets that it is sent, or leaves them with the sender (the default).
+  void KeepPackets(bool keep);
+  /// Called within SendPacket, on the sender's thread, without a lock held.
+  void OnSend(std::function<void(const SentPacket&)> action);
+
+  [[nodiscard]] std::vector<SentPacket> Sent() const;
+  /// Sent packets so far; forgets them.
+  std::vector<SentPacket> TakeSent();
+  /// @return whether `count` packets are there before patience ends
+  [[nodiscard]] bool WaitForPackets(size_t count) const;
+  [[nodiscard]] std::vector<std::string> ReportedReadFails() const;
+
+ private:
+  const std::shared_ptr<FakeBase> base_ = std::make_shared<FakeBase>();
+  mutable std::mutex mutex_;
+  mutable std::condition_variable sent_something_;
+  int id_ = kDeviceId;
+  std::optional<int> base_answers_left_;
+  int send_result_ = 0;
+  bool keep_packets_ = false;
+  std::function<void(const SentPacket&)> on_send_;
+  std::vector<SentPacket> sent_;
+  std::vector<std::unique_ptr<CpdPacket>> kept_;
+  std::vector<std::string> reported_read_fails_;
+};
+
+}  // namespace cpd::test
