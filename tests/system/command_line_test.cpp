@@ -1,0 +1,165 @@
+// What `cpd-host mount` accepts, refuses and writes.
+#include <fcntl.h>
+#include <json/json.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "mounted_disk.h"
+
+namespace system_test {
+namespace fs = std::filesystem;
+
+namespace {
+
+using CommandLine = MountTest;
+using ReadOnly = MountTest;
+using Traces = MountTest;
+
+/// Runs `cpd-host mount` with arguments that it must refuse.
+void ExpectRefused(const std::string& arguments, const std::string& reason = "") {
+  const TempDir place;
+  const auto refused =
+      Shell(std::string(CPD_HOST) + " mount " + arguments + " >" + (place / "out"), kHang);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(std::count(refused.output.begin(), refused.output.end(), '\n'), 1) << refused.output;
+  EXPECT_NE(refused.output.find(reason), std::string::npos) << refused.output;
+}
+
+TEST_F(CommandLine, AMissingDiskIsRefused) {
+  const TempDir mount_point;
+  ExpectRefused((disk / "missing") + " " + mount_point.path(), disk / "missing");
+  EXPECT_FALSE(IsMounted(mount_point.path()));
+}
+
+TEST_F(CommandLine, AFileAsDiskIsRefused) {
+  const TempDir mount_point;
+  WriteFile(disk / "file", "");
+  ExpectRefused((disk / "file") + " " + mount_point.path(), disk / "file");
+}
+
+TEST_F(CommandLine, AMissingMountPointIsRefused) {
+  ExpectRefused(disk.path() + " " + (disk / "missing"), disk / "missing");
+}
+
+TEST_F(CommandLine, AMissingModuleIsRefused) {
+  const TempDir mount_point;
+  ExpectRefused(disk.path() + " " + mount_point.path() + " --module " + (disk / "none.so"),
+                disk / "none.so");
+  EXPECT_FALSE(IsMounted(mount_point.path()));
+}
+
+TEST_F(CommandLine, ALibraryThatIsNoDriverModuleIsRefused) {
+  const TempDir mount_point;
+  ExpectRefused(disk.path() + " " + mount_point.path() + " --module " NO_DRIVER_MODULE,
+                "CPD_DRV_MODULE");
+  EXPECT_FALSE(IsMounted(mount_point.path()));
+}
+
+TEST_F(CommandLine, AMountPointInUseIsRefused) {
+  const TempDir second_disk;
+  WriteFile(disk / "first", "");
+  MountedDisk mounted(disk.path());
+  ExpectRefused(second_disk.path() + " " + mounted.path(), mounted.path());
+  EXPECT_TRUE(fs::exists(mounted / "first"));
+}
+
+TEST_F(CommandLine, ADiskWhosePathIsTooLongIsRefused) {
+  const TempDir mount_point;
+  const auto deep = disk / std::string(200, 'a') + "/" + std::string(200, 'b');
+  fs::create_directories(deep);
+  ExpectRefused(deep + " " + mount_point.path());
+  EXPECT_FALSE(IsMounted(mount_point.path()));
+}
+
+TEST_F(CommandLine, ADiskWhosePathHoldsBlanksAndQuotesIsMounted) {
+  const auto odd = disk / "my \"disk\" \\ it's";
+  fs::create_directory(odd);
+  WriteFile(odd + "/file", "content");
+  MountedDisk mounted(odd);
+  EXPECT_EQ(ReadFile(mounted / "file"), "content");
+}
+
+TEST_F(CommandLine, ARelativeDiskIsMounted) {
+  WriteFile(disk / "file", "content");
+  const auto relative = fs::relative(disk.path()).string();
+  ASSERT_NE(relative.front(), '/');
+  MountedDisk mounted(relative);
+  EXPECT_EQ(ReadFile(mounted / "file"), "content");
+}
+
+TEST_F(CommandLine, ANameAndALabelWithQuotesAndBlanksReachTheModuleAsTheyAre) {
+  const TempDir place;
+  WriteFile(disk / "file", "content");
+  for (const auto& text : {std::string("Photos"), std::string("a \"b\" 'c' \\ d, {e}: \u00fc")}) {
+    MountedDisk mounted(disk.path(), {"--name", "name " + text, "--label", "label " + text, "--log",
+                                      place / "log", "--log-level", "debug"});
+    EXPECT_EQ(ReadFile(mounted / "file"), "content") << text;
+    EXPECT_EQ(mounted.Unmount().status, 0) << text;
+    const auto log = ReadFile(place / "log");
+    EXPECT_NE(log.find("client udisk mount tmpLabel: name " + text + ","), log.npos) << log;
+    EXPECT_NE(log.find(", label: label " + text + ", drive: "), log.npos) << log;
+  }
+}
+
+TEST_F(ReadOnly, DiskRefusesEveryChange) {
+  WriteFile(disk / "file", "content");
+  fs::create_directory(disk / "directory");
+  MountedDisk mounted(disk.path(), {"--read-only"});
+  const auto file = mounted / "file";
+  const auto refused = [](int result) { return result == -1 && errno == EROFS; };
+  EXPECT_TRUE(refused(open(file.c_str(), O_WRONLY | O_CLOEXEC)));
+  EXPECT_TRUE(refused(open((mounted / "new").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644)));
+  EXPECT_TRUE(refused(truncate(file.c_str(), 0)));
+  EXPECT_TRUE(refused(chmod(file.c_str(), 0600)));
+  EXPECT_TRUE(refused(chown(file.c_str(), 0, 0)));
+  EXPECT_TRUE(refused(utimes(file.c_str(), nullptr)));
+  EXPECT_TRUE(refused(unlink(file.c_str())));
+  EXPECT_TRUE(refused(rename(file.c_str(), (mounted / "renamed").c_str())));
+  EXPECT_TRUE(refused(link(file.c_str(), (mounted / "linked").c_str())));
+  EXPECT_TRUE(refused(symlink("file", (mounted / "pointing").c_str())));
+  EXPECT_TRUE(refused(mkdir((mounted / "made").c_str(), 0755)));
+  EXPECT_TRUE(refused(rmdir((mounted / "directory").c_str())));
+  EXPECT_EQ(ReadFile(disk / "file"), "content");
+  EXPECT_EQ(Shell("ls " + disk.path()).output, "directory\nfile\n");
+}
+
+TEST_F(ReadOnly, DiskIsReadAsEver) {
+  WriteFile(disk / "file", Bytes(300'000));
+  MountedDisk mounted(disk.path(), {"--read-only"});
+  EXPECT_EQ(ReadFile(mounted / "file"), Bytes(300'000));
+}
+
+TEST_F(Traces, AreOneJsonObjectALineFromOpenToClose) {
+  const TempDir place;
+  WriteFile(disk / "file", "content");
+  MountedDisk mounted(disk.path(), {"--trace", place / "trace"});
+  EXPECT_EQ(ReadFile(mounted / "file"), "content");
+  EXPECT_EQ(mounted.Unmount().status, 0);
+
+  std::ifstream trace(place / "trace");
+  std::vector<std::string> events;
+  for (std::string line; std::getline(trace, line);) {
+    Json::Value object;
+    std::istringstream text(line);
+    ASSERT_NO_THROW(text >> object) << line;
+    ASSERT_TRUE(object.isObject()) << line;
+    events.push_back(object["event"].asString());
+  }
+  const auto place_of = [&](const std::string& event) {
+    return std::find(events.begin(), events.end(), event) - events.begin();
+  };
+  ASSERT_LT(place_of("LOCAL_UDISK_DRIVER_OPEN"), events.size());
+  ASSERT_LT(place_of("LOCAL_DEVICE_OPEN"), events.size());
+  ASSERT_FALSE(events.empty());
+  EXPECT_EQ(events.back(), "LOCAL_UDISK_DRIVER_CLOSE");
+}
+
+}  // namespace
+}  // namespace system_test

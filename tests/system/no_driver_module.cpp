@@ -1,0 +1,1 @@
+// A library without the descriptor that makes it a driver module.

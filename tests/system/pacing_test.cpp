@@ -1,0 +1,115 @@
+// The time that reads take at an announced bandwidth, against what the pacing methods compute.
+// Reads bypass the page cache, so that each one is exactly one request of its own size.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "mounted_disk.h"
+
+namespace system_test {
+namespace {
+
+constexpr int kKbps = 8000;
+constexpr size_t kRequest = 65536;
+constexpr size_t kMegabyte = 1024 * 1024;
+
+using Pacing = MountTest;
+
+/// Reads a file of `size` bytes, a request at a time. @return the seconds that it took
+double SecondsToRead(const std::string& path, size_t size) {
+  const int fd = open(path.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC);
+  EXPECT_GE(fd, 0) << path;
+  const std::unique_ptr<void, decltype(&free)> buffer(aligned_alloc(4096, kRequest), &free);
+  const auto start = std::chrono::steady_clock::now();
+  size_t total = 0;
+  for (ssize_t n = 1; total < size && n > 0; total += n) n = read(fd, buffer.get(), kRequest);
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ(total, size);
+  close(fd);
+  return took.count();
+}
+
+/// A period of half a second has an allowance of 512 ms of data. The request that uses it up sleeps
+/// the period out and counts into the next one.
+double LegacySeconds(size_t size) {
+  const size_t allowance = kKbps / 8 * 512;
+  size_t counted = 0;
+  double seconds = 0;
+  for (size_t at = 0; at < size; at += kRequest) {
+    counted += kRequest;
+    if (counted < allowance) continue;
+    seconds += 0.5;
+    counted = kRequest;
+  }
+  return seconds;
+}
+
+/// The bucket starts full and is refilled with a bandwidth's worth of bytes.
+double TokenBucketSeconds(size_t size) {
+  const double capacity = 256 * 1024;
+  return (size - capacity) / (kKbps / 8 * 1000.0);
+}
+
+class PacedDisk {
+ public:
+  PacedDisk(const TempDir& disk, size_t size, const std::map<std::string, std::string>& environment)
+      : mSize(size) {
+    WriteFile(disk / "big", Bytes(size));
+    mMounted.emplace(disk.path(), std::vector<std::string>{"--bandwidth", std::to_string(kKbps)},
+                     environment);
+  }
+  double SecondsToRead() { return system_test::SecondsToRead(*mMounted / "big", mSize); }
+
+ private:
+  size_t mSize;
+  std::optional<MountedDisk> mMounted;
+};
+
+void ExpectWithinATenth(double took, double computed) {
+  EXPECT_GE(took, computed * 0.9);
+  EXPECT_LE(took, computed * 1.1);
+}
+
+TEST_F(Pacing, ByPeriodsTakesTheTimeThatItsAllowanceGives) {
+  PacedDisk paced(disk, 4 * kMegabyte, {});
+  ExpectWithinATenth(paced.SecondsToRead(), LegacySeconds(4 * kMegabyte));
+}
+
+TEST_F(Pacing, ByTokenBucketTakesTheTimeThatItsRateGives) {
+  PacedDisk paced(disk, 6 * kMegabyte, {{"TESSEL_CPD_CLIENT_THROTTLE_LEGACY", "0"}});
+  ExpectWithinATenth(paced.SecondsToRead(), TokenBucketSeconds(6 * kMegabyte));
+}
+
+TEST_F(Pacing, OfTwentyMegabytesByPeriodsTakesTheTimeThatItsAllowanceGives) {
+  PacedDisk paced(disk, 20 * kMegabyte, {});
+  ExpectWithinATenth(paced.SecondsToRead(), LegacySeconds(20 * kMegabyte));
+}
+
+TEST_F(Pacing, OfTwentyMegabytesByTokenBucketTakesTheTimeThatItsRateGives) {
+  PacedDisk paced(disk, 20 * kMegabyte, {{"TESSEL_CPD_CLIENT_THROTTLE_LEGACY", "0"}});
+  ExpectWithinATenth(paced.SecondsToRead(), TokenBucketSeconds(20 * kMegabyte));
+}
+
+TEST_F(Pacing, IsOffWithoutABandwidth) {
+  WriteFile(disk / "big", Bytes(20 * kMegabyte));
+  MountedDisk mounted(disk.path());
+  // A twentieth of the paced time would still be slower than the slowest machine.
+  EXPECT_LT(SecondsToRead(mounted / "big", 20 * kMegabyte), 5);
+}
+
+TEST_F(Pacing, AtAForcedBandwidthNeedsNoAnnouncement) {
+  WriteFile(disk / "big", Bytes(2 * kMegabyte));
+  MountedDisk mounted(disk.path(), {}, {{"TESSEL_CPD_CLIENT_FORCE_BW", std::to_string(kKbps)}});
+  ExpectWithinATenth(SecondsToRead(mounted / "big", 2 * kMegabyte), LegacySeconds(2 * kMegabyte));
+}
+
+TEST_F(Pacing, StaysOnAfterFiveIdleSecondsBecauseTheHostKeepsTheBandwidthFresh) {
+  PacedDisk paced(disk, 2 * kMegabyte, {});
+  std::this_thread::sleep_for(6s);
+  ExpectWithinATenth(paced.SecondsToRead(), LegacySeconds(2 * kMegabyte));
+}
+
+}  // namespace
+}  // namespace system_test
