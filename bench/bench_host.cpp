@@ -1,0 +1,89 @@
+#include "bench_host.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <stdexcept>
+#include <utility>
+
+#include "cpd/log.h"
+#include "cpd/tracer.h"
+#include "support/requests.h"
+#include "udisk.h"
+
+// ---- What a driver module calls by name ----
+
+extern "C" void tesselLogPrint(int /*channel*/, int level, const char* /*tag*/, const char* format,
+                               ...) {
+  constexpr int kError = 7;
+  if (level < kError) return;
+  va_list arguments;
+  va_start(arguments, format);
+  std::vfprintf(stderr, format, arguments);
+  va_end(arguments);
+  std::fputc('\n', stderr);
+}
+
+namespace cpd {
+
+CpdTracer* CpdTracer::GetInstance() {
+  static CpdTracer tracer;
+  return &tracer;
+}
+
+}  // namespace cpd
+
+namespace cpd::bench {
+
+// ---- Device ----
+
+namespace {
+
+class BenchBase : public CpdDeviceBase {
+ public:
+  explicit BenchBase(const std::string& root)
+      : params_(R"({"letter":")" + root + R"(","label":"","name":"bench","readOnly":0})") {}
+
+  std::string GetDeviceParams() override { return params_; }
+  void TraceEvent(const std::string& /*id*/, const std::string& /*event*/,
+                  const std::map<std::string, std::string>& /*fields*/) override {}
+  void TraceEventDetail(const std::string& /*id*/, const std::string& /*detail*/,
+                        const std::string& /*event*/,
+                        const std::map<std::string, std::string>& /*fields*/) override {}
+  std::shared_ptr<CpdPathFilter> GetPathFilter() override { return nullptr; }
+
+ private:
+  std::string params_;
+};
+
+}  // namespace
+
+BenchDevice::BenchDevice(const std::string& root) : base_(std::make_shared<BenchBase>(root)) {}
+
+int BenchDevice::GetDevId() { return test::kDeviceId; }
+
+int BenchDevice::SendPacket(std::unique_ptr<CpdPacket> packet, int /*flags*/) {
+  sent_.Put(std::move(packet));
+  return 0;
+}
+
+void BenchDevice::ReportReadFail(const std::string& /*path*/) {}
+
+// ---- Driver ----
+
+BenchDriver::BenchDriver(const std::string& root)
+    : device_(root), driver_(udisk_open(&device_, "")) {
+  if (driver_ == nullptr) throw std::runtime_error("the driver does not open");
+  while (TakeReply()->header->cmd != kMountRemote) {  // the last of what a driver says at its start
+  }
+}
+
+BenchDriver::~BenchDriver() { driver_->Close(0); }
+
+void BenchDriver::Send(std::unique_ptr<CpdPacket> request) {
+  driver_->onEvent(std::move(request), 0);
+}
+
+void BenchDriver::Send(std::string_view request) { Send(test::PacketOf(request)); }
+
+}  // namespace cpd::bench

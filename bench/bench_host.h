@@ -1,0 +1,53 @@
+// The cheapest host that a driver can have: log lines below errors are dropped, nothing is traced,
+// replies go to the thread that measures.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "cpd/device.h"
+#include "cpd/driver.h"
+#include "cpd/packet.h"
+#include "handover.h"
+
+namespace cpd::bench {
+
+class BenchDevice : public CpdDevice {
+ public:
+  /// @param root  the disk's local path
+  explicit BenchDevice(const std::string& root);
+
+  std::shared_ptr<CpdDeviceBase> getDevBase() override { return base_; }
+  int GetDevId() override;
+  int SendPacket(std::unique_ptr<CpdPacket> packet, int flags) override;
+  void ReportReadFail(const std::string& path) override;
+
+  /// The next packet that the driver sent; waits for it.
+  std::unique_ptr<CpdPacket> Take() { return sent_.Take(); }
+
+ private:
+  std::shared_ptr<CpdDeviceBase> base_;
+  Handover<std::unique_ptr<CpdPacket>> sent_;
+};
+
+/// An open driver that has announced its disk.
+class BenchDriver {
+ public:
+  explicit BenchDriver(const std::string& root);
+  ~BenchDriver();
+  BenchDriver(const BenchDriver&) = delete;
+  BenchDriver& operator=(const BenchDriver&) = delete;
+
+  /// Queues a request.
+  void Send(std::unique_ptr<CpdPacket> request);
+  /// The same, given as the bytes that travel.
+  void Send(std::string_view request);
+  std::unique_ptr<CpdPacket> TakeReply() { return device_.Take(); }
+
+ private:
+  BenchDevice device_;
+  std::unique_ptr<CpdDriver> driver_;
+};
+
+}  // namespace cpd::bench

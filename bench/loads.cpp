@@ -1,0 +1,354 @@
+#include "loads.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "bench_host.h"
+#include "file_manager_linux.h"
+#include "handover.h"
+#include "operator.h"
+#include "support/requests.h"
+
+namespace cpd::bench {
+
+namespace {
+
+constexpr int kAttributeFiles = 10'000;
+
+void Expect(bool holds, const char* what) {
+  if (!holds) throw std::runtime_error(std::string("benchmark: ") + what);
+}
+
+double ProcessorSeconds() {
+  struct timespec now {};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+template <class Work>
+Seconds SecondsOf(const Work& work) {
+  const auto begin = std::chrono::steady_clock::now();
+  const double processor_begin = ProcessorSeconds();
+  work();
+  const double processor = ProcessorSeconds() - processor_begin;
+  return {std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(),
+          processor};
+}
+
+/// Keeps `outstanding` operations under way until all are answered.
+template <class Send, class Await>
+Seconds SecondsOfLoop(int operations, int outstanding, const Send& send, const Await& await) {
+  return SecondsOf([&] {
+    const int ahead = std::min(outstanding, operations);
+    for (int i = 0; i < ahead; ++i) send();
+    for (int done = 0; done < operations; ++done) {
+      await();
+      if (done + ahead < operations) send();
+    }
+  });
+}
+
+/// Offsets that walk through the big file again and again.
+class OffsetWalk {
+ public:
+  explicit OffsetWalk(size_t bytes) : bytes_(bytes) {}
+  int64_t Next() {
+    const size_t offset = at_;
+    at_ += bytes_;
+    if (at_ + bytes_ > SampleDisk::kBigFileSize) at_ = 0;
+    return static_cast<int64_t>(offset);
+  }
+
+ private:
+  size_t bytes_;
+  size_t at_ = 0;
+};
+
+std::vector<std::string> AttributePaths(SampleDisk& disk) {
+  const std::string directory = disk.Directory(kAttributeFiles);
+  std::vector<std::string> paths;
+  for (int i = 0; i < kAttributeFiles; ++i) {
+    paths.push_back(directory + "/" + SampleDisk::FileName(i));
+  }
+  return paths;
+}
+
+}  // namespace
+
+// ---- Limit ----
+
+namespace {
+
+struct FreeDeleter {
+  void operator()(void* block) const { std::free(block); }
+};
+
+/// A heap block that travels.
+struct Block {
+  int64_t offset;
+  const char* path;
+  char bytes[];
+};
+using BlockPtr = std::unique_ptr<Block, FreeDeleter>;
+
+BlockPtr MakeBlock(const char* path, int64_t offset, size_t bytes) {
+  BlockPtr block(static_cast<Block*>(std::malloc(sizeof(Block) + bytes)));
+  Expect(block != nullptr, "out of memory");
+  block->offset = offset;
+  block->path = path;
+  return block;
+}
+
+class Limit {
+ public:
+  Limit(SampleDisk& disk, size_t bytes)
+      : bytes_(bytes), offsets_(bytes), paths_{disk.root() + disk.big_file()} {
+    if (bytes_ == 0) {
+      paths_ = AttributePaths(disk);
+      for (std::string& path : paths_) path.insert(0, disk.root());
+    }
+    worker_ = std::thread([this] { Work(); });
+  }
+  ~Limit() {
+    requests_.Put(nullptr);
+    worker_.join();
+  }
+  Limit(const Limit&) = delete;
+  Limit& operator=(const Limit&) = delete;
+
+  void Send() {
+    constexpr size_t kRequestBytes = 64;
+    const std::string& path = paths_[next_++ % paths_.size()];
+    requests_.Put(MakeBlock(path.c_str(), offsets_.Next(), kRequestBytes));
+  }
+  void Await() { Expect(replies_.Take() != nullptr, "a bare call failed"); }
+
+ private:
+  void Work() {
+    while (const BlockPtr request = requests_.Take()) {
+      replies_.Put(bytes_ == 0 ? Attributes(*request) : Data(*request));
+    }
+  }
+
+  static BlockPtr Attributes(const Block& request) {
+    struct stat st {};
+    if (::lstat(request.path, &st) != 0) return nullptr;
+    BlockPtr reply = MakeBlock(request.path, 0, sizeof st);
+    std::memcpy(reply->bytes, &st, sizeof st);
+    return reply;
+  }
+
+  [[nodiscard]] BlockPtr Data(const Block& request) const {
+    BlockPtr reply = MakeBlock(request.path, request.offset, bytes_);
+    const int fd = ::open(request.path, O_RDONLY | O_CLOEXEC);
+    const ssize_t got = ::pread(fd, reply->bytes, bytes_, request.offset);
+    ::close(fd);
+    return got == static_cast<ssize_t>(bytes_) ? std::move(reply) : nullptr;
+  }
+
+  size_t bytes_;
+  OffsetWalk offsets_;
+  std::vector<std::string> paths_;
+  size_t next_ = 0;
+  Handover<BlockPtr> requests_;
+  Handover<BlockPtr> replies_;
+  std::thread worker_;
+};
+
+}  // namespace
+
+Load LimitLoop(SampleDisk& disk, size_t bytes, int outstanding) {
+  return [limit = std::make_shared<Limit>(disk, bytes), outstanding](int operations) {
+    return SecondsOfLoop(
+        operations, outstanding, [&] { limit->Send(); }, [&] { limit->Await(); });
+  };
+}
+
+// ---- Module ----
+
+namespace {
+
+class Module {
+ public:
+  Module(SampleDisk& disk, size_t bytes) : bytes_(bytes), offsets_(bytes), driver_(disk.root()) {
+    if (bytes_ == 0) {
+      for (const std::string& path : AttributePaths(disk)) {
+        requests_.push_back(test::Request(test::AttrRequest{.path = path}).Bytes());
+      }
+    } else {
+      const auto size = static_cast<uint32_t>(bytes);
+      requests_.push_back(
+          test::Request(test::ReadRequest{.path = disk.big_file(), .size = size}).Bytes());
+    }
+  }
+
+  void Send() {
+    std::string& request = requests_[next_++ % requests_.size()];
+    if (bytes_ != 0) {
+      const int64_t offset = offsets_.Next();
+      std::memcpy(request.data() + CPD_PACKET_HEADER_SIZE + offsetof(ReadHead, offset), &offset,
+                  sizeof offset);
+    }
+    driver_.Send(request);
+  }
+  void Await() {
+    const size_t result = bytes_ == 0 ? sizeof(udisk_stat) : bytes_;
+    Expect(driver_.TakeReply()->header->packetLen > result, "a request failed");
+  }
+
+ private:
+  size_t bytes_;
+  OffsetWalk offsets_;
+  std::vector<std::string> requests_;
+  size_t next_ = 0;
+  BenchDriver driver_;
+};
+
+}  // namespace
+
+Load ModuleLoop(SampleDisk& disk, size_t bytes, int outstanding) {
+  return [module = std::make_shared<Module>(disk, bytes), outstanding](int operations) {
+    return SecondsOfLoop(
+        operations, outstanding, [&] { module->Send(); }, [&] { module->Await(); });
+  };
+}
+
+// ---- Directories ----
+
+namespace {
+
+struct DirCloser {
+  void operator()(DIR* dir) const { ::closedir(dir); }
+};
+
+/// Sends requests to a directory one at a time. An attribute request behind each proves that it is
+/// done, as a check that finds nothing changed has no reply.
+class Directories {
+ public:
+  explicit Directories(SampleDisk& disk)
+      : driver_(disk.root()), probe_(test::Request(test::AttrRequest{.path = "/"}).Bytes()) {}
+
+  /// Building the request is the remote side's work and not counted.
+  Seconds Measure(int operations, const test::Request& request, bool replied) {
+    const std::string bytes = request.Bytes();
+    Seconds sum;
+    for (int i = 0; i < operations; ++i) {
+      auto packet = test::PacketOf(bytes);
+      const Seconds seconds = SecondsOf([&] {
+        driver_.Send(std::move(packet));
+        driver_.Send(probe_);
+        if (replied) Expect(driver_.TakeReply()->header->cmd == request.cmd, "no listing came");
+        Expect(driver_.TakeReply()->header->cmd == kGetFileAttr, "an unexpected reply came");
+      });
+      sum.elapsed += seconds.elapsed;
+      sum.processor += seconds.processor;
+    }
+    return sum;
+  }
+
+  /// The listing of a directory, by a request.
+  test::DirReply List(const std::string& path) {
+    driver_.Send(test::Request(test::DirReadRequest{.path = path}).Bytes());
+    return test::DirReply::Decode(test::SentPacket(*driver_.TakeReply()));
+  }
+
+ private:
+  BenchDriver driver_;
+  std::string probe_;
+};
+
+/// A listing as the file layer makes it.
+std::shared_ptr<_UDISK_DIR_ATTR> List(const std::string& path) {
+  std::shared_ptr<_UDISK_DIR_ATTR> listing(new _UDISK_DIR_ATTR{}, [](_UDISK_DIR_ATTR* made) {
+    std::free(made->buf);
+    delete made;
+  });
+  Expect(FileManagerLinux().UdiskReadDir(path.c_str(), listing.get()) == 0, "no listing");
+  return listing;
+}
+
+}  // namespace
+
+Load BareWalk(SampleDisk& disk, int files) {
+  return [path = disk.root() + disk.Directory(files)](int operations) {
+    return SecondsOf([&] {
+      for (int i = 0; i < operations; ++i) {
+        const std::unique_ptr<DIR, DirCloser> dir(::opendir(path.c_str()));
+        Expect(dir != nullptr, "opendir failed");
+        while (::readdir(dir.get()) != nullptr) {
+        }
+        ::rewinddir(dir.get());
+        std::string entry_path = path + "/";
+        const size_t prefix = entry_path.size();
+        struct stat st {};
+        while (const dirent* entry = ::readdir(dir.get())) {
+          entry_path.replace(prefix, std::string::npos, entry->d_name);
+          Expect(::lstat(entry_path.c_str(), &st) == 0, "lstat failed");
+        }
+      }
+    });
+  };
+}
+
+Load DirRead(SampleDisk& disk, int files) {
+  return [directories = std::make_shared<Directories>(disk),
+          path = disk.Directory(files)](int operations) {
+    return directories->Measure(operations, test::DirReadRequest{.path = path}, true);
+  };
+}
+
+Load DirCheck(SampleDisk& disk, int files) {
+  auto directories = std::make_shared<Directories>(disk);
+  const std::string path = disk.Directory(files);
+  const test::DirReply known = directories->List(path);
+  return
+      [directories, request = test::Request(test::CheckDirRequest{
+                        .path = path, .cached = known.listing, .cached_count = known.entry_count})](
+          int operations) { return directories->Measure(operations, request, false); };
+}
+
+Load ListAndCompare(SampleDisk& disk, int files) {
+  const std::string path = disk.root() + disk.Directory(files);
+  return
+      [path, known = List(path), judge = std::make_shared<UDiskOperator>(nullptr)](int operations) {
+        return SecondsOf([&] {
+          for (int i = 0; i < operations; ++i) {
+            const auto now = List(path);
+            const auto count = static_cast<int>(known->entry_count);
+            Expect(judge->compare_cache(count, static_cast<int>(now->entry_count), known->buf,
+                                        now->buf) == 1,
+                   "the directory changed");
+          }
+        });
+      };
+}
+
+Load Compare(SampleDisk& disk, int files) {
+  const std::string path = disk.root() + disk.Directory(files);
+  return [known = List(path), now = List(path),
+          judge = std::make_shared<UDiskOperator>(nullptr)](int operations) {
+    return SecondsOf([&] {
+      const auto count = static_cast<int>(known->entry_count);
+      for (int i = 0; i < operations; ++i) {
+        Expect(judge->compare_cache(count, count, known->buf, now->buf) == 1, "listings differ");
+      }
+    });
+  };
+}
+
+}  // namespace cpd::bench

@@ -1,0 +1,154 @@
+#include "ratios.h"
+
+#include <sched.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <vector>
+
+#include "loads.h"
+
+namespace cpd::bench {
+
+namespace {
+
+/// Keeps this thread, and those it makes, on one core.
+class PinnedToOneCore {
+ public:
+  explicit PinnedToOneCore(bool pinned) {
+    sched_getaffinity(0, sizeof before_, &before_);
+    if (!pinned) return;
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<size_t>(sched_getcpu()), &one);
+    sched_setaffinity(0, sizeof one, &one);
+  }
+  ~PinnedToOneCore() { sched_setaffinity(0, sizeof before_, &before_); }
+  PinnedToOneCore(const PinnedToOneCore&) = delete;
+  PinnedToOneCore& operator=(const PinnedToOneCore&) = delete;
+
+ private:
+  cpu_set_t before_{};
+};
+
+struct Row {
+  std::string name;
+  int operations;  ///< a turn; enough for a tenth of a second and more
+  std::function<Load()> make_base;
+  std::function<Load()> make_compared;
+  enum Kind { kShareOfTheBasesRate, kTimesTheBasesTime } kind;
+  double bound;          ///< the least share, the most times
+  bool one_core = true;  ///< pinned; only where nothing is to happen side by side
+};
+
+std::vector<Row> Rows(SampleDisk& disk) {
+  std::vector<Row> rows;
+  struct FileRow {
+    const char* name;
+    size_t bytes;
+    int operations;
+    double bound;
+  };
+  for (const FileRow& row : {FileRow{"get_file_attr", 0, 60'000, 0.75},
+                             {"file_read of 4 KiB", 4 << 10, 50'000, 0.8},
+                             {"file_read of 64 KiB", 64 << 10, 15'000, 0.9},
+                             {"file_read of 256 KiB", 256 << 10, 3'000, 0.9},
+                             {"file_read of 1 MiB", 1 << 20, 1'000, 0.9}}) {
+    for (const int outstanding : {32, 1}) {
+      const bool alone = outstanding == 1;
+      rows.push_back(
+          {.name =
+               std::string(row.name) + (alone ? ", 1 outstanding, one core" : ", 32 outstanding"),
+           .operations = alone ? row.operations / 2 : row.operations,
+           .make_base = [&disk, bytes = row.bytes,
+                         outstanding] { return LimitLoop(disk, bytes, outstanding); },
+           .make_compared = [&disk, bytes = row.bytes,
+                             outstanding] { return ModuleLoop(disk, bytes, outstanding); },
+           .kind = Row::kShareOfTheBasesRate,
+           .bound = alone ? 0.9 : row.bound,
+           .one_core = alone});
+    }
+  }
+  constexpr int kMany = 10'000;
+  constexpr int kVeryMany = 100'000;
+  rows.push_back({.name = "dir_read of 10 000 files, against the bare walk",
+                  .operations = 10,
+                  .make_base = [&disk] { return BareWalk(disk, kMany); },
+                  .make_compared = [&disk] { return DirRead(disk, kMany); },
+                  .kind = Row::kShareOfTheBasesRate,
+                  .bound = 0.9});
+  rows.push_back({.name = "check_dir of 10 000 unchanged files, against dir_read",
+                  .operations = 10,
+                  .make_base = [&disk] { return DirRead(disk, kMany); },
+                  .make_compared = [&disk] { return DirCheck(disk, kMany); },
+                  .kind = Row::kTimesTheBasesTime,
+                  .bound = 2});
+  rows.push_back({.name = "listing and comparison of 100 000 files, against 10 000",
+                  .operations = 1,
+                  .make_base = [&disk] { return ListAndCompare(disk, kMany); },
+                  .make_compared = [&disk] { return ListAndCompare(disk, kVeryMany); },
+                  .kind = Row::kTimesTheBasesTime,
+                  .bound = 12});
+  rows.push_back({.name = "comparison alone of 100 000 entries, against 10 000",
+                  .operations = 5,
+                  .make_base = [&disk] { return Compare(disk, kMany); },
+                  .make_compared = [&disk] { return Compare(disk, kVeryMany); },
+                  .kind = Row::kTimesTheBasesTime,
+                  .bound = 12});
+  return rows;
+}
+
+double Median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+/// On one core the processor's time is the time that passes, less what other programs take.
+double Time(const Row& row, const Load& load) {
+  const Seconds seconds = load(row.operations);
+  return row.one_core ? seconds.processor : seconds.elapsed;
+}
+
+bool PrintRow(const Row& row, int turns) {
+  const PinnedToOneCore pinned(row.one_core);
+  const Load base = row.make_base();
+  const Load compared = row.make_compared();
+  base(row.operations);  // warms caches and heap
+  compared(row.operations);
+  std::vector<double> base_rates;
+  std::vector<double> rates;
+  std::vector<double> ratios;
+  for (int i = 0; i < turns; ++i) {
+    const double base_seconds = Time(row, base);
+    const double seconds = Time(row, compared);
+    base_rates.push_back(row.operations / base_seconds);
+    rates.push_back(row.operations / seconds);
+    ratios.push_back(row.kind == Row::kShareOfTheBasesRate ? base_seconds / seconds
+                                                           : seconds / base_seconds);
+  }
+  const double ratio = Median(ratios);
+  const auto [least, most] = std::minmax_element(ratios.begin(), ratios.end());
+  const bool share = row.kind == Row::kShareOfTheBasesRate;
+  const bool ok = share ? ratio >= row.bound : ratio <= row.bound;
+  std::printf("| %s | %.4g | %.4g | **%.2f** | %.2f–%.2f | %s %g | %s |\n", row.name.c_str(),
+              Median(base_rates), Median(rates), ratio, *least, *most, share ? "≥" : "≤", row.bound,
+              ok ? "ok" : (share ? "below" : "above"));
+  std::fflush(stdout);
+  return ok;
+}
+
+}  // namespace
+
+bool PrintRatios(SampleDisk& disk, int turns, const std::string& filter) {
+  std::puts("| what | base, a second | measured, a second | ratio | range | bound | |");
+  std::puts("|---|--:|--:|--:|--:|--:|---|");
+  bool all_ok = true;
+  for (const Row& row : Rows(disk)) {
+    if (row.name.find(filter) != std::string::npos) all_ok &= PrintRow(row, turns);
+  }
+  return all_ok;
+}
+
+}  // namespace cpd::bench

@@ -1,0 +1,122 @@
+// udisk_bench [Google Benchmark options]   rates of every load
+// udisk_bench --ratios [TURNS [FILTER]]    the driver against the machine's limit; 1 = out of
+// bounds udisk_bench --memory                     resident memory over a million requests
+// udisk_bench --reads N                    N unpaced reads of 4 KiB, for counting system calls
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "loads.h"
+#include "ratios.h"
+#include "sample_disk.h"
+
+namespace cpd::bench {
+namespace {
+
+void RegisterLoad(const std::string& name, int operations, std::function<Load()> make) {
+  benchmark::RegisterBenchmark(name.c_str(),
+                               [operations, make = std::move(make)](benchmark::State& state) {
+                                 const Load load = make();
+                                 load(operations);  // warms caches and heap
+                                 for (auto _ : state)
+                                   state.SetIterationTime(load(operations).elapsed);
+                                 state.SetItemsProcessed(state.iterations() * operations);
+                               })
+      ->UseManualTime()
+      ->Unit(benchmark::kMillisecond);
+}
+
+void RegisterLoads(SampleDisk& disk) {
+  for (const size_t bytes :
+       {size_t{0}, size_t{4} << 10, size_t{64} << 10, size_t{256} << 10, size_t{1} << 20}) {
+    const std::string what =
+        bytes == 0 ? "get_file_attr" : "file_read/" + std::to_string(bytes >> 10) + "KiB";
+    for (const int outstanding : {32, 1}) {
+      const int operations = bytes <= (64 << 10) ? 2000 : 200;
+      const std::string how = "/outstanding:" + std::to_string(outstanding);
+      RegisterLoad(what + how + "/limit", operations,
+                   [&disk, bytes, outstanding] { return LimitLoop(disk, bytes, outstanding); });
+      RegisterLoad(what + how + "/module", operations,
+                   [&disk, bytes, outstanding] { return ModuleLoop(disk, bytes, outstanding); });
+    }
+  }
+  for (const int files : {100, 10'000}) {
+    const std::string how = "/" + std::to_string(files);
+    RegisterLoad("bare_walk" + how, 1, [&disk, files] { return BareWalk(disk, files); });
+    RegisterLoad("dir_read" + how, 1, [&disk, files] { return DirRead(disk, files); });
+    RegisterLoad("check_dir" + how, 1, [&disk, files] { return DirCheck(disk, files); });
+  }
+  for (const int files : {10'000, 100'000}) {
+    RegisterLoad("compare_cache/" + std::to_string(files), 1,
+                 [&disk, files] { return Compare(disk, files); });
+  }
+}
+
+int ResidentKiB() {
+  std::ifstream status("/proc/self/status");
+  for (std::string key; status >> key;) {
+    if (int value = 0; key == "VmRSS:" && status >> value) return value;
+  }
+  return 0;
+}
+
+/// Prints resident memory at every hundred thousand of a million mixed requests.
+void PrintMemory(SampleDisk& disk) {
+  constexpr int kStep = 100'000;
+  constexpr int kOutstanding = 32;
+  const Load attributes = ModuleLoop(disk, 0, kOutstanding);
+  const Load small_reads = ModuleLoop(disk, 4 << 10, kOutstanding);
+  const Load large_reads = ModuleLoop(disk, 1 << 20, kOutstanding);
+  const Load listings = DirRead(disk, 100);
+  std::puts("| requests | resident, MiB |\n|--:|--:|");
+  for (int done = 0; done <= 10 * kStep; done += kStep) {
+    if (done > 0) {
+      attributes(kStep / 2);
+      small_reads(kStep / 2 - 2000);
+      large_reads(1000);
+      listings(1000);
+    }
+    std::printf("| %d | %.1f |\n", done, ResidentKiB() / 1024.0);
+  }
+}
+
+int Run(int argc, char** argv) {
+  SampleDisk disk;
+  const std::string_view mode = argc > 1 ? argv[1] : "";
+  if (mode == "--ratios") {
+    constexpr int kTurns = 15;
+    return PrintRatios(disk, argc > 2 ? std::atoi(argv[2]) : kTurns, argc > 3 ? argv[3] : "") ? 0
+                                                                                              : 1;
+  }
+  if (mode == "--memory") {
+    PrintMemory(disk);
+    return 0;
+  }
+  if (mode == "--reads" && argc > 2) {
+    ModuleLoop(disk, 4 << 10, 1)(std::atoi(argv[2]));
+    return 0;
+  }
+  RegisterLoads(disk);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  benchmark::RunSpecifiedBenchmarks();
+  return 0;
+}
+
+}  // namespace
+}  // namespace cpd::bench
+
+int main(int argc, char** argv) {
+  try {
+    return cpd::bench::Run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "udisk_bench: %s\n", error.what());
+    return 2;
+  }
+}
