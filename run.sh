@@ -1,0 +1,157 @@
+#!/usr/bin/env bash
+# Shows the disk redirection at work.
+#
+#   ./run.sh                               a short tour on a sample disk
+#   ./run.sh DISK MOUNTPOINT [OPTION...]   shows the directory DISK at MOUNTPOINT until Ctrl-C
+#
+# Options are those of `cpd-host mount`: build/release/bin/cpd-host mount --help
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+host=$root/build/release/bin/cpd-host
+
+step() { printf '\n==> %s\n' "$*"; }
+
+set_up_and_build() {
+  "$root/scripts/install-packages.sh" build
+  step "Building (about a minute the first time)"
+  local log
+  log=$(mktemp)
+  # Tests and benchmarks need packages of their own; an existing configuration stays as it is.
+  if ! { cd "$root" &&
+    { [[ -f build/release/build.ninja ]] ||
+      cmake --preset release -DBUILD_TESTING=OFF -DUDISK_BENCH=OFF; } &&
+    cmake --build --preset release --target cpd-host udisk-redir; } >"$log" 2>&1; then
+    cat "$log" >&2
+    rm -f "$log"
+    exit 1
+  fi
+  rm -f "$log"
+}
+
+case ${1-} in
+  -*) sed -n '2,/^set/s/^# \{0,1\}//p' "$0"; exit 2 ;;
+  '') ;;
+  *) (set_up_and_build); exec "$host" mount "$@" ;;
+esac
+
+(set_up_and_build)
+
+place=$(mktemp -d)
+disk=$place/SAMPLE
+host_pid=
+
+# Ends the host, which unmounts, and waits for it.
+unmount() {
+  [[ -n $host_pid ]] || return 0
+  kill -TERM "$host_pid" 2>/dev/null || true
+  local status=0
+  wait "$host_pid" || status=$?
+  host_pid=
+  return "$status"
+}
+
+clean_up() {
+  unmount || true
+  rm -rf "$place"
+}
+trap clean_up EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+# mount_sample MOUNTPOINT [OPTION...]: false when nothing can be mounted here.
+mount_sample() {
+  local mount_point=$1; shift
+  mkdir -p "$mount_point"
+  "$host" mount "$disk" "$mount_point" --name Sample --trace "$place/trace" "$@" \
+    >"$place/host.out" 2>"$place/host.err" &
+  host_pid=$!
+  for _ in $(seq 100); do
+    mountpoint -q "$mount_point" && return
+    kill -0 "$host_pid" 2>/dev/null || break
+    sleep 0.1
+  done
+  unmount || true
+  return 1
+}
+
+# rate MEBIBYTES COMMAND...: runs a command that reads so much, and says how fast it came.
+rate() {
+  local mib=$1 start=${EPOCHREALTIME/[.,]/} end
+  shift
+  "$@" >/dev/null
+  end=${EPOCHREALTIME/[.,]/}
+  local us=$((end - start + 1))
+  printf '%s MiB in %d.%02d s: %d kbit/s\n' "$mib" $((us / 1000000)) $((us % 1000000 / 10000)) \
+    $((mib * 1048576 * 8000 / us))
+}
+
+# read_direct MEBIBYTES FILE: past the kernel's cache, 64 KiB a request.
+read_direct() {
+  dd if="$2" bs=64k count=$(($1 * 16)) iflag=direct status=none
+}
+
+show_traces() {
+  step "The events that the module reported to its host"
+  cat "$place/trace"
+}
+
+step "Making a sample disk: a few files, a subdirectory, a film of 20 MiB"
+mkdir -p "$disk/photos"
+printf 'Hello from a disk on the client machine.\n' >"$disk/hello.txt"
+printf 'milk\nbread\n' >"$disk/shopping list.txt"
+for i in 1 2 3; do head -c $((i * 100000)) /dev/urandom >"$disk/photos/photo $i.jpg"; done
+head -c $((20 * 1048576)) /dev/urandom >"$disk/film.mp4"
+head -c $((4 * 1048576)) "$disk/film.mp4" >"$disk/clip.mp4"
+ls "$disk"
+
+tour_by_packets() {
+  step "ls: a listing, attributes included, is one packet each way"
+  "$host" ls "$disk" --trace "$place/trace"
+  step "cat: the file's bytes come from the disk"
+  "$host" cat "$disk" hello.txt
+  step "df: size and free space of the file system that holds the disk"
+  "$host" df "$disk"
+  step "Reading at full speed"
+  rate 20 "$host" cat "$disk" film.mp4
+  step "Reading at an announced bandwidth of 8000 kbit/s: half a second for each request of 1 MiB"
+  rate 4 "$host" cat "$disk" clip.mp4 --bandwidth 8000
+  show_traces
+  step "Done: everything is removed"
+}
+
+step "Mounting it through the module, as a remote session would see it"
+if [[ ! -r /dev/fuse || ! -w /dev/fuse ]]; then
+  echo "/dev/fuse is missing here or not usable: nothing can be mounted."
+  tour_by_packets
+  exit
+elif ! mount_sample "$place/remote"; then
+  echo "Nothing can be mounted here: $(cat "$place/host.err")"
+  tour_by_packets
+  exit
+fi
+remote=$place/remote
+echo "$disk is mounted at $remote"
+
+step "ls -l: one request for the directory, attributes included"
+ls -l "$remote" "$remote/photos"
+
+step "cat: the file's bytes come from the disk"
+cat "$remote/hello.txt"
+
+step "df: size and free space of the file system that holds the disk"
+df -h "$remote"
+
+step "Reading at full speed"
+rate 20 read_direct 20 "$remote/film.mp4"
+
+step "Unmounting; the host's table of requests"
+unmount
+cat "$place/host.out"
+show_traces
+
+step "Mounting again with an announced bandwidth of 8000 kbit/s, and reading"
+mount_sample "$remote" --bandwidth 8000
+rate 4 read_direct 4 "$remote/clip.mp4"
+unmount
+
+step "Done: everything is unmounted and removed"

@@ -1,0 +1,119 @@
+#!/usr/bin/env bash
+# Builds and runs every test. The last line is the sum: N passed, M failed, K skipped.
+#
+#   ./test.sh             optimised, then under AddressSanitizer and UBSan, then ThreadSanitizer
+#   ./test.sh --quick     optimised only
+#   ./test.sh -R REGEX    only tests whose name matches
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")"
+
+presets=(release asan tsan)
+filter=()
+while [[ $# -gt 0 ]]; do
+  case $1 in
+    --quick) presets=(release); shift ;;
+    -R) filter=(-R "${2:?-R needs a regular expression}"); shift 2 ;;
+    *) sed -n '2,/^set/s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+  esac
+done
+
+passed=0 failed=0 skipped=0
+failures=() skips=()
+step() { printf '==> %s\n' "$*"; }
+
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+# Says yes or no to one thing that is no test program: check NAME COMMAND...
+check() {
+  local name=$1; shift
+  if "$@"; then
+    passed=$((passed + 1))
+  else
+    failed=$((failed + 1)); failures+=("$name")
+  fi
+}
+
+sources_are_formatted() {
+  find framework packet driver host tests bench fuzz \
+    \( -name '*.h' -o -name '*.cpp' \) -print0 2>/dev/null |
+    xargs -0 clang-format --dry-run --Werror
+}
+
+module_exports_only_its_descriptor() {
+  local symbols
+  symbols=$(nm -D --defined-only build/release/lib/udisk-redir.so | awk '{print $NF}')
+  [[ $symbols == CPD_DRV_MODULE ]] || { echo "exported: $symbols"; return 1; }
+}
+
+# Prints what ctest's report of a run says: "passed N", "failed NAME" and "skipped NAME: REASON".
+read_report() {
+  awk '
+    function attribute(name,  value) {
+      value = $0
+      if (!sub(".*[ ]" name "=\"", "", value)) return ""
+      sub("\".*", "", value)
+      return value
+    }
+    /<testcase / { test = attribute("name"); status = attribute("status"); reason = ""; lines = 0 }
+    # A skipped test says "FILE:LINE: Skipped" and then why.
+    /: Skipped$/ { lines = 1; next }
+    lines == 1 { reason = $0; lines = 0 }
+    /<\/testcase>/ {
+      if (status == "run") ++passed
+      else if (status == "fail") print "failed", test
+      else print "skipped", test ": " (reason == "" ? "no reason given" : reason)
+    }
+    END { print "passed", passed + 0 }' "$1" |
+    sed 's/&lt;/</g; s/&gt;/>/g; s/&quot;/"/g; s/&apos;/'"'"'/g; s/&amp;/\&/g'
+}
+
+run_tests() {
+  local preset=$1; shift
+  local report=$scratch/$preset.xml status=0
+  step "Testing ($preset)"
+  ctest --test-dir "build/$preset" -j2 --output-on-failure --no-tests=ignore \
+    --output-junit "$report" "$@" ${filter[@]+"${filter[@]}"} >"$scratch/$preset.log" 2>&1 || status=$?
+  local kind rest before=$failed
+  while read -r kind rest; do
+    case $kind in
+      passed) passed=$((passed + rest)) ;;
+      failed) failed=$((failed + 1)); failures+=("$preset: $rest") ;;
+      skipped) skipped=$((skipped + 1)); skips+=("$preset: $rest") ;;
+    esac
+  done < <(read_report "$report")
+  if [[ $status -ne 0 && $failed -eq $before ]]; then
+    failed=$((failed + 1)); failures+=("$preset: ctest ended with status $status")
+  fi
+  # Only failed tests are worth a reader's time; the names of all others are in the log.
+  if [[ $failed -ne $before ]]; then
+    grep -v -E '^ *(Start +[0-9]+:|[0-9]+/[0-9]+ Test .*( Passed|\*\*\*Skipped) )' \
+      "$scratch/$preset.log" || true
+  fi
+}
+
+scripts/install-packages.sh build test
+
+for preset in "${presets[@]}"; do
+  step "Building ($preset)"
+  cmake --preset "$preset" -DBUILD_TESTING=ON >"$scratch/configure.log" 2>&1 ||
+    { cat "$scratch/configure.log"; exit 1; }
+  cmake --build --preset "$preset" -j2 >"$scratch/build.log" 2>&1 ||
+    { cat "$scratch/build.log"; exit 1; }
+  case $preset in
+    # Copying whole trees and pacing for half a minute shows no further race.
+    tsan) run_tests "$preset" -LE slow ;;
+    *) run_tests "$preset" ;;
+  esac
+done
+
+if [[ ${#filter[@]} -eq 0 ]]; then
+  step "Checking the module's symbols and the sources' format"
+  check "the module exports only its descriptor" module_exports_only_its_descriptor
+  check "the sources are formatted" sources_are_formatted
+fi
+
+[[ ${#skips[@]} -eq 0 ]] || printf 'skipped: %s\n' "${skips[@]}"
+[[ ${#failures[@]} -eq 0 ]] || printf 'FAILED: %s\n' "${failures[@]}"
+echo "$passed passed, $failed failed, $skipped skipped"
+[[ $failed -eq 0 ]]
