@@ -454,6 +454,7 @@ int64_t UDiskOperator::get_statvfs(unsigned char header_length, CpdPacket* reque
   in.StoreHead();
 
   Reply reply(request, header_length, sizeof in.head + in.path.size() + sizeof(udisk_statvfs));
+  const int capacity = reply.capacity();  // as made; several records grow it
   reply.Append(in.head).Append(in.path);
   for (const auto& volume : CopyVolumes()) {
     if (std::strncmp(volume->label, label.c_str(), label.size()) != 0) continue;
@@ -466,7 +467,7 @@ int64_t UDiskOperator::get_statvfs(unsigned char header_length, CpdPacket* reque
     reply.Append(volume->stat);
   }
   modified = 0;
-  LOG_DEBUG("get_statvfs send back size:%d, buf len: %d", reply.capacity(),
+  LOG_DEBUG("get_statvfs send back size:%d, buf len: %d", capacity,
             static_cast<int>(sizeof(udisk_statvfs)));
   return Send(reply.Take());
 }
