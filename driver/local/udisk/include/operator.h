@@ -212,7 +212,7 @@ class UDiskOperator : public UdiskOperatorInf {
   std::list<std::shared_ptr<VolumeRecord>> CopyVolumes();
   void throttleLegacy(uint32_t bytes, BulkRead kind);
   /// Traces a read or write of a file that the host's path filter matches. @return whether it does
-  bool TraceFile(const char* event, bool success, const char* text, const std::string& path,
+  bool TraceFile(const char* event, bool success, const char* text, const char* relative_path,
                  const char* function = __builtin_FUNCTION(), int line = __builtin_LINE());
   int64_t Send(std::unique_ptr<CpdPacket> reply);
 

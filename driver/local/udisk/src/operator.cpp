@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -23,7 +24,6 @@
 #include <optional>
 #include <random>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -308,10 +308,12 @@ void UDiskOperator::TraceCpdDevice(std::string event, CpdDevice* device, bool su
 }
 
 bool UDiskOperator::TraceFile(const char* event, bool success, const char* text,
-                              const std::string& path, const char* function, int line) {
+                              const char* relative_path, const char* function, int line) {
   const std::shared_ptr<CpdDeviceBase> base = mDevice != nullptr ? mDevice->getDevBase() : nullptr;
   const std::shared_ptr<CpdPathFilter> filter = base != nullptr ? base->GetPathFilter() : nullptr;
-  if (filter == nullptr || filter->MatchPath(path) == nullptr) return false;
+  if (filter == nullptr) return false;
+  const std::string path = relative_path;
+  if (filter->MatchPath(path) == nullptr) return false;
   TraceCpdDevice(event, mDevice, success, Located(text, function, line), path, "");
   return true;
 }
@@ -498,7 +500,7 @@ int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request
   uint32_t error = 0;
   int result = mFileManager->UdiskReadFile(in.full_path.c_str(), in.head.offset, &error,
                                            std::ref(make_room));
-  const std::string path = in.relative_path();
+  const char* const path = in.relative_path();
   if (result == -1) {  // for a file layer that reports failure so; this one answers 0
     LOG_ERROR("file_read failed res: %d, \n", result);
     if (TraceFile("UDISK_READ_FILE_FAIL", false, "udisk readFile fail", path)) {
@@ -520,16 +522,19 @@ int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request
 
 namespace {
 
+/// What a change of an entry shows in.
 struct ListedEntry {
-  udisk_stat attributes;
-  const char* name;
+  std::string_view name;  // up to its NUL
+  int64_t size;
+  int64_t seconds;  // of the modification time
 };
 
 /// The next entry of a listing that walks cleanly; advances `*at` behind it.
 ListedEntry NextEntry(const char** at) {
   udisk_dir_entry head{};
   std::memcpy(&head, *at, sizeof head);
-  const ListedEntry entry{head.attributes, *at + sizeof head};
+  const ListedEntry entry{*at + sizeof head, head.attributes.st_size,
+                          head.attributes.st_mtim.tv_sec};
   *at += sizeof head + head.name_len;
   return entry;
 }
@@ -601,39 +606,39 @@ int64_t UDiskOperator::check_dir(unsigned char header_length, CpdPacket* request
 int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cached,
                                  const void* current) {
   if (cache_count != dir_count) return 0;
-  // The current entries, and for each name where it stands first; `next` links those of one name.
+  // The current entries, chained by the hash of their names in the order of the listing.
   const auto count = static_cast<size_t>(std::max(dir_count, 0));
   std::vector<ListedEntry> entries;
   entries.reserve(count);
   const char* at = static_cast<const char*>(current);
   while (entries.size() < count) entries.push_back(NextEntry(&at));
+  std::vector<size_t> chains(std::bit_ceil(count + 1), count);
   std::vector<size_t> next(count);
-  std::unordered_map<std::string_view, size_t> first;
-  first.reserve(count);
-  for (size_t i = count; i-- > 0;) {
-    size_t& head = first.try_emplace(entries[i].name, count).first->second;
-    next[i] = std::exchange(head, i);
-  }
+  const auto chain = [&](std::string_view name) -> size_t& {
+    return chains[std::hash<std::string_view>{}(name) % chains.size()];
+  };
+  for (size_t i = count; i-- > 0;) next[i] = std::exchange(chain(entries[i].name), i);
 
   int matches = 0;
   at = static_cast<const char*>(cached);
   for (size_t i = 0; i < count; ++i) {
     const ListedEntry entry = NextEntry(&at);
-    const auto found = first.find(entry.name);
-    if (found == first.end()) {
-      LOG_DEBUG("found name:%s,not found", entry.name);
-      return 0;
-    }
-    for (size_t same = found->second; same < count; same = next[same]) {
-      const ListedEntry& candidate = entries[same];
+    const int matches_before = matches;
+    for (size_t other = chain(entry.name); other < count; other = next[other]) {
+      const ListedEntry& candidate = entries[other];
+      if (candidate.name != entry.name) continue;
       // Size and seconds only: a change of mode, owner or nanoseconds is deliberately not one.
-      if (candidate.attributes.st_size != entry.attributes.st_size ||
-          candidate.attributes.st_mtim.tv_sec != entry.attributes.st_mtim.tv_sec) {
-        LOG_DEBUG("not found dirFileName:%s,cacheFileName:%s", candidate.name, entry.name);
+      if (candidate.size != entry.size || candidate.seconds != entry.seconds) {
+        LOG_DEBUG("not found dirFileName:%s,cacheFileName:%s", candidate.name.data(),
+                  entry.name.data());
         return 0;
       }
-      LOG_DEBUG("found dirFileName:%s,cacheFileName:%s", candidate.name, entry.name);
+      LOG_DEBUG("found dirFileName:%s,cacheFileName:%s", candidate.name.data(), entry.name.data());
       ++matches;
+    }
+    if (matches == matches_before) {
+      LOG_DEBUG("found name:%s,not found", entry.name.data());
+      return 0;
     }
   }
   if (matches == cache_count) return 1;
