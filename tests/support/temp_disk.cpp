@@ -12,8 +12,8 @@ namespace cpd::test {
 
 namespace fs = std::filesystem;
 
-TempDisk::TempDisk() {
-  std::string directory = (fs::temp_directory_path() / "udisk-test-XXXXXX").string();
+TempDisk::TempDisk(const fs::path& parent) {
+  std::string directory = (parent / "udisk-test-XXXXXX").string();
   if (mkdtemp(directory.data()) == nullptr) {
     throw std::system_error(errno, std::generic_category(), directory);
   }

@@ -10,7 +10,7 @@ namespace cpd::test {
 /// and begin with a slash, as in requests. What cannot be done throws.
 class TempDisk {
  public:
-  TempDisk();
+  explicit TempDisk(const std::filesystem::path& parent = std::filesystem::temp_directory_path());
   ~TempDisk();
   TempDisk(const TempDisk&) = delete;
   TempDisk& operator=(const TempDisk&) = delete;
