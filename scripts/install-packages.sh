@@ -9,9 +9,9 @@ build=(
   libfuse3-dev fuse3 libcli11-dev libfmt-dev # the host
 )
 test=(
-  libgtest-dev libbenchmark-dev
+  libgtest-dev libbenchmark-dev libumockdev-dev
   clang-format
-  attr e2fsprogs procps util-linux # programs that the tests run
+  attr e2fsprogs mount ntfs-3g procps util-linux # programs that the tests run
 )
 
 wanted=()

@@ -1,16 +1,23 @@
 #include "service.h"
 
 #include <json/json.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "cpd/packet.h"
 #include "operator.h"
+#include "shell.h"
 #include "udisk_log.h"
 #include "wire.h"
 
@@ -45,7 +52,7 @@ constexpr size_t kMostTextBytes = 255;
 
 /// What a 255-character text buffer would hold of it.
 std::string Cut(const std::string& text) {
-  return std::string(text.c_str()).substr(0, kMostTextBytes);
+  return text.substr(0, std::min(text.find('\0'), kMostTextBytes));
 }
 
 /// The parsed text; null when it is no JSON.
@@ -166,6 +173,148 @@ int UDiskService::MountRemote(const char* name, CpdDevice* device) {
   const int result = mDevice->SendPacket(std::move(packet), -1);
   LOG_DEBUG("client udisk mount ret: %d\n", result);
   return result;
+}
+
+// ---- Probing ----
+
+namespace {
+
+constexpr size_t kMostFieldBytes = 31;
+constexpr size_t kDiskNameBytes = 3;
+
+void CopyToField(std::string_view text, char* field) {
+  field[text.copy(field, kMostFieldBytes)] = '\0';
+}
+
+bool Contains(const char* text, const char* part) { return std::strstr(text, part) != nullptr; }
+
+/// The decimal number that a file of sysfs begins with; 0 when there is none.
+int ReadNumber(const std::string& path, size_t command_size) {
+  CommandOutput output("cat " + ShellWord(path), command_size);
+  std::array<char, 4> digits{};
+  return output.ReadLine(&digits) ? std::atoi(digits.data()) : 0;
+}
+
+/// The last three characters but one, or those of them that exist: sdb of sdb1.
+std::string MatchKey(std::string_view device) {
+  device.remove_suffix(std::min<size_t>(device.size(), 1));
+  device.remove_prefix(device.size() - std::min(device.size(), kDiskNameBytes));
+  return std::string(device);
+}
+
+/// Reads a line of blkid. Keys are looked for as substrings, so that a PARTLABEL, PARTUUID or
+/// PTTYPE counts as the shorter one: kept.
+UDiskInfo ParsePartition(char* line) {
+  UDiskInfo info{};
+  char* rest = nullptr;
+  if (const char* name = strtok_r(line, ":", &rest)) CopyToField(name, info.devName);
+  while (const char* token = strtok_r(nullptr, " ", &rest)) {
+    if (Contains(token, "LABEL=")) UDiskService::GetString(token, info.label);
+    if (Contains(token, "UUID=") && info.label[0] == '\0') {
+      UDiskService::GetString(token, info.label);
+    }
+    if (Contains(token, "TYPE=")) {
+      UDiskService::GetString(token, info.type);
+      break;
+    }
+  }
+  return info;
+}
+
+}  // namespace
+
+int UDiskService::GetString(const char* source, char* destination) {
+  const char* value = std::strchr(source, '"');
+  if (value == nullptr) return 0;
+  const std::string_view rest(value + 1);
+  const std::string_view quoted = rest.substr(0, rest.find('"'));
+  const size_t count = quoted.copy(destination, kMostFieldBytes);
+  if (count < rest.size()) destination[count] = '\0';
+  return static_cast<int>(count);
+}
+
+int UDiskService::GetDeviceClass(const char* port) {
+  // The file holds two hexadecimal digits, which are read as decimal ones: kept.
+  return ReadNumber("/sys/bus/usb/devices/" + std::string(port) + ":1.0/bInterfaceClass",
+                    kCommandSize);
+}
+
+int UDiskService::CheckRemovable(const char* block_device) {
+  return ReadNumber("/sys/block/" + std::string(block_device) + "/removable", 128);
+}
+
+int UDiskService::GetDevName(char* out) {
+  CommandOutput partitions("cat /proc/partitions");
+  CommandOutput::Line line{};
+  while (partitions.ReadLine(&line)) {
+    const char* blank = std::strrchr(line.data(), ' ');
+    if (blank == nullptr || !Contains(line.data(), "sd")) continue;
+    char name[kDiskNameBytes + 1]{};
+    std::string_view(blank + 1).copy(name, kDiskNameBytes);
+    std::memcpy(out, name, kDiskNameBytes);
+    if (CheckRemovable(name) == 1) break;
+  }
+  return 0;
+}
+
+int UDiskService::GetDeviceLabel(const char* device, UdiskDevice* out) {
+  const std::string key = MatchKey(device);
+  CommandOutput blkid("blkid ");
+  if (!blkid.started()) {
+    LOG_ERROR("excute blkid failed\n");
+    return -1;
+  }
+  std::vector<UDiskInfo> found;
+  CommandOutput::Line line{};
+  while (blkid.ReadLine(&line)) {
+    LOG_DEBUG("dev:%s, resultStr:%s", key.c_str(), line.data());
+    if (!Contains(line.data(), key.c_str()) || !Contains(line.data(), "TYPE=")) continue;
+    const UDiskInfo info = ParsePartition(line.data());
+    if (info.label[0] != '\0') found.push_back(info);
+  }
+  if (found.empty()) return 0;
+
+  const auto count = static_cast<uint8_t>(found.size());  // 256 partitions count as none: kept
+  auto* const infos = static_cast<UDiskInfo*>(std::malloc(count * sizeof(UDiskInfo)));
+  if (infos == nullptr) return -1;
+  std::copy_n(found.begin(), count, infos);
+  out->count = count;
+  out->infos = infos;  // what stood there is not freed: kept
+  return 0;
+}
+
+// ---- Local mount ----
+
+int UDiskService::MountLocal(UDiskInfo* info) {
+  const std::string directory = std::string("/media") + "/" + info->label;
+  struct stat found {};
+  if (stat(directory.c_str(), &found) != 0 || !S_ISDIR(found.st_mode)) {
+    const int made = mkdir(directory.c_str(), 0777);
+    LOG_DEBUG("mkdir res: %d", made);
+  }
+  const char* const program = std::strcmp(info->type, "ntfs") == 0 ? "ntfs-3g" : "mount";
+  RunCommand("umount " + ShellWord(directory));
+  const int result =
+      RunCommand(std::string(program) + " " + ShellWord(info->devName) + " " +
+                 ShellWord(directory) + " -o dmask=0000 -o fmask=0000 -o iocharset=utf8");
+  if (result != 0) LOG_ERROR("udisk mount errno: %d", errno);
+  // A longer directory is cut, and UmountLocal then means the cut one: kept.
+  CopyToField(directory, info->mountPoint);
+  return result;
+}
+
+int UDiskService::UmountLocal() {
+  if (mUdiskDevice == nullptr) return -1;
+  for (uint8_t i = 0; i < mUdiskDevice->count; ++i) {
+    const std::string directory = ShellWord(mUdiskDevice->infos[i].mountPoint);
+    // Removed also where the unmount failed: kept.
+    for (const char* command : {"umount -l ", "rm -rf "}) CommandOutput{command + directory};
+  }
+  std::free(mUdiskDevice->infos);
+  std::free(mUdiskDevice);
+  mUdiskDevice = nullptr;
+  mOperator->SetRootPath(nullptr, nullptr);
+  return 0;
 }
 
 // ---- Not supported ----

@@ -1,0 +1,218 @@
+// The service's own way to a disk, with the machine's programs: probing through sysfs and blkid,
+// mounting through ntfs-3g.
+#include <stdlib.h>
+#include <umockdev.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "mounted_disk.h"
+#include "operator.h"
+#include "service.h"
+#include "support/fake_host.h"
+
+namespace system_test {
+namespace {
+
+using cpd::UDiskInfo;
+using cpd::UDiskService;
+
+// ---- sysfs ----
+
+/// A machine with a fixed disk sda and a removable one, sdb, on USB port 2-1: what the programs see
+/// that this process starts.
+class MockedMachine : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(umockdev_testbed_add_from_string(testbed.get(), kDevices, nullptr));
+    std::filesystem::create_directory(root() + "/proc");
+    WriteFile(root() + "/proc/partitions",
+              "major minor  #blocks  name\n\n"
+              "   8        0  500107608 sda\n"
+              "   8        1  500106543 sda1\n"
+              "   8       16   15728640 sdb\n"
+              "   8       17   15727616 sdb1\n");
+    setenv("LD_PRELOAD", "libumockdev-preload.so.0", 1);
+  }
+  void TearDown() override { unsetenv("LD_PRELOAD"); }
+
+  std::string root() const {
+    const std::unique_ptr<char, decltype(&g_free)> path(
+        umockdev_testbed_get_root_dir(testbed.get()), g_free);
+    return path.get();
+  }
+
+  static constexpr const char* kDevices = R"(P: /devices/pci0000:00/0000:00:14.0/usb2/2-1/2-1:1.0
+E: SUBSYSTEM=usb
+E: DEVTYPE=usb_interface
+A: bInterfaceClass=08\n
+
+P: /devices/pci0000:00/0000:00:14.0/usb2/2-1/2-1:1.0/host6/target6:0:0/6:0:0:0/block/sdb
+E: SUBSYSTEM=block
+E: DEVTYPE=disk
+A: removable=1\n
+
+P: /devices/pci0000:00/0000:00:17.0/ata1/host0/target0:0:0/0:0:0:0/block/sda
+E: SUBSYSTEM=block
+E: DEVTYPE=disk
+A: removable=0\n
+)";
+
+  const std::unique_ptr<UMockdevTestbed, decltype(&g_object_unref)> testbed{umockdev_testbed_new(),
+                                                                            g_object_unref};
+};
+
+TEST_F(MockedMachine, TheInterfaceClassOfAPortIsRead) {
+  EXPECT_EQ(UDiskService::GetDeviceClass("2-1"), 8);
+  EXPECT_EQ(UDiskService::GetDeviceClass("2-2"), 0);
+}
+
+TEST_F(MockedMachine, OnlyTheUsbDiskIsRemovable) {
+  EXPECT_EQ(UDiskService::CheckRemovable("sda"), 0);
+  EXPECT_EQ(UDiskService::CheckRemovable("sdb"), 1);
+  EXPECT_EQ(UDiskService::CheckRemovable("sdc"), 0);
+}
+
+TEST_F(MockedMachine, TheRemovableDiskIsFound) {
+  std::array<char, 4> name{};
+  UDiskService::GetDevName(name.data());
+  EXPECT_STREQ(name.data(), "sdb");
+}
+
+// ---- A real NTFS disk ----
+
+/// An NTFS file system on a loop device, detached when the object goes.
+class NtfsDevice {
+ public:
+  explicit NtfsDevice(const std::string& label) {
+    if (geteuid() != 0) {
+      problem_ = "a loop device needs root";
+      return;
+    }
+    const Result made = Shell("truncate -s 80M " + image() + " && mkntfs -qF -L " + Quoted(label) +
+                              " " + image() + " && losetup -f --show " + image());
+    if (made.status != 0) {
+      problem_ = "no NTFS on a loop device here: " + made.output;
+      return;
+    }
+    path_ = made.output.substr(made.output.find("/dev/"));
+    path_.erase(path_.find('\n'));
+  }
+  ~NtfsDevice() {
+    if (!path_.empty()) Shell("losetup -d " + path_);
+  }
+  NtfsDevice(const NtfsDevice&) = delete;
+  NtfsDevice& operator=(const NtfsDevice&) = delete;
+
+  /// Why there is none; empty when there is.
+  const std::string& problem() const { return problem_; }
+  const std::string& path() const { return path_; }
+  std::string image() const { return place_ / "image"; }
+  /// Gives the loop device back, as soon as nothing uses it. @return whether it is free
+  bool Detach() {
+    Shell("losetup -d " + path_);
+    path_.clear();
+    return Eventually([&] { return Shell("losetup -j " + image()).output.empty(); });
+  }
+
+ private:
+  TempDir place_;
+  std::string path_;
+  std::string problem_;
+};
+
+class NtfsDiskTest : public testing::Test {
+ protected:
+  /// Attaches the device; skips the test where that, or mounting it, is not allowed.
+  void Attach(const std::string& label) {
+    if (!WhyNoFuse().empty()) GTEST_SKIP() << WhyNoFuse();
+    if (access("/media", W_OK) != 0) GTEST_SKIP() << "/media cannot be written";
+    for (const char* program : {"blkid", "losetup", "mkntfs", "ntfs-3g", "ntfscat"}) {
+      if (Shell(std::string("command -v ") + program).status != 0) {
+        GTEST_SKIP() << program << " is not installed";
+      }
+    }
+    disk.emplace(label);
+    if (!disk->problem().empty()) GTEST_SKIP() << disk->problem();
+  }
+  void TearDown() override {
+    service.UmountLocal();
+    EXPECT_TRUE(!disk || disk->Detach()) << "the loop device is still in use";
+  }
+
+  /// Probes the device into the service's list. @return its record, or null when blkid shows none
+  UDiskInfo* Probe() {
+    service.mUdiskDevice = static_cast<cpd::UdiskDevice*>(calloc(1, sizeof(cpd::UdiskDevice)));
+    // The last character of a device's name stands for the partition's number.
+    const std::string partition = disk->path() + "1";
+    EXPECT_EQ(UDiskService::GetDeviceLabel(partition.c_str(), service.mUdiskDevice), 0);
+    for (int i = 0; i < service.mUdiskDevice->count; ++i) {
+      UDiskInfo* const info = &service.mUdiskDevice->infos[i];
+      if (info->devName == disk->path()) return info;
+    }
+    return nullptr;
+  }
+
+  std::optional<NtfsDevice> disk;
+  cpd::test::FakeDevice device;
+  cpd::UDiskOperator udisk{&device};
+  UDiskService service{&device, &udisk};
+};
+
+/// The checksum of what a command prints.
+std::string Checksum(const std::string& command) { return Shell(command + " | sha256sum").output; }
+
+TEST_F(NtfsDiskTest, FiftyMegabytesGoToTheDiskAndComeBack) {
+  const std::string label = "UDISK" + std::to_string(getpid());
+  Attach(label);
+  if (IsSkipped()) return;
+  UDiskInfo* const info = Probe();
+  ASSERT_NE(info, nullptr);
+  EXPECT_EQ(info->label, label);
+  EXPECT_STREQ(info->type, "ntfs");
+
+  ASSERT_EQ(UDiskService::MountLocal(info), 0);
+  const std::string directory = "/media/" + label;
+  EXPECT_EQ(info->mountPoint, directory);
+  ASSERT_TRUE(IsMounted(directory));
+  const TempDir place;
+  WriteFile(place / "original", Bytes(50 << 20));
+  const std::string original = Checksum("cat " + (place / "original"));
+  ASSERT_EQ(Shell("cp " + (place / "original") + " " + directory + "/copy").status, 0);
+  EXPECT_EQ(Checksum("cat " + directory + "/copy"), original);
+
+  EXPECT_EQ(service.UmountLocal(), 0);
+  EXPECT_FALSE(IsMounted(directory));
+  EXPECT_FALSE(std::filesystem::exists(directory));
+  ASSERT_TRUE(disk->Detach());
+  EXPECT_EQ(Checksum("ntfscat " + disk->image() + " copy"), original);
+}
+
+TEST_F(NtfsDiskTest, ALabelFullOfShellCharactersIsADirectoryAndRunsNothing) {
+  const TempDir place;
+  const std::filesystem::path before = std::filesystem::current_path();
+  const std::string label = "$(touch bait);'\"";
+  Attach(label);
+  if (IsSkipped()) return;
+  std::filesystem::current_path(place.path());
+  UDiskInfo* const info = Probe();
+  EXPECT_NE(info, nullptr);
+  if (info != nullptr) {
+    EXPECT_STREQ(info->label, "$(touch");  // blkid's output is split at blanks
+    info->label[label.copy(info->label, sizeof info->label - 1)] = '\0';
+    EXPECT_EQ(UDiskService::MountLocal(info), 0);
+    EXPECT_EQ(info->mountPoint, "/media/" + label);
+    EXPECT_TRUE(std::filesystem::is_directory("/media/" + label));
+    EXPECT_EQ(service.UmountLocal(), 0);
+    EXPECT_FALSE(std::filesystem::exists("/media/" + label));
+  }
+  std::filesystem::current_path(before);
+  EXPECT_FALSE(std::filesystem::exists(place / "bait"));
+}
+
+}  // namespace
+}  // namespace system_test
