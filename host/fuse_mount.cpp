@@ -60,8 +60,8 @@ void Initialise(void* /*mount*/, fuse_conn_info* connection) {
 }
 
 void LogLibraryMessage(fuse_log_level /*level*/, const char* format, va_list arguments) {
-  char message[512];
-  std::vsnprintf(message, sizeof message, format, arguments);
+  char message[512] = "";
+  (void)std::vsnprintf(message, sizeof message, format, arguments);
   message[std::string_view(message).find_last_not_of('\n') + 1] = '\0';
   tesselLogPrint(0, 7, "FUSE", "%s", message);
 }

@@ -33,7 +33,7 @@ void SetUpLog(LogLevel level, const std::string& file) {
       throw std::runtime_error(
           fmt::format("cannot open log file {}: {}", file, std::strerror(errno)));
     }
-    std::setvbuf(g_file.get(), nullptr, _IOLBF, BUFSIZ);
+    setlinebuf(g_file.get());
   } else if (isatty(STDERR_FILENO) != 0) {
     g_line_start = "\r\x1b[K";
   }
@@ -50,16 +50,18 @@ extern "C" __attribute__((visibility("default"))) void tesselLogPrint(int /*chan
   gettimeofday(&now, nullptr);
   tm local{};
   localtime_r(&now.tv_sec, &local);
-  char when[32];
-  std::strftime(when, sizeof when, "%F %T", &local);
+  char when[32] = "";
+  (void)std::strftime(when, sizeof when, "%F %T", &local);
 
   FILE* out = g_file != nullptr ? g_file.get() : stderr;
   va_list arguments;
   va_start(arguments, format);
-  flockfile(out);  // one line, whatever the number of writes
-  std::fprintf(out, "%s%s.%06ld %s ", g_line_start, when, static_cast<long>(now.tv_usec), tag);
-  std::vfprintf(out, format, arguments);
-  std::fputc('\n', out);
+  // One line, whatever the number of writes. A log that fails has nowhere to say so.
+  flockfile(out);
+  (void)std::fprintf(out, "%s%s.%06ld %s ", g_line_start, when, static_cast<long>(now.tv_usec),
+                     tag);
+  (void)std::vfprintf(out, format, arguments);
+  (void)std::fputc('\n', out);
   funlockfile(out);
   va_end(arguments);
 }

@@ -104,7 +104,7 @@ void Mount(DiskOptions options, const std::string& mount_point_option) {
 
   // Only the thread that serves the mount takes these. A script's background job starts with SIGINT
   // ignored; the mount must go with the script all the same.
-  std::signal(SIGINT, SIG_DFL);
+  (void)std::signal(SIGINT, SIG_DFL);
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
   for (const int stop : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stop_signals, stop);

@@ -20,7 +20,7 @@ TraceFile::TraceFile(const std::string& path) : file_(nullptr, &std::fclose) {
     throw std::runtime_error(
         fmt::format("cannot open trace file {}: {}", path, std::strerror(errno)));
   }
-  std::setvbuf(file_.get(), nullptr, _IOLBF, BUFSIZ);
+  setlinebuf(file_.get());
 }
 
 void TraceFile::Record(const std::string& id, const std::string& event, const std::string& detail,
@@ -38,7 +38,7 @@ void TraceFile::Record(const std::string& id, const std::string& event, const st
     separator = ",";
   }
   line += "}}\n";
-  std::fputs(line.c_str(), file_.get());
+  (void)std::fputs(line.c_str(), file_.get());
 }
 
 }  // namespace cpd::host
