@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# Measures the driver against the machine's limit and writes the tables of docs/performance.md.
+#
+#   bench/run.sh            measure, rewrite what stands below "## Measured" there
+#   bench/run.sh --print    measure, only print
+#
+# Takes some five minutes; a busy machine blurs the rows with 32 outstanding requests most.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+document=docs/performance.md
+turns=15
+reads=10000
+
+case ${1:-} in
+  '' | --print) ;;
+  *) sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0" >&2; exit 2 ;;
+esac
+
+if [[ -z ${UDISK_BENCH_PROGRAM:-} ]]; then
+  cmake --preset release >/dev/null
+  cmake --build --preset release --target udisk_bench -j2 >/dev/null
+fi
+bench=${UDISK_BENCH_PROGRAM:-build/release/bin/udisk_bench}
+
+# System calls that so many reads make, one "name count" a line.
+count_calls() {
+  strace -f -c -U name,calls "$bench" --reads "$1" 2>&1 >/dev/null |
+    awk '$2 ~ /^[0-9]+$/ && $1 != "total" { print $1, $2 }'
+}
+
+machine() {
+  printf '%s, %s cores, Linux %s, glibc %s; disk on %s.\n' \
+    "$(sed -n 's/^model name.*: //p' /proc/cpuinfo | head -n 1)" "$(nproc)" "$(uname -r)" \
+    "$(getconf GNU_LIBC_VERSION | cut -d' ' -f2)" \
+    "$(stat -f -c %T "${TMPDIR:-/tmp}" | sed 's/ext2\/ext3/ext4/')"
+}
+
+system_calls() {
+  if ! command -v strace >/dev/null; then
+    echo "Not counted: strace is not installed."
+    return
+  fi
+  echo "| system call | a read |"
+  echo "|---|--:|"
+  # What remains without the calls of start and end.
+  awk -v reads="$reads" 'NR == FNR { idle[$1] = $2; next }
+    { each = ($2 - idle[$1]) / reads; if (each >= 0.01) printf "| %s | %.2f |\n", $1, each }' \
+    <(count_calls 0) <(count_calls "$reads")
+}
+
+measure() {
+  printf '%s\n\n### Against the limit\n\n' "$(machine)"
+  "$bench" --ratios "$turns" || [[ $? -eq 1 ]]  # 1: a ratio is out of its bound, as its row says
+  printf '\n### System calls of an unpaced read\n\n'
+  system_calls
+  printf '\n### Resident memory\n\n'
+  "$bench" --memory
+}
+
+if [[ ${1:-} == --print ]]; then
+  measure
+  exit
+fi
+measured=$(mktemp)
+trap 'rm -f "$measured"' EXIT
+{ sed '/^## Measured$/q' "$document"; echo; measure; } | tee "$measured"
+cat "$measured" >"$document"
