@@ -35,8 +35,7 @@ check() {
 }
 
 sources_are_formatted() {
-  find framework packet driver host tests bench fuzz \
-    \( -name '*.h' -o -name '*.cpp' \) -print0 2>/dev/null |
+  find . -path ./build -prune -o \( -name '*.h' -o -name '*.cpp' \) -print0 |
     xargs -0 clang-format --dry-run --Werror
 }
 

@@ -1,7 +1,6 @@
 // Programs that a test puts in the place of the machine's own.
 #pragma once
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -83,22 +82,6 @@ class Shims {
 
   const std::string path_before_ = getenv("PATH");
   std::filesystem::path directory_;
-};
-
-/// While one exists the process can open nothing, and so start no program whose output it reads.
-class NoMoreDescriptors {
- public:
-  NoMoreDescriptors() {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    const rlimit none{.rlim_cur = 0, .rlim_max = before_.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-  }
-  ~NoMoreDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
-  NoMoreDescriptors(const NoMoreDescriptors&) = delete;
-  NoMoreDescriptors& operator=(const NoMoreDescriptors&) = delete;
-
- private:
-  rlimit before_{};
 };
 
 }  // namespace cpd::test

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "service.h"
+#include "support/no_more_commands.h"
 #include "support/operator_fixture.h"
 #include "support/shims.h"
 
@@ -271,7 +272,7 @@ TEST_F(UmountLocalTest, RemovesTheDirectoryAlsoAfterAFailedUnmount) {
 TEST_F(UmountLocalTest, CommandsThatCannotBeStartedAreSkipped) {
   SetList({"/media/A"});
   {
-    const NoMoreDescriptors limit;
+    const NoMoreCommands none;
     EXPECT_EQ(service.UmountLocal(), 0);
   }
   EXPECT_EQ(service.mUdiskDevice, nullptr);

@@ -10,6 +10,7 @@
 
 #include "service.h"
 #include "support/fake_host.h"
+#include "support/no_more_commands.h"
 #include "support/shims.h"
 #include "support/temp_disk.h"
 
@@ -152,7 +153,7 @@ TEST_F(GetDeviceClassTest, IsUnknownWithoutOutput) {
 
 TEST_F(GetDeviceClassTest, IsUnknownWhenTheCommandCannotBeStarted) {
   shims.SetFile("/sys/bus/usb/devices/1-2:1.0/bInterfaceClass", "08\n");
-  const NoMoreDescriptors limit;
+  const NoMoreCommands none;
   EXPECT_EQ(UDiskService::GetDeviceClass("1-2"), 0);
 }
 
@@ -199,7 +200,7 @@ TEST_F(CheckRemovableTest, IsUnknownWithoutOutput) {
 
 TEST_F(CheckRemovableTest, IsUnknownWhenTheCommandCannotBeStarted) {
   shims.SetFile("/sys/block/sdb/removable", "1\n");
-  const NoMoreDescriptors limit;
+  const NoMoreCommands none;
   EXPECT_EQ(UDiskService::CheckRemovable("sdb"), 0);
 }
 
@@ -319,7 +320,7 @@ TEST_F(GetDevNameTest, ANameRunsNothing) {
 
 TEST_F(GetDevNameTest, IsZeroWhenTheCommandCannotBeStarted) {
   SetTable(kTable);
-  const NoMoreDescriptors limit;
+  const NoMoreCommands none;
   EXPECT_EQ(Name(), "");
 }
 
@@ -532,7 +533,7 @@ TEST_F(GetDeviceLabelTest, FailsWhenBlkidCannotBeStarted) {
   shims.AddPrinting("blkid", "/dev/sdb1: LABEL=\"DATA\" TYPE=\"ntfs\"\n");
   UdiskDevice list{};
   {
-    const NoMoreDescriptors limit;
+    const NoMoreCommands none;
     EXPECT_EQ(UDiskService::GetDeviceLabel("sdb1", &list), -1);
   }
   EXPECT_EQ(list.infos, nullptr);

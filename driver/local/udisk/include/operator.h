@@ -109,8 +109,7 @@ struct TokenBucket {
       const int64_t throughput =
           (totalBytes - summaryStartBytes) * 1000 / (now - lastSummaryMs) / 1024;
       LOG_DEBUG(
-          "[TokenBucket] SUMMARY: throughput=%lldKB/s calls=%lld sleeps=%lld carries=%lld "
-          "totalSlept=%lldms bw=%ukbps tokens=%lld refillPerMs=%lld",
+          "[TokenBucket] SUMMARY: throughput=%lldKB/s calls=%lld sleeps=%lld carries=%lld totalSlept=%lldms bw=%ukbps tokens=%lld refillPerMs=%lld",
           static_cast<long long>(throughput), static_cast<long long>(calls),
           static_cast<long long>(sleeps), static_cast<long long>(carries),
           static_cast<long long>(totalSlept), bw, static_cast<long long>(tokens),
