@@ -55,9 +55,10 @@ class FileManagerLinux {
   /// The same into room that is made once the file is open: `make_room` gets its descriptor.
   int UdiskReadFile(const char* path, int64_t offset, uint32_t* err,
                     const std::function<ReadRoom(int fd)>& make_room);
-  /// How many of `count` bytes at `offset` the open file can deliver at most. A file that does not
-  /// know its size is taken for one of 1 MiB. A negative count stays as it is.
+  /// How many of `count` bytes at `offset` the file can deliver at most. A file that does not know
+  /// its size is taken for one of 1 MiB, a missing one for empty. A negative count stays as it is.
   static int Deliverable(int fd, int64_t offset, int count);
+  static int Deliverable(const char* path, int64_t offset, int count);
   /// Writes to an existing file. @param err  receives errno on failure only
   /// @return bytes written; 0 when the file cannot be opened, -1 when the write failed
   int UdiskWriteFile(const char* path, const void* buf, int64_t offset, int count, uint32_t* err);

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "cpd/driver_obj.h"
 #include "udisk_log.h"
@@ -121,6 +122,11 @@ struct TokenBucket {
   }
 };
 
+/// Whether a file name has a suffix of an office or temporary file, which may be long. A prefix
+/// test:
+/// ".document" counts, ".DOC" does not.
+bool check_microsoft_suffix(const char* name);
+
 /// A volume that the disk shows.
 struct VolumeRecord {
   char label[256];     ///< without a terminator when it is 256 bytes long
@@ -173,11 +179,27 @@ class UDiskOperator : public UdiskOperatorInf {
   int64_t mount_remote(unsigned char header_length, CpdPacket* request);
   int64_t umount_remote(unsigned char header_length, CpdPacket* request);
   int64_t get_file_attr(unsigned char header_length, CpdPacket* request);
+  int64_t file_create(unsigned char header_length, CpdPacket* request);
+  int64_t file_open(unsigned char header_length, CpdPacket* request);  ///< nothing: 0
   int64_t file_read(unsigned char header_length, CpdPacket* request);
+  int64_t file_write(unsigned char header_length, CpdPacket* request);
   int64_t dir_read(unsigned char header_length, CpdPacket* request);
   int64_t get_xattr(unsigned char header_length, CpdPacket* request);
+  int64_t file_truncate(unsigned char header_length, CpdPacket* request);
+  int64_t file_fsync(unsigned char header_length, CpdPacket* request);
+  int64_t file_chmod(unsigned char header_length, CpdPacket* request);
+  int64_t file_chown(unsigned char header_length, CpdPacket* request);
   int64_t get_statvfs(unsigned char header_length, CpdPacket* request);
+  int64_t make_dir(unsigned char header_length, CpdPacket* request);
+  int64_t remove_dir(unsigned char header_length, CpdPacket* request);
+  int64_t set_link(unsigned char header_length, CpdPacket* request);
+  int64_t set_unlink(unsigned char header_length, CpdPacket* request);
+  int64_t set_rename(unsigned char header_length, CpdPacket* request);
+  int64_t file_flush(unsigned char header_length, CpdPacket* request);
+  int64_t file_release(unsigned char header_length, CpdPacket* request);
   int64_t check_dir(unsigned char header_length, CpdPacket* request);
+  /// @return 0 when a reply was sent, else -1, -2 or -3: malformed before, in or behind a head
+  int64_t small_file_read(unsigned char header_length, CpdPacket* request);
   int64_t mount_response(unsigned char header_length, CpdPacket* request);
 
   /// Whether two listings of so many packed entries show the same names, sizes and modification
@@ -213,7 +235,10 @@ class UDiskOperator : public UdiskOperatorInf {
   /// Traces a read or write of a file that the host's path filter matches. @return whether it does
   bool TraceFile(const char* event, bool success, const char* text, const char* relative_path,
                  const char* function = __builtin_FUNCTION(), int line = __builtin_LINE());
+  void TraceError(const std::string& message);
+  int WriteBatch(const char* path, std::string_view batch, uint32_t* error);
   int64_t Send(std::unique_ptr<CpdPacket> reply);
+  int64_t SendCopy(const CpdPacket* request);
 
   std::mutex mLock;
 };

@@ -18,9 +18,12 @@ consteval const char* BaseName(const char* path) {
 }  // namespace cpd
 
 // The stringizing operator puts the quotes around word and message and keeps escapes as written.
-#define UDISK_LOG(level, word, message, ...)                                                       \
+#define UDISK_LOG(level, word, function, message, ...)                                             \
   tesselLogPrint(0, level, "CPD_LOG", "%s %s(%d): " #word " " #message, ::cpd::BaseName(__FILE__), \
-                 static_cast<const char*>(__func__), __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+                 static_cast<const char*>(function), __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
-#define LOG_DEBUG(message, ...) UDISK_LOG(5, "Debug:", message __VA_OPT__(, ) __VA_ARGS__)
-#define LOG_ERROR(message, ...) UDISK_LOG(7, "Error:", message __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_DEBUG(message, ...) UDISK_LOG(5, "Debug:", __func__, message __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_ERROR(message, ...) UDISK_LOG(7, "Error:", __func__, message __VA_OPT__(, ) __VA_ARGS__)
+/// For a step of a handler: the line names the handler.
+#define LOG_ERROR_OF(function, message, ...) \
+  UDISK_LOG(7, "Error:", #function, message __VA_OPT__(, ) __VA_ARGS__)

@@ -138,7 +138,59 @@ struct StatvfsHead {
 };
 static_assert(sizeof(StatvfsHead) == 8 && offsetof(StatvfsHead, record_length) == 4);
 
-// ---- Data: 105, 123 ----
+// ---- Open files: 103, 109, 110, 111, 112, 119, 120 ----
+// Reply to all but the last two: head, path. The result is that of the local call, never an errno.
+
+/// 103: then the path.
+struct CreateHead {
+  uint32_t path_length;
+  uint32_t flags;  ///< not applied
+  uint32_t mode;
+  int32_t result;  ///< reply: not negative, or -1
+};
+static_assert(sizeof(CreateHead) == 16 && offsetof(CreateHead, result) == 12);
+
+/// 109: then the path.
+struct TruncateHead {
+  uint64_t length;  ///< above 10 MiB only for office files, else 10 MiB; the reply echoes it
+  uint32_t path_length;
+  int32_t result;
+};
+static_assert(sizeof(TruncateHead) == 16 && offsetof(TruncateHead, path_length) == 8);
+
+/// 110: then the path.
+struct FsyncHead {
+  uint32_t path_length;
+  uint32_t unread_4;  ///< not interpreted
+  int32_t result;
+};
+static_assert(sizeof(FsyncHead) == 12 && offsetof(FsyncHead, result) == 8);
+
+/// 111: then the path.
+struct ChmodHead {
+  int32_t result;
+  uint16_t path_length;
+  uint16_t mode;
+};
+static_assert(sizeof(ChmodHead) == 8 && offsetof(ChmodHead, path_length) == 4);
+
+/// 112: then the path.
+struct ChownHead {
+  uint32_t path_length;
+  uint32_t uid;
+  uint32_t gid;
+  int32_t result;
+};
+static_assert(sizeof(ChownHead) == 16 && offsetof(ChownHead, result) == 12);
+
+/// 119, 120: then the path. Reply: the request itself, byte for byte.
+struct CloseHead {
+  uint32_t path_length;
+  uint32_t fd;  ///< logged only
+};
+static_assert(sizeof(CloseHead) == 8 && offsetof(CloseHead, fd) == 4);
+
+// ---- Data: 105, 106, 123 ----
 
 /// 105: then the path. Reply: head, path, `size` bytes of data.
 /// 123: SmallReadHead, then so many of this head with its path. Reply: the same, each with `size`
@@ -153,6 +205,33 @@ struct ReadHead {
 static_assert(sizeof(ReadHead) == 24 && offsetof(ReadHead, size) == 12);
 static_assert(offsetof(ReadHead, path_length) == 16 && offsetof(ReadHead, unread_20) == 20);
 
+/// 123: how many ReadHead records follow, each with its path (of 1 byte at least).
+struct SmallReadHead {
+  uint32_t count;
+};
+static_assert(sizeof(SmallReadHead) == 4);
+
+/// 106: then the path, then `size` bytes: the data (single), or WritePieceHead records, each with
+/// its piece (batch). Reply, only where the markers are equal: head, path.
+struct WriteHead {
+  int64_t offset;
+  int32_t size;        ///< reply: 0 when anything failed
+  uint32_t unread_12;  ///< not interpreted
+  uint32_t single;     ///< 0 = batch
+  uint16_t path_length;
+  uint8_t marker_a;
+  uint8_t marker_b;
+};
+static_assert(sizeof(WriteHead) == 24 && offsetof(WriteHead, single) == 16);
+static_assert(offsetof(WriteHead, path_length) == 20 && offsetof(WriteHead, marker_b) == 23);
+
+/// A piece of a batch; `length` bytes follow.
+struct WritePieceHead {
+  int64_t offset;
+  int32_t length;
+};
+static_assert(sizeof(WritePieceHead) == 12 && offsetof(WritePieceHead, length) == 8);
+
 // ---- Directories: 107, 121 ----
 
 /// 107: then the path. 121: then the path, then `buf_len` bytes of cached entries.
@@ -165,6 +244,32 @@ struct DirHead {
 };
 static_assert(sizeof(DirHead) == 16 && offsetof(DirHead, buf_len) == 8);
 static_assert(offsetof(DirHead, path_length) == 12 && offsetof(DirHead, entry_count) == 14);
+
+// ---- Names: 114 to 118 ----
+// Reply to all: head, path or paths; 114 echoes the beginning of the local path instead.
+
+/// 114: then the path.
+struct MakeDirHead {
+  int32_t result;
+  uint16_t path_length;
+  int16_t mode;
+};
+static_assert(sizeof(MakeDirHead) == 8 && offsetof(MakeDirHead, path_length) == 4);
+
+/// 115, 117: then the path.
+struct RemoveHead {
+  uint16_t path_length;
+  int16_t result;
+};
+static_assert(sizeof(RemoveHead) == 4 && offsetof(RemoveHead, result) == 2);
+
+/// 116, 118: then the existing path, then the new one.
+struct TwoPathsHead {
+  int32_t result;
+  uint16_t path_length;  ///< of the existing path
+  uint16_t new_path_length;
+};
+static_assert(sizeof(TwoPathsHead) == 8 && offsetof(TwoPathsHead, new_path_length) == 6);
 
 #pragma pack(pop)
 

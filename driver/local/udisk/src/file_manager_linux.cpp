@@ -60,6 +60,14 @@ int CreateFile(const char* path, int mode) {
 
 udisk_timespec ToTimespec(const struct timespec& from) { return {from.tv_sec, from.tv_nsec}; }
 
+int LeftInFile(const struct stat& st, int64_t offset, int count) {
+  if (count <= 0) return count;
+  if (offset < 0) return 0;
+  const bool knows_size = S_ISREG(st.st_mode) && st.st_size > 0;
+  const int64_t left = knows_size ? std::max<int64_t>(st.st_size - offset, 0) : kUnknownSize;
+  return static_cast<int>(std::min<int64_t>(left, count));
+}
+
 /// Stores errno for the caller and gives its text.
 const char* TakeError(uint32_t* err) {
   const int error = errno;
@@ -121,13 +129,12 @@ int FileManagerLinux::UdiskReadFile(const char* path, int64_t offset, uint32_t* 
 
 int FileManagerLinux::Deliverable(int fd, int64_t offset, int count) {
   struct stat st {};
-  if (count <= 0) return count;
-  if (offset < 0) return 0;
-  int64_t left = kUnknownSize;
-  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) {
-    left = std::max<int64_t>(st.st_size - offset, 0);
-  }
-  return static_cast<int>(std::min<int64_t>(left, count));
+  return ::fstat(fd, &st) == 0 ? LeftInFile(st, offset, count) : std::min(count, 0);
+}
+
+int FileManagerLinux::Deliverable(const char* path, int64_t offset, int count) {
+  struct stat st {};
+  return ::stat(path, &st) == 0 ? LeftInFile(st, offset, count) : std::min(count, 0);
 }
 
 int FileManagerLinux::UdiskWriteFile(const char* path, const void* buf, int64_t offset, int count,

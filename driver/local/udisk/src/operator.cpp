@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -56,13 +57,27 @@ constexpr std::array kCommands = std::to_array<CommandRow>({
     {kMountRemote, "mount_remote", &UDiskOperator::mount_remote, kHeader},
     {kUmountRemote, "umount_remote", &UDiskOperator::umount_remote, kHeader},
     {kGetFileAttr, "get_file_attr", &UDiskOperator::get_file_attr, kHeader},
+    {kFileCreate, "file_create", &UDiskOperator::file_create, kHeader},
     {kFileOpen, "file_open", nullptr, 0},
     {kFileRead, "file_read", &UDiskOperator::file_read, kHeader},
+    {kFileWrite, "file_write", &UDiskOperator::file_write, kHeader},
     {kDirRead, "dir_read", &UDiskOperator::dir_read, kHeader},
     {kGetXattr, "get_xattr", &UDiskOperator::get_xattr, kHeader},
+    {kFileTruncate, "file_truncate", &UDiskOperator::file_truncate, kHeader},
+    {kFileFsync, "file_fsync", &UDiskOperator::file_fsync, kHeader},
+    {kFileChmod, "file_chmod", &UDiskOperator::file_chmod, kHeader},
+    {kFileChown, "file_chown", &UDiskOperator::file_chown, kHeader},
     {kGetStatvfs, "get_statvfs", &UDiskOperator::get_statvfs, kHeader},
+    {kMakeDir, "make_dir", &UDiskOperator::make_dir, kHeader},
+    {kRemoveDir, "remove_dir", &UDiskOperator::remove_dir, kHeader},
+    {kSetLink, "set_link", &UDiskOperator::set_link, kHeader},
+    {kSetUnlink, "set_unlink", &UDiskOperator::set_unlink, kHeader},
+    {kSetRename, "set_rename", &UDiskOperator::set_rename, kHeader},
+    {kFileFlush, "file_flush", &UDiskOperator::file_flush, 0},
+    {kFileRelease, "file_release", &UDiskOperator::file_release, 0},
     {kCheckDir, "check_dir", &UDiskOperator::check_dir, kHeader},
     {kSmallFileNotice, "small_file_notice", nullptr, 0},
+    {kSmallFileRead, "small_file_read", &UDiskOperator::small_file_read, kHeader},
     {kMountResponse, "mount_response", &UDiskOperator::mount_response, 0},
 });
 
@@ -197,6 +212,15 @@ int64_t Dropped(const char* handler) {
   return -1;
 }
 
+/// The answer of most requests: their own head, with the result in it, and their path.
+template <class Head>
+Reply EchoReply(unsigned char header_length, CpdPacket* request, PathRequest<Head>* in) {
+  in->StoreHead();
+  Reply reply(request, header_length, sizeof in->head + in->path.size());
+  reply.Append(in->head).Append(in->path);
+  return reply;
+}
+
 /// A trace message: where it comes from, then the text.
 std::string Located(std::string_view text, const char* function = __builtin_FUNCTION(),
                     int line = __builtin_LINE()) {
@@ -305,6 +329,10 @@ void UDiskOperator::TraceCpdDevice(std::string event, CpdDevice* device, bool su
   } else {
     base->TraceEventDetail(id, path, name, fields);
   }
+}
+
+void UDiskOperator::TraceError(const std::string& message) {
+  TraceCpdDevice("DEVICE_REDIR_ERROR", mDevice, false, message, "", "");
 }
 
 bool UDiskOperator::TraceFile(const char* event, bool success, const char* text,
@@ -479,7 +507,144 @@ std::list<std::shared_ptr<VolumeRecord>> UDiskOperator::CopyVolumes() {
   return mVolumes;
 }
 
-// ---- Data: 105 ----
+// ---- Open files: 103, 104, 109 to 112, 119, 120 ----
+//
+// There are none: each request names its file by path and is one call of the file layer.
+
+// 103: head, path -> head with a descriptor number or -1, path. The flags are not passed on.
+int64_t UDiskOperator::file_create(unsigned char header_length, CpdPacket* request) {
+  PathRequest<CreateHead> in(request, CopyMountPoint());
+  if (!in.ok()) return Dropped("file_create");
+  LOG_DEBUG("file_create full path: %s, flag:%x, mode: %x\n", in.full_path.c_str(),
+            uint32_t{in.head.flags}, uint32_t{in.head.mode});
+
+  const int result =
+      mFileManager->UdiskCreateFile(in.full_path.c_str(), 0, static_cast<int>(in.head.mode));
+  if (result >= 0) {
+    lastWriteEnd = 0;
+  } else {
+    TraceError(Located("udisk CreatFile fail"));
+  }
+  in.head.result = result;
+
+  Reply reply = EchoReply(header_length, request, &in);
+  LOG_DEBUG("file_create send size:%d file fd: %d\n", reply.capacity(), result);
+  modified = 1;
+  return Send(reply.Take());
+}
+
+int64_t UDiskOperator::file_open(unsigned char /*header_length*/, CpdPacket* /*request*/) {
+  return 0;
+}
+
+bool check_microsoft_suffix(const char* name) {
+  // The five-character entries are covered by the four-character ones: kept as they are.
+  constexpr std::array<std::string_view, 10> kSuffixes{".doc", ".xls",  ".tmp",  ".ppt",  ".vsd",
+                                                       ".spp", ".docx", ".xlsx", ".pptx", ".vsdx"};
+  const char* const suffix = std::strrchr(name, '.');
+  if (suffix == nullptr) {
+    LOG_DEBUG("filename: %s without suffix", name);
+    return false;
+  }
+  LOG_DEBUG("suffix: %s", suffix);
+  return std::ranges::any_of(kSuffixes, [suffix](std::string_view known) {
+    return std::string_view(suffix).starts_with(known);
+  });
+}
+
+// 109: head, path -> head with the result, path. The head keeps the length that was asked for, also
+// where the file got the most that it may.
+int64_t UDiskOperator::file_truncate(unsigned char header_length, CpdPacket* request) {
+  PathRequest<TruncateHead> in(request, CopyMountPoint());
+  if (!in.ok()) return Dropped("file_truncate");
+  LOG_DEBUG("file_truncate full path: %s,name len:%d,offset:%llu\n", in.full_path.c_str(),
+            static_cast<int>(in.head.path_length), static_cast<unsigned long long>(in.head.length));
+
+  constexpr uint64_t kMostLength = 0xA00000;
+  uint64_t length = in.head.length;
+  if (length > kMostLength && !check_microsoft_suffix(in.full_path.c_str())) length = kMostLength;
+  in.head.result = mFileManager->UdiskTruncate(in.full_path.c_str(), static_cast<int64_t>(length));
+  LOG_DEBUG("file_truncate resule: %d", int{in.head.result});
+
+  Reply reply = EchoReply(header_length, request, &in);
+  LOG_DEBUG("file_truncate send back size:%d", reply.capacity());
+  modified = 1;
+  return Send(reply.Take());
+}
+
+// 110: head, path -> head with the result, path.
+int64_t UDiskOperator::file_fsync(unsigned char header_length, CpdPacket* request) {
+  PathRequest<FsyncHead> in(request, CopyMountPoint());
+  if (!in.ok()) return Dropped("file_fsync");
+  LOG_DEBUG("file_fsync full path: %s,name len:%dlu\n", in.full_path.c_str(),
+            static_cast<int>(in.head.path_length));
+
+  in.head.result = mFileManager->UdiskFsync(in.full_path.c_str());
+  LOG_DEBUG("file_fsync  resule: %d", int{in.head.result});
+
+  Reply reply = EchoReply(header_length, request, &in);
+  LOG_DEBUG("file_fsync send back size:%d", reply.capacity());
+  modified = 1;
+  return Send(reply.Take());
+}
+
+// 111: head, path -> head with the result, path. Free space stays: not `modified`.
+int64_t UDiskOperator::file_chmod(unsigned char header_length, CpdPacket* request) {
+  PathRequest<ChmodHead> in(request, CopyMountPoint());
+  if (!in.ok()) return Dropped("file_chmod");
+  LOG_DEBUG("file_chmod full path: %s,name len:%d,mode: %d\n", in.full_path.c_str(),
+            int{in.head.path_length}, int{in.head.mode});
+
+  in.head.result = mFileManager->UdiskFileChmod(in.full_path.c_str(), in.head.mode);
+  LOG_DEBUG("file_chmod resule: %d", int{in.head.result});
+
+  Reply reply = EchoReply(header_length, request, &in);
+  LOG_DEBUG("file_chmod send back size:%d", reply.capacity());
+  return Send(reply.Take());
+}
+
+// 112: head, path -> head with the result, path. Free space stays: not `modified`.
+int64_t UDiskOperator::file_chown(unsigned char header_length, CpdPacket* request) {
+  PathRequest<ChownHead> in(request, CopyMountPoint());
+  if (!in.ok()) return Dropped("file_chown");
+  const auto uid = static_cast<int>(in.head.uid);
+  const auto gid = static_cast<int>(in.head.gid);
+  LOG_DEBUG("file_chown full path: %s,name len:%d,uid: %d, gid: %d\n", in.full_path.c_str(),
+            static_cast<int>(in.head.path_length), uid, gid);
+
+  in.head.result = mFileManager->UdiskFileChown(in.full_path.c_str(), uid, gid);
+  LOG_DEBUG("file_chown resule: %d", int{in.head.result});
+
+  Reply reply = EchoReply(header_length, request, &in);
+  LOG_DEBUG("file_chown send back size:%d", reply.capacity());
+  return Send(reply.Take());
+}
+
+// 119: head, path -> the request itself. Flushes nothing: 110 and 120 do.
+int64_t UDiskOperator::file_flush(unsigned char /*header_length*/, CpdPacket* request) {
+  const PathRequest<CloseHead> in(request, CopyMountPoint());
+  if (!in.ok()) return Dropped("file_flush");
+  LOG_DEBUG("file_flush fd: %d, path: %s\n", static_cast<int>(in.head.fd), in.relative_path());
+  return SendCopy(request);
+}
+
+// 120: head, path -> the request itself, whatever came of the sync.
+int64_t UDiskOperator::file_release(unsigned char /*header_length*/, CpdPacket* request) {
+  const std::string mount_point = CopyMountPoint();
+  const PathRequest<CloseHead> in(request, mount_point);
+  if (!in.ok()) return Dropped("file_release");
+  LOG_DEBUG("file_release fd: %d, path: %s, mMountPoint: %s\n", static_cast<int>(in.head.fd),
+            in.relative_path(), mount_point.c_str());
+  mFileManager->UdiskRelease(in.full_path.c_str());
+  return SendCopy(request);
+}
+
+int64_t UDiskOperator::SendCopy(const CpdPacket* request) {
+  std::unique_ptr<CpdPacket> copy(request->Clone());
+  return copy != nullptr ? Send(std::move(copy)) : -1;
+}
+
+// ---- Data: 105, 106, 123 ----
 
 // 105: head, path -> head with the bytes read, path, data. The data is read straight into the
 // reply. A file that cannot be read is answered with 0 bytes and traced as a success.
@@ -514,8 +679,168 @@ int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request
   if (!reply) reply.emplace(request, header_length, before_data);
   in.head.size = static_cast<uint32_t>(result);
   in.StoreHead();
-  reply->Append(in.head).Append(in.path).Commit(in.head.size);
+  reply->Append(in.head).Append(in.path).Commit(in.head.size).Trim();
   return Send(reply->Take());
+}
+
+// 106: head, path, data -> head with the size or 0, path; only where the markers are equal. A batch
+// that fails part-way has written its earlier pieces and does not tell how many: kept.
+int64_t UDiskOperator::file_write(unsigned char header_length, CpdPacket* request) {
+  PathRequest<WriteHead> in(request, CopyMountPoint());
+  const int size = in.head.size;
+  std::string_view data;
+  if (!in.ok() || !in.rest.ReadBytes(static_cast<size_t>(std::max(size, 0)), &data)) {
+    return Dropped("file_write");
+  }
+  uint32_t error = 0;
+  const int result = in.head.single != 0
+                         ? mFileManager->UdiskWriteFile(in.full_path.c_str(), data.data(),
+                                                        in.head.offset, size, &error)
+                         : WriteBatch(in.full_path.c_str(), data, &error);
+  lastWriteEnd =
+      static_cast<int64_t>(static_cast<uint64_t>(in.head.offset) + static_cast<uint32_t>(size));
+
+  const char* const path = in.relative_path();
+  if (result == size) {  // so also a failed write of size -1: kept
+    TraceFile("UDISK_WRITE_FILE_SUCCESS", true, "udisk writeFile success", path);
+  } else {
+    in.head.size = 0;
+    in.StoreHead();
+    LOG_ERROR("file_write failed, res: %d", result);
+    if (error == EROFS || error == EACCES) {
+      TraceFile("UDISK_WRITE_FILE_DISK_ACCESS_DENIED", false,
+                "udisk writeFile fail Permission exception", path);
+    } else {
+      TraceFile("UDISK_WRITE_FILE_FAIL", false, "udisk writeFile fail", path);
+    }
+  }
+  if (in.head.marker_a != in.head.marker_b) return -1;
+
+  Reply reply = EchoReply(header_length, request, &in);
+  modified = 1;
+  return Send(reply.Take());
+}
+
+/// Writes the pieces of a batch up to the first that fails or is broken.
+/// @return bytes of the batch dealt with, the broken piece's head included
+int UDiskOperator::WriteBatch(const char* path, std::string_view batch, uint32_t* error) {
+  int position = 0;
+  auto remaining = static_cast<int>(batch.size());
+  WritePieceHead piece{};
+  constexpr int kHead = sizeof piece;
+  while (remaining > kHead) {
+    const char* const at = batch.data() + position;
+    std::memcpy(&piece, at, sizeof piece);
+    const int length = piece.length;
+    if (remaining < int64_t{length} + kHead) {
+      LOG_ERROR_OF(file_write, "buffer length error, size: %d, buffer_size:%d", length, remaining);
+      return position + kHead;
+    }
+    const int written = mFileManager->UdiskWriteFile(path, at + kHead, piece.offset, length, error);
+    if (written != length) {
+      LOG_ERROR_OF(file_write, "file_write failed size: %d, result: %d", length, written);
+      return position + kHead;
+    }
+    position += length + kHead;
+    remaining -= length + kHead;
+  }
+  return position;
+}
+
+namespace {
+
+struct SmallFileRecord {
+  std::string path;  ///< relative, as it came
+  std::string full_path;
+  int64_t offset;
+  uint32_t size;
+  uint32_t path_length;
+  int count;  ///< how much to read: no more than the file can deliver
+};
+
+/// The records of a small-file read.
+/// @return 0, or what the handler answers to a malformed one
+int ReadSmallFileRecords(PayloadReader* in, uint32_t remaining, uint32_t count,
+                         const std::string& mount_point, std::list<SmallFileRecord>* records) {
+  for (uint32_t i = 0; i < count; ++i) {
+    ReadHead head{};
+    std::string_view path;
+    if (remaining < sizeof head) {
+      LOG_ERROR_OF(small_file_read, "small_file_read remaining %d, \n",
+                   static_cast<int>(remaining));
+      return -2;
+    }
+    if (!in->Read(&head)) return static_cast<int>(Dropped("small_file_read"));
+    remaining -= sizeof head;
+    if (head.path_length < 1 || head.path_length > remaining) return -3;
+    if (!in->ReadBytes(head.path_length, &path)) {
+      return static_cast<int>(Dropped("small_file_read"));
+    }
+    remaining -= head.path_length;
+    SmallFileRecord& record = records->emplace_back();
+    record.path = path;
+    record.full_path = JoinPath(mount_point, path);
+    record.offset = head.offset;
+    record.size = head.size;
+    record.path_length = head.path_length;
+    record.count = FileManagerLinux::Deliverable(record.full_path.c_str(), record.offset,
+                                                 static_cast<int>(record.size));
+  }
+  return 0;
+}
+
+}  // namespace
+
+// 123: count, then so many heads with a path -> the same, each with its data. A malformed request
+// gets no reply, a file that cannot be read 0 bytes. No traces, unlike 105.
+int64_t UDiskOperator::small_file_read(unsigned char header_length, CpdPacket* request) {
+  PayloadReader in(request);
+  SmallReadHead head{};
+  const uint32_t payload_length = request->PayloadSize();
+  if (payload_length < sizeof head || !in.Read(&head)) {
+    LOG_ERROR("small_file_read payload_length %d, \n", static_cast<int>(payload_length));
+    return -1;
+  }
+  std::list<SmallFileRecord> records;
+  const int malformed = ReadSmallFileRecords(&in, payload_length - sizeof head, head.count,
+                                             CopyMountPoint(), &records);
+  if (malformed != 0) return malformed;
+
+  // The throttle is charged with what was asked for, in 32 bits and without the count; the buffer
+  // is made for what can come.
+  uint32_t planned = CPD_PACKET_HEADER_SIZE;
+  size_t room = sizeof head;
+  for (const SmallFileRecord& record : records) {
+    planned += record.size + record.path_length + static_cast<uint32_t>(sizeof(ReadHead));
+    room += static_cast<size_t>(std::max(record.count, 0)) + record.path_length + sizeof(ReadHead);
+  }
+  if (room > INT32_MAX) {
+    LOG_ERROR("small_file_read: no packet holds %zu bytes", room);
+    return -1;
+  }
+  Reply reply(request, header_length, room);
+  reply.AppendUint32(head.count);
+  for (const SmallFileRecord& record : records) {
+    ReadHead out{};
+    out.offset = record.offset;
+    out.path_length = record.path_length;
+    uint32_t error = 0;
+    int result = 0;
+    if (reply.ok()) {  // straight into the reply, behind head and path
+      result = mFileManager->UdiskReadFile(record.full_path.c_str(),
+                                           reply.Room(sizeof out + record.path_length),
+                                           record.offset, record.count, &error);
+    }
+    if (result == -1) {  // for a file layer that reports failure so; this one answers 0
+      LOG_ERROR("file_read failed res: %d, \n", 0);
+      result = 0;
+    }
+    out.size = static_cast<uint32_t>(result);
+    reply.Append(out).Append(record.path).Commit(out.size);
+  }
+
+  throttleRead(planned, BulkRead::kSmallFiles);
+  return Send(reply.Take()) == -1 ? -1 : 0;
 }
 
 // ---- Directories: 107, 121 ----
@@ -644,6 +969,95 @@ int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cac
   if (matches == cache_count) return 1;
   LOG_DEBUG("add new file");
   return 0;
+}
+
+// ---- Names: 114 to 118 ----
+//
+// Each may change free space, also when it fails: all set `modified`. Only 114, 115 and 118 trace
+// their failures: kept.
+
+// 114: head, path -> head with the result, and as many bytes of the local path as the path has.
+int64_t UDiskOperator::make_dir(unsigned char header_length, CpdPacket* request) {
+  PathRequest<MakeDirHead> in(request, CopyMountPoint());
+  if (!in.ok()) return Dropped("make_dir");
+  LOG_DEBUG("make dir full path: %s,path len:%d, mode: %d\n", in.full_path.c_str(),
+            int{in.head.path_length}, int{in.head.mode});
+
+  in.head.result = mFileManager->UdiskMakeDir(in.full_path.c_str(), in.head.mode, 1);
+  if (in.head.result != 0) TraceError(Located("udisk make_dir fail"));
+  LOG_DEBUG("make dir resule: %d", int{in.head.result});
+
+  // The local path's beginning, not the path that was sent: kept.
+  in.path = std::string_view(in.full_path).substr(0, in.path.size());
+  Reply reply = EchoReply(header_length, request, &in);
+  LOG_DEBUG("make dir send back size:%d", reply.capacity());
+  modified = 1;
+  return Send(reply.Take());
+}
+
+// 115: head, path -> head with the result, path.
+int64_t UDiskOperator::remove_dir(unsigned char header_length, CpdPacket* request) {
+  PathRequest<RemoveHead> in(request, CopyMountPoint());
+  if (!in.ok()) return Dropped("remove_dir");
+  LOG_DEBUG("remove dir full path: %s,name\n", in.full_path.c_str());
+
+  in.head.result = static_cast<int16_t>(mFileManager->UdiskDeleteDirectory(in.full_path.c_str()));
+  if (in.head.result != 0) TraceError(Located("udisk remove_dir fail"));
+  LOG_DEBUG("remove dir resule: %d", int{in.head.result});
+
+  Reply reply = EchoReply(header_length, request, &in);
+  LOG_DEBUG("remove dir send back size:%d", reply.capacity());
+  modified = 1;
+  return Send(reply.Take());
+}
+
+// 116: head, existing path, new path -> head with the result, both paths. A hard link.
+int64_t UDiskOperator::set_link(unsigned char header_length, CpdPacket* request) {
+  TwoPathsRequest in(request, CopyMountPoint());
+  if (!in.ok()) return Dropped("set_link");
+  LOG_DEBUG("set link full from path: %s, to path: %s\n", in.full_path.c_str(),
+            in.new_full_path.c_str());
+
+  in.head.result = mFileManager->UdiskLink(in.full_path.c_str(), in.new_full_path.c_str());
+  LOG_DEBUG("set link resule: %d", int{in.head.result});
+
+  Reply reply = EchoReply(header_length, request, &in);
+  LOG_DEBUG("set link send back size:%d", reply.capacity());
+  modified = 1;
+  return Send(reply.Take());
+}
+
+// 117: head, path -> head with the result, path.
+int64_t UDiskOperator::set_unlink(unsigned char header_length, CpdPacket* request) {
+  PathRequest<RemoveHead> in(request, CopyMountPoint());
+  if (!in.ok()) return Dropped("set_unlink");
+  LOG_DEBUG("set unlink full from path: %s\n", in.full_path.c_str());
+
+  in.head.result = static_cast<int16_t>(mFileManager->UdiskUnlink(in.full_path.c_str()));
+  if (in.head.result < 0) LOG_ERROR("set unlink error: %s", std::strerror(errno));
+  LOG_DEBUG("set unlink resule: %d", int{in.head.result});
+
+  Reply reply = EchoReply(header_length, request, &in);
+  LOG_DEBUG("set unlink send back size:%d", reply.capacity());
+  modified = 1;
+  return Send(reply.Take());
+}
+
+// 118: head, old path, new path -> head with the result, both paths. Replaces an existing file.
+int64_t UDiskOperator::set_rename(unsigned char header_length, CpdPacket* request) {
+  TwoPathsRequest in(request, CopyMountPoint());
+  if (!in.ok()) return Dropped("set_rename");
+  LOG_DEBUG("set rename full from path: %s, to path: %s\n", in.full_path.c_str(),
+            in.new_full_path.c_str());
+
+  in.head.result = mFileManager->UdiskRename(in.full_path.c_str(), in.new_full_path.c_str());
+  if (in.head.result != 0) TraceError(Located("udisk set_rename fail"));
+  LOG_DEBUG("set rename resule: %d", int{in.head.result});
+
+  Reply reply = EchoReply(header_length, request, &in);
+  LOG_DEBUG("set rename send back size:%d", reply.capacity());
+  modified = 1;
+  return Send(reply.Take());
 }
 
 }  // namespace cpd

@@ -31,21 +31,31 @@ class Reply {
     return Append(std::string_view(reinterpret_cast<const char*>(&record), sizeof record));
   }
 
-  /// Room inside the buffer, `offset` bytes into the payload; null without memory.
-  [[nodiscard]] uint8_t* Room(size_t offset) {
-    uint8_t* payload = packet_->GetPayload();
-    return payload == nullptr || packet_->header == nullptr ? nullptr : payload + offset;
-  }
-  /// Counts `size` bytes as appended that were put into the room behind what is there, and gives
-  /// the rest of the buffer back.
-  void Commit(uint32_t size) {
-    if (packet_->header == nullptr) return;
-    const uint32_t length = packet_->header->packetLen + size;
-    packet_->header->packetLen = length;
-    packet_->buffer->Shrink(length);
-    packet_->header = reinterpret_cast<CpdPacketHeader*>(packet_->buffer->data);
+  Reply& AppendUint32(uint32_t value) {
+    packet_->AppendUint32(value);
+    return *this;
   }
 
+  /// Where bytes go that stand `offset` behind what is appended; null without memory.
+  [[nodiscard]] uint8_t* Room(size_t offset) {
+    return ok() ? packet_->buffer->data + packet_->header->packetLen + offset : nullptr;
+  }
+  /// Counts `size` bytes as appended that were put into that room.
+  Reply& Commit(uint32_t size) {
+    if (ok()) packet_->header->packetLen += size;
+    return *this;
+  }
+  /// Gives the rest of the buffer back.
+  Reply& Trim() {
+    if (ok()) {
+      packet_->buffer->Shrink(packet_->header->packetLen);
+      packet_->header = reinterpret_cast<CpdPacketHeader*>(packet_->buffer->data);
+    }
+    return *this;
+  }
+
+  /// Whether there is a packet to fill.
+  [[nodiscard]] bool ok() const { return packet_->header != nullptr; }
   /// The size of the packet's buffer.
   [[nodiscard]] int capacity() const { return static_cast<int>(packet_->buffer->capacity); }
   std::unique_ptr<CpdPacket> Take() { return std::move(packet_); }

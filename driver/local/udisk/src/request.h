@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include "cpd/packet.h"
+#include "wire.h"
 
 namespace cpd {
 
@@ -90,10 +91,27 @@ class PathRequest {
   std::string full_path;
   PayloadReader rest;
 
+ protected:
+  bool ok_ = false;
+
  private:
   uint8_t* stored_head_;
   size_t mount_length_;
-  bool ok_ = false;
+};
+
+/// A request with two paths back to back.
+class TwoPathsRequest : public PathRequest<TwoPathsHead> {
+ public:
+  TwoPathsRequest(CpdPacket* request, const std::string& mount_point)
+      : PathRequest(request, mount_point) {
+    std::string_view new_path;
+    ok_ = ok_ && rest.ReadBytes(head.new_path_length, &new_path);
+    if (!ok_) return;
+    new_full_path = JoinPath(mount_point, new_path);
+    path = {path.data(), path.size() + new_path.size()};  // echoed as one
+  }
+
+  std::string new_full_path;
 };
 
 }  // namespace cpd
