@@ -15,6 +15,7 @@
 #include "support/fake_sync.h"
 #include "support/operator_fixture.h"
 #include "support/virtual_clock.h"
+#include "support/write_requests.h"
 
 namespace cpd::test {
 namespace {
@@ -97,7 +98,10 @@ void RemoveMountDirectory() {
 TEST_F(OperatorTest, OnlyServedCommandsAnswer) {
   std::map<int, Request> served;
   for (const NamedRequest& good : OneRequestPerCommand()) served[good.request.cmd] = good.request;
-  ASSERT_GE(served.size(), 9U);
+  for (const NamedRequest& good : OneWriteRequestPerCommand()) {
+    served[good.request.cmd] = good.request;
+  }
+  ASSERT_EQ(served.size(), 23U);
   for (int cmd = 0; cmd <= UINT16_MAX; ++cmd) {
     const auto good = served.find(cmd);
     if (good == served.end()) {
