@@ -90,12 +90,6 @@ std::vector<Row> Rows(SampleDisk& disk) {
                   .make_compared = [&disk] { return ListAndCompare(disk, kVeryMany); },
                   .kind = Row::kTimesTheBasesTime,
                   .bound = 12});
-  rows.push_back({.name = "comparison alone of 100 000 entries, against 10 000",
-                  .operations = 5,
-                  .make_base = [&disk] { return Compare(disk, kMany); },
-                  .make_compared = [&disk] { return Compare(disk, kVeryMany); },
-                  .kind = Row::kTimesTheBasesTime,
-                  .bound = 12});
   return rows;
 }
 

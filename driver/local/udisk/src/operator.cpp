@@ -646,6 +646,9 @@ int64_t UDiskOperator::SendCopy(const CpdPacket* request) {
 
 // ---- Data: 105, 106, 123 ----
 
+// Room for so few bytes costs less than asking the file for its size.
+constexpr int kNotWorthAsking = 64 << 10;
+
 // 105: head, path -> head with the bytes read, path, data. The data is read straight into the
 // reply. A file that cannot be read is answered with 0 bytes and traced as a success.
 int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request) {
@@ -656,8 +659,9 @@ int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request
   const size_t before_data = sizeof in.head + in.path.size();
   std::optional<Reply> reply;
   const auto make_room = [&](int fd) {
+    const auto asked = static_cast<int>(in.head.size);
     const int count =
-        FileManagerLinux::Deliverable(fd, in.head.offset, static_cast<int>(in.head.size));
+        asked <= kNotWorthAsking ? asked : FileManagerLinux::Deliverable(fd, in.head.offset, asked);
     reply.emplace(request, header_length, before_data + static_cast<size_t>(std::max(count, 0)));
     uint8_t* const room = reply->Room(before_data);
     return ReadRoom{room, room != nullptr ? count : 0};
