@@ -23,6 +23,7 @@
 #include "handover.h"
 #include "operator.h"
 #include "support/requests.h"
+#include "support/write_requests.h"
 
 namespace cpd::bench {
 
@@ -116,9 +117,9 @@ BlockPtr MakeBlock(const char* path, int64_t offset, size_t bytes) {
 
 class Limit {
  public:
-  Limit(SampleDisk& disk, size_t bytes)
-      : bytes_(bytes), offsets_(bytes), paths_{disk.root() + disk.big_file()} {
-    if (bytes_ == 0) {
+  Limit(SampleDisk& disk, FileWork work)
+      : work_(work), offsets_(work.bytes), paths_{disk.root() + disk.big_file()} {
+    if (work_.kind == FileWork::kAttributes) {
       paths_ = AttributePaths(disk);
       for (std::string& path : paths_) path.insert(0, disk.root());
     }
@@ -132,16 +133,30 @@ class Limit {
   Limit& operator=(const Limit&) = delete;
 
   void Send() {
-    constexpr size_t kRequestBytes = 64;
+    const size_t request_bytes = kHead + data_.size();
     const std::string& path = paths_[next_++ % paths_.size()];
-    requests_.Put(MakeBlock(path.c_str(), offsets_.Next(), kRequestBytes));
+    BlockPtr request = MakeBlock(path.c_str(), offsets_.Next(), request_bytes);
+    std::memcpy(request->bytes + kHead, data_.data(), data_.size());
+    requests_.Put(std::move(request));
   }
   void Await() { Expect(replies_.Take() != nullptr, "a bare call failed"); }
 
  private:
+  static constexpr size_t kHead = 64;
+
   void Work() {
     while (const BlockPtr request = requests_.Take()) {
-      replies_.Put(bytes_ == 0 ? Attributes(*request) : Data(*request));
+      switch (work_.kind) {
+        case FileWork::kAttributes:
+          replies_.Put(Attributes(*request));
+          break;
+        case FileWork::kRead:
+          replies_.Put(Read(*request));
+          break;
+        case FileWork::kWrite:
+          replies_.Put(Write(*request));
+          break;
+      }
     }
   }
 
@@ -153,15 +168,25 @@ class Limit {
     return reply;
   }
 
-  [[nodiscard]] BlockPtr Data(const Block& request) const {
-    BlockPtr reply = MakeBlock(request.path, request.offset, bytes_);
+  [[nodiscard]] BlockPtr Read(const Block& request) const {
+    BlockPtr reply = MakeBlock(request.path, request.offset, work_.bytes);
     const int fd = ::open(request.path, O_RDONLY | O_CLOEXEC);
-    const ssize_t got = ::pread(fd, reply->bytes, bytes_, request.offset);
+    const ssize_t got = ::pread(fd, reply->bytes, work_.bytes, request.offset);
     ::close(fd);
-    return got == static_cast<ssize_t>(bytes_) ? std::move(reply) : nullptr;
+    return got == static_cast<ssize_t>(work_.bytes) ? std::move(reply) : nullptr;
   }
 
-  size_t bytes_;
+  [[nodiscard]] BlockPtr Write(const Block& request) const {
+    const int fd = ::open(request.path, O_WRONLY | O_CLOEXEC);
+    const ssize_t put = ::pwrite(fd, request.bytes + kHead, work_.bytes, request.offset);
+    ::close(fd);
+    if (put != static_cast<ssize_t>(work_.bytes)) return nullptr;
+    return MakeBlock(request.path, request.offset, kHead);
+  }
+
+  FileWork work_;
+  // What a write's request carries.
+  std::string data_ = std::string(work_.kind == FileWork::kWrite ? work_.bytes : 0, 'y');
   OffsetWalk offsets_;
   std::vector<std::string> paths_;
   size_t next_ = 0;
@@ -172,8 +197,8 @@ class Limit {
 
 }  // namespace
 
-Load LimitLoop(SampleDisk& disk, size_t bytes, int outstanding) {
-  return [limit = std::make_shared<Limit>(disk, bytes), outstanding](int operations) {
+Load LimitLoop(SampleDisk& disk, FileWork work, int outstanding) {
+  return [limit = std::make_shared<Limit>(disk, work), outstanding](int operations) {
     return SecondsOfLoop(
         operations, outstanding, [&] { limit->Send(); }, [&] { limit->Await(); });
   };
@@ -185,34 +210,52 @@ namespace {
 
 class Module {
  public:
-  Module(SampleDisk& disk, size_t bytes) : bytes_(bytes), offsets_(bytes), driver_(disk.root()) {
-    if (bytes_ == 0) {
-      for (const std::string& path : AttributePaths(disk)) {
-        requests_.push_back(test::Request(test::AttrRequest{.path = path}).Bytes());
-      }
-    } else {
-      const auto size = static_cast<uint32_t>(bytes);
-      requests_.push_back(
-          test::Request(test::ReadRequest{.path = disk.big_file(), .size = size}).Bytes());
-    }
+  Module(SampleDisk& disk, FileWork work)
+      : work_(work), offsets_(work.bytes), driver_(disk.root()) {
+    for (const test::Request& request : Requests(disk)) requests_.push_back(request.Bytes());
   }
 
   void Send() {
     std::string& request = requests_[next_++ % requests_.size()];
-    if (bytes_ != 0) {
+    if (work_.kind != FileWork::kAttributes) {  // the offset stands first in either head
+      static_assert(offsetof(ReadHead, offset) == 0 && offsetof(WriteHead, offset) == 0);
       const int64_t offset = offsets_.Next();
-      std::memcpy(request.data() + CPD_PACKET_HEADER_SIZE + offsetof(ReadHead, offset), &offset,
-                  sizeof offset);
+      std::memcpy(request.data() + CPD_PACKET_HEADER_SIZE, &offset, sizeof offset);
     }
     driver_.Send(request);
   }
-  void Await() {
-    const size_t result = bytes_ == 0 ? sizeof(udisk_stat) : bytes_;
-    Expect(driver_.TakeReply()->header->packetLen > result, "a request failed");
-  }
+  void Await() { Expect(Succeeded(*driver_.TakeReply()), "a request failed"); }
 
  private:
-  size_t bytes_;
+  [[nodiscard]] std::vector<test::Request> Requests(SampleDisk& disk) const {
+    std::vector<test::Request> requests;
+    switch (work_.kind) {
+      case FileWork::kAttributes:
+        for (const std::string& path : AttributePaths(disk)) {
+          requests.push_back(test::AttrRequest{.path = path});
+        }
+        break;
+      case FileWork::kRead:
+        requests.push_back(
+            test::ReadRequest{.path = disk.big_file(), .size = static_cast<uint32_t>(work_.bytes)});
+        break;
+      case FileWork::kWrite:
+        requests.push_back(
+            test::WriteRequest{.path = disk.big_file(), .data = std::string(work_.bytes, 'y')});
+        break;
+    }
+    return requests;
+  }
+
+  [[nodiscard]] bool Succeeded(const CpdPacket& reply) const {
+    if (work_.kind == FileWork::kAttributes) return reply.header->packetLen > sizeof(udisk_stat);
+    if (work_.kind == FileWork::kRead) return reply.header->packetLen > work_.bytes;
+    WriteHead head;
+    std::memcpy(&head, reply.GetPayload(), sizeof head);
+    return head.size == static_cast<int32_t>(work_.bytes);
+  }
+
+  FileWork work_;
   OffsetWalk offsets_;
   std::vector<std::string> requests_;
   size_t next_ = 0;
@@ -221,8 +264,8 @@ class Module {
 
 }  // namespace
 
-Load ModuleLoop(SampleDisk& disk, size_t bytes, int outstanding) {
-  return [module = std::make_shared<Module>(disk, bytes), outstanding](int operations) {
+Load ModuleLoop(SampleDisk& disk, FileWork work, int outstanding) {
+  return [module = std::make_shared<Module>(disk, work), outstanding](int operations) {
     return SecondsOfLoop(
         operations, outstanding, [&] { module->Send(); }, [&] { module->Await(); });
   };

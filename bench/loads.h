@@ -2,6 +2,7 @@
 // so that the two can be compared within one run.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 
@@ -17,13 +18,23 @@ struct Seconds {
 /// Does so many operations. @return the time that they took
 using Load = std::function<Seconds(int operations)>;
 
-// ---- File requests. `bytes` is what each reads: open, pread, close; 0 means lstat. ----
+// ---- File requests ----
+
+/// One request's work.
+struct FileWork {
+  enum Kind {
+    kAttributes,  ///< lstat
+    kRead,        ///< open, pread, close
+    kWrite,       ///< open, pwrite, close
+  } kind;
+  size_t bytes = 0;  ///< how much is read or written
+};
 
 /// What any driver that serves requests on a thread of its own has to pay: two threads that hand
 /// heap blocks to each other, one a request and one a reply, and the bare system calls.
-Load LimitLoop(SampleDisk& disk, size_t bytes, int outstanding);
+Load LimitLoop(SampleDisk& disk, FileWork work, int outstanding);
 /// The same from onEvent to SendPacket.
-Load ModuleLoop(SampleDisk& disk, size_t bytes, int outstanding);
+Load ModuleLoop(SampleDisk& disk, FileWork work, int outstanding);
 
 // ---- Directories of so many files, one operation at a time ----
 

@@ -22,7 +22,9 @@ void WriteFile(const std::string& path, const std::vector<char>& bytes) {
 
 }  // namespace
 
-SampleDisk::SampleDisk() : root_(std::filesystem::temp_directory_path() / "udisk-bench-XXXXXX") {
+SampleDisk::SampleDisk() : SampleDisk(std::filesystem::temp_directory_path()) {}
+
+SampleDisk::SampleDisk(const std::filesystem::path& parent) : root_(parent / "udisk-bench-XXXXXX") {
   if (::mkdtemp(root_.data()) == nullptr) {
     throw std::system_error(errno, std::generic_category(), root_);
   }

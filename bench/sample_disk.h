@@ -2,15 +2,18 @@
 #pragma once
 
 #include <cstddef>
+#include <filesystem>
 #include <map>
 #include <string>
 
 namespace cpd::bench {
 
-/// A directory of its own under the temporary directory (TMPDIR), removed at the end.
+/// A directory of its own, removed at the end.
 class SampleDisk {
  public:
+  /// Under the temporary directory (TMPDIR).
   SampleDisk();
+  explicit SampleDisk(const std::filesystem::path& parent);
   ~SampleDisk();
   SampleDisk(const SampleDisk&) = delete;
   SampleDisk& operator=(const SampleDisk&) = delete;

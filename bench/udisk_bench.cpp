@@ -1,6 +1,6 @@
 // udisk_bench [Google Benchmark options]   rates of every load
-// udisk_bench --ratios [TURNS [FILTER]]    the driver against the machine's limit; 1 = out of
-// bounds udisk_bench --memory                     resident memory over a million requests
+// udisk_bench --ratios [TURNS [FILTER]]    the driver against the limit; 1 = out of bounds
+// udisk_bench --memory                     resident memory over a million requests
 // udisk_bench --reads N                    N unpaced reads of 4 KiB, for counting system calls
 #include <benchmark/benchmark.h>
 
@@ -33,17 +33,28 @@ void RegisterLoad(const std::string& name, int operations, std::function<Load()>
 }
 
 void RegisterLoads(SampleDisk& disk) {
-  for (const size_t bytes :
-       {size_t{0}, size_t{4} << 10, size_t{64} << 10, size_t{256} << 10, size_t{1} << 20}) {
-    const std::string what =
-        bytes == 0 ? "get_file_attr" : "file_read/" + std::to_string(bytes >> 10) + "KiB";
+  struct FileLoad {
+    const char* name;
+    FileWork work;
+  };
+  for (const FileLoad& load : {FileLoad{"get_file_attr", {FileWork::kAttributes}},
+                               {"file_read/4KiB", {FileWork::kRead, 4 << 10}},
+                               {"file_read/64KiB", {FileWork::kRead, 64 << 10}},
+                               {"file_read/256KiB", {FileWork::kRead, 256 << 10}},
+                               {"file_read/1MiB", {FileWork::kRead, 1 << 20}},
+                               {"file_write/4KiB", {FileWork::kWrite, 4 << 10}},
+                               {"file_write/64KiB", {FileWork::kWrite, 64 << 10}},
+                               {"file_write/1MiB", {FileWork::kWrite, 1 << 20}}}) {
     for (const int outstanding : {32, 1}) {
-      const int operations = bytes <= (64 << 10) ? 2000 : 200;
-      const std::string how = "/outstanding:" + std::to_string(outstanding);
-      RegisterLoad(what + how + "/limit", operations,
-                   [&disk, bytes, outstanding] { return LimitLoop(disk, bytes, outstanding); });
-      RegisterLoad(what + how + "/module", operations,
-                   [&disk, bytes, outstanding] { return ModuleLoop(disk, bytes, outstanding); });
+      const int operations = load.work.bytes <= (64 << 10) ? 2000 : 200;
+      const std::string name =
+          std::string(load.name) + "/outstanding:" + std::to_string(outstanding);
+      RegisterLoad(name + "/limit", operations, [&disk, work = load.work, outstanding] {
+        return LimitLoop(disk, work, outstanding);
+      });
+      RegisterLoad(name + "/module", operations, [&disk, work = load.work, outstanding] {
+        return ModuleLoop(disk, work, outstanding);
+      });
     }
   }
   for (const int files : {100, 10'000}) {
@@ -70,9 +81,9 @@ int ResidentKiB() {
 void PrintMemory(SampleDisk& disk) {
   constexpr int kStep = 100'000;
   constexpr int kOutstanding = 32;
-  const Load attributes = ModuleLoop(disk, 0, kOutstanding);
-  const Load small_reads = ModuleLoop(disk, 4 << 10, kOutstanding);
-  const Load large_reads = ModuleLoop(disk, 1 << 20, kOutstanding);
+  const Load attributes = ModuleLoop(disk, {FileWork::kAttributes}, kOutstanding);
+  const Load small_reads = ModuleLoop(disk, {FileWork::kRead, 4 << 10}, kOutstanding);
+  const Load large_reads = ModuleLoop(disk, {FileWork::kRead, 1 << 20}, kOutstanding);
   const Load listings = DirRead(disk, 100);
   std::puts("| requests | resident, MiB |\n|--:|--:|");
   for (int done = 0; done <= 10 * kStep; done += kStep) {
@@ -99,7 +110,7 @@ int Run(int argc, char** argv) {
     return 0;
   }
   if (mode == "--reads" && argc > 2) {
-    ModuleLoop(disk, 4 << 10, 1)(std::atoi(argv[2]));
+    ModuleLoop(disk, {FileWork::kRead, 4 << 10}, 1)(std::atoi(argv[2]));
     return 0;
   }
   RegisterLoads(disk);

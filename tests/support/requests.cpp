@@ -81,10 +81,10 @@ std::unique_ptr<CpdPacket> Request::CutPacket(size_t payload_bytes) const {
 }
 
 std::unique_ptr<CpdPacket> PacketOf(std::string_view bytes) {
-  std::string image(bytes);
   auto packet = std::make_unique<CpdPacket>();
-  if (packet->Parse(reinterpret_cast<uint8_t*>(image.data()), static_cast<int>(image.size()),
-                    true) != 0) {
+  // Copied, not changed.
+  auto* const image = reinterpret_cast<uint8_t*>(const_cast<char*>(bytes.data()));
+  if (packet->Parse(image, static_cast<int>(bytes.size()), true) != 0) {
     throw std::runtime_error("not the image of a packet");
   }
   return packet;
