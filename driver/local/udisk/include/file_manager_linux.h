@@ -6,10 +6,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <string>
 
 #include "wire.h"
 
 namespace cpd {
+
+class LocalPaths;
 
 /// A directory listing.
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the record's established name
@@ -25,14 +29,17 @@ struct ReadRoom {
   int count;  ///< how much to read
 };
 
-/// Plain POSIX operations on full local paths. Each opens and closes its own descriptor, so nothing
-/// stays open on a disk that may be pulled out; no state, hence callable from any thread.
-/// Unless said otherwise the result is that of the system call, errno is left as that call set it,
-/// and a failure is logged where the operation has a text for it.
-/// Files are opened O_CLOEXEC | O_NONBLOCK | O_NOCTTY, so that a FIFO or device never holds a call.
+/// POSIX operations on full local paths. Each opens and closes its own descriptor, so nothing
+/// stays open on a disk that may be pulled out; confined reads keep the mount point open until
+/// LetGo. Callable from any thread. Unless said otherwise the result is that of the system call,
+/// errno is left as that call set it, and a failure is logged where the operation has a text for
+/// it. Files are opened O_CLOEXEC | O_NONBLOCK | O_NOCTTY, so that a FIFO or device never holds a
+/// call.
 class FileManagerLinux {
  public:
-  FileManagerLinux() = default;
+  /// @param confine_to  the present mount point, which no path then leads out of; none: paths are
+  ///                    used as they stand
+  explicit FileManagerLinux(std::function<std::string()> confine_to = nullptr);
   /// Flushes all file systems, so that what was written is on the disk when the driver lets it go.
   ~FileManagerLinux();
   FileManagerLinux(const FileManagerLinux&) = delete;
@@ -58,7 +65,7 @@ class FileManagerLinux {
   /// How many of `count` bytes at `offset` the file can deliver at most. A file that does not know
   /// its size is taken for one of 1 MiB, a missing one for empty. A negative count stays as it is.
   static int Deliverable(int fd, int64_t offset, int count);
-  static int Deliverable(const char* path, int64_t offset, int count);
+  int Deliverable(const char* path, int64_t offset, int count) const;
   /// Writes to an existing file. @param err  receives errno on failure only
   /// @return bytes written; 0 when the file cannot be opened, -1 when the write failed
   int UdiskWriteFile(const char* path, const void* buf, int64_t offset, int count, uint32_t* err);
@@ -85,6 +92,12 @@ class FileManagerLinux {
   int UdiskDeleteDirectory(const char* path);
   int UdiskFlush(const char* path);    ///< nothing: 0
   int UdiskRelease(const char* path);  ///< as UdiskFsync, but always 0
+
+  /// Closes what is kept open on the disk between requests, so that it can be unmounted.
+  void LetGo();
+
+ private:
+  const std::unique_ptr<LocalPaths> mPaths;
 };
 
 }  // namespace cpd

@@ -159,6 +159,8 @@ class UDiskOperator : public UdiskOperatorInf {
 
   /// Hands a request to its handler; unknown commands are dropped. Worker thread only. @return 0
   int EventHandle(std::unique_ptr<CpdPacket> packet);
+  /// No request has come for a second: lets the disk be unmounted. Worker thread only.
+  void Idle();
   /// Takes an announced bandwidth. Any thread. @return 0
   int BusEventHandle(const std::shared_ptr<CpdPacket>& packet);
   /// Sets the mount point to `letter` followed by `label` and adds a volume; with a null argument,

@@ -12,7 +12,9 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
+#include "local_paths.h"
 #include "udisk_log.h"
 
 namespace cpd {
@@ -24,22 +26,6 @@ constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 /// What a file that does not know its size is taken for.
 constexpr int64_t kUnknownSize = 1 << 20;
 
-/// Owns an open descriptor; negative when the open failed.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  [[nodiscard]] int get() const { return fd_; }
-  [[nodiscard]] bool ok() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
-
 struct FreeDeleter {
   void operator()(void* block) const { std::free(block); }
 };
@@ -48,15 +34,6 @@ struct DirCloser {
 };
 
 mode_t Mode16(int mode) { return static_cast<uint16_t>(mode); }
-
-bool IsDirectory(const char* path) {
-  struct stat st {};
-  return ::stat(path, &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-int CreateFile(const char* path, int mode) {
-  return ::open(path, O_CREAT | O_WRONLY | O_TRUNC | kOpenFlags, Mode16(mode));
-}
 
 udisk_timespec ToTimespec(const struct timespec& from) { return {from.tv_sec, from.tv_nsec}; }
 
@@ -87,15 +64,19 @@ const dirent* NextEntry(DIR* dir) {
 
 }  // namespace
 
+FileManagerLinux::FileManagerLinux(std::function<std::string()> confine_to)
+    : mPaths(std::make_unique<LocalPaths>(std::move(confine_to))) {}
+
 FileManagerLinux::~FileManagerLinux() { ::sync(); }
 
 // ---- Files ----
 
 int FileManagerLinux::UdiskCreateFile(const char* path, int /*flags*/, int mode) {
-  if (const Descriptor fd(CreateFile(path, mode)); fd.ok()) return fd.get();
+  constexpr int kFlags = O_CREAT | O_WRONLY | O_TRUNC | kOpenFlags;
+  if (const Descriptor fd = mPaths->Open(path, kFlags, Mode16(mode)); fd.ok()) return fd.get();
   UdiskMakeDir(path, 0777, 0);
   // The retry's descriptor stays open, unlike the first one's: kept.
-  const int fd = CreateFile(path, mode);
+  const int fd = mPaths->Open(path, kFlags, Mode16(mode)).Release();
   if (fd < 0) LOG_ERROR("file_create failed errno: %s\n", std::strerror(errno));
   return fd;
 }
@@ -111,7 +92,7 @@ int FileManagerLinux::UdiskReadFile(const char* path, void* buf, int64_t offset,
 
 int FileManagerLinux::UdiskReadFile(const char* path, int64_t offset, uint32_t* err,
                                     const std::function<ReadRoom(int fd)>& make_room) {
-  const Descriptor fd(::open(path, O_RDONLY | kOpenFlags));
+  const Descriptor fd = mPaths->Open(path, O_RDONLY | kOpenFlags);
   if (!fd.ok()) {
     LOG_ERROR("file_read failed res:%d errno: %s\n", 0, TakeError(err));
     return 0;
@@ -132,14 +113,15 @@ int FileManagerLinux::Deliverable(int fd, int64_t offset, int count) {
   return ::fstat(fd, &st) == 0 ? LeftInFile(st, offset, count) : std::min(count, 0);
 }
 
-int FileManagerLinux::Deliverable(const char* path, int64_t offset, int count) {
+int FileManagerLinux::Deliverable(const char* path, int64_t offset, int count) const {
   struct stat st {};
-  return ::stat(path, &st) == 0 ? LeftInFile(st, offset, count) : std::min(count, 0);
+  return ::stat(mPaths->File(path).c_str(), &st) == 0 ? LeftInFile(st, offset, count)
+                                                      : std::min(count, 0);
 }
 
 int FileManagerLinux::UdiskWriteFile(const char* path, const void* buf, int64_t offset, int count,
                                      uint32_t* err) {
-  const Descriptor fd(::open(path, O_WRONLY | kOpenFlags));
+  const Descriptor fd = mPaths->Open(path, O_WRONLY | kOpenFlags);
   if (!fd.ok()) {
     LOG_ERROR("write file fail errno:%s \n", TakeError(err));
     return 0;
@@ -154,7 +136,7 @@ int FileManagerLinux::UdiskWriteFile(const char* path, const void* buf, int64_t 
 int FileManagerLinux::UdiskFlushFile(const char* /*path*/) { return -1; }
 
 int FileManagerLinux::UdiskTruncate(const char* path, int64_t length) {
-  const int result = ::truncate(path, length);
+  const int result = ::truncate(mPaths->File(path).c_str(), length);
   if (result == -1) {
     LOG_ERROR("truncate failed offset:%lld errno: %s\n", static_cast<long long>(length),
               std::strerror(errno));
@@ -163,7 +145,7 @@ int FileManagerLinux::UdiskTruncate(const char* path, int64_t length) {
 }
 
 int FileManagerLinux::UdiskFsync(const char* path) {
-  const Descriptor fd(::open(path, O_RDWR | kOpenFlags));
+  const Descriptor fd = mPaths->Open(path, O_RDWR | kOpenFlags);
   return fd.ok() ? ::fsync(fd.get()) : -1;
 }
 
@@ -173,6 +155,8 @@ int FileManagerLinux::UdiskRelease(const char* path) {
   UdiskFsync(path);
   return 0;
 }
+
+void FileManagerLinux::LetGo() { mPaths->LetGo(); }
 
 // ---- Attributes ----
 
@@ -198,7 +182,7 @@ int FileManagerLinux::set_stat(const struct stat* from, udisk_stat* out) {
 
 int FileManagerLinux::UdiskGetFileInformation(const char* path, udisk_stat* out) {
   struct stat st {};
-  const int result = ::lstat(path, &st);
+  const int result = ::lstat(mPaths->Name(path).c_str(), &st);
   if (result == 0) {
     set_stat(&st, out);
   } else {
@@ -210,11 +194,11 @@ int FileManagerLinux::UdiskGetFileInformation(const char* path, udisk_stat* out)
 int FileManagerLinux::UdiskGetXattr(const char* /*path*/) { return -1; }
 
 int FileManagerLinux::UdiskFileChmod(const char* path, int mode) {
-  return ::chmod(path, Mode16(mode));
+  return ::chmod(mPaths->File(path).c_str(), Mode16(mode));
 }
 
 int FileManagerLinux::UdiskFileChown(const char* path, int uid, int gid) {
-  return ::chown(path, static_cast<uid_t>(uid), static_cast<gid_t>(gid));
+  return ::chown(mPaths->File(path).c_str(), static_cast<uid_t>(uid), static_cast<gid_t>(gid));
 }
 
 int FileManagerLinux::set_statvfs(const struct statvfs* from, udisk_statvfs* out) {
@@ -238,8 +222,9 @@ int FileManagerLinux::set_statvfs(const struct statvfs* from, udisk_statvfs* out
 int FileManagerLinux::UdiskGetStatvfs(const char* path, udisk_statvfs* out) {
   struct statvfs vfs {};
   struct statfs fs {};
-  ::statvfs(path, &vfs);
-  ::statfs(path, &fs);
+  const LocalPath file = mPaths->File(path);
+  ::statvfs(file.c_str(), &vfs);
+  ::statfs(file.c_str(), &fs);
   set_statvfs(&vfs, out);
   // The counts pass through 32 bits, so a very large disk shows small: kept.
   out->f_bsize = static_cast<uint64_t>(fs.f_bsize);
@@ -256,20 +241,28 @@ int FileManagerLinux::UdiskMakeDir(const char* path, int mode, short make_last) 
   const std::unique_ptr<char, FreeDeleter> copy(::strdup(path));
   if (copy == nullptr) return 0;
   char* const text = copy.get();
+  const auto is_directory = [&] {
+    struct stat st {};
+    return ::stat(mPaths->File(text).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  };
   // From 1, so that a leading slash makes nothing.
-  for (size_t i = 1; text[0] != '\0' && text[i] != '\0'; ++i) {
+  for (size_t i = std::max<size_t>(mPaths->TrustedLength(text), 1);
+       text[0] != '\0' && text[i] != '\0'; ++i) {
     if (text[i] != '/' && text[i] != '\\') continue;
     text[i] = '\0';
     LOG_DEBUG("pszDir:%s\n", text);
-    if (!IsDirectory(text) && ::mkdir(text, Mode16(mode)) != 0) return -1;
+    if (!is_directory() && ::mkdir(mPaths->Name(text).c_str(), Mode16(mode)) != 0) return -1;
     text[i] = '/';
   }
-  if (make_last != 0 && !IsDirectory(text)) return ::mkdir(text, Mode16(mode));
+  if (make_last != 0 && !is_directory()) {
+    return ::mkdir(mPaths->Name(text).c_str(), Mode16(mode));
+  }
   return 0;
 }
 
 int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
-  const std::unique_ptr<DIR, DirCloser> dir(::opendir(path));
+  const LocalPath local = mPaths->File(path);
+  const std::unique_ptr<DIR, DirCloser> dir(::opendir(local.c_str()));
   if (dir == nullptr) {
     LOG_ERROR("dir_read opendir failed errno: %s", std::strerror(errno));
     return -1;
@@ -286,7 +279,7 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
   if (buf == nullptr) return -1;
 
   // Second pass. A directory that grew meanwhile is cut at the end of the buffer.
-  std::string full = std::string(path) + '/';
+  std::string full = std::string(local.c_str()) + '/';
   const size_t prefix = full.size();
   struct stat st {
   };  // deliberately outlives an entry: one whose lstat fails carries the last one's
@@ -311,14 +304,17 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
   return 0;
 }
 
-int FileManagerLinux::UdiskDeleteDirectory(const char* path) { return ::rmdir(path); }
-int FileManagerLinux::UdiskLink(const char* existing, const char* path) {
-  return ::link(existing, path);
+int FileManagerLinux::UdiskDeleteDirectory(const char* path) {
+  return ::rmdir(mPaths->Name(path).c_str());
 }
-int FileManagerLinux::UdiskUnlink(const char* path) { return ::unlink(path); }
+
+int FileManagerLinux::UdiskLink(const char* existing, const char* path) {
+  return ::link(mPaths->Name(existing).c_str(), mPaths->Name(path).c_str());
+}
+int FileManagerLinux::UdiskUnlink(const char* path) { return ::unlink(mPaths->Name(path).c_str()); }
 
 int FileManagerLinux::UdiskRename(const char* from, const char* to) {
-  const int result = ::rename(from, to);
+  const int result = ::rename(mPaths->Name(from).c_str(), mPaths->Name(to).c_str());
   LOG_DEBUG("rename return res:%d\n", result);
   return result;
 }

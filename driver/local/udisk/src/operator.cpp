@@ -96,6 +96,8 @@ int UDiskOperator::EventHandle(std::unique_ptr<CpdPacket> packet) {
   return 0;
 }
 
+void UDiskOperator::Idle() { mFileManager->LetGo(); }
+
 int UDiskOperator::BusEventHandle(const std::shared_ptr<CpdPacket>& packet) {
   if (packet == nullptr || packet->buffer == nullptr || packet->header == nullptr) return 0;
   const uint16_t cmd = packet->header->cmd;
@@ -126,7 +128,13 @@ UDiskOperator::UDiskOperator(CpdDevice* device) : mDevice(device) {
   if (force != nullptr) forceBw = std::atoi(force);
   LOG_DEBUG("[UDisk] throttle mode=%s, FORCE_BW=%s", legacyThrottle ? "LEGACY" : "TOKEN_BUCKET",
             force != nullptr ? force : "not set");
-  mFileManager = std::make_unique<FileManagerLinux>();
+  const char* confine = std::getenv("TESSEL_CPD_CLIENT_CONFINE");
+  if (confine == nullptr || std::atoi(confine) == 0) {
+    mFileManager = std::make_unique<FileManagerLinux>();
+  } else {
+    LOG_DEBUG("[UDisk] CONFINE=%s: no path leads out of the mount point", confine);
+    mFileManager = std::make_unique<FileManagerLinux>([this] { return CopyMountPoint(); });
+  }
 }
 
 UDiskOperator::~UDiskOperator() = default;
@@ -765,7 +773,8 @@ struct SmallFileRecord {
 /// The records of a small-file read.
 /// @return 0, or what the handler answers to a malformed one
 int ReadSmallFileRecords(PayloadReader* in, uint32_t remaining, uint32_t count,
-                         const std::string& mount_point, std::list<SmallFileRecord>* records) {
+                         const std::string& mount_point, const FileManagerLinux& files,
+                         std::list<SmallFileRecord>* records) {
   for (uint32_t i = 0; i < count; ++i) {
     ReadHead head{};
     std::string_view path;
@@ -787,8 +796,8 @@ int ReadSmallFileRecords(PayloadReader* in, uint32_t remaining, uint32_t count,
     record.offset = head.offset;
     record.size = head.size;
     record.path_length = head.path_length;
-    record.count = FileManagerLinux::Deliverable(record.full_path.c_str(), record.offset,
-                                                 static_cast<int>(record.size));
+    record.count =
+        files.Deliverable(record.full_path.c_str(), record.offset, static_cast<int>(record.size));
   }
   return 0;
 }
@@ -807,7 +816,7 @@ int64_t UDiskOperator::small_file_read(unsigned char header_length, CpdPacket* r
   }
   std::list<SmallFileRecord> records;
   const int malformed = ReadSmallFileRecords(&in, payload_length - sizeof head, head.count,
-                                             CopyMountPoint(), &records);
+                                             CopyMountPoint(), *mFileManager, &records);
   if (malformed != 0) return malformed;
 
   // The throttle is charged with what was asked for, in 32 bits and without the count; the buffer

@@ -131,7 +131,12 @@ void UDiskDriver::DataEventHandle() {
       while (!g_queue_is_empty(mQueue)) PopHead(mQueue);
       return;
     }
-    if (g_queue_is_empty(mQueue)) continue;
+    if (g_queue_is_empty(mQueue)) {
+      lock.unlock();
+      mOperator->Idle();
+      lock.lock();
+      continue;
+    }
     std::unique_ptr<CpdPacket> packet = PopHead(mQueue);
     lock.unlock();
     mOperator->EventHandle(std::move(packet));

@@ -1,0 +1,130 @@
+#include "local_paths.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+namespace cpd {
+namespace {
+
+/// What stands behind the root in a path below it: empty, or with a leading slash.
+std::optional<std::string_view> Below(std::string_view root, std::string_view path) {
+  if (root.empty() || !path.starts_with(root)) return std::nullopt;
+  if (root.back() == '/') root.remove_suffix(1);
+  path.remove_prefix(root.size());
+  // "/mnt/disk2" is no file of "/mnt/disk".
+  if (!path.empty() && path.front() != '/') return std::nullopt;
+  return path;
+}
+
+/// openat2 of a path beneath a directory. A way out reads as a missing file.
+Descriptor OpenBeneath(const Descriptor& root, std::string_view below, int flags, mode_t mode = 0) {
+  if (!root.ok()) return Descriptor();  // errno tells already
+  below.remove_prefix(std::min(below.find_first_not_of('/'), below.size()));
+  const std::string relative(below.empty() ? "." : below);
+  open_how how{};
+  how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
+  how.mode = (flags & O_CREAT) != 0 ? mode : 0;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+  // The kernel gives up on ".." where something is being renamed meanwhile.
+  constexpr int kTries = 100;
+  long fd = -1;
+  for (int i = 0; i < kTries; ++i) {
+    fd = ::syscall(SYS_openat2, root.get(), relative.c_str(), &how, sizeof how);
+    if (fd >= 0 || errno != EAGAIN) break;
+  }
+  if (fd < 0 && (errno == EXDEV || errno == EAGAIN)) errno = ENOENT;
+  return Descriptor(static_cast<int>(fd));
+}
+
+/// A path for `held`, which must stay, and for `name` below it.
+LocalPath Held(Descriptor held, const std::string& name = "") {
+  if (!held.ok()) return {Descriptor(), ""};
+  std::string path = "/proc/self/fd/" + std::to_string(held.get()) + name;
+  return {std::move(held), std::move(path)};
+}
+
+}  // namespace
+
+Descriptor LocalPaths::Open(const char* path, int flags, mode_t mode) {
+  if (!confine_to_) return Descriptor(::open(path, flags, mode));
+  const bool reads = (flags & (O_ACCMODE | O_CREAT)) == O_RDONLY;
+  const Beneath place = Split(path, reads ? kKept : kFresh);
+  Descriptor file = OpenBeneath(*place.root, place.below, flags, mode);
+  struct stat st {};
+  if (!file.ok() || ::fstat(file.get(), &st) != 0) return Descriptor();
+  if (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode)) return file;
+  errno = ENOENT;
+  return Descriptor();
+}
+
+LocalPath LocalPaths::File(const char* path) {
+  if (!confine_to_) return LocalPath(path);
+  const Beneath place = Split(path, kFresh);
+  return Held(OpenBeneath(*place.root, place.below, O_PATH));
+}
+
+LocalPath LocalPaths::Name(const char* path) {
+  if (!confine_to_) return LocalPath(path);
+  const Beneath place = Split(path, kFresh);
+  const std::string_view below = place.below;
+  const std::string_view entry = below.substr(0, below.find_last_not_of('/') + 1);
+  const std::string name(entry.substr(entry.rfind('/') + 1));
+  if (name.empty() || name == "." || name == "..") {
+    return Held(OpenBeneath(*place.root, entry, O_PATH | O_DIRECTORY), "/.");
+  }
+  Descriptor directory =
+      OpenBeneath(*place.root, entry.substr(0, entry.size() - name.size()), O_PATH | O_DIRECTORY);
+  struct stat st {};
+  // With its slash at the end a call would follow a link. Such a path stands for a directory.
+  if (entry.size() < below.size() &&
+      ::fstatat(directory.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+      !S_ISDIR(st.st_mode)) {
+    return Held(Descriptor());
+  }
+  return Held(std::move(directory), '/' + name);
+}
+
+size_t LocalPaths::TrustedLength(const char* path) const {
+  if (!confine_to_) return 0;
+  const std::string root = confine_to_();
+  return !root.empty() && std::string_view(path).starts_with(root) ? root.size() : 0;
+}
+
+void LocalPaths::LetGo() {
+  const std::lock_guard lock(mutex_);
+  root_.reset();
+}
+
+/// Opening the mount point costs as much as opening a file. So it is kept for reads, but not for
+/// long: a disk that is back at its place is soon found. What changes the disk opens it anew.
+LocalPaths::Beneath LocalPaths::Split(const char* path, Freshness freshness) {
+  static const auto nowhere = std::make_shared<const Descriptor>();
+  constexpr auto kKeptFor = std::chrono::milliseconds(100);
+  const std::string root = confine_to_();
+  const auto below = Below(root, path);
+  if (!below) {
+    errno = ENOENT;
+    return {nowhere, ""};
+  }
+  const auto now = std::chrono::steady_clock::now();
+  const std::lock_guard lock(mutex_);
+  if (freshness == kFresh || root_ == nullptr || !root_->ok() || root_path_ != root ||
+      now - opened_ >= kKeptFor) {
+    root_.reset();
+    root_ =
+        std::make_shared<const Descriptor>(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    root_path_ = root;
+    opened_ = now;
+  }
+  return {root_, std::string(*below)};
+}
+
+}  // namespace cpd
