@@ -315,6 +315,7 @@ TEST_F(DriverTest, BusEventsAreServedAtOnceWhileARequestIsStuck) {
   EXPECT_EQ(driver->onBusEvent(BandwidthEvent(5000)), 0);
   EXPECT_EQ(Operator()->readBwKbps, 5000U);
   gate.Open();
+  driver->Close(0);  // the worker is in the gate no more
 }
 
 TEST_F(DriverTest, BusEventsWithoutAnOperatorOrPacketAreIgnored) {
