@@ -37,6 +37,7 @@ Redirection::Redirection(const DiskOptions& options)
   }
   AnswerAnnouncement(options);
   if (options.bandwidth_kbps != 0) {
+    AnnounceBandwidth(options.bandwidth_kbps);  // before the first read
     bandwidth_ = std::make_unique<Periodic>(
         kBandwidthInterval, [this, kbps = options.bandwidth_kbps] { AnnounceBandwidth(kbps); });
   }
