@@ -19,6 +19,7 @@
 #include <string>
 
 #include "fuse_mount.h"
+#include "local_disks.h"
 #include "log.h"
 #include "options.h"
 #include "packet_tools.h"
@@ -38,8 +39,7 @@ struct LogOptions {
 void AddOptions(CLI::App* command, DiskOptions* disk, LogOptions* log) {
   static const std::map<std::string, LogLevel> levels = {
       {"debug", LogLevel::kDebug}, {"error", LogLevel::kError}, {"off", LogLevel::kOff}};
-  command->add_option("DISK", disk->disk, "Directory to redirect, such as a mounted USB disk")
-      ->required();
+  command->add_option("DISK", disk->disk, "Directory to redirect, such as a mounted USB disk");
   command->add_option("--module", disk->module, "Driver module [../lib/udisk-redir.so]");
   command->add_option("--policy", disk->policy, "Policy text for the module");
   command->add_option("--bandwidth", disk->bandwidth_kbps, "Announced read bandwidth in kbps")
@@ -51,9 +51,21 @@ void AddOptions(CLI::App* command, DiskOptions* disk, LogOptions* log) {
       ->transform(CLI::Transformer(levels, CLI::ignore_case));
   command->add_option("--trace", disk->trace, "File for trace events, one JSON object a line");
   command->add_flag("--trace-reads", disk->trace_reads, "Trace every read");
+  command->add_flag("--unconfined", disk->unconfined, "Follow paths and links that leave the disk");
+}
+
+/// Sees to it that the module, once loaded, confines paths or does not.
+void SetConfinement(const DiskOptions& options) {
+  constexpr const char* kVariable = "TESSEL_CPD_CLIENT_CONFINE";
+  if (options.unconfined) {
+    unsetenv(kVariable);
+  } else {
+    setenv(kVariable, "1", 1);
+  }
 }
 
 fs::path CanonicalDirectory(const std::string& path, const char* what) {
+  if (path.empty()) throw std::runtime_error(fmt::format("the {} is missing", what));
   std::error_code error;
   auto canonical = fs::canonical(path, error);
   if (error) throw std::runtime_error(fmt::format("{} {}: {}", what, path, error.message()));
@@ -64,6 +76,7 @@ fs::path CanonicalDirectory(const std::string& path, const char* what) {
 }
 
 void CompleteOptions(DiskOptions* options) {
+  SetConfinement(*options);
   const auto disk = CanonicalDirectory(options->disk, "disk");
   const std::string label = disk.has_filename() ? disk.filename().string() : "disk";
   options->disk = disk.string();
@@ -119,6 +132,13 @@ void Mount(DiskOptions options, const std::string& mount_point_option) {
   PrintTable(disk.session().statistics());
 }
 
+/// Mounts a partition locally and shows that.
+void MountDevice(const std::string& device, DiskOptions options, const std::string& mount_point) {
+  const LocalMount local(device);
+  options.disk = local.directory().string();
+  Mount(std::move(options), mount_point);
+}
+
 int Run(int argc, char** argv) {
   CLI::App app("Redirects a directory through the driver module and plays the remote side.");
   app.require_subcommand(1);
@@ -128,16 +148,31 @@ int Run(int argc, char** argv) {
   DiskOptions options;
   LogOptions log;
   std::string path = "/";
+  std::string mount_point;
+  std::string device;
   std::function<void()> run;
 
   auto* mount = app.add_subcommand("mount", "Show the disk as a file system");
   AddOptions(mount, &options, &log);
-  mount->add_option("MOUNTPOINT", path, "Where to mount")->required();
+  mount->add_option("MOUNTPOINT", mount_point, "Where to mount");
+  mount->add_option("--device", device, "Partition to mount locally instead of DISK, such as sdb1");
   mount->add_option("--name", options.name, "Name that is announced [the directory's]");
   mount->add_option("--label", options.label, "Label on the remote side [the directory's name]");
   mount->add_flag("--read-only", options.read_only, "Announce the disk as read-only");
   mount->add_flag("--foreground")->description("Stay in the foreground; always so");
-  mount->callback([&] { run = [&] { Mount(options, path); }; });
+  mount->callback([&] {
+    run = [&] {
+      if (device.empty()) return Mount(options, mount_point);
+      if (!mount_point.empty()) throw std::runtime_error("--device takes the place of DISK");
+      MountDevice(device, options, options.disk);  // the one path given
+    };
+  });
+
+  bool json = false;
+  auto* disks = app.add_subcommand("disks", "List the USB disks of this machine");
+  disks->add_flag("--json", json, "As a JSON array");
+  disks->callback(
+      [&] { run = [&] { json ? PrintDisksAsJson(FindDisks()) : PrintDisks(FindDisks()); }; });
 
   // The same without a mount, by packets alone.
   const auto add_tool = [&](const char* name, const char* description, auto print) {

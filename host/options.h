@@ -17,6 +17,7 @@ struct DiskOptions {
   std::string trace;         ///< file for trace events; empty = none are kept
   bool trace_reads = false;  ///< the path filter matches every path
   bool read_only = false;
+  bool unconfined = false;              ///< paths may lead out of the disk
   uint32_t bandwidth_kbps = 0;          ///< announced for reads; 0 = no announcement
   std::chrono::seconds time_limit{30};  ///< for an answer that does not come
 };
