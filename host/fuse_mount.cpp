@@ -8,55 +8,30 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include "cpd/log.h"
+#include "fuse_reply.h"
 #include "session.h"
 
 namespace cpd::host {
 namespace {
 
-// How long the kernel trusts what it was told. Long enough for a program that lists a directory
-// and then asks for each file, short enough that changes on the disk show.
-constexpr double kTrusted = 1.0;  // seconds
 constexpr unsigned kLargestRead = 1U << 20;
 constexpr unsigned kReadsAhead = 64;
-
-FuseMount& Self(fuse_req_t request) { return *static_cast<FuseMount*>(fuse_req_userdata(request)); }
-
-struct stat ToStat(const udisk_stat& from) {
-  struct stat to {};
-  to.st_ino = from.st_ino;
-  to.st_mode = from.st_mode;
-  to.st_nlink = from.st_nlink;
-  to.st_uid = from.st_uid;
-  to.st_gid = from.st_gid;
-  to.st_rdev = static_cast<dev_t>(from.st_rdev);
-  to.st_size = from.st_size;
-  to.st_blksize = from.st_blksize;
-  to.st_blocks = from.st_blocks;
-  to.st_atim = {.tv_sec = from.st_atim.tv_sec, .tv_nsec = from.st_atim.tv_nsec};
-  to.st_mtim = {.tv_sec = from.st_mtim.tv_sec, .tv_nsec = from.st_mtim.tv_nsec};
-  to.st_ctim = {.tv_sec = from.st_ctim.tv_sec, .tv_nsec = from.st_ctim.tv_nsec};
-  return to;
-}
-
-fuse_entry_param ToEntry(NodeTable::Id node, const udisk_stat& attributes) {
-  return {.ino = node,
-          .generation = 0,
-          .attr = ToStat(attributes),
-          .attr_timeout = kTrusted,
-          .entry_timeout = kTrusted};
-}
 
 void Initialise(void* /*mount*/, fuse_conn_info* connection) {
   connection->max_readahead = kLargestRead;
   connection->max_background = kReadsAhead;
+  // An open that truncates comes as two requests, so that truncation has one place.
+  connection->want &= ~FUSE_CAP_ATOMIC_O_TRUNC;
 }
 
 void LogLibraryMessage(fuse_log_level /*level*/, const char* format, va_list arguments) {
@@ -81,20 +56,26 @@ void RaiseReadAhead(const std::string& mount_point) {
 
 // ---- Life ----
 
-FuseMount::FuseMount(Session& session, const std::string& disk, const std::string& mount_point)
-    : session_(session), files_(session) {
+FuseMount::FuseMount(Session& session, const DiskOptions& options, const std::string& mount_point)
+    : session_(session),
+      read_only_(options.read_only),
+      gathers_writes_(options.batch),
+      files_(session),
+      writes_(files_, nodes_, gate_,
+              [this](NodeTable::Id node, int error) { open_files_.NoteFailure(node, error); }) {
   fuse_set_log_func(LogLibraryMessage);
-  std::string options = "ro,default_permissions,subtype=udisk";
-  if (geteuid() == 0) options += ",allow_other";
+  std::string mount_options = "default_permissions,subtype=udisk";
+  if (read_only_) mount_options += ",ro";
+  if (geteuid() == 0) mount_options += ",allow_other";
   // A comma in the disk's path would end the option.
-  options += ",fsname=";
-  for (const char c : disk) {
-    if (c == ',' || c == '\\') options += '\\';
-    options += c;
+  mount_options += ",fsname=";
+  for (const char c : options.disk) {
+    if (c == ',' || c == '\\') mount_options += '\\';
+    mount_options += c;
   }
   std::string program = "cpd-host";
   std::string option_flag = "-o";
-  char* arguments[] = {program.data(), option_flag.data(), options.data()};
+  char* arguments[] = {program.data(), option_flag.data(), mount_options.data()};
   fuse_args args = FUSE_ARGS_INIT(3, arguments);
   const fuse_lowlevel_ops operations = Operations();
   fuse_.reset(fuse_session_new(&args, &operations, sizeof operations, this));
@@ -120,82 +101,127 @@ void FuseMount::Serve(const sigset_t& stop_signals) {
   // First the answers to everything under way, then the unmounting: nothing is left that could
   // answer through a mount that is gone. A second signal finds the way out already taken.
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+  writes_.Drain();
+  RemoveHiddenFiles();
   session_.Stop();
   fuse_session_unmount(fuse_.get());
   fuse_remove_signal_handlers(fuse_.get());
   if (result < 0) throw std::runtime_error("the connection to the kernel failed");
 }
 
+template <auto kHandler, class... Arguments>
+void FuseMount::Pass(fuse_req_t request, Arguments... arguments) {
+  auto* mount = static_cast<FuseMount*>(fuse_req_userdata(request));
+  (mount->*kHandler)(request, arguments...);
+}
+
+// The kernel refuses first, unless somebody has remounted.
+template <auto kHandler, class... Arguments>
+void FuseMount::PassChange(fuse_req_t request, Arguments... arguments) {
+  auto* mount = static_cast<FuseMount*>(fuse_req_userdata(request));
+  if (mount->read_only_) return void(fuse_reply_err(request, EROFS));
+  (mount->*kHandler)(request, arguments...);
+}
+
+// What stands nowhere here is unknown to the protocol, and the kernel helps itself: locks hold
+// within the mount, space cannot be reserved, extended attributes cannot be set.
 fuse_lowlevel_ops FuseMount::Operations() {
   fuse_lowlevel_ops ops{};
   ops.init = Initialise;
-  ops.lookup = [](fuse_req_t request, fuse_ino_t parent, const char* name) {
-    Self(request).Lookup(request, parent, name);
-  };
-  ops.forget = [](fuse_req_t request, fuse_ino_t node, uint64_t references) {
-    Self(request).nodes_.Forget(node, references);
-    fuse_reply_none(request);
-  };
-  ops.forget_multi = [](fuse_req_t request, size_t count, fuse_forget_data* forgotten) {
-    for (size_t i = 0; i < count; ++i) {
-      Self(request).nodes_.Forget(forgotten[i].ino, forgotten[i].nlookup);
-    }
-    fuse_reply_none(request);
-  };
-  ops.getattr = [](fuse_req_t request, fuse_ino_t node, fuse_file_info*) {
-    Self(request).GetAttributes(request, node);
-  };
-  ops.statfs = [](fuse_req_t request, fuse_ino_t node) {
-    Self(request).GetStatistics(request, node);
-  };
-  ops.getxattr = [](fuse_req_t request, fuse_ino_t node, const char* name, size_t) {
-    Self(request).GetExtendedAttribute(request, node, name);
-  };
-  // The protocol shows a symbolic link but has no request that reads one.
+  ops.lookup = Pass<&FuseMount::Lookup>;
+  ops.forget = Pass<&FuseMount::Forget>;
+  ops.forget_multi = Pass<&FuseMount::ForgetMany>;
+  ops.getattr = Pass<&FuseMount::GetAttributes>;
+  ops.setattr = PassChange<&FuseMount::SetAttributes>;
+  ops.statfs = Pass<&FuseMount::GetStatistics>;
+  ops.getxattr = Pass<&FuseMount::GetExtendedAttribute>;
+  // The protocol shows a symbolic link but has no request that reads or makes one.
   ops.readlink = [](fuse_req_t request, fuse_ino_t) { fuse_reply_err(request, ENOTSUP); };
-  ops.read = [](fuse_req_t request, fuse_ino_t node, size_t size, off_t offset, fuse_file_info*) {
-    Self(request).Read(request, node, size, offset);
-  };
-  ops.opendir = [](fuse_req_t request, fuse_ino_t, fuse_file_info* file) {
-    Self(request).OpenDirectory(request, file);
-  };
+  ops.symlink = PassChange<&FuseMount::MakeSymbolicLink>;
+
+  ops.create = PassChange<&FuseMount::Create>;
+  ops.mknod = PassChange<&FuseMount::MakeNode>;
+  ops.mkdir = PassChange<&FuseMount::MakeDirectory>;
+  ops.link = PassChange<&FuseMount::Link>;
+  ops.unlink = PassChange<&FuseMount::Unlink>;
+  ops.rmdir = PassChange<&FuseMount::RemoveDirectory>;
+  ops.rename = PassChange<&FuseMount::Rename>;
+
+  ops.open = Pass<&FuseMount::Open>;
+  ops.read = Pass<&FuseMount::Read>;
+  ops.write = PassChange<&FuseMount::Write>;
+  ops.flush = Pass<&FuseMount::Flush>;
+  ops.fsync = Pass<&FuseMount::Sync>;
+  ops.release = Pass<&FuseMount::Release>;
+
+  ops.opendir = Pass<&FuseMount::OpenDirectory>;
   // Without a readdir beside it, the kernel always asks for entries with their attributes.
-  ops.readdirplus = [](fuse_req_t request, fuse_ino_t node, size_t size, off_t position,
-                       fuse_file_info* file) {
-    Self(request).ReadDirectory(request, node, size, position, file->fh);
-  };
-  ops.releasedir = [](fuse_req_t request, fuse_ino_t, fuse_file_info* file) {
-    Self(request).ReleaseDirectory(request, file->fh);
-  };
+  ops.readdirplus = Pass<&FuseMount::ReadDirectory>;
+  ops.releasedir = Pass<&FuseMount::ReleaseDirectory>;
   return ops;
+}
+
+// What was gathered leaves first, so that every request finds what was written before it.
+NameGate::Pass FuseMount::Enter() {
+  auto pass = gate_.Enter();
+  writes_.Send();
+  return pass;
+}
+
+NameGate::Move FuseMount::BeginMove() {
+  auto move = gate_.BeginMove();
+  writes_.Send();
+  return move;
 }
 
 // ---- Attributes ----
 
 void FuseMount::Lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
+  if (std::strlen(name) > NAME_MAX) return void(fuse_reply_err(request, ENAMETOOLONG));
+  const auto pass = Enter();
   const auto path = nodes_.ChildPath(parent, name);
   if (!path) return void(fuse_reply_err(request, ESTALE));
   files_.GetAttributes(
       *path, [this, request, parent, name = std::string(name)](const Result<udisk_stat>& result) {
         if (result.error != 0) return void(fuse_reply_err(request, result.error));
-        const auto node = nodes_.Refer(parent, name, result.value.st_size);
+        const auto node = nodes_.Refer(parent, name, result.value);
         const auto entry = ToEntry(node, result.value);
         if (fuse_reply_entry(request, &entry) != 0) nodes_.Forget(node, 1);
       });
 }
 
-void FuseMount::GetAttributes(fuse_req_t request, fuse_ino_t node) {
+void FuseMount::Forget(fuse_req_t request, fuse_ino_t node, uint64_t references) {
+  nodes_.Forget(node, references);
+  fuse_reply_none(request);
+}
+
+void FuseMount::ForgetMany(fuse_req_t request, size_t count, fuse_forget_data* forgotten) {
+  for (size_t i = 0; i < count; ++i) nodes_.Forget(forgotten[i].ino, forgotten[i].nlookup);
+  fuse_reply_none(request);
+}
+
+void FuseMount::GetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* /*file*/) {
+  const auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!file) return void(fuse_reply_err(request, ESTALE));
-  files_.GetAttributes(file->path, [this, request, node](const Result<udisk_stat>& result) {
-    if (result.error != 0) return void(fuse_reply_err(request, result.error));
-    nodes_.SetSize(node, result.value.st_size);
-    const struct stat attributes = ToStat(result.value);
-    fuse_reply_attr(request, &attributes, kTrusted);
+  files_.GetAttributes(file->path, [this, request, node,
+                                    is_hidden = file->is_hidden](const Result<udisk_stat>& result) {
+    ReplyAttributes(request, node, is_hidden, result);
   });
 }
 
+void FuseMount::ReplyAttributes(fuse_req_t request, fuse_ino_t node, bool is_hidden,
+                                const Result<udisk_stat>& result) {
+  if (result.error != 0) return void(fuse_reply_err(request, result.error));
+  // Somebody on the disk's side put another file in this one's place: the kernel looks again.
+  if (!nodes_.Update(node, result.value)) return void(fuse_reply_err(request, ESTALE));
+  struct stat attributes = ToStat(result.value);
+  if (is_hidden) --attributes.st_nlink;
+  fuse_reply_attr(request, &attributes, kTrusted);
+}
+
 void FuseMount::GetStatistics(fuse_req_t request, fuse_ino_t node) {
+  const auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!file) return void(fuse_reply_err(request, ESTALE));
   files_.GetStatistics(file->path, [request](const Result<udisk_statvfs>& result) {
@@ -215,7 +241,13 @@ void FuseMount::GetStatistics(fuse_req_t request, fuse_ino_t node) {
   });
 }
 
-void FuseMount::GetExtendedAttribute(fuse_req_t request, fuse_ino_t node, const char* name) {
+void FuseMount::GetExtendedAttribute(fuse_req_t request, fuse_ino_t node, const char* name,
+                                     size_t /*size*/) {
+  // The kernel asks for this one before every write. Nothing on a redirected disk is run with it.
+  if (std::string_view(name) == "security.capability") {
+    return void(fuse_reply_err(request, ENODATA));
+  }
+  const auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!file) return void(fuse_reply_err(request, ESTALE));
   files_.HasExtendedAttribute(file->path, name, [request](const Result<bool>& result) {
@@ -226,11 +258,13 @@ void FuseMount::GetExtendedAttribute(fuse_req_t request, fuse_ino_t node, const 
 
 // ---- Files ----
 
-void FuseMount::Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t offset) {
+void FuseMount::Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t offset,
+                     fuse_file_info* /*file*/) {
+  const auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!file) return void(fuse_reply_err(request, ESTALE));
   const auto wanted = static_cast<uint32_t>(std::min<size_t>(size, kLargestRead));
-  const auto expected = std::clamp<int64_t>(file->size - offset, 0, wanted);
+  const auto expected = std::clamp<int64_t>(file->attributes.st_size - offset, 0, wanted);
   files_.Read(file->path, offset, wanted,
               [this, request, path = file->path, offset, expected](Result<FileData> result) {
                 if (result.error != 0) return void(fuse_reply_err(request, result.error));
@@ -258,61 +292,69 @@ void FuseMount::ConfirmShortRead(fuse_req_t request, const std::string& path, Fi
 
 // ---- Directories ----
 
-void FuseMount::OpenDirectory(fuse_req_t request, fuse_file_info* file) {
+void FuseMount::OpenDirectory(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* file) {
   {
     const std::lock_guard lock(mutex_);
     file->fh = ++last_directory_;
-    directories_.emplace(file->fh, nullptr);
+    directories_.emplace(file->fh, OpenDirectoryListing{});
   }
   fuse_reply_open(request, file);
 }
 
-void FuseMount::ReleaseDirectory(fuse_req_t request, uint64_t handle) {
+void FuseMount::ReleaseDirectory(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* file) {
   {
     const std::lock_guard lock(mutex_);
-    directories_.erase(handle);
+    directories_.erase(file->fh);
   }
   fuse_reply_err(request, 0);
 }
 
 /// The directory is listed when it is read from its start; the rest comes from that listing.
 void FuseMount::ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, off_t position,
-                              uint64_t handle) {
-  std::shared_ptr<const Listing> listing;
+                              fuse_file_info* file) {
+  OpenDirectoryListing open;
   {
     const std::lock_guard lock(mutex_);
-    listing = directories_[handle];
+    open = directories_[file->fh];
   }
-  if (position != 0 && listing != nullptr) {
-    return ReplyWithEntries(request, node, *listing, static_cast<size_t>(position), size);
+  const auto first = static_cast<size_t>(position);
+  if (position != 0 && open.listing != nullptr) {
+    return ReplyWithEntries(request, node, open, first, size);
   }
+  const auto pass = Enter();
   const auto directory = nodes_.Find(node);
   if (!directory) return void(fuse_reply_err(request, ESTALE));
-  const auto first = static_cast<size_t>(position);
-  files_.List(directory->path, [this, request, node, size, first, handle](Result<Listing> result) {
+  files_.List(directory->path, [this, request, node, size, first,
+                                handle = file->fh](Result<Listing> result) {
     if (result.error != 0) return void(fuse_reply_err(request, result.error));
-    const auto fresh = std::make_shared<const Listing>(std::move(result.value));
+    const OpenDirectoryListing fresh{
+        .listing = std::make_shared<const Listing>(std::move(result.value)), .changes = changes_};
     {
       const std::lock_guard lock(mutex_);
       directories_[handle] = fresh;
     }
-    ReplyWithEntries(request, node, *fresh, first, size);
+    ReplyWithEntries(request, node, fresh, first, size);
   });
 }
 
-/// Entry n has position n + 1, from where the next read goes on.
-void FuseMount::ReplyWithEntries(fuse_req_t request, fuse_ino_t directory, const Listing& listing,
-                                 size_t first, size_t size) {
+/// Entry n has position n + 1, from where the next read goes on. Once something was changed through
+/// the mount, the attributes of an older listing would undo that in the kernel's eyes: then the
+/// names come alone.
+void FuseMount::ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
+                                 const OpenDirectoryListing& open, size_t first, size_t size) {
+  const auto& entries = open.listing->entries;
+  const bool is_fresh = open.changes == changes_;
   std::vector<char> buffer(size);
   size_t used = 0;
   std::vector<NodeTable::Id> referred;
-  for (size_t i = first; i < listing.entries.size(); ++i) {
-    const auto& [attributes, name] = listing.entries[i];
+  for (size_t i = first; i < entries.size(); ++i) {
+    const auto& [attributes, name] = entries[i];
     auto entry = ToEntry(0, attributes);
     if (fuse_add_direntry_plus(request, nullptr, 0, name.data(), &entry, 0) > size - used) break;
+    if (nodes_.IsHidden(directory, std::string(name))) continue;
     // The kernel takes no reference to the two; nor can it use a file that could not be looked at.
-    if (name != "." && name != ".." && attributes.st_mode != 0) {
-      entry.ino = nodes_.Refer(directory, std::string(name), attributes.st_size);
+    if (name != "." && name != ".." && attributes.st_mode != 0 && is_fresh) {
+      entry.ino = nodes_.Refer(directory, std::string(name), attributes);
       referred.push_back(entry.ino);
     }
     used += fuse_add_direntry_plus(request, buffer.data() + used, size - used, name.data(), &entry,

@@ -125,7 +125,7 @@ void Mount(DiskOptions options, const std::string& mount_point_option) {
 
   Redirection disk(options);
   {
-    FuseMount mount(disk.session(), options.disk, mount_point);
+    FuseMount mount(disk.session(), options, mount_point);
     const StatusLine status(disk.session(), options.bandwidth_kbps);
     mount.Serve(stop_signals);
   }
@@ -158,7 +158,8 @@ int Run(int argc, char** argv) {
   mount->add_option("--device", device, "Partition to mount locally instead of DISK, such as sdb1");
   mount->add_option("--name", options.name, "Name that is announced [the directory's]");
   mount->add_option("--label", options.label, "Label on the remote side [the directory's name]");
-  mount->add_flag("--read-only", options.read_only, "Announce the disk as read-only");
+  mount->add_flag("--read-only", options.read_only, "Refuse every change; announced, too");
+  mount->add_flag("!--no-batch", options.batch, "Send small writes one by one");
   mount->add_flag("--foreground")->description("Stay in the foreground; always so");
   mount->callback([&] {
     run = [&] {

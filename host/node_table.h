@@ -8,48 +8,85 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
+
+#include "wire.h"
 
 namespace cpd::host {
 
-/// One node a name that the kernel knows; the kernel counts how often it was told of each and
-/// forgets them in its own time. A node stays as long as the kernel or a child needs it, so that a
-/// path can always be made. All operations are callable from any thread.
+/// One node a file that the kernel knows, with the names by which the kernel knows it: several for
+/// a file with hard links, so that all of them share one page cache; none once it was unlinked or
+/// another file took its place. The kernel counts how often it was told of a node and forgets it in
+/// its own time. A node stays as long as the kernel or a name below it needs it, so that a path can
+/// always be made. All operations are callable from any thread.
 class NodeTable {
  public:
   using Id = uint64_t;
   static constexpr Id kRoot = 1;
 
   struct File {
-    std::string path;  ///< begins with '/'
-    int64_t size;      ///< as last told
+    std::string path;        ///< begins with '/'
+    udisk_stat attributes;   ///< as last told
+    bool is_hidden = false;  ///< unlinked for everybody but those who have it open
   };
 
   /// The node of a name, made when there is none; counts one reference of the kernel. Ids are
-  /// never used twice.
-  Id Refer(Id parent, const std::string& name, int64_t size);
+  /// never used twice. Attributes of another file than before give the name to another node.
+  Id Refer(Id parent, const std::string& name, const udisk_stat& attributes);
   /// Takes references of the kernel back.
   void Forget(Id id, uint64_t references);
-  /// Notes a file's size as the kernel is told it.
-  void SetSize(Id id, int64_t size);
-  /// Empty for an id that the kernel was never given.
+  /// Notes a file's attributes as the kernel is told them.
+  /// @return false when they are another file's, which took the place of this one
+  bool Update(Id id, const udisk_stat& attributes);
+  /// Notes that a file has at least this size.
+  void Grow(Id id, int64_t size);
+  /// Empty for an id that the kernel was never given, and for a file without a name.
   [[nodiscard]] std::optional<File> Find(Id id) const;
   /// The path of a name in a directory.
   [[nodiscard]] std::optional<std::string> ChildPath(Id parent, const std::string& name) const;
 
+  /// The node of a name if that is the only one it has.
+  [[nodiscard]] std::optional<Id> SoleName(Id parent, const std::string& name) const;
+  /// Whether a name stands for a hidden file.
+  [[nodiscard]] bool IsHidden(Id parent, const std::string& name) const;
+  /// Takes a name away.
+  void Unlink(Id parent, const std::string& name);
+  /// Gives a node, and with it everything below, another name. Whatever had that one loses it.
+  void Rename(Id parent, const std::string& name, Id new_parent, const std::string& new_name);
+  /// Renames a file within its directory to a name that nobody is shown.
+  void Hide(Id parent, const std::string& name, const std::string& hidden_name);
+  /// Takes that back.
+  void Show(Id parent, const std::string& hidden_name, const std::string& name);
+  /// The paths of all hidden files.
+  [[nodiscard]] std::vector<std::string> HiddenPaths() const;
+
  private:
+  using Name = std::pair<Id, std::string>;     // parent and name in it
+  using Inode = std::pair<int64_t, uint64_t>;  // device and number on it
+
   struct Node {
-    Id parent;
-    std::string name;
-    uint64_t references;  // the kernel's, and one for each child
-    int64_t size;
+    std::vector<Name> names;  // the one seen last stands first
+    uint64_t references;      // the kernel's, and one for each name below
+    udisk_stat attributes;
+    bool is_hidden = false;
   };
 
-  std::string PathLocked(Id id) const;
+  static Inode InodeOf(const udisk_stat& attributes) {
+    return {attributes.st_dev, attributes.st_ino};
+  }
+
+  Id FindOrMakeLocked(const Name& name, const udisk_stat& attributes);
+  void SetAttributesLocked(Id id, const udisk_stat& attributes);
+  void RenameLocked(const Name& name, const Name& new_name);
+  void AddNameLocked(Id id, const Name& name);
+  void RemoveNameLocked(const Name& name);
+  void DropReferencesLocked(Id id, uint64_t references);
+  std::optional<std::string> PathLocked(Id id) const;
 
   mutable std::mutex mutex_;
-  std::unordered_map<Id, Node> nodes_{
-      {kRoot, {.parent = 0, .name = "", .references = 1, .size = 0}}};
-  std::map<std::pair<Id, std::string>, Id> children_;
+  std::unordered_map<Id, Node> nodes_{{kRoot, {.names = {}, .references = 1, .attributes = {}}}};
+  std::map<Name, Id> children_;
+  std::map<Inode, Id> files_;  // all but directories
   Id last_ = kRoot;
 };
 

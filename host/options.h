@@ -18,6 +18,7 @@ struct DiskOptions {
   bool trace_reads = false;  ///< the path filter matches every path
   bool read_only = false;
   bool unconfined = false;              ///< paths may lead out of the disk
+  bool batch = true;                    ///< small writes leave together
   uint32_t bandwidth_kbps = 0;          ///< announced for reads; 0 = no announcement
   std::chrono::seconds time_limit{30};  ///< for an answer that does not come
 };

@@ -75,6 +75,23 @@ std::optional<std::vector<Listing::Entry>> Entries(std::string_view listing) {
   return entries;
 }
 
+/// Sends a request whose answer is its own head. The head then tells whether it was done.
+template <class Head, class IsDone>
+void Change(Session& session, std::unique_ptr<CpdPacket> request, IsDone is_done,
+            RemoteFiles::Told told) {
+  session.Ask(std::move(request),
+              [is_done, told = std::move(told)](const std::unique_ptr<CpdPacket>& reply) {
+                const auto answer = Reader(reply.get()).Take<Head>();
+                if (!answer) return told(Outcome::kUnanswered);
+                told(is_done(*answer) ? Outcome::kDone : Outcome::kRefused);
+              });
+}
+
+template <class Head>
+bool IsDone(const Head& head) {
+  return head.result >= 0;
+}
+
 template <class Length>
 bool Fits(std::string_view text) {
   return text.size() <= std::numeric_limits<Length>::max();
@@ -163,6 +180,124 @@ void RemoteFiles::HasExtendedAttribute(const std::string& path, const std::strin
                  if (!answer) return done({.error = EIO});
                  done({.value = answer->value_length > 0});
                });
+}
+
+// ---- What changes the disk ----
+
+void RemoteFiles::Create(const std::string& path, uint32_t mode, Told told) {
+  CreateHead head{};
+  head.path_length = static_cast<uint32_t>(path.size());
+  head.mode = mode;
+  Change<CreateHead>(session_, Request(kFileCreate, head, path), IsDone<CreateHead>,
+                     std::move(told));
+}
+
+void RemoteFiles::Write(const std::string& path, int64_t offset, std::string_view data, Told told) {
+  WriteHead head{};
+  head.offset = offset;
+  head.single = 1;
+  Write(head, path, data, std::move(told));
+}
+
+void RemoteFiles::WriteBatch(const std::string& path, std::string_view pieces, Told told) {
+  Write(WriteHead{}, path, pieces, std::move(told));
+}
+
+void RemoteFiles::Truncate(const std::string& path, uint64_t size, Told told) {
+  TruncateHead head{};
+  head.length = size;
+  head.path_length = static_cast<uint32_t>(path.size());
+  Change<TruncateHead>(session_, Request(kFileTruncate, head, path), IsDone<TruncateHead>,
+                       std::move(told));
+}
+
+void RemoteFiles::Sync(const std::string& path, Told told) {
+  FsyncHead head{};
+  head.path_length = static_cast<uint32_t>(path.size());
+  Change<FsyncHead>(session_, Request(kFileFsync, head, path), IsDone<FsyncHead>, std::move(told));
+}
+
+void RemoteFiles::ChangeMode(const std::string& path, uint32_t mode, Told told) {
+  ChmodHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return told(Outcome::kRefused);
+  head.path_length = static_cast<uint16_t>(path.size());
+  head.mode = static_cast<uint16_t>(mode);
+  Change<ChmodHead>(session_, Request(kFileChmod, head, path), IsDone<ChmodHead>, std::move(told));
+}
+
+void RemoteFiles::ChangeOwner(const std::string& path, uint32_t owner, uint32_t group, Told told) {
+  ChownHead head{};
+  head.path_length = static_cast<uint32_t>(path.size());
+  head.uid = owner;
+  head.gid = group;
+  Change<ChownHead>(session_, Request(kFileChown, head, path), IsDone<ChownHead>, std::move(told));
+}
+
+void RemoteFiles::MakeDirectory(const std::string& path, uint32_t mode, Told told) {
+  MakeDirHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return told(Outcome::kRefused);
+  head.path_length = static_cast<uint16_t>(path.size());
+  head.mode = static_cast<int16_t>(mode);
+  Change<MakeDirHead>(session_, Request(kMakeDir, head, path), IsDone<MakeDirHead>,
+                      std::move(told));
+}
+
+void RemoteFiles::RemoveDirectory(const std::string& path, Told told) {
+  Remove(kRemoveDir, path, std::move(told));
+}
+
+void RemoteFiles::Unlink(const std::string& path, Told told) {
+  Remove(kSetUnlink, path, std::move(told));
+}
+
+void RemoteFiles::Link(const std::string& path, const std::string& new_path, Told told) {
+  Name(kSetLink, path, new_path, std::move(told));
+}
+
+void RemoteFiles::Rename(const std::string& path, const std::string& new_path, Told told) {
+  Name(kSetRename, path, new_path, std::move(told));
+}
+
+void RemoteFiles::Flush(const std::string& path, Told told) {
+  Close(kFileFlush, path, std::move(told));
+}
+
+void RemoteFiles::Release(const std::string& path, Told told) {
+  Close(kFileRelease, path, std::move(told));
+}
+
+void RemoteFiles::Write(WriteHead head, const std::string& path, std::string_view data, Told told) {
+  if (!Fits<decltype(head.path_length)>(path)) return told(Outcome::kRefused);
+  head.size = static_cast<int32_t>(data.size());
+  head.path_length = static_cast<uint16_t>(path.size());
+  const auto is_done = [size = head.size](const WriteHead& answer) { return answer.size == size; };
+  Change<WriteHead>(session_, Request(kFileWrite, head, path, data), is_done, std::move(told));
+}
+
+void RemoteFiles::Remove(uint16_t command, const std::string& path, Told told) {
+  RemoveHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return told(Outcome::kRefused);
+  head.path_length = static_cast<uint16_t>(path.size());
+  Change<RemoveHead>(session_, Request(command, head, path), IsDone<RemoveHead>, std::move(told));
+}
+
+void RemoteFiles::Name(uint16_t command, const std::string& path, const std::string& new_path,
+                       Told told) {
+  TwoPathsHead head{};
+  if (!Fits<decltype(head.path_length)>(path) || !Fits<decltype(head.new_path_length)>(new_path)) {
+    return told(Outcome::kRefused);
+  }
+  head.path_length = static_cast<uint16_t>(path.size());
+  head.new_path_length = static_cast<uint16_t>(new_path.size());
+  Change<TwoPathsHead>(session_, Request(command, head, path, new_path), IsDone<TwoPathsHead>,
+                       std::move(told));
+}
+
+void RemoteFiles::Close(uint16_t command, const std::string& path, Told told) {
+  CloseHead head{};
+  head.path_length = static_cast<uint32_t>(path.size());
+  const auto always = [](const CloseHead&) { return true; };
+  Change<CloseHead>(session_, Request(command, head, path), always, std::move(told));
 }
 
 }  // namespace cpd::host

@@ -39,6 +39,13 @@ struct Listing {
   std::unique_ptr<CpdPacket> reply;  ///< holds the names
 };
 
+/// How a request ended that brings nothing but its result.
+enum class Outcome {
+  kDone,
+  kRefused,     ///< the disk did not do it; the protocol does not tell why
+  kUnanswered,  ///< nobody knows
+};
+
 /// Asks for files over a session. Every call returns at once; its Done receives the answer under
 /// the rules of Session::Done. A request that stays without an answer, or whose answer makes no
 /// sense, ends with EIO.
@@ -46,6 +53,7 @@ class RemoteFiles {
  public:
   template <class T>
   using Done = std::function<void(Result<T>)>;
+  using Told = std::function<void(Outcome)>;
 
   explicit RemoteFiles(Session& session) : session_(session) {}
 
@@ -60,7 +68,36 @@ class RemoteFiles {
   /// Whether the attribute has a value. The protocol never brings one.
   void HasExtendedAttribute(const std::string& path, const std::string& name, Done<bool> done);
 
+  // ---- What changes the disk ----
+
+  /// Empties a file that exists, and makes the directories that are missing above it.
+  void Create(const std::string& path, uint32_t mode, Told told);
+  void Write(const std::string& path, int64_t offset, std::string_view data, Told told);
+  /// @param pieces  WritePieceHead records with their data. Of a refused batch, any may be written.
+  void WriteBatch(const std::string& path, std::string_view pieces, Told told);
+  /// To 10 MiB at most, unless the name is one of those that the disk's side excepts.
+  void Truncate(const std::string& path, uint64_t size, Told told);
+  void Sync(const std::string& path, Told told);
+  void ChangeMode(const std::string& path, uint32_t mode, Told told);
+  /// All ones leave owner or group as it is.
+  void ChangeOwner(const std::string& path, uint32_t owner, uint32_t group, Told told);
+  /// Done also when the directory exists. A backslash in the path separates as a slash does.
+  void MakeDirectory(const std::string& path, uint32_t mode, Told told);
+  void RemoveDirectory(const std::string& path, Told told);
+  void Link(const std::string& path, const std::string& new_path, Told told);
+  void Unlink(const std::string& path, Told told);
+  void Rename(const std::string& path, const std::string& new_path, Told told);
+  /// Changes nothing; its answer shows that everything before it is done.
+  void Flush(const std::string& path, Told told);
+  /// Brings a file's data to the disk, if it can.
+  void Release(const std::string& path, Told told);
+
  private:
+  void Write(WriteHead head, const std::string& path, std::string_view data, Told told);
+  void Remove(uint16_t command, const std::string& path, Told told);
+  void Name(uint16_t command, const std::string& path, const std::string& new_path, Told told);
+  void Close(uint16_t command, const std::string& path, Told told);
+
   Session& session_;
 };
 

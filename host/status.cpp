@@ -17,14 +17,27 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::array<std::pair<uint16_t, std::string_view>, 6> kNames{{
+constexpr auto kNames = std::to_array<std::pair<uint16_t, std::string_view>>({
     {kGetFileAttr, "get_file_attr"},
+    {kFileCreate, "file_create"},
     {kFileRead, "file_read"},
+    {kFileWrite, "file_write"},
     {kDirRead, "dir_read"},
     {kGetXattr, "get_xattr"},
+    {kFileTruncate, "file_truncate"},
+    {kFileFsync, "file_fsync"},
+    {kFileChmod, "file_chmod"},
+    {kFileChown, "file_chown"},
     {kGetStatvfs, "get_statvfs"},
+    {kMakeDir, "make_dir"},
+    {kRemoveDir, "remove_dir"},
+    {kSetLink, "set_link"},
+    {kSetUnlink, "set_unlink"},
+    {kSetRename, "set_rename"},
+    {kFileFlush, "file_flush"},
+    {kFileRelease, "file_release"},
     {kMountResponse, "mount_response"},
-}};
+});
 
 std::string_view Name(uint16_t command) {
   const auto* row = std::find_if(kNames.begin(), kNames.end(),

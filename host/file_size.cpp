@@ -1,0 +1,66 @@
+#include "file_size.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "failure_reason.h"
+#include "hidden_name.h"
+#include "remote_files.h"
+
+namespace cpd::host {
+namespace {
+
+constexpr int64_t kLimit = 10 << 20;
+
+/// Whether the disk's side lets a name have any size. It looks at the local path, of which the end
+/// is known here: a dot further up in it, outside of the disk, does not count.
+bool HasNoLimit(std::string_view path) {
+  constexpr std::array<std::string_view, 6> excepted{".doc", ".xls", ".tmp",
+                                                     ".ppt", ".vsd", ".spp"};
+  const size_t dot = path.rfind('.');
+  return dot != std::string_view::npos &&
+         std::any_of(excepted.begin(), excepted.end(),
+                     [&](auto suffix) { return path.substr(dot).starts_with(suffix); });
+}
+
+void Report(RemoteFiles& files, Outcome outcome, const std::string& path, int64_t end,
+            const std::function<void(int error)>& done) {
+  if (outcome == Outcome::kDone) return done(0);
+  if (outcome == Outcome::kUnanswered) return done(EIO);
+  FindFailureReason(files, {.kind = Attempt::Kind::kWrite, .path = path, .end = end}, done);
+}
+
+void CutThroughLink(RemoteFiles& files, const std::string& path, int64_t size,
+                    std::function<void(int error)> done) {
+  const std::string link = path.substr(0, path.rfind('/') + 1) + HiddenName() + ".tmp";
+  const auto cut = std::make_shared<Outcome>();
+  files.Link(path, link, [](Outcome) {});
+  files.Truncate(link, static_cast<uint64_t>(size), [cut](Outcome outcome) { *cut = outcome; });
+  files.Unlink(
+      link, [cut, done = std::move(done)](Outcome) { done(*cut == Outcome::kDone ? 0 : EFBIG); });
+}
+
+}  // namespace
+
+void SetFileSize(RemoteFiles& files, const std::string& path, int64_t size,
+                 std::function<void(int error)> done) {
+  auto report = [&files, path, size, done](Outcome outcome) {
+    Report(files, outcome, path, size, done);
+  };
+  if (size <= kLimit || HasNoLimit(path)) {
+    return files.Truncate(path, static_cast<uint64_t>(size), std::move(report));
+  }
+  files.GetAttributes(path, [&files, path, size, done = std::move(done),
+                             report = std::move(report)](const Result<udisk_stat>& result) {
+    const int64_t present = result.value.st_size;
+    if (result.error != 0 || present == size) return done(result.error);
+    if (present > size) return CutThroughLink(files, path, size, done);
+    files.Write(path, size - 1, std::string_view("", 1), report);
+  });
+}
+
+}  // namespace cpd::host
