@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -14,6 +15,7 @@
 #include "operator.h"
 #include "service.h"
 #include "support/fake_host.h"
+#include "support/shims.h"
 
 namespace system_test {
 namespace {
@@ -83,6 +85,51 @@ TEST_F(MockedMachine, TheRemovableDiskIsFound) {
   EXPECT_STREQ(name.data(), "sdb");
 }
 
+/// What `cpd-host disks` prints where blkid answers so.
+std::string Disks(const std::string& blkid, const std::string& option = "") {
+  cpd::test::Shims shims;
+  shims.AddPrinting("blkid", blkid);
+  const Result result = Shell(std::string(CPD_HOST) + " disks " + option);
+  EXPECT_EQ(result.status, 0) << result.output;
+  return result.output;
+}
+
+constexpr const char* kNoDisk =
+    "disk     removable class partition    label                            type\n";
+constexpr const char* kBlkid =
+    "/dev/sda1: LABEL=\"fixed\" TYPE=\"ext4\"\n"
+    "/dev/sdb1: LABEL=\"DATA\" UUID=\"1234\" TYPE=\"ntfs\"\n"
+    "/dev/sdb2: UUID=\"56-78\" TYPE=\"vfat\"\n";
+
+TEST_F(MockedMachine, TheHostListsTheUsbDiskAndItsPartitions) {
+  EXPECT_EQ(Disks(kBlkid),
+            std::string(kNoDisk) +
+                "sdb      yes           8 /dev/sdb1    DATA                             ntfs\n"
+                "sdb      yes           8 /dev/sdb2    56-78                            vfat\n");
+}
+
+TEST_F(MockedMachine, TheHostListsTheSameAsJson) {
+  EXPECT_EQ(Disks(kBlkid, "--json"),
+            R"([{"disk":"sdb","removable":true,"interfaceClass":8,"partitions":[)"
+            R"({"device":"/dev/sdb1","label":"DATA","type":"ntfs"},)"
+            R"({"device":"/dev/sdb2","label":"56-78","type":"vfat"}]}])"
+            "\n");
+}
+
+TEST_F(MockedMachine, TheHostListsADiskWithoutPartitions) {
+  EXPECT_EQ(Disks(""),
+            std::string(kNoDisk) +
+                "sdb      yes           8 -            -                                -\n");
+}
+
+TEST_F(MockedMachine, TheHostListsNothingOnceTheUsbDiskIsGone) {
+  umockdev_testbed_remove_device(
+      testbed.get(),
+      "/sys/devices/pci0000:00/0000:00:14.0/usb2/2-1/2-1:1.0/host6/target6:0:0/6:0:0:0/block/sdb");
+  EXPECT_EQ(Disks(kBlkid), kNoDisk);
+  EXPECT_EQ(Disks(kBlkid, "--json"), "[]\n");
+}
+
 // ---- A real NTFS disk ----
 
 /// An NTFS file system on a loop device, detached when the object goes.
@@ -137,9 +184,12 @@ class NtfsDiskTest : public testing::Test {
       }
     }
     disk.emplace(label);
+    // Its own: the machine's holds what the loop device was two seconds ago.
+    setenv("BLKID_FILE", (disk->image() + ".blkid").c_str(), 1);
     if (!disk->problem().empty()) GTEST_SKIP() << disk->problem();
   }
   void TearDown() override {
+    unsetenv("BLKID_FILE");
     service.UmountLocal();
     EXPECT_TRUE(!disk || disk->Detach()) << "the loop device is still in use";
   }
@@ -190,6 +240,65 @@ TEST_F(NtfsDiskTest, FiftyMegabytesGoToTheDiskAndComeBack) {
   EXPECT_FALSE(std::filesystem::exists(directory));
   ASSERT_TRUE(disk->Detach());
   EXPECT_EQ(Checksum("ntfscat " + disk->image() + " copy"), original);
+}
+
+TEST_F(NtfsDiskTest, TheHostMountsItRedirectsItAndLetsItGo) {
+  const std::string label = "HOST" + std::to_string(getpid());
+  Attach(label);
+  if (IsSkipped()) return;
+  const std::string directory = "/media/" + label;
+  const TempDir place;
+  std::filesystem::create_directory(place / "mount");
+  WriteFile(place / "original", Bytes(50 << 20));
+  const std::string original = Checksum("cat " + (place / "original"));
+  Process host({CPD_HOST, "mount", "--device", disk->path(), place / "mount"}, place / "out",
+               place / "err");
+  ASSERT_TRUE(Eventually([&] { return IsMounted(place / "mount"); })) << ReadFile(place / "err");
+  EXPECT_TRUE(IsMounted(directory));
+
+  ASSERT_EQ(Shell("cp " + (place / "original") + " " + (place / "mount/copy")).status, 0);
+  EXPECT_EQ(Checksum("cat " + (place / "mount/copy")), original);
+  host.Signal(SIGTERM);
+  EXPECT_EQ(host.Wait(), 0) << ReadFile(place / "err");
+
+  EXPECT_FALSE(IsMounted(directory));
+  EXPECT_FALSE(std::filesystem::exists(directory));
+  ASSERT_TRUE(disk->Detach());
+  EXPECT_EQ(Checksum("ntfscat " + disk->image() + " copy"), original);
+}
+
+TEST_F(NtfsDiskTest, TheHostLeavesADirectoryWithFilesInItAlone) {
+  const std::string label = "USED" + std::to_string(getpid());
+  Attach(label);
+  if (IsSkipped()) return;
+  const std::string directory = "/media/" + label;
+  std::filesystem::create_directory(directory);
+  WriteFile(directory + "/mine", "kept");
+  const TempDir place;
+  const Result result =
+      Shell(std::string(CPD_HOST) + " mount --device " + disk->path() + " " + place.path());
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.output, "cpd-host: " + directory + " is in use\n");
+  EXPECT_EQ(ReadFile(directory + "/mine"), "kept");
+  std::filesystem::remove_all(directory);
+}
+
+TEST(DeviceMount, WithoutTheRightsSaysSoInOneLine) {
+  if (geteuid() == 0 &&
+      Shell("setpriv --reuid=65534 --clear-groups test -x " CPD_HOST).status != 0) {
+    GTEST_SKIP() << "nobody cannot run the host program here";
+  }
+  const std::string as_nobody = geteuid() == 0 ? "setpriv --reuid=65534 --clear-groups " : "";
+  const Result result = Shell(as_nobody + CPD_HOST + " mount --device sdb1 /mnt");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.output, "cpd-host: mounting /dev/sdb1 needs root\n");
+}
+
+TEST(DeviceMount, OfNoPartitionSaysSoInOneLine) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounting needs root";
+  const Result result = Shell(std::string(CPD_HOST) + " mount --device nothing1 /mnt");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.output, "cpd-host: /dev/nothing1 is no partition with a label or UUID\n");
 }
 
 TEST_F(NtfsDiskTest, ALabelFullOfShellCharactersIsADirectoryAndRunsNothing) {
