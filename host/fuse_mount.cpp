@@ -60,7 +60,13 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, const std::st
     : session_(session),
       read_only_(options.read_only),
       gathers_writes_(options.batch),
-      files_(session),
+      files_(session,
+             [this](const std::string& path) {
+               listings_.Forget(path);
+               prefetch_.Forget(path);
+             }),
+      listings_(files_, options.dir_cache),
+      prefetch_(files_, options.prefetch),
       writes_(files_, nodes_, gate_,
               [this](NodeTable::Id node, int error) { open_files_.NoteFailure(node, error); }) {
   fuse_set_log_func(LogLibraryMessage);
@@ -264,7 +270,8 @@ void FuseMount::Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t off
   const auto file = nodes_.Find(node);
   if (!file) return void(fuse_reply_err(request, ESTALE));
   const auto wanted = static_cast<uint32_t>(std::min<size_t>(size, kLargestRead));
-  const auto expected = std::clamp<int64_t>(file->attributes.st_size - offset, 0, wanted);
+  const int64_t file_size = file->attributes.st_size;
+  const auto expected = std::clamp<int64_t>(file_size - offset, 0, wanted);
   files_.Read(file->path, offset, wanted,
               [this, request, path = file->path, offset, expected](Result<FileData> result) {
                 if (result.error != 0) return void(fuse_reply_err(request, result.error));
@@ -275,6 +282,9 @@ void FuseMount::Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t off
                 }
                 fuse_reply_buf(request, bytes.data(), bytes.size());
               });
+  if (file_size <= ReadingRun::kLargestFile && offset + wanted >= file_size) {
+    prefetch_.ReadToItsEnd(file->path);
+  }
 }
 
 /// A failed read looks like the end of the file. Where the file was known to be longer, only its
@@ -324,11 +334,11 @@ void FuseMount::ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, 
   const auto pass = Enter();
   const auto directory = nodes_.Find(node);
   if (!directory) return void(fuse_reply_err(request, ESTALE));
-  files_.List(directory->path, [this, request, node, size, first,
-                                handle = file->fh](Result<Listing> result) {
+  listings_.List(directory->path, [this, request, node, size, first, handle = file->fh,
+                                   path = directory->path](const Result<SharedListing>& result) {
     if (result.error != 0) return void(fuse_reply_err(request, result.error));
-    const OpenDirectoryListing fresh{
-        .listing = std::make_shared<const Listing>(std::move(result.value)), .changes = changes_};
+    const OpenDirectoryListing fresh{.listing = result.value, .changes = changes_};
+    prefetch_.Listed(path, result.value);
     {
       const std::lock_guard lock(mutex_);
       directories_[handle] = fresh;

@@ -15,10 +15,12 @@
 
 #include "failure_reason.h"
 #include "gathered_writes.h"
+#include "listing_cache.h"
 #include "name_gate.h"
 #include "node_table.h"
 #include "open_files.h"
 #include "options.h"
+#include "prefetch.h"
 #include "remote_files.h"
 
 namespace cpd::host {
@@ -72,6 +74,7 @@ class FuseMount {
 
   // Files, in fuse_mount_files.cpp.
   void Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle);
+  bool StoreAhead(fuse_ino_t node, const NodeTable::File& file);
   void Write(fuse_req_t request, fuse_ino_t node, const char* data, size_t size, off_t offset,
              fuse_file_info* handle);
   /// @return false when the data is to be written by itself
@@ -103,6 +106,7 @@ class FuseMount {
   void ShowMade(const std::shared_ptr<Making>& making);
   void Hide(fuse_req_t request, fuse_ino_t parent, const std::string& name,
             const NameGate::Move& move);
+  void LiftHiddenFiles(fuse_ino_t parent, const std::string& name, const NameGate::Move& move);
   void HideTarget(const std::shared_ptr<Renaming>& renaming);
   void FinishRename(const std::shared_ptr<Renaming>& renaming);
   void UndoHiding(const Renaming& renaming);
@@ -116,7 +120,7 @@ class FuseMount {
   void ReplyDone(fuse_req_t request);
   /// A handle's listing, and what it knows of the time when it was made.
   struct OpenDirectoryListing {
-    std::shared_ptr<const Listing> listing;  // null until first read
+    SharedListing listing;  // null until first read
     uint64_t changes = 0;
   };
   void ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
@@ -127,6 +131,8 @@ class FuseMount {
   const bool read_only_;
   const bool gathers_writes_;
   RemoteFiles files_;
+  ListingCache listings_;
+  Prefetch prefetch_;
   NodeTable nodes_;
   OpenFiles open_files_;
   NameGate gate_;

@@ -1,4 +1,6 @@
 // The mount's files: what programs do with an open one, and what changes its attributes.
+#include <fcntl.h>
+
 #include <cerrno>
 #include <memory>
 #include <string_view>
@@ -14,10 +16,29 @@ namespace cpd::host {
 using Kind = Attempt::Kind;
 
 void FuseMount::Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle) {
-  const auto pass = Enter();
-  if (!nodes_.Find(node)) return void(fuse_reply_err(request, ESTALE));
+  auto pass = Enter();
+  const auto file = nodes_.Find(node);
+  if (!file) return void(fuse_reply_err(request, ESTALE));
+  const bool only_reads = (handle->flags & O_ACCMODE) == O_RDONLY;
+  handle->noflush = only_reads ? 1 : 0;
+  handle->keep_cache = only_reads && StoreAhead(node, *file) ? 1 : 0;
+  if (handle->keep_cache == 0) prefetch_.Forget(file->path);
   handle->fh = open_files_.Open(node);
+  pass.unlock();
+  const bool is_ahead = handle->keep_cache != 0;
   if (fuse_reply_open(request, handle) != 0) open_files_.Close(handle->fh);
+  if (is_ahead) prefetch_.ReadToItsEnd(file->path);
+}
+
+/// Puts a content that was read ahead into the kernel's cache, where it costs no more requests.
+/// Nobody else may have the file open, for the kernel's cache would be newer after a write.
+bool FuseMount::StoreAhead(fuse_ino_t node, const NodeTable::File& file) {
+  if (open_files_.IsOpen(node)) return false;
+  return prefetch_.Take(file.path, file.attributes, [&](std::string_view content) {
+    fuse_bufvec buffer = FUSE_BUFVEC_INIT(content.size());
+    buffer.buf[0].mem = const_cast<char*>(content.data());
+    return fuse_lowlevel_notify_store(fuse_.get(), node, 0, &buffer, {}) == 0;
+  });
 }
 
 void FuseMount::Write(fuse_req_t request, fuse_ino_t node, const char* data, size_t size,

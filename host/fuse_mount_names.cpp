@@ -186,17 +186,33 @@ void FuseMount::Hide(fuse_req_t request, fuse_ino_t parent, const std::string& n
 }
 
 void FuseMount::RemoveDirectory(fuse_req_t request, fuse_ino_t parent, const char* name) {
-  const auto pass = Enter();
+  const auto move = BeginMove();
   const auto path = nodes_.ChildPath(parent, name);
   if (!path) return void(fuse_reply_err(request, ESTALE));
-  files_.RemoveDirectory(
-      *path, [this, request, parent, name = std::string(name), path = *path](Outcome outcome) {
-        if (outcome != Outcome::kDone) {
-          return ReplyFailure(request, outcome, {.kind = Kind::kRemoveDirectory, .path = path});
-        }
-        nodes_.Unlink(parent, name);
-        ReplyDone(request);
-      });
+  LiftHiddenFiles(parent, name, move);
+  files_.RemoveDirectory(*path, [this, move, request, parent, name = std::string(name),
+                                 path = *path](Outcome outcome) {
+    if (outcome != Outcome::kDone) {
+      return ReplyFailure(request, outcome, {.kind = Kind::kRemoveDirectory, .path = path});
+    }
+    nodes_.Unlink(parent, name);
+    ReplyDone(request);
+  });
+}
+
+/// Moves hidden files to the directory above, so that they do not keep theirs from being removed.
+void FuseMount::LiftHiddenFiles(fuse_ino_t parent, const std::string& name,
+                                const NameGate::Move& move) {
+  const auto directory = nodes_.SoleName(parent, name);
+  if (!directory) return;
+  for (const auto& hidden : nodes_.HiddenNames(*directory)) {
+    const auto path = nodes_.ChildPath(*directory, hidden);
+    const auto lifted_path = nodes_.ChildPath(parent, hidden);
+    files_.Rename(*path, *lifted_path,
+                  [this, move, parent, directory = *directory, hidden](Outcome outcome) {
+                    if (outcome == Outcome::kDone) nodes_.Rename(directory, hidden, parent, hidden);
+                  });
+  }
 }
 
 /// For the end, when nobody can have them open any more.

@@ -160,6 +160,8 @@ int Run(int argc, char** argv) {
   mount->add_option("--label", options.label, "Label on the remote side [the directory's name]");
   mount->add_flag("--read-only", options.read_only, "Refuse every change; announced, too");
   mount->add_flag("!--no-batch", options.batch, "Send small writes one by one");
+  mount->add_flag("!--no-prefetch", options.prefetch, "Do not read small files ahead");
+  mount->add_flag("!--no-dir-cache", options.dir_cache, "List directories in full every time");
   mount->add_flag("--foreground")->description("Stay in the foreground; always so");
   mount->callback([&] {
     run = [&] {

@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <utility>
 
 namespace cpd::host {
@@ -113,7 +112,7 @@ void NodeTable::Grow(Id id, int64_t size) {
   const auto node = nodes_.find(id);
   if (node == nodes_.end()) return;
   auto& attributes = node->second.attributes;
-  attributes.st_size = std::max<int64_t>(attributes.st_size, size);
+  if (attributes.st_size < size) attributes.st_size = size;
 }
 
 std::optional<NodeTable::File> NodeTable::Find(Id id) const {
@@ -138,6 +137,16 @@ std::optional<NodeTable::Id> NodeTable::SoleName(Id parent, const std::string& n
   const auto child = children_.find({parent, name});
   if (child == children_.end() || nodes_.at(child->second).names.size() > 1) return std::nullopt;
   return child->second;
+}
+
+std::vector<std::string> NodeTable::HiddenNames(Id directory) const {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::string> names;
+  for (auto child = children_.lower_bound({directory, ""});
+       child != children_.end() && child->first.first == directory; ++child) {
+    if (nodes_.at(child->second).is_hidden) names.push_back(child->first.second);
+  }
+  return names;
 }
 
 bool NodeTable::IsHidden(Id parent, const std::string& name) const {

@@ -47,6 +47,8 @@ class NodeTable {
 
   /// The node of a name if that is the only one it has.
   [[nodiscard]] std::optional<Id> SoleName(Id parent, const std::string& name) const;
+  /// The names of the hidden files in a directory.
+  [[nodiscard]] std::vector<std::string> HiddenNames(Id directory) const;
   /// Whether a name stands for a hidden file.
   [[nodiscard]] bool IsHidden(Id parent, const std::string& name) const;
   /// Takes a name away.
@@ -72,7 +74,7 @@ class NodeTable {
   };
 
   static Inode InodeOf(const udisk_stat& attributes) {
-    return {attributes.st_dev, attributes.st_ino};
+    return {int64_t{attributes.st_dev}, uint64_t{attributes.st_ino}};  // packed: by value
   }
 
   Id FindOrMakeLocked(const Name& name, const udisk_stat& attributes);

@@ -19,6 +19,8 @@ struct DiskOptions {
   bool read_only = false;
   bool unconfined = false;              ///< paths may lead out of the disk
   bool batch = true;                    ///< small writes leave together
+  bool prefetch = true;                 ///< small files are read ahead
+  bool dir_cache = true;                ///< listings are kept and checked
   uint32_t bandwidth_kbps = 0;          ///< announced for reads; 0 = no announcement
   std::chrono::seconds time_limit{30};  ///< for an answer that does not come
 };

@@ -31,7 +31,10 @@ class Reader {
   explicit Reader(std::string_view text) : left_(text) {}
   /// The payload of a reply; of no reply, nothing.
   explicit Reader(const CpdPacket* reply) {
-    if (reply == nullptr || reply->header->packetLen > reply->buffer->capacity) return;
+    if (reply == nullptr || reply->header->packetLen < CPD_PACKET_HEADER_SIZE ||
+        reply->header->packetLen > reply->buffer->capacity) {
+      return;
+    }
     left_ = {reinterpret_cast<const char*>(reply->buffer->data), reply->header->packetLen};
     left_.remove_prefix(CPD_PACKET_HEADER_SIZE);
   }
@@ -92,6 +95,40 @@ bool IsDone(const Head& head) {
   return head.result >= 0;
 }
 
+std::optional<Listing> ToListing(std::unique_ptr<CpdPacket> reply) {
+  Reader in(reply.get());
+  const auto head = in.Take<DirHead>();
+  if (!head || !in.TakeBytes(head->path_length)) return std::nullopt;
+  const auto bytes = in.TakeBytes(head->buf_len);
+  // A directory that was opened lists at least itself.
+  if (!bytes || bytes->empty()) return std::nullopt;
+  auto entries = Entries(*bytes);
+  if (!entries) return std::nullopt;
+  return Listing{.entries = std::move(*entries),
+                 .announced_entries = head->entry_count,
+                 .bytes = *bytes,
+                 .reply = std::move(reply)};
+}
+
+/// The data of each file in a reply that repeats the question record by record.
+std::optional<std::vector<std::string_view>> SmallFileData(const std::vector<SmallFile>& files,
+                                                           const CpdPacket* reply) {
+  Reader in(reply);
+  const auto head = in.Take<SmallReadHead>();
+  if (!head || head->count != files.size()) return std::nullopt;
+  std::vector<std::string_view> data;
+  data.reserve(files.size());
+  for (const auto& file : files) {
+    const auto record = in.Take<ReadHead>();
+    if (!record || record->offset != 0 || record->size > file.size) return std::nullopt;
+    const auto path = in.TakeBytes(record->path_length);
+    const auto bytes = in.TakeBytes(record->size);
+    if (path != file.path || !bytes) return std::nullopt;
+    data.push_back(*bytes);
+  }
+  return data;
+}
+
 template <class Length>
 bool Fits(std::string_view text) {
   return text.size() <= std::numeric_limits<Length>::max();
@@ -121,16 +158,36 @@ void RemoteFiles::List(const std::string& path, Done<Listing> done) {
   head.path_length = static_cast<uint16_t>(path.size());
   session_.Ask(Request(kDirRead, head, path),
                [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
-                 Reader in(reply.get());
-                 const auto answer = in.Take<DirHead>();
-                 if (!answer || !in.TakeBytes(answer->path_length)) return done({.error = EIO});
-                 const auto listing = in.TakeBytes(answer->buf_len);
-                 // A directory that was opened lists at least itself.
-                 if (!listing || listing->empty()) return done({.error = EIO});
-                 auto entries = Entries(*listing);
-                 if (!entries) return done({.error = EIO});
-                 done({.value = {.entries = std::move(*entries), .reply = std::move(reply)}});
+                 auto listing = ToListing(std::move(reply));
+                 if (!listing) return done({.error = EIO});
+                 done({.value = std::move(*listing)});
                });
+}
+
+bool RemoteFiles::CanCheck(const Listing& listing) {
+  return listing.entries.size() == listing.announced_entries;
+}
+
+void RemoteFiles::CheckDirectory(const std::string& path, const Listing& cached,
+                                 Done<DirectoryCheck> done) {
+  DirHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return done({.error = ENAMETOOLONG});
+  head.path_length = static_cast<uint16_t>(path.size());
+  head.buf_len = static_cast<uint32_t>(cached.bytes.size());
+  head.entry_count = static_cast<uint16_t>(cached.entries.size());
+  auto answer = std::make_shared<std::unique_ptr<CpdPacket>>();
+  session_.Ask(Request(kCheckDir, head, path, cached.bytes),
+               [answer](std::unique_ptr<CpdPacket> reply) { *answer = std::move(reply); });
+  // An unchanged directory gets no reply, which only a later one proves.
+  GetAttributes(path, [answer, done = std::move(done)](const Result<udisk_stat>& directory) {
+    if (*answer != nullptr) {
+      auto listing = ToListing(std::move(*answer));
+      if (!listing) return done({.error = EIO});
+      return done({.value = {.directory = {}, .changed = std::move(listing)}});
+    }
+    if (directory.error != 0) return done({.error = directory.error});
+    done({.value = {.directory = directory.value, .changed = std::nullopt}});
+  });
 }
 
 void RemoteFiles::Read(const std::string& path, int64_t offset, uint32_t size,
@@ -150,6 +207,28 @@ void RemoteFiles::Read(const std::string& path, int64_t offset, uint32_t size,
                  if (!bytes) return done({.error = EIO});
                  done({.value = {.bytes = *bytes, .reply = std::move(reply)}});
                });
+}
+
+void RemoteFiles::ReadSmallFiles(const std::vector<SmallFile>& files, Done<SmallFilesData> done) {
+  size_t size = CPD_PACKET_HEADER_SIZE + sizeof(SmallReadHead);
+  for (const auto& file : files) size += sizeof(ReadHead) + file.path.size();
+  auto request = std::make_unique<CpdPacket>(size);
+  request->InitHeader(HostDevice::kId, kSmallFileRead, 0);
+  const SmallReadHead count{static_cast<uint32_t>(files.size())};
+  request->AppendPayload(&count, sizeof count);
+  for (const auto& file : files) {
+    ReadHead head{};
+    head.size = file.size;
+    head.path_length = static_cast<uint32_t>(file.path.size());
+    request->AppendPayload(&head, sizeof head);
+    request->AppendPayload(file.path.data(), head.path_length);
+  }
+  session_.Ask(std::move(request), [files = std::move(files),
+                                    done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+    auto data = SmallFileData(files, reply.get());
+    if (!data) return done({.error = EIO});
+    done({.value = {.bytes = std::move(*data), .reply = std::move(reply)}});
+  });
 }
 
 void RemoteFiles::GetStatistics(const std::string& path, Done<udisk_statvfs> done) {
@@ -189,7 +268,7 @@ void RemoteFiles::Create(const std::string& path, uint32_t mode, Told told) {
   head.path_length = static_cast<uint32_t>(path.size());
   head.mode = mode;
   Change<CreateHead>(session_, Request(kFileCreate, head, path), IsDone<CreateHead>,
-                     std::move(told));
+                     Noting(path, std::move(told)));
 }
 
 void RemoteFiles::Write(const std::string& path, int64_t offset, std::string_view data, Told told) {
@@ -208,7 +287,7 @@ void RemoteFiles::Truncate(const std::string& path, uint64_t size, Told told) {
   head.length = size;
   head.path_length = static_cast<uint32_t>(path.size());
   Change<TruncateHead>(session_, Request(kFileTruncate, head, path), IsDone<TruncateHead>,
-                       std::move(told));
+                       Noting(path, std::move(told)));
 }
 
 void RemoteFiles::Sync(const std::string& path, Told told) {
@@ -222,7 +301,8 @@ void RemoteFiles::ChangeMode(const std::string& path, uint32_t mode, Told told) 
   if (!Fits<decltype(head.path_length)>(path)) return told(Outcome::kRefused);
   head.path_length = static_cast<uint16_t>(path.size());
   head.mode = static_cast<uint16_t>(mode);
-  Change<ChmodHead>(session_, Request(kFileChmod, head, path), IsDone<ChmodHead>, std::move(told));
+  Change<ChmodHead>(session_, Request(kFileChmod, head, path), IsDone<ChmodHead>,
+                    Noting(path, std::move(told)));
 }
 
 void RemoteFiles::ChangeOwner(const std::string& path, uint32_t owner, uint32_t group, Told told) {
@@ -230,7 +310,8 @@ void RemoteFiles::ChangeOwner(const std::string& path, uint32_t owner, uint32_t 
   head.path_length = static_cast<uint32_t>(path.size());
   head.uid = owner;
   head.gid = group;
-  Change<ChownHead>(session_, Request(kFileChown, head, path), IsDone<ChownHead>, std::move(told));
+  Change<ChownHead>(session_, Request(kFileChown, head, path), IsDone<ChownHead>,
+                    Noting(path, std::move(told)));
 }
 
 void RemoteFiles::MakeDirectory(const std::string& path, uint32_t mode, Told told) {
@@ -239,7 +320,7 @@ void RemoteFiles::MakeDirectory(const std::string& path, uint32_t mode, Told tol
   head.path_length = static_cast<uint16_t>(path.size());
   head.mode = static_cast<int16_t>(mode);
   Change<MakeDirHead>(session_, Request(kMakeDir, head, path), IsDone<MakeDirHead>,
-                      std::move(told));
+                      Noting(path, std::move(told)));
 }
 
 void RemoteFiles::RemoveDirectory(const std::string& path, Told told) {
@@ -271,14 +352,23 @@ void RemoteFiles::Write(WriteHead head, const std::string& path, std::string_vie
   head.size = static_cast<int32_t>(data.size());
   head.path_length = static_cast<uint16_t>(path.size());
   const auto is_done = [size = head.size](const WriteHead& answer) { return answer.size == size; };
-  Change<WriteHead>(session_, Request(kFileWrite, head, path, data), is_done, std::move(told));
+  Change<WriteHead>(session_, Request(kFileWrite, head, path, data), is_done,
+                    Noting(path, std::move(told)));
+}
+
+RemoteFiles::Told RemoteFiles::Noting(const std::string& path, Told told) const {
+  return [this, path, told = std::move(told)](Outcome outcome) {
+    changed_(path);
+    told(outcome);
+  };
 }
 
 void RemoteFiles::Remove(uint16_t command, const std::string& path, Told told) {
   RemoveHead head{};
   if (!Fits<decltype(head.path_length)>(path)) return told(Outcome::kRefused);
   head.path_length = static_cast<uint16_t>(path.size());
-  Change<RemoveHead>(session_, Request(command, head, path), IsDone<RemoveHead>, std::move(told));
+  Change<RemoveHead>(session_, Request(command, head, path), IsDone<RemoveHead>,
+                     Noting(path, std::move(told)));
 }
 
 void RemoteFiles::Name(uint16_t command, const std::string& path, const std::string& new_path,
@@ -290,7 +380,7 @@ void RemoteFiles::Name(uint16_t command, const std::string& path, const std::str
   head.path_length = static_cast<uint16_t>(path.size());
   head.new_path_length = static_cast<uint16_t>(new_path.size());
   Change<TwoPathsHead>(session_, Request(command, head, path, new_path), IsDone<TwoPathsHead>,
-                       std::move(told));
+                       Noting(path, Noting(new_path, std::move(told))));
 }
 
 void RemoteFiles::Close(uint16_t command, const std::string& path, Told told) {

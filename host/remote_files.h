@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "cpd/packet.h"
@@ -36,7 +38,28 @@ struct Listing {
     std::string_view name;  ///< a NUL follows
   };
   std::vector<Entry> entries;
-  std::unique_ptr<CpdPacket> reply;  ///< holds the names
+  uint16_t announced_entries = 0;    ///< how many the reply says it has; 65536 count as 0
+  std::string_view bytes;            ///< as they came
+  std::unique_ptr<CpdPacket> reply;  ///< holds names and bytes
+};
+using SharedListing = std::shared_ptr<const Listing>;
+
+/// What a directory check found.
+struct DirectoryCheck {
+  udisk_stat directory;            ///< its own attributes, where the listing holds
+  std::optional<Listing> changed;  ///< the new listing; empty = the old one holds
+};
+
+/// A file to read from its start.
+struct SmallFile {
+  std::string path;
+  uint32_t size;  ///< how many bytes at most
+};
+
+/// The bytes of several files, in the order of the question.
+struct SmallFilesData {
+  std::vector<std::string_view> bytes;
+  std::unique_ptr<CpdPacket> reply;  ///< holds the bytes
 };
 
 /// How a request ended that brings nothing but its result.
@@ -55,15 +78,28 @@ class RemoteFiles {
   using Done = std::function<void(Result<T>)>;
   using Told = std::function<void(Outcome)>;
 
-  explicit RemoteFiles(Session& session) : session_(session) {}
+  /// Is told the path of everything that may have changed, before the Told of the change.
+  using Changed = std::function<void(const std::string& path)>;
+
+  explicit RemoteFiles(
+      Session& session, Changed changed = [](const std::string&) {})
+      : session_(session), changed_(std::move(changed)) {}
 
   /// ENOENT when there is no such file.
   void GetAttributes(const std::string& path, Done<udisk_stat> done);
   /// EIO also when the directory cannot be opened.
   void List(const std::string& path, Done<Listing> done);
+  /// Whether CheckDirectory can carry the listing and be believed: it counts entries in 16 bits,
+  /// and an entry that vanished while the directory was read cannot be compared.
+  static bool CanCheck(const Listing& listing);
+  /// Lists the directory if it differs from `cached`, one that CanCheck, in an entry's name, size
+  /// or second of modification. Anything else, such as a changed mode, it does not see.
+  void CheckDirectory(const std::string& path, const Listing& cached, Done<DirectoryCheck> done);
   /// At the end of the file, and when the file cannot be read, there are fewer bytes than asked
   /// for; the protocol does not tell which.
   void Read(const std::string& path, int64_t offset, uint32_t size, Done<FileData> done);
+  /// Reads the beginnings of several files in one go. A file that cannot be read has no bytes.
+  void ReadSmallFiles(const std::vector<SmallFile>& files, Done<SmallFilesData> done);
   void GetStatistics(const std::string& path, Done<udisk_statvfs> done);
   /// Whether the attribute has a value. The protocol never brings one.
   void HasExtendedAttribute(const std::string& path, const std::string& name, Done<bool> done);
@@ -94,11 +130,13 @@ class RemoteFiles {
 
  private:
   void Write(WriteHead head, const std::string& path, std::string_view data, Told told);
+  Told Noting(const std::string& path, Told told) const;
   void Remove(uint16_t command, const std::string& path, Told told);
   void Name(uint16_t command, const std::string& path, const std::string& new_path, Told told);
   void Close(uint16_t command, const std::string& path, Told told);
 
   Session& session_;
+  const Changed changed_;
 };
 
 }  // namespace cpd::host

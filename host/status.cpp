@@ -29,6 +29,8 @@ constexpr auto kNames = std::to_array<std::pair<uint16_t, std::string_view>>({
     {kFileChmod, "file_chmod"},
     {kFileChown, "file_chown"},
     {kGetStatvfs, "get_statvfs"},
+    {kCheckDir, "check_dir"},
+    {kSmallFileRead, "small_file_read"},
     {kMakeDir, "make_dir"},
     {kRemoveDir, "remove_dir"},
     {kSetLink, "set_link"},
