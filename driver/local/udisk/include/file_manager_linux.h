@@ -48,6 +48,8 @@ class FileManagerLinux {
   /// Creates or empties a file, making missing parents with mode 0777. `flags` is ignored.
   /// @return a descriptor number, of use for its sign only, or -1
   int UdiskCreateFile(const char* path, int flags, int mode);
+  bool IsDirectory(const char* path);  ///< links are followed
+  int MakeOneDir(const char* path, int mode);
   /// Makes the missing directories above `path` and, with `make_last`, `path` itself. Backslashes
   /// separate like slashes. @return 0 (also for null), -1, or the last mkdir's result
   int UdiskMakeDir(const char* path, int mode, short make_last);

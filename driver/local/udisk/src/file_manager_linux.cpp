@@ -236,27 +236,30 @@ int FileManagerLinux::UdiskGetStatvfs(const char* path, udisk_statvfs* out) {
 
 // ---- Directories and names ----
 
+bool FileManagerLinux::IsDirectory(const char* path) {
+  struct stat st {};
+  return ::stat(mPaths->File(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+int FileManagerLinux::MakeOneDir(const char* path, int mode) {
+  return ::mkdir(mPaths->Name(path).c_str(), Mode16(mode));
+}
+
 int FileManagerLinux::UdiskMakeDir(const char* path, int mode, short make_last) {
   if (path == nullptr) return 0;
   const std::unique_ptr<char, FreeDeleter> copy(::strdup(path));
   if (copy == nullptr) return 0;
   char* const text = copy.get();
-  const auto is_directory = [&] {
-    struct stat st {};
-    return ::stat(mPaths->File(text).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-  };
   // From 1, so that a leading slash makes nothing.
   for (size_t i = std::max<size_t>(mPaths->TrustedLength(text), 1);
        text[0] != '\0' && text[i] != '\0'; ++i) {
     if (text[i] != '/' && text[i] != '\\') continue;
     text[i] = '\0';
     LOG_DEBUG("pszDir:%s\n", text);
-    if (!is_directory() && ::mkdir(mPaths->Name(text).c_str(), Mode16(mode)) != 0) return -1;
+    if (!IsDirectory(text) && MakeOneDir(text, mode) != 0) return -1;
     text[i] = '/';
   }
-  if (make_last != 0 && !is_directory()) {
-    return ::mkdir(mPaths->Name(text).c_str(), Mode16(mode));
-  }
+  if (make_last != 0 && !IsDirectory(text)) return MakeOneDir(text, mode);
   return 0;
 }
 
@@ -292,7 +295,10 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
     if (static_cast<size_t>(end - at) < sizeof(udisk_dir_entry) + name_len) break;
     full.resize(prefix);
     full += entry->d_name;
-    ::lstat(full.c_str(), &st);
+    // The one entry that may lead out of the disk.
+    const bool is_parent = std::strcmp(entry->d_name, "..") == 0;
+    ::lstat(is_parent ? mPaths->Name((std::string(path) + "/..").c_str()).c_str() : full.c_str(),
+            &st);
     udisk_dir_entry head{};
     set_stat(&st, &head.attributes);
     head.name_len = static_cast<uint16_t>(name_len);

@@ -31,7 +31,7 @@ Descriptor OpenBeneath(const Descriptor& root, std::string_view below, int flags
   const std::string relative(below.empty() ? "." : below);
   open_how how{};
   how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
-  how.mode = (flags & O_CREAT) != 0 ? mode : 0;
+  how.mode = (flags & O_CREAT) != 0 ? mode & 07777 : 0;  // open cuts it, openat2 refuses it
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
   // The kernel gives up on ".." where something is being renamed meanwhile.
   constexpr int kTries = 100;
@@ -83,11 +83,11 @@ LocalPath LocalPaths::Name(const char* path) {
   Descriptor directory =
       OpenBeneath(*place.root, entry.substr(0, entry.size() - name.size()), O_PATH | O_DIRECTORY);
   struct stat st {};
-  // With its slash at the end a call would follow a link. Such a path stands for a directory.
+  // With its slash at the end a call would follow a link there, so that is followed here.
   if (entry.size() < below.size() &&
       ::fstatat(directory.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
       !S_ISDIR(st.st_mode)) {
-    return Held(Descriptor());
+    return Held(OpenBeneath(*place.root, below, O_PATH | O_DIRECTORY), "/.");
   }
   return Held(std::move(directory), '/' + name);
 }

@@ -9,7 +9,6 @@
 #include "operator.h"
 
 #include <pwd.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -379,9 +378,8 @@ int64_t UDiskOperator::mount_remote(unsigned char header_length, CpdPacket* requ
   if (!in.Read(&head) || !in.ReadBytes(head.name_length, &name)) return Dropped("mount_remote");
 
   const std::string path = LocalMountPath(std::string(name));
-  struct stat st {};
-  if (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-    const int made = ::mkdir(path.c_str(), 0777);
+  if (!mFileManager->IsDirectory(path.c_str())) {
+    const int made = mFileManager->MakeOneDir(path.c_str(), 0777);
     LOG_DEBUG("mkdir res: %d", made);
   }
   SetRootPath(path.c_str(), nullptr);  // clears the mount point: kept
