@@ -1,0 +1,294 @@
+// Each allocation of each handler fails once: the request may fail, nothing else does.
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "cpd/device.h"
+#include "cpd/log.h"
+#include "cpd/tracer.h"
+#include "operator.h"
+#include "service.h"
+#include "support/failing_allocations.h"
+#include "support/fake_user.h"
+#include "support/temp_disk.h"
+#include "support/write_requests.h"
+#include "udisk.h"
+
+namespace cpd::test {
+
+void PrintTo(const NamedRequest& request, std::ostream* out) { *out << request.name; }
+
+namespace {
+
+// ---- A host that needs no memory of its own ----
+
+int g_errors = 0;             ///< lines of level error
+char g_last_error[512] = "";  ///< the last one
+
+class FrugalFilter : public CpdPathFilter {
+ public:
+  std::shared_ptr<CpdPathMatch> MatchPath(const std::string& /*path*/) override { return match_; }
+
+ private:
+  const std::shared_ptr<CpdPathMatch> match_ = std::make_shared<CpdPathMatch>();
+};
+
+class FrugalBase : public CpdDeviceBase {
+ public:
+  std::string GetDeviceParams() override {
+    return R"({"letter":"/tmp/","label":"no such disk at all","name":"Stick"})";
+  }
+  void TraceEvent(const std::string& /*id*/, const std::string& /*event*/,
+                  const std::map<std::string, std::string>& /*fields*/) override {}
+  void TraceEventDetail(const std::string& /*id*/, const std::string& /*detail*/,
+                        const std::string& /*event*/,
+                        const std::map<std::string, std::string>& /*fields*/) override {}
+  std::shared_ptr<CpdPathFilter> GetPathFilter() override { return filter_; }
+
+ private:
+  const std::shared_ptr<CpdPathFilter> filter_ = std::make_shared<FrugalFilter>();
+};
+
+class FrugalDevice : public CpdDevice {
+ public:
+  std::shared_ptr<CpdDeviceBase> getDevBase() override {
+    if (std::this_thread::get_id() == owner_ && at_base) at_base();
+    return base_;
+  }
+  int GetDevId() override { return kDeviceId; }
+  int SendPacket(std::unique_ptr<CpdPacket> packet, int /*flags*/) override {
+    ++replies;
+    if (packet->header == nullptr) ++headless;
+    return 0;
+  }
+  void ReportReadFail(const std::string& /*path*/) override {}
+
+  int replies = 0;
+  int headless = 0;               ///< replies without a header
+  std::function<void()> at_base;  ///< called by getDevBase, on the thread that made the device
+
+ private:
+  const std::thread::id owner_ = std::this_thread::get_id();
+  const std::shared_ptr<CpdDeviceBase> base_ = std::make_shared<FrugalBase>();
+};
+
+}  // namespace
+}  // namespace cpd::test
+
+namespace cpd {
+
+CpdTracer* CpdTracer::GetInstance() {
+  static CpdTracer tracer;
+  return &tracer;
+}
+
+}  // namespace cpd
+
+extern "C" void tesselLogPrint(int /*channel*/, int level, const char* /*tag*/, const char* format,
+                               ...) {
+  if (level != 7) return;
+  ++cpd::test::g_errors;
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(cpd::test::g_last_error, sizeof cpd::test::g_last_error, format, arguments);
+  va_end(arguments);
+}
+
+namespace cpd::test {
+namespace {
+
+// ---- Requests ----
+
+/// One good request for each command, and requests that go wrong.
+std::vector<NamedRequest> AllRequests() {
+  std::vector<NamedRequest> all = OneRequestPerCommand();
+  for (NamedRequest& more : OneWriteRequestPerCommand()) {
+    // Those build on one another; here each one meets the same disk.
+    if (more.name != "remove_dir" && more.name != "set_unlink" && more.name != "set_rename") {
+      all.push_back(std::move(more));
+    }
+  }
+  const std::vector<SmallRead> fifty(50, {.path = kKnownFile});
+  for (NamedRequest& more : std::vector<NamedRequest>{
+           {"remove_dir", RemoveDirRequest{.path = "/empty"}},
+           {"set_unlink", UnlinkRequest{.path = "/old.txt"}},
+           {"set_rename", RenameRequest{.path = "/old.txt", .new_path = "/renamed.txt"}},
+           {"file_read_of_1_MiB", ReadRequest{.path = kKnownFile, .size = 1 << 20}},
+           {"small_file_read_of_50", SmallReadRequest{.records = fifty}},
+           {"file_create_failing", CreateRequest{.path = kKnownDir}},
+           {"file_write_failing", WriteRequest{.path = "/missing", .data = "data"}},
+           {"make_dir_failing", MakeDirRequest{.path = std::string(kKnownFile) + "/dir"}},
+           {"remove_dir_failing", RemoveDirRequest{.path = "/missing"}},
+           {"set_rename_failing", RenameRequest{.path = "/missing", .new_path = "/renamed.txt"}}}) {
+    all.push_back(std::move(more));
+  }
+  for (size_t i = 0; i < all.size(); ++i) all[i].name = std::to_string(i) + "_" + all[i].name;
+  return all;
+}
+
+class FailingAllocation : public ::testing::TestWithParam<NamedRequest> {
+ protected:
+  struct Outcome {
+    int allocations = 0;
+    bool refused = false;
+    bool threw = false;
+    int left_behind = 0;  ///< blocks
+    int replies = 0;
+    int errors = 0;
+    std::string last_error;
+  };
+
+  FailingAllocation() { Mount(); }
+
+  /// Serves a request on a fresh disk, one allocation refused after so many; none without a number.
+  Outcome Serve(const Request& request, std::optional<int> refuse_after = std::nullopt) {
+    FillDisk();
+    device.replies = 0;
+    g_errors = 0;
+    Outcome outcome;
+    {
+      Allocations allocations;
+      std::unique_ptr<CpdPacket> packet = request.Packet();
+      const int before = allocations.Count();
+      if (refuse_after) allocations.RefuseOneAfter(*refuse_after);
+      try {
+        udisk.EventHandle(std::move(packet));
+      } catch (...) {
+        outcome.threw = true;
+      }
+      outcome.refused = allocations.StopRefusing();
+      outcome.allocations = allocations.Count() - before;
+      Mount();  // replaces as much as a request may have taken away
+      outcome.left_behind = allocations.Live();
+    }
+    outcome.replies = device.replies;
+    outcome.errors = g_errors;
+    if (g_errors > 0) outcome.last_error = g_last_error;
+    return outcome;
+  }
+
+  bool StillServes() {
+    const Outcome outcome = Serve(AttrRequest{.path = kKnownFile});
+    return outcome.replies == 1 && outcome.errors == 0;
+  }
+
+ private:
+  void FillDisk() const {
+    for (const auto& entry : std::filesystem::directory_iterator(disk.root())) {
+      std::filesystem::remove_all(entry);
+    }
+    disk.MakeFile(kKnownFile, "known content");
+    disk.MakeDir(kKnownDir);
+    disk.MakeFile("/old.txt", "old");
+    disk.MakeDir("/empty");
+  }
+  void Mount() {
+    udisk.SetRootPath(nullptr, nullptr);
+    udisk.SetRootPath(disk.letter().c_str(), disk.label().c_str());
+  }
+
+  DescriptorCheck descriptors;
+  TempDisk disk;
+  const FakeUser user{1000, disk.letter()};
+  FrugalDevice device;
+  UDiskOperator udisk{&device};
+};
+
+TEST_P(FailingAllocation, CostsNoMoreThanItsRequest) {
+  const Request& request = GetParam().request;
+  Serve(request);  // the first one may leave behind what the C library keeps
+  const Outcome good = Serve(request);
+  ASSERT_EQ(good.left_behind, 0);
+  ASSERT_GT(good.allocations, 0);
+  int unlogged = 0;
+  for (int i = 0; i < good.allocations; ++i) {
+    SCOPED_TRACE("allocation " + std::to_string(i + 1) + " of " + std::to_string(good.allocations));
+    const Outcome bad = Serve(request, i);
+    ASSERT_TRUE(bad.refused);
+    EXPECT_FALSE(bad.threw);
+    EXPECT_EQ(bad.left_behind, 0);
+    EXPECT_LE(bad.replies, good.replies);
+    EXPECT_LE(bad.errors, good.errors + 1);
+    if (bad.replies < good.replies && !bad.last_error.ends_with("failed: std::bad_alloc\"")) {
+      ++unlogged;
+    }
+    EXPECT_TRUE(StillServes());
+  }
+  EXPECT_LE(unlogged, 1) << "only the packet's own buffer fails without a line in the log";
+}
+
+INSTANTIATE_TEST_SUITE_P(, FailingAllocation, ::testing::ValuesIn(AllRequests()),
+                         [](const auto& test) { return test.param.name; });
+
+// ---- Beside the handlers ----
+
+/// Does something again and again, the first, the second, ... of its allocations refused, until it
+/// needs no more. `act` gets the number of allocations before that one.
+template <class Act>
+void RefuseEach(Act act) {
+  bool refused = true;
+  for (int i = 0; refused; ++i) {
+    SCOPED_TRACE("allocation " + std::to_string(i + 1));
+    ASSERT_LT(i, 1000);
+    refused = act(i);
+  }
+}
+
+TEST(AllocationBesideTheHandlers, RefusedToABusEventCostsItsTraceOnly) {
+  RefuseEach([](int before) {
+    FrugalDevice device;
+    UDiskOperator udisk(&device);  // a fresh one: the next event is traced
+    const std::shared_ptr<CpdPacket> event =
+        Request{.cmd = kBusReadBandwidth, .payload = BytesOf(uint32_t{5000})}.Packet();
+    Allocations allocations;
+    allocations.RefuseOneAfter(before);
+    EXPECT_NO_THROW(udisk.BusEventHandle(event));
+    const bool refused = allocations.StopRefusing();
+    EXPECT_EQ(udisk.readBwKbps, 5000U);
+    return refused;
+  });
+}
+
+TEST(AllocationBesideTheHandlers, RefusedToTheAnnouncementHurtsNobody) {
+  RefuseEach([](int before) {
+    FrugalDevice device;
+    UDiskOperator udisk(&device);
+    UDiskService service(&device, &udisk);
+    Allocations allocations;
+    allocations.RefuseOneAfter(before);
+    EXPECT_NO_THROW(UDiskService::ServiceThread(&service));
+    const bool refused = allocations.StopRefusing();
+    EXPECT_EQ(device.headless, 0) << "a packet without a header was sent";
+    return refused;
+  });
+}
+
+TEST(AllocationBesideTheHandlers, RefusedToTheTraceOfOpeningOrClosingCostsThatTraceOnly) {
+  RefuseEach([](int before) {
+    FrugalDevice device;
+    Allocations allocations;
+    bool refused = false;
+    device.at_base = [&] { allocations.RefuseOneAfter(before); };
+    const std::unique_ptr<CpdDriver> driver(udisk_open(&device, "policy"));
+    refused |= allocations.StopRefusing();
+    EXPECT_NE(driver, nullptr);
+    if (driver == nullptr) return refused;
+    EXPECT_NO_THROW(driver->Close(0));
+    refused |= allocations.StopRefusing();
+    return refused;
+  });
+}
+
+}  // namespace
+}  // namespace cpd::test

@@ -1,0 +1,607 @@
+// Each system call of the file layer fails: what the remote side is told, and what the log says.
+#include "support/failing_calls.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "support/expectations.h"
+#include "support/fake_user.h"
+#include "support/local_records.h"
+#include "support/log_and_trace.h"
+#include "support/operator_fixture.h"
+#include "support/write_requests.h"
+
+namespace cpd::test {
+namespace {
+
+struct Errno {
+  int value;
+  const char* name;
+};
+constexpr std::array kErrors{Errno{EIO, "EIO"},       Errno{ENOSPC, "ENOSPC"},
+                             Errno{EMFILE, "EMFILE"}, Errno{ENOMEM, "ENOMEM"},
+                             Errno{EACCES, "EACCES"}, Errno{EROFS, "EROFS"},
+                             Errno{EINTR, "EINTR"},   Errno{ENODEV, "ENODEV"}};
+
+std::ostream& operator<<(std::ostream& out, const Errno& error) { return out << error.name; }
+
+class FaultTest : public OperatorTest {
+ protected:
+  FaultTest() {
+    device.base().SetFilter(std::make_shared<FakeFilter>([](const std::string&) { return true; }));
+  }
+
+  /// The error lines so far, their numbers shown as '#'.
+  static Texts Errors() {
+    Texts errors;
+    for (const LogLine& line : Log().Lines()) {
+      if (line.level == kError) {
+        errors.push_back(WithoutNumbers(line.function + ": " + line.message));
+      }
+    }
+    return errors;
+  }
+  /// The traces so far: the event, and the message behind its place in the source.
+  [[nodiscard]] Texts Traced() const {
+    Texts traced;
+    for (const Trace& trace : device.base().Traces()) {
+      const std::string& message = trace.fields.at("message");
+      traced.push_back(trace.event + ": " + message.substr(message.find("] ") + 2));
+    }
+    return traced;
+  }
+};
+
+// ---- Every call with every error ----
+
+const std::string kReadTrace = "LOCAL_UDISK_READ_FILE_SUCCESS: udisk readFile success";
+
+Texts RedirError(const std::string& text) { return {"LOCAL_DEVICE_REDIR_ERROR: " + text}; }
+
+/// What a failed write is traced as.
+Texts WriteFailure(int error) {
+  if (error == EACCES || error == EROFS) {
+    return {"LOCAL_UDISK_WRITE_FILE_DISK_ACCESS_DENIED: udisk writeFile fail Permission exception"};
+  }
+  return {"LOCAL_UDISK_WRITE_FILE_FAIL: udisk writeFile fail"};
+}
+
+/// A call that fails under a request, and what comes of it.
+struct Case {
+  std::string name;
+  Request request;
+  CallFault fault;  ///< its error is the parameter
+  /// The reply's payload; no function = no reply.
+  std::function<std::string(const Request&, const TempDisk&)> reply;
+  Texts errors = {};  ///< the error lines; %m = the text of the failed call's errno
+  std::function<Texts(int error)> traces = [](int) { return Texts{}; };
+};
+
+std::ostream& operator<<(std::ostream& out, const Case& c) { return out << c.name; }
+
+/// The request's own payload with its result field set.
+template <class Field>
+auto Echo(size_t at, Field result) {
+  return
+      [=](const Request& request, const TempDisk&) { return Patched(request.payload, at, result); };
+}
+
+std::string AsSent(const Request& request, const TempDisk& /*disk*/) { return request.payload; }
+
+/// A listing's head says so much, then come the path and these bytes.
+std::string ListingPayload(const Request& request, const std::string& path, uint16_t count,
+                           const std::string& listing) {
+  const std::string head = request.payload.substr(0, sizeof(DirHead));
+  return Patched(Patched(head, 8, static_cast<uint32_t>(listing.size())), 14, count) + path +
+         listing;
+}
+
+/// A listing of the known directory's parent, the disk, with attributes as `change` leaves them.
+std::string DiskListing(const Request& request, const TempDisk& disk,
+                        const std::function<void(std::vector<DirEntry>*)>& change) {
+  std::vector<DirEntry> entries = EntriesOf(disk.Local("/"));
+  change(&entries);
+  return ListingPayload(request, "/", static_cast<uint16_t>(entries.size()),
+                        EncodeEntries(entries));
+}
+
+const Texts kReadOpenError{R"(UdiskReadFile: file_read failed res:# errno: %m\n)"};
+const Texts kReadError{R"(UdiskReadFile: file_read failed res: -#, fd = # errno: %m\n)"};
+
+const std::vector<WritePiece> kTwoPieces{{.offset = 0, .data = "KNOW"},
+                                         {.offset = 6, .data = "CONT"}};
+
+/// Entries of the disk: ".", "..", the known file and the known directory.
+constexpr int kDiskEntries = 4;
+
+std::vector<Case> Cases() {
+  const Texts no_errors;
+  return {
+      {.name = "AttributesWhoseLstatFails",
+       .request = AttrRequest{.path = kKnownFile},
+       .fault = {.call = "lstat"},
+       .reply = Echo(2, uint16_t{0}),
+       .errors = {"UdiskGetFileInformation:  lstat failed errno: %m"}},
+
+      {.name = "ACreateWhoseOpenFails",
+       .request = CreateRequest{.path = "/new.txt"},
+       .fault = {.call = "open"},
+       .reply = Echo(12, int32_t{-1}),
+       .errors = {R"(UdiskCreateFile: file_create failed errno: %m\n)"},
+       .traces = [](int) { return RedirError("udisk CreatFile fail"); }},
+      {.name = "ACreateWhoseMkdirFails",
+       .request = CreateRequest{.path = "/new/file.txt"},
+       .fault = {.call = "mkdir"},
+       .reply = Echo(12, int32_t{-1}),
+       .errors = {R"(UdiskCreateFile: file_create failed errno: No such file or directory\n)"},
+       .traces = [](int) { return RedirError("udisk CreatFile fail"); }},
+      {.name = "ACreateWhoseStatFails",
+       .request = CreateRequest{.path = "/new/file.txt"},
+       .fault = {.call = "stat"},
+       .reply = Echo(12, int32_t{-1}),
+       .errors = {R"(UdiskCreateFile: file_create failed errno: No such file or directory\n)"},
+       .traces = [](int) { return RedirError("udisk CreatFile fail"); }},
+
+      {.name = "AReadWhoseOpenFails",
+       .request = ReadRequest{.path = kKnownFile},
+       .fault = {.call = "open"},
+       .reply = Echo(12, uint32_t{0}),
+       .errors = kReadOpenError,
+       .traces = [](int) { return Texts{kReadTrace}; }},
+      {.name = "AReadWhosePreadFails",
+       .request = ReadRequest{.path = kKnownFile},
+       .fault = {.call = "pread"},
+       .reply = Echo(12, uint32_t{0}),
+       .errors = kReadError,
+       .traces = [](int) { return Texts{kReadTrace}; }},
+      {.name = "AReadWhoseCloseFails",
+       .request = ReadRequest{.path = kKnownFile},
+       .fault = {.call = "close"},
+       .reply =
+           [](const Request& request, const TempDisk&) {
+             return Patched(request.payload, 12, uint32_t{13}) + "known content";
+           },
+       .traces = [](int) { return Texts{kReadTrace}; }},
+
+      {.name = "AWriteWhoseOpenFails",
+       .request = WriteRequest{.path = kKnownFile, .data = "data"},
+       .fault = {.call = "open"},
+       .reply =
+           [](const Request& request, const TempDisk&) {
+             return Patched(request.payload, 8, int32_t{0}).substr(0, request.payload.size() - 4);
+           },
+       .errors = {"UdiskWriteFile: write file fail errno:%m \\n",
+                  "file_write: file_write failed, res: #"},
+       .traces = WriteFailure},
+      {.name = "AWriteWhosePwriteFails",
+       .request = WriteRequest{.path = kKnownFile, .data = "data"},
+       .fault = {.call = "pwrite"},
+       .reply =
+           [](const Request& request, const TempDisk&) {
+             return Patched(request.payload, 8, int32_t{0}).substr(0, request.payload.size() - 4);
+           },
+       .errors = {R"(UdiskWriteFile: pwrite failed res: -#, fd = # errno: %m\n)",
+                  "file_write: file_write failed, res: -#"},
+       .traces = WriteFailure},
+      {.name = "ABatchWhoseOpenFails",
+       .request = BatchWriteRequest{.path = kKnownFile, .pieces = kTwoPieces},
+       .fault = {.call = "open"},
+       .reply =
+           [](const Request& request, const TempDisk&) {
+             return Patched(request.payload, 8, int32_t{0}).substr(0, 24 + sizeof kKnownFile - 1);
+           },
+       .errors = {"UdiskWriteFile: write file fail errno:%m \\n",
+                  "file_write: file_write failed size: #, result: #",
+                  "file_write: file_write failed, res: #"},
+       .traces = WriteFailure},
+      {.name = "ABatchWhoseSecondPwriteFails",
+       .request = BatchWriteRequest{.path = kKnownFile, .pieces = kTwoPieces},
+       .fault = {.call = "pwrite", .after = 1},
+       .reply =
+           [](const Request& request, const TempDisk& disk) {
+             EXPECT_EQ(disk.ReadBack(kKnownFile), "KNOWn content") << "the first piece is written";
+             return Patched(request.payload, 8, int32_t{0}).substr(0, 24 + sizeof kKnownFile - 1);
+           },
+       .errors = {R"(UdiskWriteFile: pwrite failed res: -#, fd = # errno: %m\n)",
+                  "file_write: file_write failed size: #, result: -#",
+                  "file_write: file_write failed, res: #"},
+       .traces = WriteFailure},
+
+      {.name = "AListingWhoseOpendirFails",
+       .request = DirReadRequest{.path = "/"},
+       .fault = {.call = "opendir"},
+       .reply = [](const Request& request,
+                   const TempDisk&) { return ListingPayload(request, "/", 0, ""); },
+       .errors = {"UdiskReadDir: dir_read opendir failed errno: %m"}},
+      {.name = "AListingWhoseReaddirFails",
+       .request = DirReadRequest{.path = "/"},
+       .fault = {.call = "readdir"},
+       .reply = [](const Request& request,
+                   const TempDisk&) { return ListingPayload(request, "/", 0, std::string(1, 0)); },
+       .errors = {"UdiskReadDir: dir_read readdir failed errno: %m"}},
+      {.name = "AListingWhoseSecondPassFails",
+       .request = DirReadRequest{.path = "/"},
+       .fault = {.call = "readdir", .after = kDiskEntries + 1},
+       .reply =
+           [](const Request& request, const TempDisk& disk) {
+             const size_t length = EncodeEntries(EntriesOf(disk.Local("/"))).size();
+             return ListingPayload(request, "/", kDiskEntries, std::string(length, '\0'));
+           },
+       .errors = {"UdiskReadDir: dir_read readdir failed errno: %m"}},
+      {.name = "AListingWhoseLstatsFail",
+       .request = DirReadRequest{.path = "/"},
+       .fault = {.call = "lstat"},
+       .reply =
+           [](const Request& request, const TempDisk& disk) {
+             return DiskListing(request, disk, [](std::vector<DirEntry>* entries) {
+               for (DirEntry& entry : *entries) entry.stat = {};
+             });
+           }},
+      {.name = "AListingWhoseLaterLstatsFail",
+       .request = DirReadRequest{.path = "/"},
+       .fault = {.call = "lstat", .after = 1},
+       .reply =
+           [](const Request& request, const TempDisk& disk) {
+             return DiskListing(request, disk, [](std::vector<DirEntry>* entries) {
+               for (DirEntry& entry : *entries) entry.stat = entries->front().stat;
+             });
+           }},
+
+      {.name = "ACheckWhoseOpendirFails",
+       .request = CheckDirRequest{.path = "/",
+                                  .cached = EncodeEntries({{.stat = {}, .name = "gone"}}),
+                                  .cached_count = 1},
+       .fault = {.call = "opendir"},
+       .reply = [](const Request& request,
+                   const TempDisk&) { return ListingPayload(request, "/", 0, ""); },
+       .errors = {"UdiskReadDir: dir_read opendir failed errno: %m"}},
+      {.name = "ACheckOfNothingWhoseOpendirFails",
+       .request = CheckDirRequest{.path = "/"},
+       .fault = {.call = "opendir"},
+       .reply = nullptr,
+       .errors = {"UdiskReadDir: dir_read opendir failed errno: %m"}},
+
+      {.name = "ATruncateThatFails",
+       .request = TruncateRequest{.path = kKnownFile, .length = 4},
+       .fault = {.call = "truncate"},
+       .reply = Echo(12, int32_t{-1}),
+       .errors = {R"(UdiskTruncate: truncate failed offset:# errno: %m\n)"}},
+      {.name = "AnFsyncWhoseOpenFails",
+       .request = FsyncRequest{.path = kKnownFile},
+       .fault = {.call = "open"},
+       .reply = Echo(8, int32_t{-1})},
+      {.name = "AnFsyncThatFails",
+       .request = FsyncRequest{.path = kKnownFile},
+       .fault = {.call = "fsync"},
+       .reply = Echo(8, int32_t{-1})},
+      {.name = "AnFsyncWhoseCloseFails",
+       .request = FsyncRequest{.path = kKnownFile},
+       .fault = {.call = "close"},
+       .reply = AsSent},
+      {.name = "AChmodThatFails",
+       .request = ChmodRequest{.path = kKnownFile, .mode = 0600},
+       .fault = {.call = "chmod"},
+       .reply = Echo(0, int32_t{-1})},
+      {.name = "AChownThatFails",
+       .request = ChownRequest{.path = kKnownFile},
+       .fault = {.call = "chown"},
+       .reply = Echo(12, int32_t{-1})},
+      {.name = "AReleaseWhoseOpenFails",
+       .request = ReleaseRequest{.path = kKnownFile},
+       .fault = {.call = "open"},
+       .reply = AsSent},
+      {.name = "AReleaseWhoseFsyncFails",
+       .request = ReleaseRequest{.path = kKnownFile},
+       .fault = {.call = "fsync"},
+       .reply = AsSent},
+
+      {.name = "AMakeDirWhoseMkdirFails",
+       .request = MakeDirRequest{.path = "/new"},
+       .fault = {.call = "mkdir"},
+       .reply =
+           [](const Request& request, const TempDisk& disk) {
+             return Patched(request.payload.substr(0, sizeof(MakeDirHead)), 0, int32_t{-1}) +
+                    disk.root().substr(0, 4);
+           },
+       .traces = [](int) { return RedirError("udisk make_dir fail"); }},
+      {.name = "AMakeDirWhoseStatFails",
+       .request = MakeDirRequest{.path = "/new"},
+       .fault = {.call = "stat"},
+       .reply =
+           [](const Request& request, const TempDisk& disk) {
+             return Patched(request.payload.substr(0, sizeof(MakeDirHead)), 0, int32_t{-1}) +
+                    disk.root().substr(0, 4);
+           },
+       .traces = [](int) { return RedirError("udisk make_dir fail"); }},
+      {.name = "ARemoveDirThatFails",
+       .request = RemoveDirRequest{.path = kKnownDir},
+       .fault = {.call = "rmdir"},
+       .reply = Echo(2, int16_t{-1}),
+       .traces = [](int) { return RedirError("udisk remove_dir fail"); }},
+      {.name = "ALinkThatFails",
+       .request = LinkRequest{.path = kKnownFile, .new_path = "/linked.txt"},
+       .fault = {.call = "link"},
+       .reply = Echo(0, int32_t{-1})},
+      {.name = "AnUnlinkThatFails",
+       .request = UnlinkRequest{.path = kKnownFile},
+       .fault = {.call = "unlink"},
+       .reply = Echo(2, int16_t{-1}),
+       .errors = {"set_unlink: set unlink error: %m"}},
+      {.name = "ARenameThatFails",
+       .request = RenameRequest{.path = kKnownFile, .new_path = "/renamed.txt"},
+       .fault = {.call = "rename"},
+       .reply = Echo(0, int32_t{-1}),
+       .traces = [](int) { return RedirError("udisk set_rename fail"); }},
+
+      {.name = "ASmallReadWhoseOpenFails",
+       .request = SmallReadRequest{.records = {{.path = kKnownFile}}},
+       .fault = {.call = "open"},
+       .reply = Echo(4 + 12, uint32_t{0}),
+       .errors = kReadOpenError},
+      {.name = "ASmallReadWhosePreadFails",
+       .request = SmallReadRequest{.records = {{.path = kKnownFile}}},
+       .fault = {.call = "pread"},
+       .reply = Echo(4 + 12, uint32_t{0}),
+       .errors = kReadError},
+  };
+}
+
+class FailingCall : public FaultTest,
+                    public ::testing::WithParamInterface<std::tuple<Case, Errno>> {
+ protected:
+  void ExpectTold(const Case& c, const CallFault& fault) {
+    SettleAccessTime(disk.root());  // listings are compared with what they were made of
+    std::optional<SentPacket> sent;
+    {
+      const FailingCalls failing(fault);
+      sent = AskRaw(c.request);
+      EXPECT_GE(failing.Affected(), 1) << "no call failed";
+    }
+    ASSERT_EQ(sent.has_value(), c.reply != nullptr);
+    if (sent) {
+      EXPECT_EQ(sent->cmd, c.request.cmd);
+      EXPECT_EQ(sent->request_id, c.request.request_id);
+      const std::string payload = c.reply(c.request, disk);
+      EXPECT_TRUE(sent->payload == payload)
+          << ::testing::PrintToString(sent->payload) << "\n instead of\n"
+          << ::testing::PrintToString(payload);
+    }
+    Texts errors = c.errors;
+    for (std::string& line : errors) {
+      const size_t at = line.find("%m");
+      if (at != std::string::npos) line.replace(at, 2, std::strerror(fault.error));
+    }
+    EXPECT_EQ(Errors(), errors);
+    EXPECT_EQ(Traced(), c.traces(fault.error));
+    const auto next = Ask(ReadRequest{.path = kKnownFile});
+    EXPECT_TRUE(next && next->data.size() == 13) << "the next request is not served";
+  }
+};
+
+TEST_P(FailingCall, IsToldToTheRemoteSideAndInTheLog) {
+  const auto& [c, error] = GetParam();
+  CallFault fault = c.fault;
+  fault.error = error.value;
+  ExpectTold(c, fault);
+}
+
+INSTANTIATE_TEST_SUITE_P(, FailingCall,
+                         ::testing::Combine(::testing::ValuesIn(Cases()),
+                                            ::testing::ValuesIn(kErrors)),
+                         [](const auto& test) {
+                           return std::get<0>(test.param).name + "_" + std::get<1>(test.param).name;
+                         });
+
+// ---- The same where no path leads out of the disk ----
+
+class ConfinedFailingCall : public FailingCall {
+ protected:
+  ConfinedFailingCall() {
+    setenv("TESSEL_CPD_CLIENT_CONFINE", "1", 1);
+    MakeOperator();
+    unsetenv("TESSEL_CPD_CLIENT_CONFINE");
+    Mount();
+    udisk->Idle();  // nothing is kept open
+    Log().Clear();
+  }
+  void SetUp() override {
+    if (syscall(SYS_openat2, AT_FDCWD, ".", nullptr, 0) == -1 && errno == ENOSYS) {
+      GTEST_SKIP() << "this kernel has no openat2";
+    }
+  }
+};
+
+TEST_P(ConfinedFailingCall, IsToldToTheRemoteSideAndInTheLog) {
+  const auto& [c, error] = GetParam();
+  CallFault fault = c.fault;
+  fault.error = error.value;
+  ExpectTold(c, fault);
+}
+
+/// Those in which nothing above the disk is looked at.
+std::vector<Case> CasesOnTheDisk() {
+  std::vector<Case> cases = Cases();
+  std::erase_if(cases, [](const Case& c) { return c.fault.call == "stat"; });
+  for (Case& c : cases) {
+    if (c.fault.call == "open") c.fault.call = "openat2";
+  }
+  cases.push_back({.name = "AReadWhoseMountPointCannotBeOpened",
+                   .request = ReadRequest{.path = kKnownFile},
+                   .fault = {.call = "open", .times = 1},
+                   .reply = Echo(12, uint32_t{0}),
+                   .errors = kReadOpenError,
+                   .traces = [](int) { return Texts{kReadTrace}; }});
+  return cases;
+}
+
+INSTANTIATE_TEST_SUITE_P(, ConfinedFailingCall,
+                         ::testing::Combine(::testing::ValuesIn(CasesOnTheDisk()),
+                                            ::testing::ValuesIn(kErrors)),
+                         [](const auto& test) {
+                           return std::get<0>(test.param).name + "_" + std::get<1>(test.param).name;
+                         });
+
+/// "AReadWhoseOpenFails" as "a read whose open fails".
+std::string Words(const std::string& name) {
+  std::string words;
+  for (const char c : name) {
+    if (std::isupper(c) != 0 && !words.empty()) words += ' ';
+    words += static_cast<char>(std::tolower(c));
+  }
+  return words;
+}
+
+TEST(FaultTable, HasARowForEachOfTheseFaults) {
+  std::ostringstream document;
+  document << std::ifstream(OPERATING_DOCUMENT).rdbuf();
+  std::vector<Case> cases = Cases();
+  cases.push_back(CasesOnTheDisk().back());
+  for (const Case& c : cases) {
+    const std::string row = "\n| " + Words(c.name) + " |";
+    EXPECT_NE(document.str().find(row), std::string::npos) << row;
+  }
+}
+
+// ---- Calls whose failure shows elsewhere ----
+
+class FailingCallOfItsOwn : public FaultTest, public ::testing::WithParamInterface<Errno> {};
+
+TEST_P(FailingCallOfItsOwn, StatisticsWhoseStatvfsAndStatfsFailAreZero) {
+  const StatvfsRequest request{.path = "/"};
+  udisk->modified = 1;  // else they are not asked for
+  const FailingCalls statvfs({.call = "statvfs", .error = GetParam().value});
+  const FailingCalls statfs({.call = "statfs", .error = GetParam().value});
+  const auto reply = Ask(request);
+  ASSERT_TRUE(reply && reply->records.size() == 1);
+  EXPECT_EQ(BytesOf(reply->records[0]), BytesOf(udisk_statvfs{}));
+  EXPECT_EQ(statvfs.Affected(), 1);
+  EXPECT_EQ(statfs.Affected(), 1);
+  EXPECT_EQ(Errors(), Texts{});
+}
+
+TEST_P(FailingCallOfItsOwn, AMountWhoseMkdirFailsIsAcknowledged) {
+  const FakeUser user(1000, disk.root());
+  const MountRequest request{.name = "Stick"};
+  const FailingCalls failing({.call = "mkdir", .error = GetParam().value});
+  const auto reply = Ask(request);
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->name, "Stick");
+  EXPECT_EQ(failing.Affected(), 1);
+  EXPECT_TRUE(Log().Has(kDebug, "mkdir res: -1"));
+}
+
+TEST_P(FailingCallOfItsOwn, ACreateWhoseFirstOpenFailsSucceedsAndLeavesItsDescriptorOpen) {
+  const CreateRequest request{.path = "/new.txt"};
+  const FailingCalls failing({.call = "open", .error = GetParam().value, .times = 1});
+  const auto reply = Ask(request);
+  ASSERT_TRUE(reply && reply->result() >= 0);
+  EXPECT_TRUE(disk.Exists("/new.txt"));
+  EXPECT_EQ(Errors(), Texts{});
+  EXPECT_EQ(close(reply->result()), 0) << "it was closed already";
+}
+
+TEST_P(FailingCallOfItsOwn, TheErrorOfAReadIsNotThatOfTheCloseBehindIt) {
+  const FailingCalls pread({.call = "pread", .error = GetParam().value});
+  const FailingCalls close({.call = "close", .error = EBADF});
+  ASSERT_TRUE(Ask(ReadRequest{.path = kKnownFile}));
+  EXPECT_EQ(close.Affected(), 1);
+  EXPECT_EQ(Errors(), Texts{R"(UdiskReadFile: file_read failed res: -#, fd = # errno: )" +
+                            std::string(std::strerror(GetParam().value)) + R"(\n)"});
+}
+
+TEST_P(FailingCallOfItsOwn, TheErrorOfAWriteIsNotThatOfTheCloseBehindIt) {
+  const FailingCalls pwrite({.call = "pwrite", .error = GetParam().value});
+  const FailingCalls close({.call = "close", .error = EBADF});
+  ASSERT_TRUE(Ask(WriteRequest{.path = kKnownFile, .data = "data"}));
+  EXPECT_EQ(close.Affected(), 1);
+  EXPECT_EQ(Errors().at(0), R"(UdiskWriteFile: pwrite failed res: -#, fd = # errno: )" +
+                                std::string(std::strerror(GetParam().value)) + R"(\n)");
+  EXPECT_EQ(Traced(), WriteFailure(GetParam().value));
+}
+
+TEST_P(FailingCallOfItsOwn, ALargeReadWhoseFstatFailsGetsItsData) {
+  const FailingCalls failing({.call = "fstat", .error = GetParam().value});
+  const auto reply = Ask(ReadRequest{.path = kKnownFile, .size = 1 << 20});
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(failing.Affected(), 1);
+  EXPECT_EQ(reply->data, "known content");
+}
+
+TEST_P(FailingCallOfItsOwn, ASmallReadWhoseStatFailsHasNoData) {
+  const FailingCalls failing({.call = "stat", .error = GetParam().value});
+  const auto reply = Ask(SmallReadRequest{.records = {{.path = kKnownFile}}});
+  ASSERT_TRUE(reply && reply->records.size() == 1);
+  EXPECT_EQ(failing.Affected(), 1);
+  EXPECT_EQ(reply->records[0].result, 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(, FailingCallOfItsOwn, ::testing::ValuesIn(kErrors),
+                         [](const auto& test) { return test.param.name; });
+
+// ---- Short transfers ----
+
+class ShortTransfer : public FaultTest {};
+
+TEST_F(ShortTransfer, OfAReadIsRepliedAsItIs) {
+  const FailingCalls shortened({.call = "pread", .at_most = 5});
+  const auto reply = Ask(ReadRequest{.path = kKnownFile});
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->result, 5U);
+  EXPECT_EQ(reply->data, "known");
+  EXPECT_EQ(shortened.Affected(), 1) << "one call a request";
+  EXPECT_EQ(Errors(), Texts{});
+}
+
+TEST_F(ShortTransfer, OfASmallReadIsRepliedAsItIs) {
+  const FailingCalls shortened({.call = "pread", .at_most = 5, .times = 1});
+  const auto reply = Ask(SmallReadRequest{.records = {{.path = kKnownFile}, {.path = kKnownFile}}});
+  ASSERT_TRUE(reply && reply->records.size() == 2);
+  EXPECT_EQ(reply->records[0].data, "known");
+  EXPECT_EQ(reply->records[1].data, "known content");
+  EXPECT_EQ(Errors(), Texts{});
+}
+
+TEST_F(ShortTransfer, OfAWriteIsAFailure) {
+  const FailingCalls shortened({.call = "pwrite", .at_most = 3});
+  const auto reply = Ask(WriteRequest{.path = kKnownFile, .data = "matter"});
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(int{reply->head.size}, 0);
+  EXPECT_EQ(disk.ReadBack(kKnownFile), "matwn content");
+  EXPECT_EQ(shortened.Affected(), 1) << "one call a request";
+  EXPECT_EQ(Errors(), Texts{"file_write: file_write failed, res: #"});
+  EXPECT_EQ(Traced(), WriteFailure(0));
+}
+
+TEST_F(ShortTransfer, OfAPieceEndsItsBatch) {
+  const FailingCalls shortened({.call = "pwrite", .at_most = 3});
+  const auto reply = Ask(BatchWriteRequest{.path = kKnownFile, .pieces = kTwoPieces});
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(int{reply->head.size}, 0);
+  EXPECT_EQ(disk.ReadBack(kKnownFile), "KNOwn content");
+  EXPECT_EQ(shortened.Affected(), 1) << "the second piece is not written";
+  EXPECT_EQ(Errors(), (Texts{"file_write: file_write failed size: #, result: #",
+                             "file_write: file_write failed, res: #"}));
+  EXPECT_EQ(Traced(), WriteFailure(0));
+}
+
+}  // namespace
+}  // namespace cpd::test

@@ -1,0 +1,205 @@
+// A disk whose calls block: who waits for it, and who does not.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mount.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cpd/driver.h"
+#include "faults/loaded_module.h"
+#include "support/fake_host.h"
+#include "support/requests.h"
+#include "support/temp_disk.h"
+#include "system/mounted_disk.h"
+
+namespace cpd::test {
+namespace {
+
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""s;
+
+/// What the host may call while a disk hangs returns within this time: "at once" on a busy machine.
+constexpr auto kAtOnce = 1s;
+/// How long something is watched that must not end.
+constexpr auto kWatched = 500ms;
+
+/// A disk that works until it is told to hang.
+class HangingDisk {
+ public:
+  HangingDisk() {
+    EXPECT_TRUE(system_test::Eventually([&] { return system_test::IsMounted(path()); }))
+        << system_test::ReadFile(place_ / "err");
+  }
+  ~HangingDisk() {
+    Release();
+    process_.Signal(SIGTERM);
+    process_.Wait();
+    if (system_test::IsMounted(path())) umount2(path().c_str(), MNT_DETACH);
+  }
+  HangingDisk(const HangingDisk&) = delete;
+  HangingDisk& operator=(const HangingDisk&) = delete;
+
+  [[nodiscard]] std::string path() const { return place_ / "disk"; }
+
+  void Hang() { Tell(SIGUSR1, 'h'); }
+  void Release() {
+    if (hangs_) Tell(SIGUSR2, 'r');
+  }
+  /// The file system is gone, the calls that hang with it.
+  void Die() {
+    process_.Signal(SIGKILL);
+    process_.Wait();
+    hangs_ = false;
+  }
+  [[nodiscard]] bool WaitForHangingCall() const {
+    return system_test::Eventually([&] { return Told('b') > 0; });
+  }
+
+ private:
+  static std::string MakeMountPoint(const std::string& path) {
+    std::filesystem::create_directory(path);
+    return path;
+  }
+  [[nodiscard]] long Told(char letter) const {
+    const std::string told = system_test::ReadFile(place_ / "out");
+    return std::count(told.begin(), told.end(), letter);
+  }
+  void Tell(int signal, char answer) {
+    const long before = Told(answer);
+    process_.Signal(signal);
+    EXPECT_TRUE(system_test::Eventually([&] { return Told(answer) > before; }));
+    hangs_ = signal == SIGUSR1;
+  }
+
+  const system_test::TempDir place_;
+  system_test::Process process_{
+      {HANGING_DISK, MakeMountPoint(place_ / "disk")}, place_ / "out", place_ / "err"};
+  bool hangs_ = false;
+};
+
+/// The loaded module with a driver on a disk that hangs.
+class DiskThatHangs : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!system_test::WhyNoFuse().empty()) GTEST_SKIP() << system_test::WhyNoFuse();
+    Log().Clear();
+    disk.emplace();
+  }
+  void TearDown() override {
+    if (disk) disk->Release();  // else nothing ends
+    if (driver) driver->Close(0);
+    driver.reset();
+    disk.reset();
+  }
+
+  /// Opens the driver on a disk that works, and lets a request hang.
+  void OpenAndHang() {
+    driver = module.Open(&device, disk->path());
+    ASSERT_NE(driver, nullptr);
+    disk->Hang();
+    Send(1);
+    ASSERT_TRUE(disk->WaitForHangingCall());
+  }
+  void Send(uint32_t id) const {
+    Request request = ReadRequest{.path = kKnownFile};
+    request.request_id = id;
+    EXPECT_EQ(driver->onEvent(request.Packet(), 0), 0);
+  }
+  [[nodiscard]] std::future<int> CloseMeanwhile() const {
+    return std::async(std::launch::async, [this] { return driver->Close(0); });
+  }
+  [[nodiscard]] std::vector<std::string> DataSent() const {
+    std::vector<std::string> data;
+    for (const SentPacket& packet : device.Sent()) data.push_back(ReadReply::Decode(packet).data);
+    return data;
+  }
+
+  DescriptorCheck descriptors;
+  std::optional<HangingDisk> disk;
+  FakeDevice device;
+  const LoadedModule module;
+  std::unique_ptr<CpdDriver> driver;
+};
+
+TEST_F(DiskThatHangs, HoldsUpNeitherRequestsNorBusEventsNorPolicies) {
+  OpenAndHang();
+  const auto begin = std::chrono::steady_clock::now();
+  for (uint32_t id = 2; id <= 100; ++id) Send(id);
+  EXPECT_EQ(driver->onBusEvent(
+                Request{.cmd = kBusReadBandwidth, .payload = BytesOf(uint32_t{5000})}.Packet()),
+            0);
+  EXPECT_EQ(driver->onPolicyChange("another policy"), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, kAtOnce);
+  EXPECT_EQ(device.base().Traces("LOCAL_UDISK_READ_BW_INFO").size(), 1U);
+  EXPECT_TRUE(device.Sent().empty());
+}
+
+TEST_F(DiskThatHangs, ServesEveryRequestInOrderWhenItGoesOn) {
+  OpenAndHang();
+  for (uint32_t id = 2; id <= 20; ++id) Send(id);
+  disk->Release();
+  ASSERT_TRUE(device.WaitForPackets(20));
+  const std::vector<SentPacket> sent = device.Sent();
+  for (uint32_t id = 1; id <= 20; ++id) EXPECT_EQ(sent[id - 1].request_id, id);
+  EXPECT_EQ(DataSent(), std::vector<std::string>(20, "known content"));
+}
+
+TEST_F(DiskThatHangs, HoldsUpNoOtherDriver) {
+  OpenAndHang();
+  const TempDisk other_disk;
+  other_disk.MakeFile(kKnownFile, "other content");
+  FakeDevice other_device;
+  const std::unique_ptr<CpdDriver> other = module.Open(&other_device, other_disk.root());
+  ASSERT_NE(other, nullptr);
+  EXPECT_EQ(other->onEvent(Request(ReadRequest{.path = kKnownFile}).Packet(), 0), 0);
+  ASSERT_TRUE(other_device.WaitForPackets(1));
+  EXPECT_EQ(ReadReply::Decode(other_device.Sent()[0]).data, "other content");
+  EXPECT_EQ(other->Close(0), 0);
+  EXPECT_TRUE(device.Sent().empty()) << "the disk did not hang";
+}
+
+TEST_F(DiskThatHangs, MakesCloseWaitForTheCallInFlightAndNoLonger) {
+  OpenAndHang();
+  for (uint32_t id = 2; id <= 20; ++id) Send(id);
+  std::future<int> closed = CloseMeanwhile();
+  EXPECT_EQ(closed.wait_for(kWatched), std::future_status::timeout);
+  disk->Release();
+  ASSERT_EQ(closed.wait_for(kPatience), std::future_status::ready);
+  EXPECT_EQ(closed.get(), 0);
+  EXPECT_EQ(DataSent(), std::vector<std::string>{"known content"})
+      << "only the request in flight is served";
+}
+
+TEST_F(DiskThatHangs, WhenItIsOpenedHoldsUpItsAnnouncementAndClose) {
+  disk->Hang();
+  const auto begin = std::chrono::steady_clock::now();
+  driver = module.Open(&device, disk->path(), false);
+  ASSERT_NE(driver, nullptr);
+  ASSERT_TRUE(disk->WaitForHangingCall());
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, kAtOnce);
+  EXPECT_TRUE(device.Sent().empty());
+  std::future<int> closed = CloseMeanwhile();
+  EXPECT_EQ(closed.wait_for(kWatched), std::future_status::timeout);
+  disk->Release();
+  ASSERT_EQ(closed.wait_for(kPatience), std::future_status::ready);
+  EXPECT_EQ(device.Sent().size(), 2U) << "notice and announcement";
+}
+
+TEST_F(DiskThatHangs, AndThenDiesEndsTheCallInFlight) {
+  OpenAndHang();
+  Send(2);
+  disk->Die();
+  ASSERT_TRUE(device.WaitForPackets(2));
+  EXPECT_EQ(DataSent(), std::vector<std::string>(2));
+  EXPECT_EQ(Log().Messages(kError).size(), 2U);
+}
+
+}  // namespace
+}  // namespace cpd::test
