@@ -1,0 +1,715 @@
+// Programs change a mounted disk: contents, sizes, names, modes, and what they are refused.
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <set>
+#include <thread>
+
+#include "mounted_disk.h"
+
+namespace system_test {
+namespace fs = std::filesystem;
+
+namespace {
+
+using Contents = MountTest;
+using SmallWrites = MountTest;
+using Sizes = MountTest;
+using Names = MountTest;
+using OpenFiles = MountTest;
+using HardLinks = MountTest;
+using Modes = MountTest;
+using Refusals = MountTest;
+using Locks = MountTest;
+using LocalChanges = MountTest;
+using Ends = MountTest;
+
+constexpr off_t kMiB = 1 << 20;
+
+class Fd {
+ public:
+  Fd(const std::string& path, int flags, mode_t mode = 0644)
+      : mFd(open(path.c_str(), flags | O_CLOEXEC, mode)) {
+    EXPECT_GE(mFd, 0) << path << ": " << strerror(errno);
+  }
+  ~Fd() { Close(); }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+
+  /// @return 0, or the errno of close
+  int Close() {
+    if (mFd < 0) return 0;
+    const int result = close(std::exchange(mFd, -1));
+    return result == 0 ? 0 : errno;
+  }
+  int get() const { return mFd; }
+
+  void Write(const std::string& bytes) {
+    EXPECT_EQ(write(mFd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()))
+        << strerror(errno);
+  }
+  void WriteAt(off_t offset, const std::string& bytes) {
+    EXPECT_EQ(pwrite(mFd, bytes.data(), bytes.size(), offset), static_cast<ssize_t>(bytes.size()))
+        << strerror(errno);
+  }
+  std::string ReadAt(off_t offset, size_t size) const {
+    std::string bytes(size, '\0');
+    const ssize_t n = pread(mFd, bytes.data(), size, offset);
+    EXPECT_GE(n, 0) << strerror(errno);
+    bytes.resize(std::max<ssize_t>(n, 0));
+    return bytes;
+  }
+  struct stat Stat() const {
+    struct stat status {};
+    EXPECT_EQ(fstat(mFd, &status), 0) << strerror(errno);
+    return status;
+  }
+
+ private:
+  int mFd;
+};
+
+struct stat Stat(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(lstat(path.c_str(), &status), 0) << path << ": " << strerror(errno);
+  return status;
+}
+
+/// Every name in a directory but the dot entries, hidden ones included.
+std::set<std::string> List(const std::string& directory) {
+  std::set<std::string> names;
+  for (const auto& entry : fs::directory_iterator(directory)) names.insert(entry.path().filename());
+  return names;
+}
+
+using NameSet = std::set<std::string>;
+
+/// The errno of a call that must fail; 0 when it does not.
+int ErrorOf(const std::function<int()>& call) { return call() < 0 ? errno : 0; }
+
+// ---- Contents ----
+
+TEST_F(Contents, AreOnTheDiskAsTheyWereWritten) {
+  MountedDisk mounted(disk.path());
+  const auto bytes = Bytes(3'333'333);
+  {
+    Fd file(mounted / "file", O_WRONLY | O_CREAT | O_EXCL);
+    for (size_t at = 0, size = 1; at < bytes.size(); at += size, size = size * 3 + 1) {
+      file.Write(bytes.substr(at, size));
+    }
+    EXPECT_EQ(file.Close(), 0);
+  }
+  EXPECT_TRUE(ReadFile(disk / "file") == bytes);
+  EXPECT_TRUE(ReadFile(mounted / "file") == bytes);
+}
+
+TEST_F(Contents, OfAFileThatIsOpenedWithTruncationAreReplaced) {
+  WriteFile(disk / "file", Bytes(100'000));
+  MountedDisk mounted(disk.path());
+  {
+    Fd file(mounted / "file", O_WRONLY | O_TRUNC);
+    EXPECT_EQ(Stat(disk / "file").st_size, 0);
+    file.Write("short");
+  }
+  EXPECT_EQ(ReadFile(disk / "file"), "short");
+}
+
+TEST_F(Contents, OfTwoAppendersStandBehindEachOther) {
+  MountedDisk mounted(disk.path());
+  Fd one(mounted / "log", O_WRONLY | O_CREAT | O_APPEND);
+  Fd two(mounted / "log", O_WRONLY | O_APPEND);
+  std::string expected;
+  for (int i = 0; i < 100; ++i) {
+    one.Write("one " + std::to_string(i) + "\n");
+    two.Write("two " + std::to_string(i) + "\n");
+    expected += "one " + std::to_string(i) + "\ntwo " + std::to_string(i) + "\n";
+  }
+  EXPECT_EQ(ReadFile(mounted / "log"), expected);
+}
+
+TEST_F(Contents, BetweenTwoWrittenPlacesAreZero) {
+  MountedDisk mounted(disk.path());
+  {
+    Fd file(mounted / "file", O_WRONLY | O_CREAT);
+    file.WriteAt(5000, "end");
+    file.WriteAt(0, "start");
+  }
+  EXPECT_EQ(ReadFile(disk / "file"), "start" + std::string(4995, '\0') + "end");
+}
+
+TEST_F(Contents, CanBeWrittenWhereTheModeForbidsItToWhoMadeTheFile) {
+  if (geteuid() == 0) GTEST_SKIP() << "root may write to any file";
+  MountedDisk mounted(disk.path());
+  Fd file(mounted / "file", O_RDWR | O_CREAT, 0400);
+  file.Write("content");
+  EXPECT_EQ(fsync(file.get()), 0) << strerror(errno);
+  EXPECT_EQ(ftruncate(file.get(), 4), 0) << strerror(errno);
+  EXPECT_EQ(ReadFile(disk / "file"), "cont");
+  EXPECT_EQ(Stat(disk / "file").st_mode & 07777U, 0400U);
+}
+
+// ---- Small writes, which leave together ----
+
+TEST_F(SmallWrites, LeaveInFewPackets) {
+  WriteFile(disk / "file", std::string(kMiB, '-'));
+  MountedDisk mounted(disk.path());
+  auto expected = ReadFile(disk / "file");
+  {
+    Fd file(mounted / "file", O_WRONLY);
+    for (int i = 0; i < 256; ++i) {
+      const auto piece = Bytes(100, i);
+      const off_t offset = (i * 97 % 256) * 4096 + i;
+      file.WriteAt(offset, piece);
+      expected.replace(offset, piece.size(), piece);
+    }
+  }
+  EXPECT_TRUE(ReadFile(disk / "file") == expected);
+  // Some milliseconds after the first, a packet leaves, whatever the machine is busy with.
+  EXPECT_LE(mounted.Unmount().Requests(106), 128);
+}
+
+TEST_F(SmallWrites, LeaveOneByOneWithoutBatches) {
+  MountedDisk mounted(disk.path(), {"--no-batch"});
+  {
+    Fd file(mounted / "file", O_WRONLY | O_CREAT);
+    for (int i = 0; i < 256; ++i) file.WriteAt(i * 200, "piece");
+  }
+  EXPECT_EQ(mounted.Unmount().Requests(106), 256);
+}
+
+TEST_F(SmallWrites, AreSeenAtOnceByEverybody) {
+  MountedDisk mounted(disk.path());
+  Fd writer(mounted / "file", O_WRONLY | O_CREAT);
+  Fd reader(mounted / "file", O_RDONLY);
+  for (int i = 1; i <= 200; ++i) {
+    writer.Write("0123456789");
+    const off_t size = i * 10;
+    // A different look each time: none may prepare the next.
+    switch (i % 5) {
+      case 0:
+        EXPECT_EQ(reader.ReadAt(size - 5, 100), "56789");
+        break;
+      case 1:
+        EXPECT_EQ(Stat(mounted / "file").st_size, size);
+        break;
+      case 2:
+        EXPECT_EQ(writer.Stat().st_size, size);
+        break;
+      case 3:
+        EXPECT_EQ(ReadFile(mounted / "file").size(), static_cast<size_t>(size));
+        break;
+      default:
+        EXPECT_EQ(Shell("ls -l " + mounted.path() + " | tail -1 | awk '{print $5}'").output,
+                  std::to_string(size) + "\n");
+    }
+  }
+}
+
+TEST_F(SmallWrites, OfTwoHandlesKeepTheirOrder) {
+  MountedDisk mounted(disk.path());
+  Fd one(mounted / "file", O_WRONLY | O_CREAT);
+  Fd two(mounted / "file", O_WRONLY);
+  const std::string large(100'000, 'L');
+  for (int i = 0; i < 100; ++i) {
+    one.WriteAt(0, "first");
+    two.WriteAt(0, large);
+    one.WriteAt(0, "last " + std::to_string(i));
+    two.WriteAt(50'000, "middle");
+  }
+  EXPECT_EQ(two.Close(), 0);
+  auto expected = large;
+  expected.replace(0, 7, "last 99").replace(50'000, 6, "middle");
+  EXPECT_TRUE(ReadFile(disk / "file") == expected);
+}
+
+TEST_F(SmallWrites, AreOnTheDiskSoonWithoutAnyFurtherCall) {
+  MountedDisk mounted(disk.path());
+  Fd file(mounted / "file", O_WRONLY | O_CREAT);
+  file.Write("content");
+  EXPECT_TRUE(Eventually([&] { return ReadFile(disk / "file") == "content"; }, 5s));
+}
+
+TEST_F(SmallWrites, AreOnTheDiskWhenTheFileIsClosed) {
+  MountedDisk mounted(disk.path());
+  for (int i = 0; i < 200; ++i) {
+    const auto name = "file" + std::to_string(i);
+    Fd file(mounted / name, O_WRONLY | O_CREAT);
+    file.Write("content");
+    ASSERT_EQ(file.Close(), 0);
+    ASSERT_EQ(ReadFile(disk / name), "content");
+  }
+}
+
+TEST_F(SmallWrites, FollowTheFileToItsNewName) {
+  MountedDisk mounted(disk.path());
+  Fd file(mounted / "a", O_WRONLY | O_CREAT);
+  std::string expected;
+  for (int i = 0; i < 200; ++i) {
+    file.Write("0123456789");
+    expected += "0123456789";
+    const char* names[] = {"a", "b"};
+    ASSERT_EQ(rename((mounted / names[i % 2]).c_str(), (mounted / names[(i + 1) % 2]).c_str()), 0);
+  }
+  EXPECT_EQ(file.Close(), 0);
+  EXPECT_EQ(ReadFile(disk / "a"), expected);
+}
+
+TEST_F(SmallWrites, ThatFailAreReportedOnceToEachHandle) {
+  MountedDisk mounted(disk.path());
+  Fd one(mounted / "file", O_WRONLY | O_CREAT);
+  Fd two(mounted / "file", O_WRONLY);
+  ASSERT_TRUE(fs::remove(disk / "file"));
+  one.Write("lost");
+  EXPECT_EQ(ErrorOf([&] { return fsync(two.get()); }), ENOENT);
+  EXPECT_EQ(ErrorOf([&] { return static_cast<int>(write(one.get(), "more", 4)); }), ENOENT);
+  EXPECT_EQ(two.Close(), 0);
+  EXPECT_EQ(one.Close(), 0);
+}
+
+TEST_F(SmallWrites, ThatFailAreReportedByClose) {
+  MountedDisk mounted(disk.path());
+  Fd file(mounted / "file", O_WRONLY | O_CREAT);
+  ASSERT_TRUE(fs::remove(disk / "file"));
+  file.Write("lost");
+  EXPECT_EQ(file.Close(), ENOENT);
+}
+
+// ---- Sizes ----
+
+void ExpectSize(const MountedDisk& mounted, const TempDir& disk, const std::string& name,
+                off_t size) {
+  EXPECT_EQ(truncate((mounted / name).c_str(), size), 0)
+      << name << ", " << size << ": " << strerror(errno);
+  EXPECT_EQ(Stat(disk / name).st_size, size) << name;
+  EXPECT_EQ(Stat(mounted / name).st_size, size) << name;
+}
+
+TEST_F(Sizes, CanBeSetOnBothSidesOfTenMebibytes) {
+  const auto start = Bytes(12 * kMiB);
+  MountedDisk mounted(disk.path());
+  for (const std::string name : {"file.bin", "file", "dir.tmp/file", "file.doc"}) {
+    fs::create_directory(disk / "dir.tmp");
+    WriteFile(disk / name, start);
+    for (const off_t size : {11 * kMiB, 11 * kMiB - 1, 10 * kMiB + 1, 10 * kMiB, 10 * kMiB - 1,
+                             10 * kMiB + 1, 20 * kMiB, off_t{12345}, off_t{0}, off_t{1}}) {
+      ExpectSize(mounted, disk, name, size);
+    }
+    fs::remove(disk / name);
+  }
+  EXPECT_EQ(List(disk.path()), NameSet{"dir.tmp"});
+}
+
+TEST_F(Sizes, BeyondTenMebibytesAreSetWithoutTouchingWhatStays) {
+  const auto start = Bytes(12 * kMiB);
+  WriteFile(disk / "file", start);
+  MountedDisk mounted(disk.path());
+  ExpectSize(mounted, disk, "file", 11 * kMiB);
+  EXPECT_TRUE(ReadFile(disk / "file") == start.substr(0, 11 * kMiB));
+  ExpectSize(mounted, disk, "file", 13 * kMiB);
+  EXPECT_TRUE(ReadFile(mounted / "file") ==
+              start.substr(0, 11 * kMiB) + std::string(2 * kMiB, '\0'));
+}
+
+TEST_F(Sizes, OfAnOpenFileCountTheWritesBefore) {
+  MountedDisk mounted(disk.path());
+  Fd file(mounted / "file", O_WRONLY | O_CREAT);
+  for (int i = 0; i < 100; ++i) {
+    file.WriteAt(0, "0123456789");
+    ASSERT_EQ(ftruncate(file.get(), 3), 0) << strerror(errno);
+    ASSERT_EQ(Stat(disk / "file").st_size, 3);
+  }
+}
+
+// ---- Names ----
+
+TEST_F(Names, OfFilesAndDirectoriesAreMadeMovedAndRemoved) {
+  MountedDisk mounted(disk.path());
+  EXPECT_EQ(mkdir((mounted / "dir").c_str(), 0755), 0);
+  WriteFile(mounted / "dir/file", "content");
+  EXPECT_EQ(rename((mounted / "dir").c_str(), (mounted / "moved").c_str()), 0);
+  EXPECT_EQ(ReadFile(mounted / "moved/file"), "content");
+  EXPECT_EQ(rename((mounted / "moved/file").c_str(), (mounted / "file").c_str()), 0);
+  EXPECT_EQ(List(disk / "moved"), NameSet{});
+  EXPECT_EQ(rmdir((mounted / "moved").c_str()), 0);
+  EXPECT_EQ(List(disk.path()), NameSet{"file"});
+  EXPECT_EQ(List(mounted.path()), NameSet{"file"});
+  EXPECT_EQ(unlink((mounted / "file").c_str()), 0);
+  EXPECT_EQ(List(disk.path()), NameSet{});
+}
+
+TEST_F(Names, MayHaveABackslash) {
+  MountedDisk mounted(disk.path());
+  EXPECT_EQ(mkdir((mounted / "a\\b").c_str(), 0755), 0) << strerror(errno);
+  EXPECT_EQ(mkdir((mounted / "a\\b/c").c_str(), 0755), 0) << strerror(errno);
+  WriteFile(mounted / "a\\b/c/d\\e", "content");
+  EXPECT_EQ(List(disk.path()), NameSet{"a\\b"});
+  EXPECT_EQ(ReadFile(disk / "a\\b/c/d\\e"), "content");
+}
+
+TEST_F(Names, ThatAreReplacedByARenameStandForTheNewFile) {
+  MountedDisk mounted(disk.path());
+  WriteFile(mounted / "old", "old content");
+  WriteFile(mounted / "new", "new");
+  EXPECT_EQ(rename((mounted / "new").c_str(), (mounted / "old").c_str()), 0);
+  EXPECT_EQ(ReadFile(mounted / "old"), "new");
+  EXPECT_EQ(List(mounted.path()), NameSet{"old"});
+}
+
+TEST_F(Names, AreShownRightAfterEachChangeToADirectoryThatIsBeingRead) {
+  for (int i = 0; i < 2000; ++i) WriteFile(disk / "file" + std::to_string(i), "x");
+  MountedDisk mounted(disk.path());
+  DIR* directory = opendir(mounted.path().c_str());
+  ASSERT_NE(directory, nullptr);
+  ASSERT_NE(readdir(directory), nullptr);  // the whole listing is made now
+  WriteFile(mounted / "file1999", "longer content");
+  WriteFile(mounted / "file7", "longer content");
+  while (readdir(directory) != nullptr) {
+  }
+  closedir(directory);
+  EXPECT_EQ(ReadFile(mounted / "file7"), "longer content");
+  EXPECT_EQ(ReadFile(mounted / "file1999"), "longer content");
+  EXPECT_EQ(Stat(mounted / "file1999").st_size, 14);
+}
+
+// ---- Open files whose name goes ----
+
+TEST_F(OpenFiles, StayReadableAndWritableWhenUnlinked) {
+  MountedDisk mounted(disk.path());
+  Fd file(mounted / "file", O_RDWR | O_CREAT);
+  file.Write("before");
+  ASSERT_EQ(unlink((mounted / "file").c_str()), 0);
+  file.Write(", after");
+  EXPECT_EQ(file.ReadAt(0, 100), "before, after");
+  EXPECT_EQ(file.Stat().st_nlink, 0U);
+  EXPECT_EQ(fsync(file.get()), 0) << strerror(errno);
+  EXPECT_EQ(List(mounted.path()), NameSet{});
+  EXPECT_EQ(ErrorOf([&] { return access((mounted / "file").c_str(), F_OK); }), ENOENT);
+
+  WriteFile(mounted / "file", "another");
+  EXPECT_EQ(file.ReadAt(0, 100), "before, after");
+  EXPECT_EQ(file.Close(), 0);
+  EXPECT_TRUE(Eventually([&] { return List(disk.path()) == NameSet{"file"}; }));
+}
+
+TEST_F(OpenFiles, StayReadableAndWritableWhenAnotherTakesTheirName) {
+  MountedDisk mounted(disk.path());
+  WriteFile(mounted / "file", "old");
+  WriteFile(mounted / "new", "new content");
+  Fd file(mounted / "file", O_RDWR);
+  ASSERT_EQ(rename((mounted / "new").c_str(), (mounted / "file").c_str()), 0);
+  file.WriteAt(3, "er");
+  EXPECT_EQ(file.ReadAt(0, 100), "older");
+  EXPECT_EQ(ReadFile(mounted / "file"), "new content");
+  EXPECT_EQ(List(mounted.path()), NameSet{"file"});
+  EXPECT_EQ(file.Close(), 0);
+  EXPECT_TRUE(Eventually([&] { return List(disk.path()) == NameSet{"file"}; }));
+  EXPECT_EQ(ReadFile(disk / "file"), "new content");
+}
+
+TEST_F(OpenFiles, DoNotKeepTheirDirectoryFromBeingRemoved) {
+  MountedDisk mounted(disk.path());
+  ASSERT_EQ(mkdir((mounted / "dir").c_str(), 0755), 0);
+  Fd file(mounted / "dir/file", O_RDWR | O_CREAT);
+  file.Write("content");
+  ASSERT_EQ(unlink((mounted / "dir/file").c_str()), 0);
+  EXPECT_EQ(rmdir((mounted / "dir").c_str()), 0) << strerror(errno);
+  EXPECT_EQ(file.ReadAt(0, 100), "content");
+  EXPECT_EQ(file.Close(), 0);
+  EXPECT_TRUE(Eventually([&] { return List(disk.path()).empty(); }));
+}
+
+TEST_F(OpenFiles, ThatWereUnlinkedAreGoneFromTheDiskAfterTheMount) {
+  MountedDisk mounted(disk.path());
+  Fd file(mounted / "file", O_RDWR | O_CREAT);
+  file.Write("content");
+  ASSERT_EQ(unlink((mounted / "file").c_str()), 0);
+  EXPECT_EQ(mounted.Unmount().status, 0);
+  EXPECT_EQ(List(disk.path()), NameSet{});
+}
+
+// ---- Hard links ----
+
+TEST_F(HardLinks, ShareTheirContent) {
+  MountedDisk mounted(disk.path());
+  WriteFile(mounted / "one", "content");
+  ASSERT_EQ(link((mounted / "one").c_str(), (mounted / "two").c_str()), 0) << strerror(errno);
+  EXPECT_EQ(Stat(mounted / "one").st_ino, Stat(mounted / "two").st_ino);
+  EXPECT_EQ(Stat(mounted / "one").st_nlink, 2U);
+  Fd one(mounted / "one", O_RDWR);
+  Fd two(mounted / "two", O_RDWR);
+  for (int i = 0; i < 50; ++i) {
+    const auto text = std::to_string(i);
+    (i % 2 == 0 ? one : two).WriteAt(i, text);
+    EXPECT_EQ((i % 2 == 0 ? two : one).ReadAt(i, text.size()), text);
+  }
+  EXPECT_EQ(unlink((mounted / "one").c_str()), 0);
+  EXPECT_EQ(Stat(mounted / "two").st_nlink, 1U);
+  one.WriteAt(0, "still here");
+  EXPECT_EQ(ReadFile(mounted / "two").substr(0, 10), "still here");
+}
+
+TEST_F(HardLinks, MadeOnTheDisksSideShareTheirContent) {
+  WriteFile(disk / "one", "content");
+  fs::create_hard_link(disk / "one", disk / "two");
+  MountedDisk mounted(disk.path());
+  Fd one(mounted / "one", O_RDWR);
+  Fd two(mounted / "two", O_RDWR);
+  EXPECT_EQ(two.ReadAt(0, 100), "content");
+  one.WriteAt(0, "CONTENT");
+  EXPECT_EQ(two.ReadAt(0, 100), "CONTENT");
+}
+
+// ---- Modes, owners, times ----
+
+TEST_F(Modes, OfNewFilesAreThoseThatWereAskedFor) {
+  const mode_t before = umask(022);
+  MountedDisk mounted(disk.path());
+  umask(0);
+  for (const mode_t mode : {0777U, 0666U, 0640U, 0600U, 0444U, 0U}) {
+    const auto name = "file" + std::to_string(mode);
+    Fd(mounted / name, O_WRONLY | O_CREAT, mode);
+    EXPECT_EQ(Stat(disk / name).st_mode & 07777U, mode);
+    EXPECT_EQ(Stat(mounted / name).st_mode & 07777U, mode);
+    EXPECT_EQ(mkdir((mounted / "dir" + std::to_string(mode)).c_str(), mode), 0);
+    EXPECT_EQ(Stat(disk / "dir" + std::to_string(mode)).st_mode & 07777U, mode);
+  }
+  umask(027);
+  Fd(mounted / "masked", O_WRONLY | O_CREAT, 0666);
+  EXPECT_EQ(Stat(disk / "masked").st_mode & 07777U, 0640U);
+  umask(before);
+}
+
+TEST_F(Modes, AndOwnersCanBeChanged) {
+  MountedDisk mounted(disk.path());
+  WriteFile(mounted / "file", "content");
+  EXPECT_EQ(chmod((mounted / "file").c_str(), 0751), 0) << strerror(errno);
+  EXPECT_EQ(Stat(mounted / "file").st_mode & 07777U, 0751U);
+  EXPECT_EQ(Stat(disk / "file").st_mode & 07777U, 0751U);
+  if (geteuid() != 0) return;
+  EXPECT_EQ(chown((mounted / "file").c_str(), 12, 34), 0) << strerror(errno);
+  EXPECT_EQ(Stat(disk / "file").st_uid, 12U);
+  EXPECT_EQ(Stat(mounted / "file").st_gid, 34U);
+  EXPECT_EQ(chown((mounted / "file").c_str(), 56, -1), 0) << strerror(errno);
+  EXPECT_EQ(Stat(disk / "file").st_uid, 56U);
+  EXPECT_EQ(Stat(disk / "file").st_gid, 34U);
+}
+
+TEST_F(Modes, OfALinksTargetAreNotChangedThroughTheLink) {
+  WriteFile(disk / "file", "content");
+  fs::create_symlink("file", disk / "link");
+  MountedDisk mounted(disk.path());
+  if (geteuid() == 0) {
+    EXPECT_EQ(ErrorOf([&] { return lchown((mounted / "link").c_str(), 12, 34); }), ENOTSUP);
+  }
+  EXPECT_EQ(Stat(disk / "file").st_uid, geteuid());
+}
+
+TEST_F(Modes, TimesAreTakenAndNotSet) {
+  MountedDisk mounted(disk.path());
+  WriteFile(mounted / "file", "content");
+  const auto before = Stat(disk / "file").st_mtim;
+  const timespec times[] = {{.tv_sec = 1000, .tv_nsec = 0}, {.tv_sec = 1000, .tv_nsec = 0}};
+  EXPECT_EQ(utimensat(AT_FDCWD, (mounted / "file").c_str(), times, 0), 0) << strerror(errno);
+  EXPECT_EQ(Stat(mounted / "file").st_mtim.tv_sec, before.tv_sec);
+  EXPECT_EQ(Stat(disk / "file").st_mtim.tv_sec, before.tv_sec);
+}
+
+// ---- Refusals ----
+
+TEST_F(Refusals, SayWhy) {
+  MountedDisk mounted(disk.path());
+  WriteFile(mounted / "file", "content");
+  fs::create_directories(disk / "full/inner");
+  fs::create_directory(disk / "empty");
+  const auto path = [&](const char* name) { return mounted / name; };
+  const auto error_of_create = [&](const std::string& name) {
+    return ErrorOf([&] { return open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644); });
+  };
+  const auto error_of_rename = [&](const char* from, const char* to) {
+    return ErrorOf([&] { return rename(path(from).c_str(), path(to).c_str()); });
+  };
+  EXPECT_EQ(error_of_create(path("none/file")), ENOENT);
+  EXPECT_EQ(error_of_create(path("file/file")), ENOTDIR);
+  EXPECT_EQ(error_of_create(path("file")), EEXIST);
+  EXPECT_EQ(error_of_create(path("") + std::string(256, 'x')), ENAMETOOLONG);
+  EXPECT_EQ(ErrorOf([&] { return mkdir(path("empty").c_str(), 0755); }), EEXIST);
+  EXPECT_EQ(ErrorOf([&] { return rmdir(path("full").c_str()); }), ENOTEMPTY);
+  EXPECT_EQ(ErrorOf([&] { return rmdir(path("file").c_str()); }), ENOTDIR);
+  EXPECT_EQ(ErrorOf([&] { return unlink(path("empty").c_str()); }), EISDIR);
+  EXPECT_EQ(ErrorOf([&] { return unlink(path("none").c_str()); }), ENOENT);
+  EXPECT_EQ(error_of_rename("empty", "full"), ENOTEMPTY);
+  EXPECT_EQ(error_of_rename("empty", "file"), ENOTDIR);
+  EXPECT_EQ(error_of_rename("file", "empty"), EISDIR);
+  EXPECT_EQ(error_of_rename("empty", "empty/inner"), EINVAL);
+  EXPECT_EQ(error_of_rename("none", "other"), ENOENT);
+  EXPECT_EQ(ErrorOf([&] { return link(path("file").c_str(), path("empty").c_str()); }), EEXIST);
+  EXPECT_EQ(ErrorOf([&] { return truncate(path("empty").c_str(), 1); }), EISDIR);
+}
+
+TEST_F(Refusals, SayWhyWhenTheKernelKnewOtherwise) {
+  fs::create_directories(disk / "dir/inner");
+  for (const char* name : {"one", "two", "three"}) WriteFile(disk / name, "content");
+  MountedDisk mounted(disk.path());
+  // The kernel believes for a second what it has seen; the disk's side was faster.
+  for (const char* name : {"one", "two", "three", "dir/inner"}) Stat(mounted / name);
+  for (const char* name : {"one", "two", "three", "dir/inner"}) fs::remove(disk / name);
+  EXPECT_EQ(ErrorOf([&] { return unlink((mounted / "one").c_str()); }), ENOENT);
+  EXPECT_EQ(ErrorOf([&] { return rename((mounted / "two").c_str(), (mounted / "x").c_str()); }),
+            ENOENT);
+  EXPECT_EQ(ErrorOf([&] { return chmod((mounted / "three").c_str(), 0600); }), ENOENT);
+  EXPECT_EQ(ErrorOf([&] { return rmdir((mounted / "dir/inner").c_str()); }), ENOENT);
+}
+
+TEST_F(Refusals, OfWhatTheProtocolCannotDoAreNotSupported) {
+  MountedDisk mounted(disk.path());
+  WriteFile(mounted / "file", "content");
+  WriteFile(mounted / "other", "other");
+  EXPECT_EQ(ErrorOf([&] { return symlink("file", (mounted / "link").c_str()); }), ENOTSUP);
+  EXPECT_EQ(ErrorOf([&] { return mkfifo((mounted / "fifo").c_str(), 0644); }), ENOTSUP);
+  EXPECT_EQ(ErrorOf([&] { return setxattr((mounted / "file").c_str(), "user.x", "1", 1, 0); }),
+            ENOTSUP);
+  EXPECT_EQ(ErrorOf([&] { return removexattr((mounted / "file").c_str(), "user.x"); }), ENOTSUP);
+  const Fd file(mounted / "file", O_RDWR);
+  EXPECT_EQ(ErrorOf([&] { return fallocate(file.get(), 0, 0, 4096); }), ENOTSUP);
+  EXPECT_EQ(ErrorOf([&] {
+              return renameat2(AT_FDCWD, (mounted / "file").c_str(), AT_FDCWD,
+                               (mounted / "other").c_str(), RENAME_EXCHANGE);
+            }),
+            EINVAL);
+  EXPECT_EQ(List(disk.path()), (NameSet{"file", "other"}));
+}
+
+void ExpectEverythingRefused(const MountedDisk& mounted) {
+  const auto file = mounted / "file";
+  const auto other = mounted / "other";
+  const std::vector<std::pair<const char*, std::function<int()>>> changes{
+      {"create", [&] { return open(other.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644); }},
+      {"truncate", [&] { return truncate(file.c_str(), 1); }},
+      {"chmod", [&] { return chmod(file.c_str(), 0600); }},
+      {"chown", [&] { return chown(file.c_str(), 1, 1); }},
+      {"mkdir", [&] { return mkdir(other.c_str(), 0755); }},
+      {"rmdir", [&] { return rmdir((mounted / "dir").c_str()); }},
+      {"link", [&] { return link(file.c_str(), other.c_str()); }},
+      {"unlink", [&] { return unlink(file.c_str()); }},
+      {"rename", [&] { return rename(file.c_str(), other.c_str()); }},
+      {"utimensat", [&] { return utimensat(AT_FDCWD, file.c_str(), nullptr, 0); }},
+  };
+  for (const auto& [name, change] : changes) EXPECT_EQ(ErrorOf(change), EROFS) << name;
+}
+
+TEST_F(Refusals, OfAReadOnlyMountAreComplete) {
+  WriteFile(disk / "file", "content");
+  fs::create_directory(disk / "dir");
+  MountedDisk mounted(disk.path(), {"--read-only"});
+  ExpectEverythingRefused(mounted);
+  EXPECT_EQ(ErrorOf([&] { return open((mounted / "file").c_str(), O_WRONLY); }), EROFS);
+  EXPECT_EQ(ReadFile(mounted / "file"), "content");
+}
+
+TEST_F(Refusals, OfAReadOnlyMountOutliveARemount) {
+  WriteFile(disk / "file", "content");
+  fs::create_directory(disk / "dir");
+  MountedDisk mounted(disk.path(), {"--read-only"});
+  if (mount(nullptr, mounted.path().c_str(), nullptr, MS_REMOUNT, nullptr) != 0) {
+    GTEST_SKIP() << "cannot remount: " << strerror(errno);
+  }
+  ExpectEverythingRefused(mounted);
+  {
+    const Fd file(mounted / "file", O_WRONLY);
+    EXPECT_EQ(ErrorOf([&] { return static_cast<int>(pwrite(file.get(), "x", 1, 0)); }), EROFS);
+  }
+  EXPECT_EQ(ReadFile(disk / "file"), "content");
+}
+
+// ---- Locks ----
+
+TEST_F(Locks, HoldWithinTheMount) {
+  MountedDisk mounted(disk.path());
+  const Fd one(mounted / "file", O_RDWR | O_CREAT);
+  const Fd two(mounted / "file", O_RDWR);
+  EXPECT_EQ(flock(one.get(), LOCK_EX | LOCK_NB), 0) << strerror(errno);
+  EXPECT_EQ(ErrorOf([&] { return flock(two.get(), LOCK_EX | LOCK_NB); }), EWOULDBLOCK);
+}
+
+// ---- Changes made on the disk's side ----
+
+TEST_F(LocalChanges, ShowWithinSeconds) {
+  MountedDisk mounted(disk.path());
+  WriteFile(mounted / "rewritten", "content");
+  WriteFile(mounted / "replaced", "content");
+  WriteFile(mounted / "removed", "content");
+  WriteFile(disk / "rewritten", "rewritten here");
+  WriteFile(disk / "new", "a new file");
+  fs::rename(disk / "new", disk / "replaced");
+  fs::remove(disk / "removed");
+  EXPECT_TRUE(Eventually([&] { return ReadFile(mounted / "rewritten") == "rewritten here"; }, 5s));
+  EXPECT_TRUE(Eventually([&] { return ReadFile(mounted / "replaced") == "a new file"; }, 5s));
+  EXPECT_TRUE(Eventually([&] { return !fs::exists(mounted / "removed"); }, 5s));
+}
+
+TEST_F(LocalChanges, ThatTurnAFileIntoADirectoryShow) {
+  MountedDisk mounted(disk.path());
+  WriteFile(mounted / "name", "content");
+  fs::remove(disk / "name");
+  fs::create_directory(disk / "name");
+  EXPECT_TRUE(Eventually([&] { return fs::is_directory(mounted / "name"); }, 5s));
+}
+
+// ---- Ends ----
+
+/// Writes piece after piece until the mount is gone; then as many bytes as were taken must be on
+/// the disk.
+void StopUnderAWriter(const TempDir& disk, const std::vector<std::string>& options, size_t piece) {
+  MountedDisk mounted(disk.path(), options);
+  const auto content = Bytes(40 * kMiB);
+  std::atomic<size_t> taken = 0;
+  std::thread writer([&] {
+    Fd file(mounted / "file", O_WRONLY | O_CREAT);
+    while (taken + piece <= content.size()) {
+      const auto n = pwrite(file.get(), content.data() + taken, piece, static_cast<off_t>(taken));
+      if (n < 0) return;
+      taken += static_cast<size_t>(n);
+    }
+  });
+  EXPECT_TRUE(Eventually([&] { return taken > 20 * piece; }));
+  const auto ending = mounted.Unmount();
+  writer.join();
+  EXPECT_EQ(ending.status, 0) << ending.err;
+  EXPECT_FALSE(IsMounted(mounted.path()));
+  const auto written = ReadFile(disk / "file");
+  EXPECT_GE(written.size(), taken);
+  EXPECT_TRUE(written.substr(0, taken) == content.substr(0, taken));
+}
+
+TEST_F(Ends, ByASignalUnderSmallWritesLoseNothingThatWasTaken) { StopUnderAWriter(disk, {}, 100); }
+
+TEST_F(Ends, ByASignalUnderLargeWritesLoseNothingThatWasTaken) {
+  StopUnderAWriter(disk, {}, 300'000);
+}
+
+TEST_F(Ends, ByAKillLoseNothingThatWasSynced) {
+  MountedDisk mounted(disk.path());
+  const auto content = Bytes(kMiB);
+  Fd file(mounted / "file", O_WRONLY | O_CREAT);
+  for (size_t at = 0; at < 100'000; at += 100) {
+    file.WriteAt(static_cast<off_t>(at), content.substr(at, 100));
+  }
+  ASSERT_EQ(fsync(file.get()), 0) << strerror(errno);
+  file.WriteAt(500'000, "not synced");
+  mounted.Signal(SIGKILL);
+  mounted.WaitForEnd();
+  EXPECT_EQ(ReadFile(disk / "file").substr(0, 100'000), content.substr(0, 100'000));
+}
+
+}  // namespace
+}  // namespace system_test
