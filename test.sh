@@ -4,15 +4,20 @@
 #   ./test.sh             optimised, then under AddressSanitizer and UBSan, then ThreadSanitizer
 #   ./test.sh --quick     optimised only
 #   ./test.sh -R REGEX    only tests whose name matches
+#   ./test.sh --fuzz S    only the fuzzers, each for so many seconds
+#   ./test.sh --ci        all of it: every test, then the fuzzers for a minute each
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
 presets=(release asan tsan)
 filter=()
+fuzz_seconds=0
 while [[ $# -gt 0 ]]; do
   case $1 in
     --quick) presets=(release); shift ;;
     -R) filter=(-R "${2:?-R needs a regular expression}"); shift 2 ;;
+    --fuzz) presets=(); fuzz_seconds=${2:?--fuzz needs a number of seconds}; shift 2 ;;
+    --ci) fuzz_seconds=60; shift ;;
     *) sed -n '2,/^set/s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
   esac
 done
@@ -91,6 +96,8 @@ run_tests() {
   fi
 }
 
+fuzzers_find_nothing() { fuzz/run.sh "$fuzz_seconds"; }
+
 scripts/install-packages.sh build test
 
 for preset in "${presets[@]}"; do
@@ -106,10 +113,19 @@ for preset in "${presets[@]}"; do
   esac
 done
 
-if [[ ${#filter[@]} -eq 0 ]]; then
+if [[ ${#filter[@]} -eq 0 && ${#presets[@]} -gt 0 ]]; then
   step "Checking the module's symbols and the sources' format"
   check "the module exports only its descriptor" module_exports_only_its_descriptor
   check "the sources are formatted" sources_are_formatted
+fi
+
+if [[ $fuzz_seconds -gt 0 ]]; then
+  step "Fuzzing, $fuzz_seconds seconds each"
+  if scripts/install-packages.sh fuzz; then
+    check "the fuzzers find nothing" fuzzers_find_nothing
+  else
+    skipped=$((skipped + 1)); skips+=("the fuzzers: no clang")
+  fi
 fi
 
 [[ ${#skips[@]} -eq 0 ]] || printf 'skipped: %s\n' "${skips[@]}"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are still missing: scripts/install-packages.sh build|test ...
+# Installs the Debian packages that are still missing: scripts/install-packages.sh build|test|fuzz ...
 # Touches neither network nor package lists when nothing is missing.
 set -euo pipefail
 
@@ -9,17 +9,19 @@ build=(
   libfuse3-dev fuse3 libcli11-dev libfmt-dev # the host
 )
 test=(
-  libgtest-dev libbenchmark-dev libumockdev-dev
+  libgtest-dev libbenchmark-dev libumockdev-dev umockdev
   clang-format
   attr e2fsprogs mount ntfs-3g procps util-linux # programs that the tests run
 )
+fuzz=(clang libclang-rt-dev llvm)
 
 wanted=()
 for list in "$@"; do
   case $list in
     build) wanted+=("${build[@]}") ;;
     test) wanted+=("${test[@]}") ;;
-    *) echo "usage: $0 build|test ..." >&2; exit 2 ;;
+    fuzz) wanted+=("${fuzz[@]}") ;;
+    *) echo "usage: $0 build|test|fuzz ..." >&2; exit 2 ;;
   esac
 done
 

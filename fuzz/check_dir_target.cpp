@@ -1,0 +1,156 @@
+// The directory check against a slow and simple one. An input is a mode and then
+//   either a request whose cached listing says anything,
+//   or the entries of two listings that walk cleanly.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "finding.h"
+#include "jail.h"
+#include "operator.h"
+#include "support/fake_host.h"
+#include "support/requests.h"
+#include "target.h"
+
+namespace cpd::fuzz {
+
+namespace {
+
+using test::DirEntry;
+
+/// The entries of a listing; nothing when it holds fewer whole ones.
+std::optional<std::vector<DirEntry>> Walk(std::string_view listing, size_t count) {
+  std::vector<DirEntry> entries;
+  while (entries.size() < count) {
+    udisk_dir_entry head{};
+    if (listing.size() < sizeof head) return std::nullopt;
+    std::memcpy(&head, listing.data(), sizeof head);
+    listing.remove_prefix(sizeof head);
+    const size_t length = head.name_len;
+    if (length == 0 || listing.size() < length || listing[length - 1] != '\0') return std::nullopt;
+    entries.push_back({.stat = head.attributes, .name = listing.data()});
+    listing.remove_prefix(length);
+  }
+  return entries;
+}
+
+/// Each cached entry has its name, size and second in the directory, and nothing is left over.
+bool Same(const std::vector<DirEntry>& cached, const std::vector<DirEntry>& current) {
+  if (cached.size() != current.size()) return false;
+  size_t matches = 0;
+  for (const DirEntry& entry : cached) {
+    const size_t before = matches;
+    for (const DirEntry& other : current) {
+      if (other.name != entry.name) continue;
+      if (other.stat.st_size != entry.stat.st_size ||
+          other.stat.st_mtim.tv_sec != entry.stat.st_mtim.tv_sec) {
+        return false;
+      }
+      ++matches;
+    }
+    if (matches == before) return false;
+  }
+  return matches == cached.size();
+}
+
+void MakeFile(const std::string& path, const std::string& content) {
+  std::ofstream(path) << content;
+  const timespec settled[2] = {{.tv_sec = 1'700'000'000, .tv_nsec = 0},
+                               {.tv_sec = 1'700'000'000, .tv_nsec = 0}};
+  utimensat(AT_FDCWD, path.c_str(), settled, 0);
+}
+
+/// The same for every input: no request of this target changes it.
+void MakeDisk() {
+  static bool made = false;
+  if (made) return;
+  mkdir("/DISK", 0755);
+  mkdir("/DISK/known", 0755);
+  MakeFile("/DISK/known/a.txt", "a");
+  MakeFile("/DISK/known/b.txt", "bb");
+  MakeFile("/DISK/known/" + std::string(255, 'n'), "");
+  mkdir("/DISK/empty", 0755);
+  for (const char* directory : {"/DISK/known", "/DISK/empty", "/DISK"}) {
+    const timespec settled[2] = {{.tv_sec = 1'700'000'000, .tv_nsec = 0},
+                                 {.tv_sec = 1'700'000'000, .tv_nsec = 0}};
+    utimensat(AT_FDCWD, directory, settled, 0);
+  }
+  made = true;
+}
+
+std::optional<test::SentPacket> Ask(UDiskOperator* udisk, test::FakeDevice* device,
+                                    const test::Request& request) {
+  device->TakeSent();
+  udisk->EventHandle(request.Packet());
+  const std::vector<test::SentPacket> sent = device->TakeSent();
+  Expect(sent.size() <= 1, "one answer at most");
+  return sent.empty() ? std::nullopt : std::optional(sent.front());
+}
+
+void CheckRequest(Input in, UDiskOperator* udisk, test::FakeDevice* device) {
+  MakeDisk();
+  udisk->SetRootPath("/", "DISK");
+  const auto count = in.Take<uint16_t>();
+  const std::string path(in.TakeText());
+  const std::string cached(in.TakeRest());
+
+  const auto listed = Ask(udisk, device, test::DirReadRequest{.path = path});
+  const auto changed = Ask(
+      udisk, device, test::CheckDirRequest{.path = path, .cached = cached, .cached_count = count});
+  const bool refused = path.find('\0') != std::string::npos;
+  Expect(listed.has_value() != refused, "a listing is refused for a NUL in its path only");
+  if (refused) {
+    Expect(!changed, "so is a check");
+    return;
+  }
+  const auto current = test::DirReply::Decode(*listed);
+  const auto walked = Walk(cached, count);
+  const bool same = walked && Same(*walked, *Walk(current.listing, current.entry_count));
+  Expect(changed.has_value() != same, "a check is answered where something changed");
+  if (changed) Expect(changed->payload == listed->payload, "the answer is the listing");
+}
+
+std::vector<DirEntry> TakeEntries(Input* in, size_t count) {
+  std::vector<DirEntry> entries;
+  while (entries.size() < count) {
+    DirEntry& entry = entries.emplace_back();
+    entry.name = in->TakeBytes(in->Take<uint8_t>() % 4);
+    entry.stat.st_size = in->Take<uint8_t>() % 4;
+    entry.stat.st_mtim.tv_sec = in->Take<uint8_t>() % 4;
+    entry.stat.st_mtim.tv_nsec = in->Take<uint8_t>();  // does not count
+  }
+  return entries;
+}
+
+void CompareListings(Input in, UDiskOperator* udisk) {
+  const size_t cached_count = in.Take<uint8_t>() % 32;
+  const size_t current_count = in.Take<uint8_t>() % 32;
+  const std::string cached = test::EncodeEntries(TakeEntries(&in, cached_count));
+  const std::string current = test::EncodeEntries(TakeEntries(&in, current_count));
+  const int result =
+      udisk->compare_cache(static_cast<int>(cached_count), static_cast<int>(current_count),
+                           cached.data(), current.data());
+  const bool same = Same(*Walk(cached, cached_count), *Walk(current, current_count));
+  Expect(result == (same ? 1 : 0), "the comparison is the simple one's");
+}
+
+}  // namespace
+
+void Run(Input in) {
+  test::Log().Clear();
+  test::FakeDevice device;
+  UDiskOperator udisk(&device);
+  if (in.Take<char>() == 'L') {
+    CompareListings(in, &udisk);
+  } else {
+    CheckRequest(in, &udisk, &device);
+  }
+}
+
+}  // namespace cpd::fuzz

@@ -1,0 +1,193 @@
+// Writes the first inputs of each target: make_corpus DIRECTORY
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "settings.h"
+#include "support/requests.h"
+#include "support/write_requests.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace cpd;        // NOLINT(google-build-using-namespace)
+using namespace cpd::test;  // NOLINT(google-build-using-namespace)
+
+/// A text behind its length.
+std::string Text(const std::string& text) {
+  return BytesOf(static_cast<uint16_t>(text.size())) + text;
+}
+
+class Corpus {
+ public:
+  Corpus(const fs::path& root, const std::string& target) : directory_(root / target) {
+    fs::create_directories(directory_);
+  }
+  void Add(const std::string& name, const std::string& input) const {
+    std::ofstream file(directory_ / name, std::ios::binary);
+    if (!(file << input << std::flush)) throw std::runtime_error("cannot write " + name);
+  }
+
+ private:
+  fs::path directory_;
+};
+
+/// A step that delivers a request.
+std::string Step(const Request& request) {
+  return "R" + BytesOf(request.cmd) + Text(request.payload);
+}
+
+/// A request again and again, each time with another of its words at an end of its range, as far as
+/// heads reach, that of a batch's first piece included. The disk comes back in between.
+std::string Extremes(const Request& request) {
+  constexpr size_t kHeads = 48;
+  std::string steps;
+  const auto add = [&](size_t at, auto value) {
+    if (at + sizeof value > request.payload.size()) return;
+    Request extreme = request;
+    extreme.payload = Patched(request.payload, at, value);
+    steps += Step(extreme) + "M";
+  };
+  for (size_t at = 0; at < kHeads; at += 2) {
+    add(at, uint32_t{0xffffffff});
+    add(at, std::numeric_limits<int32_t>::max());
+    add(at, std::numeric_limits<int64_t>::max());
+  }
+  return steps;
+}
+
+void MakeRequests(const Corpus& corpus) {
+  const std::string plain(1, '\0');
+  const std::string token_bucket = BytesOf(uint8_t{fuzz::kTokenBucket | fuzz::kPathFilter});
+  const std::string confined = BytesOf(uint8_t{fuzz::kConfined});
+  std::vector<NamedRequest> all = OneRequestPerCommand();
+  for (NamedRequest& request : OneWriteRequestPerCommand()) all.push_back(std::move(request));
+
+  std::string sequence = plain;
+  std::string cut = plain;
+  int number = 0;
+  for (const auto& [name, request] : all) {
+    const std::string file =
+        std::to_string(request.cmd) + "-" + name + "-" + std::to_string(++number);
+    corpus.Add(file, plain + Step(request));
+    corpus.Add(file + "-extremes", plain + Extremes(request));
+    sequence += Step(request) + "M";
+    const auto claim = static_cast<uint32_t>(16 + request.payload.size() / 2);
+    cut += "C" + BytesOf(request.cmd) + Text(request.payload.substr(0, claim - 16)) +
+           BytesOf(claim) + "M";
+  }
+  corpus.Add("every-request", sequence);
+  corpus.Add("every-request-confined", confined + sequence.substr(1));
+  corpus.Add("every-request-cut", cut);
+
+  const Request read = ReadRequest{.path = "/big.doc", .size = 200'000};
+  const std::string paced =
+      "B" + BytesOf(uint32_t{2000}) + Step(read) + "T" + BytesOf(int16_t{300}) + "D\x02";
+  corpus.Add("paced-reads", plain + paced + paced);
+  corpus.Add("paced-reads-token-bucket", token_bucket + paced + paced);
+
+  for (const char* way : {"/../home/secret", "/out/secret", "/known/../../home/secret"}) {
+    const Request outside = ReadRequest{.path = way};
+    const Request link = LinkRequest{.path = way, .new_path = "/taken.txt"};
+    const std::string steps = Step(outside) + Step(link);
+    corpus.Add("way-out-" + std::to_string(++number), plain + steps);
+    corpus.Add("way-out-confined-" + std::to_string(number), confined + steps);
+  }
+
+  std::string image = read.Bytes();
+  corpus.Add("image", plain + "P" + Text(image));
+  image[12] = 1;  // bigEndian
+  corpus.Add("image-as-bus-event", plain + "E" + Text(image));
+  corpus.Add("image-big-endian", plain + "P" + Text(image));
+}
+
+void MakePackets(const Corpus& corpus) {
+  const Request request = ReadRequest{.path = kKnownFile};
+  const std::string image = Text(request.Bytes());
+  const std::string tail = "A" + Text("payload") + "W" + BytesOf(uint32_t{7}) + "RRSC";
+  corpus.Add("received", std::string(1, '\0') + image + tail);
+  corpus.Add("copied", "\x01" + image + tail);
+  corpus.Add("made", std::string(1, '\0') + Text("") + "N" + BytesOf(uint16_t{64}) + "H" + "\x05" +
+                         BytesOf(uint16_t{105}) + BytesOf(uint32_t{77}) + tail + "Z" +
+                         BytesOf(uint16_t{0xffff}));
+  std::string big_endian = request.Bytes();
+  big_endian[12] = 1;
+  corpus.Add("big-endian", std::string(1, '\0') + Text(big_endian) + "RRS" + "L" +
+                               BytesOf(uint32_t{0xffffffff}) + tail + "E" + tail);
+}
+
+void MakeParameters(const Corpus& corpus) {
+  corpus.Add("good",
+             R"({"letter": "/media/me/", "label": "STICK", "name": "Stick", "readOnly": 1})");
+  corpus.Add("types", R"({"letter": [1], "label": null, "name": 1e99, "readOnly": "yes"})");
+  corpus.Add("escapes", R"({"letter": "\u0000\ud83d\ude00", "label": "\\\"", "name": "a\u0000b",)"
+                        R"( "readOnly": -1} // end)");
+  for (const char* number : {"1e99", "4294967296", "-2147483649", "0.5", "true", "[]"}) {
+    corpus.Add(
+        std::string("read-only-") + number,
+        std::string(R"({"letter": "a", "label": "b", "name": "c", "readOnly": )") + number + "}");
+  }
+  corpus.Add("long", R"({"letter": ")" + std::string(300, 'l') + R"(", "label": "b", "name": ")" +
+                         std::string(300, 'n') + R"("})");
+  corpus.Add("deep", std::string(1100, '['));
+}
+
+void MakeProbing(const Corpus& corpus) {
+  const std::string end = "\x1d";
+  const std::string partitions =
+      "major minor  #blocks  name\n\n   8        0  500107608 sda\n   8       17   15727616 sdb1\n";
+  corpus.Add("good", " sdb1" + end +
+                         "/dev/sda1: UUID=\"1\" TYPE=\"ext4\"\n"
+                         "/dev/sdb1: LABEL=\"DATA\" UUID=\"12-34\" TYPE=\"ntfs\" PARTUUID=\"5\"\n"
+                         "/dev/sdb2: UUID=\"56-78\" BLOCK_SIZE=\"512\" TYPE=\"vfat\"\n" +
+                         end + partitions + end + "1\n");
+  corpus.Add("hostile", " $(sdb)" + end + "/dev/sdb`a`:LABEL=\"$(a)'\" TYPE=\"'b;\n" + end +
+                            "8 1 1 sd';\n" + end + "0e\n");
+  corpus.Add("no-commands", "xsdb1" + end + end + end);
+}
+
+void MakeCheckDir(const Corpus& corpus) {
+  const auto entry = [](const std::string& name, int64_t size) {
+    DirEntry made{.stat = {}, .name = name};
+    made.stat.st_size = size;
+    made.stat.st_mtim.tv_sec = 1'700'000'000;
+    return made;
+  };
+  const auto check = [](const std::string& path, const std::vector<DirEntry>& cached) {
+    return "R" + BytesOf(static_cast<uint16_t>(cached.size())) + Text(path) + EncodeEntries(cached);
+  };
+  corpus.Add("unchanged", check("/known", {entry(".", 100), entry("..", 80), entry("a.txt", 1),
+                                           entry("b.txt", 2), entry(std::string(255, 'n'), 0)}));
+  corpus.Add("empty", check("/empty", {entry(".", 40), entry("..", 80)}));
+  corpus.Add("missing", check("/missing", {}));
+  corpus.Add("nul", check(std::string("/known\0a", 8), {}));
+  const std::string entries(
+      "\x01"
+      "a\x01\x02\x00\x02"
+      "bc\x02\x03\x00",
+      11);
+  corpus.Add("listings", "L\x02\x02" + entries + entries);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) return std::fprintf(stderr, "usage: make_corpus DIRECTORY\n"), 2;
+  try {
+    const fs::path root = argv[1];
+    MakeCheckDir({root, "check_dir"});
+    MakePackets({root, "packet"});
+    MakeParameters({root, "parameters"});
+    MakeProbing({root, "probing"});
+    MakeRequests({root, "requests"});
+  } catch (const std::exception& error) {
+    return std::fprintf(stderr, "make_corpus: %s\n", error.what()), 1;
+  }
+  return 0;
+}

@@ -1,0 +1,44 @@
+// Runs a target over its corpus, without a fuzzer: replay_TARGET FILE-OR-DIRECTORY...
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "target.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::vector<fs::path> FilesOf(const fs::path& path) {
+  if (!fs::is_directory(path)) return {path};
+  std::vector<fs::path> files;
+  for (const auto& entry : fs::directory_iterator(path)) files.push_back(entry.path());
+  return files;
+}
+
+void Replay(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(file), {}};
+  // Named first: what breaks shows after which name.
+  std::fprintf(stderr, "%s, %zu bytes\n", path.c_str(), bytes.size());
+  LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  LLVMFuzzerInitialize(&argc, &argv);
+  size_t count = 0;
+  for (int i = 1; i < argc; ++i) {
+    for (const fs::path& file : FilesOf(argv[i])) {
+      Replay(file);
+      ++count;
+    }
+  }
+  std::fprintf(stderr, "%zu inputs\n", count);
+  return count > 0 ? 0 : 1;
+}

@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# Fuzzes the targets, two at a time, and tells what came of it.
+#
+#   fuzz/run.sh SECONDS             each of them for so many seconds
+#   fuzz/run.sh SECONDS TARGET...   only those: check_dir packet parameters probing requests
+#
+# What the fuzzer learns stays in build/fuzz/corpus, for the next run. The input of a finding goes to
+# build/fuzz/findings. Ends with status 1 when there is one.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+seconds=${1:-}
+if [[ ! $seconds =~ ^[1-9][0-9]*$ ]]; then
+  sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0" >&2
+  exit 2
+fi
+shift
+targets=("$@")
+[[ $# -gt 0 ]] || targets=(check_dir packet parameters probing requests)
+
+build=build/fuzz
+findings=$build/findings
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+{ cmake --preset fuzz && cmake --build --preset fuzz -j2; } >"$log" 2>&1 || { cat "$log"; exit 1; }
+
+fuzz() {
+  local target=$1
+  local learnt=$build/corpus/$target found=$findings/$target options=()
+  [[ ! -f fuzz/$target.dict ]] || options=(-dict="fuzz/$target.dict")
+  mkdir -p "$learnt" "$found"
+  # Standard output is the packet class's, which says there what it refuses.
+  ASAN_OPTIONS=quarantine_size_mb=16:malloc_context_size=8 \
+    "$build/bin/fuzz_$target" -max_total_time="$seconds" -max_len=16384 -timeout=20 \
+    -close_fd_mask=1 -print_final_stats=1 -artifact_prefix="$found/" \
+    ${options[@]+"${options[@]}"} "$learnt" "fuzz/corpus/$target" >"$found/log" 2>&1
+}
+
+report() {
+  local target=$1 log=$findings/$1/log
+  awk -v target="$target" '
+    / cov: / { for (i = 1; i < NF; ++i) { if ($i == "cov:") edges = $(i + 1)
+                                          if ($i == "corp:") corpus = $(i + 1) } }
+    /number_of_executed_units/ { runs = $2 }
+    /average_exec_per_sec/ { rate = $2 }
+    END { sub("/.*", "", corpus)
+          printf "%-10s %9d executions, %6d a second, %5d edges covered, %5d inputs kept\n",
+                 target, runs, rate, edges, corpus }' "$log"
+}
+
+status=0
+# Waits for the oldest of those that run.
+finish() {
+  local target=${running[0]} process=${processes[0]}
+  running=("${running[@]:1}") processes=("${processes[@]:1}")
+  if wait "$process"; then
+    report "$target"
+    return
+  fi
+  status=1
+  echo "FINDING in $target:"
+  awk '/^FINDING:|ERROR: |runtime error:|Skipped$/ { found = 1 }
+    (found && ++lines <= 60) || /^Base64: / || /Test unit written/' "$findings/$target/log"
+}
+
+running=() processes=()
+for target in "${targets[@]}"; do
+  [[ ${#running[@]} -lt 2 ]] || finish
+  fuzz "$target" & processes+=($!) running+=("$target")
+done
+while [[ ${#running[@]} -gt 0 ]]; do finish; done
+exit $status
