@@ -172,6 +172,7 @@ int UDiskOperator::SetRootPath(const char* letter, const char* label) {
     const std::lock_guard lock(mLock);
     std::memset(mMountPoint, 0, sizeof mMountPoint);
     mVolumes.clear();
+    mFileManager->LetGo();
     return -1;
   }
   const std::shared_ptr<VolumeRecord> record(
