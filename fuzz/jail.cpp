@@ -17,6 +17,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <semaphore>
 #include <string>
 #include <thread>
@@ -243,7 +244,7 @@ void EmptyJail() {
 
 void Finding(const std::string& what) {
   LeaveJail();
-  std::fprintf(stderr, "FINDING: %s\n", what.c_str());
+  std::cerr << "FINDING: " << what << std::endl;
   std::abort();
 }
 

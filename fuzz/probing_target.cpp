@@ -150,8 +150,7 @@ void Run(Input in) {
   g_output.partitions = in.TakeUntil(kPartEnd);
   g_output.number = in.TakeRest();
 
-  // As C strings, which they are to the service.
-  ReadNumbers(device.c_str());
+  ReadNumbers(device.substr(0, device.find('\0')));  // to the service it ends there
   FindDisk();
   TakeValue(g_output.blkid);
   MountAndUnmount(device);

@@ -1,8 +1,8 @@
 // Runs a target over its corpus, without a fuzzer: replay_TARGET FILE-OR-DIRECTORY...
 #include <cstdint>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -24,7 +24,7 @@ void Replay(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);
   const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(file), {}};
   // Named first: what breaks shows after which name.
-  std::fprintf(stderr, "%s, %zu bytes\n", path.c_str(), bytes.size());
+  std::cerr << path.string() << ", " << bytes.size() << " bytes\n";
   LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }
 
@@ -39,6 +39,6 @@ int main(int argc, char** argv) {
       ++count;
     }
   }
-  std::fprintf(stderr, "%zu inputs\n", count);
+  std::cerr << count << " inputs\n";
   return count > 0 ? 0 : 1;
 }
