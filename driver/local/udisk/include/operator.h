@@ -172,6 +172,9 @@ class UDiskOperator : public UdiskOperatorInf {
   void TraceCpdDevice(std::string event, CpdDevice* device, bool success, std::string message,
                       const std::string& path, const std::string& extra);
 
+  /// Traces what succeeded, where there is memory for it: for callers with nowhere to fail to.
+  void TryTrace(const char* event, const char* message);
+
   /// Paces a bulk read of `bytes` to the announced bandwidth, by sleeping. Worker thread only.
   void throttleRead(uint32_t bytes, BulkRead kind = BulkRead::kFile);
 

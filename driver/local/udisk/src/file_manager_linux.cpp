@@ -57,7 +57,7 @@ const dirent* NextEntry(DIR* dir) {
   errno = 0;
   const dirent* entry = ::readdir(dir);
   if (entry == nullptr && errno != 0) {
-    LOG_ERROR("dir_read readdir failed errno: %s", std::strerror(errno));
+    LOG_ERROR_OF(UdiskReadDir, "dir_read readdir failed errno: %s", std::strerror(errno));
   }
   return entry;
 }
@@ -110,7 +110,8 @@ int FileManagerLinux::UdiskReadFile(const char* path, int64_t offset, uint32_t* 
 
 int FileManagerLinux::Deliverable(int fd, int64_t offset, int count) {
   struct stat st {};
-  return ::fstat(fd, &st) == 0 ? LeftInFile(st, offset, count) : std::min(count, 0);
+  if (::fstat(fd, &st) == 0) return LeftInFile(st, offset, count);
+  return static_cast<int>(std::min<int64_t>(count, kUnknownSize));
 }
 
 int FileManagerLinux::Deliverable(const char* path, int64_t offset, int count) const {
@@ -278,7 +279,8 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
     buf_len += static_cast<uint32_t>(sizeof(udisk_dir_entry) + std::strlen(entry->d_name) + 1);
   }
   ::rewinddir(dir.get());
-  auto* const buf = static_cast<uint8_t*>(g_try_malloc0(buf_len));  // g_malloc0 would abort
+  std::unique_ptr<uint8_t, FreeDeleter> buf(
+      static_cast<uint8_t*>(g_try_malloc0(buf_len)));  // g_malloc0 would abort
   if (buf == nullptr) return -1;
 
   // Second pass. A directory that grew meanwhile is cut at the end of the buffer.
@@ -286,8 +288,8 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
   const size_t prefix = full.size();
   struct stat st {
   };  // deliberately outlives an entry: one whose lstat fails carries the last one's
-  uint8_t* at = buf;
-  const uint8_t* const end = buf + buf_len - 1;
+  uint8_t* at = buf.get();
+  const uint8_t* const end = at + buf_len - 1;
   for (uint32_t i = 0; i < count; ++i) {
     const dirent* entry = NextEntry(dir.get());
     if (entry == nullptr) break;
@@ -306,7 +308,7 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
     std::memcpy(at + sizeof head, entry->d_name, name_len);
     at += sizeof head + name_len;
   }
-  *out = {.entry_count = count, .buf_len = buf_len, .buf = buf};
+  *out = {.entry_count = count, .buf_len = buf_len, .buf = buf.release()};
   return 0;
 }
 

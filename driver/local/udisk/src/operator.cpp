@@ -16,6 +16,7 @@
 #include <array>
 #include <bit>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -107,8 +108,9 @@ int UDiskOperator::BusEventHandle(const std::shared_ptr<CpdPacket>& packet) {
   bwEventMs = now;
   // The announced value, not the raised one, is compared: a rate below 1000 counts as a change.
   if (now - lastBwTraceMs >= 5001 && announced != readBwKbps) {
-    TraceCpdDevice("UDISK_READ_BW_INFO", mDevice, true,
-                   "Udisk read bwinfo:" + std::to_string(announced), "", "");
+    char message[sizeof "Udisk read bwinfo:4294967295"];
+    std::snprintf(message, sizeof message, "Udisk read bwinfo:%u", announced);
+    TryTrace("UDISK_READ_BW_INFO", message);
     LOG_DEBUG("busEventHandle cmd: %d, paylaodSize: %d,requestId:%u bw:%d\n", cmd,
               static_cast<int>(packet->PayloadSize()), uint32_t{packet->header->requestId},
               static_cast<int>(announced));
@@ -336,6 +338,14 @@ void UDiskOperator::TraceCpdDevice(std::string event, CpdDevice* device, bool su
     base->TraceEvent(id, name, fields);
   } else {
     base->TraceEventDetail(id, path, name, fields);
+  }
+}
+
+void UDiskOperator::TryTrace(const char* event, const char* message) {
+  try {
+    TraceCpdDevice(event, mDevice, true, message, "", "");
+  } catch (const std::exception& error) {
+    LOG_ERROR("%s is not traced: %s", event, error.what());
   }
 }
 

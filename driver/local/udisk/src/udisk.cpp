@@ -43,15 +43,22 @@ int UDiskDriver::Init() {
     mOperator.reset();
     return -1;
   }
-  try {
-    mWorker = std::make_unique<std::thread>(&UDiskDriver::DataEventHandle, this);
-  } catch (const std::system_error& error) {
+  const auto give_up = [this] {
+    mService.reset();
     ReleaseQueue();
     mOperator.reset();
+  };
+  try {
+    mService = std::make_unique<UDiskService>(mDevice, mOperator.get());
+    mWorker = std::make_unique<std::thread>(&UDiskDriver::DataEventHandle, this);
+  } catch (const std::system_error& error) {
+    give_up();
     throw std::system_error(error.code(), "thread constructor failed");
+  } catch (...) {
+    give_up();
+    throw;
   }
   LOG_DEBUG("client udisk init service\n");
-  mService = std::make_unique<UDiskService>(mDevice, mOperator.get());
   if (mService->StartLoop() == -1) {
     mService.reset();
     // By a signal of its own: the stop flag stays clear on this way out.
@@ -64,8 +71,7 @@ int UDiskDriver::Init() {
     mOperator.reset();
     return -1;
   }
-  mOperator->TraceCpdDevice("UDISK_DRIVER_OPEN", mDevice, true, "udisk driver open success", "",
-                            "");
+  mOperator->TryTrace("UDISK_DRIVER_OPEN", "udisk driver open success");
   LOG_DEBUG("client udisk init success\n");
   return 0;
 }
@@ -82,8 +88,7 @@ int UDiskDriver::Close(signed char /*reason*/) {
   }
   ReleaseQueue();
   if (auto udisk_operator = CopyOperator(); udisk_operator != nullptr) {
-    udisk_operator->TraceCpdDevice("UDISK_DRIVER_CLOSE", mDevice, true,
-                                   "udisk driver close success", "", "");
+    udisk_operator->TryTrace("UDISK_DRIVER_CLOSE", "udisk driver close success");
     const std::lock_guard lock(mMutex);
     mOperator.reset();  // this copy, or a bus event in flight, is the last holder
   }
