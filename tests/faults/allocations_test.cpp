@@ -101,7 +101,7 @@ extern "C" void tesselLogPrint(int /*channel*/, int level, const char* /*tag*/, 
   ++cpd::test::g_errors;
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(cpd::test::g_last_error, sizeof cpd::test::g_last_error, format, arguments);
+  (void)std::vsnprintf(cpd::test::g_last_error, sizeof cpd::test::g_last_error, format, arguments);
   va_end(arguments);
 }
 

@@ -50,6 +50,16 @@ class FaultTest : public OperatorTest {
     device.base().SetFilter(std::make_shared<FakeFilter>([](const std::string&) { return true; }));
   }
 
+  /// From now on no path leads out of the disk. A kernel without openat2 serves nothing then.
+  void Confine() {
+    setenv("TESSEL_CPD_CLIENT_CONFINE", "1", 1);
+    MakeOperator();
+    unsetenv("TESSEL_CPD_CLIENT_CONFINE");
+    Mount();
+    udisk->Idle();  // nothing is kept open
+    Log().Clear();
+  }
+
   /// The error lines so far, their numbers shown as '#'.
   static Texts Errors() {
     Texts errors;
@@ -415,14 +425,7 @@ INSTANTIATE_TEST_SUITE_P(, FailingCall,
 
 class ConfinedFailingCall : public FailingCall {
  protected:
-  ConfinedFailingCall() {
-    setenv("TESSEL_CPD_CLIENT_CONFINE", "1", 1);
-    MakeOperator();
-    unsetenv("TESSEL_CPD_CLIENT_CONFINE");
-    Mount();
-    udisk->Idle();  // nothing is kept open
-    Log().Clear();
-  }
+  ConfinedFailingCall() { Confine(); }
   void SetUp() override {
     if (syscall(SYS_openat2, AT_FDCWD, ".", nullptr, 0) == -1 && errno == ENOSYS) {
       GTEST_SKIP() << "this kernel has no openat2";
@@ -536,6 +539,17 @@ TEST_P(FailingCallOfItsOwn, TheErrorOfAWriteIsNotThatOfTheCloseBehindIt) {
   EXPECT_EQ(Errors().at(0), R"(UdiskWriteFile: pwrite failed res: -#, fd = # errno: )" +
                                 std::string(std::strerror(GetParam().value)) + R"(\n)");
   EXPECT_EQ(Traced(), WriteFailure(GetParam().value));
+}
+
+TEST_P(FailingCallOfItsOwn, TheErrorOfAConfinedUnlinkIsNotThatOfTheCloseBehindIt) {
+  Confine();
+  if (!StillServes()) GTEST_SKIP() << "this kernel has no openat2";
+  const FailingCalls unlink({.call = "unlink", .error = GetParam().value});
+  const FailingCalls close({.call = "close", .error = EBADF});
+  ASSERT_TRUE(Ask(UnlinkRequest{.path = kKnownFile}));
+  EXPECT_GE(close.Affected(), 1);
+  EXPECT_EQ(Errors(),
+            Texts{"set_unlink: set unlink error: " + std::string(std::strerror(GetParam().value))});
 }
 
 TEST_P(FailingCallOfItsOwn, ALargeReadWhoseFstatFailsGetsItsData) {

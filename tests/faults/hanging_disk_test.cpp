@@ -22,8 +22,7 @@
 namespace cpd::test {
 namespace {
 
-using std::chrono_literals::operator""ms;
-using std::chrono_literals::operator""s;
+using namespace std::chrono_literals;
 
 /// What the host may call while a disk hangs returns within this time: "at once" on a busy machine.
 constexpr auto kAtOnce = 1s;
