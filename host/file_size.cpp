@@ -14,6 +14,8 @@
 namespace cpd::host {
 namespace {
 
+using std::string_view_literals::operator""sv;
+
 constexpr int64_t kLimit = 10 << 20;
 
 /// Whether the disk's side lets a name have any size. It looks at the local path, of which the end
@@ -59,7 +61,7 @@ void SetFileSize(RemoteFiles& files, const std::string& path, int64_t size,
     const int64_t present = result.value.st_size;
     if (result.error != 0 || present == size) return done(result.error);
     if (present > size) return CutThroughLink(files, path, size, done);
-    files.Write(path, size - 1, std::string_view("", 1), report);
+    files.Write(path, size - 1, "\0"sv, report);
   });
 }
 

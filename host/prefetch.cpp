@@ -8,7 +8,8 @@ namespace cpd::host {
 namespace {
 
 constexpr size_t kMostRuns = 16;
-constexpr size_t kMostBatches = 8;  // of 1 MiB at most
+constexpr size_t kMostEntries = 200'000;  // of all their listings
+constexpr size_t kMostBatches = 8;        // of 1 MiB at most
 
 bool IsSame(const udisk_timespec& a, const udisk_timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -27,7 +28,12 @@ void Prefetch::Listed(const std::string& directory, SharedListing listing) {
   const std::lock_guard lock(mutex_);
   runs_.remove_if([&](const auto& run) { return run.first == directory; });
   runs_.emplace_front(directory, ReadingRun(std::move(listing)));
-  if (runs_.size() > kMostRuns) runs_.pop_back();
+  const auto entries = [this] {
+    size_t count = 0;
+    for (const auto& run : runs_) count += run.second.entries();
+    return count;
+  };
+  while (runs_.size() > kMostRuns || entries() > kMostEntries) runs_.pop_back();
 }
 
 void Prefetch::ReadToItsEnd(const std::string& path) {
@@ -39,7 +45,8 @@ void Prefetch::ReadToItsEnd(const std::string& path) {
     auto* run = FindRun(directory);
     if (run == nullptr) return;
     run->Step(NameOf(path));
-    MakeRoom();
+    DropStale();
+    if (batches_.size() >= kMostBatches) DropOldest();
     batch = Reserve(directory, run->NextBatch());
   }
   if (batch == nullptr) return;
@@ -77,6 +84,7 @@ void Prefetch::TakeAnswer(const std::shared_ptr<Batch>& batch, Result<SmallFiles
 bool Prefetch::Take(const std::string& path, const udisk_stat& known,
                     const std::function<bool(std::string_view content)>& use) {
   const std::lock_guard lock(mutex_);
+  DropStale();
   const auto found = places_.find(path);
   if (found == places_.end()) return false;
   const auto [batch, index] = found->second;
@@ -116,17 +124,24 @@ size_t Prefetch::Drop(const std::shared_ptr<Batch>& batch) {
   return unread;
 }
 
-void Prefetch::MakeRoom() {
-  batches_.remove_if([](const auto& batch) { return batch.expired(); });
+void Prefetch::DropStale() {
   while (!batches_.empty()) {
     const auto oldest = batches_.front().lock();
-    if (!oldest->IsStale() && batches_.size() < kMostBatches) return;
-    // What was got in vain came too early or too late.
-    const bool in_vain = Drop(oldest) > oldest->files.size() / 2;
-    auto* run = FindRun(DirectoryOf(oldest->files.front().path));
-    if (in_vain && run != nullptr) run->SlowDown();
-    batches_.pop_front();
+    if (oldest != nullptr && !oldest->IsStale()) break;
+    DropOldest();
   }
+  batches_.remove_if([](const auto& batch) { return batch.expired(); });
+}
+
+void Prefetch::DropOldest() {
+  // An answer may let go of its batch at any moment.
+  const auto oldest = batches_.front().lock();
+  batches_.pop_front();
+  if (oldest == nullptr) return;
+  // What was got in vain came too early or too late.
+  const bool in_vain = Drop(oldest) > oldest->files.size() / 2;
+  auto* run = FindRun(DirectoryOf(oldest->files.front().path));
+  if (in_vain && run != nullptr) run->SlowDown();
 }
 
 }  // namespace cpd::host

@@ -69,7 +69,8 @@ class Prefetch {
   void TakeAnswer(const std::shared_ptr<Batch>& batch, Result<SmallFilesData> result);
   ReadingRun* FindRun(const std::string& directory);
   size_t Drop(const std::shared_ptr<Batch>& batch);
-  void MakeRoom();
+  void DropStale();
+  void DropOldest();
 
   RemoteFiles& files_;
   const bool enabled_;

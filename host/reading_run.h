@@ -22,6 +22,8 @@ class ReadingRun {
 
   explicit ReadingRun(SharedListing listing) : listing_(std::move(listing)) {}
 
+  /// Of the listing.
+  [[nodiscard]] size_t entries() const { return listing_->entries.size(); }
   /// A file is read.
   void Step(std::string_view name);
   /// The files to get ahead of the program: none until its order shows, none while half of the last

@@ -9,9 +9,9 @@ build=(
   libfuse3-dev fuse3 libcli11-dev libfmt-dev # the host
 )
 test=(
-  libgtest-dev libbenchmark-dev libumockdev-dev umockdev
+  libgtest-dev libbenchmark-dev libumockdev-dev librapidcheck-dev umockdev
   clang-format
-  attr e2fsprogs mount ntfs-3g procps util-linux # programs that the tests run
+  attr e2fsprogs fio git mount ntfs-3g procps rsync sqlite3 tar util-linux # programs that the tests run
 )
 fuzz=(clang libclang-rt-dev llvm)
 

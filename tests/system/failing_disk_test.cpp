@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "mounted_disk.h"
 
@@ -222,22 +223,24 @@ TEST_F(DiskTurningReadOnly, RefusesEveryOtherChange) {
 
 using KilledHost = MountTest;
 
-/// Writes file after file in pieces of all sizes, until one of the calls fails.
+/// Writes file after file in ever smaller pieces, until one of the calls fails. They stay open up
+/// to then, as closing saves a file, too.
 void WriteFiles(const std::string& directory, std::atomic<int>& synced) {
-  for (;; ++synced) {
+  std::vector<int> open_files;
+  for (bool is_fine = true; is_fine;) {
     const auto content = Bytes(60'000, synced + 1);
     const std::string path = directory + '/' + std::to_string(synced);
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0) return;
-    bool is_fine = true;
-    for (size_t at = 0, piece = 1; at < content.size() && is_fine; at += piece, piece *= 2) {
-      const auto size = std::min(piece, content.size() - at);
-      is_fine = write(fd, content.data() + at, size) == static_cast<ssize_t>(size);
+    if (fd < 0) break;
+    open_files.push_back(fd);
+    for (size_t at = 0, piece = 0; at < content.size() && is_fine; at += piece) {
+      piece = (content.size() - at + 1) / 2;
+      is_fine = write(fd, content.data() + at, piece) == static_cast<ssize_t>(piece);
     }
     is_fine = is_fine && fsync(fd) == 0;
-    close(fd);
-    if (!is_fine) return;
+    if (is_fine) ++synced;
   }
+  for (const int fd : open_files) close(fd);
 }
 
 TEST_F(KilledHost, LosesNoByteOfAFileWhoseSyncHasReturned) {

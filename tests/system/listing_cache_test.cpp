@@ -124,6 +124,7 @@ TEST_P(KeptListing, ShowsAChangeThroughTheMountAtOnce) {
   EXPECT_EQ(Files(mounted.path()), Files(disk.path()));
   const auto names = Shell("ls -a " + mounted.path()).output;
   EXPECT_EQ(names, Shell("ls -a " + disk.path()).output);
+  EXPECT_EQ(mounted.Unmount().status, 0);
 }
 
 const auto kNamesAndSizes = testing::Values(
@@ -170,6 +171,7 @@ TEST_P(CheckedListing, ShowsAChangeOnTheDiskWithTheNextListing) {
   GetParam().make(disk.path());
   EXPECT_EQ(Shell("ls -a " + mounted.path()).output, Shell("ls -a " + disk.path()).output);
   EXPECT_EQ(Files(mounted.path()), Files(disk.path()));
+  EXPECT_EQ(mounted.Unmount().status, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(NamesAndSizes, CheckedListing, kNamesAndSizes,

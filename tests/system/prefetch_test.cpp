@@ -167,6 +167,7 @@ TEST_P(PrefetchedFile, ShowsAChangeThroughTheMountAtOnce) {
     EXPECT_EQ(ReadFile(mounted / Name(20)), GetParam().content);
     const auto ending = mounted.Unmount();
     EXPECT_GE(ending.Requests(123), 1) << ending.out;
+    EXPECT_EQ(ending.status, 0) << ending.err;
   }
 }
 
@@ -299,6 +300,7 @@ TEST_P(PrefetchHammer, AReaderNeverSeesWhatAFinishedWriteHasReplaced) {
   EXPECT_GT(reads, kHammered);
   const auto ending = mounted.Unmount();
   EXPECT_GE(ending.Requests(123), 1) << ending.out;
+  EXPECT_EQ(ending.status, 0) << ending.err;
 }
 
 INSTANTIATE_TEST_SUITE_P(, PrefetchHammer, testing::Values("--no-batch", "--no-dir-cache"),
