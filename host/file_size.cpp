@@ -48,21 +48,19 @@ void CutThroughLink(RemoteFiles& files, const std::string& path, int64_t size,
 
 }  // namespace
 
-void SetFileSize(RemoteFiles& files, const std::string& path, int64_t size,
-                 std::function<void(int error)> done) {
-  auto report = [&files, path, size, done](Outcome outcome) {
-    Report(files, outcome, path, size, done);
-  };
-  if (size <= kLimit || HasNoLimit(path)) {
-    return files.Truncate(path, static_cast<uint64_t>(size), std::move(report));
-  }
-  files.GetAttributes(path, [&files, path, size, done = std::move(done),
-                             report = std::move(report)](const Result<udisk_stat>& result) {
-    const int64_t present = result.value.st_size;
-    if (result.error != 0 || present == size) return done(result.error);
-    if (present > size) return CutThroughLink(files, path, size, done);
-    files.Write(path, size - 1, "\0"sv, report);
-  });
+bool TakesSize(std::string_view path, int64_t size) { return size <= kLimit || HasNoLimit(path); }
+
+void SetLargeSize(RemoteFiles& files, const std::string& path, int64_t size,
+                  std::function<void(int error)> done) {
+  files.GetAttributes(
+      path, [&files, path, size, done = std::move(done)](const Result<udisk_stat>& result) {
+        const int64_t present = result.value.st_size;
+        if (result.error != 0 || present == size) return done(result.error);
+        if (present > size) return CutThroughLink(files, path, size, done);
+        files.Write(path, size - 1, "\0"sv, [&files, path, size, done](Outcome outcome) {
+          Report(files, outcome, path, size, done);
+        });
+      });
 }
 
 }  // namespace cpd::host

@@ -109,6 +109,7 @@ void FuseMount::Serve(const sigset_t& stop_signals) {
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   writes_.Drain();
   RemoveHiddenFiles();
+  files_.WaitForChanges();
   session_.Stop();
   fuse_session_unmount(fuse_.get());
   fuse_remove_signal_handlers(fuse_.get());

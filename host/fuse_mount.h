@@ -99,6 +99,7 @@ class FuseMount {
   void Rename(fuse_req_t request, fuse_ino_t parent, const char* name, fuse_ino_t new_parent,
               const char* new_name, unsigned flags);
 
+  struct AttributeChange;
   struct Making;
   struct Renaming;
   void MakeFile(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
@@ -115,7 +116,7 @@ class FuseMount {
   void ReplyAttributes(fuse_req_t request, fuse_ino_t node, bool is_hidden,
                        const Result<udisk_stat>& result);
   void ReplyChangedAttributes(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
-                              const std::shared_ptr<Outcome>& outcome);
+                              const std::shared_ptr<AttributeChange>& change);
   void ReplyFailure(fuse_req_t request, Outcome outcome, Attempt attempt);
   void ReplyDone(fuse_req_t request);
   /// A handle's listing, and what it knows of the time when it was made.

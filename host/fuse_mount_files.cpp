@@ -123,6 +123,12 @@ void FuseMount::Release(fuse_req_t request, fuse_ino_t node, fuse_file_info* han
   }
 }
 
+/// The last thing that a change of attributes could not do.
+struct FuseMount::AttributeChange {
+  Outcome outcome = Outcome::kDone;
+  Attempt attempt = {};
+};
+
 /// Times are taken and not set: the protocol cannot, and tar, cp -p, rsync or touch would fail.
 void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
                               fuse_file_info* /*handle*/) {
@@ -139,38 +145,47 @@ void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* 
     return void(fuse_reply_err(request, ENOTSUP));
   }
 
-  const auto outcome = std::make_shared<Outcome>(Outcome::kDone);
-  const auto keep_failure = [outcome](Outcome one) {
-    if (one != Outcome::kDone) *outcome = one;
+  const auto change = std::make_shared<AttributeChange>();
+  const auto keep_failure = [change, path](Kind kind, int64_t end) {
+    return [change, attempt = Attempt{.kind = kind, .path = path, .end = end}](Outcome outcome) {
+      if (outcome != Outcome::kDone) *change = {.outcome = outcome, .attempt = attempt};
+    };
   };
   if (sets_owner) {
     files_.ChangeOwner(path, (which & FUSE_SET_ATTR_UID) != 0 ? wanted->st_uid : ~0U,
-                       (which & FUSE_SET_ATTR_GID) != 0 ? wanted->st_gid : ~0U, keep_failure);
+                       (which & FUSE_SET_ATTR_GID) != 0 ? wanted->st_gid : ~0U,
+                       keep_failure(Kind::kChangeAttributes, 0));
   }
-  if (sets_mode) files_.ChangeMode(path, wanted->st_mode, keep_failure);
-  if ((which & FUSE_SET_ATTR_SIZE) == 0) {
-    return ReplyChangedAttributes(request, node, *file, outcome);
+  if (sets_mode) {
+    files_.ChangeMode(path, wanted->st_mode, keep_failure(Kind::kChangeAttributes, 0));
   }
-  const OwnerAccess access(files_, path, sets_mode ? wanted->st_mode : file->attributes.st_mode);
-  SetFileSize(files_, path, wanted->st_size,
-              [this, request, node, file = *file, outcome](int error) {
-                if (error != 0) return void(fuse_reply_err(request, error));
-                open_files_.NoteWrite(node);
-                ReplyChangedAttributes(request, node, file, outcome);
-              });
+  const int64_t size = wanted->st_size;
+  if ((which & FUSE_SET_ATTR_SIZE) != 0) {
+    open_files_.NoteWrite(node);
+    if (!TakesSize(path, size)) {
+      return SetLargeSize(files_, path, size,
+                          [this, request, node, file = *file, change](int error) {
+                            if (error != 0) return void(fuse_reply_err(request, error));
+                            ReplyChangedAttributes(request, node, file, change);
+                          });
+    }
+    const OwnerAccess access(files_, path, sets_mode ? wanted->st_mode : file->attributes.st_mode);
+    files_.Truncate(path, static_cast<uint64_t>(size), keep_failure(Kind::kWrite, size));
+  }
+  ReplyChangedAttributes(request, node, *file, change);
 }
 
 /// Asks for the attributes behind the changes that are under way.
 void FuseMount::ReplyChangedAttributes(fuse_req_t request, fuse_ino_t node,
                                        const NodeTable::File& file,
-                                       const std::shared_ptr<Outcome>& outcome) {
-  files_.GetAttributes(file.path, [this, request, node, file,
-                                   outcome](const Result<udisk_stat>& result) {
+                                       const std::shared_ptr<AttributeChange>& change) {
+  files_.GetAttributes(file.path, [this, request, node, is_hidden = file.is_hidden,
+                                   change](const Result<udisk_stat>& result) {
     ++changes_;
-    if (*outcome != Outcome::kDone) {
-      return ReplyFailure(request, *outcome, {.kind = Kind::kChangeAttributes, .path = file.path});
+    if (change->outcome != Outcome::kDone) {
+      return ReplyFailure(request, change->outcome, change->attempt);
     }
-    ReplyAttributes(request, node, file.is_hidden, result);
+    ReplyAttributes(request, node, is_hidden, result);
   });
 }
 

@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <functional>
-#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -217,13 +216,7 @@ void FuseMount::LiftHiddenFiles(fuse_ino_t parent, const std::string& name,
 
 /// For the end, when nobody can have them open any more.
 void FuseMount::RemoveHiddenFiles() {
-  const auto paths = nodes_.HiddenPaths();
-  if (paths.empty()) return;
-  for (const auto& path : paths) files_.Unlink(path, [](Outcome) {});
-  // Behind all others.
-  const auto last = std::make_shared<std::promise<void>>();
-  files_.Flush("/", [last](Outcome) { last->set_value(); });
-  last->get_future().wait();
+  for (const auto& path : nodes_.HiddenPaths()) files_.Unlink(path, [](Outcome) {});
 }
 
 // ---- Renaming ----

@@ -1,6 +1,7 @@
 // The protocol's requests as typed questions. Paths begin with '/' at the disk's root.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -127,6 +128,8 @@ class RemoteFiles {
   void Flush(const std::string& path, Told told);
   /// Brings a file's data to the disk, if it can.
   void Release(const std::string& path, Told told);
+  /// Waits until every change that was sent is answered. Not to be called by who delivers replies.
+  void WaitForChanges() const;
 
  private:
   void Write(WriteHead head, const std::string& path, std::string_view data, Told told);
@@ -137,6 +140,7 @@ class RemoteFiles {
 
   Session& session_;
   const Changed changed_;
+  std::atomic<int> unanswered_ = 0;  // changes
 };
 
 }  // namespace cpd::host

@@ -697,6 +697,20 @@ TEST_F(Ends, ByASignalUnderLargeWritesLoseNothingThatWasTaken) {
   StopUnderAWriter(disk, {}, 300'000);
 }
 
+TEST_F(Ends, ByASignalLeaveTheModeThatAFileWasGiven) {
+  for (int round = 0; round < 10; ++round) {
+    MountedDisk mounted(disk.path());
+    const auto name = "file" + std::to_string(round);
+    {
+      Fd file(mounted / name, O_RDWR | O_CREAT | O_EXCL, 0444);
+      EXPECT_EQ(ftruncate(file.get(), 10), 0) << strerror(errno);
+      EXPECT_EQ(file.Stat().st_mode & 07777U, 0444U);
+    }
+    EXPECT_EQ(mounted.Unmount().status, 0);
+    EXPECT_EQ(Stat(disk / name).st_mode & 07777U, 0444U);
+  }
+}
+
 TEST_F(Ends, ByAKillLoseNothingThatWasSynced) {
   MountedDisk mounted(disk.path());
   const auto content = Bytes(kMiB);
