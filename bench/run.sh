@@ -19,9 +19,10 @@ esac
 
 if [[ -z ${UDISK_BENCH_PROGRAM:-} ]]; then
   cmake --preset release >/dev/null
-  cmake --build --preset release --target udisk_bench -j2 >/dev/null
+  cmake --build --preset release --target udisk_bench udisk_mount_bench -j2 >/dev/null
 fi
 bench=${UDISK_BENCH_PROGRAM:-build/release/bin/udisk_bench}
+mount_bench=$(dirname "$bench")/udisk_mount_bench
 
 # System calls that so many reads make, one "name count" a line.
 count_calls() {
@@ -52,6 +53,8 @@ system_calls() {
 measure() {
   printf '%s\n\n### Against the limit\n\n' "$(machine)"
   "$bench" --ratios "$turns" || [[ $? -eq 1 ]]  # 1: a ratio is out of its bound, as its row says
+  printf '\n### What the accelerators of a mount gain\n\n'
+  "$mount_bench" || [[ $? -eq 1 ]]
   printf '\n### System calls of an unpaced read\n\n'
   system_calls
   printf '\n### Resident memory\n\n'

@@ -36,12 +36,13 @@ SampleDisk::~SampleDisk() {
   std::filesystem::remove_all(root_, ignored);
 }
 
-const std::string& SampleDisk::Directory(int files) {
+const std::string& SampleDisk::Directory(int files, size_t bytes) {
   const auto [at, is_new] = directories_.try_emplace(files, "/" + std::to_string(files) + "/files");
   if (is_new) {
     // In a parent of its own: ".." is part of a listing and must not change when another is made.
     std::filesystem::create_directories(root_ + at->second);
-    for (int i = 0; i < files; ++i) WriteFile(root_ + at->second + "/" + FileName(i), {});
+    for (int i = 0; i < files; ++i)
+      WriteFile(root_ + at->second + "/" + FileName(i), std::vector<char>(bytes, 'x'));
     ::sync();  // no write-back during a measurement
   }
   return at->second;

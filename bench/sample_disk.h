@@ -21,8 +21,9 @@ class SampleDisk {
   [[nodiscard]] const std::string& root() const { return root_; }
   /// A file of kBigFileSize bytes, relative to the root.
   [[nodiscard]] const std::string& big_file() const { return big_file_; }
-  /// A directory of so many empty files, relative to the root; made when first asked for.
-  const std::string& Directory(int files);
+  /// A directory of so many files, each of `bytes`, relative to the root; made when first asked
+  /// for.
+  const std::string& Directory(int files, size_t bytes = 0);
   /// The name of one of them.
   static std::string FileName(int number);
 

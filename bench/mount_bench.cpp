@@ -1,0 +1,142 @@
+// udisk_mount_bench [TURNS]   what the accelerators of a mount gain, each against the mount without
+// it
+//
+// Prints a table as udisk_bench --ratios does.
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "sample_disk.h"
+#include "system/mounted_disk.h"
+
+namespace cpd::bench {
+namespace {
+
+using system_test::MountedDisk;
+
+constexpr int kPieces = 256;
+constexpr int kPieceBytes = 100;
+constexpr int kFiles = 10'000;
+constexpr size_t kFileBytes = 4096;
+
+void Expect(bool holds, const char* what) {
+  if (!holds) throw std::runtime_error(std::string("benchmark: ") + what);
+}
+
+double SecondsOf(const std::function<void()>& work) {
+  const auto begin = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+/// Writes pieces all over a file and sees them to the disk.
+double WritePieces(const std::string& path) {
+  const std::string piece(kPieceBytes, 'p');
+  const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  Expect(fd >= 0, "open failed");
+  const double seconds = SecondsOf([&] {
+    for (int i = 0; i < kPieces; ++i) {
+      // Neither in order nor side by side.
+      const off_t offset = off_t{i} * 7919 % kPieces * 10'000;
+      Expect(pwrite(fd, piece.data(), kPieceBytes, offset) == kPieceBytes, "pwrite failed");
+    }
+    Expect(fsync(fd) == 0, "fsync failed");
+  });
+  close(fd);
+  return seconds;
+}
+
+/// Lists a directory and reads all its files.
+double ReadFiles(const std::string& path) {
+  std::string buffer(2 * kFileBytes, '\0');
+  return SecondsOf([&] {
+    std::vector<std::string> names;
+    DIR* const directory = opendir(path.c_str());
+    Expect(directory != nullptr, "opendir failed");
+    while (const dirent* entry = readdir(directory)) {
+      if (entry->d_name[0] != '.') names.emplace_back(entry->d_name);
+    }
+    closedir(directory);
+    Expect(names.size() == kFiles, "files are missing");
+    for (const std::string& name : names) {
+      const int fd = open((path + "/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+      Expect(read(fd, buffer.data(), buffer.size()) == ssize_t{kFileBytes}, "read failed");
+      close(fd);
+    }
+  });
+}
+
+struct Row {
+  const char* name;
+  const char* without;  ///< the option that switches the accelerator off
+  const char* target;   ///< on the disk
+  double (*work)(const std::string& path);
+  int operations;
+  double bound;
+};
+
+double Median(std::vector<double> values) {
+  std::ranges::nth_element(values, values.begin() + static_cast<long>(values.size() / 2));
+  return values[values.size() / 2];
+}
+
+/// A mount of its own for every turn, so that nothing is in the kernel's caches.
+bool PrintRow(const Row& row, const SampleDisk& disk, int turns) {
+  std::vector<double> without;
+  std::vector<double> with;
+  std::vector<double> ratios;
+  for (int i = 0; i < turns; ++i) {
+    const auto seconds = [&](const std::vector<std::string>& options) {
+      MountedDisk mount(disk.root(), options);
+      return row.work(mount / row.target);
+    };
+    const double slow = seconds({row.without});
+    const double fast = seconds({});
+    without.push_back(row.operations / slow);
+    with.push_back(row.operations / fast);
+    ratios.push_back(slow / fast);
+  }
+  const double ratio = Median(ratios);
+  const auto [least, most] = std::ranges::minmax(ratios);
+  std::printf("| %s | %.4g | %.4g | **%.2f** | %.2f–%.2f | ≥ %g | %s |\n", row.name,
+              Median(without), Median(with), ratio, least, most, row.bound,
+              ratio >= row.bound ? "ok" : "below");
+  std::fflush(stdout);
+  return ratio >= row.bound;
+}
+
+int Run(int turns) {
+  SampleDisk disk("/dev/shm");
+  const std::string directory = disk.Directory(kFiles, kFileBytes);
+  std::puts("| what | without, a second | with, a second | ratio | range | bound | |");
+  std::puts("|---|--:|--:|--:|--:|--:|---|");
+  bool ok = PrintRow(
+      {"pieces of 100 bytes, 256 and an fsync", "--no-batch", "big", WritePieces, kPieces, 20},
+      disk, turns);
+  ok &= PrintRow({"files of 4 KiB, 10 000 listed and read", "--no-prefetch", directory.c_str() + 1,
+                  ReadFiles, kFiles, 3},
+                 disk, turns);
+  return ok ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace cpd::bench
+
+int main(int argc, char** argv) {
+  try {
+    return cpd::bench::Run(argc > 1 ? std::atoi(argv[1]) : 9);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "udisk_mount_bench: %s\n", error.what());
+    return 2;
+  }
+}
