@@ -1,5 +1,6 @@
 #include "bench_host.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <map>
@@ -13,10 +14,14 @@
 
 // ---- What a driver module calls by name ----
 
+namespace {
+std::atomic<bool> g_print_errors = true;
+}  // namespace
+
 extern "C" void tesselLogPrint(int /*channel*/, int level, const char* /*tag*/, const char* format,
                                ...) {
   constexpr int kError = 7;
-  if (level < kError) return;
+  if (level < kError || !g_print_errors.load(std::memory_order_relaxed)) return;
   va_list arguments;
   va_start(arguments, format);
   std::vfprintf(stderr, format, arguments);
@@ -35,14 +40,17 @@ CpdTracer* CpdTracer::GetInstance() {
 
 namespace cpd::bench {
 
+void PrintErrors(bool print) { g_print_errors = print; }
+
 // ---- Device ----
 
 namespace {
 
 class BenchBase : public CpdDeviceBase {
  public:
-  explicit BenchBase(const std::string& root)
-      : params_(R"({"letter":")" + root + R"(","label":"","name":"bench","readOnly":0})") {}
+  BenchBase(const std::string& root, std::shared_ptr<CpdPathFilter> filter)
+      : params_(R"({"letter":")" + root + R"(","label":"","name":"bench","readOnly":0})"),
+        filter_(std::move(filter)) {}
 
   std::string GetDeviceParams() override { return params_; }
   void TraceEvent(const std::string& /*id*/, const std::string& /*event*/,
@@ -50,15 +58,17 @@ class BenchBase : public CpdDeviceBase {
   void TraceEventDetail(const std::string& /*id*/, const std::string& /*detail*/,
                         const std::string& /*event*/,
                         const std::map<std::string, std::string>& /*fields*/) override {}
-  std::shared_ptr<CpdPathFilter> GetPathFilter() override { return nullptr; }
+  std::shared_ptr<CpdPathFilter> GetPathFilter() override { return filter_; }
 
  private:
-  std::string params_;
+  const std::string params_;
+  const std::shared_ptr<CpdPathFilter> filter_;
 };
 
 }  // namespace
 
-BenchDevice::BenchDevice(const std::string& root) : base_(std::make_shared<BenchBase>(root)) {}
+BenchDevice::BenchDevice(const std::string& root, std::shared_ptr<CpdPathFilter> filter)
+    : base_(std::make_shared<BenchBase>(root, std::move(filter))) {}
 
 int BenchDevice::GetDevId() { return test::kDeviceId; }
 

@@ -1,4 +1,4 @@
-// The cheapest host that a driver can have: log lines below errors are dropped, nothing is traced,
+// The cheapest host that a driver can have: log lines below errors are dropped, traces go nowhere,
 // replies go to the thread that measures.
 #pragma once
 
@@ -13,10 +13,14 @@
 
 namespace cpd::bench {
 
+/// Whether error lines go to standard error; at first they do.
+void PrintErrors(bool print);
+
 class BenchDevice : public CpdDevice {
  public:
-  /// @param root  the disk's local path
-  explicit BenchDevice(const std::string& root);
+  /// @param root    the disk's local path
+  /// @param filter  decides which reads and writes are traced; none = no one
+  explicit BenchDevice(const std::string& root, std::shared_ptr<CpdPathFilter> filter = nullptr);
 
   std::shared_ptr<CpdDeviceBase> getDevBase() override { return base_; }
   int GetDevId() override;

@@ -3,9 +3,6 @@
 // Many drivers in one process under mixed traffic, bandwidth announcements and policy changes,
 // opened and closed at random. Prints resident memory, descriptors and threads, and ends with 1
 // when they grow after the warm-up or do not go back at the end.
-#include <dirent.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -15,7 +12,6 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -23,38 +19,21 @@
 #include <thread>
 #include <vector>
 
+#include "bench_host.h"
 #include "cpd/device.h"
 #include "cpd/driver.h"
-#include "cpd/log.h"
 #include "cpd/packet.h"
-#include "cpd/tracer.h"
 #include "sample_disk.h"
 #include "support/requests.h"
 #include "support/write_requests.h"
 #include "udisk.h"
 
-// ---- The host: everything is counted and dropped ----
-
-namespace {
-std::atomic<uint64_t> g_log_lines = 0;
-}  // namespace
-
-extern "C" void tesselLogPrint(int /*channel*/, int /*level*/, const char* /*tag*/,
-                               const char* /*format*/, ...) {
-  g_log_lines.fetch_add(1, std::memory_order_relaxed);
-}
-
-namespace cpd {
-
-CpdTracer* CpdTracer::GetInstance() {
-  static CpdTracer tracer;
-  return &tracer;
-}
-
-namespace bench {
+namespace cpd::bench {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// ---- The host: replies are counted and dropped ----
 
 std::atomic<uint64_t> g_replies = 0;
 
@@ -65,36 +44,13 @@ class EveryPath : public CpdPathFilter {
   }
 };
 
-class SoakBase : public CpdDeviceBase {
+class SoakDevice : public BenchDevice {
  public:
-  explicit SoakBase(const std::string& root)
-      : params_(R"({"letter":")" + root + R"(","label":"","name":"soak","readOnly":0})") {}
-  std::string GetDeviceParams() override { return params_; }
-  void TraceEvent(const std::string& /*id*/, const std::string& /*event*/,
-                  const std::map<std::string, std::string>& /*fields*/) override {}
-  void TraceEventDetail(const std::string& /*id*/, const std::string& /*detail*/,
-                        const std::string& /*event*/,
-                        const std::map<std::string, std::string>& /*fields*/) override {}
-  std::shared_ptr<CpdPathFilter> GetPathFilter() override { return filter_; }
-
- private:
-  const std::string params_;
-  const std::shared_ptr<CpdPathFilter> filter_ = std::make_shared<EveryPath>();
-};
-
-class SoakDevice : public CpdDevice {
- public:
-  explicit SoakDevice(const std::string& root) : base_(std::make_shared<SoakBase>(root)) {}
-  std::shared_ptr<CpdDeviceBase> getDevBase() override { return base_; }
-  int GetDevId() override { return test::kDeviceId; }
+  using BenchDevice::BenchDevice;
   int SendPacket(std::unique_ptr<CpdPacket> /*packet*/, int /*flags*/) override {
     g_replies.fetch_add(1, std::memory_order_relaxed);
     return 0;
   }
-  void ReportReadFail(const std::string& /*path*/) override {}
-
- private:
-  const std::shared_ptr<CpdDeviceBase> base_;
 };
 
 // ---- Traffic ----
@@ -116,7 +72,8 @@ std::vector<std::string> Traffic() {
 /// One disk and the driver on it, which comes and goes. Operations may come from any thread.
 class Slot {
  public:
-  explicit Slot(const std::string& root) : root_(root), device_(root) {
+  explicit Slot(const std::string& root)
+      : root_(root), device_(root, std::make_shared<EveryPath>()) {
     std::filesystem::create_directories(root + test::kKnownDir);
     std::ofstream(root + test::kKnownFile) << "known content";
     std::ofstream(root + "/big") << std::string(1 << 20, 'x');
@@ -259,6 +216,7 @@ bool IsFlat(const std::vector<Usage>& samples, size_t drivers) {
 
 int Run(std::chrono::seconds length, int drivers) {
   constexpr int kHostThreads = 4;
+  PrintErrors(false);  // a request for what another one has just renamed fails
   const SampleDisk place;
   const std::vector<std::string> traffic = Traffic();
   std::thread([] {}).join();  // with the first one a sanitizer starts one of its own
@@ -295,8 +253,7 @@ int Run(std::chrono::seconds length, int drivers) {
 }
 
 }  // namespace
-}  // namespace bench
-}  // namespace cpd
+}  // namespace cpd::bench
 
 int main(int argc, char** argv) {
   try {
