@@ -152,14 +152,12 @@ class Session {
   /// Delivers a packet and checks what comes back. @return whether the disk may have changed
   bool Deliver(std::unique_ptr<CpdPacket> packet) {
     const CpdPacketHeader asked = *packet->header;
-    // 100 makes its directory in the user's home, wherever the disk is.
-    const bool stays_inside = confined_ && asked.cmd != kMountRemote;
-    const std::string before = stays_inside ? StateBeside() : "";
+    const std::string before = confined_ ? StateBeside() : "";
     udisk_->EventHandle(std::move(packet));
     const std::vector<SentPacket> sent = device_.TakeSent();
     Expect(sent.size() <= 1, "one answer at most");
     if (!sent.empty()) Check(asked, sent.front());
-    if (stays_inside) {
+    if (confined_) {
       Expect(StateBeside() == before, "a confined request changes nothing beside the disk");
       Expect(sent.empty() || sent.front().payload.find(kSecret) == std::string::npos,
              "a confined request reads nothing beside the disk");
