@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <stdexcept>
 #include <utility>
@@ -81,8 +82,9 @@ void BenchDevice::ReportReadFail(const std::string& /*path*/) {}
 
 // ---- Driver ----
 
-BenchDriver::BenchDriver(const std::string& root)
-    : device_(root), driver_(udisk_open(&device_, "")) {
+BenchDriver::BenchDriver(const std::string& root, bool confined) : device_(root) {
+  setenv("TESSEL_CPD_CLIENT_CONFINE", confined ? "1" : "0", 1);  // read when a driver opens
+  driver_.reset(udisk_open(&device_, ""));
   if (driver_ == nullptr) throw std::runtime_error("the driver does not open");
   while (TakeReply()->header->cmd != kMountRemote) {  // the last of what a driver says at its start
   }

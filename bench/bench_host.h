@@ -38,7 +38,8 @@ class BenchDevice : public CpdDevice {
 /// An open driver that has announced its disk.
 class BenchDriver {
  public:
-  explicit BenchDriver(const std::string& root);
+  /// @param confined  whether it keeps paths beneath `root`; sets this process's environment
+  explicit BenchDriver(const std::string& root, bool confined = false);
   ~BenchDriver();
   BenchDriver(const BenchDriver&) = delete;
   BenchDriver& operator=(const BenchDriver&) = delete;

@@ -210,8 +210,8 @@ namespace {
 
 class Module {
  public:
-  Module(SampleDisk& disk, FileWork work)
-      : work_(work), offsets_(work.bytes), driver_(disk.root()) {
+  Module(SampleDisk& disk, FileWork work, bool confined)
+      : work_(work), offsets_(work.bytes), driver_(disk.root(), confined) {
     for (const test::Request& request : Requests(disk)) requests_.push_back(request.Bytes());
   }
 
@@ -264,8 +264,8 @@ class Module {
 
 }  // namespace
 
-Load ModuleLoop(SampleDisk& disk, FileWork work, int outstanding) {
-  return [module = std::make_shared<Module>(disk, work), outstanding](int operations) {
+Load ModuleLoop(SampleDisk& disk, FileWork work, int outstanding, bool confined) {
+  return [module = std::make_shared<Module>(disk, work, confined), outstanding](int operations) {
     return SecondsOfLoop(
         operations, outstanding, [&] { module->Send(); }, [&] { module->Await(); });
   };

@@ -34,7 +34,8 @@ struct FileWork {
 /// heap blocks to each other, one a request and one a reply, and the bare system calls.
 Load LimitLoop(SampleDisk& disk, FileWork work, int outstanding);
 /// The same from onEvent to SendPacket.
-Load ModuleLoop(SampleDisk& disk, FileWork work, int outstanding);
+/// @param confined  whether the driver keeps paths beneath the disk's root
+Load ModuleLoop(SampleDisk& disk, FileWork work, int outstanding, bool confined = false);
 
 // ---- Directories of so many files, one operation at a time ----
 

@@ -75,6 +75,13 @@ std::vector<Row> Rows(SampleDisk& disk, SampleDisk& memory_disk) {
            .one_core = alone});
     }
   }
+  static constexpr FileWork kSmallRead{FileWork::kRead, 4 << 10};
+  rows.push_back({.name = "file_read of 4 KiB, confined, against plain, one core",
+                  .operations = 25'000,
+                  .make_base = [&disk] { return ModuleLoop(disk, kSmallRead, 1); },
+                  .make_compared = [&disk] { return ModuleLoop(disk, kSmallRead, 1, true); },
+                  .kind = Row::kShareOfTheBasesRate,
+                  .bound = 0.85});
   constexpr int kMany = 10'000;
   constexpr int kVeryMany = 100'000;
   rows.push_back({.name = "dir_read of 10 000 files, against the bare walk",
