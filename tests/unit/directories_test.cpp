@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/between_passes.h"
 #include "support/expectations.h"
 #include "support/local_records.h"
 #include "support/operator_fixture.h"
@@ -394,6 +395,23 @@ TEST_F(CheckDir, WithACacheThatDoesNotWalkCleanlyGetsAFullReply) {
     ExpectListing(request);  // fewer entries than counted
   }
   ExpectNoUpdate(good);
+}
+
+TEST_F(CheckDir, OfADirectoryThatGetsLongerNamesWhileItIsReadGetsAFullReply) {
+  MakeSettledDir("/dir");
+  const std::string short_names = "abcdefgh";
+  for (const char name : short_names) disk.MakeFile("/dir/" + std::string(1, name), "");
+  const CheckDirRequest check = Check(Listed());
+  const BetweenPasses grows([&] {
+    for (const char name : short_names) {
+      disk.Remove("/dir/" + std::string(1, name));
+      disk.MakeFile("/dir/" + std::string(250, name), "");
+    }
+  });
+  const auto reply = Ask(check);
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->entry_count, check.cached_count) << "as the first pass counted them";
+  EXPECT_EQ(reply->listing.size(), check.cached.size());
 }
 
 TEST_F(CheckDir, WithACacheLengthLargerThanItsEntriesGetsNoReply) {

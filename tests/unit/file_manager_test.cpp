@@ -1,5 +1,4 @@
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,13 +10,13 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "file_manager_linux.h"
+#include "support/between_passes.h"
 #include "support/fake_host.h"
 #include "support/fake_sync.h"
 #include "support/requests.h"
@@ -25,18 +24,10 @@
 
 namespace {
 
-/// Runs between the two passes over a directory.
-std::function<void()> g_on_rewind;
 /// What statfs answers, when set.
 std::optional<struct statfs> g_statfs;
 
 }  // namespace
-
-extern "C" __attribute__((visibility("default"))) void rewinddir(DIR* directory) noexcept {
-  static const auto real = reinterpret_cast<void (*)(DIR*)>(dlsym(RTLD_NEXT, "rewinddir"));
-  if (g_on_rewind) g_on_rewind();
-  real(directory);
-}
 
 extern "C" __attribute__((visibility("default"))) int statfs(const char* path,
                                                              struct statfs* out) noexcept {
@@ -55,7 +46,6 @@ class FileManagerTest : public ::testing::Test {
   FileManagerTest() : umask_(umask(0)) { Log().Clear(); }
   ~FileManagerTest() override {
     umask(umask_);
-    g_on_rewind = nullptr;
     g_statfs.reset();
   }
 
@@ -606,11 +596,11 @@ TEST_F(FileManagerTest, ReadDirGivesAFirstEntryThatCannotBeLookedAtZeros) {
 TEST_F(FileManagerTest, ReadDirOfADirectoryThatGrowsStaysInItsRoom) {
   disk.MakeDir("/dir");
   disk.MakeFile("/dir/a", "");
-  g_on_rewind = [&] {
+  const BetweenPasses grows([&] {
     for (int i = 0; i < 50; ++i) {
       disk.MakeFile("/dir/" + std::string(200, 'x') + std::to_string(i), "");
     }
-  };
+  });
   Listing listing;
   ASSERT_EQ(listing.Read(&files, disk.Local("/dir")), 0);
   EXPECT_EQ(listing.attr.entry_count, 3U);
@@ -622,10 +612,10 @@ TEST_F(FileManagerTest, ReadDirOfADirectoryThatShrinksLeavesTheRestZero) {
   disk.MakeDir("/dir");
   disk.MakeFile("/dir/a", "");
   disk.MakeFile("/dir/b", "");
-  g_on_rewind = [&] {
+  const BetweenPasses shrinks([&] {
     disk.Remove("/dir/a");
     disk.Remove("/dir/b");
-  };
+  });
   Listing listing;
   ASSERT_EQ(listing.Read(&files, disk.Local("/dir")), 0);
   EXPECT_EQ(listing.attr.entry_count, 4U);

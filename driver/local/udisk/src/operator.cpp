@@ -942,7 +942,9 @@ int64_t UDiskOperator::check_dir(unsigned char header_length, CpdPacket* request
   if (WalksCleanly(cache, in.head.entry_count) &&
       compare_cache(in.head.entry_count, static_cast<int>(listing.entry_count), cache.data(),
                     listing.buf) == 1) {
+  // One that changed between the two passes of its reading need not walk cleanly either.
     LOG_DEBUG("========== not update==========");
+      WalksCleanly(listing.bytes(), static_cast<int>(listing.entry_count)) &&
     return -1;
   }
   Reply reply = ListingReply(header_length, request, &in, listing);
