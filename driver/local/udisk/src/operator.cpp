@@ -272,11 +272,12 @@ void UDiskOperator::throttleRead(uint32_t bytes, BulkRead kind) {
     drop_stale();
     force(static_cast<int64_t>(getCurrentTime()));
   }
-  if (readBwKbps == 0) return;
+  const uint32_t kbps = readBwKbps;  // once: a 0 that is announced meanwhile is no rate
+  if (kbps == 0) return;
   if (legacyThrottle) {
     throttleLegacy(bytes, kind);
   } else {
-    tokenBucket.updateRate(readBwKbps);
+    tokenBucket.updateRate(kbps);
     tokenBucket.consume(bytes);
   }
 }
