@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "cpd/driver_obj.h"
 #include "udisk_log.h"
@@ -235,7 +236,8 @@ class UDiskOperator : public UdiskOperatorInf {
 
  private:
   std::string CopyMountPoint();
-  std::list<std::shared_ptr<VolumeRecord>> CopyVolumes();
+  /// The mount point and, of the same moment, its volumes.
+  std::pair<std::string, std::list<std::shared_ptr<VolumeRecord>>> CopyMount();
   void throttleLegacy(uint32_t bytes, BulkRead kind);
   /// Traces a read or write of a file that the host's path filter matches. @return whether it does
   bool TraceFile(const char* event, bool success, const char* text, const char* relative_path,

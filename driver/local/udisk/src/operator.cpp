@@ -492,7 +492,7 @@ int64_t UDiskOperator::get_xattr(unsigned char header_length, CpdPacket* request
 // beginning of their label. After a change all of them are refreshed and sent, else the first only:
 // deliberately unlike.
 int64_t UDiskOperator::get_statvfs(unsigned char header_length, CpdPacket* request) {
-  const std::string mount_point = CopyMountPoint();
+  const auto [mount_point, volumes] = CopyMount();
   PathRequest<StatvfsHead> in(request, mount_point);
   if (!in.ok()) return Dropped("get_statvfs");
   const std::string label(FirstComponent(in.relative_path()));
@@ -504,7 +504,7 @@ int64_t UDiskOperator::get_statvfs(unsigned char header_length, CpdPacket* reque
   Reply reply(request, header_length, sizeof in.head + in.path.size() + sizeof(udisk_statvfs));
   const int capacity = reply.capacity();  // as made; several records grow it
   reply.Append(in.head).Append(in.path);
-  for (const auto& volume : CopyVolumes()) {
+  for (const auto& volume : volumes) {
     if (std::strncmp(volume->label, label.c_str(), label.size()) != 0) continue;
     if (modified == 0) {
       reply.Append(volume->stat);
@@ -520,9 +520,9 @@ int64_t UDiskOperator::get_statvfs(unsigned char header_length, CpdPacket* reque
   return Send(reply.Take());
 }
 
-std::list<std::shared_ptr<VolumeRecord>> UDiskOperator::CopyVolumes() {
+std::pair<std::string, std::list<std::shared_ptr<VolumeRecord>>> UDiskOperator::CopyMount() {
   const std::lock_guard lock(mLock);
-  return mVolumes;
+  return {mMountPoint, mVolumes};
 }
 
 // ---- Open files: 103, 104, 109 to 112, 119, 120 ----
