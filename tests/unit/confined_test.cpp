@@ -636,6 +636,7 @@ TEST_F(ConfinedTest, ALinkSwappedInMeanwhileLeadsNowhere) {
   disk.MakeFile("/swapped/secret.txt", inside);
   disk.MakeLink("/link", "../outside");
   disk.MakeDir("/a/b/c");
+  disk.MakeDir("/d");
   const auto before = Snapshot(outside.path);
   const auto siblings = Snapshot(disk.letter() + "DISK2");
 
@@ -688,6 +689,10 @@ TEST_F(ConfinedTest, ALinkSwappedInMeanwhileLeadsNowhere) {
     Ask(LinkRequest{.path = file, .new_path = "/taken"});
     Ask(UnlinkRequest{.path = "/taken"});
     Ask(RenameRequest{.path = "/f", .new_path = "/swapped/f"});
+    Ask(RenameRequest{.path = "/f", .new_path = "/swapped/"});
+    Ask(RenameRequest{.path = "/d", .new_path = "/swapped/d/"});
+    Ask(RenameRequest{.path = "/swapped/d/", .new_path = "/d"});
+    Ask(LinkRequest{.path = file, .new_path = "/swapped/"});
     Ask(RenameRequest{.path = "/swapped/f", .new_path = "/f"});
     Ask(RemoveDirRequest{.path = "/swapped/empty/"});
     strange += Ask(AttrRequest{.path = "/swapped/"})->stat.st_ino == directory.st_ino ? 1 : 0;
@@ -796,6 +801,22 @@ TEST_F(ConfinedTest, ASlashBehindALinkMeansTheDirectoryAsInPlainMode) {
     std::swap(udisk, plain);
     EXPECT_EQ(confined->payload, expected->payload) << path;
   }
+}
+
+TEST_F(ConfinedTest, ASlashBehindANewNameAsksForADirectoryAsInPlainMode) {
+  disk.MakeFile("/file", "file");
+  disk.MakeDir("/moved");
+  disk.MakeDir("/target");
+  disk.MakeLink("/link", "target");
+  for (const char* path : {"/new/", "/new//", "/moved/", "/link/", "/", "", "/.", "/moved/.."}) {
+    EXPECT_EQ(Ask(RenameRequest{.path = "/file", .new_path = path})->result, -1) << path;
+    EXPECT_EQ(Ask(LinkRequest{.path = "/file", .new_path = path})->result, -1) << path;
+  }
+  EXPECT_EQ(disk.ReadBack("/file"), "file");
+  EXPECT_FALSE(disk.Exists("/new"));
+  EXPECT_EQ(Ask(RenameRequest{.path = "/moved", .new_path = "/link/"})->result, -1);
+  EXPECT_EQ(Ask(RenameRequest{.path = "/moved", .new_path = "/new/"})->result, 0);
+  EXPECT_TRUE(disk.Exists("/new"));
 }
 
 TEST_F(ConfinedTest, AFileIsCreatedWithThePermissionsOfPlainMode) {

@@ -317,12 +317,12 @@ int FileManagerLinux::UdiskDeleteDirectory(const char* path) {
 }
 
 int FileManagerLinux::UdiskLink(const char* existing, const char* path) {
-  return ::link(mPaths->Name(existing).c_str(), mPaths->Name(path).c_str());
+  return ::link(mPaths->Name(existing).c_str(), mPaths->NewName(path).c_str());
 }
 int FileManagerLinux::UdiskUnlink(const char* path) { return ::unlink(mPaths->Name(path).c_str()); }
 
 int FileManagerLinux::UdiskRename(const char* from, const char* to) {
-  const int result = ::rename(mPaths->Name(from).c_str(), mPaths->Name(to).c_str());
+  const int result = ::rename(mPaths->Name(from).c_str(), mPaths->NewName(to).c_str());
   LOG_DEBUG("rename return res:%d\n", result);
   return result;
 }

@@ -24,6 +24,11 @@ std::optional<std::string_view> Below(std::string_view root, std::string_view pa
   return path;
 }
 
+/// A path less the slashes at its end.
+std::string_view WithoutSlashes(std::string_view path) {
+  return path.substr(0, path.find_last_not_of('/') + 1);
+}
+
 /// openat2 of a path beneath a directory. A way out reads as a missing file.
 Descriptor OpenBeneath(const Descriptor& root, std::string_view below, int flags, mode_t mode = 0) {
   if (!root.ok()) return Descriptor();  // errno tells already
@@ -75,7 +80,7 @@ LocalPath LocalPaths::Name(const char* path) {
   if (!confine_to_) return LocalPath(path);
   const Beneath place = Split(path, kFresh);
   const std::string_view below = place.below;
-  const std::string_view entry = below.substr(0, below.find_last_not_of('/') + 1);
+  const std::string_view entry = WithoutSlashes(below);
   const std::string name(entry.substr(entry.rfind('/') + 1));
   if (name.empty() || name == "." || name == "..") {
     return Held(OpenBeneath(*place.root, entry, O_PATH | O_DIRECTORY), "/.");
@@ -90,6 +95,16 @@ LocalPath LocalPaths::Name(const char* path) {
     return Held(OpenBeneath(*place.root, below, O_PATH | O_DIRECTORY), "/.");
   }
   return Held(std::move(directory), '/' + name);
+}
+
+LocalPath LocalPaths::NewName(const char* path) {
+  if (!confine_to_) return LocalPath(path);
+  const Beneath place = Split(path, kFresh);
+  const std::string_view entry = WithoutSlashes(place.below);
+  const size_t name_at = entry.rfind('/') + 1;
+  // Nothing that is to be replaced is followed, not even with a slash at its end.
+  return Held(OpenBeneath(*place.root, entry.substr(0, name_at), O_PATH | O_DIRECTORY),
+              '/' + place.below.substr(name_at));
 }
 
 size_t LocalPaths::TrustedLength(const char* path) const {
