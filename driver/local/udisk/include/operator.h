@@ -110,7 +110,8 @@ struct TokenBucket {
     if (lastSummaryMs >= 1) {
       const int64_t throughput =
           (totalBytes - summaryStartBytes) * 1000 / (now - lastSummaryMs) / 1024;
-      LOG_DEBUG(
+      LOG_DEBUG_OF(
+          consume,
           "[TokenBucket] SUMMARY: throughput=%lldKB/s calls=%lld sleeps=%lld carries=%lld totalSlept=%lldms bw=%ukbps tokens=%lld refillPerMs=%lld",
           static_cast<long long>(throughput), static_cast<long long>(calls),
           static_cast<long long>(sleeps), static_cast<long long>(carries),
@@ -124,8 +125,7 @@ struct TokenBucket {
 };
 
 /// Whether a file name has a suffix of an office or temporary file, which may be long. A prefix
-/// test:
-/// ".document" counts, ".DOC" does not.
+/// test: ".document" counts, ".DOC" does not.
 bool check_microsoft_suffix(const char* name);
 
 /// A volume that the disk shows.

@@ -24,6 +24,8 @@ consteval const char* BaseName(const char* path) {
 
 #define LOG_DEBUG(message, ...) UDISK_LOG(5, "Debug:", __func__, message __VA_OPT__(, ) __VA_ARGS__)
 #define LOG_ERROR(message, ...) UDISK_LOG(7, "Error:", __func__, message __VA_OPT__(, ) __VA_ARGS__)
-/// For a step of a handler: the line names the handler.
+/// For a step of a larger operation: the line names that one.
+#define LOG_DEBUG_OF(function, message, ...) \
+  UDISK_LOG(5, "Debug:", #function, message __VA_OPT__(, ) __VA_ARGS__)
 #define LOG_ERROR_OF(function, message, ...) \
   UDISK_LOG(7, "Error:", #function, message __VA_OPT__(, ) __VA_ARGS__)

@@ -65,7 +65,7 @@ Json::Value ParseJson(const std::string& text) {
   } catch (const Json::Exception& error) {  // nested too deeply
     errors = error.what();
   }
-  LOG_ERROR("Failed to parse JSON errors: %s", errors.c_str());
+  LOG_ERROR_OF(ServiceThread, "Failed to parse JSON errors: %s", errors.c_str());
   return {};
 }
 
@@ -94,15 +94,16 @@ void* UDiskService::ServiceThread(void* service) {
 void UDiskService::Announce() {
   const std::shared_ptr<CpdDeviceBase> base = mDevice->getDevBase();
   if (base == nullptr) {
-    LOG_ERROR("getDevBase error usb device.");
+    LOG_ERROR_OF(ServiceThread, "getDevBase error usb device.");
     return;
   }
   const std::string text = base->GetDeviceParams();
-  LOG_DEBUG("bus=%d,addr=%d, params:%s", int{base->bus}, int{base->addr}, text.c_str());
-  LOG_DEBUG("udisk soft client");
+  LOG_DEBUG_OF(ServiceThread, "bus=%d,addr=%d, params:%s", int{base->bus}, int{base->addr},
+               text.c_str());
+  LOG_DEBUG_OF(ServiceThread, "udisk soft client");
   const DiskParams params = ReadParams(text);
   // The parameters stand where the path was meant: kept.
-  LOG_DEBUG("path: %s, lable: %s", Cut(text).c_str(), params.label.c_str());
+  LOG_DEBUG_OF(ServiceThread, "path: %s, lable: %s", Cut(text).c_str(), params.label.c_str());
   mOperator->SetRootPath(params.letter.c_str(), params.label.c_str());
   SetReadSmallFileTrubo();
   MountRemote(params.name.c_str(), mDevice);
