@@ -164,7 +164,6 @@ int UDiskService::MountRemote(const char* name, CpdDevice* device) {
   const MountHead head{.name_length = static_cast<uint16_t>(label.size())};
   const size_t size = CPD_PACKET_HEADER_SIZE + sizeof head + label.size() + 1 + sizeof read_only;
   auto packet = std::make_unique<CpdPacket>(std::max(size, kPacketSize));
-  if (packet->header == nullptr) return -1;  // no memory for it
   packet->InitHeader(static_cast<uint8_t>(mDevice->GetDevId()), kMountRemote, kAnnounceRequestId);
   packet->AppendPayload(&head, sizeof head);
   packet->AppendPayload(label.c_str(), static_cast<uint32_t>(label.size() + 1));
@@ -172,8 +171,9 @@ int UDiskService::MountRemote(const char* name, CpdDevice* device) {
   // Under "header size" stands the width of the length prefix: kept.
   LOG_DEBUG("packet header size: %d, payload size: %d, packet size: %d\n",
             static_cast<int>(sizeof head), static_cast<int>(packet->PayloadSize()),
-            static_cast<int>(packet->header->packetLen));
-  const int result = mDevice->SendPacket(std::move(packet), -1);
+            packet->header != nullptr ? static_cast<int>(packet->header->packetLen) : 0);
+  // Without memory there is nothing to send.
+  const int result = packet->header != nullptr ? mDevice->SendPacket(std::move(packet), -1) : -1;
   LOG_DEBUG("client udisk mount ret: %d\n", result);
   return result;
 }
