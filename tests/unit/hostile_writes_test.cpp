@@ -279,6 +279,7 @@ TEST_F(HostileWrites, WithAnyLengthOfAPieceAreAnsweredAndWriteOnlyWhatTheyCarry)
       hostile.request.payload = Patched(good.request.payload, at, value);
       ExpectAnswered(hostile, hostile.request.Packet().get(),
                      "piece of " + std::to_string(value) + " at " + std::to_string(at));
+      EXPECT_EQ(disk.ReadBack(kKnownFile).size(), 13U) << value << " at " << at;
     }
   }
 }
@@ -341,10 +342,12 @@ TEST_F(HostileWrites, WithAnyPacketLengthAreAnsweredTheSame) {
   }
 }
 
-TEST_F(HostileWrites, OfSmallFilesWithAPacketLengthPastTheBufferAreAnsweredWhenAllIsThere) {
+TEST_F(HostileWrites,
+       OfSmallFilesWithAPacketLengthPastTheBufferOrWrappedAreAnsweredWhenAllIsThere) {
   for (const NamedRequest& good : OneWriteRequestPerCommand()) {
     if (!IsSmallRead(good)) continue;
-    for (const uint32_t length : {4096U, 0x7fffffffU, 0xffffffffU}) {
+    // Below 16, the length that remains for the payload wraps.
+    for (const uint32_t length : {0U, 15U, 4096U, 0x7fffffffU, 0xffffffffU}) {
       const auto packet = good.request.Packet();
       packet->header->packetLen = length;
       ExpectAnswered(good, packet.get(), "of length " + std::to_string(length));
@@ -399,7 +402,7 @@ TEST_F(WriteSideHandlers, AllSucceedInTheOrderOfTheGoodRequests) {
 TEST_F(WriteSideHandlers, ReturnWhatSendPacketReturned) {
   for (const NamedRequest& good : OneWriteRequestPerCommand()) {
     if (IsSmallRead(good)) continue;
-    for (const int result : {7, -5}) {
+    for (const int result : {7, -1, -5}) {
       PutDiskInOrder();
       device.SetSendResult(result);
       EXPECT_EQ(Serve(good), result) << good.name;
@@ -454,18 +457,22 @@ TEST_F(WriteSideHandlers, FindTheirFieldsAtThePacketsReadPosition) {
 
 TEST_F(WriteSideHandlers, MakeRoomForTheHeaderLengthThatTheyAreGiven) {
   for (const NamedRequest& good : OneWriteRequestPerCommand()) {
+    if (IsClosing(good)) continue;  // they reply with all of the packet
     // These take no part of their replies' sizes from it.
-    if (IsClosing(good) || IsSmallRead(good) || good.request.cmd == kFileWrite) continue;
+    const bool of_fixed_header = IsSmallRead(good) || good.request.cmd == kFileWrite;
     PutDiskInOrder();
     Serve(good);
     const auto plain = device.TakeSent();
-    PutDiskInOrder();
-    (udisk.get()->*HandlerOf(good.name))(20, good.request.Packet().get());
-    const auto sent = device.TakeSent();
     ASSERT_EQ(plain.size(), 1U) << good.name;
-    ASSERT_EQ(sent.size(), 1U) << good.name;
-    EXPECT_EQ(sent[0].capacity, plain[0].capacity + 4) << good.name;
-    EXPECT_EQ(sent[0].payload, plain[0].payload) << good.name;
+    for (const unsigned char length : {20, 0}) {
+      PutDiskInOrder();
+      (udisk.get()->*HandlerOf(good.name))(length, good.request.Packet().get());
+      const auto sent = device.TakeSent();
+      ASSERT_EQ(sent.size(), 1U) << good.name;
+      const int more = of_fixed_header || length < 16 ? 0 : 4;
+      EXPECT_EQ(sent[0].capacity, plain[0].capacity + more) << good.name;
+      EXPECT_EQ(sent[0].payload, plain[0].payload) << good.name;
+    }
   }
 }
 

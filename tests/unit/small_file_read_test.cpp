@@ -149,9 +149,11 @@ TEST_F(SmallFileRead, LeavesTheRequestAsItIs) {
 }
 
 TEST_F(SmallFileRead, ReturnsZeroWhateverSendPacketReturned) {
-  device.SetSendResult(7);
-  EXPECT_EQ(udisk->small_file_read(16, Request(SmallReadRequest{}).Packet().get()), 0);
-  EXPECT_EQ(device.Sent().size(), 1U);
+  for (const int result : {7, -1, -5}) {
+    device.SetSendResult(result);
+    EXPECT_EQ(udisk->small_file_read(16, Request(SmallReadRequest{}).Packet().get()), 0) << result;
+    EXPECT_EQ(device.TakeSent().size(), 1U);
+  }
 }
 
 TEST_F(SmallFileRead, IsNeverTracedAndDoesNotSetModified) {

@@ -707,7 +707,7 @@ int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request
 
 // 106: head, path, data -> head with the size or 0, path; only where the markers are equal. A batch
 // that fails part-way has written its earlier pieces and does not tell how many: kept.
-int64_t UDiskOperator::file_write(unsigned char header_length, CpdPacket* request) {
+int64_t UDiskOperator::file_write(unsigned char /*header_length*/, CpdPacket* request) {
   PathRequest<WriteHead> in(request, CopyMountPoint());
   const int size = in.head.size;
   std::string_view data;
@@ -738,7 +738,7 @@ int64_t UDiskOperator::file_write(unsigned char header_length, CpdPacket* reques
   }
   if (in.head.marker_a != in.head.marker_b) return -1;
 
-  Reply reply = EchoReply(header_length, request, &in);
+  Reply reply = EchoReply(CPD_PACKET_HEADER_SIZE, request, &in);
   modified = 1;
   return Send(reply.Take());
 }
@@ -816,7 +816,7 @@ int ReadSmallFileRecords(PayloadReader* in, uint32_t remaining, uint32_t count,
 
 // 123: count, then so many heads with a path -> the same, each with its data. A malformed request
 // gets no reply, a file that cannot be read 0 bytes. No traces, unlike 105.
-int64_t UDiskOperator::small_file_read(unsigned char header_length, CpdPacket* request) {
+int64_t UDiskOperator::small_file_read(unsigned char /*header_length*/, CpdPacket* request) {
   PayloadReader in(request);
   SmallReadHead head{};
   const uint32_t payload_length = request->PayloadSize();
@@ -837,11 +837,11 @@ int64_t UDiskOperator::small_file_read(unsigned char header_length, CpdPacket* r
     planned += record.size + record.path_length + static_cast<uint32_t>(sizeof(ReadHead));
     room += static_cast<size_t>(std::max(record.count, 0)) + record.path_length + sizeof(ReadHead);
   }
-  if (room > INT32_MAX) {
+  if (room > INT32_MAX - CPD_PACKET_HEADER_SIZE) {
     LOG_ERROR("small_file_read: no packet holds %zu bytes", room);
     return -1;
   }
-  Reply reply(request, header_length, room);
+  Reply reply(request, CPD_PACKET_HEADER_SIZE, room);
   reply.AppendUint32(head.count);
   for (const SmallFileRecord& record : records) {
     ReadHead out{};
@@ -862,8 +862,10 @@ int64_t UDiskOperator::small_file_read(unsigned char header_length, CpdPacket* r
     reply.Append(out).Append(record.path).Commit(out.size);
   }
 
+  if (!reply.ok()) return -1;
   throttleRead(planned, BulkRead::kSmallFiles);
-  return Send(reply.Take()) == -1 ? -1 : 0;
+  Send(reply.Take());
+  return 0;  // whatever the host said, unlike every other handler: kept
 }
 
 // ---- Directories: 107, 121 ----
@@ -940,12 +942,12 @@ int64_t UDiskOperator::check_dir(unsigned char header_length, CpdPacket* request
   LOG_DEBUG("check dir full path: %s\n", in.full_path.c_str());
   Listing listing;
   mFileManager->UdiskReadDir(in.full_path.c_str(), &listing);
+  // One that changed between the two passes of its reading need not walk cleanly either.
   if (WalksCleanly(cache, in.head.entry_count) &&
+      WalksCleanly(listing.bytes(), static_cast<int>(listing.entry_count)) &&
       compare_cache(in.head.entry_count, static_cast<int>(listing.entry_count), cache.data(),
                     listing.buf) == 1) {
-  // One that changed between the two passes of its reading need not walk cleanly either.
     LOG_DEBUG("========== not update==========");
-      WalksCleanly(listing.bytes(), static_cast<int>(listing.entry_count)) &&
     return -1;
   }
   Reply reply = ListingReply(header_length, request, &in, listing);

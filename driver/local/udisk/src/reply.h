@@ -1,6 +1,7 @@
 // Building a reply: addressed like its request, filled piece by piece.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string_view>
@@ -13,10 +14,11 @@ namespace cpd {
 /// Out of memory leaves a reply without a packet to send; appending to it does nothing.
 class Reply {
  public:
-  /// @param header_length  room for the packet header
+  /// @param header_length  room for the packet header, which is never less than that takes
   /// @param payload_size   room for the payload; more than fits grows as CpdPacket does
   Reply(const CpdPacket* request, unsigned char header_length, size_t payload_size)
-      : packet_(std::make_unique<CpdPacket>(header_length + payload_size)) {
+      : packet_(std::make_unique<CpdPacket>(
+            std::max<size_t>(header_length, CPD_PACKET_HEADER_SIZE) + payload_size)) {
     const CpdPacketHeader& header = *request->header;
     packet_->InitHeader(header.devId, header.cmd, header.requestId);
   }
