@@ -65,7 +65,8 @@ class FileManagerLinux {
   int UdiskReadFile(const char* path, int64_t offset, uint32_t* err,
                     const std::function<ReadRoom(int fd)>& make_room);
   /// How many of `count` bytes at `offset` the file can deliver at most. A file that does not know
-  /// its size is taken for one of 1 MiB, a missing one for empty. A negative count stays as it is.
+  /// its size is taken for one of 1 MiB, one that cannot be reached for empty. A negative count
+  /// stays as it is.
   static int Deliverable(int fd, int64_t offset, int count);
   int Deliverable(const char* path, int64_t offset, int count) const;
   /// Writes to an existing file. @param err  receives errno on failure only

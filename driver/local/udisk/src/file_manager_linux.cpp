@@ -52,14 +52,22 @@ const char* TakeError(uint32_t* err) {
   return std::strerror(error);
 }
 
-/// readdir that tells an error from the end.
+/// readdir that tells an error from the end. Callers see errno cleared by no one.
 const dirent* NextEntry(DIR* dir) {
-  errno = 0;
+  const int before = std::exchange(errno, 0);
   const dirent* entry = ::readdir(dir);
   if (entry == nullptr && errno != 0) {
     LOG_ERROR_OF(UdiskReadDir, "dir_read readdir failed errno: %s", std::strerror(errno));
+  } else {
+    errno = before;
   }
   return entry;
+}
+
+/// Whether an open would fail like the stat that left this errno.
+bool LeadsNowhere(int error) {
+  return error == ENOENT || error == ENOTDIR || error == EACCES || error == ELOOP ||
+         error == ENAMETOOLONG;
 }
 
 }  // namespace
@@ -116,8 +124,8 @@ int FileManagerLinux::Deliverable(int fd, int64_t offset, int count) {
 
 int FileManagerLinux::Deliverable(const char* path, int64_t offset, int count) const {
   struct stat st {};
-  return ::stat(mPaths->File(path).c_str(), &st) == 0 ? LeftInFile(st, offset, count)
-                                                      : std::min(count, 0);
+  if (::stat(mPaths->File(path).c_str(), &st) == 0) return LeftInFile(st, offset, count);
+  return static_cast<int>(std::min<int64_t>(count, LeadsNowhere(errno) ? 0 : kUnknownSize));
 }
 
 int FileManagerLinux::UdiskWriteFile(const char* path, const void* buf, int64_t offset, int count,
