@@ -465,6 +465,15 @@ TEST_F(Names, ALocalPathEndsAtItsFirstNulButTheReplyHasAllOfIt) {
   EXPECT_EQ(disk.ReadBack("/b"), "a");
 }
 
+TEST_F(Names, ADirectoryMadeOfAPathWithManyNulsIsEchoedWithTheirZeros) {
+  const std::string path = "/m" + std::string(disk.root().size() + 5, '\0');
+  const auto reply = Ask(MakeDirRequest{.path = path});
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->result(), 0);
+  EXPECT_EQ(reply->path, (disk.root() + path).substr(0, path.size()));
+  EXPECT_TRUE(disk.Exists("/m"));
+}
+
 TEST_F(Names, PathsOfTheGreatestLengthAreTaken) {
   const std::string path = "/" + std::string(65534, 'p');
   const Request rename = RenameRequest{.path = path, .new_path = path};
