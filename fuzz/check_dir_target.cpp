@@ -1,9 +1,12 @@
 // The directory check against a slow and simple one. An input is a mode and then
-//   either a request whose cached listing says anything,
-//   or the entries of two listings that walk cleanly.
+//   a request whose cached listing says anything,
+//   or the entries of two listings that walk cleanly ('L'),
+//   or the names of a directory before and between the two passes of its reading ('P').
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <optional>
@@ -14,6 +17,7 @@
 #include "finding.h"
 #include "jail.h"
 #include "operator.h"
+#include "support/between_passes.h"
 #include "support/fake_host.h"
 #include "support/requests.h"
 #include "target.h"
@@ -116,6 +120,49 @@ void CheckRequest(Input in, UDiskOperator* udisk, test::FakeDevice* device) {
   if (changed) Expect(changed->payload == listed->payload, "the answer is the listing");
 }
 
+std::vector<std::string> TakeNames(Input* in) {
+  constexpr size_t kMost = 16;
+  std::vector<std::string> names;
+  const size_t count = in->Take<uint8_t>() % kMost;
+  while (names.size() < count) {
+    // A letter of its own in front, so that no two are the same.
+    names.push_back(std::string(1, static_cast<char>('a' + names.size())) +
+                    std::string(in->Take<uint8_t>() % 255, 'n'));
+  }
+  return names;
+}
+
+/// A directory that is listed, then checked while other files take the place of its own.
+void CheckBetweenPasses(Input in, UDiskOperator* udisk, test::FakeDevice* device) {
+  MakeDisk();
+  udisk->SetRootPath("/", "DISK");
+  const std::vector<std::string> before = TakeNames(&in);
+  const std::vector<std::string> after = TakeNames(&in);
+  const std::string directory = "/DISK/changing/";
+  mkdir(directory.c_str(), 0755);
+  const auto make = [&](const std::string& name) { std::ofstream(directory + name) << name; };
+  const auto remove = [&](const std::string& name) { unlink((directory + name).c_str()); };
+
+  std::ranges::for_each(before, make);
+  const auto listed = Ask(udisk, device, test::DirReadRequest{.path = "/changing"});
+  const auto known = test::DirReply::Decode(*listed);
+  {
+    const test::BetweenPasses replace([&] {
+      std::ranges::for_each(before, remove);
+      std::ranges::for_each(after, make);
+    });
+    const auto changed =
+        Ask(udisk, device,
+            test::CheckDirRequest{.path = "/changing",
+                                  .cached = known.listing,
+                                  .cached_count = static_cast<uint16_t>(known.entry_count)});
+    Expect(!changed || changed->payload.size() == listed->payload.size(),
+           "the listing has the room that the first pass found");
+  }
+  std::ranges::for_each(before, remove);
+  std::ranges::for_each(after, remove);
+}
+
 std::vector<DirEntry> TakeEntries(Input* in, size_t count) {
   std::vector<DirEntry> entries;
   while (entries.size() < count) {
@@ -146,10 +193,13 @@ void Run(Input in) {
   test::Log().Clear();
   test::FakeDevice device;
   UDiskOperator udisk(&device);
-  if (in.Take<char>() == 'L') {
-    CompareListings(in, &udisk);
-  } else {
-    CheckRequest(in, &udisk, &device);
+  switch (in.Take<char>()) {
+    case 'L':
+      return CompareListings(in, &udisk);
+    case 'P':
+      return CheckBetweenPasses(in, &udisk, &device);
+    default:
+      return CheckRequest(in, &udisk, &device);
   }
 }
 

@@ -173,6 +173,8 @@ void MakeCheckDir(const Corpus& corpus) {
       "bc\x02\x03\x00",
       11);
   corpus.Add("listings", "L\x02\x02" + entries + entries);
+  // Three files with names of one byte, then with long ones.
+  corpus.Add("replaced", std::string("P\x03\x00\x00\x00\x03\xfe\xfe\xfe", 9));
 }
 
 }  // namespace
