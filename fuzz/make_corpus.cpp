@@ -173,8 +173,10 @@ void MakeCheckDir(const Corpus& corpus) {
       "bc\x02\x03\x00",
       11);
   corpus.Add("listings", "L\x02\x02" + entries + entries);
-  // Three files with names of one byte, then with long ones.
-  corpus.Add("replaced", std::string("P\x03\x00\x00\x00\x03\xfe\xfe\xfe", 9));
+  // Eight files with names of one byte, then of 250.
+  constexpr char kFiles = 8;
+  corpus.Add("replaced",
+             'P' + (kFiles + std::string(kFiles, '\0')) + (kFiles + std::string(kFiles, '\xf9')));
 }
 
 }  // namespace

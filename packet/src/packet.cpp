@@ -132,7 +132,7 @@ CpdPacket* CpdPacket::Clone() const {
   std::memcpy(copy.get(), buffer->data, len);
   auto clone = std::make_unique<CpdPacket>();
   if (clone->Parse(copy.get(), static_cast<int>(len), false) != 0) return nullptr;
-  copy.release();  // adopted by the clone
+  (void)copy.release();  // adopted by the clone
   return clone.release();
 }
 

@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/operator_fixture.h"
@@ -618,25 +616,6 @@ TEST_F(TokenBucketReadTest, KeepsItsDebtWhileThereIsNoBandwidth) {
   Announce(4000);
   Read(0);
   EXPECT_EQ(udisk->tokenBucket.tokens, 262'144) << "the whole idle time, up to the capacity";
-}
-
-TEST_F(TokenBucketReadTest, IsNeverConfiguredForABandwidthOfZero) {
-  Announce(4000);
-  std::atomic<bool> stop = false;
-  std::thread announcer([&] {
-    while (!stop) {
-      udisk->readBwKbps = 0;
-      udisk->readBwKbps = 4000;
-    }
-  });
-  int zeros = 0;
-  for (int i = 0; i < 200'000; ++i) {
-    udisk->throttleRead(0);
-    zeros += static_cast<int>(udisk->tokenBucket.refillPerMs == 1);
-  }
-  stop = true;
-  announcer.join();
-  EXPECT_EQ(zeros, 0);
 }
 
 TEST_F(TokenBucketReadTest, IsNotConfiguredByAnUnpacedRead) {

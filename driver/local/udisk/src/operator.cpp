@@ -109,7 +109,7 @@ int UDiskOperator::BusEventHandle(const std::shared_ptr<CpdPacket>& packet) {
   // The announced value, not the raised one, is compared: a rate below 1000 counts as a change.
   if (now - lastBwTraceMs >= 5001 && announced != readBwKbps) {
     char message[sizeof "Udisk read bwinfo:4294967295"];
-    std::snprintf(message, sizeof message, "Udisk read bwinfo:%u", announced);
+    (void)std::snprintf(message, sizeof message, "Udisk read bwinfo:%u", announced);
     TryTrace("UDISK_READ_BW_INFO", message);
     LOG_DEBUG("busEventHandle cmd: %d, paylaodSize: %d,requestId:%u bw:%d\n", cmd,
               static_cast<int>(packet->PayloadSize()), uint32_t{packet->header->requestId},
@@ -181,7 +181,7 @@ int UDiskOperator::SetRootPath(const char* letter, const char* label) {
       static_cast<VolumeRecord*>(std::calloc(1, sizeof(VolumeRecord))),
       [](VolumeRecord* block) { std::free(block); });
   if (record == nullptr) throw std::bad_alloc();
-  std::memcpy(record->label, label, std::min(std::strlen(label), sizeof record->label));
+  std::string_view(label).copy(record->label, sizeof record->label);
   const std::string mount_point = std::string(letter) + label;
   {
     const std::lock_guard lock(mLock);
@@ -314,7 +314,7 @@ std::string MakeTraceId() {
   std::mt19937_64 generator(seed);
   std::uniform_int_distribution<uint64_t> any;
   char id[17];
-  std::snprintf(id, sizeof id, "%016llx", static_cast<unsigned long long>(any(generator)));
+  (void)std::snprintf(id, sizeof id, "%016llx", static_cast<unsigned long long>(any(generator)));
   return id;
 }
 
@@ -324,7 +324,7 @@ void UDiskOperator::TraceCpdDevice(std::string event, CpdDevice* device, bool su
                                    std::string message, const std::string& path,
                                    const std::string& /*extra*/) {
   if (device == nullptr || device->getDevBase() == nullptr) return;
-  const std::string name = "LOCAL_" + event;
+  const std::string name = "LOCAL_" + std::move(event);
   const std::map<std::string, std::string> fields{
       {trace_keys::kStatus, success ? "success" : "error"},
       {trace_keys::kMessage, message},
@@ -376,7 +376,7 @@ std::string LocalMountPath(const std::string& name) {
   const auto user = static_cast<uint16_t>(getuid());  // 16 bits of it: kept
   const struct passwd* entry = user != 0 ? getpwuid(user) : nullptr;
   const std::string home = entry != nullptr ? entry->pw_dir : "/media";
-  return (home + "/" + name.c_str()).substr(0, 255);
+  return (home + "/" + name.substr(0, name.find('\0'))).substr(0, 255);
 }
 
 }  // namespace

@@ -28,7 +28,7 @@ CpdDriver* udisk_open(CpdDevice* device, const std::string& policy) {
 }
 
 UDiskDriver::UDiskDriver(CpdDevice* device, const char* policy) : mDevice(device) {
-  if (policy != nullptr) std::snprintf(mPolicy, sizeof mPolicy, "%s", policy);
+  if (policy != nullptr) (void)std::snprintf(mPolicy, sizeof mPolicy, "%s", policy);
 }
 
 UDiskDriver::~UDiskDriver() { mDevice = nullptr; }
@@ -176,7 +176,7 @@ int UDiskDriver::onBusEvent(std::shared_ptr<CpdPacket> packet) {
 
 int UDiskDriver::onPolicyChange(const std::string& policy) {
   const std::lock_guard lock(mMutex);
-  std::snprintf(mPolicy, sizeof mPolicy, "%s", policy.c_str());
+  (void)std::snprintf(mPolicy, sizeof mPolicy, "%s", policy.c_str());
   return 0;
 }
 
