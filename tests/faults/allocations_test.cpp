@@ -3,10 +3,12 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
+#include <new>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -35,6 +37,8 @@ namespace {
 
 int g_errors = 0;             ///< lines of level error
 char g_last_error[512] = "";  ///< the last one
+/// The lines of the thread, of every level, since a test cleared this: those that fit.
+constinit thread_local char t_log[4096] = "";
 
 class FrugalFilter : public CpdPathFilter {
  public:
@@ -97,12 +101,17 @@ CpdTracer* CpdTracer::GetInstance() {
 
 extern "C" void tesselLogPrint(int /*channel*/, int level, const char* /*tag*/, const char* format,
                                ...) {
-  if (level != 7) return;
-  ++cpd::test::g_errors;
+  using namespace cpd::test;
+  char line[sizeof g_last_error];
   va_list arguments;
   va_start(arguments, format);
-  (void)std::vsnprintf(cpd::test::g_last_error, sizeof cpd::test::g_last_error, format, arguments);
+  (void)std::vsnprintf(line, sizeof line, format, arguments);
   va_end(arguments);
+  const size_t used = std::strlen(t_log);
+  (void)std::snprintf(t_log + used, sizeof t_log - used, "%s\n", line);
+  if (level != 7) return;
+  ++g_errors;
+  std::memcpy(g_last_error, line, sizeof line);
 }
 
 namespace cpd::test {
@@ -141,6 +150,7 @@ class FailingAllocation : public ::testing::TestWithParam<NamedRequest> {
  protected:
   struct Outcome {
     int allocations = 0;
+    size_t largest = 0;  ///< allocation, in bytes
     bool refused = false;
     bool threw = false;
     int left_behind = 0;  ///< blocks
@@ -169,6 +179,7 @@ class FailingAllocation : public ::testing::TestWithParam<NamedRequest> {
       }
       outcome.refused = allocations.StopRefusing();
       outcome.allocations = allocations.Count() - before;
+      outcome.largest = allocations.Largest();
       Mount();  // replaces as much as a request may have taken away
       outcome.left_behind = allocations.Live();
     }
@@ -231,6 +242,35 @@ TEST_P(FailingAllocation, CostsNoMoreThanItsRequest) {
 INSTANTIATE_TEST_SUITE_P(, FailingAllocation, ::testing::ValuesIn(AllRequests()),
                          [](const auto& test) { return test.param.name; });
 
+// ---- Sizes far beyond what the files hold ----
+
+/// Reads of data that does not exist.
+std::vector<NamedRequest> OversizedReads() {
+  constexpr uint32_t kMost = 0x7fffffff;
+  constexpr uint32_t kNegative = 0x80000000;
+  const SmallRead known{.path = kKnownFile, .size = kMost};
+  return {
+      {"file_read", ReadRequest{.path = kKnownFile, .size = kMost}},
+      {"file_read_behind_the_end", ReadRequest{.path = kKnownFile, .offset = 50, .size = kMost}},
+      {"file_read_of_a_missing_file", ReadRequest{.path = "/none", .size = kMost}},
+      {"file_read_of_a_negative_size", ReadRequest{.path = kKnownFile, .size = kNegative}},
+      {"small_file_read",
+       SmallReadRequest{.records = {known, {.path = "/none", .size = kMost}, known}}},
+      {"small_file_read_of_a_negative_size",
+       SmallReadRequest{.records = {{.path = kKnownFile, .size = kNegative}}}}};
+}
+
+class OversizedRead : public FailingAllocation {};
+
+TEST_P(OversizedRead, AllocatesNoMoreThanTheFilesDeliver) {
+  const Outcome outcome = Serve(GetParam().request);
+  EXPECT_EQ(outcome.replies, 1);
+  EXPECT_LT(outcome.largest, 16U << 10);
+}
+
+INSTANTIATE_TEST_SUITE_P(, OversizedRead, ::testing::ValuesIn(OversizedReads()),
+                         [](const auto& test) { return test.param.name; });
+
 // ---- Beside the handlers ----
 
 /// Does something again and again, the first, the second, ... of its allocations refused, until it
@@ -272,6 +312,36 @@ TEST(AllocationBesideTheHandlers, RefusedToTheAnnouncementHurtsNobody) {
     EXPECT_EQ(device.headless, 0) << "a packet without a header was sent";
     return refused;
   });
+}
+
+TEST(AllocationBesideTheHandlers, RefusedToTheBufferOfTheAnnouncementIsLoggedAndNothingIsSent) {
+  int without_buffer = 0;
+  RefuseEach([&](int before) {
+    FrugalDevice device;
+    UDiskOperator udisk(&device);
+    UDiskService service(&device, &udisk);
+    t_log[0] = '\0';
+    Allocations allocations;
+    allocations.RefuseOneAfter(before);
+    std::optional<int> result;
+    try {
+      result = service.MountRemote("Stick", &device);
+    } catch (const std::bad_alloc&) {  // one that is not the buffer's
+    }
+    const bool refused = allocations.StopRefusing();
+    if (refused && result) {
+      ++without_buffer;
+      EXPECT_EQ(result, -1);
+      EXPECT_EQ(device.replies, 0);
+      const std::string log = t_log;
+      EXPECT_NE(log.find(R"("packet header size: 2, payload size: 0, packet size: 0\n")"),
+                std::string::npos)
+          << log;
+      EXPECT_NE(log.find(R"("client udisk mount ret: -1\n")"), std::string::npos) << log;
+    }
+    return refused;
+  });
+  EXPECT_EQ(without_buffer, 1);
 }
 
 TEST(AllocationBesideTheHandlers, RefusedToTheTraceOfOpeningOrClosingCostsThatTraceOnly) {

@@ -560,16 +560,70 @@ TEST_P(FailingCallOfItsOwn, ALargeReadWhoseFstatFailsGetsItsData) {
   EXPECT_EQ(reply->data, "known content");
 }
 
-TEST_P(FailingCallOfItsOwn, ASmallReadWhoseStatFailsHasNoData) {
+TEST_P(FailingCallOfItsOwn, ASmallReadWhoseStatFailsGetsItsDataUnlessAccessIsDenied) {
+  const std::string expected = GetParam().value == EACCES ? "" : "known content";
   const FailingCalls failing({.call = "stat", .error = GetParam().value});
   const auto reply = Ask(SmallReadRequest{.records = {{.path = kKnownFile}}});
   ASSERT_TRUE(reply && reply->records.size() == 1);
   EXPECT_EQ(failing.Affected(), 1);
-  EXPECT_EQ(reply->records[0].result, 0U);
+  EXPECT_EQ(reply->records[0].result, expected.size());
+  EXPECT_EQ(reply->records[0].data, expected);
+  EXPECT_EQ(Errors(), Texts{});
 }
 
 INSTANTIATE_TEST_SUITE_P(, FailingCallOfItsOwn, ::testing::ValuesIn(kErrors),
                          [](const auto& test) { return test.param.name; });
+
+// ---- Files whose size is not to be had ----
+
+class UnknownSize : public FaultTest {};
+
+TEST_F(UnknownSize, IsTakenForOneMebibyte) {
+  constexpr uint32_t kTaken = 1 << 20;
+  constexpr uint32_t kAsked = kTaken + 1;
+  disk.MakeFile("/large.txt", std::string(kAsked, 'x'));
+  const FailingCalls fstat({.call = "fstat", .error = EIO});
+  const FailingCalls stat({.call = "stat", .error = EIO});
+  const auto large = Ask(ReadRequest{.path = "/large.txt", .size = kAsked});
+  ASSERT_TRUE(large);
+  EXPECT_EQ(large->data.size(), kTaken);
+  const auto small = Ask(SmallReadRequest{.records = {{.path = "/large.txt", .size = kAsked}}});
+  ASSERT_TRUE(small && small->records.size() == 1);
+  EXPECT_EQ(small->records[0].data.size(), kTaken);
+}
+
+// ---- Calls that requests do not make ----
+
+class CallCount : public FaultTest {};
+
+TEST_F(CallCount, OfAnXattrRequestIsZero) {
+  const FailingCalls open({.call = "open", .error = EIO});
+  const FailingCalls stat({.call = "stat", .error = EIO});
+  const FailingCalls lstat({.call = "lstat", .error = EIO});
+  const FailingCalls getxattr({.call = "getxattr", .error = EIO});
+  const FailingCalls lgetxattr({.call = "lgetxattr", .error = EIO});
+  EXPECT_TRUE(Ask(XattrRequest{.path = kKnownFile, .name = "user.x"}));
+  for (const FailingCalls* call : {&open, &stat, &lstat, &getxattr, &lgetxattr}) {
+    EXPECT_EQ(call->Affected(), 0);
+  }
+}
+
+TEST_F(CallCount, OfAFlushIsZero) {
+  const FailingCalls open({.call = "open", .error = EIO});
+  const FailingCalls fsync({.call = "fsync", .error = EIO});
+  EXPECT_TRUE(Ask(FlushRequest{.path = kKnownFile}));
+  EXPECT_EQ(open.Affected() + fsync.Affected(), 0);
+}
+
+TEST_F(CallCount, OfACreateInAnExistingDirectoryIsOneOpen) {
+  const FailingCalls another_open({.call = "open", .error = EIO, .after = 1});
+  const FailingCalls stat({.call = "stat", .error = EIO});
+  const FailingCalls mkdir({.call = "mkdir", .error = EIO});
+  const auto reply = Ask(CreateRequest{.path = "/new.txt"});
+  ASSERT_TRUE(reply && reply->result() >= 0);
+  EXPECT_TRUE(disk.Exists("/new.txt"));
+  EXPECT_EQ(another_open.Affected() + stat.Affected() + mkdir.Affected(), 0);
+}
 
 // ---- Short transfers ----
 

@@ -1,7 +1,9 @@
 #include "support/failing_allocations.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -9,12 +11,14 @@ namespace {
 
 constinit thread_local bool t_counting = false;
 constinit thread_local int t_count = 0;
+constinit thread_local size_t t_largest = 0;
 constinit thread_local int t_live = 0;
 constinit thread_local int t_more = -1;  ///< until the one that is refused; negative = none is
 
-bool Refused() {
+bool Refused(size_t size) {
   if (!t_counting) return false;
   ++t_count;
+  t_largest = std::max(t_largest, size);
   if (t_more < 0 || t_more-- > 0) return false;
   errno = ENOMEM;
   return true;
@@ -31,6 +35,7 @@ namespace cpd::test {
 
 Allocations::Allocations() {
   t_count = t_live = 0;
+  t_largest = 0;
   t_more = -1;
   t_counting = true;
 }
@@ -39,6 +44,7 @@ Allocations::~Allocations() { t_counting = false; }
 void Allocations::RefuseOneAfter(int more) { t_more = more; }
 bool Allocations::StopRefusing() { return std::exchange(t_more, -1) < 0; }
 int Allocations::Count() const { return t_count; }
+size_t Allocations::Largest() const { return t_largest; }
 int Allocations::Live() const { return t_live; }
 
 }  // namespace cpd::test
@@ -56,20 +62,20 @@ char* __real_strdup(const char* text);
 void* __real_g_try_malloc0(size_t size);
 void __real_free(void* block);
 
-void* __wrap_malloc(size_t size) { return Refused() ? nullptr : Made(__real_malloc(size)); }
+void* __wrap_malloc(size_t size) { return Refused(size) ? nullptr : Made(__real_malloc(size)); }
 void* __wrap_calloc(size_t count, size_t size) {
-  return Refused() ? nullptr : Made(__real_calloc(count, size));
+  return Refused(count * size) ? nullptr : Made(__real_calloc(count, size));
 }
 void* __wrap_realloc(void* block, size_t size) {
-  if (Refused()) return nullptr;
+  if (Refused(size)) return nullptr;
   void* const moved = __real_realloc(block, size);
   return block == nullptr ? Made(moved) : moved;
 }
 char* __wrap_strdup(const char* text) {
-  return Refused() ? nullptr : static_cast<char*>(Made(__real_strdup(text)));
+  return Refused(std::strlen(text) + 1) ? nullptr : static_cast<char*>(Made(__real_strdup(text)));
 }
 void* __wrap_g_try_malloc0(size_t size) {
-  return Refused() ? nullptr : Made(__real_g_try_malloc0(size));
+  return Refused(size) ? nullptr : Made(__real_g_try_malloc0(size));
 }
 void __wrap_free(void* block) {
   if (t_counting && block != nullptr) --t_live;

@@ -1,6 +1,8 @@
 // Allocations of the test program: counted, and one of them refused on request.
 #pragma once
 
+#include <cstddef>
+
 namespace cpd::test {
 
 /// Counts what the calling thread allocates and frees while it exists. One at a time.
@@ -18,6 +20,8 @@ class Allocations {
 
   /// Allocations asked for so far.
   [[nodiscard]] int Count() const;
+  /// The size of the largest block asked for so far.
+  [[nodiscard]] size_t Largest() const;
   /// Blocks allocated less blocks freed.
   [[nodiscard]] int Live() const;
 };

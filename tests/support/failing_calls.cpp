@@ -7,6 +7,7 @@
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -124,6 +125,17 @@ extern "C" ssize_t pwrite(int fd, const void* data, size_t count, off_t offset) 
   NEXT(pwrite);
   return cpd::test::Transferred("pwrite", count,
                                 [&](size_t most) { return next(fd, data, most, offset); });
+}
+
+extern "C" ssize_t getxattr(const char* path, const char* name, void* value, size_t size) noexcept {
+  NEXT(getxattr);
+  return cpd::test::Fails("getxattr") ? -1 : next(path, name, value, size);
+}
+
+extern "C" ssize_t lgetxattr(const char* path, const char* name, void* value,
+                             size_t size) noexcept {
+  NEXT(lgetxattr);
+  return cpd::test::Fails("lgetxattr") ? -1 : next(path, name, value, size);
 }
 
 extern "C" int fsync(int fd) {

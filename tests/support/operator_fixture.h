@@ -21,6 +21,7 @@ class OperatorTest : public ::testing::Test {
   OperatorTest() {
     unsetenv("TESSEL_CPD_CLIENT_THROTTLE_LEGACY");
     unsetenv("TESSEL_CPD_CLIENT_FORCE_BW");
+    unsetenv("TESSEL_CPD_CLIENT_CONFINE");
     disk.MakeFile(kKnownFile, "known content");
     disk.MakeDir(kKnownDir);
     MakeOperator();

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <utility>
@@ -20,6 +21,7 @@ constinit std::atomic<int64_t> g_oversleep_us = 0;
 constinit std::atomic<int> g_readings = 0;
 constinit std::mutex g_mutex;
 constinit std::vector<int64_t> g_sleeps_us;  // guarded by g_mutex
+std::function<void()> g_on_sleep;            // guarded by g_mutex
 
 }  // namespace
 
@@ -31,6 +33,7 @@ VirtualClock::VirtualClock(int64_t now_ms) {
   {
     const std::lock_guard lock(g_mutex);
     g_sleeps_us.clear();
+    g_on_sleep = nullptr;
   }
   if (g_virtual.exchange(true)) throw std::logic_error("a virtual clock exists already");
 }
@@ -46,6 +49,11 @@ int64_t VirtualClock::NowMs() const { return g_now_us / 1000; }
 void VirtualClock::TickPerReading(int64_t ms) { g_tick_us = ms * 1000; }
 
 void VirtualClock::OversleepBy(int64_t ms) { g_oversleep_us = ms * 1000; }
+
+void VirtualClock::OnSleep(std::function<void()> action) {
+  const std::lock_guard lock(g_mutex);
+  g_on_sleep = std::move(action);
+}
 
 std::vector<int64_t> VirtualClock::TakeSleepsMs() {
   const std::lock_guard lock(g_mutex);
@@ -80,9 +88,14 @@ extern "C" int gettimeofday(struct timeval* tv, void* /*tz*/) noexcept {
 extern "C" int usleep(useconds_t microseconds) {
   using namespace cpd::test;
   if (g_virtual) {
-    const std::lock_guard lock(g_mutex);
-    g_sleeps_us.push_back(microseconds);
-    g_now_us += microseconds + g_oversleep_us;
+    std::function<void()> on_sleep;
+    {
+      const std::lock_guard lock(g_mutex);
+      g_sleeps_us.push_back(microseconds);
+      g_now_us += microseconds + g_oversleep_us;
+      on_sleep = g_on_sleep;
+    }
+    if (on_sleep) on_sleep();
     return 0;
   }
   const timespec span = {.tv_sec = microseconds / 1'000'000,

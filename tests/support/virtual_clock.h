@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace cpd::test {
@@ -24,6 +25,8 @@ class VirtualClock {
   void TickPerReading(int64_t ms);
   /// By how much a sleep takes longer (or, negative, moves the clock back).
   void OversleepBy(int64_t ms);
+  /// Called within each sleep, on the sleeper's thread, without a lock held.
+  void OnSleep(std::function<void()> action);
   /// usleep's arguments in milliseconds, since the last call of this. Fails on odd microseconds.
   std::vector<int64_t> TakeSleepsMs();
   /// How often the clock was read.

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -28,6 +30,15 @@ using Clock = std::chrono::steady_clock;
 
 /// What a worker that sleeps on would take to notice that it is to stop.
 constexpr std::chrono::milliseconds kAWorkersSecond{900};
+
+/// The processor time that a thread has used so far.
+std::chrono::nanoseconds ProcessorTimeOf(std::thread* thread) {
+  clockid_t clock = {};
+  timespec used = {};
+  EXPECT_EQ(pthread_getcpuclockid(thread->native_handle(), &clock), 0);
+  EXPECT_EQ(clock_gettime(clock, &used), 0);
+  return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
 
 /// A gate that holds whoever passes it until it is opened.
 class Gate {
@@ -60,6 +71,7 @@ class DriverTest : public ::testing::Test {
   DriverTest() {
     unsetenv("TESSEL_CPD_CLIENT_THROTTLE_LEGACY");
     unsetenv("TESSEL_CPD_CLIENT_FORCE_BW");
+    unsetenv("TESSEL_CPD_CLIENT_CONFINE");
     disk.MakeFile(kKnownFile, "known content");
     disk.MakeDir(kKnownDir);
     device.base().SetParams(R"({"letter":")" + disk.letter() + R"(","label":")" + disk.label() +
@@ -291,13 +303,22 @@ TEST_F(DriverTest, APacketBeforeInitIsDropped) {
 
 TEST_F(DriverTest, AnEmptyQueueIsLookedAtAtLeastOnceASecond) {
   Open();
+  const auto begin = Clock::now();
   {
     const std::lock_guard lock(driver->mMutex);
     g_queue_push_tail(driver->mQueue, Request(kGetKnown).Packet().release());  // waking nobody
   }
   EXPECT_TRUE(device.WaitForPackets(1));
+  EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5)) << "more than a busy machine adds";
   EXPECT_EQ(Deliver(kGetKnown), 0);
   EXPECT_TRUE(device.WaitForPackets(2)) << "and it went back to waiting";
+}
+
+TEST_F(DriverTest, WaitsForRequestsWithoutUsingTheProcessor) {
+  Open();
+  const std::chrono::nanoseconds before = ProcessorTimeOf(driver->mWorker.get());
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // it looks once or twice
+  EXPECT_LT(ProcessorTimeOf(driver->mWorker.get()) - before, std::chrono::milliseconds(50));
 }
 
 // ---- Bus events, policy, the other operations ----
