@@ -5,7 +5,8 @@
 #   fuzz/run.sh SECONDS TARGET...   only those: check_dir packet parameters probing requests
 #
 # What the fuzzer learns stays in build/fuzz/corpus, for the next run. The input of a finding goes to
-# build/fuzz/findings. Ends with status 1 when there is one.
+# build/fuzz/findings. Ends with status 1 when there is one, with 77 on
+# a machine where the fuzzers cannot lock themselves in.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -57,9 +58,14 @@ finish() {
     report "$target"
     return
   fi
+  if grep -q ': Skipped$' "$findings/$target/log"; then
+    [[ $status -eq 1 ]] || status=77
+    echo "$target: $(sed -n '/: Skipped$/{n;p}' "$findings/$target/log")"
+    return
+  fi
   status=1
   echo "FINDING in $target:"
-  awk '/^FINDING:|ERROR: |runtime error:|Skipped$/ { found = 1 }
+  awk '/^FINDING:|ERROR: |runtime error:/ { found = 1 }
     (found && ++lines <= 60) || /^Base64: / || /Test unit written/' "$findings/$target/log"
 }
 
