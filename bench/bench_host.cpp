@@ -25,9 +25,9 @@ extern "C" void tesselLogPrint(int /*channel*/, int level, const char* /*tag*/, 
   if (level < kError || !g_print_errors.load(std::memory_order_relaxed)) return;
   va_list arguments;
   va_start(arguments, format);
-  std::vfprintf(stderr, format, arguments);
+  (void)std::vfprintf(stderr, format, arguments);
   va_end(arguments);
-  std::fputc('\n', stderr);
+  (void)std::fputc('\n', stderr);
 }
 
 namespace cpd {

@@ -83,6 +83,7 @@ class OffsetWalk {
 std::vector<std::string> AttributePaths(SampleDisk& disk) {
   const std::string directory = disk.Directory(kAttributeFiles);
   std::vector<std::string> paths;
+  paths.reserve(kAttributeFiles);
   for (int i = 0; i < kAttributeFiles; ++i) {
     paths.push_back(directory + "/" + SampleDisk::FileName(i));
   }

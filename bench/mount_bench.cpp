@@ -68,8 +68,11 @@ double ReadFiles(const std::string& path) {
     }
     closedir(directory);
     Expect(names.size() == kFiles, "files are missing");
+    std::string file = path + "/";
+    const size_t prefix = file.size();
     for (const std::string& name : names) {
-      const int fd = open((path + "/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+      file.replace(prefix, std::string::npos, name);
+      const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
       Expect(read(fd, buffer.data(), buffer.size()) == ssize_t{kFileBytes}, "read failed");
       close(fd);
     }
@@ -111,7 +114,7 @@ bool PrintRow(const Row& row, const SampleDisk& disk, int turns) {
   std::printf("| %s | %.4g | %.4g | **%.2f** | %.2f–%.2f | ≥ %g | %s |\n", row.name,
               Median(without), Median(with), ratio, least, most, row.bound,
               ratio >= row.bound ? "ok" : "below");
-  std::fflush(stdout);
+  (void)std::fflush(stdout);
   return ratio >= row.bound;
 }
 
@@ -136,7 +139,7 @@ int main(int argc, char** argv) {
   try {
     return cpd::bench::Run(argc > 1 ? std::atoi(argv[1]) : 9);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "udisk_mount_bench: %s\n", error.what());
+    (void)std::fprintf(stderr, "udisk_mount_bench: %s\n", error.what());
     return 2;
   }
 }

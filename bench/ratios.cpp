@@ -141,7 +141,7 @@ bool PrintRow(const Row& row, int turns) {
   std::printf("| %s | %.4g | %.4g | **%.2f** | %.2f–%.2f | %s %g | %s |\n", row.name.c_str(),
               Median(base_rates), Median(rates), ratio, *least, *most, share ? "≥" : "≤", row.bound,
               ok ? "ok" : (share ? "below" : "above"));
-  std::fflush(stdout);
+  (void)std::fflush(stdout);
   return ok;
 }
 

@@ -260,7 +260,7 @@ int main(int argc, char** argv) {
     const std::chrono::seconds length(argc > 1 ? std::atoi(argv[1]) : 60);
     return cpd::bench::Run(length, argc > 2 ? std::atoi(argv[2]) : 64);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "udisk_soak: %s\n", error.what());
+    (void)std::fprintf(stderr, "udisk_soak: %s\n", error.what());
     return 1;
   }
 }

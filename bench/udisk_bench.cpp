@@ -127,7 +127,7 @@ int main(int argc, char** argv) {
   try {
     return cpd::bench::Run(argc, argv);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "udisk_bench: %s\n", error.what());
+    (void)std::fprintf(stderr, "udisk_bench: %s\n", error.what());
     return 2;
   }
 }
