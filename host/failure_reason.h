@@ -1,13 +1,13 @@
 // Why the disk refused a change. Answers carry no errno: a -1 says that it failed, not why. So what
 // a change depends on is looked at afterwards - attributes, listings, free space, mount flags - and
-// the likeliest reason is given. It is a guess by nature: the disk may have changed in between, and
-// who is asking the disk's file system is not known here.
+// the likeliest reason is given. It is a guess by nature: the disk may have changed in between.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "remote_files.h"
 
@@ -22,13 +22,20 @@ struct Attempt {
     kRename,
     kUnlink,
     kRemoveDirectory,
-    kWrite,  ///< and whatever else changes or saves a file's content
+    kWrite,  ///< and whatever else changes a file's content
+    kSync,
     kChangeAttributes,
   };
   Kind kind;
   std::string path;           ///< what was to be changed or, for the first two, made
   std::string new_path = {};  ///< of a link or a rename
   int64_t end = 0;            ///< of a write: where it would have ended
+};
+
+/// Who asks the disk's file system: the module opens every file as this process.
+struct User {
+  uint32_t id = 0;
+  std::vector<uint32_t> groups = {};
 };
 
 /// What the disk shows afterwards.
@@ -39,6 +46,7 @@ struct Facts {
   Attributes parent;     ///< the directory of the name that was to be made or taken away
   bool is_empty = true;  ///< the directory that was to be removed or replaced
   std::optional<udisk_statvfs> disk;
+  User user = {};
 };
 
 /// @return an errno, EIO where nothing explains the failure

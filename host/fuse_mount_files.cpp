@@ -104,7 +104,7 @@ void FuseMount::Sync(fuse_req_t request, fuse_ino_t node, int /*data_only*/,
   const OwnerAccess access(files_, file->path, file->attributes.st_mode);
   files_.Sync(file->path, [this, request, path = file->path](Outcome outcome) {
     if (outcome == Outcome::kDone) return void(fuse_reply_err(request, 0));
-    ReplyFailure(request, outcome, {.kind = Kind::kWrite, .path = path});
+    ReplyFailure(request, outcome, {.kind = Kind::kSync, .path = path});
   });
 }
 

@@ -1,5 +1,5 @@
-// A disk that is full or turns read-only, and a host that dies: programs are told, and what they
-// know to be written stays.
+// A disk that is full, fails or turns read-only, and a host that dies: programs are told, and what
+// they know to be written stays.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -146,6 +146,47 @@ TEST_F(FullDisk, WithoutInodesMakesNoFileAndNoDirectory) {
   ASSERT_EQ(unlink((mounted / "many/1").c_str()), 0);
   ExpectRightStatistics(mounted);
   EXPECT_EQ(mkdir((mounted / "directory").c_str(), 0755), 0) << strerror(errno);
+}
+
+// ---- Failing ----
+
+/// A file system on a device that takes some mebibytes and then fails every write, while blocks
+/// enough seem to be free.
+class FailingDisk : public MountTest {
+ protected:
+  void SetUp() override {
+    MountTest::SetUp();
+    if (IsSkipped()) return;
+    if (geteuid() != 0) GTEST_SKIP() << "a loop device needs root";
+    fs::create_directory(backing());
+    fs::create_directory(path());
+    const auto made = Shell("mount -t tmpfs -o size=6m none " + backing() + " && truncate -s 64M " +
+                            backing() + "/image && mkfs.ext2 -q " + backing() +
+                            "/image && mount -o loop " + backing() + "/image " + path());
+    if (made.status != 0) GTEST_SKIP() << "no loop device here: " + made.output;
+  }
+  void TearDown() override {
+    for (const auto& directory : {path(), backing()}) {
+      if (IsMounted(directory)) umount2(directory.c_str(), MNT_DETACH);
+    }
+  }
+  std::string path() const { return place / "disk"; }
+
+ private:
+  std::string backing() const { return place / "backing"; }
+
+  TempDir place;
+};
+
+TEST_F(FailingDisk, FailsTheSyncWithAnInputOutputError) {
+  MountedDisk mounted(path());
+  const int fd = open((mounted / "file").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  ASSERT_GE(fd, 0) << strerror(errno);
+  const auto content = Bytes(20 << 20);
+  EXPECT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
+  EXPECT_EQ(fsync(fd), -1);
+  EXPECT_EQ(errno, EIO) << strerror(errno);
+  close(fd);
 }
 
 // ---- Read-only ----

@@ -40,19 +40,21 @@ Facts NothingWrong() {
           .target = std::nullopt,
           .parent = Directory(),
           .is_empty = true,
-          .disk = RoomyDisk()};
+          .disk = RoomyDisk(),
+          .user = {.id = 1000, .groups = {1000, 46}}};
 }
 
 int Reason(Kind kind, const Facts& facts) {
   return LikeliestReason({.kind = kind, .path = "/dir/a", .new_path = "/dir/b"}, facts);
 }
 
-constexpr Kind kEverything[] = {Kind::kMakeFile, Kind::kMakeDirectory,   Kind::kLink,
-                                Kind::kRename,   Kind::kUnlink,          Kind::kRemoveDirectory,
-                                Kind::kWrite,    Kind::kChangeAttributes};
+constexpr Kind kEverything[] = {Kind::kMakeFile, Kind::kMakeDirectory, Kind::kLink,
+                                Kind::kRename,   Kind::kUnlink,        Kind::kRemoveDirectory,
+                                Kind::kWrite,    Kind::kSync,          Kind::kChangeAttributes};
 
 TEST(FailureReason, IsAnInputOutputErrorWhereNothingExplainsTheFailure) {
   EXPECT_EQ(Reason(Kind::kWrite, NothingWrong()), EIO);
+  EXPECT_EQ(Reason(Kind::kSync, NothingWrong()), EIO);
   EXPECT_EQ(Reason(Kind::kUnlink, NothingWrong()), EIO);
   EXPECT_EQ(Reason(Kind::kRename, NothingWrong()), EIO);
 }
@@ -61,7 +63,7 @@ TEST(FailureReason, OfAMissingFileIsThat) {
   auto facts = NothingWrong();
   facts.file.reset();
   for (const Kind kind : {Kind::kLink, Kind::kRename, Kind::kUnlink, Kind::kRemoveDirectory,
-                          Kind::kWrite, Kind::kChangeAttributes}) {
+                          Kind::kWrite, Kind::kSync, Kind::kChangeAttributes}) {
     EXPECT_EQ(Reason(kind, facts), ENOENT);
   }
 }
@@ -80,7 +82,7 @@ TEST(FailureReason, OfAReadOnlyDiskIsThatForEveryChange) {
 TEST(FailureReason, OfAFullDiskIsThatForWhatNeedsRoom) {
   auto facts = NothingWrong();
   facts.disk->f_bavail = 2;
-  for (const Kind kind : {Kind::kWrite, Kind::kLink, Kind::kRename, Kind::kMakeFile}) {
+  for (const Kind kind : {Kind::kWrite, Kind::kSync, Kind::kLink, Kind::kRename, Kind::kMakeFile}) {
     EXPECT_EQ(Reason(kind, facts), ENOSPC);
   }
   EXPECT_NE(Reason(Kind::kUnlink, facts), ENOSPC);
@@ -145,13 +147,59 @@ TEST(FailureReason, OfTwoNamesOnTwoFileSystemsIsThat) {
   EXPECT_EQ(Reason(Kind::kLink, facts), EXDEV);
 }
 
-TEST(FailureReason, IsAPermissionWhereOneMayBeMissing) {
+TEST(FailureReason, IsAPermissionWhereOneIsMissing) {
   auto facts = NothingWrong();
   facts.file = File(0644);
   EXPECT_EQ(Reason(Kind::kWrite, facts), EACCES);
+  EXPECT_EQ(Reason(Kind::kUnlink, facts), EIO);
   facts.parent = Directory(0755);
   EXPECT_EQ(Reason(Kind::kUnlink, facts), EACCES);
+  EXPECT_EQ(Reason(Kind::kMakeFile, facts), EACCES);
   EXPECT_EQ(Reason(Kind::kChangeAttributes, facts), EPERM);
+}
+
+TEST(FailureReason, IsThePermissionOfTheOwnerOfTheGroupOrOfOthers) {
+  auto facts = NothingWrong();
+  const auto reason = [&](uint32_t mode, uint32_t owner, uint32_t group) {
+    facts.file = File(mode);
+    facts.file->st_uid = owner;
+    facts.file->st_gid = group;
+    return Reason(Kind::kWrite, facts);
+  };
+  EXPECT_EQ(reason(0200, 1000, 0), EIO);
+  EXPECT_EQ(reason(0022, 1000, 46), EACCES);
+  EXPECT_EQ(reason(0020, 0, 46), EIO);
+  EXPECT_EQ(reason(0202, 0, 46), EACCES);
+  EXPECT_EQ(reason(0002, 0, 47), EIO);
+  EXPECT_EQ(reason(0220, 0, 47), EACCES);
+}
+
+TEST(FailureReason, IsNoPermissionOfTheSuperuser) {
+  auto facts = NothingWrong();
+  facts.user = {};
+  facts.file = File(0444);
+  facts.file->st_uid = 1000;
+  facts.parent = Directory(01555);
+  facts.parent->st_uid = 1000;
+  for (const Kind kind : {Kind::kWrite, Kind::kUnlink, Kind::kRename}) {
+    EXPECT_EQ(Reason(kind, facts), EIO) << static_cast<int>(kind);
+  }
+}
+
+TEST(FailureReason, OfASyncIsNoPermission) {
+  auto facts = NothingWrong();
+  facts.file = File(0444);
+  EXPECT_EQ(Reason(Kind::kSync, facts), EIO);
+}
+
+TEST(FailureReason, InAStickyDirectoryIsAPermissionForOthersFilesOnly) {
+  auto facts = NothingWrong();
+  facts.parent = Directory(01777);
+  EXPECT_EQ(Reason(Kind::kUnlink, facts), EACCES);
+  facts.file->st_uid = 1000;
+  EXPECT_EQ(Reason(Kind::kUnlink, facts), EIO);
+  facts.file.reset();
+  EXPECT_EQ(Reason(Kind::kMakeFile, facts), EIO);
 }
 
 TEST(FailureReason, OfALinkIsAtLastThatTheDiskHasNone) {
