@@ -178,6 +178,7 @@ NameGate::Pass FuseMount::Enter() {
 NameGate::Move FuseMount::BeginMove() {
   auto move = gate_.BeginMove();
   writes_.Send();
+  writes_.AwaitAnswers();  // a batch that fails is written again, by its old path
   return move;
 }
 
@@ -335,17 +336,19 @@ void FuseMount::ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, 
   const auto pass = Enter();
   const auto directory = nodes_.Find(node);
   if (!directory) return void(fuse_reply_err(request, ESTALE));
-  listings_.List(directory->path, [this, request, node, size, first, handle = file->fh,
-                                   path = directory->path](const Result<SharedListing>& result) {
-    if (result.error != 0) return void(fuse_reply_err(request, result.error));
-    const OpenDirectoryListing fresh{.listing = result.value, .changes = changes_};
-    prefetch_.Listed(path, result.value);
-    {
-      const std::lock_guard lock(mutex_);
-      directories_[handle] = fresh;
-    }
-    ReplyWithEntries(request, node, fresh, first, size);
-  });
+  // The changes up to now: what is written while the answer is on its way may be missing in it.
+  listings_.List(directory->path,
+                 [this, request, node, size, first, handle = file->fh, changes = changes_.load(),
+                  path = directory->path](const Result<SharedListing>& result) {
+                   if (result.error != 0) return void(fuse_reply_err(request, result.error));
+                   const OpenDirectoryListing fresh{.listing = result.value, .changes = changes};
+                   prefetch_.Listed(path, result.value);
+                   {
+                     const std::lock_guard lock(mutex_);
+                     directories_[handle] = fresh;
+                   }
+                   ReplyWithEntries(request, node, fresh, first, size);
+                 });
 }
 
 /// Entry n has position n + 1, from where the next read goes on. Once something was changed through

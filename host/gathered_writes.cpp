@@ -183,6 +183,10 @@ void GatheredWrites::Drain() {
     const auto pass = gate_.Enter();
     Send();
   }
+  AwaitAnswers();
+}
+
+void GatheredWrites::AwaitAnswers() {
   std::unique_lock lock(mutex_);
   changed_.wait(lock, [this] { return gathering_.empty(); });
 }

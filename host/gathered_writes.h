@@ -44,6 +44,9 @@ class GatheredWrites {
   void Drain(NodeTable::Id node);
   /// The same for all files.
   void Drain();
+  /// Waits until all that was sent is answered. To be called while names move, so that nothing more
+  /// is gathered; not by who delivers replies.
+  void AwaitAnswers();
 
  private:
   using Clock = std::chrono::steady_clock;

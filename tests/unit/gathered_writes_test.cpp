@@ -254,6 +254,19 @@ TEST_F(GatheredWritesTest, BehindAFailedBatchStayTheLast) {
   EXPECT_EQ(failures, std::vector<int>{});
 }
 
+TEST_F(GatheredWritesTest, OfAFailedBatchAreWrittenBeforeAMoveThatAwaitsThem) {
+  disk.Hold();
+  disk.FailBatches(1);
+  ASSERT_TRUE(Add(0, "abc"));
+  ASSERT_TRUE(Add(6, "ghi"));
+  const auto move = gate.BeginMove();
+  writes.Send();
+  disk.GoOn();
+  writes.AwaitAnswers();
+  EXPECT_EQ(disk.content(), "abc...ghi");
+  EXPECT_EQ(failures, std::vector<int>{});
+}
+
 TEST_F(GatheredWritesTest, ThatFailAgainAreReportedBeforeADrainEnds) {
   disk.Fill();
   ASSERT_TRUE(Add(0, "abc"));
