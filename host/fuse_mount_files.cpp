@@ -158,6 +158,7 @@ void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* 
   }
   if (sets_mode) {
     files_.ChangeMode(path, wanted->st_mode, keep_failure(Kind::kChangeAttributes, 0));
+    nodes_.SetMode(node, wanted->st_mode);  // what is sent behind it finds the file so
   }
   const int64_t size = wanted->st_size;
   if ((which & FUSE_SET_ATTR_SIZE) != 0) {
@@ -183,6 +184,7 @@ void FuseMount::ReplyChangedAttributes(fuse_req_t request, fuse_ino_t node,
                                    change](const Result<udisk_stat>& result) {
     ++changes_;
     if (change->outcome != Outcome::kDone) {
+      if (result.error == 0) nodes_.Update(node, result.value);
       return ReplyFailure(request, change->outcome, change->attempt);
     }
     ReplyAttributes(request, node, is_hidden, result);

@@ -4,12 +4,10 @@
 
 #include <utility>
 
+#include "attributes.h"
+
 namespace cpd::host {
 namespace {
-
-bool SameTime(const udisk_timespec& a, const udisk_timespec& b) {
-  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
 
 /// Whether what a name stands for is what it stood for before. A directory's inode does not matter,
 /// since all that counts of it are the names in it. Nor does a file's, as long as nothing else
@@ -18,7 +16,7 @@ bool IsSameFile(const udisk_stat& before, const udisk_stat& now) {
   if (((before.st_mode ^ now.st_mode) & S_IFMT) != 0) return false;
   if (S_ISDIR(now.st_mode)) return true;
   if (before.st_dev == now.st_dev && before.st_ino == now.st_ino) return true;
-  return before.st_size == now.st_size && SameTime(before.st_mtim, now.st_mtim);
+  return before.st_size == now.st_size && IsSameTime(before.st_mtim, now.st_mtim);
 }
 
 }  // namespace
@@ -113,6 +111,14 @@ void NodeTable::Grow(Id id, int64_t size) {
   if (node == nodes_.end()) return;
   auto& attributes = node->second.attributes;
   if (attributes.st_size < size) attributes.st_size = size;
+}
+
+void NodeTable::SetMode(Id id, uint32_t mode) {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  if (node == nodes_.end()) return;
+  auto& attributes = node->second.attributes;
+  attributes.st_mode = (attributes.st_mode & S_IFMT) | (mode & kPermissions);
 }
 
 std::optional<NodeTable::File> NodeTable::Find(Id id) const {

@@ -40,6 +40,8 @@ class NodeTable {
   bool Update(Id id, const udisk_stat& attributes);
   /// Notes that a file has at least this size.
   void Grow(Id id, int64_t size);
+  /// Notes the permissions that a file is about to have.
+  void SetMode(Id id, uint32_t mode);
   /// Empty for an id that the kernel was never given, and for a file without a name.
   [[nodiscard]] std::optional<File> Find(Id id) const;
   /// The path of a name in a directory.

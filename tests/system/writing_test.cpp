@@ -10,8 +10,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <set>
 #include <thread>
 
@@ -35,6 +37,31 @@ using LocalChanges = MountTest;
 using Ends = MountTest;
 
 constexpr off_t kMiB = 1 << 20;
+
+/// A disk that can be kept busy: one paced read takes it more than a second, and what is asked
+/// meanwhile is carried out behind it.
+class BusyDisk : public MountTest {
+ protected:
+  void SetUp() override {
+    MountTest::SetUp();
+    WriteFile(disk / "paced", std::string(kMiB, '-'));
+  }
+  MountedDisk Mount() {
+    return MountedDisk(disk.path(), {"--bandwidth", "4000"},
+                       {{"TESSEL_CPD_CLIENT_THROTTLE_LEGACY", "0"}});
+  }
+  /// @return when the read is under way, the thread that waits for its end
+  static std::jthread KeepBusy(const MountedDisk& mounted) {
+    std::jthread reader([path = mounted / "paced"] {
+      const int fd = open(path.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC);
+      const std::unique_ptr<void, decltype(&free)> buffer(aligned_alloc(4096, kMiB), &free);
+      EXPECT_EQ(read(fd, buffer.get(), kMiB), kMiB) << strerror(errno);
+      close(fd);
+    });
+    std::this_thread::sleep_for(100ms);
+    return reader;
+  }
+};
 
 class Fd {
  public:
@@ -153,6 +180,8 @@ TEST_F(Contents, CanBeWrittenWhereTheModeForbidsItToWhoMadeTheFile) {
   Fd file(mounted / "file", O_RDWR | O_CREAT, 0400);
   file.Write("content");
   EXPECT_EQ(fsync(file.get()), 0) << strerror(errno);
+  EXPECT_EQ(ftruncate(file.get(), 12 * kMiB), 0) << strerror(errno);
+  EXPECT_EQ(ftruncate(file.get(), 11 * kMiB), 0) << strerror(errno);
   EXPECT_EQ(ftruncate(file.get(), 4), 0) << strerror(errno);
   EXPECT_EQ(ReadFile(disk / "file"), "cont");
   EXPECT_EQ(Stat(disk / "file").st_mode & 07777U, 0400U);
@@ -282,6 +311,66 @@ TEST_F(SmallWrites, ThatFailAreReportedByClose) {
   ASSERT_TRUE(fs::remove(disk / "file"));
   file.Write("lost");
   EXPECT_EQ(file.Close(), ENOENT);
+}
+
+TEST_F(SmallWrites, ThatFailAreNotWrittenIntoAFileThatTookTheNameMeanwhile) {
+  MountedDisk mounted(disk.path());
+  for (int i = 0; i < 100; ++i) {
+    const auto number = std::to_string(i);
+    const auto name = "name" + number;
+    WriteFile(disk / name, "old content");
+    fs::create_hard_link(disk / name, disk / "link" + number);
+    WriteFile(disk / "new" + number, "new content");
+    Stat(mounted / "link" + number);
+    Fd file(mounted / name, O_WRONLY);
+    ASSERT_TRUE(fs::remove(disk / name));
+    std::atomic<bool> is_renamed = false;
+    std::jthread writer([&] {
+      // Every other one fails, as it is told of those before.
+      while (!is_renamed) (void)!pwrite(file.get(), "lost", 4, 0);
+    });
+    EXPECT_EQ(rename((mounted / "new" + number).c_str(), (mounted / name).c_str()), 0)
+        << strerror(errno);
+    is_renamed = true;
+    writer.join();
+    file.Close();
+    ASSERT_EQ(ReadFile(disk / name), "new content") << i;
+  }
+}
+
+// ---- What meets in the queue of a busy disk ----
+
+TEST_F(BusyDisk, LosesNoAppendToAListingThatWasAskedForBefore) {
+  fs::create_directory(disk / "dir");
+  for (int i = 0; i < 1500; ++i) WriteFile(disk / "dir/file" + std::to_string(i), "content");
+  std::string last;  // of the names as they are listed, on the last page
+  for (const auto& entry : fs::directory_iterator(disk / "dir")) last = entry.path().filename();
+  const auto mounted = Mount();
+  Fd file((mounted / "dir/") + last, O_WRONLY | O_APPEND);
+  const auto busy = KeepBusy(mounted);
+  std::jthread lister([&] { EXPECT_EQ(List(mounted / "dir").size(), 1500U); });
+  std::this_thread::sleep_for(100ms);
+  file.Write(" before");
+  lister.join();
+  file.Write(" after");
+  EXPECT_EQ(file.Close(), 0);
+  EXPECT_EQ(ReadFile((disk / "dir/") + last), "content before after");
+}
+
+TEST_F(BusyDisk, KeepsTheModeThatAFileGetsWhileItIsClosed) {
+  auto mounted = Mount();
+  Fd writer(mounted / "file", O_WRONLY | O_CREAT, 0444);
+  writer.Write("content");
+  Fd reader(mounted / "file", O_RDONLY);
+  const auto busy = KeepBusy(mounted);
+  std::jthread changer(
+      [&] { EXPECT_EQ(chmod((mounted / "file").c_str(), 0644), 0) << strerror(errno); });
+  std::this_thread::sleep_for(100ms);
+  reader.Close();
+  changer.join();
+  EXPECT_EQ(writer.Close(), 0);
+  EXPECT_EQ(mounted.Unmount().status, 0);
+  EXPECT_EQ(Stat(disk / "file").st_mode & 07777U, 0644U);
 }
 
 // ---- Sizes ----
@@ -627,6 +716,7 @@ TEST_F(Refusals, OfAReadOnlyMountOutliveARemount) {
   {
     const Fd file(mounted / "file", O_WRONLY);
     EXPECT_EQ(ErrorOf([&] { return static_cast<int>(pwrite(file.get(), "x", 1, 0)); }), EROFS);
+    EXPECT_EQ(ErrorOf([&] { return fsync(file.get()); }), EROFS);
   }
   EXPECT_EQ(ReadFile(disk / "file"), "content");
 }

@@ -108,6 +108,13 @@ TEST_F(Nodes, StayTheSameWhenTheDiskOnlyNumbersThemAnew) {
   EXPECT_EQ(nodes.Refer(kRoot, "dir", Directory(6)), directory);
 }
 
+TEST_F(Nodes, HaveTheModeThatTheyAreAboutToGet) {
+  const auto node = nodes.Refer(kRoot, "a", File(1));
+  nodes.SetMode(node, S_IFDIR | 04755);
+  EXPECT_EQ(nodes.Find(node)->attributes.st_mode, S_IFREG | 04755U);
+  nodes.SetMode(99, 0600);  // unknown: nothing to set
+}
+
 TEST_F(Nodes, AreForgottenWithTheLastReference) {
   const auto directory = nodes.Refer(kRoot, "dir", Directory(1));
   const auto file = nodes.Refer(directory, "file", File(2));
