@@ -1,6 +1,7 @@
 #include "local_disks.h"
 
 #include <fmt/format.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include "json.h"
 #include "operator.h"
 #include "service.h"
+#include "standard_error.h"
 
 namespace cpd::host {
 namespace {
@@ -185,13 +187,14 @@ LocalMount::LocalMount(const std::string& device) {
 }
 
 LocalMount::~LocalMount() {
-  // With a second mount upon it, or none, the disk's files would be what is removed.
-  if (CountMounts(directory_) == 1) {
+  // The service removes the directory with all that is in it, whether it could unmount it or not.
+  // With a second mount upon it, or none, that would be somebody's files.
+  if (CountMounts(directory_) == 1 && umount2(directory_.c_str(), MNT_DETACH) == 0) {
     service_->UmountLocal();
     return;
   }
-  fmt::print(stderr, "cpd-host: {} is left as it is: it is not mounted once\n",
-             directory_.string());
+  PrintError(fmt::format("cpd-host: {} is left as it is: it is not mounted once, or busy\n",
+                         directory_.string()));
 }
 
 }  // namespace cpd::host

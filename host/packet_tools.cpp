@@ -10,6 +10,7 @@
 #include <memory>
 #include <system_error>
 
+#include "attributes.h"
 #include "remote_files.h"
 #include "session.h"
 
@@ -58,7 +59,7 @@ void PrintListing(Session& session, const std::string& path) {
     tm local{};
     localtime_r(&changed, &local);
     fmt::print("{}{:04o} {:3} {:5} {:5} {:12} {:%F %T} {}\n", TypeLetter(attributes.st_mode),
-               attributes.st_mode & 07777U, uint64_t{attributes.st_nlink},
+               attributes.st_mode & kPermissions, uint64_t{attributes.st_nlink},
                uint32_t{attributes.st_uid}, uint32_t{attributes.st_gid},
                int64_t{attributes.st_size}, local, name);
   }

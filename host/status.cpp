@@ -10,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "standard_error.h"
 #include "wire.h"
 
 namespace cpd::host {
@@ -61,7 +62,7 @@ StatusLine::StatusLine(const Session& session, uint32_t announced_kbps)
 StatusLine::~StatusLine() {
   if (print_ == nullptr) return;
   print_.reset();
-  fmt::print(stderr, "\r\x1b[K");
+  PrintError("\r\x1b[K");
 }
 
 void StatusLine::Print() {
@@ -69,7 +70,8 @@ void StatusLine::Print() {
   for (const auto& [command, counters] : session_.statistics()) {
     now.requests += counters.requests;
     now.bytes += counters.bytes;
-    if (command == kFileRead) now.read_bytes = counters.bytes;
+    const bool is_paced = command == kFileRead || command == kSmallFileRead;
+    if (is_paced) now.read_bytes += counters.bytes;
   }
   const auto time = Session::Clock::now();
   const std::chrono::duration<double> elapsed = time - std::exchange(last_time_, time);
@@ -80,9 +82,9 @@ void StatusLine::Print() {
   };
   const std::string announced =
       announced_kbps_ == 0 ? "no limit" : fmt::format("{} kbps", announced_kbps_);
-  fmt::print(stderr, "\r\x1b[K{:.0f} requests/s  {:.1f} MB/s  read {:.0f} kbps (announced: {})",
-             rate(&Totals::requests), rate(&Totals::bytes) / 1e6,
-             rate(&Totals::read_bytes) * 8 / 1e3, announced);
+  PrintError(fmt::format("\r\x1b[K{:.0f} requests/s  {:.1f} MB/s  read {:.0f} kbps (announced: {})",
+                         rate(&Totals::requests), rate(&Totals::bytes) / 1e6,
+                         rate(&Totals::read_bytes) * 8 / 1e3, announced));
   last_ = now;
 }
 

@@ -62,6 +62,31 @@ TEST_F(CommandLine, ALibraryThatIsNoDriverModuleIsRefused) {
   EXPECT_FALSE(IsMounted(mount_point.path()));
 }
 
+TEST_F(CommandLine, ANegativeTimeLimitIsRefused) {
+  const TempDir mount_point;
+  ExpectRefused(disk.path() + " " + mount_point.path() + " --timeout -5", "--timeout");
+}
+
+TEST_F(CommandLine, ARefusalThatNobodyCanBeToldIsOneAllTheSame) {
+  EXPECT_EQ(Shell(CPD_HOST " mount /none /none 2>/dev/full").status, 1);
+}
+
+TEST_F(CommandLine, OutputThatCannotBeWrittenIsAFailure) {
+  WriteFile(disk / "file", "content");
+  for (const char* command : {" cat ", " ls ", " df "}) {
+    const auto failed = Shell(std::string(CPD_HOST) + command + disk.path() +
+                              (command == std::string(" cat ") ? " file" : "") + " >/dev/full");
+    EXPECT_EQ(failed.status, 1) << command;
+    EXPECT_EQ(failed.output, "cpd-host: standard output: No space left on device\n") << command;
+  }
+}
+
+TEST_F(CommandLine, ADirectoryThatIsMissingIsListedAsThat) {
+  const auto failed = Shell(CPD_HOST " ls " + disk.path() + " /missing --log-level off");
+  EXPECT_EQ(failed.status, 1);
+  EXPECT_EQ(failed.output, "cpd-host: /missing: No such file or directory\n");
+}
+
 TEST_F(CommandLine, AMountPointInUseIsRefused) {
   const TempDir second_disk;
   WriteFile(disk / "first", "");

@@ -4,6 +4,11 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
 #include "mounted_disk.h"
 
 namespace system_test {
@@ -102,6 +107,42 @@ TEST_F(Stopping, AKilledHostLetsItsReadersGo) {
   mounted.Signal(SIGKILL);
   EXPECT_EQ(mounted.WaitForEnd().status, 128 + SIGKILL);
   EXPECT_TRUE(reader.Wait()) << "the reader hangs";
+}
+
+// ---- What the host prints to goes away ----
+
+TEST_F(Stopping, ATerminalThatGoesAwayTakesNeitherHostNorMountAlong) {
+  const TempDir place;
+  const std::string mount_point = place / "mnt";
+  std::filesystem::create_directory(mount_point);
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (terminal < 0 || grantpt(terminal) != 0 || unlockpt(terminal) != 0) {
+    GTEST_SKIP() << "no terminal here: " << strerror(errno);
+  }
+  Process host({CPD_HOST, "mount", disk.path(), mount_point}, place / "out", ptsname(terminal));
+  EXPECT_TRUE(Eventually([&] { return IsMounted(mount_point); }));
+  close(terminal);
+  EXPECT_FALSE(host.Wait(2500ms)) << "the status line ended the host";
+  EXPECT_EQ(ReadFile(mount_point + "/small"), "small\n");
+  host.Signal(SIGTERM);
+  EXPECT_EQ(host.Wait(), 0);
+  EXPECT_FALSE(IsMounted(mount_point));
+  umount2(mount_point.c_str(), MNT_DETACH);
+}
+
+TEST_F(Stopping, AReaderOfTheTableThatGoesAwayIsAFailureButUnmounts) {
+  const TempDir place;
+  const std::string mount_point = place / "mnt";
+  std::filesystem::create_directory(mount_point);
+  Process host({"/bin/sh", "-c",
+                "{ " CPD_HOST " mount " + disk.path() + " " + mount_point + "; echo $? >" +
+                    (place / "status") + "; } | true"},
+               place / "out", place / "err");
+  EXPECT_TRUE(Eventually([&] { return IsMounted(mount_point); }));
+  EXPECT_EQ(Shell("fusermount3 -u " + mount_point).status, 0);
+  EXPECT_EQ(host.Wait(), 0);
+  EXPECT_EQ(ReadFile(place / "status"), "1\n");
+  EXPECT_EQ(ReadFile(place / "err"), "cpd-host: standard output: Broken pipe\n");
 }
 
 TEST_F(Stopping, ADiskThatGoesAwayUnderReadersHangsNobody) {

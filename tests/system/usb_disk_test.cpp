@@ -1,6 +1,7 @@
 // The service's own way to a disk, with the machine's programs: probing through sysfs and blkid,
 // mounting through ntfs-3g.
 #include <stdlib.h>
+#include <sys/mount.h>
 #include <umockdev.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "mounted_disk.h"
 #include "operator.h"
@@ -301,6 +303,67 @@ TEST(DeviceMount, OfNoPartitionSaysSoInOneLine) {
   const Result result = Shell(std::string(CPD_HOST) + " mount --device nothing1 /mnt");
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.output, "cpd-host: /dev/nothing1 is no partition with a label or UUID\n");
+}
+
+// ---- A host that is stopped, or whose commands fail ----
+
+/// A partition that blkid shows, and commands in the place of the machine's own. Its files are
+/// those of a directory.
+class StagedDevice : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!WhyNoFuse().empty()) GTEST_SKIP() << WhyNoFuse();
+    if (geteuid() != 0) GTEST_SKIP() << "mounting needs root";
+    if (access("/media", W_OK) != 0) GTEST_SKIP() << "/media cannot be written";
+    for (const char* name : {"bin", "disk", "mnt"}) std::filesystem::create_directory(place / name);
+    WriteFile(place / "disk/file", "kept");
+    AddCommand("blkid", R"(echo '/dev/staged1: LABEL=")" + label + R"(" TYPE="vfat"')");
+  }
+  void TearDown() override {
+    umount2((place / "mnt").c_str(), MNT_DETACH);
+    umount2(directory.c_str(), MNT_DETACH);
+    std::filesystem::remove(directory);
+  }
+
+  void AddCommand(const std::string& name, const std::string& script) const {
+    WriteFile(place / "bin/" + name, "#!/bin/sh\n" + script + "\n");
+    std::filesystem::permissions(place / "bin/" + name, std::filesystem::perms::owner_all);
+  }
+  Process StartHost() const {
+    return Process({CPD_HOST, "mount", "--device", "staged1", place / "mnt"}, place / "out",
+                   place / "err", {{"PATH", (place / "bin:") + getenv("PATH")}});
+  }
+
+  const std::string label = "STAGED" + std::to_string(getpid());
+  const std::string directory = "/media/" + label;
+  const TempDir place;
+  const std::string bind = "/bin/mount --bind " + (place / "disk") + " \"$2\"";
+};
+
+TEST_F(StagedDevice, IsLeftByAHostThatIsStoppedWhileItMountsIt) {
+  AddCommand("mount", "touch " + (place / "mounting") + "; while [ ! -e " + (place / "go") +
+                          " ]; do sleep 0.02; done; " + bind);
+  auto host = StartHost();
+  ASSERT_TRUE(Eventually([&] { return std::filesystem::exists(place / "mounting"); }));
+  host.Signal(SIGTERM);
+  std::this_thread::sleep_for(100ms);
+  WriteFile(place / "go", "");
+  EXPECT_EQ(host.Wait(), 0) << ReadFile(place / "err");
+  EXPECT_FALSE(IsMounted(directory));
+  EXPECT_FALSE(std::filesystem::exists(directory));
+  EXPECT_EQ(ReadFile(place / "disk/file"), "kept");
+}
+
+TEST_F(StagedDevice, KeepsItsFilesWhenTheCommandThatUnmountsItFails) {
+  AddCommand("mount", bind);
+  AddCommand("umount", "exit 1");
+  auto host = StartHost();
+  EXPECT_TRUE(Eventually([&] { return IsMounted(place / "mnt"); })) << ReadFile(place / "err");
+  EXPECT_EQ(ReadFile(place / "mnt/file"), "kept");
+  host.Signal(SIGTERM);
+  EXPECT_EQ(host.Wait(), 0) << ReadFile(place / "err");
+  EXPECT_FALSE(std::filesystem::exists(directory));
+  EXPECT_EQ(ReadFile(place / "disk/file"), "kept");
 }
 
 TEST_F(NtfsDiskTest, ALabelFullOfShellCharactersIsADirectoryAndRunsNothing) {
