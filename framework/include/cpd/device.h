@@ -61,6 +61,9 @@ class CpdDevice {
 
   /// Hands a packet over for the remote side. What the pointer still owns when the call returns
   /// is destroyed by the caller.
+  /// Called on the driver's worker (the first two packets: on its service thread). While it runs no
+  /// later request is served, so it must not wait; and it must not call Close or delete the driver,
+  /// which join these threads.
   /// @param flags  drivers pass -1
   /// @return the host's own result, 0 for success
   virtual int SendPacket(std::unique_ptr<CpdPacket> packet, int flags) = 0;
