@@ -9,6 +9,8 @@
 
 #include "failure_reason.h"
 #include "hidden_name.h"
+#include "owner_access.h"
+#include "paths.h"
 #include "remote_files.h"
 
 namespace cpd::host {
@@ -38,7 +40,7 @@ void Report(RemoteFiles& files, Outcome outcome, const std::string& path, int64_
 
 void CutThroughLink(RemoteFiles& files, const std::string& path, int64_t size,
                     std::function<void(int error)> done) {
-  const std::string link = path.substr(0, path.rfind('/') + 1) + HiddenName() + ".tmp";
+  const auto link = JoinPath(DirectoryOf(path), HiddenName() + ".tmp");
   const auto cut = std::make_shared<Outcome>();
   files.Link(path, link, [](Outcome) {});
   files.Truncate(link, static_cast<uint64_t>(size), [cut](Outcome outcome) { *cut = outcome; });
@@ -56,6 +58,7 @@ void SetLargeSize(RemoteFiles& files, const std::string& path, int64_t size,
       path, [&files, path, size, done = std::move(done)](const Result<udisk_stat>& result) {
         const int64_t present = result.value.st_size;
         if (result.error != 0 || present == size) return done(result.error);
+        const OwnerAccess access(files, path, result.value.st_mode);
         if (present > size) return CutThroughLink(files, path, size, done);
         files.Write(path, size - 1, "\0"sv, [&files, path, size, done](Outcome outcome) {
           Report(files, outcome, path, size, done);

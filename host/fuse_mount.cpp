@@ -117,14 +117,14 @@ void FuseMount::Serve(const sigset_t& stop_signals) {
 }
 
 template <auto kHandler, class... Arguments>
-void FuseMount::Pass(fuse_req_t request, Arguments... arguments) {
+void FuseMount::Call(fuse_req_t request, Arguments... arguments) {
   auto* mount = static_cast<FuseMount*>(fuse_req_userdata(request));
   (mount->*kHandler)(request, arguments...);
 }
 
 // The kernel refuses first, unless somebody has remounted.
 template <auto kHandler, class... Arguments>
-void FuseMount::PassChange(fuse_req_t request, Arguments... arguments) {
+void FuseMount::CallChange(fuse_req_t request, Arguments... arguments) {
   auto* mount = static_cast<FuseMount*>(fuse_req_userdata(request));
   if (mount->read_only_) return void(fuse_reply_err(request, EROFS));
   (mount->*kHandler)(request, arguments...);
@@ -135,36 +135,36 @@ void FuseMount::PassChange(fuse_req_t request, Arguments... arguments) {
 fuse_lowlevel_ops FuseMount::Operations() {
   fuse_lowlevel_ops ops{};
   ops.init = Initialise;
-  ops.lookup = Pass<&FuseMount::Lookup>;
-  ops.forget = Pass<&FuseMount::Forget>;
-  ops.forget_multi = Pass<&FuseMount::ForgetMany>;
-  ops.getattr = Pass<&FuseMount::GetAttributes>;
-  ops.setattr = PassChange<&FuseMount::SetAttributes>;
-  ops.statfs = Pass<&FuseMount::GetStatistics>;
-  ops.getxattr = Pass<&FuseMount::GetExtendedAttribute>;
+  ops.lookup = Call<&FuseMount::Lookup>;
+  ops.forget = Call<&FuseMount::Forget>;
+  ops.forget_multi = Call<&FuseMount::ForgetMany>;
+  ops.getattr = Call<&FuseMount::GetAttributes>;
+  ops.setattr = CallChange<&FuseMount::SetAttributes>;
+  ops.statfs = Call<&FuseMount::GetStatistics>;
+  ops.getxattr = Call<&FuseMount::GetExtendedAttribute>;
   // The protocol shows a symbolic link but has no request that reads or makes one.
   ops.readlink = [](fuse_req_t request, fuse_ino_t) { fuse_reply_err(request, ENOTSUP); };
-  ops.symlink = PassChange<&FuseMount::MakeSymbolicLink>;
+  ops.symlink = CallChange<&FuseMount::MakeSymbolicLink>;
 
-  ops.create = PassChange<&FuseMount::Create>;
-  ops.mknod = PassChange<&FuseMount::MakeNode>;
-  ops.mkdir = PassChange<&FuseMount::MakeDirectory>;
-  ops.link = PassChange<&FuseMount::Link>;
-  ops.unlink = PassChange<&FuseMount::Unlink>;
-  ops.rmdir = PassChange<&FuseMount::RemoveDirectory>;
-  ops.rename = PassChange<&FuseMount::Rename>;
+  ops.create = CallChange<&FuseMount::Create>;
+  ops.mknod = CallChange<&FuseMount::MakeNode>;
+  ops.mkdir = CallChange<&FuseMount::MakeDirectory>;
+  ops.link = CallChange<&FuseMount::Link>;
+  ops.unlink = CallChange<&FuseMount::Unlink>;
+  ops.rmdir = CallChange<&FuseMount::RemoveDirectory>;
+  ops.rename = CallChange<&FuseMount::Rename>;
 
-  ops.open = Pass<&FuseMount::Open>;
-  ops.read = Pass<&FuseMount::Read>;
-  ops.write = PassChange<&FuseMount::Write>;
-  ops.flush = Pass<&FuseMount::Flush>;
-  ops.fsync = Pass<&FuseMount::Sync>;
-  ops.release = Pass<&FuseMount::Release>;
+  ops.open = Call<&FuseMount::Open>;
+  ops.read = Call<&FuseMount::Read>;
+  ops.write = CallChange<&FuseMount::Write>;
+  ops.flush = Call<&FuseMount::Flush>;
+  ops.fsync = CallChange<&FuseMount::Sync>;
+  ops.release = Call<&FuseMount::Release>;
 
-  ops.opendir = Pass<&FuseMount::OpenDirectory>;
+  ops.opendir = Call<&FuseMount::OpenDirectory>;
   // Without a readdir beside it, the kernel always asks for entries with their attributes.
-  ops.readdirplus = Pass<&FuseMount::ReadDirectory>;
-  ops.releasedir = Pass<&FuseMount::ReleaseDirectory>;
+  ops.readdirplus = Call<&FuseMount::ReadDirectory>;
+  ops.releasedir = Call<&FuseMount::ReleaseDirectory>;
   return ops;
 }
 
@@ -268,7 +268,7 @@ void FuseMount::GetExtendedAttribute(fuse_req_t request, fuse_ino_t node, const 
 
 void FuseMount::Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t offset,
                      fuse_file_info* /*file*/) {
-  const auto pass = Enter();
+  auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!file) return void(fuse_reply_err(request, ESTALE));
   const auto wanted = static_cast<uint32_t>(std::min<size_t>(size, kLargestRead));
@@ -284,6 +284,7 @@ void FuseMount::Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t off
                 }
                 fuse_reply_buf(request, bytes.data(), bytes.size());
               });
+  pass.unlock();
   if (file_size <= ReadingRun::kLargestFile && offset + wanted >= file_size) {
     prefetch_.ReadToItsEnd(file->path);
   }

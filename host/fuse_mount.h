@@ -55,10 +55,10 @@ class FuseMount {
   [[nodiscard]] NameGate::Move BeginMove();
   /// Calls a handler.
   template <auto kHandler, class... Arguments>
-  static void Pass(fuse_req_t request, Arguments... arguments);
+  static void Call(fuse_req_t request, Arguments... arguments);
   /// Calls a handler that changes the disk; a read-only mount refuses.
   template <auto kHandler, class... Arguments>
-  static void PassChange(fuse_req_t request, Arguments... arguments);
+  static void CallChange(fuse_req_t request, Arguments... arguments);
 
   void Lookup(fuse_req_t request, fuse_ino_t parent, const char* name);
   void Forget(fuse_req_t request, fuse_ino_t node, uint64_t references);

@@ -8,9 +8,11 @@
 #include <string>
 #include <utility>
 
+#include "attributes.h"
 #include "fuse_mount.h"
 #include "fuse_reply.h"
 #include "hidden_name.h"
+#include "paths.h"
 
 namespace cpd::host {
 
@@ -18,7 +20,6 @@ using Kind = Attempt::Kind;
 
 namespace {
 
-constexpr uint32_t kPermissions = 07777;
 constexpr uint32_t kAccess = S_IRWXU | S_IRWXG | S_IRWXO;
 
 }  // namespace
@@ -293,7 +294,7 @@ void FuseMount::FinishRename(const std::shared_ptr<Renaming>& renaming) {
 }
 
 void FuseMount::UndoHiding(const Renaming& renaming) {
-  const auto hidden_name = renaming.hidden_path.substr(renaming.hidden_path.rfind('/') + 1);
+  const std::string hidden_name(NameOf(renaming.hidden_path));
   if (renaming.is_linked) {
     files_.Unlink(renaming.hidden_path, [](Outcome) {});
   } else {

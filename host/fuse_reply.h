@@ -4,14 +4,18 @@
 #include <fuse_lowlevel.h>
 #include <sys/stat.h>
 
+#include <chrono>
+
 #include "node_table.h"
+#include "prefetch.h"
 #include "wire.h"
 
 namespace cpd::host {
 
 // How long the kernel trusts what it was told. Long enough for a program that lists a directory
 // and then asks for each file, short enough that changes on the disk show.
-inline constexpr double kTrusted = 1.0;  // seconds
+inline constexpr double kTrusted =  // in seconds
+    std::chrono::duration<double>(Prefetch::kTrusted).count();
 
 inline struct stat ToStat(const udisk_stat& from) {
   struct stat to {};

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "attributes.h"
 #include "paths.h"
 
 namespace cpd::host {
@@ -14,17 +15,13 @@ size_t Footprint(const Listing& listing) {
   return listing.bytes.size() + listing.entries.capacity() * sizeof(Listing::Entry);
 }
 
-bool SameTime(const udisk_timespec& a, const udisk_timespec& b) {
-  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
 /// Whether a directory is the one that was listed, with no entry made, removed or replaced since.
 bool IsUntouched(const Listing& listing, const udisk_stat& directory) {
   const auto itself = std::find_if(listing.entries.begin(), listing.entries.end(),
                                    [](const auto& entry) { return entry.name == "."; });
   return itself != listing.entries.end() && itself->attributes.st_ino == directory.st_ino &&
-         SameTime(itself->attributes.st_mtim, directory.st_mtim) &&
-         SameTime(itself->attributes.st_ctim, directory.st_ctim);
+         IsSameTime(itself->attributes.st_mtim, directory.st_mtim) &&
+         IsSameTime(itself->attributes.st_ctim, directory.st_ctim);
 }
 
 /// A change through another of a file's names would go unnoticed.
@@ -37,12 +34,15 @@ bool HasHardLinks(const Listing& listing) {
 }  // namespace
 
 void ListingCache::List(const std::string& directory, RemoteFiles::Done<SharedListing> done) {
+  const auto question = NoteQuestion(directory);  // before: a change voids one or the other
   const auto kept = Find(directory);
-  if (kept == nullptr) return ListInFull(directory, std::move(done));
+  if (kept == nullptr) {
+    StillStands(question);
+    return ListInFull(directory, std::move(done));
+  }
   files_.CheckDirectory(
       directory, *kept,
-      [this, directory, question = NoteQuestion(directory), kept,
-       done = std::move(done)](Result<DirectoryCheck> result) {
+      [this, directory, question, kept, done = std::move(done)](Result<DirectoryCheck> result) {
         if (result.value.changed) {
           return done({.value = Keep(question, std::move(*result.value.changed))});
         }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "attributes.h"
 #include "remote_files.h"
 
 namespace cpd::host {
@@ -26,7 +27,6 @@ class OwnerAccess {
   OwnerAccess& operator=(const OwnerAccess&) = delete;
 
  private:
-  static constexpr uint32_t kPermissions = 07777;
   static constexpr uint32_t kOwner = S_IRUSR | S_IWUSR;
 
   RemoteFiles& files_;

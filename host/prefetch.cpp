@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "attributes.h"
 #include "paths.h"
 
 namespace cpd::host {
@@ -11,14 +12,10 @@ constexpr size_t kMostRuns = 16;
 constexpr size_t kMostEntries = 200'000;  // of all their listings
 constexpr size_t kMostBatches = 8;        // of 1 MiB at most
 
-bool IsSame(const udisk_timespec& a, const udisk_timespec& b) {
-  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
 /// A file with several names changes by requests that do not name this one.
 bool IsAsListed(const udisk_stat& known, const udisk_stat& listed) {
   return known.st_ino == listed.st_ino && known.st_nlink == 1 && known.st_size == listed.st_size &&
-         IsSame(known.st_mtim, listed.st_mtim);
+         IsSameTime(known.st_mtim, listed.st_mtim);
 }
 
 }  // namespace
@@ -78,7 +75,7 @@ void Prefetch::TakeAnswer(const std::shared_ptr<Batch>& batch, Result<SmallFiles
     batch->data = std::move(result.value);
     return;
   }
-  std::erase_if(places_, [&](const auto& place) { return place.second.batch == batch; });
+  Drop(batch);
 }
 
 bool Prefetch::Take(const std::string& path, const udisk_stat& known,

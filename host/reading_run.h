@@ -1,10 +1,8 @@
 // Which file of a directory a program will read next.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>

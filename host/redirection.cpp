@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <limits>
 #include <stdexcept>
 #include <string_view>

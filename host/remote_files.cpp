@@ -158,10 +158,12 @@ void RemoteFiles::List(const std::string& path, Done<Listing> done) {
   if (!Fits<decltype(head.path_length)>(path)) return done({.error = ENAMETOOLONG});
   head.path_length = static_cast<uint16_t>(path.size());
   session_.Ask(Request(kDirRead, head, path),
-               [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+               [this, path, done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
                  auto listing = ToListing(std::move(reply));
-                 if (!listing) return done({.error = EIO});
-                 done({.value = std::move(*listing)});
+                 if (listing) return done({.value = std::move(*listing)});
+                 GetAttributes(path, [done](const Result<udisk_stat>& directory) {
+                   done({.error = directory.error == ENOENT ? ENOENT : EIO});
+                 });
                });
 }
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -88,7 +87,7 @@ class RemoteFiles {
 
   /// ENOENT when there is no such file.
   void GetAttributes(const std::string& path, Done<udisk_stat> done);
-  /// EIO also when the directory cannot be opened.
+  /// ENOENT when there is no such directory; EIO also when it cannot be opened.
   void List(const std::string& path, Done<Listing> done);
   /// Whether CheckDirectory can carry the listing and be believed: it counts entries in 16 bits,
   /// and an entry that vanished while the directory was read cannot be compared.
