@@ -606,6 +606,13 @@ TEST_F(TokenBucketReadTest, PacesSmallFilesTheSame) {
   EXPECT_EQ(ReadSmallFiles(300'000), Sleeps{76});
 }
 
+TEST_F(TokenBucketReadTest, ALongSleepEndsWithinASecondOnceTheDiskIsClosed) {
+  Announce(1000);
+  EXPECT_EQ(Read(262'144 + 125 * 2'500), (Sleeps{1000, 1000, 500}));
+  udisk->tokenBucket.stopping = true;
+  EXPECT_EQ(Read(500'000'000), Sleeps{});
+}
+
 TEST_F(TokenBucketReadTest, KeepsItsDebtWhileThereIsNoBandwidth) {
   Announce(4000);
   Read(262'144 + 15'000);

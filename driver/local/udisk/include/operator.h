@@ -42,6 +42,7 @@ struct TokenBucket {
   int64_t sleeps = 0;
   int64_t carries = 0;
   int64_t totalSlept = 0;
+  std::atomic<bool> stopping = false;  ///< set by any thread: no sleep goes on
 
   /// Derives the rate from `kbps`; tokens and the time of the last refill stay.
   void updateRate(uint32_t kbps) {
@@ -83,6 +84,8 @@ struct TokenBucket {
   static constexpr int64_t kMinBurst = 0x40000;
   static constexpr int64_t kMinSleepMs = 32;
   static constexpr int64_t kSummaryMs = 5000;
+  /// What one sleep takes at most: closing the disk waits no longer, whatever was asked for.
+  static constexpr uint32_t kMostSleepUs = 1'000'000;
   /// Far above any budget, far below an overflow: what a jump of the clock is cut to.
   static constexpr int64_t kMostBytes = int64_t{1} << 60;
 
@@ -98,7 +101,12 @@ struct TokenBucket {
   void sleepOff(int64_t wait_ms) {
     ++sleeps;
     const auto begin = static_cast<int64_t>(getCurrentTime());
-    usleep(static_cast<uint32_t>(wait_ms) * 1000U);
+    auto left = static_cast<uint32_t>(wait_ms) * 1000U;
+    while (left > 0 && !stopping) {
+      const uint32_t piece = std::min(left, kMostSleepUs);
+      usleep(piece);
+      left -= piece;
+    }
     const auto end = static_cast<int64_t>(getCurrentTime());
     refill(end - lastRefillMs);  // also when the clock went back: kept
     lastRefillMs = end;

@@ -85,6 +85,7 @@ int UDiskDriver::Close(signed char /*reason*/) {
   if (mWorker != nullptr) {
     mStop = true;
     JoinWorker();
+    mOperator->tokenBucket.stopping = true;
   }
   ReleaseQueue();
   if (auto udisk_operator = CopyOperator(); udisk_operator != nullptr) {
