@@ -1,6 +1,7 @@
 #include "udisk.h"
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -122,6 +123,14 @@ std::shared_ptr<UDiskOperator> UDiskDriver::CopyOperator() {
 namespace {
 
 std::unique_ptr<CpdPacket> PopHead(GQueue* queue) {
+/// Makes a write past the process's limit of a file's size an error, not the process's end.
+void SurviveFileSizeLimit() {
+  sigset_t too_large;
+  sigemptyset(&too_large);
+  sigaddset(&too_large, SIGXFSZ);
+  pthread_sigmask(SIG_BLOCK, &too_large, nullptr);
+}
+
   return std::unique_ptr<CpdPacket>(static_cast<CpdPacket*>(g_queue_pop_head(queue)));
 }
 
@@ -129,6 +138,7 @@ std::unique_ptr<CpdPacket> PopHead(GQueue* queue) {
 
 void UDiskDriver::DataEventHandle() {
   std::unique_lock lock(mMutex);
+  SurviveFileSizeLimit();
   for (;;) {
     if (g_queue_is_empty(mQueue) && !mStop && !mAbandoned) {
       mWake.wait_for(lock, std::chrono::seconds(1));
