@@ -244,6 +244,8 @@ class UDiskOperator : public UdiskOperatorInf {
 
  private:
   std::string CopyMountPoint();
+  /// The mount point, but empty until a disk was set: before, it is where disks are mounted.
+  std::string CopyDiskRoot();
   /// The mount point and, of the same moment, its volumes.
   std::pair<std::string, std::list<std::shared_ptr<VolumeRecord>>> CopyMount();
   void throttleLegacy(uint32_t bytes, BulkRead kind);
@@ -255,6 +257,7 @@ class UDiskOperator : public UdiskOperatorInf {
   int64_t Send(std::unique_ptr<CpdPacket> reply);
   int64_t SendCopy(const CpdPacket* request);
 
+  bool mHasDisk = false;  // guarded by mLock
   std::mutex mLock;
 };
 

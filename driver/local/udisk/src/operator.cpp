@@ -134,7 +134,7 @@ UDiskOperator::UDiskOperator(CpdDevice* device) : mDevice(device) {
     mFileManager = std::make_unique<FileManagerLinux>();
   } else {
     LOG_DEBUG("[UDisk] CONFINE=%s: no path leads out of the mount point", confine);
-    mFileManager = std::make_unique<FileManagerLinux>([this] { return CopyMountPoint(); });
+    mFileManager = std::make_unique<FileManagerLinux>([this] { return CopyDiskRoot(); });
   }
 }
 
@@ -187,6 +187,7 @@ int UDiskOperator::SetRootPath(const char* letter, const char* label) {
     const std::lock_guard lock(mLock);
     std::memset(mMountPoint, 0, sizeof mMountPoint);
     mount_point.copy(mMountPoint, sizeof mMountPoint - 1);
+    mHasDisk = true;
   }
   LOG_DEBUG("letter: %s, mMountPoint: %s, label: %s\n", letter, mount_point.c_str(), label);
   LOG_DEBUG("==============letter:%s\n", mount_point.c_str());
@@ -208,6 +209,11 @@ uint64_t getCurrentTime() {
 std::string UDiskOperator::CopyMountPoint() {
   const std::lock_guard lock(mLock);
   return mMountPoint;
+}
+
+std::string UDiskOperator::CopyDiskRoot() {
+  const std::lock_guard lock(mLock);
+  return mHasDisk ? mMountPoint : "";
 }
 
 int64_t UDiskOperator::Send(std::unique_ptr<CpdPacket> reply) {
