@@ -543,6 +543,13 @@ TEST_F(CompareCache, OfAnEntryThatStandsTwiceInTheListingAndOneThatIsMissingStop
   EXPECT_EQ(Log().Messages(), (Texts{Found("a"), Found("a"), "found name:b,not found"}));
 }
 
+TEST_F(CompareCache, OfVeryManyDuplicatesCountsNotTheirSquare) {
+  const std::vector<DirEntry> duplicates(10'000, Entry("a"));
+  EXPECT_EQ(Compare(duplicates, duplicates), 0);
+  EXPECT_LT(Log().Messages().size(), 200'000U);
+  EXPECT_EQ(Log().Messages().back(), "add new file");
+}
+
 TEST_F(CompareCache, OfTwoEmptyListingsIsOne) {
   EXPECT_EQ(udisk->compare_cache(0, 0, nullptr, nullptr), 1);
   EXPECT_EQ(Log().Messages(), Texts{});

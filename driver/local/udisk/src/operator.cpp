@@ -977,6 +977,9 @@ int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cac
   };
   for (size_t i = count; i-- > 0;) next[i] = std::exchange(chain(entries[i].name), i);
 
+  // Names that stand there more than once make more matches than there are entries, up to the
+  // square: with so many it is settled that there is a change.
+  const int most_matches = std::max(cache_count, 1 << 17);
   int matches = 0;
   at = static_cast<const char*>(cached);
   for (size_t i = 0; i < count; ++i) {
@@ -992,8 +995,9 @@ int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cac
         return 0;
       }
       LOG_DEBUG("found dirFileName:%s,cacheFileName:%s", candidate.name.data(), entry.name.data());
-      ++matches;
+      if (++matches > most_matches) break;
     }
+    if (matches > most_matches) break;
     if (matches == matches_before) {
       LOG_DEBUG("found name:%s,not found", entry.name.data());
       return 0;
