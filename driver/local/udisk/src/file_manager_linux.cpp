@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -39,7 +40,7 @@ udisk_timespec ToTimespec(const struct timespec& from) { return {from.tv_sec, fr
 
 int LeftInFile(const struct stat& st, int64_t offset, int count) {
   if (count <= 0) return count;
-  if (offset < 0) return 0;
+  if (offset < 0 || S_ISDIR(st.st_mode)) return 0;
   const bool knows_size = S_ISREG(st.st_mode) && st.st_size > 0;
   const int64_t left = knows_size ? std::max<int64_t>(st.st_size - offset, 0) : kUnknownSize;
   return static_cast<int>(std::min<int64_t>(left, count));
@@ -285,6 +286,10 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
   while (const dirent* entry = NextEntry(dir.get())) {
     ++count;
     buf_len += static_cast<uint32_t>(sizeof(udisk_dir_entry) + std::strlen(entry->d_name) + 1);
+    if (buf_len > INT32_MAX) {  // a broken disk's directory may have no end
+      LOG_ERROR("dir_read: no packet holds the listing");
+      return -1;
+    }
   }
   ::rewinddir(dir.get());
   std::unique_ptr<uint8_t, FreeDeleter> buf(

@@ -870,7 +870,7 @@ int64_t UDiskOperator::small_file_read(unsigned char /*header_length*/, CpdPacke
 
   if (!reply.ok()) return -1;
   throttleRead(planned, BulkRead::kSmallFiles);
-  Send(reply.Take());
+  Send(reply.Trim().Take());
   return 0;  // whatever the host said, unlike every other handler: kept
 }
 

@@ -85,11 +85,12 @@ int UDiskDriver::Close(signed char /*reason*/) {
   }
   if (mWorker != nullptr) {
     mStop = true;
-    JoinWorker();
     mOperator->tokenBucket.stopping = true;
+    JoinWorker();
   }
   ReleaseQueue();
   if (auto udisk_operator = CopyOperator(); udisk_operator != nullptr) {
+    udisk_operator->Idle();  // the worker, which would do that, is gone
     udisk_operator->TryTrace("UDISK_DRIVER_CLOSE", "udisk driver close success");
     const std::lock_guard lock(mMutex);
     mOperator.reset();  // this copy, or a bus event in flight, is the last holder
@@ -122,7 +123,6 @@ std::shared_ptr<UDiskOperator> UDiskDriver::CopyOperator() {
 
 namespace {
 
-std::unique_ptr<CpdPacket> PopHead(GQueue* queue) {
 /// Makes a write past the process's limit of a file's size an error, not the process's end.
 void SurviveFileSizeLimit() {
   sigset_t too_large;
@@ -131,14 +131,15 @@ void SurviveFileSizeLimit() {
   pthread_sigmask(SIG_BLOCK, &too_large, nullptr);
 }
 
+std::unique_ptr<CpdPacket> PopHead(GQueue* queue) {
   return std::unique_ptr<CpdPacket>(static_cast<CpdPacket*>(g_queue_pop_head(queue)));
 }
 
 }  // namespace
 
 void UDiskDriver::DataEventHandle() {
-  std::unique_lock lock(mMutex);
   SurviveFileSizeLimit();
+  std::unique_lock lock(mMutex);
   for (;;) {
     if (g_queue_is_empty(mQueue) && !mStop && !mAbandoned) {
       mWake.wait_for(lock, std::chrono::seconds(1));
