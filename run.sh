@@ -19,7 +19,7 @@ set_up_and_build() {
   # Tests and benchmarks need packages of their own; an existing configuration stays as it is.
   if ! { cd "$root" &&
     { [[ -f build/release/build.ninja ]] ||
-      cmake --preset release -DBUILD_TESTING=OFF -DUDISK_BENCH=OFF; } &&
+      cmake --preset release -DBUILD_TESTING=OFF; } &&
     cmake --build --preset release --target cpd-host udisk-redir; } >"$log" 2>&1; then
     cat "$log" >&2
     rm -f "$log"
@@ -29,7 +29,8 @@ set_up_and_build() {
 }
 
 case ${1-} in
-  -*) sed -n '2,/^set/s/^# \{0,1\}//p' "$0"; exit 2 ;;
+  -h | --help) sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0"; exit ;;
+  -*) sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0" >&2; exit 2 ;;
   '') ;;
   *) (set_up_and_build); exec "$host" mount "$@" ;;
 esac
@@ -150,7 +151,7 @@ cat "$place/host.out"
 show_traces
 
 step "Mounting again with an announced bandwidth of 8000 kbit/s, and reading"
-mount_sample "$remote" --bandwidth 8000
+mount_sample "$remote" --bandwidth 8000 || { cat "$place/host.err" >&2; exit 1; }
 rate 4 read_direct 4 "$remote/clip.mp4"
 unmount
 

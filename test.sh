@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds and runs every test. The last line is the sum: N passed, M failed, K skipped.
+# Builds and runs every test. The last line is the sum, unless a build fails: N passed, M failed, K
+# skipped.
 #
 #   ./test.sh             optimised, then under AddressSanitizer and UBSan, then ThreadSanitizer
 #   ./test.sh --quick     optimised only
@@ -18,7 +19,8 @@ while [[ $# -gt 0 ]]; do
     -R) filter=(-R "${2:?-R needs a regular expression}"); shift 2 ;;
     --fuzz) presets=(); fuzz_seconds=${2:?--fuzz needs a number of seconds}; shift 2 ;;
     --ci) fuzz_seconds=60; shift ;;
-    *) sed -n '2,/^set/s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+    -h | --help) sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0"; exit ;;
+    *) sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0" >&2; exit 2 ;;
   esac
 done
 
@@ -43,12 +45,6 @@ check() {
 sources_are_formatted() {
   find . -path ./build -prune -o \( -name '*.h' -o -name '*.cpp' \) -print0 |
     xargs -0 clang-format --dry-run --Werror
-}
-
-module_exports_only_its_descriptor() {
-  local symbols
-  symbols=$(nm -D --defined-only build/release/lib/udisk-redir.so | awk '{print $NF}')
-  [[ $symbols == CPD_DRV_MODULE ]] || { echo "exported: $symbols"; return 1; }
 }
 
 # Prints what ctest's report of a run says: "passed N", "failed NAME" and "skipped NAME: REASON".
@@ -115,8 +111,7 @@ for preset in "${presets[@]}"; do
 done
 
 if [[ ${#filter[@]} -eq 0 && ${#presets[@]} -gt 0 ]]; then
-  step "Checking the module's symbols and the sources' format"
-  check "the module exports only its descriptor" module_exports_only_its_descriptor
+  step "Checking the sources' format"
   check "the sources are formatted" sources_are_formatted
 fi
 
@@ -132,4 +127,4 @@ fi
 [[ ${#skips[@]} -eq 0 ]] || printf 'skipped: %s\n' "${skips[@]}"
 [[ ${#failures[@]} -eq 0 ]] || printf 'FAILED: %s\n' "${failures[@]}"
 echo "$passed passed, $failed failed, $skipped skipped"
-[[ $failed -eq 0 ]]
+[[ $failed -eq 0 && $((passed + skipped)) -gt 0 ]]

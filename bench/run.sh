@@ -9,7 +9,6 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 document=docs/performance.md
-turns=15
 reads=10000
 
 case ${1:-} in
@@ -17,12 +16,11 @@ case ${1:-} in
   *) sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0" >&2; exit 2 ;;
 esac
 
-if [[ -z ${UDISK_BENCH_PROGRAM:-} ]]; then
-  cmake --preset release >/dev/null
-  cmake --build --preset release --target udisk_bench udisk_mount_bench -j2 >/dev/null
-fi
-bench=${UDISK_BENCH_PROGRAM:-build/release/bin/udisk_bench}
-mount_bench=$(dirname "$bench")/udisk_mount_bench
+scripts/install-packages.sh build test
+cmake --preset release -DBUILD_TESTING=ON >/dev/null
+cmake --build --preset release --target udisk_bench udisk_mount_bench -j2 >/dev/null
+bench=build/release/bin/udisk_bench
+mount_bench=build/release/bin/udisk_mount_bench
 
 # System calls that so many reads make, one "name count" a line.
 count_calls() {
@@ -32,7 +30,7 @@ count_calls() {
 
 machine() {
   printf '%s, %s cores, Linux %s, glibc %s; disk on %s.\n' \
-    "$(sed -n 's/^model name.*: //p' /proc/cpuinfo | head -n 1)" "$(nproc)" "$(uname -r)" \
+    "$(sed -n 's/^model name.*: //p' /proc/cpuinfo | head -n 1)" "$(nproc)" "$(uname -r | cut -d- -f1)" \
     "$(getconf GNU_LIBC_VERSION | cut -d' ' -f2)" \
     "$(stat -f -c %T "${TMPDIR:-/tmp}" | sed 's/ext2\/ext3/ext4/')"
 }
@@ -52,7 +50,7 @@ system_calls() {
 
 measure() {
   printf '%s\n\n### Against the limit\n\n' "$(machine)"
-  "$bench" --ratios "$turns" || [[ $? -eq 1 ]]  # 1: a ratio is out of its bound, as its row says
+  "$bench" --ratios || [[ $? -eq 1 ]]  # 1: a ratio is out of its bound, as its row says
   printf '\n### What the accelerators of a mount gain\n\n'
   "$mount_bench" || [[ $? -eq 1 ]]
   printf '\n### System calls of an unpaced read\n\n'

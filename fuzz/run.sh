@@ -5,8 +5,8 @@
 #   fuzz/run.sh SECONDS TARGET...   only those: check_dir packet parameters probing requests
 #
 # What the fuzzer learns stays in build/fuzz/corpus, for the next run. The input of a finding goes to
-# build/fuzz/findings. Ends with status 1 when there is one, with 77 on
-# a machine where the fuzzers cannot lock themselves in.
+# build/fuzz/findings. Ends with status 1 when there is one, with 77 on a machine where the fuzzers
+# cannot lock themselves in.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

@@ -11,7 +11,8 @@ build=(
 test=(
   libgtest-dev libbenchmark-dev libumockdev-dev librapidcheck-dev umockdev
   clang-format
-  attr e2fsprogs fio git mount ntfs-3g procps rsync sqlite3 tar util-linux # programs that the tests run
+  e2fsprogs fio git mount ntfs-3g rsync sqlite3 tar util-linux # programs that the tests run
+  strace # the benches
 )
 fuzz=(clang libclang-rt-dev llvm)
 
