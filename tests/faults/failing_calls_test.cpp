@@ -20,7 +20,6 @@
 #include <sstream>
 #include <string>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include "support/expectations.h"
@@ -575,6 +574,19 @@ INSTANTIATE_TEST_SUITE_P(, FailingCallOfItsOwn, ::testing::ValuesIn(kErrors),
                          [](const auto& test) { return test.param.name; });
 
 // ---- Files whose size is not to be had ----
+
+class EndlessDirectory : public FaultTest {};
+
+TEST_F(EndlessDirectory, IsListedAsOneThatCannotBeRead) {
+  {
+    const FailingCalls endless({.call = "readdir"});
+    const auto reply = Ask(DirReadRequest{.path = "/"});
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->entry_count, 0);
+    EXPECT_EQ(Errors(), Texts{"UdiskReadDir: dir_read: no packet holds the listing"});
+  }
+  EXPECT_TRUE(StillServes());
+}
 
 class UnknownSize : public FaultTest {};
 

@@ -9,6 +9,7 @@
 
 #include "cpd/driver.h"
 #include "support/fake_host.h"
+#include "support/temp_disk.h"
 
 namespace cpd::test {
 
@@ -21,9 +22,7 @@ class LoadedModule {
   /// A driver for the disk that is mounted at `path`, which has announced it if `works`.
   [[nodiscard]] std::unique_ptr<CpdDriver> Open(FakeDevice* device, const std::string& path,
                                                 bool works = true) const {
-    const size_t label = path.rfind('/') + 1;
-    device->base().SetParams(R"({"letter":")" + path.substr(0, label) + R"(","label":")" +
-                             path.substr(label) + R"(","name":"Stick"})");
+    device->base().SetParams(DeviceParams(path));
     const auto* const module =
         static_cast<const CpdDriverModule*>(dlsym(library_.get(), "CPD_DRV_MODULE"));
     if (module == nullptr) return nullptr;

@@ -25,8 +25,7 @@ class ModuleTest : public ::testing::Test {
     module = static_cast<const CpdDriverModule*>(dlsym(library, "CPD_DRV_MODULE"));
     ASSERT_NE(module, nullptr) << dlerror();
     disk.MakeFile(kKnownFile, "known content");
-    device.base().SetParams(R"({"letter":")" + disk.letter() + R"(","label":")" + disk.label() +
-                            R"(","name":"Stick"})");
+    device.base().SetParams(DeviceParams(disk.root()));
     Log().Clear();
   }
   void TearDown() override {

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 namespace cpd::test {
@@ -150,5 +151,10 @@ extern "C" DIR* opendir(const char* path) {
 
 extern "C" dirent* readdir(DIR* dir) {
   NEXT(readdir);
-  return cpd::test::Fails("readdir") ? nullptr : next(dir);
+  const cpd::test::CallFault* const fault = cpd::test::FailingCalls::Strike("readdir");
+  if (fault == nullptr) return next(dir);
+  static thread_local dirent again = {};
+  std::memset(again.d_name, 'x', sizeof again.d_name - 1);
+  errno = fault->error;
+  return fault->error == 0 ? &again : nullptr;
 }

@@ -11,7 +11,7 @@ namespace cpd::test {
 /// What happens to a call.
 struct CallFault {
   std::string call;                    ///< a name that failing_calls.cpp defines
-  int error = 0;                       ///< the errno that it fails with
+  int error = 0;                       ///< the errno that it fails with; 0 = readdir has no end
   std::optional<size_t> at_most = {};  ///< pread and pwrite: does not fail, moves so many bytes
   int after = 0;                       ///< so many calls go through before
   int times = INT_MAX;                 ///< so many calls are affected

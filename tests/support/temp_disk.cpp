@@ -53,6 +53,12 @@ std::string TempDisk::ReadBack(const std::string& path) const {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
+std::string DeviceParams(const std::string& root, const std::string& name) {
+  const size_t label = root.rfind('/') + 1;
+  return R"({"letter":")" + root.substr(0, label) + R"(","label":")" + root.substr(label) +
+         R"(","name":")" + name + R"("})";
+}
+
 size_t OpenDescriptors() {
   const fs::directory_iterator descriptors("/proc/self/fd");
   return static_cast<size_t>(std::distance(begin(descriptors), end(descriptors)));

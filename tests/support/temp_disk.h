@@ -35,6 +35,10 @@ class TempDisk {
   std::string root_;
 };
 
+/// The parameters of a device whose disk is the directory `root`: the label is its last name, the
+/// letter what stands before.
+std::string DeviceParams(const std::string& root, const std::string& name = "Stick");
+
 /// Descriptors that this process has open.
 size_t OpenDescriptors();
 

@@ -24,7 +24,6 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <set>
 #include <sstream>
 #include <thread>
 
@@ -740,6 +739,18 @@ TEST_F(ConfinedTest, EverythingIsMissingWhileTheMountPointIsEmpty) {
   no_mount("too long");
 }
 
+TEST_F(ConfinedTest, EverythingIsMissingUntilTheDiskIsNamed) {
+  const Confine confine("1");
+  MakeOperator();
+  EXPECT_EQ(udisk->GetLocalMountPoint(), "/media/") << "where disks are mounted, and no disk";
+  for (const char* path : {"", "/", "."}) {
+    EXPECT_EQ(Ask(AttrRequest{.path = path})->attr_length, 0) << path;
+    EXPECT_EQ(Ask(DirReadRequest{.path = path})->entry_count, 0) << path;
+  }
+  Mount();
+  EXPECT_EQ(Read(kKnownFile), "known content");
+}
+
 TEST_F(ConfinedTest, EverythingIsMissingWhileTheDiskIsGone) {
   fs::rename(disk.root(), disk.letter() + "gone");
   const auto before = Snapshot(disk.letter());
@@ -959,8 +970,7 @@ TEST_F(ConfinedTest, AfterAnIdleSecondTheDiskCanBeUnmounted) {
   MemoryDisk memory(disk.root());
   if (!memory.ok()) GTEST_SKIP() << "cannot mount: " << strerror(errno);
   disk.MakeFile(kKnownFile, "in memory");
-  device.base().SetParams(R"({"letter":")" + disk.letter() + R"(","label":")" + disk.label() +
-                          R"(","name":"Stick"})");
+  device.base().SetParams(DeviceParams(disk.root()));
   const Confine on("1");
   const std::unique_ptr<UDiskDriver> driver(
       static_cast<UDiskDriver*>(udisk_open(&device, "policy")));

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <chrono>
@@ -19,6 +20,7 @@
 #include "support/failing_threads.h"
 #include "support/fake_host.h"
 #include "support/temp_disk.h"
+#include "support/write_requests.h"
 #include "udisk.h"
 
 namespace cpd::test {
@@ -74,8 +76,7 @@ class DriverTest : public ::testing::Test {
     unsetenv("TESSEL_CPD_CLIENT_CONFINE");
     disk.MakeFile(kKnownFile, "known content");
     disk.MakeDir(kKnownDir);
-    device.base().SetParams(R"({"letter":")" + disk.letter() + R"(","label":")" + disk.label() +
-                            R"(","name":"Stick"})");
+    device.base().SetParams(DeviceParams(disk.root()));
     Log().Clear();
   }
   ~DriverTest() override {
@@ -463,6 +464,21 @@ TEST_F(DriverTest, CloseWaitsForTheRequestInFlightAndDropsTheQueued) {
   closer.join();
   EXPECT_EQ(SentIds(), std::vector<uint32_t>{1});
   EXPECT_TRUE(Log().Messages(kError).empty());
+}
+
+TEST_F(DriverTest, AFileThatWouldPassTheProcesssSizeLimitIsAFailedWriteAndNoMore) {
+  Open();
+  rlimit before = {};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlimit small = {.rlim_cur = 1 << 20, .rlim_max = before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  Deliver(WriteRequest{.path = kKnownFile, .offset = 2 << 20, .data = "past it"});
+  Deliver(TruncateRequest{.path = kKnownFile, .length = 2 << 20});
+  EXPECT_TRUE(device.WaitForPackets(2));
+  EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+  ASSERT_EQ(device.Sent().size(), 2U);
+  EXPECT_EQ(+WriteRequest::Reply::Decode(device.Sent()[0]).head.size, 0);
+  EXPECT_EQ(disk.ReadBack(kKnownFile), "known content");
 }
 
 TEST_F(DriverTest, APacketAfterCloseIsDroppedSilently) {

@@ -281,8 +281,7 @@ TEST_F(ProtocolDocument, HasABusEventThatSetsTheBandwidthAndGetsNoAnswer) {
 }
 
 TEST_F(ProtocolDocument, HasTheAnnouncementAsTheServiceSendsIt) {
-  device.base().SetParams(R"({"letter": ")" + disk.letter() +
-                          R"(", "label": "DISK", "name": "DISK"})");
+  device.base().SetParams(DeviceParams(disk.root(), disk.label()));
   UDiskService service(&device, udisk.get());
   UDiskService::ServiceThread(&service);
 
