@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
-#include <string>
 #include <utility>
+#include <vector>
 
 #include "operator.h"
 #include "support/fake_host.h"

@@ -1,7 +1,6 @@
 #include "support/requests.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 

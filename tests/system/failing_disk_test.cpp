@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -73,12 +72,6 @@ class LoopDiskTest : public MountTest {
 
 class FullDisk : public LoopDiskTest {
  protected:
-  static struct statvfs Statvfs(const std::string& path) {
-    struct statvfs statistics {};
-    EXPECT_EQ(statvfs(path.c_str(), &statistics), 0) << path << ": " << strerror(errno);
-    return statistics;
-  }
-
   /// Leaves so much space free. How much there is to begin with cannot be told: the file system
   /// keeps some of what it counts as free.
   void Fill(size_t left) {

@@ -1,8 +1,4 @@
 // Directories that were listed before are checked, and what has changed shows.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <functional>
 #include <thread>
@@ -76,7 +72,8 @@ TEST_F(ListingCache, OfMoreDirectoriesThanItHoldsTheOldestAreListedAnew) {
   Shell("ls -d " + (mounted / "tree/*/"));
   Shell("ls -R " + mounted.path());
   const auto ending = mounted.Unmount();
-  EXPECT_GT(ending.Requests(107), kDirectories) << ending.out;
+  // Root, "directory", "tree" and its own: all that one pass needs.
+  EXPECT_GT(ending.Requests(107), kDirectories + 3) << ending.out;
 }
 
 TEST_F(ListingCache, ADirectoryOfMoreEntriesThanACheckCountsIsListedEveryTime) {

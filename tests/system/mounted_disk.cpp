@@ -4,9 +4,7 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -134,6 +132,18 @@ std::string ReadFile(const std::string& path) {
   std::ostringstream content;
   content << std::ifstream(path, std::ios::binary).rdbuf();
   return content.str();
+}
+
+struct stat Lstat(const std::string& path) {
+  struct stat attributes {};
+  EXPECT_EQ(lstat(path.c_str(), &attributes), 0) << path << ": " << strerror(errno);
+  return attributes;
+}
+
+struct statvfs Statvfs(const std::string& path) {
+  struct statvfs statistics {};
+  EXPECT_EQ(statvfs(path.c_str(), &statistics), 0) << path << ": " << strerror(errno);
+  return statistics;
 }
 
 std::string Bytes(size_t size, unsigned seed) {

@@ -2,7 +2,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -66,6 +69,10 @@ Result Shell(const std::string& command, std::chrono::seconds limit = 120s);
 std::string Quoted(const std::string& text);
 void WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);
+/// The attributes of what stands at `path`, of a link itself; the test fails without.
+struct stat Lstat(const std::string& path);
+/// Of the file system at `path`; the test fails without.
+struct statvfs Statvfs(const std::string& path);
 /// `size` bytes that differ from file to file and from place to place.
 std::string Bytes(size_t size, unsigned seed = 1);
 /// Whether a file system is mounted at `path`, from the kernel's own table.

@@ -54,6 +54,9 @@ class Prefetch : public MountTest {
   }
 };
 
+// Read by itself, each file costs a request 105. With prefetch a few do, and some more where the
+// machine is so slow that contents grow stale: half of the files at most.
+
 TEST_F(Prefetch, FilesReadByNameComeTogether) {
   MakeFiles();
   MountedDisk mounted(disk.path());
@@ -62,7 +65,7 @@ TEST_F(Prefetch, FilesReadByNameComeTogether) {
   const auto ending = mounted.Unmount();
   EXPECT_GE(ending.Requests(123), 2) << ending.out;
   EXPECT_LE(ending.Requests(123), 30) << ending.out;
-  EXPECT_LE(ending.Requests(105), kFiles / 4) << ending.out;
+  EXPECT_LE(ending.Requests(105), kFiles / 2) << ending.out;
 }
 
 TEST_F(Prefetch, FilesReadAsListedComeTogether) {
@@ -73,7 +76,7 @@ TEST_F(Prefetch, FilesReadAsListedComeTogether) {
   }
   const auto ending = mounted.Unmount();
   EXPECT_LE(ending.Requests(123), 30) << ending.out;
-  EXPECT_LE(ending.Requests(105), kFiles / 4) << ending.out;
+  EXPECT_LE(ending.Requests(105), kFiles / 2) << ending.out;
 }
 
 TEST_F(Prefetch, SomeFilesLeftOutAreNoHindrance) {
@@ -91,7 +94,7 @@ TEST_F(Prefetch, ASecondReadingAfterAnotherListingComesTogetherToo) {
     NamesAsListed(mounted.path());
     for (int i = 0; i < kFiles; ++i) ASSERT_EQ(ReadFile(mounted / Name(i)), Bytes(kSize, i + 1));
   }
-  EXPECT_LE(mounted.Unmount().Requests(105), kFiles / 2);
+  EXPECT_LE(mounted.Unmount().Requests(105), kFiles);  // of twice as many readings
 }
 
 TEST_F(Prefetch, IsSwitchedOff) {
@@ -126,7 +129,7 @@ TEST_F(Prefetch, EverySizeUpTo64KiBIsWhole) {
   NamesAsListed(mounted.path());
   for (int i = 0; i < 200; ++i) ASSERT_EQ(ReadFile(mounted / Name(i)), Bytes(i * 331, i + 1)) << i;
   EXPECT_EQ(ReadFile(mounted / Name(200)), Bytes(64 << 10, 201));
-  EXPECT_LE(mounted.Unmount().Requests(105), 60);
+  EXPECT_LE(mounted.Unmount().Requests(105), 100);
 }
 
 TEST_F(Prefetch, SubdirectoriesAndPipesAmongTheFilesAreLeftAlone) {
@@ -138,7 +141,7 @@ TEST_F(Prefetch, SubdirectoriesAndPipesAmongTheFilesAreLeftAlone) {
   MountedDisk mounted(disk.path());
   NamesAsListed(mounted.path());
   for (int i = 0; i < 100; ++i) ASSERT_EQ(ReadFile(mounted / Name(i)), Bytes(kSize, i + 1)) << i;
-  EXPECT_LE(mounted.Unmount().Requests(105), 60);
+  EXPECT_LE(mounted.Unmount().Requests(105), 50);
 }
 
 // ---- Changes through the mount ----
@@ -282,7 +285,7 @@ TEST_P(PrefetchHammer, AReaderNeverSeesWhatAFinishedWriteHasReplaced) {
   });
   int reads = 0;
   const auto end = std::chrono::steady_clock::now() + 1500ms;
-  while (std::chrono::steady_clock::now() < end && !HasFailure()) {
+  while ((reads <= kHammered || std::chrono::steady_clock::now() < end) && !HasFailure()) {
     NamesAsListed(mounted.path());
     for (int i = 0; i < kHammered; ++i, ++reads) {
       const int least = written[i];
@@ -297,7 +300,6 @@ TEST_P(PrefetchHammer, AReaderNeverSeesWhatAFinishedWriteHasReplaced) {
   for (int i = 0; i < kHammered; ++i) {
     EXPECT_EQ(ReadFile(mounted / Name(i)), content(written[i])) << i;
   }
-  EXPECT_GT(reads, kHammered);
   const auto ending = mounted.Unmount();
   EXPECT_GE(ending.Requests(123), 1) << ending.out;
   EXPECT_EQ(ending.status, 0) << ending.err;
@@ -332,13 +334,15 @@ TEST_F(Prefetch, FilesThatGrowOrShrinkAsTheyAreReadAheadAreNeverCutShort) {
   MakeFiles();
   MountedDisk mounted(disk.path());
   NamesAsListed(mounted.path());
+  const auto content = [](int i) {
+    if (i < kFiles / 3) return Bytes(kSize, i + 1);
+    return Bytes(i < kFiles / 3 * 2 ? kSize + 100 : kSize - 100, i + 9000);
+  };
   // Changed behind the listing: the answers differ from it.
-  for (int i = 20; i < 40; ++i) WriteFile(disk / Name(i), Bytes(kSize + 100, i + 9000));
+  for (int i = kFiles / 3; i < kFiles; ++i) WriteFile(disk / Name(i), content(i));
   std::this_thread::sleep_for(kTrustIsOver);
-  for (int i = 0; i < kFiles; ++i) {
-    const auto want = i >= 20 && i < 40 ? Bytes(kSize + 100, i + 9000) : Bytes(kSize, i + 1);
-    ASSERT_EQ(ReadFile(mounted / Name(i)), want) << i;
-  }
+  for (int i = 0; i < kFiles; ++i) ASSERT_EQ(ReadFile(mounted / Name(i)), content(i)) << i;
+  EXPECT_GE(mounted.Unmount().Requests(123), 1);
 }
 
 TEST_F(Prefetch, SlowReadingGivesUpReadingAhead) {

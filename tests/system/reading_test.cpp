@@ -1,15 +1,16 @@
 // Real programs list and read a mounted disk.
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <set>
-#include <thread>
+#include <string>
 
 #include "mounted_disk.h"
 
@@ -29,18 +30,6 @@ std::set<std::string> Names(const std::string& directory) {
     names.insert(entry.path().filename().string());
   }
   return names;
-}
-
-struct stat Lstat(const std::string& path) {
-  struct stat attributes {};
-  EXPECT_EQ(lstat(path.c_str(), &attributes), 0) << path << ": " << strerror(errno);
-  return attributes;
-}
-
-struct statvfs Statvfs(const std::string& path) {
-  struct statvfs statistics {};
-  EXPECT_EQ(statvfs(path.c_str(), &statistics), 0) << path << ": " << strerror(errno);
-  return statistics;
 }
 
 void ExpectSameTime(const timespec& a, const timespec& b, const std::string& what) {
@@ -138,7 +127,7 @@ TEST_F(Reading, LeavesNoDescriptorOpenInTheHost) {
   EXPECT_EQ(Shell("cat " + (mounted / "file0 ") + (mounted / "missing")).status, 1);
   const size_t before = mounted.OpenDescriptors();
   EXPECT_EQ(Shell("cat " + (mounted / "file* ") + "| wc -c; df " + mounted.path()).status, 0);
-  EXPECT_EQ(mounted.OpenDescriptors(), before);
+  EXPECT_TRUE(Eventually([&] { return mounted.OpenDescriptors() <= before; }));
 }
 
 TEST_F(Reading, AMissingFileIsReportedAsSuch) {
@@ -214,16 +203,18 @@ TEST_F(Attributes, ASymbolicLinksTargetCannotBeRead) {
   MountedDisk mounted(disk.path());
   char target[16];
   EXPECT_EQ(readlink((mounted / "link").c_str(), target, sizeof target), -1);
+  EXPECT_EQ(errno, ENOTSUP);
 }
 
-TEST_F(Attributes, ExtendedOnesAreAlwaysEmpty) {
+TEST_F(Attributes, ExtendedOnesAreNotShown) {
   WriteFile(disk / "file", "content");
   if (setxattr((disk / "file").c_str(), "user.colour", "blue", 4, 0) != 0) {
     GTEST_SKIP() << "the temporary directory carries no extended attributes: " << strerror(errno);
   }
   MountedDisk mounted(disk.path());
   char value[16];
-  EXPECT_LE(getxattr((mounted / "file").c_str(), "user.colour", value, sizeof value), 0);
+  EXPECT_EQ(getxattr((mounted / "file").c_str(), "user.colour", value, sizeof value), -1);
+  EXPECT_EQ(errno, ENODATA);
 }
 
 TEST_F(Statistics, HaveTheSizeOfTheDiskThatHoldsTheDirectory) {

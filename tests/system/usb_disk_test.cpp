@@ -287,6 +287,28 @@ TEST_F(NtfsDiskTest, TheHostLeavesADirectoryWithFilesInItAlone) {
   std::filesystem::remove_all(directory);
 }
 
+TEST_F(NtfsDiskTest, ALabelFullOfShellCharactersIsADirectoryAndRunsNothing) {
+  const TempDir place;
+  const std::filesystem::path before = std::filesystem::current_path();
+  const std::string label = "$(touch bait);'\"";
+  Attach(label);
+  if (IsSkipped()) return;
+  std::filesystem::current_path(place.path());
+  UDiskInfo* const info = Probe();
+  EXPECT_NE(info, nullptr);
+  if (info != nullptr) {
+    EXPECT_STREQ(info->label, "$(touch");  // blkid's output is split at blanks
+    info->label[label.copy(info->label, sizeof info->label - 1)] = '\0';
+    EXPECT_EQ(UDiskService::MountLocal(info), 0);
+    EXPECT_EQ(info->mountPoint, "/media/" + label);
+    EXPECT_TRUE(std::filesystem::is_directory("/media/" + label));
+    EXPECT_EQ(service.UmountLocal(), 0);
+    EXPECT_FALSE(std::filesystem::exists("/media/" + label));
+  }
+  std::filesystem::current_path(before);
+  EXPECT_FALSE(std::filesystem::exists(place / "bait"));
+}
+
 TEST(DeviceMount, WithoutTheRightsSaysSoInOneLine) {
   if (geteuid() == 0 &&
       Shell("setpriv --reuid=65534 --clear-groups test -x " CPD_HOST).status != 0) {
@@ -364,28 +386,6 @@ TEST_F(StagedDevice, KeepsItsFilesWhenTheCommandThatUnmountsItFails) {
   EXPECT_EQ(host.Wait(), 0) << ReadFile(place / "err");
   EXPECT_FALSE(std::filesystem::exists(directory));
   EXPECT_EQ(ReadFile(place / "disk/file"), "kept");
-}
-
-TEST_F(NtfsDiskTest, ALabelFullOfShellCharactersIsADirectoryAndRunsNothing) {
-  const TempDir place;
-  const std::filesystem::path before = std::filesystem::current_path();
-  const std::string label = "$(touch bait);'\"";
-  Attach(label);
-  if (IsSkipped()) return;
-  std::filesystem::current_path(place.path());
-  UDiskInfo* const info = Probe();
-  EXPECT_NE(info, nullptr);
-  if (info != nullptr) {
-    EXPECT_STREQ(info->label, "$(touch");  // blkid's output is split at blanks
-    info->label[label.copy(info->label, sizeof info->label - 1)] = '\0';
-    EXPECT_EQ(UDiskService::MountLocal(info), 0);
-    EXPECT_EQ(info->mountPoint, "/media/" + label);
-    EXPECT_TRUE(std::filesystem::is_directory("/media/" + label));
-    EXPECT_EQ(service.UmountLocal(), 0);
-    EXPECT_FALSE(std::filesystem::exists("/media/" + label));
-  }
-  std::filesystem::current_path(before);
-  EXPECT_FALSE(std::filesystem::exists(place / "bait"));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -106,12 +107,6 @@ class Fd {
   int mFd;
 };
 
-struct stat Stat(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(lstat(path.c_str(), &status), 0) << path << ": " << strerror(errno);
-  return status;
-}
-
 /// Every name in a directory but the dot entries, hidden ones included.
 std::set<std::string> List(const std::string& directory) {
   std::set<std::string> names;
@@ -145,7 +140,7 @@ TEST_F(Contents, OfAFileThatIsOpenedWithTruncationAreReplaced) {
   MountedDisk mounted(disk.path());
   {
     Fd file(mounted / "file", O_WRONLY | O_TRUNC);
-    EXPECT_EQ(Stat(disk / "file").st_size, 0);
+    EXPECT_EQ(Lstat(disk / "file").st_size, 0);
     file.Write("short");
   }
   EXPECT_EQ(ReadFile(disk / "file"), "short");
@@ -184,7 +179,7 @@ TEST_F(Contents, CanBeWrittenWhereTheModeForbidsItToWhoMadeTheFile) {
   EXPECT_EQ(ftruncate(file.get(), 11 * kMiB), 0) << strerror(errno);
   EXPECT_EQ(ftruncate(file.get(), 4), 0) << strerror(errno);
   EXPECT_EQ(ReadFile(disk / "file"), "cont");
-  EXPECT_EQ(Stat(disk / "file").st_mode & 07777U, 0400U);
+  EXPECT_EQ(Lstat(disk / "file").st_mode & 07777U, 0400U);
 }
 
 // ---- Small writes, which leave together ----
@@ -193,6 +188,7 @@ TEST_F(SmallWrites, LeaveInFewPackets) {
   WriteFile(disk / "file", std::string(kMiB, '-'));
   MountedDisk mounted(disk.path());
   auto expected = ReadFile(disk / "file");
+  const auto begin = std::chrono::steady_clock::now();
   {
     Fd file(mounted / "file", O_WRONLY);
     for (int i = 0; i < 256; ++i) {
@@ -202,9 +198,10 @@ TEST_F(SmallWrites, LeaveInFewPackets) {
       expected.replace(offset, piece.size(), piece);
     }
   }
+  const auto took = std::chrono::steady_clock::now() - begin;
   EXPECT_TRUE(ReadFile(disk / "file") == expected);
-  // Some milliseconds after the first, a packet leaves, whatever the machine is busy with.
-  EXPECT_LE(mounted.Unmount().Requests(106), 128);
+  // Each leaves 3 ms after its first write, the last when the file is closed.
+  EXPECT_LE(mounted.Unmount().Requests(106), took / 3ms + 1);
 }
 
 TEST_F(SmallWrites, LeaveOneByOneWithoutBatches) {
@@ -229,7 +226,7 @@ TEST_F(SmallWrites, AreSeenAtOnceByEverybody) {
         EXPECT_EQ(reader.ReadAt(size - 5, 100), "56789");
         break;
       case 1:
-        EXPECT_EQ(Stat(mounted / "file").st_size, size);
+        EXPECT_EQ(Lstat(mounted / "file").st_size, size);
         break;
       case 2:
         EXPECT_EQ(writer.Stat().st_size, size);
@@ -265,7 +262,7 @@ TEST_F(SmallWrites, AreOnTheDiskSoonWithoutAnyFurtherCall) {
   MountedDisk mounted(disk.path());
   Fd file(mounted / "file", O_WRONLY | O_CREAT);
   file.Write("content");
-  EXPECT_TRUE(Eventually([&] { return ReadFile(disk / "file") == "content"; }, 5s));
+  EXPECT_TRUE(Eventually([&] { return ReadFile(disk / "file") == "content"; }));
 }
 
 TEST_F(SmallWrites, AreOnTheDiskWhenTheFileIsClosed) {
@@ -321,7 +318,7 @@ TEST_F(SmallWrites, ThatFailAreNotWrittenIntoAFileThatTookTheNameMeanwhile) {
     WriteFile(disk / name, "old content");
     fs::create_hard_link(disk / name, disk / "link" + number);
     WriteFile(disk / "new" + number, "new content");
-    Stat(mounted / "link" + number);
+    Lstat(mounted / "link" + number);
     Fd file(mounted / name, O_WRONLY);
     ASSERT_TRUE(fs::remove(disk / name));
     std::atomic<bool> is_renamed = false;
@@ -370,7 +367,7 @@ TEST_F(BusyDisk, KeepsTheModeThatAFileGetsWhileItIsClosed) {
   changer.join();
   EXPECT_EQ(writer.Close(), 0);
   EXPECT_EQ(mounted.Unmount().status, 0);
-  EXPECT_EQ(Stat(disk / "file").st_mode & 07777U, 0644U);
+  EXPECT_EQ(Lstat(disk / "file").st_mode & 07777U, 0644U);
 }
 
 // ---- Sizes ----
@@ -379,8 +376,8 @@ void ExpectSize(const MountedDisk& mounted, const TempDir& disk, const std::stri
                 off_t size) {
   EXPECT_EQ(truncate((mounted / name).c_str(), size), 0)
       << name << ", " << size << ": " << strerror(errno);
-  EXPECT_EQ(Stat(disk / name).st_size, size) << name;
-  EXPECT_EQ(Stat(mounted / name).st_size, size) << name;
+  EXPECT_EQ(Lstat(disk / name).st_size, size) << name;
+  EXPECT_EQ(Lstat(mounted / name).st_size, size) << name;
 }
 
 TEST_F(Sizes, CanBeSetOnBothSidesOfTenMebibytes) {
@@ -415,7 +412,7 @@ TEST_F(Sizes, OfAnOpenFileCountTheWritesBefore) {
   for (int i = 0; i < 100; ++i) {
     file.WriteAt(0, "0123456789");
     ASSERT_EQ(ftruncate(file.get(), 3), 0) << strerror(errno);
-    ASSERT_EQ(Stat(disk / "file").st_size, 3);
+    ASSERT_EQ(Lstat(disk / "file").st_size, 3);
   }
 }
 
@@ -467,7 +464,7 @@ TEST_F(Names, AreShownRightAfterEachChangeToADirectoryThatIsBeingRead) {
   closedir(directory);
   EXPECT_EQ(ReadFile(mounted / "file7"), "longer content");
   EXPECT_EQ(ReadFile(mounted / "file1999"), "longer content");
-  EXPECT_EQ(Stat(mounted / "file1999").st_size, 14);
+  EXPECT_EQ(Lstat(mounted / "file1999").st_size, 14);
 }
 
 // ---- Open files whose name goes ----
@@ -532,8 +529,8 @@ TEST_F(HardLinks, ShareTheirContent) {
   MountedDisk mounted(disk.path());
   WriteFile(mounted / "one", "content");
   ASSERT_EQ(link((mounted / "one").c_str(), (mounted / "two").c_str()), 0) << strerror(errno);
-  EXPECT_EQ(Stat(mounted / "one").st_ino, Stat(mounted / "two").st_ino);
-  EXPECT_EQ(Stat(mounted / "one").st_nlink, 2U);
+  EXPECT_EQ(Lstat(mounted / "one").st_ino, Lstat(mounted / "two").st_ino);
+  EXPECT_EQ(Lstat(mounted / "one").st_nlink, 2U);
   Fd one(mounted / "one", O_RDWR);
   Fd two(mounted / "two", O_RDWR);
   for (int i = 0; i < 50; ++i) {
@@ -542,7 +539,7 @@ TEST_F(HardLinks, ShareTheirContent) {
     EXPECT_EQ((i % 2 == 0 ? two : one).ReadAt(i, text.size()), text);
   }
   EXPECT_EQ(unlink((mounted / "one").c_str()), 0);
-  EXPECT_EQ(Stat(mounted / "two").st_nlink, 1U);
+  EXPECT_EQ(Lstat(mounted / "two").st_nlink, 1U);
   one.WriteAt(0, "still here");
   EXPECT_EQ(ReadFile(mounted / "two").substr(0, 10), "still here");
 }
@@ -567,14 +564,14 @@ TEST_F(Modes, OfNewFilesAreThoseThatWereAskedFor) {
   for (const mode_t mode : {0777U, 0666U, 0640U, 0600U, 0444U, 0U}) {
     const auto name = "file" + std::to_string(mode);
     Fd(mounted / name, O_WRONLY | O_CREAT, mode);
-    EXPECT_EQ(Stat(disk / name).st_mode & 07777U, mode);
-    EXPECT_EQ(Stat(mounted / name).st_mode & 07777U, mode);
+    EXPECT_EQ(Lstat(disk / name).st_mode & 07777U, mode);
+    EXPECT_EQ(Lstat(mounted / name).st_mode & 07777U, mode);
     EXPECT_EQ(mkdir((mounted / "dir" + std::to_string(mode)).c_str(), mode), 0);
-    EXPECT_EQ(Stat(disk / "dir" + std::to_string(mode)).st_mode & 07777U, mode);
+    EXPECT_EQ(Lstat(disk / "dir" + std::to_string(mode)).st_mode & 07777U, mode);
   }
   umask(027);
   Fd(mounted / "masked", O_WRONLY | O_CREAT, 0666);
-  EXPECT_EQ(Stat(disk / "masked").st_mode & 07777U, 0640U);
+  EXPECT_EQ(Lstat(disk / "masked").st_mode & 07777U, 0640U);
   umask(before);
 }
 
@@ -582,35 +579,34 @@ TEST_F(Modes, AndOwnersCanBeChanged) {
   MountedDisk mounted(disk.path());
   WriteFile(mounted / "file", "content");
   EXPECT_EQ(chmod((mounted / "file").c_str(), 0751), 0) << strerror(errno);
-  EXPECT_EQ(Stat(mounted / "file").st_mode & 07777U, 0751U);
-  EXPECT_EQ(Stat(disk / "file").st_mode & 07777U, 0751U);
+  EXPECT_EQ(Lstat(mounted / "file").st_mode & 07777U, 0751U);
+  EXPECT_EQ(Lstat(disk / "file").st_mode & 07777U, 0751U);
   if (geteuid() != 0) return;
   EXPECT_EQ(chown((mounted / "file").c_str(), 12, 34), 0) << strerror(errno);
-  EXPECT_EQ(Stat(disk / "file").st_uid, 12U);
-  EXPECT_EQ(Stat(mounted / "file").st_gid, 34U);
+  EXPECT_EQ(Lstat(disk / "file").st_uid, 12U);
+  EXPECT_EQ(Lstat(mounted / "file").st_gid, 34U);
   EXPECT_EQ(chown((mounted / "file").c_str(), 56, -1), 0) << strerror(errno);
-  EXPECT_EQ(Stat(disk / "file").st_uid, 56U);
-  EXPECT_EQ(Stat(disk / "file").st_gid, 34U);
+  EXPECT_EQ(Lstat(disk / "file").st_uid, 56U);
+  EXPECT_EQ(Lstat(disk / "file").st_gid, 34U);
 }
 
 TEST_F(Modes, OfALinksTargetAreNotChangedThroughTheLink) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root may change owners";
   WriteFile(disk / "file", "content");
   fs::create_symlink("file", disk / "link");
   MountedDisk mounted(disk.path());
-  if (geteuid() == 0) {
-    EXPECT_EQ(ErrorOf([&] { return lchown((mounted / "link").c_str(), 12, 34); }), ENOTSUP);
-  }
-  EXPECT_EQ(Stat(disk / "file").st_uid, geteuid());
+  EXPECT_EQ(ErrorOf([&] { return lchown((mounted / "link").c_str(), 12, 34); }), ENOTSUP);
+  EXPECT_EQ(Lstat(disk / "file").st_uid, geteuid());
 }
 
 TEST_F(Modes, TimesAreTakenAndNotSet) {
   MountedDisk mounted(disk.path());
   WriteFile(mounted / "file", "content");
-  const auto before = Stat(disk / "file").st_mtim;
+  const auto before = Lstat(disk / "file").st_mtim;
   const timespec times[] = {{.tv_sec = 1000, .tv_nsec = 0}, {.tv_sec = 1000, .tv_nsec = 0}};
   EXPECT_EQ(utimensat(AT_FDCWD, (mounted / "file").c_str(), times, 0), 0) << strerror(errno);
-  EXPECT_EQ(Stat(mounted / "file").st_mtim.tv_sec, before.tv_sec);
-  EXPECT_EQ(Stat(disk / "file").st_mtim.tv_sec, before.tv_sec);
+  EXPECT_EQ(Lstat(mounted / "file").st_mtim.tv_sec, before.tv_sec);
+  EXPECT_EQ(Lstat(disk / "file").st_mtim.tv_sec, before.tv_sec);
 }
 
 // ---- Refusals ----
@@ -650,7 +646,7 @@ TEST_F(Refusals, SayWhyWhenTheKernelKnewOtherwise) {
   for (const char* name : {"one", "two", "three"}) WriteFile(disk / name, "content");
   MountedDisk mounted(disk.path());
   // The kernel believes for a second what it has seen; the disk's side was faster.
-  for (const char* name : {"one", "two", "three", "dir/inner"}) Stat(mounted / name);
+  for (const char* name : {"one", "two", "three", "dir/inner"}) Lstat(mounted / name);
   for (const char* name : {"one", "two", "three", "dir/inner"}) fs::remove(disk / name);
   EXPECT_EQ(ErrorOf([&] { return unlink((mounted / "one").c_str()); }), ENOENT);
   EXPECT_EQ(ErrorOf([&] { return rename((mounted / "two").c_str(), (mounted / "x").c_str()); }),
@@ -689,6 +685,7 @@ void ExpectEverythingRefused(const MountedDisk& mounted) {
       {"mkdir", [&] { return mkdir(other.c_str(), 0755); }},
       {"rmdir", [&] { return rmdir((mounted / "dir").c_str()); }},
       {"link", [&] { return link(file.c_str(), other.c_str()); }},
+      {"symlink", [&] { return symlink("file", other.c_str()); }},
       {"unlink", [&] { return unlink(file.c_str()); }},
       {"rename", [&] { return rename(file.c_str(), other.c_str()); }},
       {"utimensat", [&] { return utimensat(AT_FDCWD, file.c_str(), nullptr, 0); }},
@@ -703,6 +700,7 @@ TEST_F(Refusals, OfAReadOnlyMountAreComplete) {
   ExpectEverythingRefused(mounted);
   EXPECT_EQ(ErrorOf([&] { return open((mounted / "file").c_str(), O_WRONLY); }), EROFS);
   EXPECT_EQ(ReadFile(mounted / "file"), "content");
+  EXPECT_EQ(List(disk.path()), (NameSet{"dir", "file"}));
 }
 
 TEST_F(Refusals, OfAReadOnlyMountOutliveARemount) {
@@ -742,9 +740,9 @@ TEST_F(LocalChanges, ShowWithinSeconds) {
   WriteFile(disk / "new", "a new file");
   fs::rename(disk / "new", disk / "replaced");
   fs::remove(disk / "removed");
-  EXPECT_TRUE(Eventually([&] { return ReadFile(mounted / "rewritten") == "rewritten here"; }, 5s));
-  EXPECT_TRUE(Eventually([&] { return ReadFile(mounted / "replaced") == "a new file"; }, 5s));
-  EXPECT_TRUE(Eventually([&] { return !fs::exists(mounted / "removed"); }, 5s));
+  EXPECT_TRUE(Eventually([&] { return ReadFile(mounted / "rewritten") == "rewritten here"; }));
+  EXPECT_TRUE(Eventually([&] { return ReadFile(mounted / "replaced") == "a new file"; }));
+  EXPECT_TRUE(Eventually([&] { return !fs::exists(mounted / "removed"); }));
 }
 
 TEST_F(LocalChanges, ThatTurnAFileIntoADirectoryShow) {
@@ -752,7 +750,7 @@ TEST_F(LocalChanges, ThatTurnAFileIntoADirectoryShow) {
   WriteFile(mounted / "name", "content");
   fs::remove(disk / "name");
   fs::create_directory(disk / "name");
-  EXPECT_TRUE(Eventually([&] { return fs::is_directory(mounted / "name"); }, 5s));
+  EXPECT_TRUE(Eventually([&] { return fs::is_directory(mounted / "name"); }));
 }
 
 // ---- Ends ----
@@ -797,7 +795,7 @@ TEST_F(Ends, ByASignalLeaveTheModeThatAFileWasGiven) {
       EXPECT_EQ(file.Stat().st_mode & 07777U, 0444U);
     }
     EXPECT_EQ(mounted.Unmount().status, 0);
-    EXPECT_EQ(Stat(disk / name).st_mode & 07777U, 0444U);
+    EXPECT_EQ(Lstat(disk / name).st_mode & 07777U, 0444U);
   }
 }
 

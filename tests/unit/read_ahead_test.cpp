@@ -12,13 +12,13 @@
 #include <utility>
 #include <vector>
 
-#include "cpd/driver.h"
 #include "cpd/packet.h"
 #include "listing_cache.h"
 #include "prefetch.h"
 #include "reading_run.h"
 #include "remote_files.h"
 #include "session.h"
+#include "support/idle_driver.h"
 #include "wire.h"
 
 namespace cpd::host {
@@ -57,7 +57,7 @@ std::string ListingReply(uint16_t count, const std::string& entries, const std::
 }
 
 /// Answers each request with what the test says; empty = not at all.
-class FakeDriver : public CpdDriver {
+class FakeDriver : public test::IdleDriver {
  public:
   using Answer = std::function<std::optional<std::string>(uint16_t command, std::string payload)>;
 
@@ -81,13 +81,6 @@ class FakeDriver : public CpdDriver {
       session_.Receive(std::move(reply));
     }
   }
-  int GetState() override { return 0; }
-  int onBusEvent(std::shared_ptr<CpdPacket> /*packet*/) override { return 0; }
-  int onPolicyChange(const std::string& /*policy*/) override { return 0; }
-  int Control(void* /*request*/, uint16_t* /*status*/) override { return 0; }
-  int Close(signed char /*reason*/) override { return 0; }
-  std::string GetDriverKind() override { return {}; }
-  std::shared_ptr<DriverObj> GetDriverObj() override { return nullptr; }
 
   std::vector<std::unique_ptr<CpdPacket>> requests;
 
