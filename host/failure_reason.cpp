@@ -113,6 +113,14 @@ int ReasonInPermissions(const Attempt& attempt, const Facts& facts) {
   return attempt.kind == Kind::kLink ? EPERM : 0;
 }
 
+User ThisUser() {
+  User user{.id = geteuid(), .groups = {getegid()}};
+  std::vector<gid_t> more(static_cast<size_t>(std::max(getgroups(0, nullptr), 0)));
+  const int count = getgroups(static_cast<int>(more.size()), more.data());
+  user.groups.insert(user.groups.end(), more.begin(), more.begin() + std::max(count, 0));
+  return user;
+}
+
 }  // namespace
 
 int LikeliestReason(const Attempt& attempt, const Facts& facts) {
@@ -128,16 +136,10 @@ int LikeliestReason(const Attempt& attempt, const Facts& facts) {
   return reason == 0 ? EIO : reason;
 }
 
-User ThisUser() {
-  User user{.id = geteuid(), .groups = {getegid()}};
-  std::vector<gid_t> more(static_cast<size_t>(std::max(getgroups(0, nullptr), 0)));
-  const int count = getgroups(static_cast<int>(more.size()), more.data());
-  user.groups.insert(user.groups.end(), more.begin(), more.begin() + std::max(count, 0));
-  return user;
-}
-
 // All questions leave at once; the answer to the last one comes behind all others.
-void FindFailureReason(RemoteFiles& files, Attempt attempt, std::function<void(int error)> done) {
+void FindFailureReason(RemoteFiles& files, Outcome outcome, Attempt attempt,
+                       std::function<void(int error)> done) {
+  if (outcome == Outcome::kUnanswered) return done(EIO);
   struct Search {
     Facts facts;
     int obstacle = 0;  // a question without an answer
@@ -165,9 +167,8 @@ void FindFailureReason(RemoteFiles& files, Attempt attempt, std::function<void(i
         search->obstacle != 0 ? search->obstacle : LikeliestReason(attempt, search->facts);
     if (reason != EIO) return done(reason);
     // A disk that is turning read-only does not show it yet, but refuses even a change of nothing.
-    files.ChangeOwner(DirectoryOf(MadePath(attempt)), ~0U, ~0U, [done](Outcome outcome) {
-      done(outcome == Outcome::kRefused ? EROFS : EIO);
-    });
+    files.ChangeOwner(DirectoryOf(MadePath(attempt)), ~0U, ~0U,
+                      [done](Outcome change) { done(change == Outcome::kRefused ? EROFS : EIO); });
   });
 }
 

@@ -52,7 +52,9 @@ struct Facts {
 /// @return an errno, EIO where nothing explains the failure
 int LikeliestReason(const Attempt& attempt, const Facts& facts);
 
-/// Looks at the disk and calls `done` with the likeliest reason.
-void FindFailureReason(RemoteFiles& files, Attempt attempt, std::function<void(int error)> done);
+/// Looks at the disk and calls `done` with the likeliest reason of a refusal; EIO at once where no
+/// answer came.
+void FindFailureReason(RemoteFiles& files, Outcome outcome, Attempt attempt,
+                       std::function<void(int error)> done);
 
 }  // namespace cpd::host

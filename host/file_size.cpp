@@ -16,7 +16,7 @@
 namespace cpd::host {
 namespace {
 
-using std::string_view_literals::operator""sv;
+using namespace std::string_view_literals;
 
 constexpr int64_t kLimit = 10 << 20;
 
@@ -34,8 +34,8 @@ bool HasNoLimit(std::string_view path) {
 void Report(RemoteFiles& files, Outcome outcome, const std::string& path, int64_t end,
             const std::function<void(int error)>& done) {
   if (outcome == Outcome::kDone) return done(0);
-  if (outcome == Outcome::kUnanswered) return done(EIO);
-  FindFailureReason(files, {.kind = Attempt::Kind::kWrite, .path = path, .end = end}, done);
+  FindFailureReason(files, outcome, {.kind = Attempt::Kind::kWrite, .path = path, .end = end},
+                    done);
 }
 
 void CutThroughLink(RemoteFiles& files, const std::string& path, int64_t size,

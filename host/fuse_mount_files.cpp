@@ -192,8 +192,7 @@ void FuseMount::ReplyChangedAttributes(fuse_req_t request, fuse_ino_t node,
 }
 
 void FuseMount::ReplyFailure(fuse_req_t request, Outcome outcome, Attempt attempt) {
-  if (outcome == Outcome::kUnanswered) return void(fuse_reply_err(request, EIO));
-  FindFailureReason(files_, std::move(attempt),
+  FindFailureReason(files_, outcome, std::move(attempt),
                     [request](int error) { fuse_reply_err(request, error); });
 }
 

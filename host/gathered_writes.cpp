@@ -144,11 +144,8 @@ void GatheredWrites::WriteAgain(NodeTable::Id node, const Pieces& pieces) {
 
 void GatheredWrites::HandleSecondAnswer(NodeTable::Id node, const std::string& path, int64_t end,
                                         Outcome outcome) {
-  if (outcome != Outcome::kRefused) {
-    if (outcome == Outcome::kUnanswered) failed_(node, EIO);
-    return CountAnswer(node, 0);
-  }
-  FindFailureReason(files_, {.kind = Attempt::Kind::kWrite, .path = path, .end = end},
+  if (outcome == Outcome::kDone) return CountAnswer(node, 0);
+  FindFailureReason(files_, outcome, {.kind = Attempt::Kind::kWrite, .path = path, .end = end},
                     [this, node](int error) {
                       failed_(node, error);
                       CountAnswer(node, 0);

@@ -36,28 +36,25 @@ bool HasHardLinks(const Listing& listing) {
 void ListingCache::List(const std::string& directory, RemoteFiles::Done<SharedListing> done) {
   const auto question = NoteQuestion(directory);  // before: a change voids one or the other
   const auto kept = Find(directory);
-  if (kept == nullptr) {
-    StillStands(question);
-    return ListInFull(directory, std::move(done));
-  }
+  if (kept == nullptr) return ListInFull(question, directory, std::move(done));
   files_.CheckDirectory(
       directory, *kept,
       [this, directory, question, kept, done = std::move(done)](Result<DirectoryCheck> result) {
         if (result.value.changed) {
           return done({.value = Keep(question, std::move(*result.value.changed))});
         }
-        const bool stands = StillStands(question);
+        const bool stands = EndQuestion(question);
         if (result.error != 0) return done({.error = result.error});
         if (stands && IsUntouched(*kept, result.value.directory)) return done({.value = kept});
-        ListInFull(directory, done);
+        ListInFull(NoteQuestion(directory), directory, done);
       });
 }
 
-void ListingCache::ListInFull(const std::string& directory, RemoteFiles::Done<SharedListing> done) {
-  files_.List(directory, [this, question = NoteQuestion(directory),
-                          done = std::move(done)](Result<Listing> result) {
+void ListingCache::ListInFull(uint64_t question, const std::string& directory,
+                              RemoteFiles::Done<SharedListing> done) {
+  files_.List(directory, [this, question, done = std::move(done)](Result<Listing> result) {
     if (result.error == 0) return done({.value = Keep(question, std::move(result.value))});
-    StillStands(question);
+    EndQuestion(question);
     done({.error = result.error});
   });
 }
@@ -94,7 +91,7 @@ uint64_t ListingCache::NoteQuestion(const std::string& directory) {
 }
 
 /// Ends a question. @return whether no change has overtaken it
-bool ListingCache::StillStands(uint64_t question) {
+bool ListingCache::EndQuestion(uint64_t question) {
   const std::lock_guard lock(mutex_);
   return questions_.erase(question) != 0;
 }

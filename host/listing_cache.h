@@ -47,10 +47,11 @@ class ListingCache {
     Clock::time_point asked;
   };
 
-  void ListInFull(const std::string& directory, RemoteFiles::Done<SharedListing> done);
+  void ListInFull(uint64_t question, const std::string& directory,
+                  RemoteFiles::Done<SharedListing> done);
   SharedListing Find(const std::string& directory);
   uint64_t NoteQuestion(const std::string& directory);
-  bool StillStands(uint64_t question);
+  bool EndQuestion(uint64_t question);
   SharedListing Keep(uint64_t question, Listing&& answer);
   void MakeRoom();
 

@@ -226,12 +226,12 @@ void RemoteFiles::ReadSmallFiles(const std::vector<SmallFile>& files, Done<Small
     request->AppendPayload(&head, sizeof head);
     request->AppendPayload(file.path.data(), head.path_length);
   }
-  session_.Ask(std::move(request), [files = std::move(files),
-                                    done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
-    auto data = SmallFileData(files, reply.get());
-    if (!data) return done({.error = EIO});
-    done({.value = {.bytes = std::move(*data), .reply = std::move(reply)}});
-  });
+  session_.Ask(std::move(request),
+               [files, done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+                 auto data = SmallFileData(files, reply.get());
+                 if (!data) return done({.error = EIO});
+                 done({.value = {.bytes = std::move(*data), .reply = std::move(reply)}});
+               });
 }
 
 void RemoteFiles::GetStatistics(const std::string& path, Done<udisk_statvfs> done) {

@@ -30,8 +30,6 @@ constexpr auto kNames = std::to_array<std::pair<uint16_t, std::string_view>>({
     {kFileChmod, "file_chmod"},
     {kFileChown, "file_chown"},
     {kGetStatvfs, "get_statvfs"},
-    {kCheckDir, "check_dir"},
-    {kSmallFileRead, "small_file_read"},
     {kMakeDir, "make_dir"},
     {kRemoveDir, "remove_dir"},
     {kSetLink, "set_link"},
@@ -39,6 +37,8 @@ constexpr auto kNames = std::to_array<std::pair<uint16_t, std::string_view>>({
     {kSetRename, "set_rename"},
     {kFileFlush, "file_flush"},
     {kFileRelease, "file_release"},
+    {kCheckDir, "check_dir"},
+    {kSmallFileRead, "small_file_read"},
     {kMountResponse, "mount_response"},
 });
 
