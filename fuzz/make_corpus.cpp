@@ -84,6 +84,9 @@ void MakeRequests(const Corpus& corpus) {
   }
   corpus.Add("every-request", sequence);
   corpus.Add("every-request-confined", confined + sequence.substr(1));
+  corpus.Add("not-named", BytesOf(uint8_t{fuzz::kConfined | fuzz::kNotNamed}) +
+                              Step(ReadRequest{.path = "other/disk"}) +
+                              Step(WriteRequest{.path = "other/disk", .data = "written"}));
   corpus.Add("every-request-cut", cut);
 
   const Request read = ReadRequest{.path = "/big.doc", .size = 200'000};

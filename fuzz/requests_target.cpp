@@ -48,6 +48,9 @@ void MakeDisk() {
   EmptyJail();
   mkdir("/home", 0755);
   MakeFile("/home/secret", kSecret);
+  mkdir("/media", 0755);
+  mkdir("/media/other", 0755);
+  MakeFile("/media/other/disk", kSecret);
   mkdir("/dev", 0755);
   MakeFile("/dev/urandom", "not random at all");  // where trace ids come from
   mkdir("/DISK", 0755);
@@ -64,7 +67,8 @@ void MakeDisk() {
 /// A text that differs once something beside the disk was changed, the disk's own entry included.
 std::string StateBeside() {
   std::string state;
-  for (const char* path : {"/", "/home", "/home/secret", "/dev", "/dev/urandom"}) {
+  for (const char* path : {"/", "/home", "/home/secret", "/media", "/media/other",
+                           "/media/other/disk", "/dev", "/dev/urandom"}) {
     struct stat st {};
     if (lstat(path, &st) == 0) {
       state += test::BytesOf(st.st_ino) + test::BytesOf(st.st_ctim) + test::BytesOf(st.st_size);
@@ -141,7 +145,7 @@ class Session {
     }
     if ((settings & kDeafHost) != 0) device_.SetSendResult(-1);
     udisk_ = std::make_unique<UDiskOperator>(&device_);
-    Mount();
+    if ((settings & kNotNamed) == 0) Mount();
   }
 
   void Mount() { udisk_->SetRootPath("/", kLabel); }

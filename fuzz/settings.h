@@ -11,6 +11,7 @@ enum Setting : uint8_t {
   kPathFilter = 4,  ///< reads and writes of some files are traced
   kDeafHost = 8,    ///< SendPacket fails
   kConfined = 16,
+  kNotNamed = 32,  ///< requests come before the service has named the disk
 };
 
 }  // namespace cpd::fuzz
