@@ -55,7 +55,7 @@ void Prefetch::ReadToItsEnd(const std::string& path) {
 /// @return null when there is nothing to ask for
 std::shared_ptr<Prefetch::Batch> Prefetch::Reserve(const std::string& directory,
                                                    const std::vector<ReadingRun::File>& files) {
-  const auto batch = std::make_shared<Batch>();
+  auto batch = std::make_shared<Batch>();
   for (const auto& [attributes, name] : files) {
     auto path = JoinPath(directory, name);
     if (!places_.try_emplace(path, Place{batch, batch->files.size()}).second) continue;
