@@ -240,7 +240,7 @@ extern "C" void tesselLogPrint(int channel, int level, const char* tag, const ch
   va_copy(again, arguments);
   std::string line(static_cast<size_t>(std::vsnprintf(nullptr, 0, format, arguments)), '\0');
   va_end(arguments);
-  std::vsnprintf(line.data(), line.size() + 1, format, again);
+  (void)std::vsnprintf(line.data(), line.size() + 1, format, again);
   va_end(again);
   cpd::test::Log().Add(channel, level, tag, std::move(line));
 }

@@ -165,7 +165,7 @@ std::vector<DirEntry> DecodeEntries(std::string_view listing, size_t count) {
     if (std::strlen(name.c_str()) + 1 != name.size()) {
       throw std::runtime_error("entry's name does not end with its only NUL");
     }
-    entries.push_back({.stat = head.attributes, .name = name.c_str()});
+    entries.push_back({.stat = head.attributes, .name = name.substr(0, name.size() - 1)});
   }
   if (in.Take<uint8_t>() != 0) throw std::runtime_error("the spare byte is not zero");
   in.ExpectEnd();
