@@ -19,6 +19,7 @@ namespace {
 
 std::vector<char*> Pointers(const std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (const auto& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
   pointers.push_back(nullptr);
   return pointers;
@@ -68,7 +69,8 @@ Process::Process(const std::vector<std::string>& argv, const std::string& out,
   std::vector<std::string> command;
   if (!environment.empty()) {
     command.push_back("/usr/bin/env");
-    for (const auto& [name, value] : environment) command.push_back(name + "=" + value);
+    for (const auto& [name, value] : environment)
+      command.push_back(std::string(name).append("=").append(value));
   }
   command.insert(command.end(), argv.begin(), argv.end());
   const auto pointers = Pointers(command);
@@ -193,6 +195,7 @@ MountedDisk::MountedDisk(const std::string& disk, const std::vector<std::string>
   }
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): a test that cannot even ask may as well end
 MountedDisk::~MountedDisk() {
   if (!mHost.Wait(0ms)) Unmount();
   if (IsMounted(mMountPoint)) {

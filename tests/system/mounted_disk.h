@@ -108,7 +108,7 @@ class MountedDisk {
   explicit MountedDisk(const std::string& disk, const std::vector<std::string>& options = {},
                        const std::map<std::string, std::string>& environment = {});
   /// Unmounts, by force where the host does not do it.
-  ~MountedDisk();
+  ~MountedDisk();  // NOLINT(bugprone-exception-escape)
 
   std::string path() const { return mMountPoint; }
   std::string operator/(const std::string& name) const { return mMountPoint + "/" + name; }

@@ -17,9 +17,9 @@
 namespace system_test {
 namespace {
 
-constexpr int kKbps = 8000;
+constexpr size_t kKbps = 8000;
 constexpr size_t kRequest = 65536;
-constexpr size_t kMegabyte = 1024 * 1024;
+constexpr size_t kMegabyte = 1 << 20;
 
 using Pacing = MountTest;
 
@@ -55,7 +55,7 @@ double LegacySeconds(size_t size) {
 /// The bucket starts full and is refilled with a bandwidth's worth of bytes.
 double TokenBucketSeconds(size_t size) {
   const double capacity = 256 * 1024;
-  return (size - capacity) / (kKbps / 8 * 1000.0);
+  return (size - capacity) / (kKbps * 1000.0 / 8);
 }
 
 class PacedDisk {

@@ -123,11 +123,13 @@ TEST_F(Prefetch, FilesBeyond64KiBAreReadByThemselves) {
 }
 
 TEST_F(Prefetch, EverySizeUpTo64KiBIsWhole) {
-  for (int i = 0; i < 200; ++i) WriteFile(disk / Name(i), Bytes(i * 331, i + 1));
+  for (int i = 0; i < 200; ++i) WriteFile(disk / Name(i), Bytes(size_t{331} * i, i + 1));
   WriteFile(disk / Name(200), Bytes(64 << 10, 201));
   MountedDisk mounted(disk.path());
   NamesAsListed(mounted.path());
-  for (int i = 0; i < 200; ++i) ASSERT_EQ(ReadFile(mounted / Name(i)), Bytes(i * 331, i + 1)) << i;
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_EQ(ReadFile(mounted / Name(i)), Bytes(size_t{331} * i, i + 1)) << i;
+  }
   EXPECT_EQ(ReadFile(mounted / Name(200)), Bytes(64 << 10, 201));
   EXPECT_LE(mounted.Unmount().Requests(105), 100);
 }

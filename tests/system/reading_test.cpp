@@ -180,7 +180,8 @@ TEST_F(Attributes, OfFilesAndDirectoriesAreThoseOfTheDisk) {
 }
 
 TEST_F(Attributes, SeenThroughAListingAreThoseOfTheDisk) {
-  for (int i = 0; i < 100; ++i) WriteFile(disk / "file" + std::to_string(i), Bytes(i * 100));
+  for (int i = 0; i < 100; ++i)
+    WriteFile(disk / "file" + std::to_string(i), Bytes(size_t{100} * i));
   MountedDisk mounted(disk.path());
   for (const auto& name : Names(mounted.path())) {
     ExpectSameAttributes(disk / name, mounted / name);
