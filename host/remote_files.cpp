@@ -78,19 +78,6 @@ std::optional<std::vector<Listing::Entry>> Entries(std::string_view listing) {
   return entries;
 }
 
-/// Sends a request whose answer is its own head. The head then tells whether it was done.
-template <class Head, class IsDone>
-void Change(Session& session, std::atomic<int>& unanswered, std::unique_ptr<CpdPacket> request,
-            IsDone is_done, RemoteFiles::Told told) {
-  ++unanswered;
-  session.Ask(std::move(request), [&unanswered, is_done, told = std::move(told)](
-                                      const std::unique_ptr<CpdPacket>& reply) {
-    const auto answer = Reader(reply.get()).Take<Head>();
-    told(!answer ? Outcome::kUnanswered : is_done(*answer) ? Outcome::kDone : Outcome::kRefused);
-    if (--unanswered == 0) unanswered.notify_all();
-  });
-}
-
 template <class Head>
 bool IsDone(const Head& head) {
   return head.result >= 0;
@@ -266,11 +253,22 @@ void RemoteFiles::HasExtendedAttribute(const std::string& path, const std::strin
 
 // ---- What changes the disk ----
 
+template <class Head, class IsDone>
+void RemoteFiles::Change(std::unique_ptr<CpdPacket> request, IsDone is_done, Told told) {
+  ++unanswered_;
+  session_.Ask(std::move(request), [this, is_done, told = std::move(told)](
+                                       const std::unique_ptr<CpdPacket>& reply) {
+    const auto answer = Reader(reply.get()).Take<Head>();
+    told(!answer ? Outcome::kUnanswered : is_done(*answer) ? Outcome::kDone : Outcome::kRefused);
+    if (--unanswered_ == 0) unanswered_.notify_all();
+  });
+}
+
 void RemoteFiles::Create(const std::string& path, uint32_t mode, Told told) {
   CreateHead head{};
   head.path_length = static_cast<uint32_t>(path.size());
   head.mode = mode;
-  Change<CreateHead>(session_, unanswered_, Request(kFileCreate, head, path), IsDone<CreateHead>,
+  Change<CreateHead>(Request(kFileCreate, head, path), IsDone<CreateHead>,
                      Noting(path, std::move(told)));
 }
 
@@ -289,15 +287,14 @@ void RemoteFiles::Truncate(const std::string& path, uint64_t size, Told told) {
   TruncateHead head{};
   head.length = size;
   head.path_length = static_cast<uint32_t>(path.size());
-  Change<TruncateHead>(session_, unanswered_, Request(kFileTruncate, head, path),
-                       IsDone<TruncateHead>, Noting(path, std::move(told)));
+  Change<TruncateHead>(Request(kFileTruncate, head, path), IsDone<TruncateHead>,
+                       Noting(path, std::move(told)));
 }
 
 void RemoteFiles::Sync(const std::string& path, Told told) {
   FsyncHead head{};
   head.path_length = static_cast<uint32_t>(path.size());
-  Change<FsyncHead>(session_, unanswered_, Request(kFileFsync, head, path), IsDone<FsyncHead>,
-                    std::move(told));
+  Change<FsyncHead>(Request(kFileFsync, head, path), IsDone<FsyncHead>, std::move(told));
 }
 
 void RemoteFiles::ChangeMode(const std::string& path, uint32_t mode, Told told) {
@@ -305,7 +302,7 @@ void RemoteFiles::ChangeMode(const std::string& path, uint32_t mode, Told told) 
   if (!Fits<decltype(head.path_length)>(path)) return told(Outcome::kRefused);
   head.path_length = static_cast<uint16_t>(path.size());
   head.mode = static_cast<uint16_t>(mode);
-  Change<ChmodHead>(session_, unanswered_, Request(kFileChmod, head, path), IsDone<ChmodHead>,
+  Change<ChmodHead>(Request(kFileChmod, head, path), IsDone<ChmodHead>,
                     Noting(path, std::move(told)));
 }
 
@@ -314,7 +311,7 @@ void RemoteFiles::ChangeOwner(const std::string& path, uint32_t owner, uint32_t 
   head.path_length = static_cast<uint32_t>(path.size());
   head.uid = owner;
   head.gid = group;
-  Change<ChownHead>(session_, unanswered_, Request(kFileChown, head, path), IsDone<ChownHead>,
+  Change<ChownHead>(Request(kFileChown, head, path), IsDone<ChownHead>,
                     Noting(path, std::move(told)));
 }
 
@@ -323,7 +320,7 @@ void RemoteFiles::MakeDirectory(const std::string& path, uint32_t mode, Told tol
   if (!Fits<decltype(head.path_length)>(path)) return told(Outcome::kRefused);
   head.path_length = static_cast<uint16_t>(path.size());
   head.mode = static_cast<int16_t>(mode);
-  Change<MakeDirHead>(session_, unanswered_, Request(kMakeDir, head, path), IsDone<MakeDirHead>,
+  Change<MakeDirHead>(Request(kMakeDir, head, path), IsDone<MakeDirHead>,
                       Noting(path, std::move(told)));
 }
 
@@ -356,8 +353,7 @@ void RemoteFiles::Write(WriteHead head, const std::string& path, std::string_vie
   head.size = static_cast<int32_t>(data.size());
   head.path_length = static_cast<uint16_t>(path.size());
   const auto is_done = [size = head.size](const WriteHead& answer) { return answer.size == size; };
-  Change<WriteHead>(session_, unanswered_, Request(kFileWrite, head, path, data), is_done,
-                    Noting(path, std::move(told)));
+  Change<WriteHead>(Request(kFileWrite, head, path, data), is_done, Noting(path, std::move(told)));
 }
 
 RemoteFiles::Told RemoteFiles::Noting(const std::string& path, Told told) const {
@@ -375,7 +371,7 @@ void RemoteFiles::Remove(uint16_t command, const std::string& path, Told told) {
   RemoveHead head{};
   if (!Fits<decltype(head.path_length)>(path)) return told(Outcome::kRefused);
   head.path_length = static_cast<uint16_t>(path.size());
-  Change<RemoveHead>(session_, unanswered_, Request(command, head, path), IsDone<RemoveHead>,
+  Change<RemoveHead>(Request(command, head, path), IsDone<RemoveHead>,
                      Noting(path, std::move(told)));
 }
 
@@ -387,15 +383,15 @@ void RemoteFiles::Name(uint16_t command, const std::string& path, const std::str
   }
   head.path_length = static_cast<uint16_t>(path.size());
   head.new_path_length = static_cast<uint16_t>(new_path.size());
-  Change<TwoPathsHead>(session_, unanswered_, Request(command, head, path, new_path),
-                       IsDone<TwoPathsHead>, Noting(path, Noting(new_path, std::move(told))));
+  Change<TwoPathsHead>(Request(command, head, path, new_path), IsDone<TwoPathsHead>,
+                       Noting(path, Noting(new_path, std::move(told))));
 }
 
 void RemoteFiles::Close(uint16_t command, const std::string& path, Told told) {
   CloseHead head{};
   head.path_length = static_cast<uint32_t>(path.size());
   const auto always = [](const CloseHead&) { return true; };
-  Change<CloseHead>(session_, unanswered_, Request(command, head, path), always, std::move(told));
+  Change<CloseHead>(Request(command, head, path), always, std::move(told));
 }
 
 }  // namespace cpd::host

@@ -131,6 +131,9 @@ class RemoteFiles {
   void WaitForChanges() const;
 
  private:
+  /// Sends a request whose answer is its own head. The head then tells whether it was done.
+  template <class Head, class IsDone>
+  void Change(std::unique_ptr<CpdPacket> request, IsDone is_done, Told told);
   void Write(WriteHead head, const std::string& path, std::string_view data, Told told);
   Told Noting(const std::string& path, Told told) const;
   void Remove(uint16_t command, const std::string& path, Told told);
