@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "ratio_table.h"
 #include "sample_disk.h"
 #include "system/mounted_disk.h"
 
@@ -88,16 +88,9 @@ struct Row {
   double bound;
 };
 
-double Median(std::vector<double> values) {
-  std::ranges::nth_element(values, values.begin() + static_cast<long>(values.size() / 2));
-  return values[values.size() / 2];
-}
-
 /// A mount of its own for every turn, so that nothing is in the kernel's caches.
 bool PrintRow(const Row& row, const SampleDisk& disk, int turns) {
-  std::vector<double> without;
-  std::vector<double> with;
-  std::vector<double> ratios;
+  Turns taken;
   for (int i = 0; i < turns; ++i) {
     const auto seconds = [&](const std::vector<std::string>& options) {
       MountedDisk mount(disk.root(), options);
@@ -105,24 +98,17 @@ bool PrintRow(const Row& row, const SampleDisk& disk, int turns) {
     };
     const double slow = seconds({row.without});
     const double fast = seconds({});
-    without.push_back(row.operations / slow);
-    with.push_back(row.operations / fast);
-    ratios.push_back(slow / fast);
+    taken.base_rates.push_back(row.operations / slow);
+    taken.rates.push_back(row.operations / fast);
+    taken.ratios.push_back(slow / fast);
   }
-  const double ratio = Median(ratios);
-  const auto [least, most] = std::ranges::minmax(ratios);
-  std::printf("| %s | %.4g | %.4g | **%.2f** | %.2f–%.2f | ≥ %g | %s |\n", row.name,
-              Median(without), Median(with), ratio, least, most, row.bound,
-              ratio >= row.bound ? "ok" : "below");
-  (void)std::fflush(stdout);
-  return ratio >= row.bound;
+  return PrintRatioRow(row.name, taken, {.is_most = false, .value = row.bound});
 }
 
 int Run(int turns) {
   SampleDisk disk("/dev/shm");
   const std::string directory = disk.Directory(kFiles, kFileBytes);
-  std::puts("| what | without, a second | with, a second | ratio | range | bound | |");
-  std::puts("|---|--:|--:|--:|--:|--:|---|");
+  PrintRatioHeader("without", "with");
   bool ok = PrintRow(
       {"pieces of 100 bytes, 256 and an fsync", "--no-batch", "big", WritePieces, kPieces, 20},
       disk, turns);

@@ -2,12 +2,11 @@
 
 #include <sched.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <functional>
 #include <vector>
 
 #include "loads.h"
+#include "ratio_table.h"
 
 namespace cpd::bench {
 
@@ -105,12 +104,6 @@ std::vector<Row> Rows(SampleDisk& disk, SampleDisk& memory_disk) {
   return rows;
 }
 
-double Median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
 /// On one core the processor's time is the time that passes, less what other programs take.
 double Time(const Row& row, const Load& load) {
   const Seconds seconds = load(row.operations);
@@ -123,34 +116,24 @@ bool PrintRow(const Row& row, int turns) {
   const Load compared = row.make_compared();
   base(row.operations);  // warms caches and heap
   compared(row.operations);
-  std::vector<double> base_rates;
-  std::vector<double> rates;
-  std::vector<double> ratios;
+  Turns taken;
   for (int i = 0; i < turns; ++i) {
     const double base_seconds = Time(row, base);
     const double seconds = Time(row, compared);
-    base_rates.push_back(row.operations / base_seconds);
-    rates.push_back(row.operations / seconds);
-    ratios.push_back(row.kind == Row::kShareOfTheBasesRate ? base_seconds / seconds
-                                                           : seconds / base_seconds);
+    taken.base_rates.push_back(row.operations / base_seconds);
+    taken.rates.push_back(row.operations / seconds);
+    taken.ratios.push_back(row.kind == Row::kShareOfTheBasesRate ? base_seconds / seconds
+                                                                 : seconds / base_seconds);
   }
-  const double ratio = Median(ratios);
-  const auto [least, most] = std::minmax_element(ratios.begin(), ratios.end());
-  const bool share = row.kind == Row::kShareOfTheBasesRate;
-  const bool ok = share ? ratio >= row.bound : ratio <= row.bound;
-  std::printf("| %s | %.4g | %.4g | **%.2f** | %.2f–%.2f | %s %g | %s |\n", row.name.c_str(),
-              Median(base_rates), Median(rates), ratio, *least, *most, share ? "≥" : "≤", row.bound,
-              ok ? "ok" : (share ? "below" : "above"));
-  (void)std::fflush(stdout);
-  return ok;
+  return PrintRatioRow(row.name, taken,
+                       {.is_most = row.kind == Row::kTimesTheBasesTime, .value = row.bound});
 }
 
 }  // namespace
 
 bool PrintRatios(SampleDisk& disk, int turns, const std::string& filter) {
   SampleDisk memory_disk("/dev/shm");
-  std::puts("| what | base, a second | measured, a second | ratio | range | bound | |");
-  std::puts("|---|--:|--:|--:|--:|--:|---|");
+  PrintRatioHeader("base", "measured");
   bool all_ok = true;
   for (const Row& row : Rows(disk, memory_disk)) {
     if (row.name.find(filter) != std::string::npos) all_ok &= PrintRow(row, turns);
