@@ -48,8 +48,8 @@ struct TokenBucket {
   void updateRate(uint32_t kbps) {
     if (kbps == bw) return;
     // The logged refill is kbps / 8 also where the stored one is raised to 1: kept.
-    LOG_DEBUG("[TokenBucket] updateRate: %u kbps -> refillPerMs=%lld, oldBw=%u", kbps,
-              static_cast<long long>(kbps >> 3), bw);
+    UDISK_DEBUG("[TokenBucket] updateRate: %u kbps -> refillPerMs=%lld, oldBw=%u", kbps,
+                static_cast<long long>(kbps >> 3), bw);
     bw = kbps;
     refillPerMs = kbps < 8 ? 1 : kbps >> 3;
     capacity = std::max<int64_t>(refillPerMs * kBurstMs, kMinBurst);
@@ -118,7 +118,7 @@ struct TokenBucket {
     if (lastSummaryMs >= 1) {
       const int64_t throughput =
           (totalBytes - summaryStartBytes) * 1000 / (now - lastSummaryMs) / 1024;
-      LOG_DEBUG_OF(
+      UDISK_DEBUG_OF(
           consume,
           "[TokenBucket] SUMMARY: throughput=%lldKB/s calls=%lld sleeps=%lld carries=%lld totalSlept=%lldms bw=%ukbps tokens=%lld refillPerMs=%lld",
           static_cast<long long>(throughput), static_cast<long long>(calls),

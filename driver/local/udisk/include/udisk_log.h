@@ -22,10 +22,12 @@ consteval const char* BaseName(const char* path) {
   tesselLogPrint(0, level, "CPD_LOG", "%s %s(%d): " #word " " #message, ::cpd::BaseName(__FILE__), \
                  static_cast<const char*>(function), __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
-#define LOG_DEBUG(message, ...) UDISK_LOG(5, "Debug:", __func__, message __VA_OPT__(, ) __VA_ARGS__)
-#define LOG_ERROR(message, ...) UDISK_LOG(7, "Error:", __func__, message __VA_OPT__(, ) __VA_ARGS__)
+#define UDISK_DEBUG(message, ...) \
+  UDISK_LOG(5, "Debug:", __func__, message __VA_OPT__(, ) __VA_ARGS__)
+#define UDISK_ERROR(message, ...) \
+  UDISK_LOG(7, "Error:", __func__, message __VA_OPT__(, ) __VA_ARGS__)
 /// For a step of a larger operation: the line names that one.
-#define LOG_DEBUG_OF(function, message, ...) \
+#define UDISK_DEBUG_OF(function, message, ...) \
   UDISK_LOG(5, "Debug:", #function, message __VA_OPT__(, ) __VA_ARGS__)
-#define LOG_ERROR_OF(function, message, ...) \
+#define UDISK_ERROR_OF(function, message, ...) \
   UDISK_LOG(7, "Error:", #function, message __VA_OPT__(, ) __VA_ARGS__)

@@ -58,7 +58,7 @@ const dirent* NextEntry(DIR* dir) {
   const int before = std::exchange(errno, 0);
   const dirent* entry = ::readdir(dir);
   if (entry == nullptr && errno != 0) {
-    LOG_ERROR_OF(UdiskReadDir, "dir_read readdir failed errno: %s", std::strerror(errno));
+    UDISK_ERROR_OF(UdiskReadDir, "dir_read readdir failed errno: %s", std::strerror(errno));
   } else {
     errno = before;
   }
@@ -86,7 +86,7 @@ int FileManagerLinux::UdiskCreateFile(const char* path, int /*flags*/, int mode)
   UdiskMakeDir(path, 0777, 0);
   // The retry's descriptor stays open, unlike the first one's: kept.
   const int fd = mPaths->Open(path, kFlags, Mode16(mode)).Release();
-  if (fd < 0) LOG_ERROR("file_create failed errno: %s\n", std::strerror(errno));
+  if (fd < 0) UDISK_ERROR("file_create failed errno: %s\n", std::strerror(errno));
   return fd;
 }
 
@@ -103,7 +103,7 @@ int FileManagerLinux::UdiskReadFile(const char* path, int64_t offset, uint32_t* 
                                     const std::function<ReadRoom(int fd)>& make_room) {
   const Descriptor fd = mPaths->Open(path, O_RDONLY | kOpenFlags);
   if (!fd.ok()) {
-    LOG_ERROR("file_read failed res:%d errno: %s\n", 0, TakeError(err));
+    UDISK_ERROR("file_read failed res:%d errno: %s\n", 0, TakeError(err));
     return 0;
   }
   const ReadRoom room = make_room(fd.get());
@@ -111,7 +111,7 @@ int FileManagerLinux::UdiskReadFile(const char* path, int64_t offset, uint32_t* 
   const auto result =
       static_cast<int>(::pread(fd.get(), room.data, static_cast<size_t>(room.count), offset));
   if (result == -1) {
-    LOG_ERROR("file_read failed res: %d, fd = %d errno: %s\n", result, fd.get(), TakeError(err));
+    UDISK_ERROR("file_read failed res: %d, fd = %d errno: %s\n", result, fd.get(), TakeError(err));
     return 0;  // where a failed write gives -1: kept
   }
   return result;
@@ -133,12 +133,12 @@ int FileManagerLinux::UdiskWriteFile(const char* path, const void* buf, int64_t 
                                      uint32_t* err) {
   const Descriptor fd = mPaths->Open(path, O_WRONLY | kOpenFlags);
   if (!fd.ok()) {
-    LOG_ERROR("write file fail errno:%s \n", TakeError(err));
+    UDISK_ERROR("write file fail errno:%s \n", TakeError(err));
     return 0;
   }
   const auto result = static_cast<int>(::pwrite(fd.get(), buf, static_cast<size_t>(count), offset));
   if (result == -1) {
-    LOG_ERROR("pwrite failed res: %d, fd = %d errno: %s\n", result, fd.get(), TakeError(err));
+    UDISK_ERROR("pwrite failed res: %d, fd = %d errno: %s\n", result, fd.get(), TakeError(err));
   }
   return result;
 }
@@ -148,8 +148,8 @@ int FileManagerLinux::UdiskFlushFile(const char* /*path*/) { return -1; }
 int FileManagerLinux::UdiskTruncate(const char* path, int64_t length) {
   const int result = ::truncate(mPaths->File(path).c_str(), length);
   if (result == -1) {
-    LOG_ERROR("truncate failed offset:%lld errno: %s\n", static_cast<long long>(length),
-              std::strerror(errno));
+    UDISK_ERROR("truncate failed offset:%lld errno: %s\n", static_cast<long long>(length),
+                std::strerror(errno));
   }
   return result;
 }
@@ -196,7 +196,7 @@ int FileManagerLinux::UdiskGetFileInformation(const char* path, udisk_stat* out)
   if (result == 0) {
     set_stat(&st, out);
   } else {
-    LOG_ERROR(" lstat failed errno: %s", std::strerror(errno));
+    UDISK_ERROR(" lstat failed errno: %s", std::strerror(errno));
   }
   return result;
 }
@@ -265,7 +265,7 @@ int FileManagerLinux::UdiskMakeDir(const char* path, int mode, short make_last) 
        text[0] != '\0' && text[i] != '\0'; ++i) {
     if (text[i] != '/' && text[i] != '\\') continue;
     text[i] = '\0';
-    LOG_DEBUG("pszDir:%s\n", text);
+    UDISK_DEBUG("pszDir:%s\n", text);
     if (!IsDirectory(text) && MakeOneDir(text, mode) != 0) return -1;
     text[i] = '/';
   }
@@ -277,7 +277,7 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
   const LocalPath local = mPaths->File(path);
   const std::unique_ptr<DIR, DirCloser> dir(::opendir(local.c_str()));
   if (dir == nullptr) {
-    LOG_ERROR("dir_read opendir failed errno: %s", std::strerror(errno));
+    UDISK_ERROR("dir_read opendir failed errno: %s", std::strerror(errno));
     return -1;
   }
   // First pass: the size of one exact allocation.
@@ -287,7 +287,7 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
     ++count;
     buf_len += static_cast<uint32_t>(sizeof(udisk_dir_entry) + std::strlen(entry->d_name) + 1);
     if (buf_len > INT32_MAX) {  // a broken disk's directory may have no end
-      LOG_ERROR("dir_read: no packet holds the listing");
+      UDISK_ERROR("dir_read: no packet holds the listing");
       return -1;
     }
   }
@@ -336,7 +336,7 @@ int FileManagerLinux::UdiskUnlink(const char* path) { return ::unlink(mPaths->Na
 
 int FileManagerLinux::UdiskRename(const char* from, const char* to) {
   const int result = ::rename(mPaths->Name(from).c_str(), mPaths->NewName(to).c_str());
-  LOG_DEBUG("rename return res:%d\n", result);
+  UDISK_DEBUG("rename return res:%d\n", result);
   return result;
 }
 

@@ -91,7 +91,7 @@ int UDiskOperator::EventHandle(std::unique_ptr<CpdPacket> packet) {
   try {
     (this->*row->handler)(row->header_length, packet.get());
   } catch (const std::exception& error) {  // out of memory: the request fails, the worker goes on
-    LOG_ERROR("%s failed: %s", row->name, error.what());
+    UDISK_ERROR("%s failed: %s", row->name, error.what());
   }
   return 0;
 }
@@ -111,9 +111,9 @@ int UDiskOperator::BusEventHandle(const std::shared_ptr<CpdPacket>& packet) {
     char message[sizeof "Udisk read bwinfo:4294967295"];
     (void)std::snprintf(message, sizeof message, "Udisk read bwinfo:%u", announced);
     TryTrace("UDISK_READ_BW_INFO", message);
-    LOG_DEBUG("busEventHandle cmd: %d, paylaodSize: %d,requestId:%u bw:%d\n", cmd,
-              static_cast<int>(packet->PayloadSize()), uint32_t{packet->header->requestId},
-              static_cast<int>(announced));
+    UDISK_DEBUG("busEventHandle cmd: %d, paylaodSize: %d,requestId:%u bw:%d\n", cmd,
+                static_cast<int>(packet->PayloadSize()), uint32_t{packet->header->requestId},
+                static_cast<int>(announced));
     lastBwTraceMs = now;
   }
   readBwKbps = announced == 0 ? 0 : std::max<uint32_t>(announced, 1000);
@@ -127,13 +127,13 @@ UDiskOperator::UDiskOperator(CpdDevice* device) : mDevice(device) {
   legacyThrottle = legacy == nullptr || std::atoi(legacy) != 0;
   const char* force = std::getenv("TESSEL_CPD_CLIENT_FORCE_BW");
   if (force != nullptr) forceBw = std::atoi(force);
-  LOG_DEBUG("[UDisk] throttle mode=%s, FORCE_BW=%s", legacyThrottle ? "LEGACY" : "TOKEN_BUCKET",
-            force != nullptr ? force : "not set");
+  UDISK_DEBUG("[UDisk] throttle mode=%s, FORCE_BW=%s", legacyThrottle ? "LEGACY" : "TOKEN_BUCKET",
+              force != nullptr ? force : "not set");
   const char* confine = std::getenv("TESSEL_CPD_CLIENT_CONFINE");
   if (confine == nullptr || std::atoi(confine) == 0) {
     mFileManager = std::make_unique<FileManagerLinux>();
   } else {
-    LOG_DEBUG("[UDisk] CONFINE=%s: no path leads out of the mount point", confine);
+    UDISK_DEBUG("[UDisk] CONFINE=%s: no path leads out of the mount point", confine);
     mFileManager = std::make_unique<FileManagerLinux>([this] { return CopyDiskRoot(); });
   }
 }
@@ -154,20 +154,20 @@ int UDiskOperator::GetDeviceId() { return mDevice != nullptr ? mDevice->GetDevId
 
 std::string UDiskOperator::GetRemoteMountPoint() {
   std::string drive = GetDrvName();
-  LOG_DEBUG("remote mMountDrive:%s", drive.c_str());
+  UDISK_DEBUG("remote mMountDrive:%s", drive.c_str());
   return drive;
 }
 
 std::string UDiskOperator::GetLocalMountPoint() {
   std::string mount_point = CopyMountPoint();
-  LOG_DEBUG("local mMountDrive:%s", mount_point.c_str());
+  UDISK_DEBUG("local mMountDrive:%s", mount_point.c_str());
   return mount_point;
 }
 
 int UDiskOperator::SetRootPath(const char* letter, const char* label) {
   bool both = letter != nullptr && label != nullptr;
   if (both && std::strlen(letter) + std::strlen(label) >= sizeof mMountPoint) {
-    LOG_ERROR("letter and label are too long: %zu", std::strlen(letter) + std::strlen(label));
+    UDISK_ERROR("letter and label are too long: %zu", std::strlen(letter) + std::strlen(label));
     both = false;
   }
   if (!both) {
@@ -189,8 +189,8 @@ int UDiskOperator::SetRootPath(const char* letter, const char* label) {
     mount_point.copy(mMountPoint, sizeof mMountPoint - 1);
     mHasDisk = true;
   }
-  LOG_DEBUG("letter: %s, mMountPoint: %s, label: %s\n", letter, mount_point.c_str(), label);
-  LOG_DEBUG("==============letter:%s\n", mount_point.c_str());
+  UDISK_DEBUG("letter: %s, mMountPoint: %s, label: %s\n", letter, mount_point.c_str(), label);
+  UDISK_DEBUG("==============letter:%s\n", mount_point.c_str());
   // Outside the lock: a disk that hangs must not hold back who only asks for the mount point.
   mFileManager->UdiskGetStatvfs(mount_point.c_str(), &record->stat);
   const std::lock_guard lock(mLock);
@@ -224,7 +224,7 @@ int64_t UDiskOperator::Send(std::unique_ptr<CpdPacket> reply) {
 namespace {
 
 int64_t Dropped(const char* handler) {
-  LOG_ERROR("%s dropped: the request reaches past its buffer", handler);
+  UDISK_ERROR("%s dropped: the request reaches past its buffer", handler);
   return -1;
 }
 
@@ -352,7 +352,7 @@ void UDiskOperator::TryTrace(const char* event, const char* message) {
   try {
     TraceCpdDevice(event, mDevice, true, message, "", "");
   } catch (const std::exception& error) {
-    LOG_ERROR("%s is not traced: %s", event, error.what());
+    UDISK_ERROR("%s is not traced: %s", event, error.what());
   }
 }
 
@@ -398,10 +398,10 @@ int64_t UDiskOperator::mount_remote(unsigned char header_length, CpdPacket* requ
   const std::string path = LocalMountPath(std::string(name));
   if (!mFileManager->IsDirectory(path.c_str())) {
     const int made = mFileManager->MakeOneDir(path.c_str(), 0777);
-    LOG_DEBUG("mkdir res: %d", made);
+    UDISK_DEBUG("mkdir res: %d", made);
   }
   SetRootPath(path.c_str(), nullptr);  // clears the mount point: kept
-  LOG_DEBUG("mount path: %s\n", path.c_str());
+  UDISK_DEBUG("mount path: %s\n", path.c_str());
 
   Reply reply(request, header_length, sizeof head + name.size());
   return Send(reply.Append(head).Append(name).Take());
@@ -415,7 +415,7 @@ int64_t UDiskOperator::umount_remote(unsigned char header_length, CpdPacket* req
   if (!in.Read(&head) || !in.ReadBytes(head.name_length, &name)) return Dropped("umount_remote");
 
   SetRootPath(nullptr, nullptr);
-  LOG_DEBUG("umount path: %s\n", "");  // the path was always empty here: kept
+  UDISK_DEBUG("umount path: %s\n", "");  // the path was always empty here: kept
 
   Reply reply(request, header_length, sizeof head + name.size());
   return Send(reply.Append(head).Append(name).Take());
@@ -423,7 +423,7 @@ int64_t UDiskOperator::umount_remote(unsigned char header_length, CpdPacket* req
 
 // 200: drive, label -> no reply. The first length belongs to the second text.
 int64_t UDiskOperator::mount_response(unsigned char /*header_length*/, CpdPacket* request) {
-  LOG_DEBUG("vmId: %d", mVmId);
+  UDISK_DEBUG("vmId: %d", mVmId);
   PayloadReader in(request);
   MountResponseHead head{};
   std::string_view drive;
@@ -435,8 +435,8 @@ int64_t UDiskOperator::mount_response(unsigned char /*header_length*/, CpdPacket
   // Both end at a NUL, if they hold one.
   const std::string drive_text(drive.substr(0, drive.find('\0')));
   const std::string label_text(label.substr(0, label.find('\0')));
-  LOG_DEBUG("mount_response header_len: %d, label: %s, drive: %s\n", static_cast<int>(sizeof head),
-            label_text.c_str(), drive_text.c_str());
+  UDISK_DEBUG("mount_response header_len: %d, label: %s, drive: %s\n",
+              static_cast<int>(sizeof head), label_text.c_str(), drive_text.c_str());
   {
     const std::lock_guard lock(mLock);
     mMountDrive = drive_text;
@@ -453,12 +453,13 @@ int64_t UDiskOperator::mount_response(unsigned char /*header_length*/, CpdPacket
 int64_t UDiskOperator::get_file_attr(unsigned char header_length, CpdPacket* request) {
   PathRequest<FileAttrHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped("get_file_attr");
-  LOG_DEBUG("get_file_attr path name: %s, size:%d\n", in.relative_path(), int{in.head.path_length});
+  UDISK_DEBUG("get_file_attr path name: %s, size:%d\n", in.relative_path(),
+              int{in.head.path_length});
   if (HasNul(in.path)) {
-    LOG_ERROR("get_file_attr path not match\n");
+    UDISK_ERROR("get_file_attr path not match\n");
     return -1;
   }
-  LOG_DEBUG("get_attr full path: %s\n", in.full_path.c_str());
+  UDISK_DEBUG("get_attr full path: %s\n", in.full_path.c_str());
 
   udisk_stat attributes{};
   const bool found = mFileManager->UdiskGetFileInformation(in.full_path.c_str(), &attributes) == 0;
@@ -468,8 +469,8 @@ int64_t UDiskOperator::get_file_attr(unsigned char header_length, CpdPacket* req
   Reply reply(request, header_length, sizeof in.head + in.path.size() + in.head.attr_length);
   reply.Append(in.head).Append(in.path);
   if (found) reply.Append(attributes);
-  LOG_DEBUG("get_attr send back file size: %llu, buf_len:%d\n",
-            static_cast<unsigned long long>(attributes.st_size), int{in.head.attr_length});
+  UDISK_DEBUG("get_attr send back file size: %llu, buf_len:%d\n",
+              static_cast<unsigned long long>(attributes.st_size), int{in.head.attr_length});
   return Send(reply.Take());
 }
 
@@ -480,10 +481,10 @@ int64_t UDiskOperator::get_xattr(unsigned char header_length, CpdPacket* request
   std::string_view name;
   if (!in.ok() || !in.rest.ReadBytes(in.head.name_length, &name)) return Dropped("get_xattr");
   if (HasNul(name)) {
-    LOG_ERROR("get_xattr name length not match\n");
+    UDISK_ERROR("get_xattr name length not match\n");
     return -1;
   }
-  LOG_DEBUG("get_xattr full path: %s\n", in.full_path.c_str());
+  UDISK_DEBUG("get_xattr full path: %s\n", in.full_path.c_str());
 
   in.head.result = 0;
   in.head.value_length = 0;
@@ -502,8 +503,9 @@ int64_t UDiskOperator::get_statvfs(unsigned char header_length, CpdPacket* reque
   PathRequest<StatvfsHead> in(request, mount_point);
   if (!in.ok()) return Dropped("get_statvfs");
   const std::string label(FirstComponent(in.relative_path()));
-  LOG_DEBUG("get_statvfs file_name: %s, full path: %s,name len:%d, label: %s\n", in.relative_path(),
-            in.full_path.c_str(), static_cast<int>(in.head.path_length), label.c_str());
+  UDISK_DEBUG("get_statvfs file_name: %s, full path: %s,name len:%d, label: %s\n",
+              in.relative_path(), in.full_path.c_str(), static_cast<int>(in.head.path_length),
+              label.c_str());
   in.head.record_length = sizeof(udisk_statvfs);
   in.StoreHead();
 
@@ -521,8 +523,8 @@ int64_t UDiskOperator::get_statvfs(unsigned char header_length, CpdPacket* reque
     reply.Append(volume->stat);
   }
   modified = 0;
-  LOG_DEBUG("get_statvfs send back size:%d, buf len: %d", capacity,
-            static_cast<int>(sizeof(udisk_statvfs)));
+  UDISK_DEBUG("get_statvfs send back size:%d, buf len: %d", capacity,
+              static_cast<int>(sizeof(udisk_statvfs)));
   return Send(reply.Take());
 }
 
@@ -539,8 +541,8 @@ std::pair<std::string, std::list<std::shared_ptr<VolumeRecord>>> UDiskOperator::
 int64_t UDiskOperator::file_create(unsigned char header_length, CpdPacket* request) {
   PathRequest<CreateHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped("file_create");
-  LOG_DEBUG("file_create full path: %s, flag:%x, mode: %x\n", in.full_path.c_str(),
-            uint32_t{in.head.flags}, uint32_t{in.head.mode});
+  UDISK_DEBUG("file_create full path: %s, flag:%x, mode: %x\n", in.full_path.c_str(),
+              uint32_t{in.head.flags}, uint32_t{in.head.mode});
 
   const int result =
       mFileManager->UdiskCreateFile(in.full_path.c_str(), 0, static_cast<int>(in.head.mode));
@@ -552,7 +554,7 @@ int64_t UDiskOperator::file_create(unsigned char header_length, CpdPacket* reque
   in.head.result = result;
 
   Reply reply = EchoReply(header_length, request, &in);
-  LOG_DEBUG("file_create send size:%d file fd: %d\n", reply.capacity(), result);
+  UDISK_DEBUG("file_create send size:%d file fd: %d\n", reply.capacity(), result);
   modified = 1;
   return Send(reply.Take());
 }
@@ -567,10 +569,10 @@ bool check_microsoft_suffix(const char* name) {
                                                        ".spp", ".docx", ".xlsx", ".pptx", ".vsdx"};
   const char* const suffix = std::strrchr(name, '.');
   if (suffix == nullptr) {
-    LOG_DEBUG("filename: %s without suffix", name);
+    UDISK_DEBUG("filename: %s without suffix", name);
     return false;
   }
-  LOG_DEBUG("suffix: %s", suffix);
+  UDISK_DEBUG("suffix: %s", suffix);
   return std::ranges::any_of(kSuffixes, [suffix](std::string_view known) {
     return std::string_view(suffix).starts_with(known);
   });
@@ -581,17 +583,18 @@ bool check_microsoft_suffix(const char* name) {
 int64_t UDiskOperator::file_truncate(unsigned char header_length, CpdPacket* request) {
   PathRequest<TruncateHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped("file_truncate");
-  LOG_DEBUG("file_truncate full path: %s,name len:%d,offset:%llu\n", in.full_path.c_str(),
-            static_cast<int>(in.head.path_length), static_cast<unsigned long long>(in.head.length));
+  UDISK_DEBUG("file_truncate full path: %s,name len:%d,offset:%llu\n", in.full_path.c_str(),
+              static_cast<int>(in.head.path_length),
+              static_cast<unsigned long long>(in.head.length));
 
   constexpr uint64_t kMostLength = 0xA00000;
   uint64_t length = in.head.length;
   if (length > kMostLength && !check_microsoft_suffix(in.full_path.c_str())) length = kMostLength;
   in.head.result = mFileManager->UdiskTruncate(in.full_path.c_str(), static_cast<int64_t>(length));
-  LOG_DEBUG("file_truncate resule: %d", int{in.head.result});
+  UDISK_DEBUG("file_truncate resule: %d", int{in.head.result});
 
   Reply reply = EchoReply(header_length, request, &in);
-  LOG_DEBUG("file_truncate send back size:%d", reply.capacity());
+  UDISK_DEBUG("file_truncate send back size:%d", reply.capacity());
   modified = 1;
   return Send(reply.Take());
 }
@@ -600,14 +603,14 @@ int64_t UDiskOperator::file_truncate(unsigned char header_length, CpdPacket* req
 int64_t UDiskOperator::file_fsync(unsigned char header_length, CpdPacket* request) {
   PathRequest<FsyncHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped("file_fsync");
-  LOG_DEBUG("file_fsync full path: %s,name len:%dlu\n", in.full_path.c_str(),
-            static_cast<int>(in.head.path_length));
+  UDISK_DEBUG("file_fsync full path: %s,name len:%dlu\n", in.full_path.c_str(),
+              static_cast<int>(in.head.path_length));
 
   in.head.result = mFileManager->UdiskFsync(in.full_path.c_str());
-  LOG_DEBUG("file_fsync  resule: %d", int{in.head.result});
+  UDISK_DEBUG("file_fsync  resule: %d", int{in.head.result});
 
   Reply reply = EchoReply(header_length, request, &in);
-  LOG_DEBUG("file_fsync send back size:%d", reply.capacity());
+  UDISK_DEBUG("file_fsync send back size:%d", reply.capacity());
   modified = 1;
   return Send(reply.Take());
 }
@@ -616,14 +619,14 @@ int64_t UDiskOperator::file_fsync(unsigned char header_length, CpdPacket* reques
 int64_t UDiskOperator::file_chmod(unsigned char header_length, CpdPacket* request) {
   PathRequest<ChmodHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped("file_chmod");
-  LOG_DEBUG("file_chmod full path: %s,name len:%d,mode: %d\n", in.full_path.c_str(),
-            int{in.head.path_length}, int{in.head.mode});
+  UDISK_DEBUG("file_chmod full path: %s,name len:%d,mode: %d\n", in.full_path.c_str(),
+              int{in.head.path_length}, int{in.head.mode});
 
   in.head.result = mFileManager->UdiskFileChmod(in.full_path.c_str(), in.head.mode);
-  LOG_DEBUG("file_chmod resule: %d", int{in.head.result});
+  UDISK_DEBUG("file_chmod resule: %d", int{in.head.result});
 
   Reply reply = EchoReply(header_length, request, &in);
-  LOG_DEBUG("file_chmod send back size:%d", reply.capacity());
+  UDISK_DEBUG("file_chmod send back size:%d", reply.capacity());
   return Send(reply.Take());
 }
 
@@ -633,14 +636,14 @@ int64_t UDiskOperator::file_chown(unsigned char header_length, CpdPacket* reques
   if (!in.ok()) return Dropped("file_chown");
   const auto uid = static_cast<int>(in.head.uid);
   const auto gid = static_cast<int>(in.head.gid);
-  LOG_DEBUG("file_chown full path: %s,name len:%d,uid: %d, gid: %d\n", in.full_path.c_str(),
-            static_cast<int>(in.head.path_length), uid, gid);
+  UDISK_DEBUG("file_chown full path: %s,name len:%d,uid: %d, gid: %d\n", in.full_path.c_str(),
+              static_cast<int>(in.head.path_length), uid, gid);
 
   in.head.result = mFileManager->UdiskFileChown(in.full_path.c_str(), uid, gid);
-  LOG_DEBUG("file_chown resule: %d", int{in.head.result});
+  UDISK_DEBUG("file_chown resule: %d", int{in.head.result});
 
   Reply reply = EchoReply(header_length, request, &in);
-  LOG_DEBUG("file_chown send back size:%d", reply.capacity());
+  UDISK_DEBUG("file_chown send back size:%d", reply.capacity());
   return Send(reply.Take());
 }
 
@@ -648,7 +651,7 @@ int64_t UDiskOperator::file_chown(unsigned char header_length, CpdPacket* reques
 int64_t UDiskOperator::file_flush(unsigned char /*header_length*/, CpdPacket* request) {
   const PathRequest<CloseHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped("file_flush");
-  LOG_DEBUG("file_flush fd: %d, path: %s\n", static_cast<int>(in.head.fd), in.relative_path());
+  UDISK_DEBUG("file_flush fd: %d, path: %s\n", static_cast<int>(in.head.fd), in.relative_path());
   return SendCopy(request);
 }
 
@@ -657,8 +660,8 @@ int64_t UDiskOperator::file_release(unsigned char /*header_length*/, CpdPacket* 
   const std::string mount_point = CopyMountPoint();
   const PathRequest<CloseHead> in(request, mount_point);
   if (!in.ok()) return Dropped("file_release");
-  LOG_DEBUG("file_release fd: %d, path: %s, mMountPoint: %s\n", static_cast<int>(in.head.fd),
-            in.relative_path(), mount_point.c_str());
+  UDISK_DEBUG("file_release fd: %d, path: %s, mMountPoint: %s\n", static_cast<int>(in.head.fd),
+              in.relative_path(), mount_point.c_str());
   mFileManager->UdiskRelease(in.full_path.c_str());
   return SendCopy(request);
 }
@@ -695,7 +698,7 @@ int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request
                                            std::ref(make_room));
   const char* const path = in.relative_path();
   if (result == -1) {  // for a file layer that reports failure so; this one answers 0
-    LOG_ERROR("file_read failed res: %d, \n", result);
+    UDISK_ERROR("file_read failed res: %d, \n", result);
     if (TraceFile("UDISK_READ_FILE_FAIL", false, "udisk readFile fail", path)) {
       mDevice->ReportReadFail(path);
     }
@@ -734,7 +737,7 @@ int64_t UDiskOperator::file_write(unsigned char /*header_length*/, CpdPacket* re
   } else {
     in.head.size = 0;
     in.StoreHead();
-    LOG_ERROR("file_write failed, res: %d", result);
+    UDISK_ERROR("file_write failed, res: %d", result);
     if (error == EROFS || error == EACCES) {
       TraceFile("UDISK_WRITE_FILE_DISK_ACCESS_DENIED", false,
                 "udisk writeFile fail Permission exception", path);
@@ -761,12 +764,13 @@ int UDiskOperator::WriteBatch(const char* path, std::string_view batch, uint32_t
     std::memcpy(&piece, at, sizeof piece);
     const int length = piece.length;
     if (remaining < int64_t{length} + kHead) {
-      LOG_ERROR_OF(file_write, "buffer length error, size: %d, buffer_size:%d", length, remaining);
+      UDISK_ERROR_OF(file_write, "buffer length error, size: %d, buffer_size:%d", length,
+                     remaining);
       return position + kHead;
     }
     const int written = mFileManager->UdiskWriteFile(path, at + kHead, piece.offset, length, error);
     if (written != length) {
-      LOG_ERROR_OF(file_write, "file_write failed size: %d, result: %d", length, written);
+      UDISK_ERROR_OF(file_write, "file_write failed size: %d, result: %d", length, written);
       return position + kHead;
     }
     position += length + kHead;
@@ -795,8 +799,8 @@ int ReadSmallFileRecords(PayloadReader* in, uint32_t remaining, uint32_t count,
     ReadHead head{};
     std::string_view path;
     if (remaining < sizeof head) {
-      LOG_ERROR_OF(small_file_read, "small_file_read remaining %d, \n",
-                   static_cast<int>(remaining));
+      UDISK_ERROR_OF(small_file_read, "small_file_read remaining %d, \n",
+                     static_cast<int>(remaining));
       return -2;
     }
     if (!in->Read(&head)) return static_cast<int>(Dropped("small_file_read"));
@@ -827,7 +831,7 @@ int64_t UDiskOperator::small_file_read(unsigned char /*header_length*/, CpdPacke
   SmallReadHead head{};
   const uint32_t payload_length = request->PayloadSize();
   if (payload_length < sizeof head || !in.Read(&head)) {
-    LOG_ERROR("small_file_read payload_length %d, \n", static_cast<int>(payload_length));
+    UDISK_ERROR("small_file_read payload_length %d, \n", static_cast<int>(payload_length));
     return -1;
   }
   std::list<SmallFileRecord> records;
@@ -844,7 +848,7 @@ int64_t UDiskOperator::small_file_read(unsigned char /*header_length*/, CpdPacke
     room += static_cast<size_t>(std::max(record.count, 0)) + record.path_length + sizeof(ReadHead);
   }
   if (room > INT32_MAX - CPD_PACKET_HEADER_SIZE) {
-    LOG_ERROR("small_file_read: no packet holds %zu bytes", room);
+    UDISK_ERROR("small_file_read: no packet holds %zu bytes", room);
     return -1;
   }
   Reply reply(request, CPD_PACKET_HEADER_SIZE, room);
@@ -861,7 +865,7 @@ int64_t UDiskOperator::small_file_read(unsigned char /*header_length*/, CpdPacke
                                            record.offset, record.count, &error);
     }
     if (result == -1) {  // for a file layer that reports failure so; this one answers 0
-      LOG_ERROR("file_read failed res: %d, \n", 0);
+      UDISK_ERROR("file_read failed res: %d, \n", 0);
       result = 0;
     }
     out.size = static_cast<uint32_t>(result);
@@ -926,7 +930,7 @@ int64_t UDiskOperator::dir_read(unsigned char header_length, CpdPacket* request)
   PathRequest<DirHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped("dir_read");
   if (HasNul(in.path)) {
-    LOG_ERROR("dir_read dir not match\n");
+    UDISK_ERROR("dir_read dir not match\n");
     return -1;
   }
   Listing listing;
@@ -939,13 +943,13 @@ int64_t UDiskOperator::check_dir(unsigned char header_length, CpdPacket* request
   PathRequest<DirHead> in(request, CopyMountPoint());
   std::string_view cache;
   if (!in.ok() || !in.rest.ReadBytes(in.head.buf_len, &cache)) return Dropped("check_dir");
-  LOG_DEBUG("cache_file_count:%d", int{in.head.entry_count});
-  LOG_DEBUG("check_dir dir: %s, size:%d\n", in.relative_path(), int{in.head.path_length});
+  UDISK_DEBUG("cache_file_count:%d", int{in.head.entry_count});
+  UDISK_DEBUG("check_dir dir: %s, size:%d\n", in.relative_path(), int{in.head.path_length});
   if (HasNul(in.path)) {
-    LOG_ERROR("check dir not match\n");
+    UDISK_ERROR("check dir not match\n");
     return -1;
   }
-  LOG_DEBUG("check dir full path: %s\n", in.full_path.c_str());
+  UDISK_DEBUG("check dir full path: %s\n", in.full_path.c_str());
   Listing listing;
   mFileManager->UdiskReadDir(in.full_path.c_str(), &listing);
   // One that changed between the two passes of its reading need not walk cleanly either.
@@ -953,11 +957,11 @@ int64_t UDiskOperator::check_dir(unsigned char header_length, CpdPacket* request
       WalksCleanly(listing.bytes(), static_cast<int>(listing.entry_count)) &&
       compare_cache(in.head.entry_count, static_cast<int>(listing.entry_count), cache.data(),
                     listing.buf) == 1) {
-    LOG_DEBUG("========== not update==========");
+    UDISK_DEBUG("========== not update==========");
     return -1;
   }
   Reply reply = ListingReply(header_length, request, &in, listing);
-  LOG_DEBUG("check_dir send back size: %d\n", reply.capacity());
+  UDISK_DEBUG("check_dir send back size: %d\n", reply.capacity());
   return Send(reply.Take());
 }
 
@@ -990,21 +994,22 @@ int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cac
       if (candidate.name != entry.name) continue;
       // Size and seconds only: a change of mode, owner or nanoseconds is deliberately not one.
       if (candidate.size != entry.size || candidate.seconds != entry.seconds) {
-        LOG_DEBUG("not found dirFileName:%s,cacheFileName:%s", candidate.name.data(),
-                  entry.name.data());
+        UDISK_DEBUG("not found dirFileName:%s,cacheFileName:%s", candidate.name.data(),
+                    entry.name.data());
         return 0;
       }
-      LOG_DEBUG("found dirFileName:%s,cacheFileName:%s", candidate.name.data(), entry.name.data());
+      UDISK_DEBUG("found dirFileName:%s,cacheFileName:%s", candidate.name.data(),
+                  entry.name.data());
       if (++matches > most_matches) break;
     }
     if (matches > most_matches) break;
     if (matches == matches_before) {
-      LOG_DEBUG("found name:%s,not found", entry.name.data());
+      UDISK_DEBUG("found name:%s,not found", entry.name.data());
       return 0;
     }
   }
   if (matches == cache_count) return 1;
-  LOG_DEBUG("add new file");
+  UDISK_DEBUG("add new file");
   return 0;
 }
 
@@ -1017,17 +1022,17 @@ int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cac
 int64_t UDiskOperator::make_dir(unsigned char header_length, CpdPacket* request) {
   PathRequest<MakeDirHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped("make_dir");
-  LOG_DEBUG("make dir full path: %s,path len:%d, mode: %d\n", in.full_path.c_str(),
-            int{in.head.path_length}, int{in.head.mode});
+  UDISK_DEBUG("make dir full path: %s,path len:%d, mode: %d\n", in.full_path.c_str(),
+              int{in.head.path_length}, int{in.head.mode});
 
   in.head.result = mFileManager->UdiskMakeDir(in.full_path.c_str(), in.head.mode, 1);
   if (in.head.result != 0) TraceError(Located("udisk make_dir fail"));
-  LOG_DEBUG("make dir resule: %d", int{in.head.result});
+  UDISK_DEBUG("make dir resule: %d", int{in.head.result});
 
   // The local path's beginning, not the path that was sent: kept.
   in.path = std::string_view(in.full_path).substr(0, in.path.size());
   Reply reply = EchoReply(header_length, request, &in);
-  LOG_DEBUG("make dir send back size:%d", reply.capacity());
+  UDISK_DEBUG("make dir send back size:%d", reply.capacity());
   modified = 1;
   return Send(reply.Take());
 }
@@ -1036,14 +1041,14 @@ int64_t UDiskOperator::make_dir(unsigned char header_length, CpdPacket* request)
 int64_t UDiskOperator::remove_dir(unsigned char header_length, CpdPacket* request) {
   PathRequest<RemoveHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped("remove_dir");
-  LOG_DEBUG("remove dir full path: %s,name\n", in.full_path.c_str());
+  UDISK_DEBUG("remove dir full path: %s,name\n", in.full_path.c_str());
 
   in.head.result = static_cast<int16_t>(mFileManager->UdiskDeleteDirectory(in.full_path.c_str()));
   if (in.head.result != 0) TraceError(Located("udisk remove_dir fail"));
-  LOG_DEBUG("remove dir resule: %d", int{in.head.result});
+  UDISK_DEBUG("remove dir resule: %d", int{in.head.result});
 
   Reply reply = EchoReply(header_length, request, &in);
-  LOG_DEBUG("remove dir send back size:%d", reply.capacity());
+  UDISK_DEBUG("remove dir send back size:%d", reply.capacity());
   modified = 1;
   return Send(reply.Take());
 }
@@ -1052,14 +1057,14 @@ int64_t UDiskOperator::remove_dir(unsigned char header_length, CpdPacket* reques
 int64_t UDiskOperator::set_link(unsigned char header_length, CpdPacket* request) {
   TwoPathsRequest in(request, CopyMountPoint());
   if (!in.ok()) return Dropped("set_link");
-  LOG_DEBUG("set link full from path: %s, to path: %s\n", in.full_path.c_str(),
-            in.new_full_path.c_str());
+  UDISK_DEBUG("set link full from path: %s, to path: %s\n", in.full_path.c_str(),
+              in.new_full_path.c_str());
 
   in.head.result = mFileManager->UdiskLink(in.full_path.c_str(), in.new_full_path.c_str());
-  LOG_DEBUG("set link resule: %d", int{in.head.result});
+  UDISK_DEBUG("set link resule: %d", int{in.head.result});
 
   Reply reply = EchoReply(header_length, request, &in);
-  LOG_DEBUG("set link send back size:%d", reply.capacity());
+  UDISK_DEBUG("set link send back size:%d", reply.capacity());
   modified = 1;
   return Send(reply.Take());
 }
@@ -1068,14 +1073,14 @@ int64_t UDiskOperator::set_link(unsigned char header_length, CpdPacket* request)
 int64_t UDiskOperator::set_unlink(unsigned char header_length, CpdPacket* request) {
   PathRequest<RemoveHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped("set_unlink");
-  LOG_DEBUG("set unlink full from path: %s\n", in.full_path.c_str());
+  UDISK_DEBUG("set unlink full from path: %s\n", in.full_path.c_str());
 
   in.head.result = static_cast<int16_t>(mFileManager->UdiskUnlink(in.full_path.c_str()));
-  if (in.head.result < 0) LOG_ERROR("set unlink error: %s", std::strerror(errno));
-  LOG_DEBUG("set unlink resule: %d", int{in.head.result});
+  if (in.head.result < 0) UDISK_ERROR("set unlink error: %s", std::strerror(errno));
+  UDISK_DEBUG("set unlink resule: %d", int{in.head.result});
 
   Reply reply = EchoReply(header_length, request, &in);
-  LOG_DEBUG("set unlink send back size:%d", reply.capacity());
+  UDISK_DEBUG("set unlink send back size:%d", reply.capacity());
   modified = 1;
   return Send(reply.Take());
 }
@@ -1084,15 +1089,15 @@ int64_t UDiskOperator::set_unlink(unsigned char header_length, CpdPacket* reques
 int64_t UDiskOperator::set_rename(unsigned char header_length, CpdPacket* request) {
   TwoPathsRequest in(request, CopyMountPoint());
   if (!in.ok()) return Dropped("set_rename");
-  LOG_DEBUG("set rename full from path: %s, to path: %s\n", in.full_path.c_str(),
-            in.new_full_path.c_str());
+  UDISK_DEBUG("set rename full from path: %s, to path: %s\n", in.full_path.c_str(),
+              in.new_full_path.c_str());
 
   in.head.result = mFileManager->UdiskRename(in.full_path.c_str(), in.new_full_path.c_str());
   if (in.head.result != 0) TraceError(Located("udisk set_rename fail"));
-  LOG_DEBUG("set rename resule: %d", int{in.head.result});
+  UDISK_DEBUG("set rename resule: %d", int{in.head.result});
 
   Reply reply = EchoReply(header_length, request, &in);
-  LOG_DEBUG("set rename send back size:%d", reply.capacity());
+  UDISK_DEBUG("set rename send back size:%d", reply.capacity());
   modified = 1;
   return Send(reply.Take());
 }

@@ -29,7 +29,7 @@ UDiskService::UDiskService(CpdDevice* device, UDiskOperator* udisk_operator)
     : mDevice(device), mOperator(udisk_operator) {}
 
 int UDiskService::StartLoop() {
-  LOG_DEBUG("Udisk service StartLoop\n");
+  UDISK_DEBUG("Udisk service StartLoop\n");
   mThread = g_thread_try_new("udisk_service_thread", &UDiskService::ServiceThread, this, nullptr);
   if (mThread == nullptr) return -1;
   mStatus = kStarted;
@@ -37,7 +37,7 @@ int UDiskService::StartLoop() {
 }
 
 int UDiskService::StopLoop() {
-  LOG_DEBUG("client udisk StopLoop\n");
+  UDISK_DEBUG("client udisk StopLoop\n");
   mStatus = kStopRequested;
   if (mThread != nullptr) g_thread_join(mThread);
   mThread = nullptr;
@@ -65,7 +65,7 @@ Json::Value ParseJson(const std::string& text) {
   } catch (const Json::Exception& error) {  // nested too deeply
     errors = error.what();
   }
-  LOG_ERROR_OF(ServiceThread, "Failed to parse JSON errors: %s", errors.c_str());
+  UDISK_ERROR_OF(ServiceThread, "Failed to parse JSON errors: %s", errors.c_str());
   return {};
 }
 
@@ -77,16 +77,16 @@ bool HasText(const Json::Value& object, const char* key) {
 
 void* UDiskService::ServiceThread(void* service) {
   auto* const self = static_cast<UDiskService*>(service);
-  LOG_DEBUG("client udisk service Start ..........\n");
+  UDISK_DEBUG("client udisk service Start ..........\n");
   if (self->mStatus == kStopRequested) {
-    LOG_ERROR("new service thread error, status: %d\n", int{kStopRequested});
+    UDISK_ERROR("new service thread error, status: %d\n", int{kStopRequested});
     return nullptr;
   }
-  LOG_DEBUG("client udisk service x86 \n");
+  UDISK_DEBUG("client udisk service x86 \n");
   try {
     self->Announce();
   } catch (const std::exception& error) {
-    LOG_ERROR("client udisk service failed: %s", error.what());
+    UDISK_ERROR("client udisk service failed: %s", error.what());
   }
   return nullptr;
 }
@@ -94,16 +94,16 @@ void* UDiskService::ServiceThread(void* service) {
 void UDiskService::Announce() {
   const std::shared_ptr<CpdDeviceBase> base = mDevice->getDevBase();
   if (base == nullptr) {
-    LOG_ERROR_OF(ServiceThread, "getDevBase error usb device.");
+    UDISK_ERROR_OF(ServiceThread, "getDevBase error usb device.");
     return;
   }
   const std::string text = base->GetDeviceParams();
-  LOG_DEBUG_OF(ServiceThread, "bus=%d,addr=%d, params:%s", int{base->bus}, int{base->addr},
-               text.c_str());
-  LOG_DEBUG_OF(ServiceThread, "udisk soft client");
+  UDISK_DEBUG_OF(ServiceThread, "bus=%d,addr=%d, params:%s", int{base->bus}, int{base->addr},
+                 text.c_str());
+  UDISK_DEBUG_OF(ServiceThread, "udisk soft client");
   const DiskParams params = ReadParams(text);
   // The parameters stand where the path was meant: kept.
-  LOG_DEBUG_OF(ServiceThread, "path: %s, lable: %s", Cut(text).c_str(), params.label.c_str());
+  UDISK_DEBUG_OF(ServiceThread, "path: %s, lable: %s", Cut(text).c_str(), params.label.c_str());
   mOperator->SetRootPath(params.letter.c_str(), params.label.c_str());
   SetReadSmallFileTrubo();
   MountRemote(params.name.c_str(), mDevice);
@@ -126,7 +126,7 @@ UDiskService::DiskParams UDiskService::ReadParams(const std::string& text) {
 
 int UDiskService::UpdateReadOnly(uint8_t read_only) {
   mReadOnly = read_only;
-  LOG_DEBUG("udisk is read only %d", int{read_only});
+  UDISK_DEBUG("udisk is read only %d", int{read_only});
   return 0;
 }
 
@@ -149,17 +149,17 @@ void UDiskService::SetReadSmallFileTrubo() {
 
 int UDiskService::MountRemote(const char* name, CpdDevice* device) {
   if (device != mDevice) {
-    LOG_DEBUG("udisk already plugout, mDevice: %p, device: %p", static_cast<void*>(mDevice),
-              static_cast<void*>(device));
+    UDISK_DEBUG("udisk already plugout, mDevice: %p, device: %p", static_cast<void*>(mDevice),
+                static_cast<void*>(device));
     return -1;
   }
   const std::string label = Cut(name);
   if (mDevice->getDevBase() == nullptr) {
-    LOG_ERROR("getDevBase error  usb device. ");
+    UDISK_ERROR("getDevBase error  usb device. ");
     return -1;
   }
   const uint8_t read_only = mReadOnly;
-  LOG_DEBUG("client udisk mount tmpLabel: %s,readOnly:%d\n", label.c_str(), int{read_only});
+  UDISK_DEBUG("client udisk mount tmpLabel: %s,readOnly:%d\n", label.c_str(), int{read_only});
 
   const MountHead head{.name_length = static_cast<uint16_t>(label.size())};
   const size_t size = CPD_PACKET_HEADER_SIZE + sizeof head + label.size() + 1 + sizeof read_only;
@@ -169,12 +169,12 @@ int UDiskService::MountRemote(const char* name, CpdDevice* device) {
   packet->AppendPayload(label.c_str(), static_cast<uint32_t>(label.size() + 1));
   packet->AppendPayload(&read_only, sizeof read_only);
   // Under "header size" stands the width of the length prefix: kept.
-  LOG_DEBUG("packet header size: %d, payload size: %d, packet size: %d\n",
-            static_cast<int>(sizeof head), static_cast<int>(packet->PayloadSize()),
-            packet->header != nullptr ? static_cast<int>(packet->header->packetLen) : 0);
+  UDISK_DEBUG("packet header size: %d, payload size: %d, packet size: %d\n",
+              static_cast<int>(sizeof head), static_cast<int>(packet->PayloadSize()),
+              packet->header != nullptr ? static_cast<int>(packet->header->packetLen) : 0);
   // Without memory there is nothing to send.
   const int result = packet->header != nullptr ? mDevice->SendPacket(std::move(packet), -1) : -1;
-  LOG_DEBUG("client udisk mount ret: %d\n", result);
+  UDISK_DEBUG("client udisk mount ret: %d\n", result);
   return result;
 }
 
@@ -264,13 +264,13 @@ int UDiskService::GetDeviceLabel(const char* device, UdiskDevice* out) {
   const std::string key = MatchKey(device);
   CommandOutput blkid("blkid ");
   if (!blkid.started()) {
-    LOG_ERROR("excute blkid failed\n");
+    UDISK_ERROR("excute blkid failed\n");
     return -1;
   }
   std::vector<UDiskInfo> found;
   CommandOutput::Line line{};
   while (blkid.ReadLine(&line)) {
-    LOG_DEBUG("dev:%s, resultStr:%s", key.c_str(), line.data());
+    UDISK_DEBUG("dev:%s, resultStr:%s", key.c_str(), line.data());
     if (!Contains(line.data(), key.c_str()) || !Contains(line.data(), "TYPE=")) continue;
     const UDiskInfo info = ParsePartition(line.data());
     if (info.label[0] != '\0') found.push_back(info);
@@ -293,14 +293,14 @@ int UDiskService::MountLocal(UDiskInfo* info) {
   struct stat found {};
   if (stat(directory.c_str(), &found) != 0 || !S_ISDIR(found.st_mode)) {
     const int made = mkdir(directory.c_str(), 0777);
-    LOG_DEBUG("mkdir res: %d", made);
+    UDISK_DEBUG("mkdir res: %d", made);
   }
   const char* const program = std::strcmp(info->type, "ntfs") == 0 ? "ntfs-3g" : "mount";
   RunCommand("umount " + ShellWord(directory));
   const int result =
       RunCommand(std::string(program) + " " + ShellWord(info->devName) + " " +
                  ShellWord(directory) + " -o dmask=0000 -o fmask=0000 -o iocharset=utf8");
-  if (result != 0) LOG_ERROR("udisk mount errno: %d", errno);
+  if (result != 0) UDISK_ERROR("udisk mount errno: %d", errno);
   // A longer directory is cut, and UmountLocal then means the cut one: kept.
   CopyToField(directory, info->mountPoint);
   return result;
@@ -328,7 +328,7 @@ int UDiskService::GetDeviceInfo(CpdDevice* /*device*/, UdiskDevice* /*out*/) { r
 
 void GetUdiskInfo(void* service, CpdDevice* device, UDiskOperator* udisk_operator) {
   if (service == nullptr || device == nullptr || udisk_operator == nullptr) {
-    LOG_ERROR("pThis or device or operator is NULL");
+    UDISK_ERROR("pThis or device or operator is NULL");
   }
 }
 

@@ -18,13 +18,13 @@ namespace cpd {
 // ---- Life ----
 
 CpdDriver* udisk_open(CpdDevice* device, const std::string& policy) {
-  LOG_DEBUG("client udisk open\n");
+  UDISK_DEBUG("client udisk open\n");
   try {
     auto driver = std::make_unique<UDiskDriver>(device, policy.c_str());
     if (driver->Init() != -1) return driver.release();
   } catch (const std::exception&) {  // no thread or no memory: none of it passes to the host
   }
-  LOG_ERROR("udisk_open Init failed");
+  UDISK_ERROR("udisk_open Init failed");
   return nullptr;
 }
 
@@ -35,7 +35,7 @@ UDiskDriver::UDiskDriver(CpdDevice* device, const char* policy) : mDevice(device
 UDiskDriver::~UDiskDriver() { mDevice = nullptr; }
 
 int UDiskDriver::Init() {
-  LOG_DEBUG("client udisk init\n");
+  UDISK_DEBUG("client udisk init\n");
   mOperator = std::make_shared<UDiskOperator>(mDevice);
   mStop = false;
   mAbandoned = false;
@@ -59,7 +59,7 @@ int UDiskDriver::Init() {
     give_up();
     throw;
   }
-  LOG_DEBUG("client udisk init service\n");
+  UDISK_DEBUG("client udisk init service\n");
   if (mService->StartLoop() == -1) {
     mService.reset();
     // By a signal of its own: the stop flag stays clear on this way out.
@@ -73,12 +73,12 @@ int UDiskDriver::Init() {
     return -1;
   }
   mOperator->TryTrace("UDISK_DRIVER_OPEN", "udisk driver open success");
-  LOG_DEBUG("client udisk init success\n");
+  UDISK_DEBUG("client udisk init success\n");
   return 0;
 }
 
 int UDiskDriver::Close(signed char /*reason*/) {
-  LOG_DEBUG("udisk client close\n");
+  UDISK_DEBUG("udisk client close\n");
   if (mService != nullptr) {
     mService->StopLoop();
     mService.reset();
@@ -95,7 +95,7 @@ int UDiskDriver::Close(signed char /*reason*/) {
     const std::lock_guard lock(mMutex);
     mOperator.reset();  // this copy, or a bus event in flight, is the last holder
   }
-  LOG_DEBUG("udisk client close out\n");
+  UDISK_DEBUG("udisk client close out\n");
   return 0;
 }
 
@@ -168,7 +168,7 @@ int UDiskDriver::onEvent(std::unique_ptr<CpdPacket> packet, int /*flags*/) {
   const int own_id = mDevice->GetDevId();
   const int packet_id = packet->header != nullptr ? packet->header->devId : 0;
   if (own_id != packet_id) {
-    LOG_ERROR("this packet is other device myDevId: %d, DevId: %d\n", own_id, packet_id);
+    UDISK_ERROR("this packet is other device myDevId: %d, DevId: %d\n", own_id, packet_id);
     return -1;
   }
   const std::lock_guard lock(mMutex);
@@ -206,7 +206,7 @@ std::shared_ptr<DriverObj> UDiskDriver::GetDriverObj() { return CopyOperator(); 
 
 int UDiskDriver::OnEvent(signed char devId, int /*event*/, unsigned char* /*data*/, int /*len*/) {
   if (mDevice->GetDevId() == devId) return 0;
-  LOG_ERROR("this msg is invalid\n");
+  UDISK_ERROR("this msg is invalid\n");
   return -1;
 }
 
