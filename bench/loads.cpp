@@ -23,7 +23,6 @@
 #include "handover.h"
 #include "operator.h"
 #include "support/requests.h"
-#include "support/write_requests.h"
 
 namespace cpd::bench {
 

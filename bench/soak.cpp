@@ -25,7 +25,6 @@
 #include "cpd/packet.h"
 #include "sample_disk.h"
 #include "support/requests.h"
-#include "support/write_requests.h"
 #include "udisk.h"
 
 namespace cpd::bench {
@@ -58,11 +57,9 @@ class SoakDevice : public BenchDevice {
 /// A good request of every command but those that take the mount point away.
 std::vector<std::string> Traffic() {
   std::vector<std::string> requests;
-  for (const auto& list : {test::OneRequestPerCommand(), test::OneWriteRequestPerCommand()}) {
-    for (const test::NamedRequest& named : list) {
-      if (named.request.cmd == kMountRemote || named.request.cmd == kUmountRemote) continue;
-      requests.push_back(named.request.Bytes());
-    }
+  for (const test::NamedRequest& named : test::OneRequestPerCommand()) {
+    if (named.request.cmd == kMountRemote || named.request.cmd == kUmountRemote) continue;
+    requests.push_back(named.request.Bytes());
   }
   requests.push_back(test::Request(test::ReadRequest{.path = "/big", .size = 256 << 10}).Bytes());
   requests.push_back(test::Request(test::DirReadRequest{.path = "/files"}).Bytes());

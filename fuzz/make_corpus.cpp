@@ -1,17 +1,20 @@
 // Writes the first inputs of each target: make_corpus DIRECTORY
+// Or tells whether they stand there already: make_corpus --check DIRECTORY
 #include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <limits>
+#include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "settings.h"
 #include "support/requests.h"
-#include "support/write_requests.h"
 
 namespace {
 
@@ -24,17 +27,27 @@ std::string Text(const std::string& text) {
   return BytesOf(static_cast<uint16_t>(text.size())) + text;
 }
 
+enum class Mode { kWrite, kCheck };
+
 class Corpus {
  public:
-  Corpus(const fs::path& root, const std::string& target) : directory_(root / target) {
-    fs::create_directories(directory_);
+  Corpus(Mode mode, const fs::path& directory) : mode_(mode), directory_(directory) {
+    if (mode == Mode::kWrite) fs::create_directories(directory);
   }
   void Add(const std::string& name, const std::string& input) const {
-    std::ofstream file(directory_ / name, std::ios::binary);
-    if (!(file << input << std::flush)) throw std::runtime_error("cannot write " + name);
+    const fs::path path = directory_ / name;
+    if (mode_ == Mode::kCheck) {
+      std::ifstream file(path, std::ios::binary);
+      const std::string there{std::istreambuf_iterator<char>(file), {}};
+      if (!file || there != input) throw std::runtime_error(path.string() + " is missing or old");
+      return;
+    }
+    std::ofstream file(path, std::ios::binary);
+    if (!(file << input << std::flush)) throw std::runtime_error("cannot write " + path.string());
   }
 
  private:
+  Mode mode_;
   fs::path directory_;
 };
 
@@ -66,15 +79,13 @@ void MakeRequests(const Corpus& corpus) {
   const std::string plain(1, '\0');
   const std::string token_bucket = BytesOf(uint8_t{fuzz::kTokenBucket | fuzz::kPathFilter});
   const std::string confined = BytesOf(uint8_t{fuzz::kConfined});
-  std::vector<NamedRequest> all = OneRequestPerCommand();
-  for (NamedRequest& request : OneWriteRequestPerCommand()) all.push_back(std::move(request));
-
   std::string sequence = plain;
   std::string cut = plain;
-  int number = 0;
-  for (const auto& [name, request] : all) {
-    const std::string file =
-        std::to_string(request.cmd) + "-" + name + "-" + std::to_string(++number);
+  std::set<std::string> files;
+  for (const NamedRequest& named : OneRequestPerCommand()) {
+    const Request& request = named.request;
+    std::string file = std::to_string(request.cmd) + "-" + named.name;
+    if (!files.insert(file).second) file += "-2";
     corpus.Add(file, plain + Step(request));
     corpus.Add(file + "-extremes", plain + Extremes(request));
     sequence += Step(request) + "M";
@@ -95,6 +106,7 @@ void MakeRequests(const Corpus& corpus) {
   corpus.Add("paced-reads", plain + paced + paced);
   corpus.Add("paced-reads-token-bucket", token_bucket + paced + paced);
 
+  int number = 0;
   for (const char* way : {"/../home/secret", "/out/secret", "/known/../../home/secret"}) {
     const Request outside = ReadRequest{.path = way};
     const Request link = LinkRequest{.path = way, .new_path = "/taken.txt"};
@@ -185,14 +197,18 @@ void MakeCheckDir(const Corpus& corpus) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) return std::fprintf(stderr, "usage: make_corpus DIRECTORY\n"), 2;
+  const bool check = argc == 3 && std::string_view(argv[1]) == "--check";
+  if (argc != 2 && !check) {
+    return std::fprintf(stderr, "usage: make_corpus [--check] DIRECTORY\n"), 2;
+  }
   try {
-    const fs::path root = argv[1];
-    MakeCheckDir({root, "check_dir"});
-    MakePackets({root, "packet"});
-    MakeParameters({root, "parameters"});
-    MakeProbing({root, "probing"});
-    MakeRequests({root, "requests"});
+    const Mode mode = check ? Mode::kCheck : Mode::kWrite;
+    const fs::path root = argv[argc - 1];
+    MakeCheckDir({mode, root / "check_dir"});
+    MakePackets({mode, root / "packet"});
+    MakeParameters({mode, root / "parameters"});
+    MakeProbing({mode, root / "probing"});
+    MakeRequests({mode, root / "requests"});
   } catch (const std::exception& error) {
     return std::fprintf(stderr, "make_corpus: %s\n", error.what()), 1;
   }

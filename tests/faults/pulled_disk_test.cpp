@@ -17,8 +17,8 @@
 #include "cpd/driver.h"
 #include "faults/loaded_module.h"
 #include "support/fake_host.h"
+#include "support/requests.h"
 #include "support/temp_disk.h"
-#include "support/write_requests.h"
 #include "system/mounted_disk.h"
 
 namespace cpd::test {

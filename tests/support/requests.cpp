@@ -34,11 +34,40 @@ class Reader {
   std::string_view left_;
 };
 
+ReadReply TakeReadReply(Reader* in) {
+  const auto head = in->Take<ReadHead>();
+  return {.offset = head.offset,
+          .unread_8 = head.unread_8,
+          .result = head.size,
+          .unread_20 = head.unread_20,
+          .path = in->TakeText(head.path_length),
+          .data = in->TakeText(head.size)};
+}
+
 uint16_t Length16(const std::string& text) { return static_cast<uint16_t>(text.size()); }
 uint32_t Length32(const std::string& text) { return static_cast<uint32_t>(text.size()); }
 
 Request MountLike(Command cmd, const std::string& name) {
   return {.cmd = cmd, .payload = BytesOf(MountHead{.name_length = Length16(name)}) + name};
+}
+
+template <class Head>
+Request PathRequest(Command cmd, const Head& head, const std::string& path) {
+  return {.cmd = cmd, .payload = BytesOf(head) + path};
+}
+
+Request RemoveLike(Command cmd, const std::string& path) {
+  return PathRequest(cmd, RemoveHead{.path_length = Length16(path), .result = 0}, path);
+}
+
+Request CloseLike(Command cmd, const std::string& path, uint32_t fd) {
+  return PathRequest(cmd, CloseHead{.path_length = Length32(path), .fd = fd}, path);
+}
+
+Request TwoPathsLike(Command cmd, const std::string& path, const std::string& new_path) {
+  const TwoPathsHead head{
+      .result = 0, .path_length = Length16(path), .new_path_length = Length16(new_path)};
+  return PathRequest(cmd, head, path + new_path);
 }
 
 }  // namespace
@@ -130,13 +159,7 @@ StatvfsReply StatvfsReply::Decode(const SentPacket& packet) {
 
 ReadReply ReadReply::Decode(const SentPacket& packet) {
   Reader in(packet.payload);
-  const auto head = in.Take<ReadHead>();
-  ReadReply reply{.offset = head.offset,
-                  .unread_8 = head.unread_8,
-                  .result = head.size,
-                  .unread_20 = head.unread_20,
-                  .path = in.TakeText(head.path_length),
-                  .data = in.TakeText(head.size)};
+  ReadReply reply = TakeReadReply(&in);
   in.ExpectEnd();
   return reply;
 }
@@ -149,6 +172,25 @@ DirReply DirReply::Decode(const SentPacket& packet) {
                  .entry_count = head.entry_count,
                  .path = in.TakeText(head.path_length),
                  .listing = in.TakeText(head.buf_len)};
+  in.ExpectEnd();
+  return reply;
+}
+
+TwoPathsReply TwoPathsReply::Decode(const SentPacket& packet) {
+  Reader in(packet.payload);
+  const auto head = in.Take<TwoPathsHead>();
+  TwoPathsReply reply{.result = head.result,
+                      .path = in.TakeText(head.path_length),
+                      .new_path = in.TakeText(head.new_path_length)};
+  in.ExpectEnd();
+  return reply;
+}
+
+SmallReadReply SmallReadReply::Decode(const SentPacket& packet) {
+  Reader in(packet.payload);
+  SmallReadReply reply;
+  const uint32_t count = in.Take<SmallReadHead>().count;
+  for (uint32_t i = 0; i < count; ++i) reply.records.push_back(TakeReadReply(&in));
   in.ExpectEnd();
   return reply;
 }
@@ -235,20 +277,139 @@ CheckDirRequest::operator Request() const {
   return {.cmd = kCheckDir, .payload = BytesOf(head) + path + cached};
 }
 
+CreateRequest::operator Request() const {
+  const CreateHead head{.path_length = Length32(path), .flags = flags, .mode = mode, .result = 0};
+  return PathRequest(kFileCreate, head, path);
+}
+
+WriteRequest::operator Request() const {
+  const WriteHead head{.offset = offset,
+                       .size = size.value_or(static_cast<int32_t>(data.size())),
+                       .unread_12 = unread_12,
+                       .single = single,
+                       .path_length = Length16(path),
+                       .marker_a = marker_a,
+                       .marker_b = marker_b};
+  return PathRequest(kFileWrite, head, path + data);
+}
+
+std::string EncodePieces(const std::vector<WritePiece>& pieces) {
+  std::string bytes;
+  for (const WritePiece& piece : pieces) {
+    const WritePieceHead head{
+        .offset = piece.offset,
+        .length = piece.length.value_or(static_cast<int32_t>(piece.data.size()))};
+    bytes += BytesOf(head) + piece.data;
+  }
+  return bytes;
+}
+
+BatchWriteRequest::operator Request() const {
+  return WriteRequest{.path = path,
+                      .data = EncodePieces(pieces) + tail,
+                      .marker_a = marker_a,
+                      .marker_b = marker_b,
+                      .single = 0};
+}
+
+TruncateRequest::operator Request() const {
+  const TruncateHead head{.length = length, .path_length = Length32(path), .result = 0};
+  return PathRequest(kFileTruncate, head, path);
+}
+
+FsyncRequest::operator Request() const {
+  const FsyncHead head{.path_length = Length32(path), .unread_4 = unread_4, .result = 0};
+  return PathRequest(kFileFsync, head, path);
+}
+
+ChmodRequest::operator Request() const {
+  return PathRequest(kFileChmod,
+                     ChmodHead{.result = 0, .path_length = Length16(path), .mode = mode}, path);
+}
+
+ChownRequest::operator Request() const {
+  const ChownHead head{.path_length = Length32(path), .uid = uid, .gid = gid, .result = 0};
+  return PathRequest(kFileChown, head, path);
+}
+
+MakeDirRequest::operator Request() const {
+  return PathRequest(kMakeDir,
+                     MakeDirHead{.result = 0, .path_length = Length16(path), .mode = mode}, path);
+}
+
+RemoveDirRequest::operator Request() const { return RemoveLike(kRemoveDir, path); }
+
+LinkRequest::operator Request() const { return TwoPathsLike(kSetLink, path, new_path); }
+
+UnlinkRequest::operator Request() const { return RemoveLike(kSetUnlink, path); }
+
+RenameRequest::operator Request() const { return TwoPathsLike(kSetRename, path, new_path); }
+
+FlushRequest::operator Request() const { return CloseLike(kFileFlush, path, fd); }
+
+ReleaseRequest::operator Request() const { return CloseLike(kFileRelease, path, fd); }
+
+SmallReadRequest::operator Request() const {
+  const SmallReadHead head{.count = count.value_or(static_cast<uint32_t>(records.size()))};
+  Request request{.cmd = kSmallFileRead, .payload = BytesOf(head)};
+  for (const SmallRead& record : records) {
+    const ReadHead record_head{.offset = record.offset,
+                               .unread_8 = record.unread_8,
+                               .size = record.size,
+                               .path_length = Length32(record.path),
+                               .unread_20 = record.unread_20};
+    request.payload += BytesOf(record_head) + record.path;
+  }
+  return request;
+}
+
+namespace {
+
+template <class Reply>
+void CheckReply(const SentPacket& packet) {
+  Reply::Decode(packet);
+}
+
+template <class Typed>
+NamedRequest Answered(const char* name, const Typed& request) {
+  return {.name = name, .request = request, .check_reply = &CheckReply<typename Typed::Reply>};
+}
+
+}  // namespace
+
 std::vector<NamedRequest> OneRequestPerCommand() {
   const std::vector<DirEntry> cached = {{.stat = {}, .name = "."}, {.stat = {}, .name = "a.txt"}};
   return {
-      {"mount_remote", MountRequest{.name = kUnlikelyDisk}},
-      {"umount_remote", UmountRequest{.name = kUnlikelyDisk}},
-      {"get_file_attr", AttrRequest{.path = kKnownFile}},
-      {"file_read", ReadRequest{.path = kKnownFile, .offset = 1, .size = 64}},
-      {"dir_read", DirReadRequest{.path = kKnownDir}},
-      {"get_xattr", XattrRequest{.path = kKnownFile, .name = "user.comment"}},
-      {"get_statvfs", StatvfsRequest{.path = kKnownFile}},
-      {"check_dir", CheckDirRequest{.path = kKnownDir,
-                                    .cached = EncodeEntries(cached),
-                                    .cached_count = static_cast<uint16_t>(cached.size())}},
-      {"mount_response", MountResponse{.drive = "U:", .label = "DISK"}},
+      Answered("mount_remote", MountRequest{.name = kUnlikelyDisk}),
+      Answered("umount_remote", UmountRequest{.name = kUnlikelyDisk}),
+      Answered("get_file_attr", AttrRequest{.path = kKnownFile}),
+      Answered("file_create", CreateRequest{.path = "/made.txt"}),
+      Answered("file_read", ReadRequest{.path = kKnownFile, .offset = 1, .size = 64}),
+      Answered("file_write", WriteRequest{.path = kKnownFile, .offset = 6, .data = "matter"}),
+      Answered("file_write", BatchWriteRequest{.path = kKnownFile,
+                                               .pieces = {{.offset = 6, .data = "con"},
+                                                          {.offset = 9, .data = "tent"}}}),
+      Answered("dir_read", DirReadRequest{.path = kKnownDir}),
+      Answered("get_xattr", XattrRequest{.path = kKnownFile, .name = "user.comment"}),
+      Answered("file_truncate", TruncateRequest{.path = kKnownFile, .length = 13}),
+      Answered("file_fsync", FsyncRequest{.path = kKnownFile}),
+      Answered("file_chmod", ChmodRequest{.path = kKnownFile, .mode = 0755}),
+      Answered("file_chown", ChownRequest{.path = kKnownFile}),
+      Answered("get_statvfs", StatvfsRequest{.path = kKnownFile}),
+      Answered("make_dir", MakeDirRequest{.path = "/made"}),
+      Answered("remove_dir", RemoveDirRequest{.path = "/made"}),
+      Answered("set_link", LinkRequest{.path = kKnownFile, .new_path = "/linked.txt"}),
+      Answered("set_unlink", UnlinkRequest{.path = "/linked.txt"}),
+      Answered("set_rename", RenameRequest{.path = "/made.txt", .new_path = "/renamed.txt"}),
+      {.name = "file_flush", .request = FlushRequest{.path = kKnownFile, .fd = 3}},
+      {.name = "file_release", .request = ReleaseRequest{.path = kKnownFile, .fd = 3}},
+      Answered("check_dir", CheckDirRequest{.path = kKnownDir,
+                                            .cached = EncodeEntries(cached),
+                                            .cached_count = static_cast<uint16_t>(cached.size())}),
+      Answered("small_file_read",
+               SmallReadRequest{.records = {{.path = kKnownFile, .offset = 1, .size = 8},
+                                            {.path = kKnownFile, .size = 5}}}),
+      {.name = "mount_response", .request = MountResponse{.drive = "U:", .label = "DISK"}},
   };
 }
 

@@ -4,7 +4,10 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -55,6 +58,14 @@ std::unique_ptr<CpdPacket> PacketOf(std::string_view bytes);
 template <class Record>
 std::string BytesOf(const Record& record) {
   return {reinterpret_cast<const char*>(&record), sizeof record};
+}
+
+/// Bytes with a field at `at` overwritten: a payload as a reply, or a hostile request, has it.
+template <class Field>
+std::string Patched(std::string bytes, size_t at, Field value) {
+  if (at + sizeof value > bytes.size()) throw std::out_of_range("no such field");
+  std::memcpy(bytes.data() + at, &value, sizeof value);
+  return bytes;
 }
 
 // ---- Replies. Decode throws std::runtime_error when the payload does not hold what it says. ----
@@ -109,6 +120,41 @@ struct DirReply {
   std::string listing;  ///< buf_len bytes: the entries and the spare zero byte
   [[nodiscard]] std::vector<DirEntry> Entries() const;
   static DirReply Decode(const SentPacket& packet);
+};
+
+/// A head and the path that it announces.
+template <class Head>
+struct PathReply {
+  Head head = {};
+  std::string path;
+
+  [[nodiscard]] auto result() const { return head.result; }
+
+  static PathReply Decode(const SentPacket& packet) {
+    PathReply reply;
+    if (packet.payload.size() < sizeof reply.head) {
+      throw std::runtime_error("reply is shorter than its head");
+    }
+    std::memcpy(&reply.head, packet.payload.data(), sizeof reply.head);
+    reply.path = packet.payload.substr(sizeof reply.head);
+    if (reply.path.size() != reply.head.path_length) {
+      throw std::runtime_error("reply's path is not as long as its head says");
+    }
+    return reply;
+  }
+};
+
+struct TwoPathsReply {
+  int32_t result = 0;
+  std::string path;
+  std::string new_path;
+  static TwoPathsReply Decode(const SentPacket& packet);
+};
+
+/// Its records are like replies to 105.
+struct SmallReadReply {
+  std::vector<ReadReply> records;
+  static SmallReadReply Decode(const SentPacket& packet);
 };
 
 /// The entries of a listing, which must walk cleanly.
@@ -182,6 +228,140 @@ struct CheckDirRequest {
   operator Request() const;
 };
 
+struct CreateRequest {
+  using Reply = PathReply<CreateHead>;
+  std::string path;
+  uint32_t mode = 0644;
+  uint32_t flags = 0;
+  operator Request() const;
+};
+
+/// 106 in single mode.
+struct WriteRequest {
+  using Reply = PathReply<WriteHead>;
+  std::string path;
+  int64_t offset = 0;
+  std::string data = {};
+  std::optional<int32_t> size = {};  ///< what the head says where it is not the data's length
+  uint8_t marker_a = 0;
+  uint8_t marker_b = 0;
+  uint32_t unread_12 = 0;
+  uint32_t single = 1;
+  operator Request() const;
+};
+
+struct WritePiece {
+  int64_t offset = 0;
+  std::string data = {};
+  std::optional<int32_t> length = {};  ///< what the record says where it is not the data's length
+};
+
+/// The pieces as they stand in a batch's data.
+std::string EncodePieces(const std::vector<WritePiece>& pieces);
+
+/// 106 in batch mode.
+struct BatchWriteRequest {
+  using Reply = PathReply<WriteHead>;
+  std::string path;
+  std::vector<WritePiece> pieces = {};
+  std::string tail = {};  ///< stands behind the last piece
+  uint8_t marker_a = 0;
+  uint8_t marker_b = 0;
+  operator Request() const;
+};
+
+struct TruncateRequest {
+  using Reply = PathReply<TruncateHead>;
+  std::string path;
+  uint64_t length = 0;
+  operator Request() const;
+};
+
+struct FsyncRequest {
+  using Reply = PathReply<FsyncHead>;
+  std::string path;
+  uint32_t unread_4 = 0;
+  operator Request() const;
+};
+
+struct ChmodRequest {
+  using Reply = PathReply<ChmodHead>;
+  std::string path;
+  uint16_t mode = 0;
+  operator Request() const;
+};
+
+/// An id of all ones leaves owner or group as they are.
+struct ChownRequest {
+  using Reply = PathReply<ChownHead>;
+  std::string path;
+  uint32_t uid = 0xffffffff;
+  uint32_t gid = 0xffffffff;
+  operator Request() const;
+};
+
+struct MakeDirRequest {
+  using Reply = PathReply<MakeDirHead>;
+  std::string path;
+  int16_t mode = 0755;
+  operator Request() const;
+};
+
+struct RemoveDirRequest {
+  using Reply = PathReply<RemoveHead>;
+  std::string path;
+  operator Request() const;
+};
+
+struct LinkRequest {
+  using Reply = TwoPathsReply;
+  std::string path;  ///< exists
+  std::string new_path;
+  operator Request() const;
+};
+
+struct UnlinkRequest {
+  using Reply = PathReply<RemoveHead>;
+  std::string path;
+  operator Request() const;
+};
+
+struct RenameRequest {
+  using Reply = TwoPathsReply;
+  std::string path;
+  std::string new_path;
+  operator Request() const;
+};
+
+struct FlushRequest {
+  using Reply = PathReply<CloseHead>;
+  std::string path;
+  uint32_t fd = 0;
+  operator Request() const;
+};
+
+struct ReleaseRequest {
+  using Reply = PathReply<CloseHead>;
+  std::string path;
+  uint32_t fd = 0;
+  operator Request() const;
+};
+
+struct SmallRead {
+  std::string path;
+  int64_t offset = 0;
+  uint32_t size = 4096;
+  uint32_t unread_8 = 0;
+  uint32_t unread_20 = 0;
+};
+
+struct SmallReadRequest {
+  using Reply = SmallReadReply;
+  std::vector<SmallRead> records = {};
+  std::optional<uint32_t> count = {};  ///< what the head says where it is not their number
+  operator Request() const;
+};
+
 /// What the requests below name on the disk.
 inline constexpr char kKnownFile[] = "/known.txt";
 inline constexpr char kKnownDir[] = "/known";
@@ -191,9 +371,14 @@ inline constexpr char kUnlikelyDisk[] = "udisk-test-7f3a91";
 struct NamedRequest {
   std::string name;  ///< its handler's
   Request request;
+  /// Checks a reply: throws std::runtime_error where lengths and payload differ. Null for 200,
+  /// which gets no reply, and for 119 and 120, whose reply repeats the request.
+  void (*check_reply)(const SentPacket&) = nullptr;
 };
 
-/// One good request for each command that is served, in the order of the codes.
+/// One good request for each command that is served, in the order of the codes; 106 in both modes.
+/// In this order they all succeed on a disk that holds the file and the directory above, once the
+/// mount point that 100 and 101 clear is set again.
 std::vector<NamedRequest> OneRequestPerCommand();
 
 }  // namespace cpd::test

@@ -19,8 +19,8 @@
 #include "service.h"
 #include "support/failing_threads.h"
 #include "support/fake_host.h"
+#include "support/requests.h"
 #include "support/temp_disk.h"
-#include "support/write_requests.h"
 #include "udisk.h"
 
 namespace cpd::test {

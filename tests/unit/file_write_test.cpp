@@ -14,7 +14,7 @@
 #include "support/expectations.h"
 #include "support/log_and_trace.h"
 #include "support/operator_fixture.h"
-#include "support/write_requests.h"
+#include "support/requests.h"
 
 namespace cpd::test {
 namespace {

@@ -14,7 +14,7 @@
 #include "support/local_records.h"
 #include "support/log_and_trace.h"
 #include "support/operator_fixture.h"
-#include "support/write_requests.h"
+#include "support/requests.h"
 
 namespace cpd::test {
 namespace {

@@ -13,8 +13,8 @@
 #include "file_manager_linux.h"
 #include "support/fake_sync.h"
 #include "support/operator_fixture.h"
+#include "support/requests.h"
 #include "support/virtual_clock.h"
-#include "support/write_requests.h"
 
 namespace cpd::test {
 namespace {
@@ -97,9 +97,6 @@ void RemoveMountDirectory() {
 TEST_F(OperatorTest, OnlyServedCommandsAnswer) {
   std::map<int, Request> served;
   for (const NamedRequest& good : OneRequestPerCommand()) served[good.request.cmd] = good.request;
-  for (const NamedRequest& good : OneWriteRequestPerCommand()) {
-    served[good.request.cmd] = good.request;
-  }
   ASSERT_EQ(served.size(), 23U);
   for (int cmd = 0; cmd <= UINT16_MAX; ++cmd) {
     const auto good = served.find(cmd);

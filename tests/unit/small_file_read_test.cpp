@@ -10,8 +10,8 @@
 #include "support/log_and_trace.h"
 #include "support/operator_fixture.h"
 #include "support/peak_memory.h"
+#include "support/requests.h"
 #include "support/virtual_clock.h"
-#include "support/write_requests.h"
 
 namespace cpd::test {
 namespace {
