@@ -128,6 +128,35 @@ TEST_F(OperatorTest, CodesBesideTheTableAreDroppedWithoutALine) {
   EXPECT_TRUE(Log().Lines().empty());
 }
 
+TEST_F(OperatorTest, EachHandlerComplainsUnderTheNameOfItsCommand) {
+  for (const CommandRow& command : kCommandNames) {
+    if (command.code == kFileOpen || command.code == kSmallFileNotice) continue;
+    Log().Clear();
+    Deliver(Request{.cmd = command.code});  // without a payload
+    std::vector<LogLine> errors = Log().Lines();
+    std::erase_if(errors, [](const LogLine& line) { return line.level != kError; });
+    ASSERT_EQ(errors.size(), 1U) << command.name;
+    EXPECT_EQ(errors[0].function, command.name);
+    EXPECT_TRUE(errors[0].message.starts_with(string(command.name) + " ")) << errors[0].message;
+  }
+}
+
+TEST_F(OperatorTest, ASmallFileReadThatIsDroppedPartWayHasItsLineUnderItsOwnName) {
+  Request request{.cmd = kSmallFileRead, .payload = BytesOf(uint32_t{1})};
+  auto packet = request.Packet();
+  packet->header->packetLen += sizeof(ReadHead);  // of which nothing is there
+  Deliver(std::move(packet));
+  const LogLine line = Log().Lines().at(0);
+  EXPECT_EQ(line.function, "small_file_read");
+  EXPECT_EQ(line.message, "small_file_read dropped: the request reaches past its buffer");
+}
+
+TEST_F(OperatorTest, OnlyCommandsHaveNames) {
+  EXPECT_STREQ(CommandName(kMountRemote), "mount_remote");
+  EXPECT_STREQ(CommandName(kMountResponse), "mount_response");
+  for (const uint16_t code : {0, 99, 124, 199, 201, 513}) EXPECT_EQ(CommandName(code), nullptr);
+}
+
 TEST_F(OperatorTest, Command200ReachesTheMountResponse) {
   EXPECT_EQ(Deliver(MountResponse{.drive = "U:", .label = "DISK"}), 0);
   EXPECT_EQ(udisk->mMountDrive, "U:");

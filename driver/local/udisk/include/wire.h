@@ -5,8 +5,11 @@
 // Records are packed (alignment 1): read and write them with memcpy.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace cpd {
 
@@ -39,6 +42,62 @@ enum Command : uint16_t {
   kMountResponse = 200,
   kBusReadBandwidth = 513,  // bus event: u32, the announced read bandwidth in kbps, 0 = no limit
 };
+
+/// A command and the name that logs and statistics give it.
+struct CommandRow {
+  uint16_t code;
+  const char* name;
+};
+
+/// Every command, by code. A bus event is not a command.
+inline constexpr std::array kCommandNames = std::to_array<CommandRow>({
+    {kMountRemote, "mount_remote"},
+    {kUmountRemote, "umount_remote"},
+    {kGetFileAttr, "get_file_attr"},
+    {kFileCreate, "file_create"},
+    {kFileOpen, "file_open"},
+    {kFileRead, "file_read"},
+    {kFileWrite, "file_write"},
+    {kDirRead, "dir_read"},
+    {kGetXattr, "get_xattr"},
+    {kFileTruncate, "file_truncate"},
+    {kFileFsync, "file_fsync"},
+    {kFileChmod, "file_chmod"},
+    {kFileChown, "file_chown"},
+    {kGetStatvfs, "get_statvfs"},
+    {kMakeDir, "make_dir"},
+    {kRemoveDir, "remove_dir"},
+    {kSetLink, "set_link"},
+    {kSetUnlink, "set_unlink"},
+    {kSetRename, "set_rename"},
+    {kFileFlush, "file_flush"},
+    {kFileRelease, "file_release"},
+    {kCheckDir, "check_dir"},
+    {kSmallFileNotice, "small_file_notice"},
+    {kSmallFileRead, "small_file_read"},
+    {kMountResponse, "mount_response"},
+});
+static_assert(std::ranges::is_sorted(kCommandNames, std::ranges::less_equal{}, &CommandRow::code));
+
+/// @return the command's name; null when there is no such command
+constexpr const char* CommandName(uint16_t code) {
+  const auto row = std::ranges::lower_bound(kCommandNames, code, {}, &CommandRow::code);
+  return row != kCommandNames.end() && row->code == code ? row->name : nullptr;
+}
+
+/// The greatest length in bytes that 109 gives a file, unless its suffix is an unlimited one.
+inline constexpr uint64_t kMostTruncateLength = 10 << 20;
+
+/// Suffixes of office and temporary files, which may have any length. What begins like one of them
+/// counts, so the longer ones are covered by the shorter.
+inline constexpr std::array<std::string_view, 10> kUnlimitedSuffixes{
+    ".doc", ".xls", ".tmp", ".ppt", ".vsd", ".spp", ".docx", ".xlsx", ".pptx", ".vsdx"};
+
+/// @param suffix  a path from its last dot on
+constexpr bool IsUnlimitedSuffix(std::string_view suffix) {
+  return std::ranges::any_of(kUnlimitedSuffixes,
+                             [&](std::string_view known) { return suffix.starts_with(known); });
+}
 
 #pragma pack(push, 1)
 
@@ -152,7 +211,7 @@ static_assert(sizeof(CreateHead) == 16 && offsetof(CreateHead, result) == 12);
 
 /// 109: then the path.
 struct TruncateHead {
-  uint64_t length;  ///< above 10 MiB only for office files, else 10 MiB; the reply echoes it
+  uint64_t length;  ///< kMostTruncateLength at most is applied; the reply echoes what was asked
   uint32_t path_length;
   int32_t result;
 };

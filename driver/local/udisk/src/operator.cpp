@@ -43,55 +43,57 @@ namespace cpd {
 
 namespace {
 
-struct CommandRow {
+struct HandlerRow {
   uint16_t code;
-  const char* name;
   int64_t (UDiskOperator::*handler)(unsigned char header_length, CpdPacket* request);
   unsigned char header_length;
 };
 
 constexpr unsigned char kHeader = CPD_PACKET_HEADER_SIZE;
 
-// In code order. A row without a handler is accepted and ignored.
-constexpr std::array kCommands = std::to_array<CommandRow>({
-    {kMountRemote, "mount_remote", &UDiskOperator::mount_remote, kHeader},
-    {kUmountRemote, "umount_remote", &UDiskOperator::umount_remote, kHeader},
-    {kGetFileAttr, "get_file_attr", &UDiskOperator::get_file_attr, kHeader},
-    {kFileCreate, "file_create", &UDiskOperator::file_create, kHeader},
-    {kFileOpen, "file_open", nullptr, 0},
-    {kFileRead, "file_read", &UDiskOperator::file_read, kHeader},
-    {kFileWrite, "file_write", &UDiskOperator::file_write, kHeader},
-    {kDirRead, "dir_read", &UDiskOperator::dir_read, kHeader},
-    {kGetXattr, "get_xattr", &UDiskOperator::get_xattr, kHeader},
-    {kFileTruncate, "file_truncate", &UDiskOperator::file_truncate, kHeader},
-    {kFileFsync, "file_fsync", &UDiskOperator::file_fsync, kHeader},
-    {kFileChmod, "file_chmod", &UDiskOperator::file_chmod, kHeader},
-    {kFileChown, "file_chown", &UDiskOperator::file_chown, kHeader},
-    {kGetStatvfs, "get_statvfs", &UDiskOperator::get_statvfs, kHeader},
-    {kMakeDir, "make_dir", &UDiskOperator::make_dir, kHeader},
-    {kRemoveDir, "remove_dir", &UDiskOperator::remove_dir, kHeader},
-    {kSetLink, "set_link", &UDiskOperator::set_link, kHeader},
-    {kSetUnlink, "set_unlink", &UDiskOperator::set_unlink, kHeader},
-    {kSetRename, "set_rename", &UDiskOperator::set_rename, kHeader},
-    {kFileFlush, "file_flush", &UDiskOperator::file_flush, 0},
-    {kFileRelease, "file_release", &UDiskOperator::file_release, 0},
-    {kCheckDir, "check_dir", &UDiskOperator::check_dir, kHeader},
-    {kSmallFileNotice, "small_file_notice", nullptr, 0},
-    {kSmallFileRead, "small_file_read", &UDiskOperator::small_file_read, kHeader},
-    {kMountResponse, "mount_response", &UDiskOperator::mount_response, 0},
+// A row without a handler is accepted and ignored.
+constexpr std::array kHandlers = std::to_array<HandlerRow>({
+    {kMountRemote, &UDiskOperator::mount_remote, kHeader},
+    {kUmountRemote, &UDiskOperator::umount_remote, kHeader},
+    {kGetFileAttr, &UDiskOperator::get_file_attr, kHeader},
+    {kFileCreate, &UDiskOperator::file_create, kHeader},
+    {kFileOpen, nullptr, 0},
+    {kFileRead, &UDiskOperator::file_read, kHeader},
+    {kFileWrite, &UDiskOperator::file_write, kHeader},
+    {kDirRead, &UDiskOperator::dir_read, kHeader},
+    {kGetXattr, &UDiskOperator::get_xattr, kHeader},
+    {kFileTruncate, &UDiskOperator::file_truncate, kHeader},
+    {kFileFsync, &UDiskOperator::file_fsync, kHeader},
+    {kFileChmod, &UDiskOperator::file_chmod, kHeader},
+    {kFileChown, &UDiskOperator::file_chown, kHeader},
+    {kGetStatvfs, &UDiskOperator::get_statvfs, kHeader},
+    {kMakeDir, &UDiskOperator::make_dir, kHeader},
+    {kRemoveDir, &UDiskOperator::remove_dir, kHeader},
+    {kSetLink, &UDiskOperator::set_link, kHeader},
+    {kSetUnlink, &UDiskOperator::set_unlink, kHeader},
+    {kSetRename, &UDiskOperator::set_rename, kHeader},
+    {kFileFlush, &UDiskOperator::file_flush, 0},
+    {kFileRelease, &UDiskOperator::file_release, 0},
+    {kCheckDir, &UDiskOperator::check_dir, kHeader},
+    {kSmallFileNotice, nullptr, 0},
+    {kSmallFileRead, &UDiskOperator::small_file_read, kHeader},
+    {kMountResponse, &UDiskOperator::mount_response, 0},
 });
+static_assert(std::ranges::equal(kHandlers, kCommandNames, {}, &HandlerRow::code,
+                                 &CommandRow::code),
+              "each command has its row, in the order of wire.h");
 
 }  // namespace
 
 int UDiskOperator::EventHandle(std::unique_ptr<CpdPacket> packet) {
   if (packet == nullptr || packet->buffer == nullptr || packet->header == nullptr) return 0;
-  const auto row = std::ranges::lower_bound(kCommands, packet->header->cmd, {}, &CommandRow::code);
-  if (row == kCommands.end() || row->code != packet->header->cmd) return 0;
+  const auto row = std::ranges::lower_bound(kHandlers, packet->header->cmd, {}, &HandlerRow::code);
+  if (row == kHandlers.end() || row->code != packet->header->cmd) return 0;
   if (row->handler == nullptr) return 0;
   try {
     (this->*row->handler)(row->header_length, packet.get());
   } catch (const std::exception& error) {  // out of memory: the request fails, the worker goes on
-    UDISK_ERROR("%s failed: %s", row->name, error.what());
+    UDISK_ERROR("%s failed: %s", CommandName(row->code), error.what());
   }
   return 0;
 }
@@ -223,8 +225,9 @@ int64_t UDiskOperator::Send(std::unique_ptr<CpdPacket> reply) {
 
 namespace {
 
-int64_t Dropped(const char* handler) {
-  UDISK_ERROR("%s dropped: the request reaches past its buffer", handler);
+/// Refuses a request that does not fit its buffer. @return -1
+int64_t Dropped(const char* handler = __builtin_FUNCTION()) {
+  UDISK_LOG(7, "Error:", handler, "%s dropped: the request reaches past its buffer", handler);
   return -1;
 }
 
@@ -393,7 +396,7 @@ int64_t UDiskOperator::mount_remote(unsigned char header_length, CpdPacket* requ
   PayloadReader in(request);
   MountHead head{};
   std::string_view name;
-  if (!in.Read(&head) || !in.ReadBytes(head.name_length, &name)) return Dropped("mount_remote");
+  if (!in.Read(&head) || !in.ReadBytes(head.name_length, &name)) return Dropped();
 
   const std::string path = LocalMountPath(std::string(name));
   if (!mFileManager->IsDirectory(path.c_str())) {
@@ -412,7 +415,7 @@ int64_t UDiskOperator::umount_remote(unsigned char header_length, CpdPacket* req
   PayloadReader in(request);
   MountHead head{};
   std::string_view name;
-  if (!in.Read(&head) || !in.ReadBytes(head.name_length, &name)) return Dropped("umount_remote");
+  if (!in.Read(&head) || !in.ReadBytes(head.name_length, &name)) return Dropped();
 
   SetRootPath(nullptr, nullptr);
   UDISK_DEBUG("umount path: %s\n", "");  // the path was always empty here: kept
@@ -430,7 +433,7 @@ int64_t UDiskOperator::mount_response(unsigned char /*header_length*/, CpdPacket
   std::string_view label;
   if (!in.Read(&head) || !in.ReadBytes(head.drive_length, &drive) ||
       !in.ReadBytes(head.label_length, &label)) {
-    return Dropped("mount_response");
+    return Dropped();
   }
   // Both end at a NUL, if they hold one.
   const std::string drive_text(drive.substr(0, drive.find('\0')));
@@ -452,7 +455,7 @@ int64_t UDiskOperator::mount_response(unsigned char /*header_length*/, CpdPacket
 // family that refuses a NUL in its path, without a reply.
 int64_t UDiskOperator::get_file_attr(unsigned char header_length, CpdPacket* request) {
   PathRequest<FileAttrHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("get_file_attr");
+  if (!in.ok()) return Dropped();
   UDISK_DEBUG("get_file_attr path name: %s, size:%d\n", in.relative_path(),
               int{in.head.path_length});
   if (HasNul(in.path)) {
@@ -479,7 +482,7 @@ int64_t UDiskOperator::get_file_attr(unsigned char header_length, CpdPacket* req
 int64_t UDiskOperator::get_xattr(unsigned char header_length, CpdPacket* request) {
   PathRequest<XattrHead> in(request, CopyMountPoint());
   std::string_view name;
-  if (!in.ok() || !in.rest.ReadBytes(in.head.name_length, &name)) return Dropped("get_xattr");
+  if (!in.ok() || !in.rest.ReadBytes(in.head.name_length, &name)) return Dropped();
   if (HasNul(name)) {
     UDISK_ERROR("get_xattr name length not match\n");
     return -1;
@@ -501,7 +504,7 @@ int64_t UDiskOperator::get_xattr(unsigned char header_length, CpdPacket* request
 int64_t UDiskOperator::get_statvfs(unsigned char header_length, CpdPacket* request) {
   const auto [mount_point, volumes] = CopyMount();
   PathRequest<StatvfsHead> in(request, mount_point);
-  if (!in.ok()) return Dropped("get_statvfs");
+  if (!in.ok()) return Dropped();
   const std::string label(FirstComponent(in.relative_path()));
   UDISK_DEBUG("get_statvfs file_name: %s, full path: %s,name len:%d, label: %s\n",
               in.relative_path(), in.full_path.c_str(), static_cast<int>(in.head.path_length),
@@ -540,7 +543,7 @@ std::pair<std::string, std::list<std::shared_ptr<VolumeRecord>>> UDiskOperator::
 // 103: head, path -> head with a descriptor number or -1, path. The flags are not passed on.
 int64_t UDiskOperator::file_create(unsigned char header_length, CpdPacket* request) {
   PathRequest<CreateHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("file_create");
+  if (!in.ok()) return Dropped();
   UDISK_DEBUG("file_create full path: %s, flag:%x, mode: %x\n", in.full_path.c_str(),
               uint32_t{in.head.flags}, uint32_t{in.head.mode});
 
@@ -564,32 +567,28 @@ int64_t UDiskOperator::file_open(unsigned char /*header_length*/, CpdPacket* /*r
 }
 
 bool check_microsoft_suffix(const char* name) {
-  // The five-character entries are covered by the four-character ones: kept as they are.
-  constexpr std::array<std::string_view, 10> kSuffixes{".doc", ".xls",  ".tmp",  ".ppt",  ".vsd",
-                                                       ".spp", ".docx", ".xlsx", ".pptx", ".vsdx"};
   const char* const suffix = std::strrchr(name, '.');
   if (suffix == nullptr) {
     UDISK_DEBUG("filename: %s without suffix", name);
     return false;
   }
   UDISK_DEBUG("suffix: %s", suffix);
-  return std::ranges::any_of(kSuffixes, [suffix](std::string_view known) {
-    return std::string_view(suffix).starts_with(known);
-  });
+  return IsUnlimitedSuffix(suffix);
 }
 
 // 109: head, path -> head with the result, path. The head keeps the length that was asked for, also
 // where the file got the most that it may.
 int64_t UDiskOperator::file_truncate(unsigned char header_length, CpdPacket* request) {
   PathRequest<TruncateHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("file_truncate");
+  if (!in.ok()) return Dropped();
   UDISK_DEBUG("file_truncate full path: %s,name len:%d,offset:%llu\n", in.full_path.c_str(),
               static_cast<int>(in.head.path_length),
               static_cast<unsigned long long>(in.head.length));
 
-  constexpr uint64_t kMostLength = 0xA00000;
   uint64_t length = in.head.length;
-  if (length > kMostLength && !check_microsoft_suffix(in.full_path.c_str())) length = kMostLength;
+  if (length > kMostTruncateLength && !check_microsoft_suffix(in.full_path.c_str())) {
+    length = kMostTruncateLength;
+  }
   in.head.result = mFileManager->UdiskTruncate(in.full_path.c_str(), static_cast<int64_t>(length));
   UDISK_DEBUG("file_truncate resule: %d", int{in.head.result});
 
@@ -602,7 +601,7 @@ int64_t UDiskOperator::file_truncate(unsigned char header_length, CpdPacket* req
 // 110: head, path -> head with the result, path.
 int64_t UDiskOperator::file_fsync(unsigned char header_length, CpdPacket* request) {
   PathRequest<FsyncHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("file_fsync");
+  if (!in.ok()) return Dropped();
   UDISK_DEBUG("file_fsync full path: %s,name len:%dlu\n", in.full_path.c_str(),
               static_cast<int>(in.head.path_length));
 
@@ -618,7 +617,7 @@ int64_t UDiskOperator::file_fsync(unsigned char header_length, CpdPacket* reques
 // 111: head, path -> head with the result, path. Free space stays: not `modified`.
 int64_t UDiskOperator::file_chmod(unsigned char header_length, CpdPacket* request) {
   PathRequest<ChmodHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("file_chmod");
+  if (!in.ok()) return Dropped();
   UDISK_DEBUG("file_chmod full path: %s,name len:%d,mode: %d\n", in.full_path.c_str(),
               int{in.head.path_length}, int{in.head.mode});
 
@@ -633,7 +632,7 @@ int64_t UDiskOperator::file_chmod(unsigned char header_length, CpdPacket* reques
 // 112: head, path -> head with the result, path. Free space stays: not `modified`.
 int64_t UDiskOperator::file_chown(unsigned char header_length, CpdPacket* request) {
   PathRequest<ChownHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("file_chown");
+  if (!in.ok()) return Dropped();
   const auto uid = static_cast<int>(in.head.uid);
   const auto gid = static_cast<int>(in.head.gid);
   UDISK_DEBUG("file_chown full path: %s,name len:%d,uid: %d, gid: %d\n", in.full_path.c_str(),
@@ -650,7 +649,7 @@ int64_t UDiskOperator::file_chown(unsigned char header_length, CpdPacket* reques
 // 119: head, path -> the request itself. Flushes nothing: 110 and 120 do.
 int64_t UDiskOperator::file_flush(unsigned char /*header_length*/, CpdPacket* request) {
   const PathRequest<CloseHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("file_flush");
+  if (!in.ok()) return Dropped();
   UDISK_DEBUG("file_flush fd: %d, path: %s\n", static_cast<int>(in.head.fd), in.relative_path());
   return SendCopy(request);
 }
@@ -659,7 +658,7 @@ int64_t UDiskOperator::file_flush(unsigned char /*header_length*/, CpdPacket* re
 int64_t UDiskOperator::file_release(unsigned char /*header_length*/, CpdPacket* request) {
   const std::string mount_point = CopyMountPoint();
   const PathRequest<CloseHead> in(request, mount_point);
-  if (!in.ok()) return Dropped("file_release");
+  if (!in.ok()) return Dropped();
   UDISK_DEBUG("file_release fd: %d, path: %s, mMountPoint: %s\n", static_cast<int>(in.head.fd),
               in.relative_path(), mount_point.c_str());
   mFileManager->UdiskRelease(in.full_path.c_str());
@@ -680,7 +679,7 @@ constexpr int kNotWorthAsking = 64 << 10;
 // reply. A file that cannot be read is answered with 0 bytes and traced as a success.
 int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request) {
   PathRequest<ReadHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("file_read");
+  if (!in.ok()) return Dropped();
   throttleRead(in.head.size);
 
   const size_t before_data = sizeof in.head + in.path.size();
@@ -721,7 +720,7 @@ int64_t UDiskOperator::file_write(unsigned char /*header_length*/, CpdPacket* re
   const int size = in.head.size;
   std::string_view data;
   if (!in.ok() || !in.rest.ReadBytes(static_cast<size_t>(std::max(size, 0)), &data)) {
-    return Dropped("file_write");
+    return Dropped();
   }
   uint32_t error = 0;
   const int result = in.head.single != 0
@@ -928,7 +927,7 @@ Reply ListingReply(unsigned char header_length, CpdPacket* request, PathRequest<
 // cannot be opened is answered like an empty one.
 int64_t UDiskOperator::dir_read(unsigned char header_length, CpdPacket* request) {
   PathRequest<DirHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("dir_read");
+  if (!in.ok()) return Dropped();
   if (HasNul(in.path)) {
     UDISK_ERROR("dir_read dir not match\n");
     return -1;
@@ -942,7 +941,7 @@ int64_t UDiskOperator::dir_read(unsigned char header_length, CpdPacket* request)
 int64_t UDiskOperator::check_dir(unsigned char header_length, CpdPacket* request) {
   PathRequest<DirHead> in(request, CopyMountPoint());
   std::string_view cache;
-  if (!in.ok() || !in.rest.ReadBytes(in.head.buf_len, &cache)) return Dropped("check_dir");
+  if (!in.ok() || !in.rest.ReadBytes(in.head.buf_len, &cache)) return Dropped();
   UDISK_DEBUG("cache_file_count:%d", int{in.head.entry_count});
   UDISK_DEBUG("check_dir dir: %s, size:%d\n", in.relative_path(), int{in.head.path_length});
   if (HasNul(in.path)) {
@@ -1021,7 +1020,7 @@ int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cac
 // 114: head, path -> head with the result, and as many bytes of the local path as the path has.
 int64_t UDiskOperator::make_dir(unsigned char header_length, CpdPacket* request) {
   PathRequest<MakeDirHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("make_dir");
+  if (!in.ok()) return Dropped();
   UDISK_DEBUG("make dir full path: %s,path len:%d, mode: %d\n", in.full_path.c_str(),
               int{in.head.path_length}, int{in.head.mode});
 
@@ -1040,7 +1039,7 @@ int64_t UDiskOperator::make_dir(unsigned char header_length, CpdPacket* request)
 // 115: head, path -> head with the result, path.
 int64_t UDiskOperator::remove_dir(unsigned char header_length, CpdPacket* request) {
   PathRequest<RemoveHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("remove_dir");
+  if (!in.ok()) return Dropped();
   UDISK_DEBUG("remove dir full path: %s,name\n", in.full_path.c_str());
 
   in.head.result = static_cast<int16_t>(mFileManager->UdiskDeleteDirectory(in.full_path.c_str()));
@@ -1056,7 +1055,7 @@ int64_t UDiskOperator::remove_dir(unsigned char header_length, CpdPacket* reques
 // 116: head, existing path, new path -> head with the result, both paths. A hard link.
 int64_t UDiskOperator::set_link(unsigned char header_length, CpdPacket* request) {
   TwoPathsRequest in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("set_link");
+  if (!in.ok()) return Dropped();
   UDISK_DEBUG("set link full from path: %s, to path: %s\n", in.full_path.c_str(),
               in.new_full_path.c_str());
 
@@ -1072,7 +1071,7 @@ int64_t UDiskOperator::set_link(unsigned char header_length, CpdPacket* request)
 // 117: head, path -> head with the result, path.
 int64_t UDiskOperator::set_unlink(unsigned char header_length, CpdPacket* request) {
   PathRequest<RemoveHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("set_unlink");
+  if (!in.ok()) return Dropped();
   UDISK_DEBUG("set unlink full from path: %s\n", in.full_path.c_str());
 
   in.head.result = static_cast<int16_t>(mFileManager->UdiskUnlink(in.full_path.c_str()));
@@ -1088,7 +1087,7 @@ int64_t UDiskOperator::set_unlink(unsigned char header_length, CpdPacket* reques
 // 118: head, old path, new path -> head with the result, both paths. Replaces an existing file.
 int64_t UDiskOperator::set_rename(unsigned char header_length, CpdPacket* request) {
   TwoPathsRequest in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped("set_rename");
+  if (!in.ok()) return Dropped();
   UDISK_DEBUG("set rename full from path: %s, to path: %s\n", in.full_path.c_str(),
               in.new_full_path.c_str());
 
