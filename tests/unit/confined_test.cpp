@@ -715,6 +715,26 @@ TEST_F(ConfinedTest, ALinkSwappedInMeanwhileLeadsNowhere) {
 
 // ---- No mount point ----
 
+TEST_F(ConfinedTest, RenamesInTheDiskDisturbNoPathThatGoesUp) {
+  disk.MakeDir("/here");
+  std::atomic<bool> ended = false;
+  std::thread storm([&] {
+    while (!ended) {
+      rename(disk.Local("/here").c_str(), disk.Local("/there").c_str());
+      rename(disk.Local("/there").c_str(), disk.Local("/here").c_str());
+    }
+  });
+  std::string path = kKnownFile;
+  for (int i = 0; i < 20; ++i) path = "/known/.." + path;
+  int missed = 0;
+  for (int i = 0; i < 5000; ++i) {
+    if (Read(path) != "known content") ++missed;
+  }
+  ended = true;
+  storm.join();
+  EXPECT_EQ(missed, 0);
+}
+
 TEST_F(ConfinedTest, EverythingIsMissingWhileTheMountPointIsEmpty) {
   const FakeUser user(1000, disk.letter() + "outside/empty");
   const auto no_mount = [&](const std::string& reason) {

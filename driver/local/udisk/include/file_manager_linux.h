@@ -34,7 +34,8 @@ struct ReadRoom {
 /// LetGo. Callable from any thread. Unless said otherwise the result is that of the system call,
 /// errno is left as that call set it, and a failure is logged where the operation has a text for
 /// it. Files are opened O_CLOEXEC | O_NONBLOCK | O_NOCTTY, so that a FIFO or device never holds a
-/// call.
+/// call; a regular file that another process holds a lease on is waited for, as open does without
+/// O_NONBLOCK.
 class FileManagerLinux {
  public:
   /// @param confine_to  the present mount point, which no path then leads out of; none: paths are

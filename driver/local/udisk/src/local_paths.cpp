@@ -29,37 +29,75 @@ std::string_view WithoutSlashes(std::string_view path) {
   return path.substr(0, path.find_last_not_of('/') + 1);
 }
 
-/// openat2 of a path beneath a directory. A way out reads as a missing file.
-Descriptor OpenBeneath(const Descriptor& root, std::string_view below, int flags, mode_t mode = 0) {
-  if (!root.ok()) return Descriptor();  // errno tells already
-  below.remove_prefix(std::min(below.find_first_not_of('/'), below.size()));
-  const std::string relative(below.empty() ? "." : below);
+/// A path to an open file, for calls that take only paths.
+std::string ProcPath(const Descriptor& file) {
+  return "/proc/self/fd/" + std::to_string(file.get());
+}
+
+bool IsRegular(const Descriptor& file) {
+  struct stat st {};
+  return file.ok() && ::fstat(file.get(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+/// Opens a regular file for which O_NONBLOCK failed, and waits until another process has given up
+/// its lease on the file. Only a regular file: a FIFO or device could block for good.
+/// @param file  opened with O_PATH, which no lease holds up
+Descriptor OpenWhenLeaseEnds(const Descriptor& file, int flags) {
+  if (IsRegular(file)) {
+    return Descriptor(::open(ProcPath(file).c_str(), flags & ~(O_NONBLOCK | O_CREAT)));
+  }
+  if (file.ok()) errno = EWOULDBLOCK;
+  return Descriptor();
+}
+
+/// open that waits for a lease.
+Descriptor OpenPlain(const char* path, int flags, mode_t mode) {
+  Descriptor file(::open(path, flags, mode));
+  if (file.ok() || errno != EWOULDBLOCK) return file;
+  return OpenWhenLeaseEnds(Descriptor(::open(path, O_PATH | O_CLOEXEC)), flags);
+}
+
+/// openat2 of a path beneath a directory.
+Descriptor TryBeneath(const Descriptor& root, const char* relative, int flags, mode_t mode) {
   open_how how{};
   how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
   how.mode = (flags & O_CREAT) != 0 ? mode & 07777 : 0;  // open cuts it, openat2 refuses it
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
-  // The kernel gives up on ".." where something is being renamed meanwhile.
+  return Descriptor(
+      static_cast<int>(::syscall(SYS_openat2, root.get(), relative, &how, sizeof how)));
+}
+
+/// The same until it is not disturbed, waiting for a lease. A way out reads as a missing file.
+Descriptor OpenBeneath(const Descriptor& root, std::string_view below, int flags, mode_t mode = 0) {
+  if (!root.ok()) return Descriptor();  // errno tells already
+  below.remove_prefix(std::min(below.find_first_not_of('/'), below.size()));
+  const std::string relative(below.empty() ? "." : below);
+  // EAGAIN has two meanings: another process holds a lease on the file, or something was renamed
+  // while ".." was resolved, and the kernel gave up. Only the first one leaves O_PATH alone.
   constexpr int kTries = 100;
-  long fd = -1;
   for (int i = 0; i < kTries; ++i) {
-    fd = ::syscall(SYS_openat2, root.get(), relative.c_str(), &how, sizeof how);
-    if (fd >= 0 || errno != EAGAIN) break;
+    Descriptor file = TryBeneath(root, relative.c_str(), flags, mode);
+    if (file.ok()) return file;
+    if (errno != EAGAIN) break;
+    const Descriptor leased = TryBeneath(root, relative.c_str(), O_PATH, 0);
+    if (IsRegular(leased)) return OpenWhenLeaseEnds(leased, flags);
+    errno = EAGAIN;
   }
-  if (fd < 0 && (errno == EXDEV || errno == EAGAIN)) errno = ENOENT;
-  return Descriptor(static_cast<int>(fd));
+  if (errno == EXDEV || errno == EAGAIN) errno = ENOENT;
+  return Descriptor();
 }
 
 /// A path for `held`, which must stay, and for `name` below it.
 LocalPath Held(Descriptor held, const std::string& name = "") {
   if (!held.ok()) return {Descriptor(), ""};
-  std::string path = "/proc/self/fd/" + std::to_string(held.get()) + name;
+  std::string path = ProcPath(held) + name;
   return {std::move(held), std::move(path)};
 }
 
 }  // namespace
 
 Descriptor LocalPaths::Open(const char* path, int flags, mode_t mode) {
-  if (!confine_to_) return Descriptor(::open(path, flags, mode));
+  if (!confine_to_) return OpenPlain(path, flags, mode);
   const bool reads = (flags & (O_ACCMODE | O_CREAT)) == O_RDONLY;
   const Beneath place = Split(path, reads ? kKept : kFresh);
   Descriptor file = OpenBeneath(*place.root, place.below, flags, mode);

@@ -65,7 +65,8 @@ class LocalPaths {
   /// @param confine_to  empty for plain paths
   explicit LocalPaths(Root confine_to) : confine_to_(std::move(confine_to)) {}
 
-  /// As open. errno tells why there is no descriptor.
+  /// As open; O_NONBLOCK does not keep it from waiting for another process's lease on a regular
+  /// file. errno tells why there is no descriptor.
   [[nodiscard]] Descriptor Open(const char* path, int flags, mode_t mode = 0);
   /// For calls on the file itself: a symbolic link at the end is followed.
   [[nodiscard]] LocalPath File(const char* path);
