@@ -17,7 +17,7 @@
 
 #include "ratio_table.h"
 #include "sample_disk.h"
-#include "system/mounted_disk.h"
+#include "support/mounted_disk.h"
 
 namespace cpd::bench {
 namespace {

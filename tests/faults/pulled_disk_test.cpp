@@ -17,9 +17,9 @@
 #include "cpd/driver.h"
 #include "faults/loaded_module.h"
 #include "support/fake_host.h"
+#include "support/mounted_disk.h"
 #include "support/requests.h"
 #include "support/temp_disk.h"
-#include "system/mounted_disk.h"
 
 namespace cpd::test {
 namespace {

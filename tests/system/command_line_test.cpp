@@ -6,7 +6,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "mounted_disk.h"
+#include "support/mounted_disk.h"
 
 namespace system_test {
 namespace fs = std::filesystem;

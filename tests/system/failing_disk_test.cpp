@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "mounted_disk.h"
+#include "support/mounted_disk.h"
 
 namespace system_test {
 namespace fs = std::filesystem;

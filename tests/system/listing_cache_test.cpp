@@ -3,7 +3,7 @@
 #include <functional>
 #include <thread>
 
-#include "mounted_disk.h"
+#include "support/mounted_disk.h"
 
 namespace system_test {
 namespace fs = std::filesystem;

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "mounted_disk.h"
+#include "support/mounted_disk.h"
 
 namespace system_test {
 namespace {

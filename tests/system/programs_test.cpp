@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <string>
 
-#include "mounted_disk.h"
+#include "support/mounted_disk.h"
 
 namespace system_test {
 namespace fs = std::filesystem;

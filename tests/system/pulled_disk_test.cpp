@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "mounted_disk.h"
+#include "support/mounted_disk.h"
 
 namespace system_test {
 namespace {

@@ -12,7 +12,7 @@
 #include <set>
 #include <string>
 
-#include "mounted_disk.h"
+#include "support/mounted_disk.h"
 
 namespace system_test {
 namespace fs = std::filesystem;

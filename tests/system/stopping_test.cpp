@@ -9,7 +9,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "mounted_disk.h"
+#include "support/mounted_disk.h"
 
 namespace system_test {
 namespace {

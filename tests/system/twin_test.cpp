@@ -25,7 +25,7 @@
 #include <utility>
 #include <vector>
 
-#include "mounted_disk.h"
+#include "support/mounted_disk.h"
 
 namespace system_test {
 namespace fs = std::filesystem;

@@ -13,10 +13,10 @@
 #include <string>
 #include <thread>
 
-#include "mounted_disk.h"
 #include "operator.h"
 #include "service.h"
 #include "support/fake_host.h"
+#include "support/mounted_disk.h"
 #include "support/shims.h"
 
 namespace system_test {

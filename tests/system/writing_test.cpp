@@ -18,7 +18,7 @@
 #include <set>
 #include <thread>
 
-#include "mounted_disk.h"
+#include "support/mounted_disk.h"
 
 namespace system_test {
 namespace fs = std::filesystem;

@@ -1,0 +1,116 @@
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "commands/command.h"
+#include "commands/status.h"
+#include "disks/local_disks.h"
+#include "module/redirection.h"
+#include "mount/fuse_mount.h"
+#include "remote/paths.h"
+
+namespace cpd::host {
+namespace {
+
+std::string CheckedMountPoint(const std::string& path, const std::string& disk) {
+  auto mount_point = CanonicalDirectory(path, "mount point");
+  struct statx status {};
+  if (statx(AT_FDCWD, mount_point.c_str(), 0, 0, &status) != 0) {
+    throw std::runtime_error(fmt::format("mount point {}: {}", path, std::strerror(errno)));
+  }
+  if ((status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0) {
+    throw std::runtime_error(fmt::format("mount point {} is busy: something is mounted", path));
+  }
+  // The module would have to answer itself.
+  if (IsWithin(mount_point, disk) || IsWithin(disk, mount_point)) {
+    throw std::runtime_error(
+        fmt::format("disk {} and mount point {} lie in each other", disk, path));
+  }
+  if (access("/dev/fuse", R_OK | W_OK) != 0) {
+    throw std::runtime_error(fmt::format("/dev/fuse: {}", std::strerror(errno)));
+  }
+  return mount_point;
+}
+
+/// Only the thread that serves the mount takes these, when all stands that they take down.
+sigset_t BlockStopSignals() {
+  // A script's background job starts with SIGINT ignored; the mount must go with the script all the
+  // same.
+  (void)std::signal(SIGINT, SIG_DFL);
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  for (const int stop : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stop_signals, stop);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+  return stop_signals;
+}
+
+void Mount(DiskOptions options, const std::string& mount_point_option,
+           const sigset_t& stop_signals) {
+  CompleteOptions(&options);
+  const auto mount_point = CheckedMountPoint(mount_point_option, options.disk);
+  options.drive = mount_point;
+
+  Redirection disk(options);
+  {
+    FuseMount mount(disk.session(), options, mount_point);
+    const StatusLine status(disk.session(), options.bandwidth_kbps);
+    mount.Serve(stop_signals);
+  }
+  PrintTable(disk.session().statistics());
+}
+
+/// Mounts a partition locally and shows that.
+void MountDevice(const std::string& device, DiskOptions options, const std::string& mount_point,
+                 const sigset_t& stop_signals) {
+  const LocalMount local(device);
+  options.disk = local.directory().string();
+  Mount(std::move(options), mount_point, stop_signals);
+}
+
+struct MountOptions {
+  DiskOptions disk;
+  std::string mount_point;
+  std::string device;
+};
+
+}  // namespace
+
+void AddMountCommand(CLI::App* app, CommandLine* line) {
+  auto* mount = app->add_subcommand("mount", "Show the disk as a file system");
+  const auto options = std::make_shared<MountOptions>();
+  auto* const shown = &options->disk;
+  AddDiskOptions(mount, shown, line);
+  mount->add_option("MOUNTPOINT", options->mount_point, "Where to mount");
+  mount->add_option("--device", options->device,
+                    "Partition to mount locally instead of DISK, such as sdb1");
+  mount->add_option("--name", shown->name, "Name that is announced [the directory's]");
+  mount->add_option("--label", shown->label, "Label on the remote side [the directory's name]");
+  mount->add_flag("--read-only", shown->read_only, "Refuse every change; announced, too");
+  mount->add_flag("!--no-batch", shown->batch, "Send small writes one by one");
+  mount->add_flag("!--no-prefetch", shown->prefetch, "Do not read small files ahead");
+  mount->add_flag("!--no-dir-cache", shown->dir_cache, "List directories in full every time");
+  // A habit from other mount programs: this one always stays in the foreground.
+  mount->add_flag("--foreground")->group("");
+  mount->callback([line, options] {
+    line->run = [options] {
+      const auto stop_signals = BlockStopSignals();
+      (void)std::signal(SIGPIPE, SIG_IGN);  // the mount outlives the reader of what it prints
+      const auto& [disk, mount_point, device] = *options;
+      if (device.empty()) return Mount(disk, mount_point, stop_signals);
+      if (!mount_point.empty()) throw std::runtime_error("--device takes the place of DISK");
+      MountDevice(device, disk, disk.disk, stop_signals);  // the one path that was given
+    };
+  });
+}
+
+}  // namespace cpd::host

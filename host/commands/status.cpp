@@ -1,0 +1,101 @@
+#include "commands/status.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <string_view>
+#include <utility>
+
+#include "module/standard_error.h"
+#include "wire.h"
+
+namespace cpd::host {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kNames = std::to_array<std::pair<uint16_t, std::string_view>>({
+    {kGetFileAttr, "get_file_attr"},
+    {kFileCreate, "file_create"},
+    {kFileRead, "file_read"},
+    {kFileWrite, "file_write"},
+    {kDirRead, "dir_read"},
+    {kGetXattr, "get_xattr"},
+    {kFileTruncate, "file_truncate"},
+    {kFileFsync, "file_fsync"},
+    {kFileChmod, "file_chmod"},
+    {kFileChown, "file_chown"},
+    {kGetStatvfs, "get_statvfs"},
+    {kMakeDir, "make_dir"},
+    {kRemoveDir, "remove_dir"},
+    {kSetLink, "set_link"},
+    {kSetUnlink, "set_unlink"},
+    {kSetRename, "set_rename"},
+    {kFileFlush, "file_flush"},
+    {kFileRelease, "file_release"},
+    {kCheckDir, "check_dir"},
+    {kSmallFileRead, "small_file_read"},
+    {kMountResponse, "mount_response"},
+});
+
+std::string_view Name(uint16_t command) {
+  const auto* row = std::find_if(kNames.begin(), kNames.end(),
+                                 [&](const auto& name) { return name.first == command; });
+  return row == kNames.end() ? std::string_view() : row->second;
+}
+
+double Microseconds(std::chrono::nanoseconds duration) {
+  return std::chrono::duration<double, std::micro>(duration).count();
+}
+
+}  // namespace
+
+StatusLine::StatusLine(const Session& session, uint32_t announced_kbps)
+    : session_(session), announced_kbps_(announced_kbps) {
+  if (isatty(STDERR_FILENO) != 0) print_ = std::make_unique<Periodic>(1s, [this] { Print(); });
+}
+
+StatusLine::~StatusLine() {
+  if (print_ == nullptr) return;
+  print_.reset();
+  PrintError("\r\x1b[K");
+}
+
+void StatusLine::Print() {
+  Totals now;
+  for (const auto& [command, counters] : session_.statistics()) {
+    now.requests += counters.requests;
+    now.bytes += counters.bytes;
+    const bool is_paced = command == kFileRead || command == kSmallFileRead;
+    if (is_paced) now.read_bytes += counters.bytes;
+  }
+  const auto time = Session::Clock::now();
+  const std::chrono::duration<double> elapsed = time - std::exchange(last_time_, time);
+  const auto rate = [&](uint64_t Totals::*counter) {
+    return elapsed.count() > 0
+               ? static_cast<double>(now.*counter - last_.*counter) / elapsed.count()
+               : 0.0;
+  };
+  const std::string announced =
+      announced_kbps_ == 0 ? "no limit" : fmt::format("{} kbps", announced_kbps_);
+  PrintError(fmt::format("\r\x1b[K{:.0f} requests/s  {:.1f} MB/s  read {:.0f} kbps (announced: {})",
+                         rate(&Totals::requests), rate(&Totals::bytes) / 1e6,
+                         rate(&Totals::read_bytes) * 8 / 1e3, announced));
+  last_ = now;
+}
+
+void PrintTable(const Statistics& statistics) {
+  fmt::print("{:<20}{:>10}{:>10}{:>14}{:>14}{:>16}\n", "command", "requests", "replies",
+             "median us", "99th % us", "bytes");
+  for (const auto& [command, counters] : statistics) {
+    fmt::print("{:<4}{:<16}{:>10}{:>10}{:>14.1f}{:>14.1f}{:>16}\n", command, Name(command),
+               counters.requests, counters.replies, Microseconds(counters.durations.Quantile(0.5)),
+               Microseconds(counters.durations.Quantile(0.99)), counters.bytes);
+  }
+}
+
+}  // namespace cpd::host

@@ -1,0 +1,383 @@
+#include "mount/fuse_mount.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "cpd/log.h"
+#include "mount/fuse_reply.h"
+#include "remote/session.h"
+
+namespace cpd::host {
+namespace {
+
+constexpr unsigned kLargestRead = 1U << 20;
+constexpr unsigned kMostBackground = 64;
+
+void Initialise(void* /*mount*/, fuse_conn_info* connection) {
+  connection->max_readahead = kLargestRead;
+  connection->max_background = kMostBackground;
+  // An open that truncates comes as two requests, so that truncation has one place.
+  connection->want &= ~FUSE_CAP_ATOMIC_O_TRUNC;
+}
+
+void LogLibraryMessage(fuse_log_level /*level*/, const char* format, va_list arguments) {
+  char message[512] = "";
+  (void)std::vsnprintf(message, sizeof message, format, arguments);
+  message[std::string_view(message).find_last_not_of('\n') + 1] = '\0';
+  tesselLogPrint(0, 7, "FUSE", "%s", message);
+}
+
+/// Lets the kernel read as far ahead as a single read may reach. Takes effect with the first
+/// request; only root may do it, for others the kernel's 128 KiB stand.
+void RaiseReadAhead(const std::string& mount_point) {
+  struct statx where {};
+  // No attributes are wanted, so the mount, which is not served yet, is not asked.
+  if (statx(AT_FDCWD, mount_point.c_str(), AT_STATX_DONT_SYNC, 0, &where) != 0) return;
+  std::ofstream(
+      fmt::format("/sys/class/bdi/{}:{}/read_ahead_kb", where.stx_dev_major, where.stx_dev_minor))
+      << kLargestRead / 1024;
+}
+
+}  // namespace
+
+// ---- Life ----
+
+FuseMount::FuseMount(Session& session, const DiskOptions& options, const std::string& mount_point)
+    : session_(session),
+      read_only_(options.read_only),
+      gathers_writes_(options.batch),
+      files_(session,
+             [this](const std::string& path) {
+               listings_.Forget(path);
+               prefetch_.Forget(path);
+             }),
+      listings_(files_, options.dir_cache),
+      prefetch_(files_, options.prefetch),
+      writes_(files_, nodes_, gate_,
+              [this](NodeTable::Id node, int error) { open_files_.NoteFailure(node, error); }) {
+  fuse_set_log_func(LogLibraryMessage);
+  std::string mount_options = "default_permissions,subtype=udisk";
+  if (read_only_) mount_options += ",ro";
+  if (geteuid() == 0) mount_options += ",allow_other";
+  // A comma in the disk's path would end the option.
+  mount_options += ",fsname=";
+  for (const char c : options.disk) {
+    if (c == ',' || c == '\\') mount_options += '\\';
+    mount_options += c;
+  }
+  std::string program = "cpd-host";
+  std::string option_flag = "-o";
+  char* arguments[] = {program.data(), option_flag.data(), mount_options.data()};
+  fuse_args args = FUSE_ARGS_INIT(3, arguments);
+  const fuse_lowlevel_ops operations = Operations();
+  fuse_.reset(fuse_session_new(&args, &operations, sizeof operations, this));
+  fuse_opt_free_args(&args);
+  if (fuse_ == nullptr || fuse_session_mount(fuse_.get(), mount_point.c_str()) != 0) {
+    throw std::runtime_error(fmt::format("cannot mount on {}", mount_point));
+  }
+  RaiseReadAhead(mount_point);
+}
+
+FuseMount::~FuseMount() { fuse_session_unmount(fuse_.get()); }
+
+void FuseMount::Serve(const sigset_t& stop_signals) {
+  if (fuse_set_signal_handlers(fuse_.get()) != 0) {
+    throw std::runtime_error("cannot set the signal handlers");
+  }
+  pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
+
+  const std::unique_ptr<fuse_loop_config, decltype(&fuse_loop_cfg_destroy)> config(
+      fuse_loop_cfg_create(), &fuse_loop_cfg_destroy);
+  const int result = fuse_session_loop_mt(fuse_.get(), config.get());
+
+  // First the answers to everything under way, then the unmounting: nothing is left that could
+  // answer through a mount that is gone. A second signal finds the way out already taken.
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+  writes_.Drain();
+  RemoveHiddenFiles();
+  files_.WaitForChanges();
+  session_.Stop();
+  fuse_session_unmount(fuse_.get());
+  fuse_remove_signal_handlers(fuse_.get());
+  if (result < 0) throw std::runtime_error("the connection to the kernel failed");
+}
+
+template <auto kHandler, class... Arguments>
+void FuseMount::Call(fuse_req_t request, Arguments... arguments) {
+  auto* mount = static_cast<FuseMount*>(fuse_req_userdata(request));
+  (mount->*kHandler)(request, arguments...);
+}
+
+// The kernel refuses first, unless somebody has remounted.
+template <auto kHandler, class... Arguments>
+void FuseMount::CallChange(fuse_req_t request, Arguments... arguments) {
+  auto* mount = static_cast<FuseMount*>(fuse_req_userdata(request));
+  if (mount->read_only_) return void(fuse_reply_err(request, EROFS));
+  (mount->*kHandler)(request, arguments...);
+}
+
+// What stands nowhere here is unknown to the protocol, and the kernel helps itself: locks hold
+// within the mount, space cannot be reserved, extended attributes cannot be set.
+fuse_lowlevel_ops FuseMount::Operations() {
+  fuse_lowlevel_ops ops{};
+  ops.init = Initialise;
+  ops.lookup = Call<&FuseMount::Lookup>;
+  ops.forget = Call<&FuseMount::Forget>;
+  ops.forget_multi = Call<&FuseMount::ForgetMany>;
+  ops.getattr = Call<&FuseMount::GetAttributes>;
+  ops.setattr = CallChange<&FuseMount::SetAttributes>;
+  ops.statfs = Call<&FuseMount::GetStatistics>;
+  ops.getxattr = Call<&FuseMount::GetExtendedAttribute>;
+  // The protocol shows a symbolic link but has no request that reads or makes one.
+  ops.readlink = [](fuse_req_t request, fuse_ino_t) { fuse_reply_err(request, ENOTSUP); };
+  ops.symlink = CallChange<&FuseMount::MakeSymbolicLink>;
+
+  ops.create = CallChange<&FuseMount::Create>;
+  ops.mknod = CallChange<&FuseMount::MakeNode>;
+  ops.mkdir = CallChange<&FuseMount::MakeDirectory>;
+  ops.link = CallChange<&FuseMount::Link>;
+  ops.unlink = CallChange<&FuseMount::Unlink>;
+  ops.rmdir = CallChange<&FuseMount::RemoveDirectory>;
+  ops.rename = CallChange<&FuseMount::Rename>;
+
+  ops.open = Call<&FuseMount::Open>;
+  ops.read = Call<&FuseMount::Read>;
+  ops.write = CallChange<&FuseMount::Write>;
+  ops.flush = Call<&FuseMount::Flush>;
+  ops.fsync = CallChange<&FuseMount::Sync>;
+  ops.release = Call<&FuseMount::Release>;
+
+  ops.opendir = Call<&FuseMount::OpenDirectory>;
+  // Without a readdir beside it, the kernel always asks for entries with their attributes.
+  ops.readdirplus = Call<&FuseMount::ReadDirectory>;
+  ops.releasedir = Call<&FuseMount::ReleaseDirectory>;
+  return ops;
+}
+
+// What was gathered leaves first, so that every request finds what was written before it.
+RenameGate::Pass FuseMount::Enter() {
+  auto pass = gate_.Enter();
+  writes_.Send();
+  return pass;
+}
+
+RenameGate::Move FuseMount::BeginMove() {
+  auto move = gate_.BeginMove();
+  writes_.Send();
+  writes_.AwaitAnswers();  // a batch that fails is written again, by its old path
+  return move;
+}
+
+// ---- Attributes ----
+
+void FuseMount::Lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
+  if (std::strlen(name) > NAME_MAX) return void(fuse_reply_err(request, ENAMETOOLONG));
+  const auto pass = Enter();
+  const auto path = nodes_.ChildPath(parent, name);
+  if (!path) return void(fuse_reply_err(request, ESTALE));
+  files_.GetAttributes(
+      *path, [this, request, parent, name = std::string(name)](const Result<udisk_stat>& result) {
+        if (result.error != 0) return void(fuse_reply_err(request, result.error));
+        const auto node = nodes_.Lookup(parent, name, result.value);
+        const auto entry = ToEntry(node, result.value);
+        if (fuse_reply_entry(request, &entry) != 0) nodes_.Forget(node, 1);
+      });
+}
+
+void FuseMount::Forget(fuse_req_t request, fuse_ino_t node, uint64_t references) {
+  nodes_.Forget(node, references);
+  fuse_reply_none(request);
+}
+
+void FuseMount::ForgetMany(fuse_req_t request, size_t count, fuse_forget_data* forgotten) {
+  for (size_t i = 0; i < count; ++i) nodes_.Forget(forgotten[i].ino, forgotten[i].nlookup);
+  fuse_reply_none(request);
+}
+
+void FuseMount::GetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* /*file*/) {
+  const auto pass = Enter();
+  const auto file = nodes_.Find(node);
+  if (!file) return void(fuse_reply_err(request, ESTALE));
+  files_.GetAttributes(file->path, [this, request, node,
+                                    is_hidden = file->is_hidden](const Result<udisk_stat>& result) {
+    ReplyAttributes(request, node, is_hidden, result);
+  });
+}
+
+void FuseMount::ReplyAttributes(fuse_req_t request, fuse_ino_t node, bool is_hidden,
+                                const Result<udisk_stat>& result) {
+  if (result.error != 0) return void(fuse_reply_err(request, result.error));
+  // Somebody on the disk's side put another file in this one's place: the kernel looks again.
+  if (!nodes_.Update(node, result.value)) return void(fuse_reply_err(request, ESTALE));
+  struct stat attributes = ToStat(result.value);
+  if (is_hidden) --attributes.st_nlink;
+  fuse_reply_attr(request, &attributes, kTrusted);
+}
+
+void FuseMount::GetStatistics(fuse_req_t request, fuse_ino_t node) {
+  const auto pass = Enter();
+  const auto file = nodes_.Find(node);
+  if (!file) return void(fuse_reply_err(request, ESTALE));
+  files_.GetStatistics(file->path, [request](const Result<udisk_statvfs>& result) {
+    if (result.error != 0) return void(fuse_reply_err(request, result.error));
+    const auto& from = result.value;
+    struct statvfs to {};
+    to.f_bsize = from.f_bsize;
+    to.f_frsize = from.f_frsize;
+    to.f_blocks = from.f_blocks;
+    to.f_bfree = from.f_bfree;
+    to.f_bavail = from.f_bavail;
+    to.f_files = from.f_files;
+    to.f_ffree = from.f_ffree;
+    to.f_favail = from.f_favail;
+    to.f_namemax = from.f_namemax;
+    fuse_reply_statfs(request, &to);
+  });
+}
+
+void FuseMount::GetExtendedAttribute(fuse_req_t request, fuse_ino_t node, const char* name,
+                                     size_t /*size*/) {
+  // The kernel asks for this one before every write. Nothing on a redirected disk is run with it.
+  if (std::string_view(name) == "security.capability") {
+    return void(fuse_reply_err(request, ENODATA));
+  }
+  const auto pass = Enter();
+  const auto file = nodes_.Find(node);
+  if (!file) return void(fuse_reply_err(request, ESTALE));
+  files_.HasExtendedAttribute(file->path, name, [request](const Result<bool>& result) {
+    // A value, should one be announced, cannot be shown: the protocol brings none.
+    fuse_reply_err(request, result.error != 0 ? result.error : result.value ? EIO : ENODATA);
+  });
+}
+
+// ---- Files ----
+
+void FuseMount::Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t offset,
+                     fuse_file_info* /*file*/) {
+  auto pass = Enter();
+  const auto file = nodes_.Find(node);
+  if (!file) return void(fuse_reply_err(request, ESTALE));
+  const auto wanted = static_cast<uint32_t>(std::min<size_t>(size, kLargestRead));
+  const int64_t file_size = file->attributes.st_size;
+  const auto expected = std::clamp<int64_t>(file_size - offset, 0, wanted);
+  files_.Read(file->path, offset, wanted,
+              [this, request, path = file->path, offset, expected](Result<FileData> result) {
+                if (result.error != 0) return void(fuse_reply_err(request, result.error));
+                const auto& bytes = result.value.bytes;
+                const auto got = static_cast<int64_t>(bytes.size());
+                if (got < expected) {
+                  return ConfirmShortRead(request, path, std::move(result.value), offset + got);
+                }
+                fuse_reply_buf(request, bytes.data(), bytes.size());
+              });
+  pass.unlock();
+  if (file_size <= ReadingRun::kLargestFile && offset + wanted >= file_size) {
+    prefetch_.ReadToItsEnd(file->path);
+  }
+}
+
+/// A failed read looks like the end of the file. Where the file was known to be longer, only its
+/// present size tells; taking a failure for the end would cut the file short without a word.
+void FuseMount::ConfirmShortRead(fuse_req_t request, const std::string& path, FileData data,
+                                 int64_t end) {
+  auto kept = std::make_shared<FileData>(std::move(data));
+  files_.GetAttributes(path, [request, kept, end](const Result<udisk_stat>& result) {
+    if (result.error != 0 || result.value.st_size > end) {
+      return void(fuse_reply_err(request, EIO));
+    }
+    fuse_reply_buf(request, kept->bytes.data(), kept->bytes.size());
+  });
+}
+
+// ---- Directories ----
+
+void FuseMount::OpenDirectory(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* file) {
+  {
+    const std::lock_guard lock(mutex_);
+    file->fh = ++last_directory_;
+    directories_.emplace(file->fh, OpenDirectoryListing{});
+  }
+  fuse_reply_open(request, file);
+}
+
+void FuseMount::ReleaseDirectory(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* file) {
+  {
+    const std::lock_guard lock(mutex_);
+    directories_.erase(file->fh);
+  }
+  fuse_reply_err(request, 0);
+}
+
+/// The directory is listed when it is read from its start; the rest comes from that listing.
+void FuseMount::ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, off_t position,
+                              fuse_file_info* file) {
+  OpenDirectoryListing open;
+  {
+    const std::lock_guard lock(mutex_);
+    open = directories_[file->fh];
+  }
+  const auto first = static_cast<size_t>(position);
+  if (position != 0 && open.listing != nullptr) {
+    return ReplyWithEntries(request, node, open, first, size);
+  }
+  const auto pass = Enter();
+  const auto directory = nodes_.Find(node);
+  if (!directory) return void(fuse_reply_err(request, ESTALE));
+  // The changes up to now: what is written while the answer is on its way may be missing in it.
+  listings_.List(directory->path,
+                 [this, request, node, size, first, handle = file->fh, changes = changes_.load(),
+                  path = directory->path](const Result<SharedListing>& result) {
+                   if (result.error != 0) return void(fuse_reply_err(request, result.error));
+                   const OpenDirectoryListing fresh{.listing = result.value, .changes = changes};
+                   prefetch_.Listed(path, result.value);
+                   {
+                     const std::lock_guard lock(mutex_);
+                     directories_[handle] = fresh;
+                   }
+                   ReplyWithEntries(request, node, fresh, first, size);
+                 });
+}
+
+/// Entry n has position n + 1, from where the next read goes on. Once something was changed through
+/// the mount, the attributes of an older listing would undo that in the kernel's eyes: then the
+/// names come alone.
+void FuseMount::ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
+                                 const OpenDirectoryListing& open, size_t first, size_t size) {
+  const auto& entries = open.listing->entries;
+  const bool is_fresh = open.changes == changes_;
+  std::vector<char> buffer(size);
+  size_t used = 0;
+  std::vector<NodeTable::Id> referred;
+  for (size_t i = first; i < entries.size(); ++i) {
+    const auto& [attributes, name] = entries[i];
+    auto entry = ToEntry(0, attributes);
+    if (fuse_add_direntry_plus(request, nullptr, 0, name.data(), &entry, 0) > size - used) break;
+    if (nodes_.IsHidden(directory, std::string(name))) continue;
+    // The kernel takes no reference to the two; nor can it use a file that could not be looked at.
+    if (name != "." && name != ".." && attributes.st_mode != 0 && is_fresh) {
+      entry.ino = nodes_.Lookup(directory, std::string(name), attributes);
+      referred.push_back(entry.ino);
+    }
+    used += fuse_add_direntry_plus(request, buffer.data() + used, size - used, name.data(), &entry,
+                                   static_cast<off_t>(i) + 1);
+  }
+  if (fuse_reply_buf(request, buffer.data(), used) != 0) {
+    for (const auto node : referred) nodes_.Forget(node, 1);
+  }
+}
+
+}  // namespace cpd::host

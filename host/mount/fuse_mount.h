@@ -1,0 +1,148 @@
+// The disk as a mounted file system: each of the kernel's questions becomes a request.
+#pragma once
+
+#include <fuse_lowlevel.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "mount/gathered_writes.h"
+#include "mount/listing_cache.h"
+#include "mount/node_table.h"
+#include "mount/open_files.h"
+#include "mount/prefetch.h"
+#include "mount/rename_gate.h"
+#include "options.h"
+#include "remote/failure_reason.h"
+#include "remote/remote_files.h"
+
+namespace cpd::host {
+
+class Session;
+
+/// A kernel request is read on one of libfuse's threads, sent as a packet, and answered by whoever
+/// delivers the reply; no thread waits in between, so any number may be under way.
+class FuseMount {
+ public:
+  /// Mounts.
+  /// @throws std::runtime_error when that fails
+  FuseMount(Session& session, const DiskOptions& options, const std::string& mount_point);
+  /// Unmounts, if that has not happened from outside.
+  ~FuseMount();
+  FuseMount(const FuseMount&) = delete;
+  FuseMount& operator=(const FuseMount&) = delete;
+
+  /// Serves until SIGINT, SIGTERM or SIGHUP, or until somebody unmounts. Stops the session.
+  /// @param stop_signals  these three, blocked in all threads, so that the calling one gets them;
+  ///                      blocked there again at the end
+  void Serve(const sigset_t& stop_signals);
+
+ private:
+  struct DestroySession {
+    void operator()(fuse_session* session) const { fuse_session_destroy(session); }
+  };
+
+  static fuse_lowlevel_ops Operations();
+  /// To be held from looking a path up until the request with it is sent.
+  [[nodiscard]] RenameGate::Pass Enter();
+  [[nodiscard]] RenameGate::Move BeginMove();
+  /// Calls a handler.
+  template <auto kHandler, class... Arguments>
+  static void Call(fuse_req_t request, Arguments... arguments);
+  /// Calls a handler that changes the disk; a read-only mount refuses.
+  template <auto kHandler, class... Arguments>
+  static void CallChange(fuse_req_t request, Arguments... arguments);
+
+  void Lookup(fuse_req_t request, fuse_ino_t parent, const char* name);
+  void Forget(fuse_req_t request, fuse_ino_t node, uint64_t references);
+  void ForgetMany(fuse_req_t request, size_t count, fuse_forget_data* forgotten);
+  void GetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* file);
+  void Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t offset, fuse_file_info* file);
+  void OpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* file);
+  void ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, off_t position,
+                     fuse_file_info* file);
+  void ReleaseDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* file);
+  void GetStatistics(fuse_req_t request, fuse_ino_t node);
+  void GetExtendedAttribute(fuse_req_t request, fuse_ino_t node, const char* name, size_t size);
+
+  // Files, in fuse_mount_files.cpp.
+  void Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle);
+  bool StoreAhead(fuse_ino_t node, const NodeTable::File& file);
+  void Write(fuse_req_t request, fuse_ino_t node, const char* data, size_t size, off_t offset,
+             fuse_file_info* handle);
+  /// @return false when the data is to be written by itself
+  bool Gather(fuse_req_t request, fuse_ino_t node, std::string_view data, off_t offset);
+  void ReplyWritten(fuse_req_t request, fuse_ino_t node, size_t size, int64_t end);
+  void Flush(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle);
+  void Sync(fuse_req_t request, fuse_ino_t node, int data_only, fuse_file_info* handle);
+  void Release(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle);
+  void SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
+                     fuse_file_info* handle);
+
+  // Names, in fuse_mount_names.cpp.
+  void Create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
+              fuse_file_info* handle);
+  void MakeNode(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode, dev_t device);
+  void MakeDirectory(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode);
+  void Link(fuse_req_t request, fuse_ino_t node, fuse_ino_t new_parent, const char* new_name);
+  void MakeSymbolicLink(fuse_req_t request, const char* target, fuse_ino_t parent,
+                        const char* name);
+  void Unlink(fuse_req_t request, fuse_ino_t parent, const char* name);
+  void RemoveDirectory(fuse_req_t request, fuse_ino_t parent, const char* name);
+  void Rename(fuse_req_t request, fuse_ino_t parent, const char* name, fuse_ino_t new_parent,
+              const char* new_name, unsigned flags);
+
+  struct AttributeChange;
+  struct Making;
+  struct Renaming;
+  void MakeFile(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
+                std::function<int(const fuse_entry_param& entry)> reply);
+  void ShowMade(const std::shared_ptr<Making>& making);
+  void Hide(fuse_req_t request, fuse_ino_t parent, const std::string& name,
+            const RenameGate::Move& move);
+  void LiftHiddenFiles(fuse_ino_t parent, const std::string& name, const RenameGate::Move& move);
+  void HideTarget(const std::shared_ptr<Renaming>& renaming);
+  void FinishRename(const std::shared_ptr<Renaming>& renaming);
+  void UndoHiding(const Renaming& renaming);
+  void RemoveHiddenFiles();
+
+  void ReplyAttributes(fuse_req_t request, fuse_ino_t node, bool is_hidden,
+                       const Result<udisk_stat>& result);
+  void ReplyChangedAttributes(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
+                              const std::shared_ptr<AttributeChange>& change);
+  void ReplyFailure(fuse_req_t request, Outcome outcome, Attempt attempt);
+  void ReplyDone(fuse_req_t request);
+  /// A handle's listing, and what it knows of the time when it was made.
+  struct OpenDirectoryListing {
+    SharedListing listing;  // null until first read
+    uint64_t changes = 0;
+  };
+  void ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
+                        const OpenDirectoryListing& directory_listing, size_t first, size_t size);
+  void ConfirmShortRead(fuse_req_t request, const std::string& path, FileData data, int64_t end);
+
+  Session& session_;
+  const bool read_only_;
+  const bool gathers_writes_;
+  RemoteFiles files_;
+  ListingCache listings_;
+  Prefetch prefetch_;
+  NodeTable nodes_;
+  OpenFiles open_files_;
+  RenameGate gate_;
+  GatheredWrites writes_;
+  std::atomic<uint64_t> changes_ = 0;  // made through this mount
+  std::mutex mutex_;
+  std::map<uint64_t, OpenDirectoryListing> directories_;  // guarded by mutex_
+  uint64_t last_directory_ = 0;                           // guarded by mutex_
+  std::unique_ptr<fuse_session, DestroySession> fuse_;
+};
+
+}  // namespace cpd::host

@@ -1,0 +1,204 @@
+// The mount's files: what programs do with an open one, and what changes its attributes.
+#include <fcntl.h>
+
+#include <cerrno>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "mount/fuse_mount.h"
+#include "mount/fuse_reply.h"
+#include "remote/file_size.h"
+#include "remote/mode_guard.h"
+
+namespace cpd::host {
+
+using Kind = Attempt::Kind;
+
+void FuseMount::Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle) {
+  auto pass = Enter();
+  const auto file = nodes_.Find(node);
+  if (!file) return void(fuse_reply_err(request, ESTALE));
+  const bool only_reads = (handle->flags & O_ACCMODE) == O_RDONLY;
+  handle->noflush = only_reads ? 1 : 0;
+  handle->keep_cache = only_reads && StoreAhead(node, *file) ? 1 : 0;
+  if (handle->keep_cache == 0) prefetch_.Forget(file->path);
+  handle->fh = open_files_.Open(node);
+  pass.unlock();
+  const bool is_ahead = handle->keep_cache != 0;
+  if (fuse_reply_open(request, handle) != 0) open_files_.Close(handle->fh);
+  if (is_ahead) prefetch_.ReadToItsEnd(file->path);
+}
+
+/// Puts a content that was read ahead into the kernel's cache, where it costs no more requests.
+/// Nobody else may have the file open, for the kernel's cache would be newer after a write.
+bool FuseMount::StoreAhead(fuse_ino_t node, const NodeTable::File& file) {
+  if (open_files_.IsOpen(node)) return false;
+  return prefetch_.Take(file.path, file.attributes, [&](std::string_view content) {
+    fuse_bufvec buffer = FUSE_BUFVEC_INIT(content.size());
+    buffer.buf[0].mem = const_cast<char*>(content.data());
+    return fuse_lowlevel_notify_store(fuse_.get(), node, 0, &buffer, {}) == 0;
+  });
+}
+
+void FuseMount::Write(fuse_req_t request, fuse_ino_t node, const char* data, size_t size,
+                      off_t offset, fuse_file_info* handle) {
+  // The kernel writes pages of mapped files in its own name, when nobody can be told any more.
+  if (handle->writepage == 0) {
+    if (const int error = open_files_.TakeFailure(handle->fh); error != 0) {
+      return void(fuse_reply_err(request, error));
+    }
+    if (gathers_writes_ && Gather(request, node, {data, size}, offset)) return;
+  }
+  writes_.Drain(node);
+  const auto pass = Enter();
+  const auto file = nodes_.Find(node);
+  if (!file) return void(fuse_reply_err(request, ESTALE));
+  const ModeGuard access(files_, file->path, file->attributes.st_mode);
+  const int64_t end = offset + static_cast<int64_t>(size);
+  files_.Write(file->path, offset, {data, size},
+               [this, request, node, path = file->path, size, end](Outcome outcome) {
+                 if (outcome == Outcome::kDone) return ReplyWritten(request, node, size, end);
+                 ReplyFailure(request, outcome, {.kind = Kind::kWrite, .path = path, .end = end});
+               });
+}
+
+bool FuseMount::Gather(fuse_req_t request, fuse_ino_t node, std::string_view data, off_t offset) {
+  const auto pass = gate_.Enter();
+  const auto file = nodes_.Find(node);
+  if (!file || ModeGuard::IsLackingIn(file->attributes.st_mode)) return false;
+  if (!writes_.Add(node, offset, data)) return false;
+  ReplyWritten(request, node, data.size(), offset + static_cast<int64_t>(data.size()));
+  return true;
+}
+
+void FuseMount::ReplyWritten(fuse_req_t request, fuse_ino_t node, size_t size, int64_t end) {
+  nodes_.Grow(node, end);
+  open_files_.NoteWrite(node);
+  ++changes_;
+  fuse_reply_write(request, size);
+}
+
+void FuseMount::Flush(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle) {
+  writes_.Drain(node);
+  if (const int error = open_files_.TakeFailure(handle->fh); error != 0) {
+    return void(fuse_reply_err(request, error));
+  }
+  const auto pass = Enter();
+  const auto file = nodes_.Find(node);
+  if (!file || !open_files_.IsWritten(node)) return void(fuse_reply_err(request, 0));
+  files_.Flush(file->path, [request](Outcome outcome) {
+    fuse_reply_err(request, outcome == Outcome::kDone ? 0 : EIO);
+  });
+}
+
+void FuseMount::Sync(fuse_req_t request, fuse_ino_t node, int /*data_only*/,
+                     fuse_file_info* handle) {
+  writes_.Drain(node);
+  if (const int error = open_files_.TakeFailure(handle->fh); error != 0) {
+    return void(fuse_reply_err(request, error));
+  }
+  const auto pass = Enter();
+  const auto file = nodes_.Find(node);
+  if (!file) return void(fuse_reply_err(request, ESTALE));
+  const ModeGuard access(files_, file->path, file->attributes.st_mode);
+  files_.Sync(file->path, [this, request, path = file->path](Outcome outcome) {
+    if (outcome == Outcome::kDone) return void(fuse_reply_err(request, 0));
+    ReplyFailure(request, outcome, {.kind = Kind::kSync, .path = path});
+  });
+}
+
+void FuseMount::Release(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle) {
+  const auto pass = Enter();
+  const auto [is_last, is_written] = open_files_.Close(handle->fh);
+  const auto file = nodes_.Find(node);
+  const auto done = [request](Outcome) { fuse_reply_err(request, 0); };
+  if (file && file->is_hidden && is_last) {
+    files_.Unlink(file->path, done);
+  } else if (file && is_written) {
+    const ModeGuard access(files_, file->path, file->attributes.st_mode);
+    files_.Release(file->path, done);
+  } else {
+    fuse_reply_err(request, 0);
+  }
+}
+
+/// The last thing that a change of attributes could not do.
+struct FuseMount::AttributeChange {
+  Outcome outcome = Outcome::kDone;
+  Attempt attempt = {};
+};
+
+/// Times are taken and not set: the protocol cannot, and tar, cp -p, rsync or touch would fail.
+void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
+                              fuse_file_info* /*handle*/) {
+  constexpr int kOwner = FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID;
+  if ((which & FUSE_SET_ATTR_SIZE) != 0) writes_.Drain(node);
+  const auto pass = Enter();
+  const auto file = nodes_.Find(node);
+  if (!file) return void(fuse_reply_err(request, ESTALE));
+  const auto& path = file->path;
+  const bool sets_mode = (which & FUSE_SET_ATTR_MODE) != 0;
+  const bool sets_owner = (which & kOwner) != 0;
+  // The disk's side would follow the link.
+  if (S_ISLNK(file->attributes.st_mode) && (sets_mode || sets_owner)) {
+    return void(fuse_reply_err(request, ENOTSUP));
+  }
+
+  const auto change = std::make_shared<AttributeChange>();
+  const auto keep_failure = [change, path](Kind kind, int64_t end) {
+    return [change, attempt = Attempt{.kind = kind, .path = path, .end = end}](Outcome outcome) {
+      if (outcome != Outcome::kDone) *change = {.outcome = outcome, .attempt = attempt};
+    };
+  };
+  if (sets_owner) {
+    files_.ChangeOwner(path, (which & FUSE_SET_ATTR_UID) != 0 ? wanted->st_uid : ~0U,
+                       (which & FUSE_SET_ATTR_GID) != 0 ? wanted->st_gid : ~0U,
+                       keep_failure(Kind::kChangeAttributes, 0));
+  }
+  if (sets_mode) {
+    files_.ChangeMode(path, wanted->st_mode, keep_failure(Kind::kChangeAttributes, 0));
+    nodes_.SetMode(node, wanted->st_mode);  // what is sent behind it finds the file so
+  }
+  const int64_t size = wanted->st_size;
+  if ((which & FUSE_SET_ATTR_SIZE) != 0) {
+    open_files_.NoteWrite(node);
+    if (!TakesSize(path, size)) {
+      return SetLargeSize(files_, path, size,
+                          [this, request, node, file = *file, change](int error) {
+                            if (error != 0) return void(fuse_reply_err(request, error));
+                            ReplyChangedAttributes(request, node, file, change);
+                          });
+    }
+    const ModeGuard access(files_, path, sets_mode ? wanted->st_mode : file->attributes.st_mode);
+    files_.Truncate(path, static_cast<uint64_t>(size), keep_failure(Kind::kWrite, size));
+  }
+  ReplyChangedAttributes(request, node, *file, change);
+}
+
+/// Asks for the attributes behind the changes that are under way.
+void FuseMount::ReplyChangedAttributes(fuse_req_t request, fuse_ino_t node,
+                                       const NodeTable::File& file,
+                                       const std::shared_ptr<AttributeChange>& change) {
+  files_.GetAttributes(file.path, [this, request, node, is_hidden = file.is_hidden,
+                                   change](const Result<udisk_stat>& result) {
+    ++changes_;
+    if (change->outcome != Outcome::kDone) {
+      if (result.error == 0) nodes_.Update(node, result.value);
+      return ReplyFailure(request, change->outcome, change->attempt);
+    }
+    ReplyAttributes(request, node, is_hidden, result);
+  });
+}
+
+void FuseMount::ReplyFailure(fuse_req_t request, Outcome outcome, Attempt attempt) {
+  FindFailureReason(files_, outcome, std::move(attempt),
+                    [request](int error) { fuse_reply_err(request, error); });
+}
+
+void FuseMount::ReplyDone(fuse_req_t request) {
+  ++changes_;
+  fuse_reply_err(request, 0);
+}
+
+}  // namespace cpd::host

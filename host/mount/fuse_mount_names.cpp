@@ -1,0 +1,306 @@
+// The mount's names: making, linking, renaming and removing them.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "mount/fuse_mount.h"
+#include "mount/fuse_reply.h"
+#include "remote/attributes.h"
+#include "remote/hidden_name.h"
+#include "remote/paths.h"
+
+namespace cpd::host {
+
+using Kind = Attempt::Kind;
+
+namespace {
+
+constexpr uint32_t kAccess = S_IRWXU | S_IRWXG | S_IRWXO;
+
+}  // namespace
+
+// ---- Making ----
+
+/// A name that is being made, up to the answer to the kernel.
+struct FuseMount::Making {
+  fuse_req_t request;
+  Attempt attempt;
+  NodeTable::Id parent;
+  std::string path;  ///< of the new name
+  std::string name;
+  std::optional<uint32_t> mode;  ///< still to be seen to
+  std::function<int(const fuse_entry_param& entry)> reply;
+  Outcome outcome = Outcome::kDone;
+};
+
+void FuseMount::Create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
+                       fuse_file_info* handle) {
+  MakeFile(request, parent, name, mode,
+           [this, request, handle = *handle](const fuse_entry_param& entry) mutable {
+             handle.fh = open_files_.Open(entry.ino);
+             const int error = fuse_reply_create(request, &entry, &handle);
+             if (error != 0) open_files_.Close(handle.fh);
+             return error;
+           });
+}
+
+void FuseMount::MakeNode(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
+                         dev_t /*device*/) {
+  if (!S_ISREG(mode)) return void(fuse_reply_err(request, ENOTSUP));
+  MakeFile(request, parent, name, mode,
+           [request](const fuse_entry_param& entry) { return fuse_reply_entry(request, &entry); });
+}
+
+void FuseMount::MakeFile(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
+                         std::function<int(const fuse_entry_param& entry)> reply) {
+  const auto pass = Enter();
+  const auto path = nodes_.ChildPath(parent, name);
+  if (!path) return void(fuse_reply_err(request, ESTALE));
+  const auto making =
+      std::make_shared<Making>(Making{.request = request,
+                                      .attempt = {.kind = Kind::kMakeFile, .path = *path},
+                                      .parent = parent,
+                                      .path = *path,
+                                      .name = name,
+                                      .mode = mode & kPermissions,
+                                      .reply = std::move(reply)});
+  files_.Create(*path, mode & kPermissions,
+                [making](Outcome outcome) { making->outcome = outcome; });
+  ShowMade(making);
+}
+
+void FuseMount::MakeDirectory(fuse_req_t request, fuse_ino_t parent, const char* name,
+                              mode_t mode) {
+  const auto pass = Enter();
+  const auto path = nodes_.ChildPath(parent, name);
+  if (!path) return void(fuse_reply_err(request, ESTALE));
+  const auto making =
+      std::make_shared<Making>(Making{.request = request,
+                                      .attempt = {.kind = Kind::kMakeDirectory, .path = *path},
+                                      .parent = parent,
+                                      .path = *path,
+                                      .name = name,
+                                      .mode = mode & kPermissions,
+                                      .reply = [request](const fuse_entry_param& entry) {
+                                        return fuse_reply_entry(request, &entry);
+                                      }});
+  const auto keep_outcome = [making](Outcome outcome) { making->outcome = outcome; };
+  if (path->find('\\') == std::string::npos) {
+    files_.MakeDirectory(*path, mode & kPermissions, keep_outcome);
+  } else {
+    // The request that makes directories would take the backslash for a separator; a rename does
+    // not. If that fails, nothing may stay.
+    const std::string passing = '/' + HiddenName();
+    files_.MakeDirectory(passing, mode & kPermissions, [](Outcome) {});
+    files_.Rename(passing, *path, keep_outcome);
+    files_.RemoveDirectory(passing, [](Outcome) {});
+  }
+  ShowMade(making);
+}
+
+void FuseMount::Link(fuse_req_t request, fuse_ino_t node, fuse_ino_t new_parent,
+                     const char* new_name) {
+  const auto pass = Enter();
+  const auto file = nodes_.Find(node);
+  const auto new_path = nodes_.ChildPath(new_parent, new_name);
+  if (!file || !new_path) return void(fuse_reply_err(request, ESTALE));
+  const auto making = std::make_shared<Making>(
+      Making{.request = request,
+             .attempt = {.kind = Kind::kLink, .path = file->path, .new_path = *new_path},
+             .parent = new_parent,
+             .path = *new_path,
+             .name = new_name,
+             .mode = std::nullopt,
+             .reply = [request](const fuse_entry_param& entry) {
+               return fuse_reply_entry(request, &entry);
+             }});
+  files_.Link(file->path, *new_path, [making](Outcome outcome) { making->outcome = outcome; });
+  ShowMade(making);
+}
+
+void FuseMount::MakeSymbolicLink(fuse_req_t request, const char* /*target*/, fuse_ino_t /*parent*/,
+                                 const char* /*name*/) {
+  fuse_reply_err(request, ENOTSUP);
+}
+
+/// Asks for the attributes of what is being made, and gives it the mode that was wanted where the
+/// umask of the disk's side left another.
+void FuseMount::ShowMade(const std::shared_ptr<Making>& making) {
+  files_.GetAttributes(making->path, [this, making](const Result<udisk_stat>& result) {
+    if (making->outcome != Outcome::kDone) {
+      return ReplyFailure(making->request, making->outcome, making->attempt);
+    }
+    if (result.error != 0) return void(fuse_reply_err(making->request, result.error));
+    const uint32_t mode = result.value.st_mode;
+    const auto wanted = std::exchange(making->mode, std::nullopt);
+    if (wanted && ((mode ^ *wanted) & kAccess) != 0) {
+      files_.ChangeMode(making->path, (mode & kPermissions & ~kAccess) | *wanted, [](Outcome) {});
+      return ShowMade(making);
+    }
+    const auto entry =
+        ToEntry(nodes_.Lookup(making->parent, making->name, result.value), result.value);
+    ++changes_;
+    if (making->reply(entry) != 0) nodes_.Forget(entry.ino, 1);
+  });
+}
+
+// ---- Removing ----
+
+void FuseMount::Unlink(fuse_req_t request, fuse_ino_t parent, const char* name) {
+  const auto move = BeginMove();
+  const auto path = nodes_.ChildPath(parent, name);
+  if (!path) return void(fuse_reply_err(request, ESTALE));
+  if (const auto node = nodes_.NodeIfOnlyName(parent, name); node && open_files_.IsOpen(*node)) {
+    return Hide(request, parent, name, move);
+  }
+  files_.Unlink(*path, [this, move, request, parent, name = std::string(name),
+                        path = *path](Outcome outcome) {
+    if (outcome != Outcome::kDone) {
+      return ReplyFailure(request, outcome, {.kind = Kind::kUnlink, .path = path});
+    }
+    nodes_.Unlink(parent, name);
+    ReplyDone(request);
+  });
+}
+
+/// Programs that have a file open keep it when its last name goes: on the disk it gets a name that
+/// nobody is shown, until the last of them closes it.
+void FuseMount::Hide(fuse_req_t request, fuse_ino_t parent, const std::string& name,
+                     const RenameGate::Move& move) {
+  const auto hidden_name = HiddenName();
+  const auto path = nodes_.ChildPath(parent, name);
+  const auto hidden_path = nodes_.ChildPath(parent, hidden_name);
+  files_.Rename(*path, *hidden_path,
+                [this, move, request, parent, name, hidden_name, path = *path](Outcome outcome) {
+                  if (outcome != Outcome::kDone) {
+                    return ReplyFailure(request, outcome, {.kind = Kind::kUnlink, .path = path});
+                  }
+                  nodes_.Hide(parent, name, hidden_name);
+                  ReplyDone(request);
+                });
+}
+
+void FuseMount::RemoveDirectory(fuse_req_t request, fuse_ino_t parent, const char* name) {
+  const auto move = BeginMove();
+  const auto path = nodes_.ChildPath(parent, name);
+  if (!path) return void(fuse_reply_err(request, ESTALE));
+  LiftHiddenFiles(parent, name, move);
+  files_.RemoveDirectory(*path, [this, move, request, parent, name = std::string(name),
+                                 path = *path](Outcome outcome) {
+    if (outcome != Outcome::kDone) {
+      return ReplyFailure(request, outcome, {.kind = Kind::kRemoveDirectory, .path = path});
+    }
+    nodes_.Unlink(parent, name);
+    ReplyDone(request);
+  });
+}
+
+/// Moves hidden files to the directory above, so that they do not keep theirs from being removed.
+void FuseMount::LiftHiddenFiles(fuse_ino_t parent, const std::string& name,
+                                const RenameGate::Move& move) {
+  const auto directory = nodes_.NodeIfOnlyName(parent, name);
+  if (!directory) return;
+  for (const auto& hidden : nodes_.HiddenNames(*directory)) {
+    const auto path = nodes_.ChildPath(*directory, hidden);
+    const auto lifted_path = nodes_.ChildPath(parent, hidden);
+    files_.Rename(*path, *lifted_path,
+                  [this, move, parent, directory = *directory, hidden](Outcome outcome) {
+                    if (outcome == Outcome::kDone) nodes_.Rename(directory, hidden, parent, hidden);
+                  });
+  }
+}
+
+/// For the end, when nobody can have them open any more.
+void FuseMount::RemoveHiddenFiles() {
+  for (const auto& path : nodes_.HiddenPaths()) files_.Unlink(path, [](Outcome) {});
+}
+
+// ---- Renaming ----
+
+struct FuseMount::Renaming {
+  fuse_req_t request;
+  RenameGate::Move move;
+  NodeTable::Id parent;
+  std::string name;
+  NodeTable::Id new_parent;
+  std::string new_name;
+  std::string path;
+  std::string new_path;
+  /// Where the file that is replaced is kept for those who have it open; empty when nobody has.
+  std::string hidden_path = {};
+  bool is_linked = false;  ///< and it has its old name, too, until it is replaced
+};
+
+void FuseMount::Rename(fuse_req_t request, fuse_ino_t parent, const char* name,
+                       fuse_ino_t new_parent, const char* new_name, unsigned flags) {
+  // Neither an exchange nor a rename that never replaces is in the protocol.
+  if (flags != 0) return void(fuse_reply_err(request, EINVAL));
+  auto move = BeginMove();
+  const auto path = nodes_.ChildPath(parent, name);
+  const auto new_path = nodes_.ChildPath(new_parent, new_name);
+  if (!path || !new_path) return void(fuse_reply_err(request, ESTALE));
+  const auto renaming = std::make_shared<Renaming>(Renaming{.request = request,
+                                                            .move = std::move(move),
+                                                            .parent = parent,
+                                                            .name = name,
+                                                            .new_parent = new_parent,
+                                                            .new_name = new_name,
+                                                            .path = *path,
+                                                            .new_path = *new_path});
+  const auto target = nodes_.NodeIfOnlyName(new_parent, new_name);
+  if (target && open_files_.IsOpen(*target)) return HideTarget(renaming);
+  FinishRename(renaming);
+}
+
+/// Keeps the file that is to be replaced for those who have it open. A hard link leaves the new
+/// name in its place, so that at no time it stands for nothing; where the disk has no hard links,
+/// the file is moved out of the way.
+void FuseMount::HideTarget(const std::shared_ptr<Renaming>& renaming) {
+  const auto hidden_name = HiddenName();
+  auto hidden_path = nodes_.ChildPath(renaming->new_parent, hidden_name);
+  if (!hidden_path) return void(fuse_reply_err(renaming->request, ESTALE));
+  renaming->hidden_path = *std::move(hidden_path);
+  const auto go_on = [this, renaming, hidden_name] {
+    nodes_.Hide(renaming->new_parent, renaming->new_name, hidden_name);
+    FinishRename(renaming);
+  };
+  files_.Link(renaming->new_path, renaming->hidden_path, [this, renaming, go_on](Outcome linked) {
+    renaming->is_linked = linked == Outcome::kDone;
+    if (renaming->is_linked) return go_on();
+    files_.Rename(renaming->new_path, renaming->hidden_path,
+                  [this, renaming, go_on](Outcome moved) {
+                    if (moved == Outcome::kDone) return go_on();
+                    ReplyFailure(renaming->request, moved,
+                                 {.kind = Kind::kUnlink, .path = renaming->new_path});
+                  });
+  });
+}
+
+void FuseMount::FinishRename(const std::shared_ptr<Renaming>& renaming) {
+  files_.Rename(renaming->path, renaming->new_path, [this, renaming](Outcome outcome) {
+    if (outcome == Outcome::kDone) {
+      nodes_.Rename(renaming->parent, renaming->name, renaming->new_parent, renaming->new_name);
+      return ReplyDone(renaming->request);
+    }
+    if (!renaming->hidden_path.empty()) UndoHiding(*renaming);
+    ReplyFailure(renaming->request, outcome,
+                 {.kind = Kind::kRename, .path = renaming->path, .new_path = renaming->new_path});
+  });
+}
+
+void FuseMount::UndoHiding(const Renaming& renaming) {
+  const std::string hidden_name(NameOf(renaming.hidden_path));
+  if (renaming.is_linked) {
+    files_.Unlink(renaming.hidden_path, [](Outcome) {});
+  } else {
+    files_.Rename(renaming.hidden_path, renaming.new_path, [](Outcome) {});
+  }
+  nodes_.Show(renaming.new_parent, hidden_name, renaming.new_name);
+}
+
+}  // namespace cpd::host

@@ -1,0 +1,204 @@
+#include "mount/gathered_writes.h"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "remote/failure_reason.h"
+
+namespace cpd::host {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kLongestWait = 3ms;
+constexpr size_t kLargestPiece = 4 << 10;
+constexpr size_t kMostPieces = 256;
+constexpr size_t kMostBytes = 256 << 10;
+// Beyond it writers wait for the disk.
+constexpr size_t kMostSentBytes = 2 << 20;
+
+void Append(std::string* pieces, int64_t offset, std::string_view data) {
+  const WritePieceHead head{.offset = offset, .length = static_cast<int32_t>(data.size())};
+  pieces->append(reinterpret_cast<const char*>(&head), sizeof head);
+  pieces->append(data);
+}
+
+/// Adds data to the piece that begins at `place` and ends the pieces.
+void Extend(std::string* pieces, size_t place, std::string_view data) {
+  WritePieceHead head{};
+  std::memcpy(&head, pieces->data() + place, sizeof head);
+  head.length += static_cast<int32_t>(data.size());
+  std::memcpy(pieces->data() + place, &head, sizeof head);
+  pieces->append(data);
+}
+
+struct Piece {
+  int64_t offset;
+  std::string_view data;
+};
+
+std::vector<Piece> Split(std::string_view pieces) {
+  std::vector<Piece> split;
+  while (!pieces.empty()) {
+    WritePieceHead head{};
+    std::memcpy(&head, pieces.data(), sizeof head);
+    const auto length = static_cast<size_t>(head.length);
+    split.push_back({.offset = head.offset, .data = pieces.substr(sizeof head, length)});
+    pieces.remove_prefix(sizeof head + length);
+  }
+  return split;
+}
+
+}  // namespace
+
+GatheredWrites::GatheredWrites(RemoteFiles& files, const NodeTable& nodes, RenameGate& gate,
+                               Failed failed)
+    : files_(files),
+      nodes_(nodes),
+      gate_(gate),
+      failed_(std::move(failed)),
+      sender_([this](const std::stop_token& stop) { SendInTime(stop); }) {}
+
+bool GatheredWrites::Add(NodeTable::Id node, int64_t offset, std::string_view data) {
+  if (data.size() > kLargestPiece) return false;
+  std::unique_lock lock(mutex_);
+  auto& file = gathering_[node];
+  if (file.sent_bytes > kMostSentBytes) return false;
+  if (file.count > 0 && offset == file.end) {
+    Extend(&file.gathered, file.last_piece, data);
+  } else {
+    file.last_piece = file.gathered.size();
+    Append(&file.gathered, offset, data);
+    ++file.count;
+  }
+  file.end = offset + static_cast<int64_t>(data.size());
+  if (!has_gathered_) {
+    has_gathered_ = true;
+    due_ = Clock::now() + kLongestWait;
+    changed_.notify_all();
+  }
+  const bool is_full = file.count >= kMostPieces || file.gathered.size() >= kMostBytes;
+  lock.unlock();
+  if (is_full) SendFile(node);
+  return true;
+}
+
+void GatheredWrites::Send() {
+  std::vector<NodeTable::Id> nodes;
+  {
+    const std::lock_guard lock(mutex_);
+    if (!has_gathered_) return;
+    has_gathered_ = false;
+    for (const auto& [node, file] : gathering_) {
+      if (file.count > 0) nodes.push_back(node);
+    }
+  }
+  for (const auto node : nodes) SendFile(node);
+}
+
+void GatheredWrites::SendFile(NodeTable::Id node) {
+  Pieces pieces;
+  {
+    const std::lock_guard lock(mutex_);
+    auto& file = gathering_[node];
+    pieces = std::make_shared<const std::string>(std::exchange(file.gathered, {}));
+    file.count = 0;
+    file.sent_bytes += pieces->size();
+    ++file.unanswered;
+  }
+  const auto done = [this, node, pieces](Outcome outcome) { HandleAnswer(node, pieces, outcome); };
+  const auto file = nodes_.Find(node);
+  if (!file) return done(Outcome::kRefused);
+  files_.WriteBatch(file->path, *pieces, done);
+}
+
+void GatheredWrites::HandleAnswer(NodeTable::Id node, const Pieces& pieces, Outcome outcome) {
+  bool writes_again = false;
+  {
+    const std::lock_guard lock(mutex_);
+    auto& file = gathering_[node];
+    file.is_rewriting |= outcome == Outcome::kRefused;
+    writes_again = file.is_rewriting && outcome != Outcome::kUnanswered;
+  }
+  if (writes_again) WriteAgain(node, pieces);
+  if (outcome == Outcome::kUnanswered) failed_(node, EIO);
+  CountAnswer(node, pieces->size());
+}
+
+void GatheredWrites::WriteAgain(NodeTable::Id node, const Pieces& pieces) {
+  const auto file = nodes_.Find(node);
+  if (!file) return failed_(node, ESTALE);
+  for (const auto& [offset, data] : Split(*pieces)) {
+    {
+      const std::lock_guard lock(mutex_);
+      ++gathering_[node].unanswered;
+    }
+    const int64_t end = offset + static_cast<int64_t>(data.size());
+    files_.Write(file->path, offset, data, [this, node, path = file->path, end](Outcome outcome) {
+      HandleSecondAnswer(node, path, end, outcome);
+    });
+  }
+}
+
+void GatheredWrites::HandleSecondAnswer(NodeTable::Id node, const std::string& path, int64_t end,
+                                        Outcome outcome) {
+  if (outcome == Outcome::kDone) return CountAnswer(node, 0);
+  FindFailureReason(files_, outcome, {.kind = Attempt::Kind::kWrite, .path = path, .end = end},
+                    [this, node](int error) {
+                      failed_(node, error);
+                      CountAnswer(node, 0);
+                    });
+}
+
+void GatheredWrites::CountAnswer(NodeTable::Id node, size_t bytes) {
+  const std::lock_guard lock(mutex_);
+  const auto entry = gathering_.find(node);
+  auto& file = entry->second;
+  file.sent_bytes -= bytes;
+  if (--file.unanswered > 0) return;
+  file.is_rewriting = false;
+  if (file.count == 0) gathering_.erase(entry);
+  changed_.notify_all();
+}
+
+void GatheredWrites::Drain(NodeTable::Id node) {
+  {
+    const auto pass = gate_.Enter();
+    Send();
+  }
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [&] {
+    const auto file = gathering_.find(node);
+    return file == gathering_.end() || file->second.unanswered == 0;
+  });
+}
+
+void GatheredWrites::Drain() {
+  {
+    const auto pass = gate_.Enter();
+    Send();
+  }
+  AwaitAnswers();
+}
+
+void GatheredWrites::AwaitAnswers() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [this] { return gathering_.empty(); });
+}
+
+void GatheredWrites::SendInTime(const std::stop_token& stop) {
+  while (!stop.stop_requested()) {
+    {
+      std::unique_lock lock(mutex_);
+      if (!changed_.wait(lock, stop, [this] { return has_gathered_; })) return;
+      const auto due = due_;
+      changed_.wait_until(lock, stop, due, [] { return false; });
+    }
+    const auto pass = gate_.Enter();
+    Send();
+  }
+}
+
+}  // namespace cpd::host

@@ -1,0 +1,218 @@
+#include "mount/node_table.h"
+
+#include <sys/stat.h>
+
+#include <utility>
+
+#include "remote/attributes.h"
+
+namespace cpd::host {
+namespace {
+
+/// Whether what a name stands for is what it stood for before. A directory's inode does not matter,
+/// since all that counts of it are the names in it. Nor does a file's, as long as nothing else
+/// changed: file systems without inodes of their own, such as FAT, number files anew at times.
+bool IsSameFile(const udisk_stat& before, const udisk_stat& now) {
+  if (((before.st_mode ^ now.st_mode) & S_IFMT) != 0) return false;
+  if (S_ISDIR(now.st_mode)) return true;
+  if (before.st_dev == now.st_dev && before.st_ino == now.st_ino) return true;
+  return before.st_size == now.st_size && IsSameTime(before.st_mtim, now.st_mtim);
+}
+
+}  // namespace
+
+NodeTable::Id NodeTable::Lookup(Id parent, const std::string& name, const udisk_stat& attributes) {
+  const std::lock_guard lock(mutex_);
+  const Id id = FindOrMakeLocked({parent, name}, attributes);
+  ++nodes_.at(id).references;
+  SetAttributesLocked(id, attributes);
+  return id;
+}
+
+NodeTable::Id NodeTable::FindOrMakeLocked(const Name& name, const udisk_stat& attributes) {
+  if (const auto child = children_.find(name); child != children_.end()) {
+    const Id id = child->second;
+    if (IsSameFile(nodes_.at(id).attributes, attributes)) return id;
+    RemoveNameLocked(name);
+  }
+  Id id = 0;
+  if (const auto link = files_.find(InodeOf(attributes));
+      attributes.st_nlink > 1 && !S_ISDIR(attributes.st_mode) && link != files_.end()) {
+    id = link->second;
+  } else {
+    id = ++last_;
+    nodes_.emplace(id, Node{.names = {}, .references = 0, .attributes = attributes});
+  }
+  AddNameLocked(id, name);
+  return id;
+}
+
+void NodeTable::SetAttributesLocked(Id id, const udisk_stat& attributes) {
+  auto& node = nodes_.at(id);
+  const auto before = files_.find(InodeOf(node.attributes));
+  if (before != files_.end() && before->second == id) files_.erase(before);
+  node.attributes = attributes;
+  if (!S_ISDIR(attributes.st_mode)) files_[InodeOf(attributes)] = id;
+}
+
+void NodeTable::AddNameLocked(Id id, const Name& name) {
+  children_[name] = id;
+  ++nodes_.at(name.first).references;
+  auto& names = nodes_.at(id).names;
+  names.insert(names.begin(), name);
+}
+
+void NodeTable::RemoveNameLocked(const Name& name) {
+  const auto child = children_.find(name);
+  if (child == children_.end()) return;
+  std::erase(nodes_.at(child->second).names, name);
+  children_.erase(child);
+  DropReferencesLocked(name.first, 1);
+}
+
+void NodeTable::Forget(Id id, uint64_t references) {
+  const std::lock_guard lock(mutex_);
+  DropReferencesLocked(id, references);
+}
+
+// A node that goes gives up its names, and with them references to its parents. The root stays.
+void NodeTable::DropReferencesLocked(Id id, uint64_t references) {
+  const auto node = nodes_.find(id);
+  if (id == kRoot || node == nodes_.end()) return;
+  if (node->second.references > references) {
+    node->second.references -= references;
+    return;
+  }
+  const Node gone = std::move(node->second);
+  nodes_.erase(node);
+  const auto file = files_.find(InodeOf(gone.attributes));
+  if (file != files_.end() && file->second == id) files_.erase(file);
+  for (const auto& name : gone.names) {
+    children_.erase(name);
+    DropReferencesLocked(name.first, 1);
+  }
+}
+
+bool NodeTable::Update(Id id, const udisk_stat& attributes) {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  if (node == nodes_.end()) return true;
+  if (id != kRoot && !IsSameFile(node->second.attributes, attributes)) {
+    if (!node->second.names.empty()) RemoveNameLocked(Name(node->second.names.front()));
+    return false;
+  }
+  SetAttributesLocked(id, attributes);
+  return true;
+}
+
+void NodeTable::Grow(Id id, int64_t size) {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  if (node == nodes_.end()) return;
+  auto& attributes = node->second.attributes;
+  if (attributes.st_size < size) attributes.st_size = size;
+}
+
+void NodeTable::SetMode(Id id, uint32_t mode) {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  if (node == nodes_.end()) return;
+  auto& attributes = node->second.attributes;
+  attributes.st_mode = (attributes.st_mode & S_IFMT) | (mode & kPermissions);
+}
+
+std::optional<NodeTable::File> NodeTable::Find(Id id) const {
+  const std::lock_guard lock(mutex_);
+  auto path = PathLocked(id);
+  if (!path) return std::nullopt;
+  const auto& node = nodes_.at(id);
+  return File{.path = id == kRoot ? "/" : std::move(*path),
+              .attributes = node.attributes,
+              .is_hidden = node.is_hidden};
+}
+
+std::optional<std::string> NodeTable::ChildPath(Id parent, const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  auto path = PathLocked(parent);
+  if (path) *path += '/' + name;
+  return path;
+}
+
+std::optional<NodeTable::Id> NodeTable::NodeIfOnlyName(Id parent, const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  const auto child = children_.find({parent, name});
+  if (child == children_.end() || nodes_.at(child->second).names.size() > 1) return std::nullopt;
+  return child->second;
+}
+
+std::vector<std::string> NodeTable::HiddenNames(Id directory) const {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::string> names;
+  for (auto child = children_.lower_bound({directory, ""});
+       child != children_.end() && child->first.first == directory; ++child) {
+    if (nodes_.at(child->second).is_hidden) names.push_back(child->first.second);
+  }
+  return names;
+}
+
+bool NodeTable::IsHidden(Id parent, const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  const auto child = children_.find({parent, name});
+  return child != children_.end() && nodes_.at(child->second).is_hidden;
+}
+
+void NodeTable::Unlink(Id parent, const std::string& name) {
+  const std::lock_guard lock(mutex_);
+  RemoveNameLocked({parent, name});
+}
+
+void NodeTable::Rename(Id parent, const std::string& name, Id new_parent,
+                       const std::string& new_name) {
+  const std::lock_guard lock(mutex_);
+  RenameLocked({parent, name}, {new_parent, new_name});
+}
+
+void NodeTable::RenameLocked(const Name& name, const Name& new_name) {
+  RemoveNameLocked(new_name);
+  const auto child = children_.find(name);
+  if (child == children_.end()) return;
+  AddNameLocked(child->second, new_name);
+  RemoveNameLocked(name);
+}
+
+void NodeTable::Hide(Id parent, const std::string& name, const std::string& hidden_name) {
+  const std::lock_guard lock(mutex_);
+  RenameLocked({parent, name}, {parent, hidden_name});
+  const auto child = children_.find({parent, hidden_name});
+  if (child != children_.end()) nodes_.at(child->second).is_hidden = true;
+}
+
+void NodeTable::Show(Id parent, const std::string& hidden_name, const std::string& name) {
+  const std::lock_guard lock(mutex_);
+  RenameLocked({parent, hidden_name}, {parent, name});
+  const auto child = children_.find({parent, name});
+  if (child != children_.end()) nodes_.at(child->second).is_hidden = false;
+}
+
+std::vector<std::string> NodeTable::HiddenPaths() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::string> paths;
+  for (const auto& [id, node] : nodes_) {
+    if (!node.is_hidden) continue;
+    if (auto path = PathLocked(id)) paths.push_back(std::move(*path));
+  }
+  return paths;
+}
+
+// The root's own is empty. There is none for a node without a name, nor for those below.
+std::optional<std::string> NodeTable::PathLocked(Id id) const {
+  if (id == kRoot) return std::string();
+  const auto node = nodes_.find(id);
+  if (node == nodes_.end() || node->second.names.empty()) return std::nullopt;
+  const auto& [parent, name] = node->second.names.front();
+  auto path = PathLocked(parent);
+  if (path) *path += '/' + name;
+  return path;
+}
+
+}  // namespace cpd::host

@@ -1,0 +1,144 @@
+#include "mount/prefetch.h"
+
+#include <algorithm>
+
+#include "remote/attributes.h"
+#include "remote/paths.h"
+
+namespace cpd::host {
+namespace {
+
+constexpr size_t kMostRuns = 16;
+constexpr size_t kMostEntries = 200'000;  // of all their listings
+constexpr size_t kMostBatches = 8;        // of 1 MiB at most
+
+/// A file with several names changes by requests that do not name this one.
+bool IsAsListed(const udisk_stat& known, const udisk_stat& listed) {
+  return known.st_ino == listed.st_ino && known.st_nlink == 1 && known.st_size == listed.st_size &&
+         IsSameTime(known.st_mtim, listed.st_mtim);
+}
+
+}  // namespace
+
+void Prefetch::Listed(const std::string& directory, SharedListing listing) {
+  if (!enabled_) return;
+  const std::lock_guard lock(mutex_);
+  runs_.remove_if([&](const auto& run) { return run.first == directory; });
+  runs_.emplace_front(directory, ReadingRun(std::move(listing)));
+  const auto entries = [this] {
+    size_t count = 0;
+    for (const auto& run : runs_) count += run.second.entries();
+    return count;
+  };
+  while (runs_.size() > kMostRuns || entries() > kMostEntries) runs_.pop_back();
+}
+
+void Prefetch::ReadToItsEnd(const std::string& path) {
+  if (!enabled_) return;
+  const auto directory = DirectoryOf(path);
+  std::shared_ptr<Batch> batch;
+  {
+    const std::lock_guard lock(mutex_);
+    auto* run = FindRun(directory);
+    if (run == nullptr) return;
+    run->Step(NameOf(path));
+    DropStale();
+    if (batches_.size() >= kMostBatches) DropOldest();
+    batch = Reserve(directory, run->NextBatch());
+  }
+  if (batch == nullptr) return;
+  files_.ReadSmallFiles(batch->files, [this, batch](Result<SmallFilesData> result) {
+    TakeAnswer(batch, std::move(result));
+  });
+}
+
+/// @return null when there is nothing to ask for
+std::shared_ptr<Prefetch::Batch> Prefetch::Reserve(const std::string& directory,
+                                                   const std::vector<ReadingRun::File>& files) {
+  auto batch = std::make_shared<Batch>();
+  for (const auto& [attributes, name] : files) {
+    auto path = JoinPath(directory, name);
+    if (!places_.try_emplace(path, Place{batch, batch->files.size()}).second) continue;
+    // One byte more than was listed shows whether the file has grown.
+    const auto size = static_cast<uint32_t>(attributes.st_size) + 1;
+    batch->files.push_back({.path = std::move(path), .size = size});
+    batch->listed.push_back(attributes);
+  }
+  if (batch->files.empty()) return nullptr;
+  batches_.push_back(batch);
+  return batch;
+}
+
+void Prefetch::TakeAnswer(const std::shared_ptr<Batch>& batch, Result<SmallFilesData> result) {
+  const std::lock_guard lock(mutex_);
+  if (result.error == 0) {
+    batch->data = std::move(result.value);
+    return;
+  }
+  Drop(batch);
+}
+
+bool Prefetch::Take(const std::string& path, const udisk_stat& known,
+                    const std::function<bool(std::string_view content)>& use) {
+  const std::lock_guard lock(mutex_);
+  DropStale();
+  const auto found = places_.find(path);
+  if (found == places_.end()) return false;
+  const auto [batch, index] = found->second;
+  places_.erase(found);
+  // An answer that is on its way is not waited for: the disk would read the file no later.
+  if (batch->data.bytes.empty() || batch->IsStale()) return false;
+  const auto content = batch->data.bytes[index];
+  if (static_cast<int64_t>(content.size()) != known.st_size) return false;
+  return IsAsListed(known, batch->listed[index]) && use(content);
+}
+
+void Prefetch::Forget(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  std::erase_if(runs_, [&](const auto& run) { return IsWithin(run.first, path); });
+  places_.erase(path);
+  const auto [first, last] = Below(places_, path);
+  places_.erase(first, last);
+}
+
+ReadingRun* Prefetch::FindRun(const std::string& directory) {
+  const auto run = std::find_if(runs_.begin(), runs_.end(),
+                                [&](const auto& one) { return one.first == directory; });
+  if (run == runs_.end()) return nullptr;
+  runs_.splice(runs_.begin(), runs_, run);
+  return &run->second;
+}
+
+/// @return how many of the files nobody has read
+size_t Prefetch::Drop(const std::shared_ptr<Batch>& batch) {
+  size_t unread = 0;
+  for (const auto& file : batch->files) {
+    const auto place = places_.find(file.path);
+    if (place == places_.end() || place->second.batch != batch) continue;
+    places_.erase(place);
+    ++unread;
+  }
+  return unread;
+}
+
+void Prefetch::DropStale() {
+  while (!batches_.empty()) {
+    const auto oldest = batches_.front().lock();
+    if (oldest != nullptr && !oldest->IsStale()) break;
+    DropOldest();
+  }
+  batches_.remove_if([](const auto& batch) { return batch.expired(); });
+}
+
+void Prefetch::DropOldest() {
+  // An answer may let go of its batch at any moment.
+  const auto oldest = batches_.front().lock();
+  batches_.pop_front();
+  if (oldest == nullptr) return;
+  // What was got in vain came too early or too late.
+  const bool in_vain = Drop(oldest) > oldest->files.size() / 2;
+  auto* run = FindRun(DirectoryOf(oldest->files.front().path));
+  if (in_vain && run != nullptr) run->SlowDown();
+}
+
+}  // namespace cpd::host

@@ -1,0 +1,81 @@
+#include "mount/reading_run.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <numeric>
+#include <utility>
+
+namespace cpd::host {
+namespace {
+
+constexpr unsigned kStepsToAnOrder = 3;
+constexpr size_t kReach = 16;  // entries between two steps of one order
+constexpr size_t kLargestBatch = 64;
+constexpr int64_t kLargestBatchBytes = 1 << 20;
+constexpr size_t kEntriesAhead = 1024;  // looked at for one batch
+
+}  // namespace
+
+void ReadingRun::Step(std::string_view name) {
+  const auto& entries = listing_->entries;
+  if (by_name_.empty()) {
+    by_name_.resize(entries.size());
+    std::iota(by_name_.begin(), by_name_.end(), 0U);
+    std::sort(by_name_.begin(), by_name_.end(),
+              [&](uint32_t a, uint32_t b) { return entries[a].name < entries[b].name; });
+  }
+  const auto found =
+      std::lower_bound(by_name_.begin(), by_name_.end(), name,
+                       [&](uint32_t entry, auto wanted) { return entries[entry].name < wanted; });
+  if (found == by_name_.end() || entries[*found].name != name) return;
+  StepTo(&listed_, *found);
+  StepTo(&sorted_, static_cast<size_t>(found - by_name_.begin()));
+}
+
+/// A few places forward are a step, a few back are none; any others begin anew.
+void ReadingRun::StepTo(Order* order, size_t place) {
+  const size_t distance = std::max(place, order->place) - std::min(place, order->place);
+  if (order->steps == 0 || distance > kReach) {
+    *order = {.place = place, .steps = 1, .fetched_end = place + 1};
+  } else if (place > order->place) {
+    ++order->steps;
+    order->place = place;
+    order->fetched_end = std::max(order->fetched_end, place + 1);
+  }
+}
+
+std::vector<ReadingRun::File> ReadingRun::NextBatch() {
+  if (batch_ == 0) return {};
+  for (auto* order : {&listed_, &sorted_}) {
+    if (order->steps >= kStepsToAnOrder) return Advance(order);
+  }
+  return {};
+}
+
+std::vector<ReadingRun::File> ReadingRun::Advance(Order* order) {
+  if (order->fetched_end - order->place > batch_ / 2) return {};
+  std::vector<File> files;
+  int64_t bytes = 0;
+  const auto& entries = listing_->entries;
+  const size_t end = std::min(entries.size(), order->fetched_end + kEntriesAhead);
+  for (; order->fetched_end < end && files.size() < batch_; ++order->fetched_end) {
+    const auto& file =
+        entries[order == &listed_ ? order->fetched_end : by_name_[order->fetched_end]];
+    const int64_t size = file.attributes.st_size;
+    if (!S_ISREG(file.attributes.st_mode) || size <= 0 || size > kLargestFile) continue;
+    bytes += size;
+    if (bytes > kLargestBatchBytes) break;
+    files.push_back(file);
+  }
+  if (!std::exchange(is_slow_, false)) batch_ = std::min(batch_ * 2, kLargestBatch);
+  return files;
+}
+
+void ReadingRun::SlowDown() {
+  batch_ /= 2;
+  is_slow_ = true;
+  for (auto* order : {&listed_, &sorted_}) order->fetched_end = order->place + 1;
+}
+
+}  // namespace cpd::host

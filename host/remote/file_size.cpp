@@ -1,0 +1,69 @@
+#include "remote/file_size.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "remote/failure_reason.h"
+#include "remote/hidden_name.h"
+#include "remote/mode_guard.h"
+#include "remote/paths.h"
+#include "remote/remote_files.h"
+
+namespace cpd::host {
+namespace {
+
+using namespace std::string_view_literals;
+
+constexpr int64_t kLimit = 10 << 20;
+
+/// Whether the disk's side lets a name have any size. It looks at the local path, of which the end
+/// is known here: a dot further up in it, outside of the disk, does not count.
+bool HasNoLimit(std::string_view path) {
+  constexpr std::array<std::string_view, 6> excepted{".doc", ".xls", ".tmp",
+                                                     ".ppt", ".vsd", ".spp"};
+  const size_t dot = path.rfind('.');
+  return dot != std::string_view::npos &&
+         std::any_of(excepted.begin(), excepted.end(),
+                     [&](auto suffix) { return path.substr(dot).starts_with(suffix); });
+}
+
+void Report(RemoteFiles& files, Outcome outcome, const std::string& path, int64_t end,
+            const std::function<void(int error)>& done) {
+  if (outcome == Outcome::kDone) return done(0);
+  FindFailureReason(files, outcome, {.kind = Attempt::Kind::kWrite, .path = path, .end = end},
+                    done);
+}
+
+void CutThroughLink(RemoteFiles& files, const std::string& path, int64_t size,
+                    std::function<void(int error)> done) {
+  const auto link = JoinPath(DirectoryOf(path), HiddenName() + ".tmp");
+  const auto cut = std::make_shared<Outcome>();
+  files.Link(path, link, [](Outcome) {});
+  files.Truncate(link, static_cast<uint64_t>(size), [cut](Outcome outcome) { *cut = outcome; });
+  files.Unlink(
+      link, [cut, done = std::move(done)](Outcome) { done(*cut == Outcome::kDone ? 0 : EFBIG); });
+}
+
+}  // namespace
+
+bool TakesSize(std::string_view path, int64_t size) { return size <= kLimit || HasNoLimit(path); }
+
+void SetLargeSize(RemoteFiles& files, const std::string& path, int64_t size,
+                  std::function<void(int error)> done) {
+  files.GetAttributes(
+      path, [&files, path, size, done = std::move(done)](const Result<udisk_stat>& result) {
+        const int64_t present = result.value.st_size;
+        if (result.error != 0 || present == size) return done(result.error);
+        const ModeGuard access(files, path, result.value.st_mode);
+        if (present > size) return CutThroughLink(files, path, size, done);
+        files.Write(path, size - 1, "\0"sv, [&files, path, size, done](Outcome outcome) {
+          Report(files, outcome, path, size, done);
+        });
+      });
+}
+
+}  // namespace cpd::host

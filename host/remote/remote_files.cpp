@@ -1,0 +1,405 @@
+#include "remote/remote_files.h"
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <type_traits>
+#include <utility>
+
+#include "remote/session.h"
+
+namespace cpd::host {
+namespace {
+
+template <class Head>
+std::unique_ptr<CpdPacket> Request(uint16_t command, const Head& head, std::string_view path,
+                                   std::string_view name = {}) {
+  auto request =
+      std::make_unique<CpdPacket>(CPD_PACKET_HEADER_SIZE + sizeof head + path.size() + name.size());
+  request->InitHeader(Session::kDeviceId, command, 0);
+  request->AppendPayload(&head, sizeof head);
+  request->AppendPayload(path.data(), static_cast<uint32_t>(path.size()));
+  request->AppendPayload(name.data(), static_cast<uint32_t>(name.size()));
+  return request;
+}
+
+/// Reads records and bytes off the front of a text. Nothing is taken when too little is left.
+class Reader {
+ public:
+  explicit Reader(std::string_view text) : left_(text) {}
+  /// The payload of a reply; of no reply, nothing.
+  explicit Reader(const CpdPacket* reply) {
+    if (reply == nullptr || reply->header->packetLen < CPD_PACKET_HEADER_SIZE ||
+        reply->header->packetLen > reply->buffer->capacity) {
+      return;
+    }
+    left_ = {reinterpret_cast<const char*>(reply->buffer->data), reply->header->packetLen};
+    left_.remove_prefix(CPD_PACKET_HEADER_SIZE);
+  }
+
+  template <class Record>
+  std::optional<Record> Take() {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    const auto bytes = TakeBytes(sizeof(Record));
+    if (!bytes) return std::nullopt;
+    Record record;
+    std::memcpy(&record, bytes->data(), sizeof record);
+    return record;
+  }
+
+  std::optional<std::string_view> TakeBytes(size_t count) {
+    if (count > left_.size()) return std::nullopt;
+    const auto bytes = left_.substr(0, count);
+    left_.remove_prefix(count);
+    return bytes;
+  }
+
+ private:
+  std::string_view left_;
+};
+
+/// Walks a listing by its length: its count of entries wraps at 65536. Entries that vanished while
+/// the directory was read leave zeros at the end.
+std::optional<std::vector<Listing::Entry>> Entries(std::string_view listing) {
+  std::vector<Listing::Entry> entries;
+  Reader in(listing);
+  while (const auto entry = in.Take<udisk_dir_entry>()) {
+    if (entry->name_len == 0) break;
+    const auto name = in.TakeBytes(entry->name_len);
+    // One NUL, at the end, and no separator: a name that can be shown.
+    if (!name || name->size() < 2 || name->find('\0') != name->size() - 1 ||
+        name->find('/') != std::string_view::npos) {
+      return std::nullopt;
+    }
+    entries.push_back({entry->attributes, name->substr(0, name->size() - 1)});
+  }
+  return entries;
+}
+
+template <class Head>
+bool IsDone(const Head& head) {
+  return head.result >= 0;
+}
+
+std::optional<Listing> ToListing(std::unique_ptr<CpdPacket> reply) {
+  Reader in(reply.get());
+  const auto head = in.Take<DirHead>();
+  if (!head || !in.TakeBytes(head->path_length)) return std::nullopt;
+  const auto bytes = in.TakeBytes(head->buf_len);
+  // A directory that was opened lists at least itself.
+  if (!bytes || bytes->empty()) return std::nullopt;
+  auto entries = Entries(*bytes);
+  if (!entries) return std::nullopt;
+  return Listing{.entries = std::move(*entries),
+                 .announced_entries = head->entry_count,
+                 .bytes = *bytes,
+                 .reply = std::move(reply)};
+}
+
+/// The data of each file in a reply that repeats the question record by record.
+std::optional<std::vector<std::string_view>> SmallFileData(const std::vector<SmallFile>& files,
+                                                           const CpdPacket* reply) {
+  Reader in(reply);
+  const auto head = in.Take<SmallReadHead>();
+  if (!head || head->count != files.size()) return std::nullopt;
+  std::vector<std::string_view> data;
+  data.reserve(files.size());
+  for (const auto& file : files) {
+    const auto record = in.Take<ReadHead>();
+    if (!record || record->offset != 0 || record->size > file.size) return std::nullopt;
+    const auto path = in.TakeBytes(record->path_length);
+    const auto bytes = in.TakeBytes(record->size);
+    if (path != file.path || !bytes) return std::nullopt;
+    data.push_back(*bytes);
+  }
+  return data;
+}
+
+template <class Length>
+bool Fits(std::string_view text) {
+  return text.size() <= std::numeric_limits<Length>::max();
+}
+
+}  // namespace
+
+void RemoteFiles::GetAttributes(const std::string& path, Done<udisk_stat> done) {
+  FileAttrHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return done({.error = ENAMETOOLONG});
+  head.path_length = static_cast<uint16_t>(path.size());
+  session_.Ask(Request(kGetFileAttr, head, path),
+               [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+                 Reader in(reply.get());
+                 const auto answer = in.Take<FileAttrHead>();
+                 if (!answer || !in.TakeBytes(answer->path_length)) return done({.error = EIO});
+                 if (answer->attr_length == 0) return done({.error = ENOENT});
+                 const auto attributes = in.Take<udisk_stat>();
+                 if (!attributes) return done({.error = EIO});
+                 done({.value = *attributes});
+               });
+}
+
+void RemoteFiles::List(const std::string& path, Done<Listing> done) {
+  DirHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return done({.error = ENAMETOOLONG});
+  head.path_length = static_cast<uint16_t>(path.size());
+  session_.Ask(Request(kDirRead, head, path),
+               [this, path, done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+                 auto listing = ToListing(std::move(reply));
+                 if (listing) return done({.value = std::move(*listing)});
+                 GetAttributes(path, [done](const Result<udisk_stat>& directory) {
+                   done({.error = directory.error == ENOENT ? ENOENT : EIO});
+                 });
+               });
+}
+
+bool RemoteFiles::CanCheck(const Listing& listing) {
+  return listing.entries.size() == listing.announced_entries;
+}
+
+void RemoteFiles::CheckDirectory(const std::string& path, const Listing& cached,
+                                 Done<DirectoryCheck> done) {
+  DirHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return done({.error = ENAMETOOLONG});
+  head.path_length = static_cast<uint16_t>(path.size());
+  head.buf_len = static_cast<uint32_t>(cached.bytes.size());
+  head.entry_count = static_cast<uint16_t>(cached.entries.size());
+  auto answer = std::make_shared<std::unique_ptr<CpdPacket>>();
+  session_.Ask(Request(kCheckDir, head, path, cached.bytes),
+               [answer](std::unique_ptr<CpdPacket> reply) { *answer = std::move(reply); });
+  // An unchanged directory gets no reply, which only a later one proves.
+  GetAttributes(path, [answer, done = std::move(done)](const Result<udisk_stat>& directory) {
+    if (*answer != nullptr) {
+      auto listing = ToListing(std::move(*answer));
+      if (!listing) return done({.error = EIO});
+      return done({.value = {.directory = {}, .changed = std::move(listing)}});
+    }
+    if (directory.error != 0) return done({.error = directory.error});
+    done({.value = {.directory = directory.value, .changed = std::nullopt}});
+  });
+}
+
+void RemoteFiles::Read(const std::string& path, int64_t offset, uint32_t size,
+                       Done<FileData> done) {
+  ReadHead head{};
+  head.offset = offset;
+  head.size = size;
+  head.path_length = static_cast<uint32_t>(path.size());
+  session_.Ask(Request(kFileRead, head, path),
+               [size, done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+                 Reader in(reply.get());
+                 const auto answer = in.Take<ReadHead>();
+                 if (!answer || answer->size > size || !in.TakeBytes(answer->path_length)) {
+                   return done({.error = EIO});
+                 }
+                 const auto bytes = in.TakeBytes(answer->size);
+                 if (!bytes) return done({.error = EIO});
+                 done({.value = {.bytes = *bytes, .reply = std::move(reply)}});
+               });
+}
+
+void RemoteFiles::ReadSmallFiles(const std::vector<SmallFile>& files, Done<SmallFilesData> done) {
+  size_t size = CPD_PACKET_HEADER_SIZE + sizeof(SmallReadHead);
+  for (const auto& file : files) size += sizeof(ReadHead) + file.path.size();
+  auto request = std::make_unique<CpdPacket>(size);
+  request->InitHeader(Session::kDeviceId, kSmallFileRead, 0);
+  const SmallReadHead count{static_cast<uint32_t>(files.size())};
+  request->AppendPayload(&count, sizeof count);
+  for (const auto& file : files) {
+    ReadHead head{};
+    head.size = file.size;
+    head.path_length = static_cast<uint32_t>(file.path.size());
+    request->AppendPayload(&head, sizeof head);
+    request->AppendPayload(file.path.data(), head.path_length);
+  }
+  session_.Ask(std::move(request),
+               [files, done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+                 auto data = SmallFileData(files, reply.get());
+                 if (!data) return done({.error = EIO});
+                 done({.value = {.bytes = std::move(*data), .reply = std::move(reply)}});
+               });
+}
+
+void RemoteFiles::GetStatistics(const std::string& path, Done<udisk_statvfs> done) {
+  StatvfsHead head{};
+  head.path_length = static_cast<uint32_t>(path.size());
+  session_.Ask(Request(kGetStatvfs, head, path),
+               [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+                 Reader in(reply.get());
+                 const auto answer = in.Take<StatvfsHead>();
+                 if (!answer || !in.TakeBytes(answer->path_length)) return done({.error = EIO});
+                 // Of several volumes, the first.
+                 const auto statistics = in.Take<udisk_statvfs>();
+                 if (!statistics) return done({.error = EIO});
+                 done({.value = *statistics});
+               });
+}
+
+void RemoteFiles::HasExtendedAttribute(const std::string& path, const std::string& name,
+                                       Done<bool> done) {
+  XattrHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return done({.error = ENAMETOOLONG});
+  if (!Fits<decltype(head.name_length)>(name)) return done({.error = ERANGE});
+  head.path_length = static_cast<uint16_t>(path.size());
+  head.name_length = static_cast<uint16_t>(name.size());
+  session_.Ask(Request(kGetXattr, head, path, name),
+               [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
+                 const auto answer = Reader(reply.get()).Take<XattrHead>();
+                 if (!answer) return done({.error = EIO});
+                 done({.value = answer->value_length > 0});
+               });
+}
+
+// ---- What changes the disk ----
+
+template <class Head, class IsDone>
+void RemoteFiles::Change(std::unique_ptr<CpdPacket> request, IsDone is_done, OnOutcome on_outcome) {
+  ++unanswered_;
+  session_.Ask(std::move(request), [this, is_done, on_outcome = std::move(on_outcome)](
+                                       const std::unique_ptr<CpdPacket>& reply) {
+    const auto answer = Reader(reply.get()).Take<Head>();
+    on_outcome(!answer            ? Outcome::kUnanswered
+               : is_done(*answer) ? Outcome::kDone
+                                  : Outcome::kRefused);
+    if (--unanswered_ == 0) unanswered_.notify_all();
+  });
+}
+
+void RemoteFiles::Create(const std::string& path, uint32_t mode, OnOutcome on_outcome) {
+  CreateHead head{};
+  head.path_length = static_cast<uint32_t>(path.size());
+  head.mode = mode;
+  Change<CreateHead>(Request(kFileCreate, head, path), IsDone<CreateHead>,
+                     ThenForget(path, std::move(on_outcome)));
+}
+
+void RemoteFiles::Write(const std::string& path, int64_t offset, std::string_view data,
+                        OnOutcome on_outcome) {
+  WriteHead head{};
+  head.offset = offset;
+  head.single = 1;
+  Write(head, path, data, std::move(on_outcome));
+}
+
+void RemoteFiles::WriteBatch(const std::string& path, std::string_view pieces,
+                             OnOutcome on_outcome) {
+  Write(WriteHead{}, path, pieces, std::move(on_outcome));
+}
+
+void RemoteFiles::Truncate(const std::string& path, uint64_t size, OnOutcome on_outcome) {
+  TruncateHead head{};
+  head.length = size;
+  head.path_length = static_cast<uint32_t>(path.size());
+  Change<TruncateHead>(Request(kFileTruncate, head, path), IsDone<TruncateHead>,
+                       ThenForget(path, std::move(on_outcome)));
+}
+
+void RemoteFiles::Sync(const std::string& path, OnOutcome on_outcome) {
+  FsyncHead head{};
+  head.path_length = static_cast<uint32_t>(path.size());
+  Change<FsyncHead>(Request(kFileFsync, head, path), IsDone<FsyncHead>, std::move(on_outcome));
+}
+
+void RemoteFiles::ChangeMode(const std::string& path, uint32_t mode, OnOutcome on_outcome) {
+  ChmodHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return on_outcome(Outcome::kRefused);
+  head.path_length = static_cast<uint16_t>(path.size());
+  head.mode = static_cast<uint16_t>(mode);
+  Change<ChmodHead>(Request(kFileChmod, head, path), IsDone<ChmodHead>,
+                    ThenForget(path, std::move(on_outcome)));
+}
+
+void RemoteFiles::ChangeOwner(const std::string& path, uint32_t owner, uint32_t group,
+                              OnOutcome on_outcome) {
+  ChownHead head{};
+  head.path_length = static_cast<uint32_t>(path.size());
+  head.uid = owner;
+  head.gid = group;
+  Change<ChownHead>(Request(kFileChown, head, path), IsDone<ChownHead>,
+                    ThenForget(path, std::move(on_outcome)));
+}
+
+void RemoteFiles::MakeDirectory(const std::string& path, uint32_t mode, OnOutcome on_outcome) {
+  MakeDirHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return on_outcome(Outcome::kRefused);
+  head.path_length = static_cast<uint16_t>(path.size());
+  head.mode = static_cast<int16_t>(mode);
+  Change<MakeDirHead>(Request(kMakeDir, head, path), IsDone<MakeDirHead>,
+                      ThenForget(path, std::move(on_outcome)));
+}
+
+void RemoteFiles::RemoveDirectory(const std::string& path, OnOutcome on_outcome) {
+  Remove(kRemoveDir, path, std::move(on_outcome));
+}
+
+void RemoteFiles::Unlink(const std::string& path, OnOutcome on_outcome) {
+  Remove(kSetUnlink, path, std::move(on_outcome));
+}
+
+void RemoteFiles::Link(const std::string& path, const std::string& new_path, OnOutcome on_outcome) {
+  LinkOrRename(kSetLink, path, new_path, std::move(on_outcome));
+}
+
+void RemoteFiles::Rename(const std::string& path, const std::string& new_path,
+                         OnOutcome on_outcome) {
+  LinkOrRename(kSetRename, path, new_path, std::move(on_outcome));
+}
+
+void RemoteFiles::Flush(const std::string& path, OnOutcome on_outcome) {
+  FlushOrRelease(kFileFlush, path, std::move(on_outcome));
+}
+
+void RemoteFiles::Release(const std::string& path, OnOutcome on_outcome) {
+  FlushOrRelease(kFileRelease, path, std::move(on_outcome));
+}
+
+void RemoteFiles::Write(WriteHead head, const std::string& path, std::string_view data,
+                        OnOutcome on_outcome) {
+  if (!Fits<decltype(head.path_length)>(path)) return on_outcome(Outcome::kRefused);
+  head.size = static_cast<int32_t>(data.size());
+  head.path_length = static_cast<uint16_t>(path.size());
+  const auto is_done = [size = head.size](const WriteHead& answer) { return answer.size == size; };
+  Change<WriteHead>(Request(kFileWrite, head, path, data), is_done,
+                    ThenForget(path, std::move(on_outcome)));
+}
+
+RemoteFiles::OnOutcome RemoteFiles::ThenForget(const std::string& path,
+                                               OnOutcome on_outcome) const {
+  return [this, path, on_outcome = std::move(on_outcome)](Outcome outcome) {
+    changed_(path);
+    on_outcome(outcome);
+  };
+}
+
+void RemoteFiles::WaitForChanges() const {
+  for (int left = unanswered_; left != 0; left = unanswered_) unanswered_.wait(left);
+}
+
+void RemoteFiles::Remove(uint16_t command, const std::string& path, OnOutcome on_outcome) {
+  RemoveHead head{};
+  if (!Fits<decltype(head.path_length)>(path)) return on_outcome(Outcome::kRefused);
+  head.path_length = static_cast<uint16_t>(path.size());
+  Change<RemoveHead>(Request(command, head, path), IsDone<RemoveHead>,
+                     ThenForget(path, std::move(on_outcome)));
+}
+
+void RemoteFiles::LinkOrRename(uint16_t command, const std::string& path,
+                               const std::string& new_path, OnOutcome on_outcome) {
+  TwoPathsHead head{};
+  if (!Fits<decltype(head.path_length)>(path) || !Fits<decltype(head.new_path_length)>(new_path)) {
+    return on_outcome(Outcome::kRefused);
+  }
+  head.path_length = static_cast<uint16_t>(path.size());
+  head.new_path_length = static_cast<uint16_t>(new_path.size());
+  Change<TwoPathsHead>(Request(command, head, path, new_path), IsDone<TwoPathsHead>,
+                       ThenForget(path, ThenForget(new_path, std::move(on_outcome))));
+}
+
+void RemoteFiles::FlushOrRelease(uint16_t command, const std::string& path, OnOutcome on_outcome) {
+  CloseHead head{};
+  head.path_length = static_cast<uint32_t>(path.size());
+  const auto always = [](const CloseHead&) { return true; };
+  Change<CloseHead>(Request(command, head, path), always, std::move(on_outcome));
+}
+
+}  // namespace cpd::host

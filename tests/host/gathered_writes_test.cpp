@@ -1,0 +1,292 @@
+// Small writes leave together, in order, and none is lost without a word.
+#include "mount/gathered_writes.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "remote/session.h"
+#include "support/idle_driver.h"
+
+namespace cpd::host {
+namespace {
+
+using namespace std::chrono_literals;
+
+template <class Head>
+Head HeadOf(const CpdPacket& packet) {
+  Head head{};
+  std::memcpy(&head, packet.buffer->data + CPD_PACKET_HEADER_SIZE, sizeof head);
+  return head;
+}
+
+/// A driver whose disk is a file in memory. Carries requests out in their order on a thread of its
+/// own, as long as it is not held.
+class MemoryDisk : public test::IdleDriver {
+ public:
+  explicit MemoryDisk(Session& session) : session_(session) {}
+
+  int onEvent(std::unique_ptr<CpdPacket> packet, int /*flags*/) override {
+    const std::lock_guard lock(mutex_);
+    requests_.push_back(std::move(packet));
+    wake_.notify_all();
+    return 0;
+  }
+
+  void Hold() {
+    Change([this] { is_held_ = true; });
+  }
+  void GoOn() {
+    Change([this] { is_held_ = false; });
+  }
+  /// So many batches stop behind their first piece.
+  void FailBatches(int count) {
+    Change([=, this] { failing_batches_ = count; });
+  }
+  /// From now on no write is carried out, and no room is left.
+  void Fill() {
+    Change([this] { is_full_ = true; });
+  }
+
+  std::string content() const {
+    const std::lock_guard lock(mutex_);
+    return content_;
+  }
+  int batches() const {
+    const std::lock_guard lock(mutex_);
+    return batches_;
+  }
+
+ private:
+  template <class What>
+  void Change(What what) {
+    const std::lock_guard lock(mutex_);
+    what();
+    wake_.notify_all();
+  }
+
+  void Work(const std::stop_token& stop) {
+    while (true) {
+      std::unique_ptr<CpdPacket> request;
+      {
+        std::unique_lock lock(mutex_);
+        wake_.wait(lock, stop, [this] { return !is_held_ && !requests_.empty(); });
+        if (stop.stop_requested()) return;
+        request = std::move(requests_.front());
+        requests_.pop_front();
+        if (request->header->cmd == kFileWrite) Write(request.get());
+      }
+      session_.Receive(Answer(std::move(request)));
+    }
+  }
+
+  void Write(CpdPacket* request) {
+    auto head = HeadOf<WriteHead>(*request);
+    const std::string_view data(reinterpret_cast<const char*>(request->buffer->data) +
+                                    CPD_PACKET_HEADER_SIZE + sizeof head + head.path_length,
+                                static_cast<size_t>(head.size));
+    const bool is_done = head.single != 0 ? Put(head.offset, data) : PutBatch(data);
+    if (!is_done) head.size = 0;
+    std::memcpy(request->buffer->data + CPD_PACKET_HEADER_SIZE, &head, sizeof head);
+  }
+
+  bool PutBatch(std::string_view pieces) {
+    ++batches_;
+    const bool fails = failing_batches_ > 0 && failing_batches_-- > 0;
+    while (!pieces.empty()) {
+      WritePieceHead head{};
+      std::memcpy(&head, pieces.data(), sizeof head);
+      const auto length = static_cast<size_t>(head.length);
+      if (!Put(head.offset, pieces.substr(sizeof head, length))) return false;
+      if (fails) return false;
+      pieces.remove_prefix(sizeof head + length);
+    }
+    return true;
+  }
+
+  bool Put(int64_t offset, std::string_view data) {
+    if (is_full_) return false;
+    const auto at = static_cast<size_t>(offset);
+    content_.resize(std::max(content_.size(), at + data.size()), '.');
+    content_.replace(at, data.size(), data);
+    return true;
+  }
+
+  std::unique_ptr<CpdPacket> Answer(std::unique_ptr<CpdPacket> request) const {
+    auto answer = std::make_unique<CpdPacket>(request->header->packetLen + sizeof(udisk_stat));
+    answer->InitHeader(request->header->devId, request->header->cmd, request->header->requestId);
+    if (request->header->cmd == kGetFileAttr) {
+      auto head = HeadOf<FileAttrHead>(*request);
+      head.attr_length = sizeof(udisk_stat);
+      udisk_stat attributes{};
+      attributes.st_mode = S_IFREG | 0666;
+      answer->AppendPayload(&head, sizeof head);
+      answer->AppendPayload(request->buffer->data + CPD_PACKET_HEADER_SIZE + sizeof head,
+                            head.path_length);
+      answer->AppendPayload(&attributes, sizeof attributes);
+      return answer;
+    }
+    answer->AppendPayload(request->buffer->data + CPD_PACKET_HEADER_SIZE,
+                          request->header->packetLen - CPD_PACKET_HEADER_SIZE);
+    if (request->header->cmd == kGetStatvfs) {
+      const udisk_statvfs no_room{};
+      answer->AppendPayload(&no_room, sizeof no_room);
+    }
+    return answer;
+  }
+
+  Session& session_;
+  mutable std::mutex mutex_;
+  std::condition_variable_any wake_;
+  std::deque<std::unique_ptr<CpdPacket>> requests_;
+  std::string content_;
+  int batches_ = 0;
+  int failing_batches_ = 0;
+  bool is_held_ = false;
+  bool is_full_ = false;
+  std::jthread worker_{[this](const std::stop_token& stop) { Work(stop); }};
+};
+
+class GatheredWritesTest : public testing::Test {
+ protected:
+  GatheredWritesTest() {
+    session.Start(&disk);
+    udisk_stat attributes{};
+    attributes.st_mode = S_IFREG | 0644;
+    node = nodes.Lookup(NodeTable::kRoot, "file", attributes);
+  }
+  ~GatheredWritesTest() override { session.Stop(); }
+
+  bool Add(int64_t offset, std::string_view data) {
+    const auto pass = gate.Enter();
+    return writes.Add(node, offset, data);
+  }
+  /// What is gathered leaves as a batch of its own.
+  void SendNow() {
+    const auto pass = gate.Enter();
+    writes.Send();
+  }
+
+  Session session{5s};
+  MemoryDisk disk{session};
+  RemoteFiles files{session};
+  NodeTable nodes;
+  RenameGate gate;
+  std::mutex mutex;
+  std::vector<int> failures;  // guarded by mutex
+  GatheredWrites writes{files, nodes, gate, [this](NodeTable::Id, int error) {
+                          const std::lock_guard lock(mutex);
+                          failures.push_back(error);
+                        }};
+  NodeTable::Id node = 0;
+};
+
+TEST_F(GatheredWritesTest, LeaveInOnePacket) {
+  {
+    const auto pass = gate.Enter();  // nothing leaves meanwhile
+    ASSERT_TRUE(writes.Add(node, 0, "abc"));
+    ASSERT_TRUE(writes.Add(node, 6, "ghi"));
+    ASSERT_TRUE(writes.Add(node, 1, "X"));
+  }
+  writes.Drain(node);
+  EXPECT_EQ(disk.content(), "aXc...ghi");
+  EXPECT_EQ(disk.batches(), 1);
+}
+
+TEST_F(GatheredWritesTest, LeaveByThemselvesBeforeLong) {
+  ASSERT_TRUE(Add(0, "abc"));
+  for (int i = 0; i < 500 && disk.content().empty(); ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(disk.content(), "abc");
+}
+
+TEST_F(GatheredWritesTest, TakeNoLargePiece) {
+  EXPECT_FALSE(Add(0, std::string(4097, 'x')));
+  EXPECT_TRUE(Add(0, std::string(4096, 'x')));
+}
+
+TEST_F(GatheredWritesTest, TakeNoMoreThanSomeMebibytesFromASlowDisk) {
+  disk.Hold();
+  int taken = 0;
+  while (taken < 10'000 && Add(taken * 5000, std::string(4096, 'x'))) ++taken;
+  EXPECT_LT(taken, 1000);
+  EXPECT_GT(taken, 100);
+  disk.GoOn();
+  writes.Drain(node);
+  EXPECT_TRUE(Add(0, "x"));
+}
+
+TEST_F(GatheredWritesTest, OfAFailedBatchAreWrittenOneByOne) {
+  disk.FailBatches(1);
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(Add(i * 4, "abc"));
+  writes.Drain(node);
+  EXPECT_EQ(disk.content(), "abc.abc.abc.abc.abc");
+  EXPECT_EQ(failures, std::vector<int>{});
+}
+
+TEST_F(GatheredWritesTest, BehindAFailedBatchStayTheLast) {
+  disk.Hold();
+  disk.FailBatches(1);
+  ASSERT_TRUE(Add(0, "1111"));
+  ASSERT_TRUE(Add(8, "1111"));
+  SendNow();
+  ASSERT_TRUE(Add(8, "2222"));
+  SendNow();
+  ASSERT_TRUE(Add(10, "33"));
+  SendNow();
+  disk.GoOn();
+  writes.Drain(node);
+  EXPECT_EQ(disk.content(), "1111....2233");
+  EXPECT_EQ(failures, std::vector<int>{});
+}
+
+TEST_F(GatheredWritesTest, OfAFailedBatchAreWrittenBeforeAMoveThatAwaitsThem) {
+  disk.Hold();
+  disk.FailBatches(1);
+  ASSERT_TRUE(Add(0, "abc"));
+  ASSERT_TRUE(Add(6, "ghi"));
+  const auto move = gate.BeginMove();
+  writes.Send();
+  disk.GoOn();
+  writes.AwaitAnswers();
+  EXPECT_EQ(disk.content(), "abc...ghi");
+  EXPECT_EQ(failures, std::vector<int>{});
+}
+
+TEST_F(GatheredWritesTest, ThatFailAgainAreReportedBeforeADrainEnds) {
+  disk.Fill();
+  ASSERT_TRUE(Add(0, "abc"));
+  ASSERT_TRUE(Add(9, "abc"));
+  writes.Drain(node);
+  EXPECT_EQ(failures, (std::vector<int>{ENOSPC, ENOSPC}));
+}
+
+TEST_F(GatheredWritesTest, OfAFileWithoutANameAreReported) {
+  ASSERT_TRUE(Add(0, "abc"));
+  nodes.Unlink(NodeTable::kRoot, "file");
+  writes.Drain(node);
+  EXPECT_EQ(failures, std::vector<int>{ESTALE});
+}
+
+TEST_F(GatheredWritesTest, WithoutAnAnswerAreReported) {
+  disk.Hold();
+  ASSERT_TRUE(Add(0, "abc"));
+  SendNow();
+  session.Stop();
+  writes.Drain(node);
+  EXPECT_EQ(failures, std::vector<int>{EIO});
+}
+
+}  // namespace
+}  // namespace cpd::host

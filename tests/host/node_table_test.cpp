@@ -1,0 +1,153 @@
+// Nodes, names and paths, as the kernel and the disk come to know them.
+#include "mount/node_table.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+
+namespace cpd::host {
+namespace {
+
+constexpr auto kRoot = NodeTable::kRoot;
+
+udisk_stat File(uint64_t inode, uint64_t links = 1, int64_t size = 0) {
+  udisk_stat file{};
+  file.st_mode = S_IFREG | 0644;
+  file.st_ino = inode;
+  file.st_nlink = links;
+  file.st_size = size;
+  file.st_mtim.tv_sec = static_cast<int64_t>(inode);
+  return file;
+}
+
+udisk_stat Directory(uint64_t inode) {
+  udisk_stat directory{};
+  directory.st_mode = S_IFDIR | 0755;
+  directory.st_ino = inode;
+  directory.st_nlink = 2;
+  return directory;
+}
+
+class Nodes : public testing::Test {
+ protected:
+  std::string PathOf(NodeTable::Id node) const {
+    const auto file = nodes.Find(node);
+    return file ? file->path : "none";
+  }
+  NodeTable nodes;
+};
+
+TEST_F(Nodes, OfOneNameAreOneNode) {
+  const auto node = nodes.Lookup(kRoot, "a", File(1));
+  EXPECT_EQ(nodes.Lookup(kRoot, "a", File(1)), node);
+  EXPECT_EQ(PathOf(node), "/a");
+}
+
+TEST_F(Nodes, BelowARenamedDirectoryGoAlong) {
+  const auto directory = nodes.Lookup(kRoot, "dir", Directory(1));
+  const auto inner = nodes.Lookup(directory, "inner", Directory(2));
+  const auto file = nodes.Lookup(inner, "file", File(3));
+  nodes.Rename(kRoot, "dir", kRoot, "new");
+  EXPECT_EQ(PathOf(file), "/new/inner/file");
+  nodes.Rename(directory, "inner", kRoot, "top");
+  EXPECT_EQ(PathOf(file), "/top/file");
+}
+
+TEST_F(Nodes, ThatAreReplacedByARenameHaveNoPath) {
+  const auto one = nodes.Lookup(kRoot, "one", File(1));
+  const auto two = nodes.Lookup(kRoot, "two", File(2));
+  nodes.Rename(kRoot, "one", kRoot, "two");
+  EXPECT_EQ(PathOf(one), "/two");
+  EXPECT_EQ(PathOf(two), "none");
+  EXPECT_EQ(nodes.Lookup(kRoot, "two", File(1)), one);
+}
+
+TEST_F(Nodes, BelowADirectoryWithoutANameHaveNoPath) {
+  const auto directory = nodes.Lookup(kRoot, "dir", Directory(1));
+  const auto file = nodes.Lookup(directory, "file", File(2));
+  nodes.Unlink(kRoot, "dir");
+  EXPECT_EQ(PathOf(file), "none");
+  EXPECT_EQ(nodes.ChildPath(directory, "other"), std::nullopt);
+}
+
+TEST_F(Nodes, OfHardLinksAreOneNodeUnderTheNameSeenLast) {
+  const auto one = nodes.Lookup(kRoot, "one", File(1, 2));
+  EXPECT_EQ(nodes.Lookup(kRoot, "two", File(1, 2)), one);
+  EXPECT_EQ(PathOf(one), "/two");
+  nodes.Unlink(kRoot, "two");
+  EXPECT_EQ(PathOf(one), "/one");
+}
+
+TEST_F(Nodes, OfTwoFilesWithOneInodeButWithoutLinksAreTwo) {
+  EXPECT_NE(nodes.Lookup(kRoot, "one", File(1)), nodes.Lookup(kRoot, "two", File(1)));
+}
+
+TEST_F(Nodes, GiveTheirNameToAnotherFileThatTookItOnTheDisk) {
+  const auto before = nodes.Lookup(kRoot, "a", File(1));
+  const auto after = nodes.Lookup(kRoot, "a", File(2));
+  EXPECT_NE(after, before);
+  EXPECT_EQ(PathOf(before), "none");
+  EXPECT_EQ(PathOf(after), "/a");
+}
+
+TEST_F(Nodes, LoseTheirNameWhenTheirAttributesAreAnotherFiles) {
+  const auto node = nodes.Lookup(kRoot, "a", File(1));
+  EXPECT_TRUE(nodes.Update(node, File(1, 1, 500)));
+  EXPECT_FALSE(nodes.Update(node, File(2)));
+  EXPECT_EQ(PathOf(node), "none");
+}
+
+TEST_F(Nodes, StayTheSameWhenTheDiskOnlyNumbersThemAnew) {
+  const auto node = nodes.Lookup(kRoot, "a", File(1, 1, 500));
+  auto renumbered = File(1, 1, 500);
+  renumbered.st_ino = 99;
+  EXPECT_TRUE(nodes.Update(node, renumbered));
+  EXPECT_EQ(nodes.Lookup(kRoot, "a", renumbered), node);
+  const auto directory = nodes.Lookup(kRoot, "dir", Directory(5));
+  EXPECT_EQ(nodes.Lookup(kRoot, "dir", Directory(6)), directory);
+}
+
+TEST_F(Nodes, HaveTheModeThatTheyAreAboutToGet) {
+  const auto node = nodes.Lookup(kRoot, "a", File(1));
+  nodes.SetMode(node, S_IFDIR | 04755);
+  EXPECT_EQ(nodes.Find(node)->attributes.st_mode, S_IFREG | 04755U);
+  nodes.SetMode(99, 0600);  // unknown: nothing to set
+}
+
+TEST_F(Nodes, AreForgottenWithTheLastReference) {
+  const auto directory = nodes.Lookup(kRoot, "dir", Directory(1));
+  const auto file = nodes.Lookup(directory, "file", File(2));
+  nodes.Lookup(directory, "file", File(2));
+  nodes.Forget(directory, 1);  // its child still needs it
+  nodes.Forget(file, 1);
+  EXPECT_EQ(PathOf(file), "/dir/file");
+  nodes.Forget(file, 1);
+  EXPECT_EQ(PathOf(file), "none");
+  EXPECT_EQ(PathOf(directory), "none");
+}
+
+TEST_F(Nodes, ThatAreHiddenAreFoundUnderTheirHiddenNameOnly) {
+  const auto directory = nodes.Lookup(kRoot, "dir", Directory(1));
+  const auto node = nodes.Lookup(directory, "a", File(2));
+  nodes.Hide(directory, "a", "hidden");
+  EXPECT_TRUE(nodes.Find(node)->is_hidden);
+  EXPECT_TRUE(nodes.IsHidden(directory, "hidden"));
+  EXPECT_FALSE(nodes.IsHidden(directory, "a"));
+  EXPECT_EQ(nodes.HiddenNames(directory), std::vector<std::string>{"hidden"});
+  EXPECT_EQ(nodes.HiddenPaths(), std::vector<std::string>{"/dir/hidden"});
+  nodes.Show(directory, "hidden", "a");
+  EXPECT_EQ(PathOf(node), "/dir/a");
+  EXPECT_EQ(nodes.HiddenPaths(), std::vector<std::string>{});
+}
+
+TEST_F(Nodes, OfASoleNameAreToldFromThoseWithMore) {
+  const auto node = nodes.Lookup(kRoot, "one", File(1, 2));
+  EXPECT_EQ(nodes.NodeIfOnlyName(kRoot, "one"), node);
+  nodes.Lookup(kRoot, "two", File(1, 2));
+  EXPECT_EQ(nodes.NodeIfOnlyName(kRoot, "one"), std::nullopt);
+  EXPECT_EQ(nodes.NodeIfOnlyName(kRoot, "none"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace cpd::host

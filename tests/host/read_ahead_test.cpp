@@ -1,0 +1,372 @@
+// What the remote side's accelerators make of a driver's answers, well-formed and not.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cpd/packet.h"
+#include "mount/listing_cache.h"
+#include "mount/prefetch.h"
+#include "mount/reading_run.h"
+#include "remote/remote_files.h"
+#include "remote/session.h"
+#include "support/idle_driver.h"
+#include "wire.h"
+
+namespace cpd::host {
+namespace {
+
+using std::chrono_literals::operator""s;
+
+/// The bytes of a record.
+template <class Record>
+std::string Raw(const Record& record) {
+  return {reinterpret_cast<const char*>(&record), sizeof record};
+}
+
+udisk_stat Attributes(uint32_t mode, int64_t size, int64_t seconds = 1000) {
+  udisk_stat attributes{};
+  attributes.st_ino = 7;
+  attributes.st_nlink = 1;
+  attributes.st_mode = mode;
+  attributes.st_size = size;
+  attributes.st_mtim.tv_sec = seconds;
+  return attributes;
+}
+
+std::string Entry(const std::string& name, const udisk_stat& attributes) {
+  return Raw(udisk_dir_entry{.attributes = attributes,
+                             .name_len = static_cast<uint16_t>(name.size() + 1)}) +
+         name + '\0';
+}
+
+std::string ListingReply(uint16_t count, const std::string& entries, const std::string& path) {
+  return Raw(DirHead{.echoed = {},
+                     .buf_len = static_cast<uint32_t>(entries.size()),
+                     .path_length = static_cast<uint16_t>(path.size()),
+                     .entry_count = count}) +
+         path + entries;
+}
+
+/// Answers each request with what the test says; empty = not at all.
+class FakeDriver : public test::IdleDriver {
+ public:
+  using Answer = std::function<std::optional<std::string>(uint16_t command, std::string payload)>;
+
+  FakeDriver(Session& session, Answer answer) : session_(session), answer_(std::move(answer)) {}
+
+  int onEvent(std::unique_ptr<CpdPacket> packet, int /*flags*/) override {
+    requests.push_back(std::move(packet));
+    return 0;
+  }
+  /// Answers what has been asked so far.
+  void Work() {
+    for (const auto& request : std::exchange(requests, {})) {
+      const CpdPacketHeader header = *request->header;
+      const std::string bytes(reinterpret_cast<const char*>(request->buffer->data),
+                              header.packetLen);
+      const auto payload = answer_(header.cmd, bytes.substr(CPD_PACKET_HEADER_SIZE));
+      if (!payload) continue;
+      auto reply = std::make_unique<CpdPacket>(CPD_PACKET_HEADER_SIZE + payload->size());
+      reply->InitHeader(header.devId, header.cmd, header.requestId);
+      reply->AppendPayload(payload->data(), static_cast<uint32_t>(payload->size()));
+      session_.Receive(std::move(reply));
+    }
+  }
+
+  std::vector<std::unique_ptr<CpdPacket>> requests;
+
+ private:
+  Session& session_;
+  Answer answer_;
+};
+
+class ReadAhead : public testing::Test {
+ protected:
+  ~ReadAhead() override { session_.Stop(); }
+
+  void Answer(FakeDriver::Answer answer) {
+    driver_ = std::make_unique<FakeDriver>(session_, std::move(answer));
+    session_.Start(driver_.get());
+  }
+  /// Works until nothing is asked any more.
+  void Work() {
+    while (!driver_->requests.empty()) driver_->Work();
+  }
+  int Asked(uint16_t command) const {
+    const auto statistics = session_.statistics();
+    const auto row = statistics.find(command);
+    return row == statistics.end() ? 0 : static_cast<int>(row->second.requests);
+  }
+
+  Session session_{30s};
+  std::unique_ptr<FakeDriver> driver_;
+  RemoteFiles files_{session_};
+};
+
+// ---- Decoding ----
+
+class SmallFiles : public ReadAhead {
+ protected:
+  static std::string Record(const std::string& path, const std::string& data) {
+    ReadHead head{};
+    head.size = static_cast<uint32_t>(data.size());
+    head.path_length = static_cast<uint32_t>(path.size());
+    return Raw(head) + path + data;
+  }
+  /// Asks for 4 bytes of /a and 3 of /b.
+  Result<SmallFilesData> Ask(std::optional<std::string> reply) {
+    Answer([&](uint16_t command, const std::string&) -> std::optional<std::string> {
+      if (command == kSmallFileRead) return reply;
+      return Raw(XattrHead{});
+    });
+    std::optional<Result<SmallFilesData>> result;
+    files_.ReadSmallFiles({{"/a", 4}, {"/b", 3}}, [&](auto answer) { result = std::move(answer); });
+    Work();
+    if (!result) session_.Stop();
+    return std::move(*result);
+  }
+  const std::string well_formed =
+      Raw(SmallReadHead{2}) + Record("/a", "data") + Record("/b", "two");
+};
+
+TEST_F(SmallFiles, AreFoundInTheirOrder) {
+  const auto result = Ask(well_formed);
+  ASSERT_EQ(result.error, 0);
+  EXPECT_EQ(result.value.bytes, (std::vector<std::string_view>{"data", "two"}));
+}
+
+TEST_F(SmallFiles, ThatCannotBeReadHaveNoBytes) {
+  const auto result = Ask(Raw(SmallReadHead{2}) + Record("/a", "") + Record("/b", "two"));
+  ASSERT_EQ(result.error, 0);
+  EXPECT_EQ(result.value.bytes, (std::vector<std::string_view>{"", "two"}));
+}
+
+TEST_F(SmallFiles, OfAnAnswerCutAnywhereAreRefused) {
+  for (size_t size = 0; size < well_formed.size(); ++size) {
+    EXPECT_EQ(Ask(well_formed.substr(0, size)).error, EIO) << size;
+  }
+}
+
+TEST_F(SmallFiles, WithoutAnAnswerEndWithAnError) { EXPECT_EQ(Ask(std::nullopt).error, EIO); }
+
+TEST_F(SmallFiles, OfAnAnswerToAnotherQuestionAreRefused) {
+  const auto b = Record("/b", "two");
+  ReadHead elsewhere{};
+  elsewhere.offset = 1;
+  elsewhere.path_length = 2;
+  ReadHead endless{};
+  endless.size = 4;
+  endless.path_length = 0xFFFFFFFF;
+  const std::vector<std::string> answers = {
+      Raw(SmallReadHead{1}) + Record("/a", "data"),
+      Raw(SmallReadHead{3}) + Record("/a", "data") + b + b,
+      Raw(SmallReadHead{2}) + b + Record("/a", "data"),
+      Raw(SmallReadHead{2}) + Record("/c", "data") + b,
+      Raw(SmallReadHead{2}) + Record("/a", "5data") + b,
+      Raw(SmallReadHead{2}) + Raw(elsewhere) + "/a" + b,
+      Raw(SmallReadHead{2}) + Raw(endless) + "/adata" + b,
+  };
+  for (size_t i = 0; i < answers.size(); ++i) EXPECT_EQ(Ask(answers[i]).error, EIO) << i;
+}
+
+class Listings : public ReadAhead {
+ protected:
+  Listings() {
+    Answer([this](uint16_t command, const std::string& payload) -> std::optional<std::string> {
+      if (command == kDirRead) return ListingReply(count_, entries_, "/d");
+      if (command == kCheckDir) return check_;
+      if (command != kGetFileAttr) return Raw(XattrHead{});
+      return Raw(FileAttrHead{.path_length = 2, .attr_length = sizeof(udisk_stat)}) +
+             payload.substr(sizeof(FileAttrHead)) + Raw(directory_);
+    });
+  }
+  Result<SharedListing> List() {
+    std::optional<Result<SharedListing>> result;
+    cache_.List("/d", [&](auto listing) { result = std::move(listing); });
+    Work();
+    return result.value_or(Result<SharedListing>{.error = -1});
+  }
+
+  udisk_stat directory_ = Attributes(S_IFDIR | 0755, 100);
+  std::string entries_ =
+      Entry(".", directory_) + Entry("file", Attributes(S_IFREG | 0644, 4)) + '\0';
+  uint16_t count_ = 2;
+  std::optional<std::string> check_;  // what a check is answered
+  ListingCache cache_{files_, true};
+};
+
+TEST_F(Listings, AreCheckedTheSecondTime) {
+  const auto first = List();
+  ASSERT_EQ(first.error, 0);
+  EXPECT_EQ(List().value, first.value);
+  EXPECT_EQ(Asked(kDirRead), 1);
+  EXPECT_EQ(Asked(kCheckDir), 1);
+}
+
+TEST_F(Listings, ThatDifferReplaceTheOldOnes) {
+  List();
+  check_ = ListingReply(1, Entry("other", Attributes(S_IFREG, 1)) + '\0', "/d");
+  const auto changed = List();
+  ASSERT_EQ(changed.error, 0);
+  ASSERT_EQ(changed.value->entries.size(), 1U);
+  EXPECT_EQ(changed.value->entries[0].name, "other");
+  EXPECT_EQ(Asked(kDirRead), 1);
+}
+
+TEST_F(Listings, OfADirectoryThatWasTouchedAreAskedForAnew) {
+  List();
+  directory_.st_mtim.tv_nsec = 1;
+  EXPECT_EQ(List().error, 0);
+  EXPECT_EQ(Asked(kDirRead), 2);
+}
+
+TEST_F(Listings, ThatAChangeOvertookAreNotKept) {
+  std::optional<Result<SharedListing>> result;
+  cache_.List("/d", [&](auto listing) { result = std::move(listing); });
+  cache_.Forget("/d/file");
+  Work();
+  ASSERT_TRUE(result && result->error == 0);
+  List();
+  EXPECT_EQ(Asked(kDirRead), 2);
+  EXPECT_EQ(Asked(kCheckDir), 0);
+}
+
+TEST_F(Listings, ThatAChangeOvertookWhileTheyWereCheckedAreAskedForAnew) {
+  List();
+  std::optional<Result<SharedListing>> result;
+  cache_.List("/d", [&](auto listing) { result = std::move(listing); });
+  cache_.Forget("/d/file");
+  Work();
+  ASSERT_TRUE(result && result->error == 0);
+  EXPECT_EQ(Asked(kDirRead), 2);
+}
+
+TEST_F(Listings, AreForgottenWithAChangeBesideAboveOrBelow) {
+  for (const char* changed : {"/d", "/d/file", "/d/sub/file", "/"}) {
+    List();
+    const int asked = Asked(kDirRead);
+    cache_.Forget(changed);
+    List();
+    EXPECT_EQ(Asked(kDirRead), asked + 1) << changed;
+  }
+  const int asked = Asked(kDirRead);
+  cache_.Forget("/d-other/file");
+  List();
+  EXPECT_EQ(Asked(kDirRead), asked);
+}
+
+TEST_F(Listings, WhoseCountSaysOtherwiseAreNotKept) {
+  count_ = 1;
+  List();
+  List();
+  EXPECT_EQ(Asked(kCheckDir), 0);
+}
+
+TEST_F(Listings, OfABrokenCheckEndWithAnErrorAndAreListedNextTime) {
+  const auto good = ListingReply(2, entries_, "/d");
+  for (size_t size = 0; size < good.size(); size += 7) {
+    ASSERT_EQ((check_ = std::nullopt, List().error), 0);
+    check_ = good.substr(0, size);
+    EXPECT_EQ(List().error, EIO) << size;
+  }
+}
+
+// ---- Which files come next ----
+
+class Runs : public testing::Test {
+ protected:
+  static SharedListing List(const std::vector<std::string>& names, int64_t size = 100) {
+    Listing listing;
+    static std::vector<std::unique_ptr<std::string>> kept;
+    for (const auto& name : names) {
+      kept.push_back(std::make_unique<std::string>(name));
+      listing.entries.push_back({Attributes(S_IFREG | 0644, size), *kept.back()});
+    }
+    return std::make_shared<const Listing>(std::move(listing));
+  }
+  static std::vector<std::string> Numbered(int count) {
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i) names.push_back(std::to_string(1000 + i));
+    return names;
+  }
+  static std::vector<std::string> Next(ReadingRun* run) {
+    std::vector<std::string> names;
+    for (const auto& file : run->NextBatch()) names.emplace_back(file.name);
+    return names;
+  }
+};
+
+TEST_F(Runs, BeginWithTheThirdFileInARow) {
+  ReadingRun run(List(Numbered(100)));
+  run.Step("1000");
+  run.Step("1001");
+  EXPECT_TRUE(Next(&run).empty());
+  run.Step("1002");
+  const auto next = Next(&run);
+  ASSERT_EQ(next.size(), 16U);
+  EXPECT_EQ(next.front(), "1003");
+}
+
+TEST_F(Runs, GoByNameWhereTheListingIsReversed) {
+  auto names = Numbered(100);
+  std::reverse(names.begin(), names.end());
+  ReadingRun run(List(names));
+  for (const char* name : {"1000", "1001", "1002"}) run.Step(name);
+  const auto next = Next(&run);
+  ASSERT_FALSE(next.empty());
+  EXPECT_EQ(next.front(), "1003");
+}
+
+TEST_F(Runs, DoNotBeginWithFilesFarApartOrUnknown) {
+  ReadingRun run(List(Numbered(100)));
+  for (const char* name : {"1000", "1050", "1010", "1090", "none", "1030"}) run.Step(name);
+  EXPECT_TRUE(Next(&run).empty());
+}
+
+TEST_F(Runs, NameEveryFileOnce) {
+  const auto names = Numbered(1000);
+  ReadingRun run(List(names));
+  std::vector<std::string> got;
+  for (const auto& name : names) {
+    run.Step(name);
+    for (const auto& next : Next(&run)) got.push_back(next);
+  }
+  EXPECT_EQ(got, std::vector<std::string>(names.begin() + 3, names.end()));
+}
+
+TEST_F(Runs, TakeAMebibyteAtMostAtOnce) {
+  ReadingRun run(List(Numbered(1000), ReadingRun::kLargestFile));
+  for (int i = 0; i < 500; ++i) {
+    run.Step(std::to_string(1000 + i));
+    EXPECT_LE(Next(&run).size(), 16U);
+  }
+}
+
+TEST_F(Runs, LeaveOutEmptyLargeAndSpecialFiles) {
+  ReadingRun empty(List(Numbered(100), 0));
+  ReadingRun large(List(Numbered(100), ReadingRun::kLargestFile + 1));
+  for (auto* run : {&empty, &large}) {
+    for (const char* name : {"1000", "1001", "1002"}) run->Step(name);
+    EXPECT_TRUE(Next(run).empty());
+  }
+}
+
+TEST_F(Runs, EndWhenAllComesTooLate) {
+  ReadingRun run(List(Numbered(1000)));
+  for (const char* name : {"1000", "1001", "1002"}) run.Step(name);
+  int batches = 0;
+  for (; !Next(&run).empty() && batches < 100; ++batches) run.SlowDown();
+  EXPECT_LE(batches, 8);
+}
+
+}  // namespace
+}  // namespace cpd::host
