@@ -371,8 +371,15 @@ void CheckReply(const SentPacket& packet) {
 }
 
 template <class Typed>
-NamedRequest Answered(const char* name, const Typed& request) {
-  return {.name = name, .request = request, .check_reply = &CheckReply<typename Typed::Reply>};
+NamedRequest Answered(const Typed& typed) {
+  const Request request = typed;
+  return {.name = CommandName(request.cmd),
+          .request = request,
+          .check_reply = &CheckReply<typename Typed::Reply>};
+}
+
+NamedRequest Unchecked(const Request& request) {
+  return {.name = CommandName(request.cmd), .request = request};
 }
 
 }  // namespace
@@ -380,36 +387,35 @@ NamedRequest Answered(const char* name, const Typed& request) {
 std::vector<NamedRequest> OneRequestPerCommand() {
   const std::vector<DirEntry> cached = {{.stat = {}, .name = "."}, {.stat = {}, .name = "a.txt"}};
   return {
-      Answered("mount_remote", MountRequest{.name = kUnlikelyDisk}),
-      Answered("umount_remote", UmountRequest{.name = kUnlikelyDisk}),
-      Answered("get_file_attr", AttrRequest{.path = kKnownFile}),
-      Answered("file_create", CreateRequest{.path = "/made.txt"}),
-      Answered("file_read", ReadRequest{.path = kKnownFile, .offset = 1, .size = 64}),
-      Answered("file_write", WriteRequest{.path = kKnownFile, .offset = 6, .data = "matter"}),
-      Answered("file_write", BatchWriteRequest{.path = kKnownFile,
-                                               .pieces = {{.offset = 6, .data = "con"},
-                                                          {.offset = 9, .data = "tent"}}}),
-      Answered("dir_read", DirReadRequest{.path = kKnownDir}),
-      Answered("get_xattr", XattrRequest{.path = kKnownFile, .name = "user.comment"}),
-      Answered("file_truncate", TruncateRequest{.path = kKnownFile, .length = 13}),
-      Answered("file_fsync", FsyncRequest{.path = kKnownFile}),
-      Answered("file_chmod", ChmodRequest{.path = kKnownFile, .mode = 0755}),
-      Answered("file_chown", ChownRequest{.path = kKnownFile}),
-      Answered("get_statvfs", StatvfsRequest{.path = kKnownFile}),
-      Answered("make_dir", MakeDirRequest{.path = "/made"}),
-      Answered("remove_dir", RemoveDirRequest{.path = "/made"}),
-      Answered("set_link", LinkRequest{.path = kKnownFile, .new_path = "/linked.txt"}),
-      Answered("set_unlink", UnlinkRequest{.path = "/linked.txt"}),
-      Answered("set_rename", RenameRequest{.path = "/made.txt", .new_path = "/renamed.txt"}),
-      {.name = "file_flush", .request = FlushRequest{.path = kKnownFile, .fd = 3}},
-      {.name = "file_release", .request = ReleaseRequest{.path = kKnownFile, .fd = 3}},
-      Answered("check_dir", CheckDirRequest{.path = kKnownDir,
-                                            .cached = EncodeEntries(cached),
-                                            .cached_count = static_cast<uint16_t>(cached.size())}),
-      Answered("small_file_read",
-               SmallReadRequest{.records = {{.path = kKnownFile, .offset = 1, .size = 8},
+      Answered(MountRequest{.name = kUnlikelyDisk}),
+      Answered(UmountRequest{.name = kUnlikelyDisk}),
+      Answered(AttrRequest{.path = kKnownFile}),
+      Answered(CreateRequest{.path = "/made.txt"}),
+      Answered(ReadRequest{.path = kKnownFile, .offset = 1, .size = 64}),
+      Answered(WriteRequest{.path = kKnownFile, .offset = 6, .data = "matter"}),
+      Answered(BatchWriteRequest{
+          .path = kKnownFile,
+          .pieces = {{.offset = 6, .data = "con"}, {.offset = 9, .data = "tent"}}}),
+      Answered(DirReadRequest{.path = kKnownDir}),
+      Answered(XattrRequest{.path = kKnownFile, .name = "user.comment"}),
+      Answered(TruncateRequest{.path = kKnownFile, .length = 13}),
+      Answered(FsyncRequest{.path = kKnownFile}),
+      Answered(ChmodRequest{.path = kKnownFile, .mode = 0755}),
+      Answered(ChownRequest{.path = kKnownFile}),
+      Answered(StatvfsRequest{.path = kKnownFile}),
+      Answered(MakeDirRequest{.path = "/made"}),
+      Answered(RemoveDirRequest{.path = "/made"}),
+      Answered(LinkRequest{.path = kKnownFile, .new_path = "/linked.txt"}),
+      Answered(UnlinkRequest{.path = "/linked.txt"}),
+      Answered(RenameRequest{.path = "/made.txt", .new_path = "/renamed.txt"}),
+      Unchecked(FlushRequest{.path = kKnownFile, .fd = 3}),
+      Unchecked(ReleaseRequest{.path = kKnownFile, .fd = 3}),
+      Answered(CheckDirRequest{.path = kKnownDir,
+                               .cached = EncodeEntries(cached),
+                               .cached_count = static_cast<uint16_t>(cached.size())}),
+      Answered(SmallReadRequest{.records = {{.path = kKnownFile, .offset = 1, .size = 8},
                                             {.path = kKnownFile, .size = 5}}}),
-      {.name = "mount_response", .request = MountResponse{.drive = "U:", .label = "DISK"}},
+      Unchecked(MountResponse{.drive = "U:", .label = "DISK"}),
   };
 }
 
