@@ -25,7 +25,13 @@ char TypeLetter(uint32_t mode) {
 
 void PrintListing(RemoteFiles& files, const std::string& path) {
   const auto listing = Await<Listing>(path, [&](auto done) { files.List(path, std::move(done)); });
-  for (const auto& [attributes, name] : listing.entries) {
+  for (const auto& entry : listing.entries) {
+    const auto& [attributes, name] = entry;
+    if (!entry.HasAttributes()) {
+      fmt::print("{:5} {:>3} {:>5} {:>5} {:>12} {:>19} {}\n", "?????", "?", "?", "?", "?", "?",
+                 name);
+      continue;
+    }
     const auto changed = static_cast<time_t>(attributes.st_mtim.tv_sec);
     tm local{};
     localtime_r(&changed, &local);

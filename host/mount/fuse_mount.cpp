@@ -26,6 +26,7 @@ namespace {
 
 constexpr unsigned kLargestRead = 1U << 20;
 constexpr unsigned kMostBackground = 64;
+constexpr ino_t kUnknownInode = 0xffffffff;  // programs take an entry with 0 for a deleted one
 
 void Initialise(void* /*mount*/, fuse_conn_info* connection) {
   connection->max_readahead = kLargestRead;
@@ -367,8 +368,10 @@ void FuseMount::ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
     auto entry = ToEntry(0, attributes);
     if (fuse_add_direntry_plus(request, nullptr, 0, name.data(), &entry, 0) > size - used) break;
     if (nodes_.IsHidden(directory, std::string(name))) continue;
-    // The kernel takes no reference to the two; nor can it use a file that could not be looked at.
-    if (name != "." && name != ".." && attributes.st_mode != 0 && is_fresh) {
+    if (!entries[i].HasAttributes()) {
+      entry.attr.st_ino = kUnknownInode;
+    } else if (name != "." && name != ".." &&
+               is_fresh) {  // the kernel takes no reference to the two
       entry.ino = nodes_.Lookup(directory, std::string(name), attributes);
       referred.push_back(entry.ino);
     }

@@ -10,6 +10,11 @@ namespace cpd::host {
 /// Of a mode: all but the type.
 inline constexpr uint32_t kPermissions = 07777;
 
+/// Whether two names belong to one file.
+inline bool IsSameInode(const udisk_stat& a, const udisk_stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 inline bool IsSameTime(const udisk_timespec& a, const udisk_timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }

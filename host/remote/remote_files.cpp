@@ -1,5 +1,6 @@
 #include "remote/remote_files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <limits>
@@ -7,6 +8,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "remote/attributes.h"
 #include "remote/session.h"
 
 namespace cpd::host {
@@ -59,6 +61,24 @@ class Reader {
   std::string_view left_;
 };
 
+/// Empties the attributes that may belong to another file. The disk's side writes an entry without
+/// looking whether lstat succeeded: a failure leaves what the entry before had, or zeros at the
+/// start. Two hard links in a row look the same and lose theirs, too.
+void DropDoubtfulAttributes(std::vector<Listing::Entry>& entries) {
+  for (size_t i = entries.size(); i-- > 1;) {
+    if (IsSameInode(entries[i].attributes, entries[i - 1].attributes)) entries[i].attributes = {};
+  }
+}
+
+/// Makes the root its own parent, as every root is. The disk's side may not look at what lies
+/// above.
+void MakeRootItsOwnParent(std::vector<Listing::Entry>& entries) {
+  const auto itself = std::ranges::find(entries, ".", &Listing::Entry::name);
+  const auto parent = std::ranges::find(entries, "..", &Listing::Entry::name);
+  if (itself == entries.end() || parent == entries.end()) return;
+  parent->attributes = itself->attributes;
+}
+
 /// Walks a listing by its length: its count of entries wraps at 65536. Entries that vanished while
 /// the directory was read leave zeros at the end.
 std::optional<std::vector<Listing::Entry>> Entries(std::string_view listing) {
@@ -85,12 +105,16 @@ bool IsDone(const Head& head) {
 std::optional<Listing> ToListing(std::unique_ptr<CpdPacket> reply) {
   Reader in(reply.get());
   const auto head = in.Take<DirHead>();
-  if (!head || !in.TakeBytes(head->path_length)) return std::nullopt;
+  if (!head) return std::nullopt;
+  const auto path = in.TakeBytes(head->path_length);
+  if (!path) return std::nullopt;
   const auto bytes = in.TakeBytes(head->buf_len);
   // A directory that was opened lists at least itself.
   if (!bytes || bytes->empty()) return std::nullopt;
   auto entries = Entries(*bytes);
   if (!entries) return std::nullopt;
+  DropDoubtfulAttributes(*entries);
+  if (*path == "/") MakeRootItsOwnParent(*entries);
   return Listing{.entries = std::move(*entries),
                  .announced_entries = head->entry_count,
                  .bytes = *bytes,
@@ -154,7 +178,8 @@ void RemoteFiles::List(const std::string& path, Done<Listing> done) {
 }
 
 bool RemoteFiles::CanCheck(const Listing& listing) {
-  return listing.entries.size() == listing.announced_entries;
+  return listing.entries.size() == listing.announced_entries &&
+         std::ranges::all_of(listing.entries, &Listing::Entry::HasAttributes);
 }
 
 void RemoteFiles::CheckDirectory(const std::string& path, const Listing& cached,

@@ -34,8 +34,10 @@ struct FileData {
 /// A directory's entries, as they stand in the reply.
 struct Listing {
   struct Entry {
-    udisk_stat attributes;
+    udisk_stat attributes;  ///< zeros when the disk's side could not look at the file
     std::string_view name;  ///< a NUL follows
+
+    [[nodiscard]] bool HasAttributes() const { return attributes.st_mode != 0; }
   };
   std::vector<Entry> entries;
   uint16_t announced_entries = 0;    ///< how many the reply says it has; 65536 count as 0
@@ -90,7 +92,7 @@ class RemoteFiles {
   /// ENOENT when there is no such directory; EIO also when it cannot be opened.
   void List(const std::string& path, Done<Listing> done);
   /// Whether CheckDirectory can carry the listing and be believed: it counts entries in 16 bits,
-  /// and an entry that vanished while the directory was read cannot be compared.
+  /// and cannot compare an entry that vanished, or has no attributes of its own.
   static bool CanCheck(const Listing& listing);
   /// Lists the directory if it differs from `cached`, one that CanCheck, in an entry's name, size
   /// or second of modification. Anything else, such as a changed mode, it does not see.

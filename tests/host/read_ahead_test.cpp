@@ -34,7 +34,7 @@ std::string Raw(const Record& record) {
 
 udisk_stat Attributes(uint32_t mode, int64_t size, int64_t seconds = 1000) {
   udisk_stat attributes{};
-  attributes.st_ino = 7;
+  attributes.st_ino = S_ISDIR(mode) ? 7 : 8;
   attributes.st_nlink = 1;
   attributes.st_mode = mode;
   attributes.st_size = size;
@@ -182,20 +182,22 @@ class Listings : public ReadAhead {
  protected:
   Listings() {
     Answer([this](uint16_t command, const std::string& payload) -> std::optional<std::string> {
-      if (command == kDirRead) return ListingReply(count_, entries_, "/d");
+      if (command == kDirRead) return ListingReply(count_, entries_, path_);
       if (command == kCheckDir) return check_;
       if (command != kGetFileAttr) return Raw(XattrHead{});
-      return Raw(FileAttrHead{.path_length = 2, .attr_length = sizeof(udisk_stat)}) +
+      return Raw(FileAttrHead{.path_length = static_cast<uint16_t>(path_.size()),
+                              .attr_length = sizeof(udisk_stat)}) +
              payload.substr(sizeof(FileAttrHead)) + Raw(directory_);
     });
   }
   Result<SharedListing> List() {
     std::optional<Result<SharedListing>> result;
-    cache_.List("/d", [&](auto listing) { result = std::move(listing); });
+    cache_.List(path_, [&](auto listing) { result = std::move(listing); });
     Work();
     return result.value_or(Result<SharedListing>{.error = -1});
   }
 
+  std::string path_ = "/d";
   udisk_stat directory_ = Attributes(S_IFDIR | 0755, 100);
   std::string entries_ =
       Entry(".", directory_) + Entry("file", Attributes(S_IFREG | 0644, 4)) + '\0';
@@ -278,6 +280,49 @@ TEST_F(Listings, OfABrokenCheckEndWithAnErrorAndAreListedNextTime) {
     check_ = good.substr(0, size);
     EXPECT_EQ(List().error, EIO) << size;
   }
+}
+
+TEST_F(Listings, HaveNoAttributesWhereTheDiskWroteThoseOfTheEntryBefore) {
+  const auto early = Attributes(S_IFREG | 0644, 4);
+  auto other = early;
+  other.st_ino = 9;
+  auto elsewhere = early;
+  elsewhere.st_dev = 1;  // the same number on another device
+  entries_ = Entry("zeros", {}) + Entry(".", directory_) + Entry("early", early) +
+             Entry("lost", early) + Entry("lost too", early) + Entry("other", other) +
+             Entry("early again", early) + Entry("elsewhere", elsewhere) + '\0';
+  count_ = 8;
+  const auto listing = List().value;
+  std::string without;
+  for (const auto& entry : listing->entries) {
+    if (!entry.HasAttributes()) without.append(entry.name).append(",");
+  }
+  EXPECT_EQ(without, "zeros,lost,lost too,");
+}
+
+TEST_F(Listings, WithAnEntryWithoutAttributesAreNotKept) {
+  const auto file = Attributes(S_IFREG | 0644, 4);
+  count_ = 3;
+  for (const auto& doubtful :
+       {Entry("lost", {}) + Entry(".", directory_) + Entry("file", file),
+        Entry(".", directory_) + Entry("file", file) + Entry("lost", file)}) {
+    entries_ = doubtful + '\0';
+    ASSERT_EQ(List().value->entries.size(), 3U);
+    ASSERT_EQ(List().value->entries.size(), 3U);
+  }
+  EXPECT_EQ(Asked(kDirRead), 4);
+  EXPECT_EQ(Asked(kCheckDir), 0);
+}
+
+TEST_F(Listings, OfTheRootShowItAsItsOwnParent) {
+  path_ = "/";
+  const auto file = Attributes(S_IFREG | 0644, 4);
+  entries_ = Entry(".", directory_) + Entry("file", file) + Entry("..", file) + '\0';
+  count_ = 3;
+  const auto listing = List().value;
+  EXPECT_EQ(Raw(listing->entries[2].attributes), Raw(directory_));
+  EXPECT_EQ(List().value, listing);
+  EXPECT_EQ(Asked(kCheckDir), 1);
 }
 
 // ---- Which files come next ----
