@@ -18,7 +18,7 @@
 
 #include "support/failing_calls.h"
 #include "support/operator_fixture.h"
-#include "support/write_requests.h"
+#include "support/requests.h"
 
 namespace cpd::test {
 namespace {
