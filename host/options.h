@@ -18,6 +18,7 @@ struct DiskOptions {
   bool trace_reads = false;  ///< the path filter matches every path
   bool read_only = false;
   bool unconfined = false;              ///< paths may lead out of the disk
+  bool allow_other = false;             ///< users other than the host's may enter the mount
   bool batch = true;                    ///< small writes leave together
   bool prefetch = true;                 ///< small files are read ahead
   bool dir_cache = true;                ///< listings are kept and checked

@@ -96,6 +96,8 @@ void AddMountCommand(CLI::App* app, CommandLine* line) {
   mount->add_option("--name", shown->name, "Name that is announced [the directory's]");
   mount->add_option("--label", shown->label, "Label on the remote side [the directory's name]");
   mount->add_flag("--read-only", shown->read_only, "Refuse every change; announced, too");
+  mount->add_flag("--allow-other", shown->allow_other,
+                  "Let other users enter the mount; see README's limits");
   mount->add_flag("!--no-batch", shown->batch, "Send small writes one by one");
   mount->add_flag("!--no-prefetch", shown->prefetch, "Do not read small files ahead");
   mount->add_flag("!--no-dir-cache", shown->dir_cache, "List directories in full every time");

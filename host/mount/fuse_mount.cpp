@@ -71,9 +71,9 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, const std::st
       writes_(files_, nodes_, gate_,
               [this](NodeTable::Id node, int error) { open_files_.NoteFailure(node, error); }) {
   fuse_set_log_func(LogLibraryMessage);
-  std::string mount_options = "default_permissions,subtype=udisk";
+  std::string mount_options = "default_permissions,nosuid,nodev,subtype=udisk";
   if (read_only_) mount_options += ",ro";
-  if (geteuid() == 0) mount_options += ",allow_other";
+  if (options.allow_other) mount_options += ",allow_other";
   // A comma in the disk's path would end the option.
   mount_options += ",fsname=";
   for (const char c : options.disk) {
@@ -88,7 +88,11 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, const std::st
   fuse_.reset(fuse_session_new(&args, &operations, sizeof operations, this));
   fuse_opt_free_args(&args);
   if (fuse_ == nullptr || fuse_session_mount(fuse_.get(), mount_point.c_str()) != 0) {
-    throw std::runtime_error(fmt::format("cannot mount on {}", mount_point));
+    throw std::runtime_error(
+        fmt::format("cannot mount on {}{}", mount_point,
+                    options.allow_other && geteuid() != 0
+                        ? "; --allow-other takes root, or user_allow_other in /etc/fuse.conf"
+                        : ""));
   }
   RaiseReadAhead(mount_point);
 }

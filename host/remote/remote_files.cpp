@@ -1,5 +1,7 @@
 #include "remote/remote_files.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -96,6 +98,9 @@ std::optional<std::vector<Listing::Entry>> Entries(std::string_view listing) {
   }
   return entries;
 }
+
+/// A program with a set-id bit would lend its owner's rights to every user of the client.
+uint32_t WithoutSetId(uint32_t mode) { return mode & ~uint32_t{S_ISUID | S_ISGID}; }
 
 template <class Head>
 bool IsDone(const Head& head) {
@@ -293,7 +298,7 @@ void RemoteFiles::Change(std::unique_ptr<CpdPacket> request, IsDone is_done, OnO
 void RemoteFiles::Create(const std::string& path, uint32_t mode, OnOutcome on_outcome) {
   CreateHead head{};
   head.path_length = static_cast<uint32_t>(path.size());
-  head.mode = mode;
+  head.mode = WithoutSetId(mode);
   Change<CreateHead>(Request(kFileCreate, head, path), IsDone<CreateHead>,
                      ThenForget(path, std::move(on_outcome)));
 }
@@ -329,7 +334,7 @@ void RemoteFiles::ChangeMode(const std::string& path, uint32_t mode, OnOutcome o
   ChmodHead head{};
   if (!Fits<decltype(head.path_length)>(path)) return on_outcome(Outcome::kRefused);
   head.path_length = static_cast<uint16_t>(path.size());
-  head.mode = static_cast<uint16_t>(mode);
+  head.mode = static_cast<uint16_t>(WithoutSetId(mode));
   Change<ChmodHead>(Request(kFileChmod, head, path), IsDone<ChmodHead>,
                     ThenForget(path, std::move(on_outcome)));
 }
@@ -348,7 +353,7 @@ void RemoteFiles::MakeDirectory(const std::string& path, uint32_t mode, OnOutcom
   MakeDirHead head{};
   if (!Fits<decltype(head.path_length)>(path)) return on_outcome(Outcome::kRefused);
   head.path_length = static_cast<uint16_t>(path.size());
-  head.mode = static_cast<int16_t>(mode);
+  head.mode = static_cast<int16_t>(WithoutSetId(mode));
   Change<MakeDirHead>(Request(kMakeDir, head, path), IsDone<MakeDirHead>,
                       ThenForget(path, std::move(on_outcome)));
 }

@@ -107,6 +107,7 @@ class RemoteFiles {
   void HasExtendedAttribute(const std::string& path, const std::string& name, Done<bool> done);
 
   // ---- What changes the disk ----
+  // No mode sets a set-user-ID or set-group-ID bit: they are left out of requests.
 
   /// Empties a file that exists, and makes the directories that are missing above it.
   void Create(const std::string& path, uint32_t mode, OnOutcome on_outcome);

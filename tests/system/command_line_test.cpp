@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "support/mounted_disk.h"
@@ -148,6 +149,66 @@ TEST_F(CommandLine, ANameAndALabelWithQuotesAndBlanksReachTheModuleAsTheyAre) {
     EXPECT_NE(log.find("client udisk mount tmpLabel: name " + text + ","), log.npos) << log;
     EXPECT_NE(log.find(", label: label " + text + ", drive: "), log.npos) << log;
   }
+}
+
+/// The options of what is mounted at `path`, as the kernel lists them: the mount's, then the file
+/// system's.
+std::vector<std::string> OptionsOf(const std::string& path) {
+  std::ifstream table("/proc/self/mountinfo");
+  for (std::string line; std::getline(table, line);) {
+    if (line.find(" " + path + " ") == std::string::npos) continue;
+    std::istringstream fields(line);
+    const std::vector<std::string> words{std::istream_iterator<std::string>(fields), {}};
+    std::istringstream both(words.at(5) + "," + words.back());
+    std::vector<std::string> options;
+    for (std::string option; std::getline(both, option, ',');) options.push_back(option);
+    return options;
+  }
+  return {};
+}
+
+TEST_F(CommandLine, AMountIsForItsOwnUserAndTakesNeitherDevicesNorSetIdBits) {
+  MountedDisk mounted(disk.path());
+  const auto options = OptionsOf(mounted.path());
+  EXPECT_EQ(std::ranges::count(options, "allow_other"), 0);
+  EXPECT_EQ(std::ranges::count(options, "nosuid"), 1);
+  EXPECT_EQ(std::ranges::count(options, "nodev"), 1);
+}
+
+TEST_F(CommandLine, OtherUsersEnterOnlyAMountThatAllowsThem) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can be another user";
+  WriteFile(disk / "file", "content");
+  fs::permissions(disk.path(), fs::perms(0755));
+  for (const bool allowed : {false, true}) {
+    MountedDisk mounted(disk.path(), allowed ? std::vector<std::string>{"--allow-other"}
+                                             : std::vector<std::string>());
+    fs::permissions(fs::path(mounted.path()).parent_path(), fs::perms(0755));
+    const auto read = Shell("setpriv --reuid=65534 --clear-groups cat " + (mounted / "file"));
+    EXPECT_EQ(read.status, allowed ? 0 : 1) << read.output;
+    const auto options = OptionsOf(mounted.path());
+    EXPECT_EQ(std::ranges::count(options, "allow_other"), allowed ? 1 : 0);
+    EXPECT_EQ(std::ranges::count(options, "nosuid"), 1);
+  }
+}
+
+TEST_F(CommandLine, AUserWhoMayNotLetOthersInIsToldSo) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can be another user";
+  const std::string as_nobody = "setpriv --reuid=65534 --clear-groups ";
+  if (Shell(as_nobody + CPD_HOST + " --help && " + as_nobody + "test -w /dev/fuse").status != 0) {
+    GTEST_SKIP() << "nobody cannot run the host program or use /dev/fuse here";
+  }
+  if (Shell("grep -q ^user_allow_other /etc/fuse.conf").status == 0) {
+    GTEST_SKIP() << "this machine lets every user do it";
+  }
+  const TempDir mount_point;
+  for (const auto& place : {disk.path(), mount_point.path()}) {
+    ASSERT_EQ(chown(place.c_str(), 65534, 65534), 0);
+  }
+  const auto refused = Shell(as_nobody + CPD_HOST + " mount " + disk.path() + " " +
+                             mount_point.path() + " --allow-other");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.output.find("--allow-other takes root"), std::string::npos) << refused.output;
+  EXPECT_FALSE(IsMounted(mount_point.path()));
 }
 
 TEST_F(ReadOnly, DiskIsReadAsEver) {

@@ -575,6 +575,18 @@ TEST_F(Modes, OfNewFilesAreThoseThatWereAskedFor) {
   umask(before);
 }
 
+TEST_F(Modes, HaveNoSetIdBitsOnTheDisk) {
+  MountedDisk mounted(disk.path());
+  Fd(mounted / "file", O_WRONLY | O_CREAT, 06755);
+  EXPECT_EQ(Lstat(disk / "file").st_mode & 06777U, 0755U);
+  EXPECT_EQ(chmod((mounted / "file").c_str(), 06711), 0) << strerror(errno);
+  EXPECT_EQ(Lstat(disk / "file").st_mode & 07777U, 0711U);
+  EXPECT_EQ(Lstat(mounted / "file").st_mode & 07777U, 0711U);
+  EXPECT_EQ(mkdir((mounted / "directory").c_str(), 02755), 0);
+  EXPECT_EQ(chmod((mounted / "directory").c_str(), 03711), 0) << strerror(errno);
+  EXPECT_EQ(Lstat(disk / "directory").st_mode & 07777U, 01711U);
+}
+
 TEST_F(Modes, AndOwnersCanBeChanged) {
   MountedDisk mounted(disk.path());
   WriteFile(mounted / "file", "content");
