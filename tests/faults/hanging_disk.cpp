@@ -1,4 +1,5 @@
-// A disk that hangs on request: hanging-disk MOUNT_POINT mounts a file system that holds one file.
+// A disk that hangs on request: hanging-disk MOUNT_POINT mounts a file system that holds one file
+// and an empty directory.
 // After SIGUSR1 every call blocks until SIGUSR2. Each of them writes a letter to standard output, h
 // and r, when it has taken effect, and every call that begins to block a b. SIGTERM unmounts.
 #include <fuse3/fuse.h>
@@ -16,6 +17,7 @@
 namespace {
 
 constexpr std::string_view kFile = "/known.txt";
+constexpr std::string_view kDirectory = "/dir";
 constexpr std::string_view kContent = "known content";
 
 std::atomic<bool> g_hangs = false;
@@ -47,7 +49,7 @@ void* Initialise(fuse_conn_info* /*connection*/, fuse_config* config) {
 
 int GetAttributes(const char* path, struct stat* out, fuse_file_info* /*file*/) {
   Gate();
-  if (path == std::string_view("/")) {
+  if (path == std::string_view("/") || path == kDirectory) {
     out->st_mode = S_IFDIR | 0755;
     out->st_nlink = 2;
     return 0;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <memory>
@@ -14,6 +15,7 @@
 
 #include "cpd/driver.h"
 #include "faults/loaded_module.h"
+#include "operator.h"
 #include "support/fake_host.h"
 #include "support/mounted_disk.h"
 #include "support/requests.h"
@@ -199,6 +201,46 @@ TEST_F(DiskThatHangs, AndThenDiesEndsTheCallInFlight) {
   ASSERT_TRUE(device.WaitForPackets(2));
   EXPECT_EQ(DataSent(), std::vector<std::string>(2));
   EXPECT_EQ(Log().Messages(kError).size(), 2U);
+}
+
+// ---- The operator on its own ----
+
+TEST_F(DiskThatHangs, WhileItsMountPointIsOpenedHoldsUpNobodyElse) {
+  setenv("TESSEL_CPD_CLIENT_CONFINE", "1", 1);
+  UDiskOperator udisk(&device);
+  unsetenv("TESSEL_CPD_CLIENT_CONFINE");
+  udisk.SetRootPath((disk->path() + "/").c_str(), "dir");
+  udisk.Idle();  // nothing is kept open
+  disk->Hang();
+  auto served = std::async(std::launch::async, [&] {
+    return udisk.EventHandle(Request(ReadRequest{.path = kKnownFile}).Packet());
+  });
+  ASSERT_TRUE(disk->WaitForHangingCall());
+  auto cleared =
+      std::async(std::launch::async, [&] { return udisk.SetRootPath(nullptr, nullptr); });
+  auto asked = std::async(std::launch::async, [&] { return udisk.GetLocalMountPoint(); });
+  EXPECT_EQ(cleared.wait_for(kAtOnce), std::future_status::ready);
+  EXPECT_EQ(asked.wait_for(kAtOnce), std::future_status::ready);
+  EXPECT_EQ(served.wait_for(0ms), std::future_status::timeout) << "the disk did not hang";
+  disk->Release();
+}
+
+TEST_F(DiskThatHangs, IsListedAsAVolumeOnlyWhenItsStatisticsAreThere) {
+  UDiskOperator udisk(&device);
+  const auto records = [&] {
+    device.TakeSent();
+    udisk.EventHandle(Request(StatvfsRequest{.path = "/"}).Packet());
+    return StatvfsReply::Decode(device.TakeSent().at(0)).records;
+  };
+  disk->Hang();
+  auto named =
+      std::async(std::launch::async, [&] { return udisk.SetRootPath(disk->path().c_str(), ""); });
+  ASSERT_TRUE(disk->WaitForHangingCall());
+  EXPECT_TRUE(records().empty());
+  disk->Release();
+  EXPECT_EQ(named.get(), 0);
+  ASSERT_EQ(records().size(), 1U);
+  EXPECT_EQ(records()[0].f_bsize, 4096U);
 }
 
 }  // namespace

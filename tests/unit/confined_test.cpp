@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -397,9 +398,9 @@ TEST_F(ConfinedTest, NoWayLeadsOut) {
   }
 }
 
-TEST_F(ConfinedTest, AllOfThemLeadOutWhereTheVariableIsUnsetOrNoOtherNumber) {
+TEST_F(ConfinedTest, AllOfThemLeadOutWhereTheVariableIsUnsetEmptyOrZero) {
   const std::vector<WayOut> ways = WaysOut();
-  for (const char* value : {static_cast<const char*>(nullptr), "0", "yes", ""}) {
+  for (const char* value : {static_cast<const char*>(nullptr), "0", ""}) {
     MakePlain(value);
     for (const WayOut& way : ways) {
       SCOPED_TRACE(way.name + ": " + way.path + ", " + (value != nullptr ? value : "unset"));
@@ -414,8 +415,9 @@ TEST_F(ConfinedTest, AllOfThemLeadOutWhereTheVariableIsUnsetOrNoOtherNumber) {
   }
 }
 
-TEST_F(ConfinedTest, OtherNumbersConfineToo) {
-  for (const char* value : {"1", "2", "-1", " 7", "1x"}) {
+TEST_F(ConfinedTest, EveryOtherValueConfines) {
+  for (const char* value :
+       {"1", "2", "-1", " 7", "1x", "true", "yes", "on", "no", "00", " ", "0x1", "4294967296"}) {
     const Confine on(value);
     MakeOperator();
     Mount();
@@ -850,24 +852,48 @@ TEST_F(ConfinedTest, ASlashBehindANewNameAsksForADirectoryAsInPlainMode) {
   EXPECT_TRUE(disk.Exists("/new"));
 }
 
-TEST_F(ConfinedTest, AFileIsCreatedWithThePermissionsOfPlainMode) {
-  for (const uint32_t mode : {0644U, 0100644U, 0104755U, 0xffffffffU, 0U}) {
-    const auto kind = [&](UDiskOperator* served, const std::string& path) {
-      TellOf(served, static_cast<Request>(CreateRequest{.path = path, .mode = mode}));
-      struct stat st {};
-      return lstat(disk.Local(path).c_str(), &st) == 0 ? std::to_string(st.st_mode) : "missing";
+TEST_F(ConfinedTest, ModesAreThoseOfPlainModeLessTheSetIdBits) {
+  const auto mode_of = [&](UDiskOperator* served, const Request& request, const std::string& path) {
+    TellOf(served, request);
+    struct stat st {};
+    EXPECT_EQ(lstat(disk.Local(path).c_str(), &st), 0) << path;
+    return st.st_mode;
+  };
+  constexpr mode_t kSetIds = S_ISUID | S_ISGID;
+  for (const uint32_t mode : {0644U, 0100644U, 0104755U, 0102755U, 0107777U, 0xffffffffU, 0U}) {
+    SCOPED_TRACE(mode);
+    const auto created = [&](UDiskOperator* served, const std::string& path) {
+      return mode_of(served, CreateRequest{.path = path, .mode = mode}, path);
     };
-    EXPECT_EQ(kind(udisk.get(), "/confined.txt"), kind(plain.get(), "/plain.txt")) << mode;
-    disk.Remove("/confined.txt");
-    disk.Remove("/plain.txt");
+    const auto changed = [&](UDiskOperator* served, const std::string& path) {
+      return mode_of(served, ChmodRequest{.path = path, .mode = static_cast<uint16_t>(mode)}, path);
+    };
+    const auto made = [&](UDiskOperator* served, const std::string& path) {
+      return mode_of(served, MakeDirRequest{.path = path, .mode = static_cast<int16_t>(mode)},
+                     path);
+    };
+    EXPECT_EQ(created(udisk.get(), "/confined"), created(plain.get(), "/plain") & ~kSetIds);
+    EXPECT_EQ(changed(udisk.get(), "/confined"), changed(plain.get(), "/plain") & ~kSetIds);
+    EXPECT_EQ(made(udisk.get(), "/confined-dir"), made(plain.get(), "/plain-dir") & ~kSetIds);
+    EXPECT_EQ(changed(udisk.get(), "/confined-dir"), changed(plain.get(), "/plain-dir") & ~kSetIds);
+    for (const char* path : {"/confined", "/plain", "/confined-dir", "/plain-dir"}) {
+      disk.Remove(path);
+    }
   }
 }
+
+TEST_F(ConfinedTest, ACreationThatMakesItsDirectoriesKeepsNothingOpen) {
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_GE(Ask(CreateRequest{.path = "/new/" + std::to_string(i) + "/file"})->result(), 0);
+  }
+  udisk->Idle();
+  EXPECT_TRUE(disk.Exists("/new/99/file"));
+}  // the fixture counts the descriptors
 
 TEST_F(ConfinedTest, ADeepTreeIsWalkedDownAndUp) {
   std::string deep;
   for (int i = 0; i < 60; ++i) deep += "/level " + std::to_string(i);
   EXPECT_EQ(Ask(MakeDirRequest{.path = deep})->head.result, 0);
-  descriptors.Expect(1);  // a creation that makes its directory keeps the file open
   EXPECT_GE(Ask(CreateRequest{.path = deep + "/and/more.txt"})->result(), 0);
   EXPECT_EQ(Ask(WriteRequest{.path = deep + "/and/more.txt", .data = "down"})->head.size, 4);
   EXPECT_EQ(Read(deep + "/and/../and/more.txt"), "down");
@@ -925,6 +951,61 @@ TEST_F(ConfinedTest, OrdinaryRequestsAreAnsweredAsInPlainMode) {
   EXPECT_EQ(disk.ReadBack(kKnownFile), other.ReadBack(kKnownFile));
 }
 
+// ---- Long paths ----
+
+size_t DirectoriesWalked() {
+  const std::vector<LogLine> lines = Log().Lines();
+  return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [](const LogLine& line) {
+    return line.message.starts_with("pszDir:");
+  }));
+}
+
+TEST_F(ConfinedTest, APathThatIsTooLongIsRefusedBeforeItIsWalked) {
+  // Made of slashes, and of components that would all be found.
+  for (const std::string& path :
+       {std::string(1 << 20, '/'), Backslashed(std::string(1 << 20, '/')),
+        Replaced(std::string(1 << 19, 'x'), "x", "/."), std::string(PATH_MAX, '/') + "new/file"}) {
+    Log().Clear();
+    EXPECT_EQ(Ask(CreateRequest{.path = path})->result(), -1);
+    EXPECT_EQ(Log().Messages(kError), Texts{"file_create failed errno: File name too long\\n"});
+    EXPECT_EQ(Ask(MakeDirRequest{.path = path.substr(0, 65535)})->head.result, -1);
+    EXPECT_EQ(DirectoriesWalked(), 0U);
+  }
+  EXPECT_FALSE(disk.Exists("/new"));
+}
+
+TEST_F(ConfinedTest, APathThatIsTooLongIsAnsweredAsInPlainMode) {
+  std::string at = "/known";
+  while (at.size() < PATH_MAX) at += "/.";
+  for (const NamedRequest& named : RequestsIn(at)) {
+    SCOPED_TRACE(named.name);
+    Log().Clear();
+    const std::optional<Told> expected = TellOf(plain.get(), named.request);
+    const Texts errors = Log().Messages(kError);
+    Log().Clear();
+    EXPECT_EQ(TellOf(udisk.get(), named.request), expected);
+    EXPECT_EQ(Log().Messages(kError), errors);
+  }
+}
+
+TEST_F(ConfinedTest, APathOfTheGreatestLengthIsServed) {
+  std::string path = kKnownFile;
+  while (disk.Local(path).size() + 1 < PATH_MAX) path = "/" + path;
+  EXPECT_EQ(Read(path), "known content");
+  EXPECT_EQ(Read("/" + path), "");
+}
+
+TEST_F(ConfinedTest, SlashesInARowAreOneStepOfTheWalk) {
+  for (const char slash : {'/', '\\'}) {
+    Log().Clear();
+    const std::string name = slash == '/' ? "/new" : "/other";
+    EXPECT_EQ(Ask(MakeDirRequest{.path = name + std::string(1000, slash) + "below"})->head.result,
+              0);
+    EXPECT_EQ(DirectoriesWalked(), 2U) << "the disk and the directory";
+    EXPECT_TRUE(disk.IsDir(name + "/below"));
+  }
+}
+
 // ---- A disk that goes and comes back ----
 
 /// A disk in memory, over a directory.
@@ -973,6 +1054,46 @@ TEST_F(ConfinedTest, AnotherDiskAtTheSamePlaceIsWrittenAtOnce) {
   EXPECT_TRUE(disk.IsDir("/made"));
   EXPECT_FALSE(disk.Exists("/c.txt"));
   EXPECT_EQ(Read(kKnownFile), "known content");
+}
+
+TEST_F(ConfinedTest, EverythingIsMissingWhileTheDiskIsUnmounted) {
+  {
+    MemoryDisk memory(disk.root());
+    if (!memory.ok()) GTEST_SKIP() << "cannot mount: " << strerror(errno);
+    disk.MakeFile(kKnownFile, "in memory");
+    Mount();
+    EXPECT_EQ(Read(kKnownFile), "in memory");
+    udisk->Idle();
+    EXPECT_TRUE(memory.Unmount());
+  }
+  const auto before = Snapshot(disk.letter());
+  EXPECT_EQ(Read(plain.get(), kKnownFile), "known content") << "of the mount point";
+  EXPECT_EQ(Read(kKnownFile), "");
+  EXPECT_EQ(Ask(AttrRequest{.path = "/"})->attr_length, 0);
+  EXPECT_EQ(Ask(DirReadRequest{.path = "/"})->entry_count, 0);
+  for (const NamedRequest& named : OneRequestPerCommand()) {
+    if (named.request.cmd == kMountRemote || named.request.cmd == kUmountRemote) continue;
+    TellOf(udisk.get(), named.request);
+  }
+  EXPECT_TRUE(Snapshot(disk.letter()) == before) << "the mount point was changed";
+
+  const MemoryDisk again(disk.root());
+  ASSERT_TRUE(again.ok());
+  disk.MakeFile(kKnownFile, "again");
+  EXPECT_EQ(Read(kKnownFile), "again");
+  EXPECT_EQ(Ask(WriteRequest{.path = kKnownFile, .data = "AGAIN"})->head.size, 5);
+  EXPECT_EQ(disk.ReadBack(kKnownFile), "AGAIN");
+  udisk->Idle();
+}
+
+TEST_F(ConfinedTest, ADiskThatWasNoMountWhenItWasNamedNeedNotBecomeOne) {
+  EXPECT_EQ(Read(kKnownFile), "known content");
+  MemoryDisk memory(disk.root());
+  if (!memory.ok()) GTEST_SKIP() << "cannot mount: " << strerror(errno);
+  EXPECT_TRUE(memory.Unmount());
+  EXPECT_EQ(Ask(WriteRequest{.path = kKnownFile, .data = "KNOWN"})->head.size, 5);
+  Mount();
+  EXPECT_EQ(Read(kKnownFile), "KNOWN content");
 }
 
 TEST_F(ConfinedTest, AnotherDiskAtTheSamePlaceIsReadWithin100Milliseconds) {
@@ -1056,15 +1177,34 @@ size_t LinesAboutConfining() {
   }));
 }
 
-TEST_F(ConfinedTest, OneDebugLineTellsThatItIsOnAndNoneThatItIsOff) {
-  MakePlain(nullptr);
-  MakePlain("0");
-  MakePlain("none");
-  EXPECT_EQ(LinesAboutConfining(), 0U);
+TEST_F(ConfinedTest, OneDebugLineTellsWhetherItIsOn) {
+  for (const auto& [value, shown] : {std::pair{static_cast<const char*>(nullptr), "not set"},
+                                     std::pair{"", ""}, std::pair{"0", "0"}}) {
+    Log().Clear();
+    MakePlain(value);
+    EXPECT_EQ(LinesAboutConfining(), 1U);
+    EXPECT_EQ(Log().Count(kDebug, std::string("[UDisk] CONFINE=") + shown +
+                                      ": paths may lead out of the mount point"),
+              1U);
+  }
+  Log().Clear();
   MakeConfined();
   Read(kKnownFile);
   EXPECT_EQ(LinesAboutConfining(), 1U);
   EXPECT_EQ(Log().Count(kDebug, "[UDisk] CONFINE=1: no path leads out of the mount point"), 1U);
+}
+
+TEST_F(ConfinedTest, TheDiskThatIsKeptOpenIsNotHandedToOtherPrograms) {
+  Read(kKnownFile);
+  int seen = 0;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (fs::read_symlink(entry.path(), gone) != disk.root()) continue;
+    ++seen;
+    EXPECT_EQ(fcntl(std::stoi(entry.path().filename()), F_GETFD), FD_CLOEXEC);
+  }
+  EXPECT_EQ(seen, 1);
+  udisk->Idle();
 }
 
 TEST_F(ConfinedTest, TheVariableIsReadOnceOnly) {

@@ -52,7 +52,7 @@ class ThrottleModeTest : public ThrottleTest {
     Log().Clear();
     MakeOperator();
     const std::vector<std::string> messages = Log().Messages(kDebug);
-    EXPECT_EQ(messages.size(), 1U);
+    EXPECT_EQ(messages.size(), 2U) << "the mode, and whether paths are confined";
     return messages.empty() ? "" : messages[0];
   }
 };

@@ -23,6 +23,13 @@ struct _UDISK_DIR_ATTR {
   uint8_t* buf;          ///< packed udisk_dir_entry; released with free by who asked for it
 };
 
+/// The mount point of a disk.
+struct DiskRoot {
+  std::string path;  ///< empty: there is no disk
+  bool is_mount =
+      false;  ///< it was the root of a mount when the disk was named, and has to stay one
+};
+
 /// Where a read puts its data.
 struct ReadRoom {
   void* data;
@@ -35,18 +42,19 @@ struct ReadRoom {
 /// errno is left as that call set it, and a failure is logged where the operation has a text for
 /// it. Files are opened O_CLOEXEC | O_NONBLOCK | O_NOCTTY, so that a FIFO or device never holds a
 /// call; a regular file that another process holds a lease on is waited for, as open does without
-/// O_NONBLOCK.
+/// O_NONBLOCK. Confined, modes lose their set-user-ID and set-group-ID bits.
 class FileManagerLinux {
  public:
   /// @param confine_to  the present mount point, which no path then leads out of; none: paths are
   ///                    used as they stand
-  explicit FileManagerLinux(std::function<std::string()> confine_to = nullptr);
+  explicit FileManagerLinux(std::function<DiskRoot()> confine_to = nullptr);
   /// Flushes all file systems, so that what was written is on the disk when the driver lets it go.
   ~FileManagerLinux();
   FileManagerLinux(const FileManagerLinux&) = delete;
   FileManagerLinux& operator=(const FileManagerLinux&) = delete;
 
-  /// Creates or empties a file, making missing parents with mode 0777. `flags` is ignored.
+  /// Creates or empties a file, making missing parents with mode 0777. `flags` is ignored. In plain
+  /// mode the descriptor stays open where parents were tried.
   /// @return a descriptor number, of use for its sign only, or -1
   int UdiskCreateFile(const char* path, int flags, int mode);
   bool IsDirectory(const char* path);  ///< links are followed
@@ -97,10 +105,15 @@ class FileManagerLinux {
   int UdiskFlush(const char* path);    ///< nothing: 0
   int UdiskRelease(const char* path);  ///< as UdiskFsync, but always 0
 
+  /// A mount point as it is now, for `confine_to` to give. Looks at it in confined mode only.
+  [[nodiscard]] DiskRoot RootAt(const std::string& path) const;
   /// Closes what is kept open on the disk between requests, so that it can be unmounted.
   void LetGo();
 
  private:
+  /// The mode of something new. Confined, nothing is made that runs with the rights of its owner.
+  [[nodiscard]] mode_t ModeOf(int mode) const;
+
   const std::unique_ptr<LocalPaths> mPaths;
 };
 

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "cpd/driver_obj.h"
+#include "file_manager_linux.h"
 #include "udisk_log.h"
 #include "wire.h"
 
@@ -22,7 +23,6 @@ namespace cpd {
 
 class CpdDevice;
 class CpdPacket;
-class FileManagerLinux;
 
 /// Wall-clock milliseconds.
 uint64_t getCurrentTime();
@@ -244,8 +244,7 @@ class UDiskOperator : public UdiskOperatorInf {
 
  private:
   std::string CopyMountPoint();
-  /// The mount point, but empty until a disk was set: before, it is where disks are mounted.
-  std::string CopyDiskRoot();
+  DiskRoot CopyDiskRoot();
   /// The mount point and, of the same moment, its volumes.
   std::pair<std::string, std::list<std::shared_ptr<VolumeRecord>>> CopyMount();
   void throttleLegacy(uint32_t bytes, BulkRead kind);
@@ -257,7 +256,9 @@ class UDiskOperator : public UdiskOperatorInf {
   int64_t Send(std::unique_ptr<CpdPacket> reply);
   int64_t SendCopy(const CpdPacket* request);
 
-  bool mHasDisk = false;  // guarded by mLock
+  /// The mount point of confined paths: empty until a disk was set, unlike mMountPoint, which is
+  /// where disks are mounted until then. Guarded by mLock.
+  DiskRoot mDiskRoot;
   std::mutex mLock;
 };
 

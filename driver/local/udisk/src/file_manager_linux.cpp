@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -33,8 +34,6 @@ struct FreeDeleter {
 struct DirCloser {
   void operator()(DIR* dir) const { ::closedir(dir); }
 };
-
-mode_t Mode16(int mode) { return static_cast<uint16_t>(mode); }
 
 udisk_timespec ToTimespec(const struct timespec& from) { return {from.tv_sec, from.tv_nsec}; }
 
@@ -73,7 +72,7 @@ bool LeadsNowhere(int error) {
 
 }  // namespace
 
-FileManagerLinux::FileManagerLinux(std::function<std::string()> confine_to)
+FileManagerLinux::FileManagerLinux(std::function<DiskRoot()> confine_to)
     : mPaths(std::make_unique<LocalPaths>(std::move(confine_to))) {}
 
 FileManagerLinux::~FileManagerLinux() { ::sync(); }
@@ -82,12 +81,12 @@ FileManagerLinux::~FileManagerLinux() { ::sync(); }
 
 int FileManagerLinux::UdiskCreateFile(const char* path, int /*flags*/, int mode) {
   constexpr int kFlags = O_CREAT | O_WRONLY | O_TRUNC | kOpenFlags;
-  if (const Descriptor fd = mPaths->Open(path, kFlags, Mode16(mode)); fd.ok()) return fd.get();
+  if (const Descriptor fd = mPaths->Open(path, kFlags, ModeOf(mode)); fd.ok()) return fd.get();
   UdiskMakeDir(path, 0777, 0);
-  // The retry's descriptor stays open, unlike the first one's: kept.
-  const int fd = mPaths->Open(path, kFlags, Mode16(mode)).Release();
-  if (fd < 0) UDISK_ERROR("file_create failed errno: %s\n", std::strerror(errno));
-  return fd;
+  Descriptor fd = mPaths->Open(path, kFlags, ModeOf(mode));
+  if (!fd.ok()) UDISK_ERROR("file_create failed errno: %s\n", std::strerror(errno));
+  // Contract: in plain mode the retry's descriptor stays open, unlike the first one's.
+  return mPaths->confined() ? fd.get() : fd.Release();
 }
 
 int FileManagerLinux::UdiskFileOpen(const char* /*path*/) { return -1; }
@@ -166,7 +165,14 @@ int FileManagerLinux::UdiskRelease(const char* path) {
   return 0;
 }
 
+DiskRoot FileManagerLinux::RootAt(const std::string& path) const { return mPaths->RootAt(path); }
 void FileManagerLinux::LetGo() { mPaths->LetGo(); }
+
+mode_t FileManagerLinux::ModeOf(int mode) const {
+  const mode_t bits = static_cast<uint16_t>(mode);
+  constexpr mode_t kSetIds = S_ISUID | S_ISGID;
+  return mPaths->confined() ? bits & ~kSetIds : bits;
+}
 
 // ---- Attributes ----
 
@@ -204,7 +210,7 @@ int FileManagerLinux::UdiskGetFileInformation(const char* path, udisk_stat* out)
 int FileManagerLinux::UdiskGetXattr(const char* /*path*/) { return -1; }
 
 int FileManagerLinux::UdiskFileChmod(const char* path, int mode) {
-  return ::chmod(mPaths->File(path).c_str(), Mode16(mode));
+  return ::chmod(mPaths->File(path).c_str(), ModeOf(mode));
 }
 
 int FileManagerLinux::UdiskFileChown(const char* path, int uid, int gid) {
@@ -252,11 +258,18 @@ bool FileManagerLinux::IsDirectory(const char* path) {
 }
 
 int FileManagerLinux::MakeOneDir(const char* path, int mode) {
-  return ::mkdir(mPaths->Name(path).c_str(), Mode16(mode));
+  return ::mkdir(mPaths->Name(path).c_str(), ModeOf(mode));
 }
 
 int FileManagerLinux::UdiskMakeDir(const char* path, int mode, short make_last) {
   if (path == nullptr) return 0;
+  // Plain, the walk makes what it can of a path that is too long. Confined, such a path is refused
+  // at once, and separators in a row are one: neither may cost a step for every byte.
+  const bool confined = mPaths->confined();
+  if (confined && std::strlen(path) >= PATH_MAX) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
   const std::unique_ptr<char, FreeDeleter> copy(::strdup(path));
   if (copy == nullptr) return 0;
   char* const text = copy.get();
@@ -265,8 +278,10 @@ int FileManagerLinux::UdiskMakeDir(const char* path, int mode, short make_last) 
        text[0] != '\0' && text[i] != '\0'; ++i) {
     if (text[i] != '/' && text[i] != '\\') continue;
     text[i] = '\0';
-    UDISK_DEBUG("pszDir:%s\n", text);
-    if (!IsDirectory(text) && MakeOneDir(text, mode) != 0) return -1;
+    if (!confined || text[i - 1] != '/') {
+      UDISK_DEBUG("pszDir:%s\n", text);
+      if (!IsDirectory(text) && MakeOneDir(text, mode) != 0) return -1;
+    }
     text[i] = '/';
   }
   if (make_last != 0 && !IsDirectory(text)) return MakeOneDir(text, mode);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <optional>
 #include <string_view>
@@ -87,6 +88,22 @@ Descriptor OpenBeneath(const Descriptor& root, std::string_view below, int flags
   return Descriptor();
 }
 
+/// Whether the root of a mount is at `path`, beneath `directory` when it is relative. Asks no disk.
+bool IsMountRoot(int directory, const char* path) {
+  struct statx st {};
+  constexpr int kFlags = AT_EMPTY_PATH | AT_STATX_DONT_SYNC;
+  return ::statx(directory, path, kFlags, 0, &st) == 0 &&
+         (st.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
+/// Opens the mount point. A disk that was unmounted leaves its empty mount point: that is no disk.
+Descriptor OpenDisk(const DiskRoot& root) {
+  Descriptor disk(::open(root.path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!disk.ok() || !root.is_mount || IsMountRoot(disk.get(), "")) return disk;
+  errno = ENOENT;
+  return Descriptor();
+}
+
 /// A path for `held`, which must stay, and for `name` below it.
 LocalPath Held(Descriptor held, const std::string& name = "") {
   if (!held.ok()) return {Descriptor(), ""};
@@ -96,8 +113,17 @@ LocalPath Held(Descriptor held, const std::string& name = "") {
 
 }  // namespace
 
+DiskRoot LocalPaths::RootAt(const std::string& path) const {
+  return {path, confined() && IsMountRoot(AT_FDCWD, path.c_str())};
+}
+
+/// Confined, the kernel refuses a path that is too long before it looks at any of it.
+bool LocalPaths::PassesUnchanged(const char* path) const {
+  return !confined() || std::strlen(path) >= PATH_MAX;
+}
+
 Descriptor LocalPaths::Open(const char* path, int flags, mode_t mode) {
-  if (!confine_to_) return OpenPlain(path, flags, mode);
+  if (PassesUnchanged(path)) return OpenPlain(path, flags, mode);
   const bool reads = (flags & (O_ACCMODE | O_CREAT)) == O_RDONLY;
   const Beneath place = Split(path, reads ? kKept : kFresh);
   Descriptor file = OpenBeneath(*place.root, place.below, flags, mode);
@@ -109,13 +135,13 @@ Descriptor LocalPaths::Open(const char* path, int flags, mode_t mode) {
 }
 
 LocalPath LocalPaths::File(const char* path) {
-  if (!confine_to_) return LocalPath(path);
+  if (PassesUnchanged(path)) return LocalPath(path);
   const Beneath place = Split(path, kFresh);
   return Held(OpenBeneath(*place.root, place.below, O_PATH));
 }
 
 LocalPath LocalPaths::Name(const char* path) {
-  if (!confine_to_) return LocalPath(path);
+  if (PassesUnchanged(path)) return LocalPath(path);
   const Beneath place = Split(path, kFresh);
   const std::string_view below = place.below;
   const std::string_view entry = WithoutSlashes(below);
@@ -136,7 +162,7 @@ LocalPath LocalPaths::Name(const char* path) {
 }
 
 LocalPath LocalPaths::NewName(const char* path) {
-  if (!confine_to_) return LocalPath(path);
+  if (PassesUnchanged(path)) return LocalPath(path);
   const Beneath place = Split(path, kFresh);
   const std::string_view entry = WithoutSlashes(place.below);
   const size_t name_at = entry.rfind('/') + 1;
@@ -146,38 +172,44 @@ LocalPath LocalPaths::NewName(const char* path) {
 }
 
 size_t LocalPaths::TrustedLength(const char* path) const {
-  if (!confine_to_) return 0;
-  const std::string root = confine_to_();
+  if (!confined()) return 0;
+  const std::string root = confine_to_().path;
   return !root.empty() && std::string_view(path).starts_with(root) ? root.size() : 0;
 }
 
-void LocalPaths::LetGo() {
-  const std::lock_guard lock(mutex_);
-  root_.reset();
-}
+void LocalPaths::LetGo() { Keep({}); }
 
 /// Opening the mount point costs as much as opening a file. So it is kept for reads, but not for
 /// long: a disk that is back at its place is soon found. What changes the disk opens it anew.
 LocalPaths::Beneath LocalPaths::Split(const char* path, Freshness freshness) {
   static const auto nowhere = std::make_shared<const Descriptor>();
-  constexpr auto kKeptFor = std::chrono::milliseconds(100);
-  const std::string root = confine_to_();
-  const auto below = Below(root, path);
+  const DiskRoot root = confine_to_();
+  const auto below = Below(root.path, path);
   if (!below) {
     errno = ENOENT;
     return {nowhere, ""};
   }
+  OpenRoot open_root = freshness == kKept ? FindKept(root.path) : nullptr;
+  if (open_root == nullptr) {
+    const auto now = std::chrono::steady_clock::now();
+    open_root = std::make_shared<const Descriptor>(OpenDisk(root));
+    Keep({root.path, open_root->ok() ? open_root : nullptr, now});
+  }
+  return {std::move(open_root), std::string(*below)};
+}
+
+LocalPaths::OpenRoot LocalPaths::FindKept(const std::string& path) {
+  constexpr auto kKeptFor = std::chrono::milliseconds(100);
   const auto now = std::chrono::steady_clock::now();
   const std::lock_guard lock(mutex_);
-  if (freshness == kFresh || root_ == nullptr || !root_->ok() || root_path_ != root ||
-      now - opened_ >= kKeptFor) {
-    root_.reset();
-    root_ =
-        std::make_shared<const Descriptor>(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    root_path_ = root;
-    opened_ = now;
-  }
-  return {root_, std::string(*below)};
+  return kept_.path == path && now - kept_.opened < kKeptFor ? kept_.root : nullptr;
+}
+
+/// Keeps another one, or none. The one before is closed after the lock is released: closing it
+/// may end an unmount that waits for the disk.
+void LocalPaths::Keep(KeptRoot root) {
+  const std::lock_guard lock(mutex_);
+  std::swap(kept_, root);
 }
 
 }  // namespace cpd

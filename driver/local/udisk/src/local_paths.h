@@ -12,6 +12,8 @@
 #include <string>
 #include <utility>
 
+#include "file_manager_linux.h"
+
 namespace cpd {
 
 /// Owns an open descriptor; negative when the open failed.
@@ -55,16 +57,20 @@ class LocalPath {
 /// Plain, paths are used as they stand: ".." and symbolic links lead where they lead. Confined, the
 /// kernel resolves each beneath the mount point, in one step that no renaming can race with, and
 /// a FIFO or device is closed again before anything is read or written. What leads out fails with
-/// ENOENT, and so does everything while the mount point is empty. A kernel without openat2 fails
-/// all; /proc is needed. Callable from any thread.
+/// ENOENT, and so does everything while the mount point is empty, or no longer the root of a mount
+/// though it was one when it was named. A path of PATH_MAX bytes or more fails with ENAMETOOLONG. A
+/// kernel without openat2 fails all; /proc is needed. Callable from any thread.
 class LocalPaths {
  public:
   /// The present mount point: what every path has to begin with.
-  using Root = std::function<std::string()>;
+  using Root = std::function<DiskRoot()>;
 
   /// @param confine_to  empty for plain paths
   explicit LocalPaths(Root confine_to) : confine_to_(std::move(confine_to)) {}
 
+  [[nodiscard]] bool confined() const { return confine_to_ != nullptr; }
+  /// A mount point as it is now, for `Root` to give.
+  [[nodiscard]] DiskRoot RootAt(const std::string& path) const;
   /// As open; O_NONBLOCK does not keep it from waiting for another process's lease on a regular
   /// file. errno tells why there is no descriptor.
   [[nodiscard]] Descriptor Open(const char* path, int flags, mode_t mode = 0);
@@ -80,19 +86,28 @@ class LocalPaths {
   void LetGo();
 
  private:
+  using OpenRoot = std::shared_ptr<const Descriptor>;
   /// The mount point, open, and what a path says below it.
   struct Beneath {
-    std::shared_ptr<const Descriptor> root;
+    OpenRoot root;
     std::string below;
   };
+  /// A mount point that is kept open between calls.
+  struct KeptRoot {
+    std::string path;
+    OpenRoot root;  ///< null when let go
+    std::chrono::steady_clock::time_point opened;
+  };
   enum Freshness { kKept, kFresh };
+  /// Whether the kernel gets the path as it is.
+  [[nodiscard]] bool PassesUnchanged(const char* path) const;
   Beneath Split(const char* path, Freshness freshness);
+  OpenRoot FindKept(const std::string& path);
+  void Keep(KeptRoot root);
 
   const Root confine_to_;
-  std::mutex mutex_;
-  std::string root_path_;                   // guarded by mutex_, as are the next two
-  std::shared_ptr<const Descriptor> root_;  // null when let go
-  std::chrono::steady_clock::time_point opened_;
+  std::mutex mutex_;  // never held while the disk is touched
+  KeptRoot kept_;     // guarded by mutex_
 };
 
 }  // namespace cpd

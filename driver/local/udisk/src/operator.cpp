@@ -132,7 +132,10 @@ UDiskOperator::UDiskOperator(CpdDevice* device) : mDevice(device) {
   UDISK_DEBUG("[UDisk] throttle mode=%s, FORCE_BW=%s", legacyThrottle ? "LEGACY" : "TOKEN_BUCKET",
               force != nullptr ? force : "not set");
   const char* confine = std::getenv("TESSEL_CPD_CLIENT_CONFINE");
-  if (confine == nullptr || std::atoi(confine) == 0) {
+  // Anything that is not plainly a no confines: a value that was misunderstood must not open up.
+  if (confine == nullptr || *confine == '\0' || std::strcmp(confine, "0") == 0) {
+    UDISK_DEBUG("[UDisk] CONFINE=%s: paths may lead out of the mount point",
+                confine != nullptr ? confine : "not set");
     mFileManager = std::make_unique<FileManagerLinux>();
   } else {
     UDISK_DEBUG("[UDisk] CONFINE=%s: no path leads out of the mount point", confine);
@@ -173,9 +176,12 @@ int UDiskOperator::SetRootPath(const char* letter, const char* label) {
     both = false;
   }
   if (!both) {
-    const std::lock_guard lock(mLock);
-    std::memset(mMountPoint, 0, sizeof mMountPoint);
-    mVolumes.clear();
+    {
+      const std::lock_guard lock(mLock);
+      std::memset(mMountPoint, 0, sizeof mMountPoint);
+      mDiskRoot = {};
+      mVolumes.clear();
+    }
     mFileManager->LetGo();
     return -1;
   }
@@ -185,11 +191,12 @@ int UDiskOperator::SetRootPath(const char* letter, const char* label) {
   if (record == nullptr) throw std::bad_alloc();
   std::string_view(label).copy(record->label, sizeof record->label);
   const std::string mount_point = std::string(letter) + label;
+  DiskRoot root = mFileManager->RootAt(mount_point);
   {
     const std::lock_guard lock(mLock);
     std::memset(mMountPoint, 0, sizeof mMountPoint);
     mount_point.copy(mMountPoint, sizeof mMountPoint - 1);
-    mHasDisk = true;
+    mDiskRoot = std::move(root);
   }
   UDISK_DEBUG("letter: %s, mMountPoint: %s, label: %s\n", letter, mount_point.c_str(), label);
   UDISK_DEBUG("==============letter:%s\n", mount_point.c_str());
@@ -213,9 +220,9 @@ std::string UDiskOperator::CopyMountPoint() {
   return mMountPoint;
 }
 
-std::string UDiskOperator::CopyDiskRoot() {
+DiskRoot UDiskOperator::CopyDiskRoot() {
   const std::lock_guard lock(mLock);
-  return mHasDisk ? mMountPoint : "";
+  return mDiskRoot;
 }
 
 int64_t UDiskOperator::Send(std::unique_ptr<CpdPacket> reply) {
