@@ -95,6 +95,27 @@ TEST_F(FileRead, OfADirectoryRepliesWithResultZeroAndNoData) {
   EXPECT_TRUE(message.ends_with(" errno: Is a directory\\n")) << message;
 }
 
+TEST_F(FileRead, ThatCannotSucceedSaysTheSameInTheLogWhateverItsSize) {
+  const auto error_of = [&](const ReadRequest& request) {
+    Log().Clear();
+    ExpectNothing(request);
+    const std::vector<std::string> errors = Log().Messages(kError);
+    return errors.size() == 1 ? errors[0].substr(errors[0].find("errno")) : "not one error";
+  };
+  constexpr int64_t kLast = std::numeric_limits<int64_t>::max();
+  for (const uint32_t size : {100U, 4096U, 64U << 10, (64U << 10) + 1, 1U << 20, 0x7fffffffU}) {
+    SCOPED_TRACE(size);
+    EXPECT_EQ(error_of({.path = kKnownDir, .size = size}), "errno: Is a directory\\n");
+    EXPECT_EQ(error_of({.path = kKnownFile, .offset = kLast - 50, .size = size}),
+              "errno: Invalid argument\\n");
+    EXPECT_EQ(error_of({.path = kKnownFile, .offset = -1, .size = size}),
+              "errno: Invalid argument\\n");
+    Log().Clear();
+    ExpectNothing({.path = kKnownFile, .offset = kLast - size, .size = size});
+    EXPECT_TRUE(Log().Messages(kError).empty()) << "past the end, but not past every offset";
+  }
+}
+
 TEST_F(FileRead, OfAFifoRepliesAtOnceWithResultZeroAndNoData) {
   ASSERT_EQ(mkfifo(disk.Local("/fifo").c_str(), 0600), 0);
   ExpectNothing({.path = "/fifo"});

@@ -305,6 +305,28 @@ TEST_F(SmallFileRead, OfTheLargestSizesAllocatesNoMoreThanTheFilesDeliver) {
   EXPECT_LT(PeakMemory() - before, 256U << 20);
 }
 
+TEST_F(SmallFileRead, PastEveryOffsetSaysSoInTheLogWhateverItsSize) {
+  for (const uint32_t size : {100U, 1U << 20}) {
+    Log().Clear();
+    const SmallRead past{.path = kKnownFile, .offset = INT64_MAX - 50, .size = size};
+    ExpectRecords(SmallReadRequest{.records = {past}}, {Record(past, "")});
+    ASSERT_EQ(Log().Messages(kError).size(), 1U);
+    EXPECT_TRUE(Log().Messages(kError)[0].ends_with("errno: Invalid argument\\n"));
+  }
+}
+
+TEST_F(SmallFileRead, OfMoreThanAPacketHoldsSendsNothingAndSaysSo) {
+  disk.MakeFile("/large", "");
+  ASSERT_EQ(truncate(disk.Local("/large").c_str(), int64_t{3} << 29), 0);  // holds no block
+  const SmallRead large{.path = "/large", .size = 0x7fffffff};
+  const uint64_t before = PeakMemory();
+  EXPECT_FALSE(AskRaw(SmallReadRequest{.records = {large, large}}));
+  EXPECT_EQ(Log().Messages(kError),
+            std::vector<std::string>{"small_file_read: no packet holds 3221225536 bytes"});
+  EXPECT_LT(PeakMemory() - before, 256U << 20);
+  EXPECT_TRUE(StillServes());
+}
+
 TEST_F(SmallFileRead, OfASizeThatIsNegativeRepliesWithNoDataAndAllocatesNothingForIt) {
   for (const uint32_t size : {0x80000000U, kMost}) {
     Log().Clear();

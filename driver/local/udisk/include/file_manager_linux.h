@@ -73,6 +73,11 @@ class FileManagerLinux {
   /// The same into room that is made once the file is open: `make_room` gets its descriptor.
   int UdiskReadFile(const char* path, int64_t offset, uint32_t* err,
                     const std::function<ReadRoom(int fd)>& make_room);
+  /// Whether a read would end past the greatest offset there is. The call refuses it, and needs no
+  /// room for that.
+  static bool Overflows(int64_t offset, int count) {
+    return count > 0 && offset > INT64_MAX - count;
+  }
   /// How many of `count` bytes at `offset` the file can deliver at most. A file that does not know
   /// its size is taken for one of 1 MiB, one that cannot be reached for empty. A negative count
   /// stays as it is.

@@ -693,6 +693,7 @@ int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request
   std::optional<Reply> reply;
   const auto make_room = [&](int fd) {
     const auto asked = static_cast<int>(in.head.size);
+    if (FileManagerLinux::Overflows(in.head.offset, asked)) return ReadRoom{nullptr, asked};
     const int count =
         asked <= kNotWorthAsking ? asked : FileManagerLinux::Deliverable(fd, in.head.offset, asked);
     reply.emplace(request, header_length, before_data + static_cast<size_t>(std::max(count, 0)));
@@ -866,9 +867,12 @@ int64_t UDiskOperator::small_file_read(unsigned char /*header_length*/, CpdPacke
     uint32_t error = 0;
     int result = 0;
     if (reply.ok()) {  // straight into the reply, behind head and path
-      result = mFileManager->UdiskReadFile(record.full_path.c_str(),
-                                           reply.Room(sizeof out + record.path_length),
-                                           record.offset, record.count, &error);
+      const ReadRoom into =
+          FileManagerLinux::Overflows(record.offset, static_cast<int>(record.size))
+              ? ReadRoom{nullptr, static_cast<int>(record.size)}
+              : ReadRoom{reply.Room(sizeof out + record.path_length), record.count};
+      result = mFileManager->UdiskReadFile(record.full_path.c_str(), into.data, record.offset,
+                                           into.count, &error);
     }
     if (result == -1) {  // for a file layer that reports failure so; this one answers 0
       UDISK_ERROR("file_read failed res: %d, \n", 0);
