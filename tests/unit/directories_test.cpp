@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "support/between_passes.h"
+#include "support/compared_runs.h"
 #include "support/expectations.h"
 #include "support/local_records.h"
 #include "support/operator_fixture.h"
@@ -548,6 +549,41 @@ TEST_F(CompareCache, OfVeryManyDuplicatesCountsNotTheirSquare) {
   EXPECT_EQ(Compare(duplicates, duplicates), 0);
   EXPECT_LT(Log().Messages().size(), 200'000U);
   EXPECT_EQ(Log().Messages().back(), "add new file");
+}
+
+/// Names of 16 bytes that std::hash, which has no key, maps to one number: the second half of each
+/// makes up for its first.
+Texts CollidingNames(size_t count) {
+  constexpr uint64_t kFactor = 0xc6a4a7935bd1e995;
+  constexpr uint64_t kInverse = 0x5f7a0ea7e59b19bd;
+  static_assert(kFactor * kInverse == 1);
+  constexpr uint64_t kStart = 0xc70f6907 ^ (16 * kFactor);
+  constexpr auto kMix = [](uint64_t value) { return value ^ (value >> 47); };
+  Texts names;
+  for (uint64_t seed = 1; names.size() < count; ++seed) {
+    const uint64_t first = seed * 0x9e3779b97f4a7c15;
+    const uint64_t second =
+        kMix(((kStart ^ (kMix(first * kFactor) * kFactor)) * kFactor) * kInverse) * kInverse;
+    const std::string name = BytesOf(first) + BytesOf(second);
+    if (name.find('\0') == std::string::npos) names.push_back(name);
+  }
+  return names;
+}
+
+TEST_F(CompareCache, OfNamesThatCollideTakesFewSteps) {
+  const Texts names = CollidingNames(4096);
+  const std::hash<std::string_view> hash;
+  ASSERT_TRUE(std::ranges::all_of(
+      names, [&](const std::string& name) { return hash(name) == hash(names[0]); }));
+  std::vector<DirEntry> entries;
+  for (const std::string& name : names) entries.push_back(Entry(name));
+  const std::string listing = EncodeEntries(entries);
+  const auto count = static_cast<int>(entries.size());
+  const uint64_t before = ComparedRuns();
+  EXPECT_EQ(udisk->compare_cache(count, count, listing.data(), listing.data()), 1);
+  const uint64_t compared = ComparedRuns() - before;
+  EXPECT_GE(compared, names.size());
+  EXPECT_LE(compared, 100 * names.size()) << "the square is " << names.size() * names.size();
 }
 
 TEST_F(CompareCache, OfTwoEmptyListingsIsOne) {

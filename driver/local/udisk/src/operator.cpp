@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -978,18 +977,13 @@ int64_t UDiskOperator::check_dir(unsigned char header_length, CpdPacket* request
 int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cached,
                                  const void* current) {
   if (cache_count != dir_count) return 0;
-  // The current entries, chained by the hash of their names in the order of the listing.
+  // The current entries by name, those of one name in the order of the listing.
   const auto count = static_cast<size_t>(std::max(dir_count, 0));
   std::vector<ListedEntry> entries;
   entries.reserve(count);
   const char* at = static_cast<const char*>(current);
   while (entries.size() < count) entries.push_back(NextEntry(&at));
-  std::vector<size_t> chains(std::bit_ceil(count + 1), count);
-  std::vector<size_t> next(count);
-  const auto chain = [&](std::string_view name) -> size_t& {
-    return chains[std::hash<std::string_view>{}(name) % chains.size()];
-  };
-  for (size_t i = count; i-- > 0;) next[i] = std::exchange(chain(entries[i].name), i);
+  std::ranges::stable_sort(entries, {}, &ListedEntry::name);
 
   // Names that stand there more than once make more matches than there are entries, up to the
   // square: with so many it is settled that there is a change.
@@ -999,9 +993,8 @@ int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cac
   for (size_t i = 0; i < count; ++i) {
     const ListedEntry entry = NextEntry(&at);
     const int matches_before = matches;
-    for (size_t other = chain(entry.name); other < count; other = next[other]) {
-      const ListedEntry& candidate = entries[other];
-      if (candidate.name != entry.name) continue;
+    for (const ListedEntry& candidate :
+         std::ranges::equal_range(entries, entry.name, {}, &ListedEntry::name)) {
       // Size and seconds only: a change of mode, owner or nanoseconds is deliberately not one.
       if (candidate.size != entry.size || candidate.seconds != entry.seconds) {
         UDISK_DEBUG("not found dirFileName:%s,cacheFileName:%s", candidate.name.data(),
