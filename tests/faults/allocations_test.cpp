@@ -298,6 +298,18 @@ TEST(AllocationBesideTheHandlers, RefusedToABusEventCostsItsTraceOnly) {
   });
 }
 
+TEST(AllocationBesideTheHandlers, RefusedToTheCopyOfAPathMakesNoDirectoryAndIsNotAFailure) {
+  const TempDisk disk;
+  FileManagerLinux files;
+  const std::string path = disk.Local("/made/below");
+  Allocations allocations;
+  allocations.RefuseOneAfter(0);
+  const int result = files.UdiskMakeDir(path.c_str(), 0755, 1);
+  EXPECT_TRUE(allocations.StopRefusing());
+  EXPECT_EQ(result, 0);
+  EXPECT_FALSE(disk.Exists("/made"));
+}
+
 TEST(AllocationBesideTheHandlers, RefusedToTheAnnouncementHurtsNobody) {
   RefuseEach([](int before) {
     FrugalDevice device;

@@ -36,10 +36,10 @@ struct Errno {
   int value;
   const char* name;
 };
-constexpr std::array kErrors{Errno{EIO, "EIO"},       Errno{ENOSPC, "ENOSPC"},
-                             Errno{EMFILE, "EMFILE"}, Errno{ENOMEM, "ENOMEM"},
-                             Errno{EACCES, "EACCES"}, Errno{EROFS, "EROFS"},
-                             Errno{EINTR, "EINTR"},   Errno{ENODEV, "ENODEV"}};
+constexpr std::array kErrors{
+    Errno{EIO, "EIO"},       Errno{ENOSPC, "ENOSPC"}, Errno{EMFILE, "EMFILE"},
+    Errno{ENOMEM, "ENOMEM"}, Errno{EACCES, "EACCES"}, Errno{EROFS, "EROFS"},
+    Errno{EINTR, "EINTR"},   Errno{ENODEV, "ENODEV"}, Errno{EPERM, "EPERM"}};
 
 std::ostream& operator<<(std::ostream& out, const Errno& error) { return out << error.name; }
 
@@ -568,6 +568,14 @@ TEST_P(FailingCallOfItsOwn, ASmallReadWhoseStatFailsGetsItsDataUnlessAccessIsDen
   EXPECT_EQ(reply->records[0].result, expected.size());
   EXPECT_EQ(reply->records[0].data, expected);
   EXPECT_EQ(Errors(), Texts{});
+}
+
+TEST_P(FailingCallOfItsOwn, ACloseIsAnsweredOnceTheSyncHasBeenTried) {
+  const FailingCalls failing({.call = "fsync", .error = GetParam().value});
+  int synced_before = -1;
+  device.OnSend([&](const SentPacket&) { synced_before = failing.Affected(); });
+  EXPECT_TRUE(Ask(ReleaseRequest{.path = kKnownFile}));
+  EXPECT_EQ(synced_before, 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(, FailingCallOfItsOwn, ::testing::ValuesIn(kErrors),

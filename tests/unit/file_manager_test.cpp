@@ -5,6 +5,7 @@
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -342,6 +343,42 @@ TEST_F(FileManagerTest, DeliverableOfAFileOfUnknownSizeIsUpToOneMegabyte) {
   EXPECT_EQ(FileManagerLinux::Deliverable(fd, 0, 4096), 4096);
   EXPECT_EQ(FileManagerLinux::Deliverable(fd, 0, INT32_MAX), 1 << 20);
   close(fd);
+}
+
+TEST_F(FileManagerTest, DeliverableOfADirectoryIsNothing) {
+  disk.MakeDir("/d");
+  const int fd = open(disk.Local("/d").c_str(), O_RDONLY);
+  EXPECT_EQ(FileManagerLinux::Deliverable(fd, 0, 4096), 0);
+  EXPECT_EQ(files.Deliverable(disk.Local("/d").c_str(), 0, 4096), 0);
+  close(fd);
+}
+
+// ---- What an open must not do to the process ----
+
+TEST_F(FileManagerTest, AnOpenFileIsNotHandedToOtherPrograms) {
+  const int fd = files.UdiskCreateFile(disk.Local("/x/file").c_str(), 0, 0600);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+  close(fd);
+}
+
+TEST_F(FileManagerTest, ATerminalDoesNotBecomeTheProcessesOwn) {
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
+  if (terminal < 0 || grantpt(terminal) != 0 || unlockpt(terminal) != 0) {
+    close(terminal);
+    GTEST_SKIP() << "no terminals here: " << strerror(errno);
+  }
+  const std::string path = ptsname(terminal);
+  const pid_t child = fork();
+  if (child == 0) {
+    setsid();  // a process without a terminal, which would take the first that it opens
+    files.UdiskFsync(path.c_str());
+    _exit(open("/dev/tty", O_RDWR | O_NOCTTY) < 0 ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0) << "the child has a terminal";
+  close(terminal);
 }
 
 // ---- Write ----

@@ -40,17 +40,9 @@ class LocalMountTest : public OperatorTest {
 
   /// Labels that make the file bait, or are more than a word, where a shell reads them unquoted.
   [[nodiscard]] static Lines HostileLabels() {
-    return {"$(touch bait);'\"",
-            "`touch bait`",
-            ";touch bait;",
-            "|touch bait #",
-            "&touch bait&",
-            "a\ntouch bait\n",
-            "';touch bait;'",
-            "\";touch bait;\"",
-            "> bait",
-            "my disk",
-            "~*?[a]"};
+    return {"$(touch bait);'\"", "$HOME",        "`touch bait`",    ";touch bait;",
+            "|touch bait #",     "&touch bait&", "a\ntouch bait\n", "';touch bait;'",
+            "\";touch bait;\"",  "> bait",       "my disk",         "~*?[a]"};
   }
 
   const std::filesystem::path directory_before = std::filesystem::current_path();
