@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "commands/command.h"
+#include "commands/shown_name.h"
 #include "disks/local_disks.h"
 #include "module/json.h"
 
@@ -20,7 +21,7 @@ void PrintDisks(const std::vector<LocalDisk>& disks) {
     }
     for (const Partition& partition : disk.partitions) {
       fmt::print(kRow, disk.name, removable, disk.interface_class, partition.device,
-                 partition.label, partition.type);
+                 ShownName(partition.label), partition.type);
     }
   }
 }

@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "commands/packet_command.h"
+#include "commands/shown_name.h"
 #include "remote/attributes.h"
 
 namespace cpd::host {
@@ -29,7 +30,7 @@ void PrintListing(RemoteFiles& files, const std::string& path) {
     const auto& [attributes, name] = entry;
     if (!entry.HasAttributes()) {
       fmt::print("{:5} {:>3} {:>5} {:>5} {:>12} {:>19} {}\n", "?????", "?", "?", "?", "?", "?",
-                 name);
+                 ShownName(name));
       continue;
     }
     const auto changed = static_cast<time_t>(attributes.st_mtim.tv_sec);
@@ -38,7 +39,7 @@ void PrintListing(RemoteFiles& files, const std::string& path) {
     fmt::print("{}{:04o} {:3} {:5} {:5} {:12} {:%F %T} {}\n", TypeLetter(attributes.st_mode),
                attributes.st_mode & kPermissions, uint64_t{attributes.st_nlink},
                uint32_t{attributes.st_uid}, uint32_t{attributes.st_gid},
-               int64_t{attributes.st_size}, local, name);
+               int64_t{attributes.st_size}, local, ShownName(name));
   }
 }
 

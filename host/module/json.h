@@ -5,7 +5,7 @@
 
 namespace cpd::host {
 
-/// A text as a JSON string, quotes included. Bytes that are no ASCII pass as they are.
+/// A text as a JSON string, quotes included. A byte that is not UTF-8 becomes U+FFFD.
 std::string JsonString(std::string_view text);
 
 }  // namespace cpd::host

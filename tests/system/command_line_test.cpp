@@ -89,6 +89,30 @@ TEST_F(PacketTools, PrintWhatIsOnTheDisk) {
   EXPECT_TRUE(df.output.starts_with("size ")) << df.output;
 }
 
+TEST_F(PacketTools, ShowATerminalNoEscapeSequencesAndAPipeTheNamesAsTheyAre) {
+  if (Shell("command -v script").status != 0) GTEST_SKIP() << "no program `script` here";
+  WriteFile(disk / "red\x1b[31m\nfile", "");
+  const auto ls = std::string(CPD_HOST) + " ls " + disk.path() + " --log-level off";
+  EXPECT_NE(Shell(ls).output.find(" red\x1b[31m\nfile\n"), std::string::npos);
+  const auto on_terminal = Shell("script -qec " + Quoted(ls) + " /dev/null").output;
+  EXPECT_NE(on_terminal.find(" 'red'$'\\033''[31m'$'\\n''file'\r\n"), std::string::npos)
+      << on_terminal;
+}
+
+TEST_F(PacketTools, ShowTheRootAsItsOwnParent) {
+  fs::create_directory(disk / "directory");
+  WriteFile(disk / "file", "content");
+  const auto listed = Shell(CPD_HOST " ls " + disk.path() + " --log-level off").output;
+  std::istringstream lines(listed);
+  std::map<std::string, std::string> attributes;
+  for (std::string line; std::getline(lines, line);) {
+    const size_t space = line.rfind(' ');
+    attributes[line.substr(space + 1)] = line.substr(0, space);
+  }
+  ASSERT_EQ(attributes.size(), 4U) << listed;
+  EXPECT_EQ(attributes[".."], attributes["."]);
+}
+
 TEST_F(PacketTools, OutputThatCannotBeWrittenIsAFailure) {
   WriteFile(disk / "file", "content");
   for (const char* command : {" cat ", " ls ", " df "}) {
@@ -240,6 +264,17 @@ TEST_F(Traces, AreOneJsonObjectALineFromOpenToClose) {
   ASSERT_LT(place_of("LOCAL_DEVICE_OPEN"), events.size());
   ASSERT_FALSE(events.empty());
   EXPECT_EQ(events.back(), "LOCAL_UDISK_DRIVER_CLOSE");
+}
+
+TEST_F(Traces, AreUtf8WhateverTheNamesAre) {
+  const TempDir place;
+  WriteFile(disk / "bad\xff\xe2\x82.txt", "content");
+  MountedDisk mounted(disk.path(), {"--trace", place / "trace", "--trace-reads"});
+  EXPECT_EQ(ReadFile(mounted / "bad\xff\xe2\x82.txt"), "content");
+  EXPECT_EQ(mounted.Unmount().status, 0);
+  const auto trace = ReadFile(place / "trace");
+  EXPECT_NE(trace.find("bad\ufffd\ufffd\ufffd.txt"), std::string::npos) << trace;
+  EXPECT_EQ(Shell("iconv -f UTF-8 -t UTF-16 <" + (place / "trace") + " >/dev/null").status, 0);
 }
 
 }  // namespace
