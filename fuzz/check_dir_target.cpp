@@ -17,6 +17,7 @@
 #include "finding.h"
 #include "jail.h"
 #include "operator.h"
+#include "steps.h"
 #include "support/between_passes.h"
 #include "support/fake_host.h"
 #include "support/requests.h"
@@ -91,7 +92,9 @@ void MakeDisk() {
 std::optional<test::SentPacket> Ask(UDiskOperator* udisk, test::FakeDevice* device,
                                     const test::Request& request) {
   device->TakeSent();
+  const uint64_t steps = StepsSoFar();
   udisk->EventHandle(request.Packet());
+  ExpectLinear(steps, request.payload.size());
   const std::vector<test::SentPacket> sent = device->TakeSent();
   Expect(sent.size() <= 1, "one answer at most");
   return sent.empty() ? std::nullopt : std::optional(sent.front());
@@ -180,9 +183,11 @@ void CompareListings(Input in, UDiskOperator* udisk) {
   const size_t current_count = in.Take<uint8_t>() % 32;
   const std::string cached = test::EncodeEntries(TakeEntries(&in, cached_count));
   const std::string current = test::EncodeEntries(TakeEntries(&in, current_count));
+  const uint64_t steps = StepsSoFar();
   const int result =
       udisk->compare_cache(static_cast<int>(cached_count), static_cast<int>(current_count),
                            cached.data(), current.data());
+  ExpectLinear(steps, cached.size() + current.size());
   const bool same = Same(*Walk(cached, cached_count), *Walk(current, current_count));
   Expect(result == (same ? 1 : 0), "the comparison is the simple one's");
 }

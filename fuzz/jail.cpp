@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -34,6 +35,8 @@ constexpr rlim_t kMostFileBytes = 1 << 20;
 
 /// The calling thread is the jail's.
 thread_local bool g_jailed = false;
+/// A task runs in the jail.
+std::atomic<bool> g_task_runs = false;
 
 void Check(bool worked, const char* what) {
   if (!worked) throw NoJail(std::string(what) + ": " + std::strerror(errno));
@@ -165,7 +168,9 @@ class Jail {
     if (error_) return;
     g_jailed = true;
     for (start_.acquire(); task_ != nullptr; start_.acquire()) {
+      g_task_runs = true;
       (*task_)();
+      g_task_runs = false;
       done_.release();
     }
   }
@@ -217,9 +222,9 @@ Jail& TheJail() {
   return jail;
 }
 
+/// On the jail's thread, or on one that a task has started: they share root and descriptors.
 void LeaveJail() {
-  if (!g_jailed) return;
-  g_jailed = false;
+  if (gettid() == getpid() || !g_task_runs.exchange(false)) return;
   TheJail().Leave();
 }
 

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "settings.h"
@@ -75,12 +76,70 @@ std::string Extremes(const Request& request) {
   return steps;
 }
 
+/// A step that delivers a request with another capacity than its message has.
+std::string StepOfCapacity(const Request& request, int more) {
+  return "V" + BytesOf(request.cmd) + Text(request.payload) + BytesOf(static_cast<int16_t>(more));
+}
+
+/// A step that delivers a long request: a beginning, then a text so many times.
+std::string LongStep(uint16_t cmd, const std::string& begin, const std::string& text,
+                     uint32_t times) {
+  return "Z" + BytesOf(cmd) + Text(begin) + Text(text) + BytesOf(times);
+}
+
+/// Requests as large as they can be made, of many small parts.
+std::vector<std::pair<std::string, std::string>> LongSteps() {
+  constexpr uint32_t kMany = 200'000;
+  constexpr uint16_t kMost = 0xffff;
+  const auto record =
+      BytesOf(ReadHead{.offset = 0, .unread_8 = 0, .size = 8, .path_length = 2, .unread_20 = 0}) +
+      "/a";
+  const auto piece = BytesOf(WritePieceHead{.offset = 0, .length = 1}) + "x";
+  const auto count = [](const std::string& part) {
+    return static_cast<uint32_t>(kMany / part.size());
+  };
+  const DirEntry same{.stat = {}, .name = "a.txt"};
+  std::string entry = EncodeEntries({same});
+  entry.pop_back();
+  const auto create = [](uint32_t length) {
+    return BytesOf(CreateHead{.path_length = length, .flags = 0, .mode = 0644, .result = 0});
+  };
+  const WriteHead batch{.offset = 0,
+                        .size = static_cast<int32_t>(count(piece) * piece.size()),
+                        .unread_12 = 0,
+                        .single = 0,
+                        .path_length = sizeof kKnownFile - 1,
+                        .marker_a = 0,
+                        .marker_b = 0};
+  DirHead check{};
+  check.buf_len = static_cast<uint32_t>(count(entry) * entry.size());
+  check.path_length = sizeof kKnownDir - 1;
+  check.entry_count = static_cast<uint16_t>(count(entry));
+  return {
+      {"slashes-103", LongStep(kFileCreate, create(kMany), "/", kMany)},
+      {"slashes-103-below-PATH_MAX", LongStep(kFileCreate, create(4000), "/", 4000)},
+      {"directories-103", LongStep(kFileCreate, create(4000), "/d", 2000)},
+      {"slashes-114",
+       LongStep(kMakeDir, BytesOf(MakeDirHead{.result = 0, .path_length = kMost, .mode = 0755}),
+                "/", kMost)},
+      {"ups-102",
+       LongStep(kGetFileAttr, BytesOf(FileAttrHead{.path_length = kMost, .attr_length = 0}), "/..",
+                kMost / 3 + 1)},
+      {"records-123", LongStep(kSmallFileRead, BytesOf(SmallReadHead{.count = count(record)}),
+                               record, count(record))},
+      {"pieces-106", LongStep(kFileWrite, BytesOf(batch) + kKnownFile, piece, count(piece))},
+      {"entries-121", LongStep(kCheckDir, BytesOf(check) + kKnownDir, entry, count(entry))},
+  };
+}
+
 void MakeRequests(const Corpus& corpus) {
   const std::string plain(1, '\0');
   const std::string token_bucket = BytesOf(uint8_t{fuzz::kTokenBucket | fuzz::kPathFilter});
   const std::string confined = BytesOf(uint8_t{fuzz::kConfined});
   std::string sequence = plain;
   std::string cut = plain;
+  std::string with_slack = plain;
+  std::string without_tail = plain;
   std::set<std::string> files;
   for (const NamedRequest& named : OneRequestPerCommand()) {
     const Request& request = named.request;
@@ -92,6 +151,8 @@ void MakeRequests(const Corpus& corpus) {
     const auto claim = static_cast<uint32_t>(16 + request.payload.size() / 2);
     cut += "C" + BytesOf(request.cmd) + Text(request.payload.substr(0, claim - 16)) +
            BytesOf(claim) + "M";
+    with_slack += StepOfCapacity(request, 4096) + "M";
+    without_tail += StepOfCapacity(request, -1) + "M";
   }
   corpus.Add("every-request", sequence);
   corpus.Add("every-request-confined", confined + sequence.substr(1));
@@ -99,6 +160,12 @@ void MakeRequests(const Corpus& corpus) {
                               Step(ReadRequest{.path = "other/disk"}) +
                               Step(WriteRequest{.path = "other/disk", .data = "written"}));
   corpus.Add("every-request-cut", cut);
+  corpus.Add("every-request-in-a-larger-buffer", with_slack);
+  corpus.Add("every-request-in-a-smaller-buffer", without_tail);
+  for (const auto& [name, step] : LongSteps()) {
+    corpus.Add("long-" + name, plain + step);
+    if (!name.starts_with("slashes")) corpus.Add("long-" + name + "-confined", confined + step);
+  }
 
   const Request read = ReadRequest{.path = "/big.doc", .size = 200'000};
   const std::string paced =
@@ -120,6 +187,29 @@ void MakeRequests(const Corpus& corpus) {
   image[12] = 1;  // bigEndian
   corpus.Add("image-as-bus-event", plain + "E" + Text(image));
   corpus.Add("image-big-endian", plain + "P" + Text(image));
+}
+
+void MakeDriver(const Corpus& corpus) {
+  const std::string plain(1, '\0');
+  const std::string confined = BytesOf(uint8_t{fuzz::kConfined});
+  std::string requests;
+  std::string settled;
+  for (const NamedRequest& named : OneRequestPerCommand()) {
+    requests += Step(named.request);
+    settled += Step(named.request) + "S";
+  }
+  const std::string bandwidth = "B" + BytesOf(uint32_t{2000});
+  const Request read = ReadRequest{.path = "/big.doc", .size = 200'000};
+  corpus.Add("every-request", plain + requests + "S");
+  corpus.Add("every-request-settled", plain + settled);
+  corpus.Add("every-request-confined", confined + requests + "S");
+  corpus.Add("closed-with-requests-left", plain + requests + "X");
+  corpus.Add("requests-and-bus-events-after-close", plain + "X" + requests + bandwidth + "OXS");
+  corpus.Add("operator-outlives-close", plain + "O" + requests + "SXO");
+  corpus.Add("paced-read-interrupted",
+             BytesOf(uint8_t{fuzz::kTokenBucket}) + bandwidth + Step(read) + Step(read) + "X");
+  corpus.Add("policy", plain + "Y" + Text(std::string(300, 'p')) + requests + "Y" + Text("") + "S");
+  corpus.Add("device-gone", plain + Step(read) + "D" + BytesOf(uint8_t{1}) + requests + "S");
 }
 
 void MakePackets(const Corpus& corpus) {
@@ -205,6 +295,7 @@ int main(int argc, char** argv) {
     const Mode mode = check ? Mode::kCheck : Mode::kWrite;
     const fs::path root = argv[argc - 1];
     MakeCheckDir({mode, root / "check_dir"});
+    MakeDriver({mode, root / "driver"});
     MakePackets({mode, root / "packet"});
     MakeParameters({mode, root / "parameters"});
     MakeProbing({mode, root / "probing"});

@@ -2,7 +2,7 @@
 # Fuzzes the targets, two at a time, and tells what came of it.
 #
 #   fuzz/run.sh SECONDS             each of them for so many seconds
-#   fuzz/run.sh SECONDS TARGET...   only those: check_dir packet parameters probing requests
+#   fuzz/run.sh SECONDS TARGET...   only those: check_dir driver packet parameters probing requests
 #
 # What the fuzzer learns stays in build/fuzz/corpus, for the next run. The input of a finding goes to
 # build/fuzz/findings. Ends with status 1 when there is one, with 77 on a machine where the fuzzers
@@ -17,7 +17,7 @@ if [[ ! $seconds =~ ^[1-9][0-9]*$ ]]; then
 fi
 shift
 targets=("$@")
-[[ $# -gt 0 ]] || targets=(check_dir packet parameters probing requests)
+[[ $# -gt 0 ]] || targets=(check_dir driver packet parameters probing requests)
 
 build=build/fuzz
 findings=$build/findings
@@ -32,7 +32,7 @@ fuzz() {
   mkdir -p "$learnt" "$found"
   # Standard output is the packet class's, which says there what it refuses.
   ASAN_OPTIONS=quarantine_size_mb=16:malloc_context_size=8 \
-    "$build/bin/fuzz_$target" -max_total_time="$seconds" -max_len=16384 -timeout=20 \
+    "$build/bin/fuzz_$target" -max_total_time="$seconds" -max_len=1048576 -timeout=20 \
     -close_fd_mask=1 -print_final_stats=1 -artifact_prefix="$found/" \
     ${options[@]+"${options[@]}"} "$learnt" "fuzz/corpus/$target" >"$found/log" 2>&1
 }

@@ -45,6 +45,7 @@ void LogRecorder::Add(int channel, int level, const char* tag, std::string raw) 
   line.raw = std::move(raw);
   Split(&line);
   const std::lock_guard lock(mutex_);
+  bytes_ever_ += line.raw.size();
   lines_.push_back(std::move(line));
 }
 
@@ -73,6 +74,11 @@ size_t LogRecorder::Count(int level, const std::string& message) const {
 
 bool LogRecorder::Has(int level, const std::string& message) const {
   return Count(level, message) > 0;
+}
+
+uint64_t LogRecorder::BytesEver() const {
+  const std::lock_guard lock(mutex_);
+  return bytes_ever_;
 }
 
 LogRecorder& Log() {

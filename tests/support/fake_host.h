@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -48,10 +49,13 @@ class LogRecorder {
   [[nodiscard]] std::vector<std::string> Messages(std::optional<int> level = std::nullopt) const;
   [[nodiscard]] size_t Count(int level, const std::string& message) const;
   [[nodiscard]] bool Has(int level, const std::string& message) const;
+  /// Of all lines that were ever added. Clear does not change it.
+  [[nodiscard]] uint64_t BytesEver() const;
 
  private:
   mutable std::mutex mutex_;
   std::vector<LogLine> lines_;
+  uint64_t bytes_ever_ = 0;
 };
 
 /// What went to tesselLogPrint.

@@ -128,7 +128,7 @@ TEST(Commands, EachHasAShapeAndAGoodRequestOfThatShape) {
   served.erase(kSmallFileNotice);
   std::set<uint16_t> shaped;
   for (const Shape& shape : Shapes()) shaped.insert(shape.cmd);
-  EXPECT_EQ(shaped, served);
+  ASSERT_EQ(shaped, served);
   std::set<uint16_t> good;
   for (const NamedRequest& request : OneRequestPerCommand()) good.insert(request.request.cmd);
   ASSERT_EQ(good, served);
