@@ -22,16 +22,16 @@ inline std::string ErrorLine(const std::string& function, const std::string& mes
 }
 
 /// The log so far, in order, in that form: lines of handlers and of the file layer.
-inline std::vector<std::string> Story() {
-  std::vector<std::string> story;
+inline std::vector<std::string> LogSoFar() {
+  std::vector<std::string> lines;
   for (const LogLine& line : Log().Lines()) {
     EXPECT_EQ(line.level, line.word == "Error:" ? kError : kDebug) << line.raw;
     EXPECT_EQ(line.file,
               line.function.starts_with("Udisk") ? "file_manager_linux.cpp" : "operator.cpp")
         << line.raw;
-    story.push_back(line.word + ' ' + line.function + ": " + line.message);
+    lines.push_back(line.word + ' ' + line.function + ": " + line.message);
   }
-  return story;
+  return lines;
 }
 
 /// The line that every trace leaves.

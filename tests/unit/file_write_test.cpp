@@ -192,7 +192,7 @@ TEST_F(FileWrite, ThatFailsLogsTheReasonThenTheResultThenTheTrace) {
   MatchAll();
   Deliver(WriteRequest{.path = "/none", .data = "x"});
   EXPECT_EQ(
-      Story(),
+      LogSoFar(),
       (Texts{ErrorLine("UdiskWriteFile", "write file fail errno:No such file or directory \\n"),
              ErrorLine("file_write", "file_write failed, res: 0"), TraceLine(disk.root())}));
   EXPECT_EQ(Log().Lines()[1].file, "operator.cpp");
@@ -219,12 +219,12 @@ TEST_F(FileWrite, ThatTheSystemRefusesLogsMinusOneAndRepliesWithSizeZero) {
   udisk->SetRootPath("/dev", "");
   Log().Clear();
   ExpectFailure(WriteRequest{.path = "/full", .data = "x"});
-  const Texts story = Story();
-  ASSERT_EQ(story.size(), 3U);
-  EXPECT_EQ(WithoutNumbers(story[0]),
+  const Texts log = LogSoFar();
+  ASSERT_EQ(log.size(), 3U);
+  EXPECT_EQ(WithoutNumbers(log[0]),
             ErrorLine("UdiskWriteFile",
                       "pwrite failed res: -#, fd = # errno: No space left on device\\n"));
-  EXPECT_EQ(story[1], ErrorLine("file_write", "file_write failed, res: -1"));
+  EXPECT_EQ(log[1], ErrorLine("file_write", "file_write failed, res: -1"));
   ExpectOneTrace("UDISK_WRITE_FILE_FAIL", false, "udisk writeFile fail", "/full");
 }
 
@@ -545,7 +545,7 @@ TEST_F(BatchWrite, ThatIsBrokenLogsThePieceThenTheResultThenTheTrace) {
   MatchAll();
   Deliver(BatchWriteRequest{.path = "/none", .pieces = {{.data = "x"}}});
   EXPECT_EQ(
-      Story(),
+      LogSoFar(),
       (Texts{ErrorLine("UdiskWriteFile", "write file fail errno:No such file or directory \\n"),
              ErrorLine("file_write", "file_write failed size: 1, result: 0"),
              ErrorLine("file_write", "file_write failed, res: 12"), TraceLine(disk.root())}));
@@ -677,7 +677,7 @@ TEST(CheckMicrosoftSuffix, LogsTheSuffixOrThatThereIsNone) {
   check_microsoft_suffix("/disk/a.b.docx");
   check_microsoft_suffix("/disk/README");
   check_microsoft_suffix("a.");
-  EXPECT_EQ(Story(),
+  EXPECT_EQ(LogSoFar(),
             (Texts{DebugLine("check_microsoft_suffix", "suffix: .docx"),
                    DebugLine("check_microsoft_suffix", "filename: /disk/README without suffix"),
                    DebugLine("check_microsoft_suffix", "suffix: .")}));

@@ -126,7 +126,7 @@ TEST_F(MakeDir, LogsPathModeResultAndSizeAroundTheDirectoriesThatItPasses) {
   expected.push_back(TraceLine(disk.root()));
   expected.push_back(DebugLine("make_dir", "make dir resule: -1"));
   expected.push_back(DebugLine("make_dir", "make dir send back size:36"));
-  EXPECT_EQ(Story(), expected);
+  EXPECT_EQ(LogSoFar(), expected);
   EXPECT_EQ(Log().Lines()[0].file, "operator.cpp");
 }
 
@@ -187,7 +187,7 @@ TEST_F(RemoveDir, OfAFileOrOfNothingFails) {
 TEST_F(RemoveDir, LogsPathTraceResultAndSizeInThisOrder) {
   Deliver(RemoveDirRequest{.path = "/none"});
   EXPECT_EQ(
-      Story(),
+      LogSoFar(),
       (Texts{DebugLine("remove_dir", "remove dir full path: " + disk.Local("/none") + ",name\\n"),
              TraceLine(disk.root()), DebugLine("remove_dir", "remove dir resule: -1"),
              DebugLine("remove_dir", "remove dir send back size:25")}));
@@ -239,7 +239,7 @@ TEST_F(SetLink, OfADirectoryOrOfNothingFails) {
 
 TEST_F(SetLink, LogsPathsResultAndSizeInThisOrder) {
   Deliver(LinkRequest{.path = "/none", .new_path = "/b"});
-  EXPECT_EQ(Story(),
+  EXPECT_EQ(LogSoFar(),
             (Texts{DebugLine("set_link", "set link full from path: " + disk.Local("/none") +
                                              ", to path: " + disk.Local("/b") + "\\n"),
                    DebugLine("set_link", "set link resule: -1"),
@@ -298,17 +298,17 @@ TEST_F(SetUnlink, OfALinkRemovesTheLink) {
 TEST_F(SetUnlink, LogsPathFailureResultAndSizeInThisOrder) {
   Deliver(UnlinkRequest{.path = "/none"});
   EXPECT_EQ(
-      Story(),
+      LogSoFar(),
       (Texts{DebugLine("set_unlink", "set unlink full from path: " + disk.Local("/none") + "\\n"),
              ErrorLine("set_unlink", "set unlink error: No such file or directory"),
              DebugLine("set_unlink", "set unlink resule: -1"),
              DebugLine("set_unlink", "set unlink send back size:25")}));
   Log().Clear();
   Deliver(UnlinkRequest{.path = kKnownFile});
-  EXPECT_EQ(Story(), (Texts{DebugLine("set_unlink", "set unlink full from path: " +
-                                                        disk.Local(kKnownFile) + "\\n"),
-                            DebugLine("set_unlink", "set unlink resule: 0"),
-                            DebugLine("set_unlink", "set unlink send back size:30")}));
+  EXPECT_EQ(LogSoFar(), (Texts{DebugLine("set_unlink", "set unlink full from path: " +
+                                                           disk.Local(kKnownFile) + "\\n"),
+                               DebugLine("set_unlink", "set unlink resule: 0"),
+                               DebugLine("set_unlink", "set unlink send back size:30")}));
 }
 
 TEST_F(SetUnlink, HasTheseBytesOnTheWire) {
@@ -369,7 +369,7 @@ TEST_F(SetRename, IntoAMissingDirectoryFailsAndMakesNone) {
 
 TEST_F(SetRename, LogsPathsTraceResultAndSizeInThisOrder) {
   Deliver(RenameRequest{.path = "/none", .new_path = "/b"});
-  EXPECT_EQ(Story(),
+  EXPECT_EQ(LogSoFar(),
             (Texts{DebugLine("set_rename", "set rename full from path: " + disk.Local("/none") +
                                                ", to path: " + disk.Local("/b") + "\\n"),
                    DebugLine("UdiskRename", "rename return res:-1\\n"), TraceLine(disk.root()),
@@ -377,7 +377,7 @@ TEST_F(SetRename, LogsPathsTraceResultAndSizeInThisOrder) {
                    DebugLine("set_rename", "set rename send back size:31")}));
   Log().Clear();
   Deliver(RenameRequest{.path = kKnownFile, .new_path = "/b"});
-  EXPECT_EQ(Story(),
+  EXPECT_EQ(LogSoFar(),
             (Texts{DebugLine("set_rename", "set rename full from path: " + disk.Local(kKnownFile) +
                                                ", to path: " + disk.Local("/b") + "\\n"),
                    DebugLine("UdiskRename", "rename return res:0\\n"),

@@ -165,7 +165,7 @@ TEST_F(FileCreate, OfAFifoRepliesAtOnceWithMinusOne) {
 TEST_F(FileCreate, LogsFullPathFlagsAndModeAndThenSizeAndDescriptor) {
   const auto reply = Ask(CreateRequest{.path = "/new.txt", .mode = 0640, .flags = 0xabcd});
   ASSERT_TRUE(reply);
-  EXPECT_EQ(Story(),
+  EXPECT_EQ(LogSoFar(),
             (Texts{DebugLine("file_create", "file_create full path: " + disk.Local("/new.txt") +
                                                 ", flag:abcd, mode: 1a0\\n"),
                    DebugLine("file_create", "file_create send size:40 file fd: " +
@@ -182,7 +182,7 @@ TEST_F(FileCreate, ThatFailsLogsItsRetryAndTheTraceBetweenItsOwnLines) {
   expected.push_back(ErrorLine("UdiskCreateFile", "file_create failed errno: Not a directory\\n"));
   expected.push_back(TraceLine(disk.root()));
   expected.push_back(DebugLine("file_create", "file_create send size:50 file fd: -1\\n"));
-  EXPECT_EQ(Story(), expected);
+  EXPECT_EQ(LogSoFar(), expected);
 }
 
 TEST_F(FileCreate, ResetsTheEndOfTheLastWriteOnSuccessOnly) {
@@ -323,7 +323,7 @@ TEST_F(FileTruncate, OfAMissingFileRepliesWithMinusOneAndIsNotTraced) {
 
 TEST_F(FileTruncate, LogsPathLengthsResultAndSizeInThisOrder) {
   Deliver(TruncateRequest{.path = "/none", .length = 5});
-  EXPECT_EQ(Story(),
+  EXPECT_EQ(LogSoFar(),
             (Texts{DebugLine("file_truncate", "file_truncate full path: " + disk.Local("/none") +
                                                   ",name len:5,offset:5\\n"),
                    ErrorLine("UdiskTruncate",
@@ -336,7 +336,7 @@ TEST_F(FileTruncate, AboveTheCapLogsTheRequestedLengthAndTheSuffixOfTheLocalPath
   disk.MakeFile("/x.bin", "");
   disk.MakeFile("/README", "");
   Deliver(TruncateRequest{.path = "/x.bin", .length = std::numeric_limits<uint64_t>::max()});
-  EXPECT_EQ(Story(),
+  EXPECT_EQ(LogSoFar(),
             (Texts{DebugLine("file_truncate", "file_truncate full path: " + disk.Local("/x.bin") +
                                                   ",name len:6,offset:18446744073709551615\\n"),
                    DebugLine("check_microsoft_suffix", "suffix: .bin"),
@@ -403,14 +403,14 @@ TEST_F(FileFsync, OfAFifoRepliesAtOnceWithMinusOne) {
 
 TEST_F(FileFsync, LogsPathResultAndSizeInThisOrder) {
   Deliver(FsyncRequest{.path = kKnownFile});
-  EXPECT_EQ(Story(),
+  EXPECT_EQ(LogSoFar(),
             (Texts{DebugLine("file_fsync", "file_fsync full path: " + disk.Local(kKnownFile) +
                                                ",name len:10lu\\n"),
                    DebugLine("file_fsync", "file_fsync  resule: 0"),
                    DebugLine("file_fsync", "file_fsync send back size:38")}));
   Log().Clear();
   Deliver(FsyncRequest{.path = "/none"});
-  EXPECT_EQ(Story()[1], DebugLine("file_fsync", "file_fsync  resule: -1"));
+  EXPECT_EQ(LogSoFar()[1], DebugLine("file_fsync", "file_fsync  resule: -1"));
 }
 
 TEST_F(OpenFiles, TruncateAndFsyncSetModifiedOnSuccessAndOnFailure) {
@@ -468,10 +468,11 @@ TEST_F(FileChmod, OfAMissingFileRepliesWithMinusOneAndIsNotTraced) {
 
 TEST_F(FileChmod, LogsPathModeResultAndSizeInThisOrder) {
   Deliver(ChmodRequest{.path = "/none", .mode = 0600});
-  EXPECT_EQ(Story(), (Texts{DebugLine("file_chmod", "file_chmod full path: " + disk.Local("/none") +
-                                                        ",name len:5,mode: 384\\n"),
-                            DebugLine("file_chmod", "file_chmod resule: -1"),
-                            DebugLine("file_chmod", "file_chmod send back size:29")}));
+  EXPECT_EQ(LogSoFar(),
+            (Texts{DebugLine("file_chmod", "file_chmod full path: " + disk.Local("/none") +
+                                               ",name len:5,mode: 384\\n"),
+                   DebugLine("file_chmod", "file_chmod resule: -1"),
+                   DebugLine("file_chmod", "file_chmod send back size:29")}));
 }
 
 TEST_F(FileChmod, HasTheseBytesOnTheWire) {
@@ -530,10 +531,11 @@ TEST_F(FileChown, OfAMissingFileRepliesWithMinusOneAndIsNotTraced) {
 
 TEST_F(FileChown, LogsPathIdsResultAndSizeInThisOrder) {
   Deliver(ChownRequest{.path = "/none", .uid = 7, .gid = 0xffffffff});
-  EXPECT_EQ(Story(), (Texts{DebugLine("file_chown", "file_chown full path: " + disk.Local("/none") +
-                                                        ",name len:5,uid: 7, gid: -1\\n"),
-                            DebugLine("file_chown", "file_chown resule: -1"),
-                            DebugLine("file_chown", "file_chown send back size:37")}));
+  EXPECT_EQ(LogSoFar(),
+            (Texts{DebugLine("file_chown", "file_chown full path: " + disk.Local("/none") +
+                                               ",name len:5,uid: 7, gid: -1\\n"),
+                   DebugLine("file_chown", "file_chown resule: -1"),
+                   DebugLine("file_chown", "file_chown send back size:37")}));
 }
 
 TEST_F(FileChown, HasTheseBytesOnTheWire) {
@@ -696,15 +698,15 @@ TEST_F(ClosingRequests, OfAFifoAreAnsweredAtOnce) {
 
 TEST_F(FileFlush, LogsDescriptorAndRelativePath) {
   Deliver(FlushRequest{.path = kKnownFile, .fd = 0xffffffff});
-  EXPECT_EQ(Story(), Texts{DebugLine("file_flush", "file_flush fd: -1, path: /known.txt\\n")});
+  EXPECT_EQ(LogSoFar(), Texts{DebugLine("file_flush", "file_flush fd: -1, path: /known.txt\\n")});
 }
 
 TEST_F(FileRelease, LogsDescriptorRelativePathAndMountPoint) {
   Deliver(ReleaseRequest{.path = "/none", .fd = 17});
-  EXPECT_EQ(Story(), Texts{DebugLine("file_release",
-                                     "file_release fd: 17, path: /none, "
-                                     "mMountPoint: " +
-                                         disk.root() + "\\n")});
+  EXPECT_EQ(LogSoFar(), Texts{DebugLine("file_release",
+                                        "file_release fd: 17, path: /none, "
+                                        "mMountPoint: " +
+                                            disk.root() + "\\n")});
 }
 
 }  // namespace

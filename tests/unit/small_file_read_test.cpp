@@ -166,7 +166,7 @@ TEST_F(SmallFileRead, IsNeverTracedAndDoesNotSetModified) {
 
 TEST_F(SmallFileRead, SaysInTheLogOnlyWhichReadFailed) {
   Deliver(SmallReadRequest{.records = {{.path = kKnownFile}, {.path = "/none"}}});
-  EXPECT_EQ(Story(),
+  EXPECT_EQ(LogSoFar(),
             Texts{ErrorLine("UdiskReadFile",
                             "file_read failed res:0 errno: No such file or directory\\n")});
 }
@@ -191,8 +191,8 @@ TEST_F(SmallFileRead, LeavesNoDescriptorOpen) {
 TEST_F(SmallFileRead, WithoutABufferIsRefusedWithMinusOne) {
   CpdPacket packet;
   EXPECT_EQ(udisk->small_file_read(16, &packet), -1);
-  ASSERT_EQ(Story().size(), 1U);
-  EXPECT_EQ(WithoutNumbers(Story()[0]),
+  ASSERT_EQ(LogSoFar().size(), 1U);
+  EXPECT_EQ(WithoutNumbers(LogSoFar()[0]),
             ErrorLine("small_file_read", "small_file_read payload_length #, \\n"));
   EXPECT_TRUE(device.Sent().empty());
 }
@@ -200,14 +200,14 @@ TEST_F(SmallFileRead, WithoutABufferIsRefusedWithMinusOne) {
 TEST_F(SmallFileRead, OfAPayloadShorterThanTheCountIsRefusedWithMinusOne) {
   for (size_t size = 0; size < 4; ++size) {
     EXPECT_EQ(Refused({.cmd = kSmallFileRead, .payload = std::string(size, '\0')}), -1);
-    EXPECT_EQ(Story(), Texts{ErrorLine("small_file_read", "small_file_read payload_length " +
-                                                              std::to_string(size) + ", \\n")});
+    EXPECT_EQ(LogSoFar(), Texts{ErrorLine("small_file_read", "small_file_read payload_length " +
+                                                                 std::to_string(size) + ", \\n")});
   }
 }
 
 TEST_F(SmallFileRead, OfFewerRecordsThanCountedIsRefusedWithMinusTwo) {
   EXPECT_EQ(Refused(SmallReadRequest{.records = {{.path = kKnownFile}}, .count = 2}), -2);
-  EXPECT_EQ(Story(), Texts{ErrorLine("small_file_read", "small_file_read remaining 0, \\n")});
+  EXPECT_EQ(LogSoFar(), Texts{ErrorLine("small_file_read", "small_file_read remaining 0, \\n")});
 }
 
 TEST_F(SmallFileRead, OfATruncatedRecordHeadIsRefusedWithMinusTwoAndTheBytesLeft) {
@@ -215,8 +215,8 @@ TEST_F(SmallFileRead, OfATruncatedRecordHeadIsRefusedWithMinusTwoAndTheBytesLeft
     Request request = SmallReadRequest{.records = {{.path = kKnownFile}}, .count = 2};
     request.payload += std::string(left, '\1');
     EXPECT_EQ(Refused(request), -2);
-    EXPECT_EQ(Story(), Texts{ErrorLine("small_file_read", "small_file_read remaining " +
-                                                              std::to_string(left) + ", \\n")});
+    EXPECT_EQ(LogSoFar(), Texts{ErrorLine("small_file_read", "small_file_read remaining " +
+                                                                 std::to_string(left) + ", \\n")});
   }
 }
 
