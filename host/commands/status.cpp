@@ -3,11 +3,8 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstdio>
-#include <string_view>
 #include <utility>
 
 #include "module/standard_error.h"
@@ -17,36 +14,6 @@ namespace cpd::host {
 namespace {
 
 using namespace std::chrono_literals;
-
-constexpr auto kNames = std::to_array<std::pair<uint16_t, std::string_view>>({
-    {kGetFileAttr, "get_file_attr"},
-    {kFileCreate, "file_create"},
-    {kFileRead, "file_read"},
-    {kFileWrite, "file_write"},
-    {kDirRead, "dir_read"},
-    {kGetXattr, "get_xattr"},
-    {kFileTruncate, "file_truncate"},
-    {kFileFsync, "file_fsync"},
-    {kFileChmod, "file_chmod"},
-    {kFileChown, "file_chown"},
-    {kGetStatvfs, "get_statvfs"},
-    {kMakeDir, "make_dir"},
-    {kRemoveDir, "remove_dir"},
-    {kSetLink, "set_link"},
-    {kSetUnlink, "set_unlink"},
-    {kSetRename, "set_rename"},
-    {kFileFlush, "file_flush"},
-    {kFileRelease, "file_release"},
-    {kCheckDir, "check_dir"},
-    {kSmallFileRead, "small_file_read"},
-    {kMountResponse, "mount_response"},
-});
-
-std::string_view Name(uint16_t command) {
-  const auto* row = std::find_if(kNames.begin(), kNames.end(),
-                                 [&](const auto& name) { return name.first == command; });
-  return row == kNames.end() ? std::string_view() : row->second;
-}
 
 double Microseconds(std::chrono::nanoseconds duration) {
   return std::chrono::duration<double, std::micro>(duration).count();
@@ -92,7 +59,8 @@ void PrintTable(const Statistics& statistics) {
   fmt::print("{:<20}{:>10}{:>10}{:>14}{:>14}{:>16}\n", "command", "requests", "replies",
              "median us", "99th % us", "bytes");
   for (const auto& [command, counters] : statistics) {
-    fmt::print("{:<4}{:<16}{:>10}{:>10}{:>14.1f}{:>14.1f}{:>16}\n", command, Name(command),
+    const char* const name = CommandName(command);
+    fmt::print("{:<4}{:<16}{:>10}{:>10}{:>14.1f}{:>14.1f}{:>16}\n", command, name ? name : "",
                counters.requests, counters.replies, Microseconds(counters.durations.Quantile(0.5)),
                Microseconds(counters.durations.Quantile(0.99)), counters.bytes);
   }

@@ -1,7 +1,5 @@
 #include "remote/file_size.h"
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 #include <memory>
 #include <string_view>
@@ -12,23 +10,18 @@
 #include "remote/mode_guard.h"
 #include "remote/paths.h"
 #include "remote/remote_files.h"
+#include "wire.h"
 
 namespace cpd::host {
 namespace {
 
 using namespace std::string_view_literals;
 
-constexpr int64_t kLimit = 10 << 20;
-
 /// Whether the disk's side lets a name have any size. It looks at the local path, of which the end
 /// is known here: a dot further up in it, outside of the disk, does not count.
 bool HasNoLimit(std::string_view path) {
-  constexpr std::array<std::string_view, 6> excepted{".doc", ".xls", ".tmp",
-                                                     ".ppt", ".vsd", ".spp"};
   const size_t dot = path.rfind('.');
-  return dot != std::string_view::npos &&
-         std::any_of(excepted.begin(), excepted.end(),
-                     [&](auto suffix) { return path.substr(dot).starts_with(suffix); });
+  return dot != std::string_view::npos && IsUnlimitedSuffix(path.substr(dot));
 }
 
 void Report(RemoteFiles& files, Outcome outcome, const std::string& path, int64_t end,
@@ -50,7 +43,9 @@ void CutThroughLink(RemoteFiles& files, const std::string& path, int64_t size,
 
 }  // namespace
 
-bool TakesSize(std::string_view path, int64_t size) { return size <= kLimit || HasNoLimit(path); }
+bool TakesSize(std::string_view path, int64_t size) {
+  return std::cmp_less_equal(size, kMostTruncateLength) || HasNoLimit(path);
+}
 
 void SetLargeSize(RemoteFiles& files, const std::string& path, int64_t size,
                   std::function<void(int error)> done) {
