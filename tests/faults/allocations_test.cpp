@@ -23,6 +23,7 @@
 #include "service.h"
 #include "support/failing_allocations.h"
 #include "support/fake_user.h"
+#include "support/fault_table.h"
 #include "support/requests.h"
 #include "support/temp_disk.h"
 #include "udisk.h"
@@ -215,6 +216,11 @@ class FailingAllocation : public ::testing::TestWithParam<NamedRequest> {
 };
 
 TEST_P(FailingAllocation, CostsNoMoreThanItsRequest) {
+  ExpectFaultRow(
+      "an allocation of a request",
+      {"no answer, or that of a failure; the request may have been carried out",
+       "`… failed: std::bad_alloc`; for the reply's own buffer a line on standard output instead",
+       "nothing: an answer to a later request proves that this one gets none"});
   const Request& request = GetParam().request;
   Serve(request);  // the first one may leave behind what the C library keeps
   const Outcome good = Serve(request);
@@ -284,6 +290,9 @@ void RefuseEach(Act act) {
 }
 
 TEST(AllocationBesideTheHandlers, RefusedToABusEventCostsItsTraceOnly) {
+  ExpectFaultRow(
+      "an allocation of a bus event",
+      {"the new bandwidth", "`UDISK_READ_BW_INFO is not traced: std::bad_alloc`", "the trace"});
   RefuseEach([](int before) {
     FrugalDevice device;
     UDiskOperator udisk(&device);  // a fresh one: the next event is traced
@@ -311,6 +320,11 @@ TEST(AllocationBesideTheHandlers, RefusedToTheCopyOfAPathMakesNoDirectoryAndIsNo
 }
 
 TEST(AllocationBesideTheHandlers, RefusedToTheAnnouncementHurtsNobody) {
+  ExpectFaultRow(
+      "an allocation of the announcement",
+      {"the notice or the announcement does not come",
+       "`client udisk service failed: std::bad_alloc`, or a line on standard output and, for the announcement, `client udisk mount ret: -1`",
+       "the disk, until it is opened again"});
   RefuseEach([](int before) {
     FrugalDevice device;
     UDiskOperator udisk(&device);
@@ -355,6 +369,8 @@ TEST(AllocationBesideTheHandlers, RefusedToTheBufferOfTheAnnouncementIsLoggedAnd
 }
 
 TEST(AllocationBesideTheHandlers, RefusedToTheTraceOfOpeningOrClosingCostsThatTraceOnly) {
+  ExpectFaultRow("an allocation of the trace of opening or closing",
+                 {"nothing", "`… is not traced: std::bad_alloc`", "the trace"});
   RefuseEach([](int before) {
     FrugalDevice device;
     Allocations allocations;

@@ -17,6 +17,7 @@
 #include "faults/loaded_module.h"
 #include "operator.h"
 #include "support/fake_host.h"
+#include "support/fault_table.h"
 #include "support/mounted_disk.h"
 #include "support/requests.h"
 #include "support/temp_disk.h"
@@ -144,6 +145,9 @@ TEST_F(DiskThatHangs, HoldsUpNeitherRequestsNorBusEventsNorPolicies) {
 }
 
 TEST_F(DiskThatHangs, ServesEveryRequestInOrderWhenItGoesOn) {
+  ExpectFaultRow("a disk that hangs",
+                 {"no answer until it goes on, then all in order; other disks are served",
+                  "nothing", "nothing"});
   OpenAndHang();
   for (uint32_t id = 2; id <= 20; ++id) Send(id);
   disk->Release();
@@ -180,6 +184,8 @@ TEST_F(DiskThatHangs, MakesCloseWaitForTheCallInFlightAndNoLonger) {
 }
 
 TEST_F(DiskThatHangs, WhenItIsOpenedHoldsUpItsAnnouncementAndClose) {
+  ExpectFaultRow("a disk that hangs when it is opened",
+                 {"the announcement comes when it goes on", "nothing", "nothing"});
   disk->Hang();
   const auto begin = std::chrono::steady_clock::now();
   driver = module.Open(&device, disk->path(), false);
@@ -195,6 +201,10 @@ TEST_F(DiskThatHangs, WhenItIsOpenedHoldsUpItsAnnouncementAndClose) {
 }
 
 TEST_F(DiskThatHangs, AndThenDiesEndsTheCallInFlight) {
+  ExpectFaultRow(
+      "a disk that hangs and then dies",
+      {"failures", "the failed calls, `Transport endpoint is not connected` and the like",
+       "nothing"});
   OpenAndHang();
   Send(2);
   disk->Die();

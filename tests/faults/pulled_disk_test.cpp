@@ -17,6 +17,7 @@
 #include "cpd/driver.h"
 #include "faults/loaded_module.h"
 #include "support/fake_host.h"
+#include "support/fault_table.h"
 #include "support/mounted_disk.h"
 #include "support/requests.h"
 #include "support/temp_disk.h"
@@ -150,6 +151,10 @@ class DiskThatIsPulledOut : public ::testing::Test {
 };
 
 TEST_F(DiskThatIsPulledOut, EndsEveryRequestUnderWayAndIsServedAgainWhenItIsBack) {
+  ExpectFaultRow("a disk that is pulled out under load",
+                 {"an answer to every request under way: what was done before, failures after",
+                  "the failed calls, as above",
+                  "what the kernel had not written; a sync that succeeded holds"});
   {
     Load load(driver.get(), &device);
     ASSERT_TRUE(load.WaitForServed());
@@ -163,6 +168,8 @@ TEST_F(DiskThatIsPulledOut, EndsEveryRequestUnderWayAndIsServedAgainWhenItIsBack
 }
 
 TEST_F(DiskThatIsPulledOut, AndPutBackUnderLoadIsServedAtOnce) {
+  ExpectFaultRow("a disk that is put back under load",
+                 {"served again with the next request, at the same place", "nothing", "nothing"});
   {
     Load load(driver.get(), &device);
     for (int i = 0; i < 3; ++i) {
@@ -178,6 +185,8 @@ TEST_F(DiskThatIsPulledOut, AndPutBackUnderLoadIsServedAtOnce) {
 }
 
 TEST_F(DiskThatIsPulledOut, ThatGivesErrorsFailsEveryRequestAndIsServedAgainWhenItIsBack) {
+  ExpectFaultRow("a disk that gives errors",
+                 {"failures", "the failed calls, `Input/output error`", "nothing"});
   Break();
   Log().Clear();
   const auto read = Ask(ReadRequest{.path = kLargeFile});

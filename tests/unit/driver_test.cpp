@@ -19,6 +19,7 @@
 #include "service.h"
 #include "support/failing_threads.h"
 #include "support/fake_host.h"
+#include "support/fault_table.h"
 #include "support/requests.h"
 #include "support/temp_disk.h"
 #include "udisk.h"
@@ -467,6 +468,8 @@ TEST_F(DriverTest, CloseWaitsForTheRequestInFlightAndDropsTheQueued) {
 }
 
 TEST_F(DriverTest, AFileThatWouldPassTheProcesssSizeLimitIsAFailedWriteAndNoMore) {
+  ExpectFaultRow("a file that would pass the process's limit of file sizes",
+                 {"a failure", "the failed call, `File too large`", "nothing"});
   Open();
   rlimit before = {};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
