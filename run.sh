@@ -7,6 +7,7 @@
 # Options are those of `cpd-host mount`: build/release/bin/cpd-host mount --help
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+source "$root/scripts/usage.sh"
 host=$root/build/release/bin/cpd-host
 
 step() { printf '\n==> %s\n' "$*"; }
@@ -29,8 +30,8 @@ set_up_and_build() {
 }
 
 case ${1-} in
-  -h | --help) sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0"; exit ;;
-  -*) sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0" >&2; exit 2 ;;
+  -h | --help) usage; exit ;;
+  -*) usage >&2; exit 2 ;;
   '') ;;
   *) (set_up_and_build); exec "$host" mount "$@" ;;
 esac

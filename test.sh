@@ -8,6 +8,7 @@
 #   ./test.sh --fuzz S    only the fuzzers, each for so many seconds
 #   ./test.sh --ci        all of it: every test, then the fuzzers for a minute each
 set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/scripts/usage.sh"
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
 presets=(release asan tsan)
@@ -19,8 +20,8 @@ while [[ $# -gt 0 ]]; do
     -R) filter=(-R "${2:?-R needs a regular expression}"); shift 2 ;;
     --fuzz) presets=(); fuzz_seconds=${2:?--fuzz needs a number of seconds}; shift 2 ;;
     --ci) fuzz_seconds=60; shift ;;
-    -h | --help) sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0"; exit ;;
-    *) sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0" >&2; exit 2 ;;
+    -h | --help) usage; exit ;;
+    *) usage >&2; exit 2 ;;
   esac
 done
 

@@ -6,6 +6,7 @@
 #
 # Takes some five minutes; a busy machine blurs the rows with 32 outstanding requests most.
 set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/../scripts/usage.sh"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 document=docs/performance.md
@@ -13,7 +14,7 @@ reads=10000
 
 case ${1:-} in
   '' | --print) ;;
-  *) sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0" >&2; exit 2 ;;
+  *) usage >&2; exit 2 ;;
 esac
 
 scripts/install-packages.sh build test

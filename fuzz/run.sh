@@ -8,11 +8,12 @@
 # build/fuzz/findings. Ends with status 1 when there is one, with 77 on a machine where the fuzzers
 # cannot lock themselves in.
 set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/../scripts/usage.sh"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 seconds=${1:-}
 if [[ ! $seconds =~ ^[1-9][0-9]*$ ]]; then
-  sed -n '2,/^set/{/^set/!s/^# \{0,1\}//p}' "$0" >&2
+  usage >&2
   exit 2
 fi
 shift

@@ -235,6 +235,15 @@ TEST_F(CommandLine, AUserWhoMayNotLetOthersInIsToldSo) {
   EXPECT_FALSE(IsMounted(mount_point.path()));
 }
 
+TEST_F(CommandLine, TheForegroundMayBeAskedForThoughThereIsNothingElse) {
+  WriteFile(disk / "file", "content");
+  MountedDisk mounted(disk.path(), {"--foreground"});
+  EXPECT_EQ(ReadFile(mounted / "file"), "content");
+  const auto help = Shell(CPD_HOST " mount --help");
+  EXPECT_EQ(help.status, 0);
+  EXPECT_EQ(help.output.find("--foreground"), std::string::npos) << help.output;
+}
+
 TEST_F(ReadOnly, DiskIsReadAsEver) {
   WriteFile(disk / "file", Bytes(300'000));
   MountedDisk mounted(disk.path(), {"--read-only"});
