@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "remote/file_size.h"
 #include "remote/paths.h"
 
 namespace cpd::host {
@@ -21,7 +22,8 @@ using Kind = Attempt::Kind;
 // Less than this is taken for none: a file system that cannot store one block more may still count
 // some that it keeps for itself.
 constexpr uint64_t kHardlyFree = 128 << 10;
-constexpr int64_t kLargestFatFile = (int64_t{4} << 30) - 1;
+// A file's blocks are numbered in 32 bits where they are not numbered in 64: on ext4, for one.
+constexpr uint64_t kMostBlocks = uint64_t{1} << 32;
 
 bool MakesName(Kind kind) {
   return kind == Kind::kMakeFile || kind == Kind::kMakeDirectory || kind == Kind::kLink ||
@@ -87,6 +89,16 @@ int ReasonInDisk(const Attempt& attempt, const Facts& facts) {
   return needs_room && IsFull(*facts.disk) ? ENOSPC : 0;
 }
 
+/// Whether the write would make the file larger than it can be.
+bool IsTooLarge(const Attempt& attempt, const Facts& facts) {
+  const auto end = static_cast<uint64_t>(attempt.end);
+  if (end > facts.size_limit) return true;
+  const int64_t size = facts.file->st_size;
+  if (attempt.end <= size) return false;
+  if (size <= kLargestFatFile && attempt.end > kLargestFatFile) return true;
+  return facts.disk && end / std::max<uint64_t>(facts.disk->f_bsize, 1) >= kMostBlocks;
+}
+
 bool Owns(const User& user, const udisk_stat& file) {
   return user.id == 0 || user.id == file.st_uid;
 }
@@ -129,9 +141,7 @@ int LikeliestReason(const Attempt& attempt, const Facts& facts) {
   if (has_old_name) reason = ReasonInOldName(attempt, facts);
   if (reason == 0 && MakesName(attempt.kind)) reason = ReasonInNewName(attempt, facts);
   if (reason == 0) reason = ReasonInDisk(attempt, facts);
-  if (reason == 0 && attempt.end > kLargestFatFile && facts.file->st_size <= kLargestFatFile) {
-    reason = EFBIG;
-  }
+  if (reason == 0 && attempt.kind == Kind::kWrite && IsTooLarge(attempt, facts)) reason = EFBIG;
   if (reason == 0) reason = ReasonInPermissions(attempt, facts);
   return reason == 0 ? EIO : reason;
 }
@@ -146,6 +156,7 @@ void FindFailureReason(RemoteFiles& files, Outcome outcome, Attempt attempt,
   };
   const auto search = std::make_shared<Search>();
   search->facts.user = ThisUser();
+  search->facts.size_limit = SizeLimitOfThisProcess();
   const auto look_at = [&](const std::string& path, Facts::Attributes Facts::*place) {
     files.GetAttributes(path, [search, place](const Result<udisk_stat>& result) {
       if (result.error == 0) search->facts.*place = result.value;

@@ -46,6 +46,7 @@ struct Facts {
   Attributes parent;     ///< the directory of the name that was to be made or taken away
   bool is_empty = true;  ///< the directory that was to be removed or replaced
   std::optional<udisk_statvfs> disk;
+  uint64_t size_limit = UINT64_MAX;  ///< of files that this process writes, in bytes
   User user = {};
 };
 

@@ -1,5 +1,8 @@
 #include "remote/file_size.h"
 
+#include <sys/resource.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <string_view>
@@ -42,6 +45,16 @@ void CutThroughLink(RemoteFiles& files, const std::string& path, int64_t size,
 }
 
 }  // namespace
+
+uint64_t SizeLimitOfThisProcess() {
+  rlimit limit{.rlim_cur = RLIM_INFINITY, .rlim_max = RLIM_INFINITY};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  return limit.rlim_cur;
+}
+
+int64_t LargestSureSize() {
+  return static_cast<int64_t>(std::min<uint64_t>(SizeLimitOfThisProcess(), kLargestFatFile));
+}
 
 bool TakesSize(std::string_view path, int64_t size) {
   return std::cmp_less_equal(size, kMostTruncateLength) || HasNoLimit(path);

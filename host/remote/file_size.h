@@ -9,6 +9,16 @@ namespace cpd::host {
 
 class RemoteFiles;
 
+/// In bytes; FAT keeps a file's size in 32 bits.
+inline constexpr int64_t kLargestFatFile = (int64_t{4} << 30) - 1;
+
+/// This process's limit of file sizes in bytes, under which the module writes, too. All ones when
+/// there is none.
+uint64_t SizeLimitOfThisProcess();
+
+/// The size in bytes that any disk lets a file of this process reach.
+int64_t LargestSureSize();
+
 /// Whether the disk's side sets a file to this size when it is asked to. It stops at 10 MiB for
 /// most names; a file must not end up shorter than was wanted.
 bool TakesSize(std::string_view path, int64_t size);

@@ -6,6 +6,7 @@
 #include <sys/statvfs.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <string>
 
 namespace cpd::host {
@@ -214,6 +215,32 @@ TEST(FailureReason, OfAWriteThatCrossesFourGibibytesIsTheSize) {
   EXPECT_EQ(LikeliestReason(attempt, facts), EFBIG);
   facts.file->st_size = kFour;  // this disk has larger files
   EXPECT_EQ(LikeliestReason(attempt, facts), EIO);
+}
+
+TEST(FailureReason, OfAWriteBeyondTheBlocksThatAFileCanHaveIsTheSize) {
+  constexpr int64_t kSixteenTebibytes = int64_t{16} << 40;
+  auto facts = NothingWrong();
+  facts.disk->f_bsize = 4096;
+  facts.file->st_size = int64_t{5} << 30;
+  const auto reason_of_end = [&](int64_t end) {
+    return LikeliestReason({.kind = Kind::kWrite, .path = "/a", .end = end}, facts);
+  };
+  EXPECT_EQ(reason_of_end(kSixteenTebibytes - 1), EIO);
+  EXPECT_EQ(reason_of_end(kSixteenTebibytes), EFBIG);
+  EXPECT_EQ(reason_of_end(INT64_MAX), EFBIG);
+  facts.file->st_size = kSixteenTebibytes;  // this disk has larger files
+  EXPECT_EQ(reason_of_end(kSixteenTebibytes), EIO);
+}
+
+TEST(FailureReason, OfAWriteBeyondTheLimitOfThisProcessIsTheSize) {
+  auto facts = NothingWrong();
+  facts.size_limit = 1000;
+  facts.file->st_size = 2000;
+  const auto reason_of_end = [&](int64_t end) {
+    return LikeliestReason({.kind = Kind::kWrite, .path = "/a", .end = end}, facts);
+  };
+  EXPECT_EQ(reason_of_end(1000), EIO);
+  EXPECT_EQ(reason_of_end(1001), EFBIG);
 }
 
 }  // namespace
