@@ -11,7 +11,8 @@ build=(
 test=(
   libgtest-dev libbenchmark-dev libumockdev-dev librapidcheck-dev umockdev
   clang-format
-  e2fsprogs fio git mount ntfs-3g rsync sqlite3 tar util-linux # programs that the tests run
+  # programs that the tests run
+  dash dosfstools e2fsprogs fio git mount ntfs-3g python3-minimal rsync sqlite3 tar util-linux
   strace # the benches
 )
 fuzz=(clang libclang-rt-dev llvm)

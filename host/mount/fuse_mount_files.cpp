@@ -56,18 +56,20 @@ void FuseMount::Write(fuse_req_t request, fuse_ino_t node, const char* data, siz
   if (!file) return void(fuse_reply_err(request, ESTALE));
   const ModeGuard access(files_, file->path, file->attributes.st_mode);
   const int64_t end = offset + static_cast<int64_t>(size);
-  files_.Write(file->path, offset, {data, size},
-               [this, request, node, path = file->path, size, end](Outcome outcome) {
-                 if (outcome == Outcome::kDone) return ReplyWritten(request, node, size, end);
-                 ReplyFailure(request, outcome, {.kind = Kind::kWrite, .path = path, .end = end});
-               });
+  writes_.WriteThrough(*file, offset, {data, size},
+                       [this, request, node, path = file->path, size, end](Outcome outcome) {
+                         if (outcome == Outcome::kDone)
+                           return ReplyWritten(request, node, size, end);
+                         ReplyFailure(request, outcome,
+                                      {.kind = Kind::kWrite, .path = path, .end = end});
+                       });
 }
 
 bool FuseMount::Gather(fuse_req_t request, fuse_ino_t node, std::string_view data, off_t offset) {
   const auto pass = gate_.Enter();
   const auto file = nodes_.Find(node);
   if (!file || ModeGuard::IsLackingIn(file->attributes.st_mode)) return false;
-  if (!writes_.Add(node, offset, data)) return false;
+  if (!writes_.Add(node, file->attributes.st_size, offset, data)) return false;
   ReplyWritten(request, node, data.size(), offset + static_cast<int64_t>(data.size()));
   return true;
 }
@@ -163,6 +165,7 @@ void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* 
   const int64_t size = wanted->st_size;
   if ((which & FUSE_SET_ATTR_SIZE) != 0) {
     open_files_.NoteWrite(node);
+    writes_.NoteExtension(*file, size);
     if (!TakesSize(path, size)) {
       return SetLargeSize(files_, path, size,
                           [this, request, node, file = *file, change](int error) {
@@ -192,8 +195,10 @@ void FuseMount::ReplyChangedAttributes(fuse_req_t request, fuse_ino_t node,
 }
 
 void FuseMount::ReplyFailure(fuse_req_t request, Outcome outcome, Attempt attempt) {
-  FindFailureReason(files_, outcome, std::move(attempt),
-                    [request](int error) { fuse_reply_err(request, error); });
+  FindFailureReason(files_, outcome, std::move(attempt), [this, request](int error) {
+    writes_.NoteFailure(error);
+    fuse_reply_err(request, error);
+  });
 }
 
 void FuseMount::ReplyDone(fuse_req_t request) {

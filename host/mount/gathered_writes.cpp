@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "remote/failure_reason.h"
+#include "remote/file_size.h"
 
 namespace cpd::host {
 namespace {
@@ -16,8 +17,6 @@ constexpr auto kLongestWait = 3ms;
 constexpr size_t kLargestPiece = 4 << 10;
 constexpr size_t kMostPieces = 256;
 constexpr size_t kMostBytes = 256 << 10;
-// Beyond it writers wait for the disk.
-constexpr size_t kMostSentBytes = 2 << 20;
 
 void Append(std::string* pieces, int64_t offset, std::string_view data) {
   const WritePieceHead head{.offset = offset, .length = static_cast<int32_t>(data.size())};
@@ -59,14 +58,27 @@ GatheredWrites::GatheredWrites(RemoteFiles& files, const NodeTable& nodes, Renam
       nodes_(nodes),
       gate_(gate),
       failed_(std::move(failed)),
+      room_(LargestSureSize()),
       sender_([this](const std::stop_token& stop) { SendInTime(stop); }) {}
 
-bool GatheredWrites::Add(NodeTable::Id node, int64_t offset, std::string_view data) {
+bool GatheredWrites::Add(NodeTable::Id node, int64_t file_size, int64_t offset,
+                         std::string_view data) {
   if (data.size() > kLargestPiece) return false;
+  const SpareRoom::Write write{.offset = offset, .size = data.size(), .file_size = file_size};
   std::unique_lock lock(mutex_);
+  if (!room_.IsSafe(write, Clock::now())) return false;
+  const auto known = gathering_.find(node);
+  if (known != gathering_.end() && known->second.is_rewriting) return false;
+  const bool goes_on =
+      known != gathering_.end() && known->second.count > 0 && offset == known->second.end;
+  const size_t work = Backlog::WorkOf(goes_on ? 0 : 1, data.size());
+  if (!backlog_.HasRoomFor(work)) return false;
+
+  room_.Count(write);
+  backlog_.Add(work);
   auto& file = gathering_[node];
-  if (file.sent_bytes > kMostSentBytes) return false;
-  if (file.count > 0 && offset == file.end) {
+  file.work += work;
+  if (goes_on) {
     Extend(&file.gathered, file.last_piece, data);
   } else {
     file.last_piece = file.gathered.size();
@@ -81,8 +93,36 @@ bool GatheredWrites::Add(NodeTable::Id node, int64_t offset, std::string_view da
   }
   const bool is_full = file.count >= kMostPieces || file.gathered.size() >= kMostBytes;
   lock.unlock();
-  if (is_full) SendFile(node);
+  if (is_full) Send();
   return true;
+}
+
+void GatheredWrites::WriteThrough(const NodeTable::File& file, int64_t offset,
+                                  std::string_view data, RemoteFiles::OnOutcome on_outcome) {
+  {
+    const std::lock_guard lock(mutex_);
+    room_.Count({.offset = offset, .size = data.size(), .file_size = file.attributes.st_size});
+  }
+  files_.Write(file.path, offset, data,
+               [this, size = data.size(), on_outcome = std::move(on_outcome)](Outcome outcome) {
+                 // Large writes are no measure of small ones.
+                 if (outcome == Outcome::kDone && size <= kLargestPiece) {
+                   const std::lock_guard lock(mutex_);
+                   backlog_.Measure(Backlog::WorkOf(1, size), files_.TimeOfAnswer());
+                 }
+                 on_outcome(outcome);
+               });
+  AskForStatistics();
+}
+
+void GatheredWrites::NoteExtension(const NodeTable::File& file, int64_t size) {
+  const std::lock_guard lock(mutex_);
+  room_.Count({.offset = size, .size = 0, .file_size = file.attributes.st_size});
+}
+
+void GatheredWrites::NoteFailure(int error) {
+  const std::lock_guard lock(mutex_);
+  room_.NoteFailure(error, Clock::now());
 }
 
 void GatheredWrites::Send() {
@@ -96,44 +136,72 @@ void GatheredWrites::Send() {
     }
   }
   for (const auto node : nodes) SendFile(node);
+  AskForStatistics();
+}
+
+/// Asks once everything that was counted is sent, and after a write, which makes the disk's side
+/// look at the disk anew. Nobody waits for the answer.
+void GatheredWrites::AskForStatistics() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (!room_.WantsStatistics(Clock::now())) return;
+    room_.NoteQuestion(Clock::now());
+  }
+  files_.GetStatistics("/", [this](const Result<udisk_statvfs>& result) {
+    const std::lock_guard lock(mutex_);
+    room_.NoteAnswer(result.error == 0 ? std::optional(result.value) : std::nullopt);
+  });
 }
 
 void GatheredWrites::SendFile(NodeTable::Id node) {
   Pieces pieces;
+  size_t work = 0;
   {
     const std::lock_guard lock(mutex_);
     auto& file = gathering_[node];
     pieces = std::make_shared<const std::string>(std::exchange(file.gathered, {}));
+    work = std::exchange(file.work, 0);
     file.count = 0;
-    file.sent_bytes += pieces->size();
     ++file.unanswered;
+    ++unanswered_;
   }
-  const auto done = [this, node, pieces](Outcome outcome) { HandleAnswer(node, pieces, outcome); };
+  const auto done = [this, node, pieces, work](Outcome outcome) {
+    HandleAnswer(node, pieces, work, outcome);
+  };
   const auto file = nodes_.Find(node);
   if (!file) return done(Outcome::kRefused);
   files_.WriteBatch(file->path, *pieces, done);
 }
 
-void GatheredWrites::HandleAnswer(NodeTable::Id node, const Pieces& pieces, Outcome outcome) {
+void GatheredWrites::Fail(NodeTable::Id node, int error) {
+  NoteFailure(error);
+  failed_(node, error);
+}
+
+void GatheredWrites::HandleAnswer(NodeTable::Id node, const Pieces& pieces, size_t work,
+                                  Outcome outcome) {
   bool writes_again = false;
   {
     const std::lock_guard lock(mutex_);
+    backlog_.Remove(work);
+    if (outcome == Outcome::kDone) backlog_.Measure(work, files_.TimeOfAnswer());
     auto& file = gathering_[node];
     file.is_rewriting |= outcome == Outcome::kRefused;
     writes_again = file.is_rewriting && outcome != Outcome::kUnanswered;
   }
   if (writes_again) WriteAgain(node, pieces);
-  if (outcome == Outcome::kUnanswered) failed_(node, EIO);
-  CountAnswer(node, pieces->size());
+  if (outcome == Outcome::kUnanswered) Fail(node, EIO);
+  CountAnswer(node);
 }
 
 void GatheredWrites::WriteAgain(NodeTable::Id node, const Pieces& pieces) {
   const auto file = nodes_.Find(node);
-  if (!file) return failed_(node, ESTALE);
+  if (!file) return Fail(node, ESTALE);
   for (const auto& [offset, data] : Split(*pieces)) {
     {
       const std::lock_guard lock(mutex_);
       ++gathering_[node].unanswered;
+      ++unanswered_;
     }
     const int64_t end = offset + static_cast<int64_t>(data.size());
     files_.Write(file->path, offset, data, [this, node, path = file->path, end](Outcome outcome) {
@@ -144,19 +212,19 @@ void GatheredWrites::WriteAgain(NodeTable::Id node, const Pieces& pieces) {
 
 void GatheredWrites::HandleSecondAnswer(NodeTable::Id node, const std::string& path, int64_t end,
                                         Outcome outcome) {
-  if (outcome == Outcome::kDone) return CountAnswer(node, 0);
+  if (outcome == Outcome::kDone) return CountAnswer(node);
   FindFailureReason(files_, outcome, {.kind = Attempt::Kind::kWrite, .path = path, .end = end},
                     [this, node](int error) {
-                      failed_(node, error);
-                      CountAnswer(node, 0);
+                      Fail(node, error);
+                      CountAnswer(node);
                     });
 }
 
-void GatheredWrites::CountAnswer(NodeTable::Id node, size_t bytes) {
+void GatheredWrites::CountAnswer(NodeTable::Id node) {
   const std::lock_guard lock(mutex_);
   const auto entry = gathering_.find(node);
   auto& file = entry->second;
-  file.sent_bytes -= bytes;
+  --unanswered_;
   if (--file.unanswered > 0) return;
   file.is_rewriting = false;
   if (file.count == 0) gathering_.erase(entry);
@@ -195,6 +263,9 @@ void GatheredWrites::SendInTime(const std::stop_token& stop) {
       if (!changed_.wait(lock, stop, [this] { return has_gathered_; })) return;
       const auto due = due_;
       changed_.wait_until(lock, stop, due, [] { return false; });
+      // A disk that has not done yet what it was sent would only have more packets waiting for it:
+      // what is gathered meanwhile makes one larger packet.
+      changed_.wait(lock, stop, [this] { return unanswered_ == 0; });
     }
     const auto pass = gate_.Enter();
     Send();

@@ -405,6 +405,8 @@ void RemoteFiles::WaitForChanges() const {
   for (int left = unanswered_; left != 0; left = unanswered_) unanswered_.wait(left);
 }
 
+std::chrono::nanoseconds RemoteFiles::TimeOfAnswer() const { return session_.time_of_answer(); }
+
 void RemoteFiles::Remove(uint16_t command, const std::string& path, OnOutcome on_outcome) {
   RemoveHead head{};
   if (!Fits<decltype(head.path_length)>(path)) return on_outcome(Outcome::kRefused);

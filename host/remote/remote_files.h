@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -132,6 +133,10 @@ class RemoteFiles {
   void Release(const std::string& path, OnOutcome on_outcome);
   /// Waits until every change that was sent is answered. Not to be called by who delivers replies.
   void WaitForChanges() const;
+
+  /// How long the disk's side took for the request whose answer is being delivered, without the
+  /// time that it waited for others. To be called from a Done or an OnOutcome only.
+  [[nodiscard]] std::chrono::nanoseconds TimeOfAnswer() const;
 
  private:
   /// Sends a request whose answer is its own head. The head then tells whether it was done.

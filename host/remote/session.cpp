@@ -69,6 +69,7 @@ void Session::Receive(std::unique_ptr<CpdPacket> packet) {
     done = std::move(answered.done);
     outstanding_.pop_front();
     ++first_id_;
+    time_of_answer_ = now - waiting_since_;
     waiting_since_ = now;
     ++delivering_;
   }

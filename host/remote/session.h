@@ -52,6 +52,8 @@ class Session {
   void Tell(std::unique_ptr<CpdPacket> packet);
 
   Statistics statistics() const;
+  /// How long the driver took for the request whose Done runs, from the answer before it on.
+  Clock::duration time_of_answer() const { return time_of_answer_; }
 
  private:
   struct Outstanding {
@@ -76,6 +78,7 @@ class Session {
   Clock::time_point waiting_since_;  // the front request's turn began
   bool probing_ = false;
   Statistics statistics_;
+  std::atomic<Clock::duration> time_of_answer_{};
   std::atomic<int> delivering_ = 0;  // threads that run Done functions
   Periodic watch_;
 };

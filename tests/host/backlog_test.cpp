@@ -1,0 +1,57 @@
+// How much may wait for a disk.
+#include "mount/backlog.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+namespace cpd::host {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr size_t kPiece = Backlog::WorkOf(1, 10);
+
+/// How many pieces of 10 bytes are taken until there is no room for more.
+int Fill(Backlog* backlog) {
+  int taken = 0;
+  for (; backlog->HasRoomFor(kPiece); ++taken) backlog->Add(kPiece);
+  return taken;
+}
+
+TEST(Backlog, IsBoundedInBytesHoweverFastTheDisk) {
+  for (const bool is_measured : {false, true}) {
+    Backlog backlog;
+    if (is_measured) backlog.Measure(kPiece, 0ns);
+    EXPECT_FALSE(backlog.HasRoomFor((2 << 20) + 1));
+    const int taken = Fill(&backlog);
+    EXPECT_GT(taken, 400);
+    EXPECT_LT(taken, 600);
+  }
+}
+
+TEST(Backlog, IsWhatTheDiskDoesInATenthOfASecond) {
+  Backlog backlog;
+  backlog.Measure(kPiece, 5ms);
+  EXPECT_EQ(Fill(&backlog), 20);
+  backlog.Remove(3 * kPiece);
+  EXPECT_EQ(Fill(&backlog), 3);
+}
+
+TEST(Backlog, OfADiskThatTakesLongerForOnePieceIsEmpty) {
+  Backlog backlog;
+  backlog.Measure(kPiece, 101ms);
+  EXPECT_FALSE(backlog.HasRoomFor(kPiece));
+}
+
+TEST(Backlog, FollowsADiskThatBecomesSlowerOrFaster) {
+  Backlog backlog;
+  for (int i = 0; i < 100; ++i) backlog.Measure(kPiece, 5us);
+  for (int i = 0; i < 2; ++i) backlog.Measure(kPiece, 5ms);
+  EXPECT_FALSE(backlog.HasRoomFor(30 * kPiece));
+  for (int i = 0; i < 20; ++i) backlog.Measure(kPiece, 5us);
+  EXPECT_TRUE(backlog.HasRoomFor(400 * kPiece));
+}
+
+}  // namespace
+}  // namespace cpd::host
