@@ -175,6 +175,7 @@ void FuseMount::Hide(fuse_req_t request, fuse_ino_t parent, const std::string& n
   const auto hidden_name = HiddenName();
   const auto path = nodes_.ChildPath(parent, name);
   const auto hidden_path = nodes_.ChildPath(parent, hidden_name);
+  if (!path || !hidden_path) return void(fuse_reply_err(request, ESTALE));
   files_.Rename(*path, *hidden_path,
                 [this, move, request, parent, name, hidden_name, path = *path](Outcome outcome) {
                   if (outcome != Outcome::kDone) {
@@ -208,6 +209,7 @@ void FuseMount::LiftHiddenFiles(fuse_ino_t parent, const std::string& name,
   for (const auto& hidden : nodes_.HiddenNames(*directory)) {
     const auto path = nodes_.ChildPath(*directory, hidden);
     const auto lifted_path = nodes_.ChildPath(parent, hidden);
+    if (!path || !lifted_path) continue;
     files_.Rename(*path, *lifted_path,
                   [this, move, parent, directory = *directory, hidden](Outcome outcome) {
                     if (outcome == Outcome::kDone) nodes_.Rename(directory, hidden, parent, hidden);
