@@ -19,6 +19,7 @@
 
 #include "cpd/log.h"
 #include "mount/fuse_reply.h"
+#include "remote/attributes.h"
 #include "remote/session.h"
 
 namespace cpd::host {
@@ -69,7 +70,10 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, const std::st
       listings_(files_, options.dir_cache),
       prefetch_(files_, options.prefetch),
       writes_(files_, nodes_, gate_,
-              [this](NodeTable::Id node, int error) { open_files_.NoteFailure(node, error); }) {
+              [this](NodeTable::Id node, int error) { open_files_.NoteFailure(node, error); }),
+      reads_(files_, nodes_, [this](NodeTable::Id node, const udisk_stat& attributes) {
+        return Note(node, attributes);
+      }) {
   fuse_set_log_func(LogLibraryMessage);
   std::string mount_options = "default_permissions,nosuid,nodev,subtype=udisk";
   if (read_only_) mount_options += ",ro";
@@ -183,7 +187,9 @@ RenameGate::Pass FuseMount::Enter() {
 RenameGate::Move FuseMount::BeginMove() {
   auto move = gate_.BeginMove();
   writes_.Send();
-  writes_.AwaitAnswers();  // a batch that fails is written again, by its old path
+  // What follows from an answer names the file by its old path.
+  writes_.AwaitAnswers();
+  reads_.AwaitAnswers();
   return move;
 }
 
@@ -197,9 +203,8 @@ void FuseMount::Lookup(fuse_req_t request, fuse_ino_t parent, const char* name) 
   files_.GetAttributes(
       *path, [this, request, parent, name = std::string(name)](const Result<udisk_stat>& result) {
         if (result.error != 0) return void(fuse_reply_err(request, result.error));
-        const auto node = nodes_.Lookup(parent, name, result.value);
-        const auto entry = ToEntry(node, result.value);
-        if (fuse_reply_entry(request, &entry) != 0) nodes_.Forget(node, 1);
+        const auto entry = EntryOf(parent, name, result.value);
+        if (fuse_reply_entry(request, &entry) != 0) nodes_.Forget(entry.ino, 1);
       });
 }
 
@@ -216,7 +221,7 @@ void FuseMount::ForgetMany(fuse_req_t request, size_t count, fuse_forget_data* f
 void FuseMount::GetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* /*file*/) {
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
-  if (!file) return void(fuse_reply_err(request, ESTALE));
+  if (!file) return ReplyLostFile(request, node);
   files_.GetAttributes(file->path, [this, request, node,
                                     is_hidden = file->is_hidden](const Result<udisk_stat>& result) {
     ReplyAttributes(request, node, is_hidden, result);
@@ -226,10 +231,49 @@ void FuseMount::GetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_inf
 void FuseMount::ReplyAttributes(fuse_req_t request, fuse_ino_t node, bool is_hidden,
                                 const Result<udisk_stat>& result) {
   if (result.error != 0) return void(fuse_reply_err(request, result.error));
-  // Somebody on the disk's side put another file in this one's place: the kernel looks again.
-  if (!nodes_.Update(node, result.value)) return void(fuse_reply_err(request, ESTALE));
-  struct stat attributes = ToStat(result.value);
+  if (!Note(node, result.value)) return ReplyLostFile(request, node);
+  struct stat attributes = ToStat(nodes_.LastAttributes(node).value_or(result.value));
   if (is_hidden) --attributes.st_nlink;
+  fuse_reply_attr(request, &attributes, kTrusted);
+}
+
+/// Whether programs are reading a file that was fetched a moment ago. Until its content is a second
+/// old, they see nothing else, and nor does anybody who asks for the file's attributes.
+bool FuseMount::IsBeingRead(fuse_ino_t node, const udisk_stat& attributes) const {
+  const auto content = reads_.Find(node);
+  return content != nullptr && !IsSameContent(content->attributes, attributes) &&
+         NodeTable::Clock::now() - content->asked <= Prefetch::kTrusted;
+}
+
+/// A file that nobody has used goes with its name to the one that the client put in its place.
+/// Those who have read or written it must not get into another.
+bool FuseMount::Note(fuse_ino_t node, const udisk_stat& attributes) {
+  if (IsBeingRead(node, attributes)) return true;
+  if (!open_files_.IsUsed(node)) nodes_.Renew(node, attributes);
+  return nodes_.Update(node, attributes);
+}
+
+/// The kernel's entry for a name with the attributes that the disk shows.
+fuse_entry_param FuseMount::EntryOf(fuse_ino_t parent, const std::string& name,
+                                    const udisk_stat& attributes) {
+  const auto before = nodes_.NodeIfOnlyName(parent, name);
+  if (before && IsBeingRead(*before, attributes)) {
+    const auto last = *nodes_.LastAttributes(*before);
+    return ToEntry(nodes_.Lookup(parent, name, last), last);
+  }
+  if (before && !open_files_.IsUsed(*before)) nodes_.Renew(*before, attributes);
+  return ToEntry(nodes_.Lookup(parent, name, attributes), attributes);
+}
+
+/// Those who have the file open see it as it was, with no name. For everybody else, the kernel
+/// looks the name up anew.
+void FuseMount::ReplyLostFile(fuse_req_t request, fuse_ino_t node) {
+  const auto last = nodes_.LastAttributes(node);
+  if (!last || !(S_ISDIR(last->st_mode) || open_files_.IsOpen(node))) {
+    return void(fuse_reply_err(request, ESTALE));
+  }
+  struct stat attributes = ToStat(*last);
+  attributes.st_nlink = 0;
   fuse_reply_attr(request, &attributes, kTrusted);
 }
 
@@ -275,37 +319,26 @@ void FuseMount::Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t off
                      fuse_file_info* /*file*/) {
   auto pass = Enter();
   const auto file = nodes_.Find(node);
-  if (!file) return void(fuse_reply_err(request, ESTALE));
+  const auto content = reads_.Find(node);
+  if (!file && content == nullptr) return void(fuse_reply_err(request, ESTALE));
   const auto wanted = static_cast<uint32_t>(std::min<size_t>(size, kLargestRead));
-  const int64_t file_size = file->attributes.st_size;
-  const auto expected = std::clamp<int64_t>(file_size - offset, 0, wanted);
-  files_.Read(file->path, offset, wanted,
-              [this, request, path = file->path, offset, expected](Result<FileData> result) {
-                if (result.error != 0) return void(fuse_reply_err(request, result.error));
-                const auto& bytes = result.value.bytes;
-                const auto got = static_cast<int64_t>(bytes.size());
-                if (got < expected) {
-                  return ConfirmShortRead(request, path, std::move(result.value), offset + got);
-                }
-                fuse_reply_buf(request, bytes.data(), bytes.size());
-              });
+  open_files_.NoteUse(node);
+  if (content != nullptr) {
+    const auto bytes = std::string_view(content->bytes)
+                           .substr(std::min<size_t>(offset, content->bytes.size()), wanted);
+    fuse_reply_buf(request, bytes.data(), bytes.size());
+  } else {
+    reads_.Read(node, *file, offset, wanted, [request](int error, std::string_view bytes) {
+      if (error != 0) return void(fuse_reply_err(request, error));
+      fuse_reply_buf(request, bytes.data(), bytes.size());
+    });
+  }
   pass.unlock();
+  if (!file) return;
+  const int64_t file_size = file->attributes.st_size;
   if (file_size <= ReadingRun::kLargestFile && offset + wanted >= file_size) {
     prefetch_.ReadToItsEnd(file->path);
   }
-}
-
-/// A failed read looks like the end of the file. Where the file was known to be longer, only its
-/// present size tells; taking a failure for the end would cut the file short without a word.
-void FuseMount::ConfirmShortRead(fuse_req_t request, const std::string& path, FileData data,
-                                 int64_t end) {
-  auto kept = std::make_shared<FileData>(std::move(data));
-  files_.GetAttributes(path, [request, kept, end](const Result<udisk_stat>& result) {
-    if (result.error != 0 || result.value.st_size > end) {
-      return void(fuse_reply_err(request, EIO));
-    }
-    fuse_reply_buf(request, kept->bytes.data(), kept->bytes.size());
-  });
 }
 
 // ---- Directories ----
@@ -376,7 +409,7 @@ void FuseMount::ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
       entry.attr.st_ino = kUnknownInode;
     } else if (name != "." && name != ".." &&
                is_fresh) {  // the kernel takes no reference to the two
-      entry.ino = nodes_.Lookup(directory, std::string(name), attributes);
+      entry = EntryOf(directory, std::string(name), attributes);
       referred.push_back(entry.ino);
     }
     used += fuse_add_direntry_plus(request, buffer.data() + used, size - used, name.data(), &entry,

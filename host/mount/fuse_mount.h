@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "mount/checked_reads.h"
 #include "mount/gathered_writes.h"
 #include "mount/listing_cache.h"
 #include "mount/node_table.h"
@@ -74,6 +75,14 @@ class FuseMount {
 
   // Files, in fuse_mount_files.cpp.
   void Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle);
+  void ReplyOpened(fuse_req_t request, fuse_ino_t node, fuse_file_info handle, int error);
+  bool IsFresh(fuse_ino_t node, const NodeTable::File& file, bool only_reads) const;
+  void FetchContent(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
+                    const fuse_file_info& handle);
+  void CheckFile(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
+                 const fuse_file_info& handle);
+  void InvalidateAttributes(fuse_ino_t node, const udisk_stat& before);
+  OpenFiles::Closed CloseHandle(fuse_ino_t node, OpenFiles::Handle handle);
   bool StoreAhead(fuse_ino_t node, const NodeTable::File& file);
   void Write(fuse_req_t request, fuse_ino_t node, const char* data, size_t size, off_t offset,
              fuse_file_info* handle);
@@ -126,7 +135,12 @@ class FuseMount {
   };
   void ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
                         const OpenDirectoryListing& directory_listing, size_t first, size_t size);
-  void ConfirmShortRead(fuse_req_t request, const std::string& path, FileData data, int64_t end);
+  /// Notes what the disk shows at a node's path. @return false when it is another file
+  bool Note(fuse_ino_t node, const udisk_stat& attributes);
+  bool IsBeingRead(fuse_ino_t node, const udisk_stat& attributes) const;
+  fuse_entry_param EntryOf(fuse_ino_t parent, const std::string& name,
+                           const udisk_stat& attributes);
+  void ReplyLostFile(fuse_req_t request, fuse_ino_t node);
 
   Session& session_;
   const bool read_only_;
@@ -138,6 +152,7 @@ class FuseMount {
   OpenFiles open_files_;
   RenameGate gate_;
   GatheredWrites writes_;
+  CheckedReads reads_;
   std::atomic<uint64_t> changes_ = 0;  // made through this mount
   std::mutex mutex_;
   std::map<uint64_t, OpenDirectoryListing> directories_;  // guarded by mutex_

@@ -2,18 +2,31 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <chrono>
 #include <memory>
 #include <string_view>
 #include <utility>
 
 #include "mount/fuse_mount.h"
 #include "mount/fuse_reply.h"
+#include "remote/attributes.h"
 #include "remote/file_size.h"
 #include "remote/mode_guard.h"
 
 namespace cpd::host {
 
 using Kind = Attempt::Kind;
+
+namespace {
+
+// Attributes of this age were asked for by the call that opens the file, and can be trusted.
+constexpr std::chrono::milliseconds kJustNow{20};
+
+bool IsSmall(const NodeTable::File& file) {
+  return file.attributes.st_size > 0 && file.attributes.st_size <= CheckedReads::kLargestContent;
+}
+
+}  // namespace
 
 void FuseMount::Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle) {
   auto pass = Enter();
@@ -22,12 +35,80 @@ void FuseMount::Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle
   const bool only_reads = (handle->flags & O_ACCMODE) == O_RDONLY;
   handle->noflush = only_reads ? 1 : 0;
   handle->keep_cache = only_reads && StoreAhead(node, *file) ? 1 : 0;
-  if (handle->keep_cache == 0) prefetch_.Forget(file->path);
-  handle->fh = open_files_.Open(node);
-  pass.unlock();
   const bool is_ahead = handle->keep_cache != 0;
-  if (fuse_reply_open(request, handle) != 0) open_files_.Close(handle->fh);
-  if (is_ahead) prefetch_.ReadToItsEnd(file->path);
+  if (!is_ahead) prefetch_.Forget(file->path);
+  handle->fh = open_files_.Open(node);
+  if (is_ahead) {
+    open_files_.NoteUse(node);  // what is in the kernel's cache is as good as read
+    pass.unlock();
+    ReplyOpened(request, node, *handle, 0);
+    prefetch_.ReadToItsEnd(file->path);
+  } else if (IsFresh(node, *file, only_reads)) {
+    ReplyOpened(request, node, *handle, 0);
+  } else if (only_reads && IsSmall(*file)) {
+    FetchContent(request, node, *file, *handle);
+  } else {
+    CheckFile(request, node, *file, *handle);
+  }
+}
+
+/// Whether a file can be opened without a look at the disk. One whose content a program is about to
+/// read is looked at all the same: the content comes at once, and reading it costs nothing more.
+bool FuseMount::IsFresh(fuse_ino_t node, const NodeTable::File& file, bool only_reads) const {
+  const auto now = NodeTable::Clock::now();
+  const auto content = reads_.Find(node);
+  if (content != nullptr) return only_reads && now - content->asked <= Prefetch::kTrusted;
+  if (only_reads && IsSmall(file)) return false;
+  return now - file.told <= kJustNow;
+}
+
+/// Opens a small file with all that is in it.
+void FuseMount::FetchContent(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
+                             const fuse_file_info& handle) {
+  reads_.Fetch(node, file, [this, request, node, handle, before = file.attributes](int error) {
+    if (error == 0) open_files_.NoteUse(node);
+    InvalidateAttributes(node, before);
+    ReplyOpened(request, node, handle, error);
+  });
+}
+
+/// Opens a file if the disk still shows it. Where another has taken its place and the node cannot
+/// go along, the kernel looks the name up anew and opens what it finds.
+void FuseMount::CheckFile(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
+                          const fuse_file_info& handle) {
+  files_.GetAttributes(file.path, [this, request, node, handle,
+                                   before = file.attributes](const Result<udisk_stat>& result) {
+    const bool only_reads = (handle.flags & O_ACCMODE) == O_RDONLY;
+    int error = result.error;
+    // What programs read that have the file open is nothing to write into.
+    if (error == 0 && !only_reads && IsBeingRead(node, result.value)) {
+      error = nodes_.Update(node, result.value) ? 0 : ESTALE;
+    } else if (error == 0) {
+      error = Note(node, result.value) ? 0 : ESTALE;
+    }
+    InvalidateAttributes(node, before);
+    ReplyOpened(request, node, handle, error);
+  });
+}
+
+/// Makes the kernel ask for a file's attributes anew if they are not what they were. Without
+/// invalidating data as well, it waits for nobody, so a thread that delivers replies may do it.
+void FuseMount::InvalidateAttributes(fuse_ino_t node, const udisk_stat& before) {
+  const auto now = nodes_.LastAttributes(node);
+  if (!now || (IsSameContent(*now, before) && !nodes_.IsRenewed(node))) return;
+  fuse_lowlevel_notify_inval_inode(fuse_.get(), node, -1, 0);
+}
+
+void FuseMount::ReplyOpened(fuse_req_t request, fuse_ino_t node, fuse_file_info handle, int error) {
+  const bool is_open = error == 0 && fuse_reply_open(request, &handle) == 0;
+  if (!is_open) CloseHandle(node, handle.fh);
+  if (error != 0) fuse_reply_err(request, error);
+}
+
+OpenFiles::Closed FuseMount::CloseHandle(fuse_ino_t node, OpenFiles::Handle handle) {
+  const auto closed = open_files_.Close(handle);
+  if (closed.is_last) reads_.Forget(node);
+  return closed;
 }
 
 /// Puts a content that was read ahead into the kernel's cache, where it costs no more requests.
@@ -43,6 +124,8 @@ bool FuseMount::StoreAhead(fuse_ino_t node, const NodeTable::File& file) {
 
 void FuseMount::Write(fuse_req_t request, fuse_ino_t node, const char* data, size_t size,
                       off_t offset, fuse_file_info* handle) {
+  open_files_.NoteUse(node);
+  reads_.Forget(node);
   // The kernel writes pages of mapped files in its own name, when nobody can be told any more.
   if (handle->writepage == 0) {
     if (const int error = open_files_.TakeFailure(handle->fh); error != 0) {
@@ -112,7 +195,7 @@ void FuseMount::Sync(fuse_req_t request, fuse_ino_t node, int /*data_only*/,
 
 void FuseMount::Release(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle) {
   const auto pass = Enter();
-  const auto [is_last, is_written] = open_files_.Close(handle->fh);
+  const auto [is_last, is_written] = CloseHandle(node, handle->fh);
   const auto file = nodes_.Find(node);
   const auto done = [request](Outcome) { fuse_reply_err(request, 0); };
   if (file && file->is_hidden && is_last) {
@@ -164,6 +247,8 @@ void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* 
   }
   const int64_t size = wanted->st_size;
   if ((which & FUSE_SET_ATTR_SIZE) != 0) {
+    nodes_.NoteChange(node);
+    reads_.Forget(node);
     open_files_.NoteWrite(node);
     writes_.NoteExtension(*file, size);
     if (!TakesSize(path, size)) {

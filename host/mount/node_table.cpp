@@ -7,19 +7,23 @@
 #include "remote/attributes.h"
 
 namespace cpd::host {
-namespace {
 
 /// Whether what a name stands for is what it stood for before. A directory's inode does not matter,
 /// since all that counts of it are the names in it. Nor does a file's, as long as nothing else
 /// changed: file systems without inodes of their own, such as FAT, number files anew at times.
-bool IsSameFile(const udisk_stat& before, const udisk_stat& now) {
+/// File systems also give the inode of a removed file to the next one. A file that was written has
+/// one time for its last write and its last change, while a file that was renamed into place was
+/// changed after it was written.
+bool NodeTable::IsSameFile(const Node& node, const udisk_stat& now) {
+  const auto& before = node.attributes;
   if (((before.st_mode ^ now.st_mode) & S_IFMT) != 0) return false;
   if (S_ISDIR(now.st_mode)) return true;
-  if (before.st_dev == now.st_dev && before.st_ino == now.st_ino) return true;
-  return before.st_size == now.st_size && IsSameTime(before.st_mtim, now.st_mtim);
+  const bool is_unwritten = IsSameTime(before.st_mtim, now.st_mtim);
+  if (InodeOf(before) == InodeOf(now)) {
+    return is_unwritten || node.is_changed_here || IsSameTime(now.st_mtim, now.st_ctim);
+  }
+  return is_unwritten && before.st_size == now.st_size && IsSameTime(before.st_ctim, now.st_ctim);
 }
-
-}  // namespace
 
 NodeTable::Id NodeTable::Lookup(Id parent, const std::string& name, const udisk_stat& attributes) {
   const std::lock_guard lock(mutex_);
@@ -32,7 +36,7 @@ NodeTable::Id NodeTable::Lookup(Id parent, const std::string& name, const udisk_
 NodeTable::Id NodeTable::FindOrMakeLocked(const Name& name, const udisk_stat& attributes) {
   if (const auto child = children_.find(name); child != children_.end()) {
     const Id id = child->second;
-    if (IsSameFile(nodes_.at(id).attributes, attributes)) return id;
+    if (IsSameFile(nodes_.at(id), attributes)) return id;
     RemoveNameLocked(name);
   }
   Id id = 0;
@@ -52,6 +56,7 @@ void NodeTable::SetAttributesLocked(Id id, const udisk_stat& attributes) {
   const auto before = files_.find(InodeOf(node.attributes));
   if (before != files_.end() && before->second == id) files_.erase(before);
   node.attributes = attributes;
+  node.told = Clock::now();
   if (!S_ISDIR(attributes.st_mode)) files_[InodeOf(attributes)] = id;
 }
 
@@ -97,7 +102,7 @@ bool NodeTable::Update(Id id, const udisk_stat& attributes) {
   const std::lock_guard lock(mutex_);
   const auto node = nodes_.find(id);
   if (node == nodes_.end()) return true;
-  if (id != kRoot && !IsSameFile(node->second.attributes, attributes)) {
+  if (id != kRoot && !IsSameFile(node->second, attributes)) {
     if (!node->second.names.empty()) RemoveNameLocked(Name(node->second.names.front()));
     return false;
   }
@@ -105,11 +110,37 @@ bool NodeTable::Update(Id id, const udisk_stat& attributes) {
   return true;
 }
 
+void NodeTable::Renew(Id id, const udisk_stat& attributes) {
+  const std::lock_guard lock(mutex_);
+  const auto found = nodes_.find(id);
+  if (found == nodes_.end() || found->second.names.size() != 1) return;
+  auto& node = found->second;
+  if (!S_ISREG(attributes.st_mode) || !S_ISREG(node.attributes.st_mode)) return;
+  if (attributes.st_nlink > 1 && files_.contains(InodeOf(attributes))) return;
+  if (IsSameFile(node, attributes)) return;
+  node.is_changed_here = false;
+  node.renewed = Clock::now();
+  SetAttributesLocked(id, attributes);
+}
+
+bool NodeTable::IsRenewed(Id id) const {
+  constexpr std::chrono::seconds kLongestDelay{2};
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  return node != nodes_.end() && Clock::now() - node->second.renewed < kLongestDelay;
+}
+
+void NodeTable::NoteChange(Id id) {
+  const std::lock_guard lock(mutex_);
+  if (const auto node = nodes_.find(id); node != nodes_.end()) node->second.is_changed_here = true;
+}
+
 void NodeTable::Grow(Id id, int64_t size) {
   const std::lock_guard lock(mutex_);
   const auto node = nodes_.find(id);
   if (node == nodes_.end()) return;
   auto& attributes = node->second.attributes;
+  node->second.is_changed_here = true;
   if (attributes.st_size < size) attributes.st_size = size;
 }
 
@@ -128,7 +159,15 @@ std::optional<NodeTable::File> NodeTable::Find(Id id) const {
   const auto& node = nodes_.at(id);
   return File{.path = id == kRoot ? "/" : std::move(*path),
               .attributes = node.attributes,
+              .told = node.told,
               .is_hidden = node.is_hidden};
+}
+
+std::optional<udisk_stat> NodeTable::LastAttributes(Id id) const {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  if (node == nodes_.end()) return std::nullopt;
+  return node->second.attributes;
 }
 
 std::optional<std::string> NodeTable::ChildPath(Id parent, const std::string& name) const {

@@ -1,6 +1,7 @@
 // The kernel's numbers for files and directories, and the paths behind them.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -22,11 +23,13 @@ namespace cpd::host {
 class NodeTable {
  public:
   using Id = uint64_t;
+  using Clock = std::chrono::steady_clock;
   static constexpr Id kRoot = 1;
 
   struct File {
     std::string path;        ///< begins with '/'
     udisk_stat attributes;   ///< as last told
+    Clock::time_point told;  ///< when that was
     bool is_hidden = false;  ///< unlinked for everybody but those who have it open
   };
 
@@ -38,12 +41,22 @@ class NodeTable {
   /// Notes a file's attributes as the kernel is told them.
   /// @return false when they are another file's, which took the place of this one
   bool Update(Id id, const udisk_stat& attributes);
+  /// Lets a node stand for the file that took the place of its own on the disk, so that whoever
+  /// looked it up gets the new one. Leaves a node alone that has several names, or that would turn
+  /// into another kind of file.
+  void Renew(Id id, const udisk_stat& attributes);
+  /// Whether the kernel may still have the attributes of the file before.
+  [[nodiscard]] bool IsRenewed(Id id) const;
+  /// Notes that this mount changes a file's content: its times tell nothing any more.
+  void NoteChange(Id id);
   /// Notes that a file has at least this size.
   void Grow(Id id, int64_t size);
   /// Notes the permissions that a file is about to have.
   void SetMode(Id id, uint32_t mode);
   /// Empty for an id that the kernel was never given, and for a file without a name.
   [[nodiscard]] std::optional<File> Find(Id id) const;
+  /// As last told; also of a file that has lost its name.
+  [[nodiscard]] std::optional<udisk_stat> LastAttributes(Id id) const;
   /// The path of a name in a directory.
   [[nodiscard]] std::optional<std::string> ChildPath(Id parent, const std::string& name) const;
 
@@ -72,9 +85,13 @@ class NodeTable {
     std::vector<Name> names;  // the one seen last stands first
     uint64_t references;      // the kernel's, and one for each name below
     udisk_stat attributes;
+    Clock::time_point told = {};
+    Clock::time_point renewed = {};
+    bool is_changed_here = false;  // through this mount
     bool is_hidden = false;
   };
 
+  static bool IsSameFile(const Node& before, const udisk_stat& now);
   static Inode InodeOf(const udisk_stat& attributes) {
     return {int64_t{attributes.st_dev}, uint64_t{attributes.st_ino}};  // packed: by value
   }

@@ -43,6 +43,19 @@ class OpenFiles {
     return files_.contains(node);
   }
 
+  /// Notes that programs are about to see or to change what is in a file.
+  void NoteUse(NodeTable::Id node) {
+    const std::lock_guard lock(mutex_);
+    if (const auto file = files_.find(node); file != files_.end()) file->second.is_used = true;
+  }
+
+  /// Whether those who have the file open have used it.
+  [[nodiscard]] bool IsUsed(NodeTable::Id node) const {
+    const std::lock_guard lock(mutex_);
+    const auto file = files_.find(node);
+    return file != files_.end() && file->second.is_used;
+  }
+
   void NoteWrite(NodeTable::Id node) {
     const std::lock_guard lock(mutex_);
     if (const auto file = files_.find(node); file != files_.end()) file->second.is_written = true;
@@ -76,6 +89,7 @@ class OpenFiles {
  private:
   struct File {
     unsigned handles = 0;
+    bool is_used = false;
     bool is_written = false;
     uint64_t failures = 0;
     int error = 0;

@@ -19,4 +19,10 @@ inline bool IsSameTime(const udisk_timespec& a, const udisk_timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
+/// Whether two looks saw one file with nothing written in between.
+inline bool IsSameContent(const udisk_stat& a, const udisk_stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+         IsSameTime(a.st_mtim, b.st_mtim);
+}
+
 }  // namespace cpd::host

@@ -108,6 +108,59 @@ TEST_F(Nodes, StayTheSameWhenTheDiskOnlyNumbersThemAnew) {
   EXPECT_EQ(nodes.Lookup(kRoot, "dir", Directory(6)), directory);
 }
 
+TEST_F(Nodes, AreTheSameFileWhenOnlyWrittenOrRenamedOrChangedHere) {
+  auto file = File(1, 1, 500);
+  file.st_ctim = file.st_mtim;
+  const auto node = nodes.Lookup(kRoot, "a", file);
+  file.st_mtim.tv_sec = file.st_ctim.tv_sec = 70;  // written in place
+  EXPECT_TRUE(nodes.Update(node, file));
+  file.st_ctim.tv_sec = 80;  // renamed, or given another mode
+  EXPECT_TRUE(nodes.Update(node, file));
+  nodes.NoteChange(node);
+  file.st_mtim.tv_sec = 90;  // written through the mount, and given another mode
+  file.st_ctim.tv_sec = 91;
+  EXPECT_TRUE(nodes.Update(node, file));
+}
+
+TEST_F(Nodes, AreAnotherFileWhenARenamedOneHasTheirInode) {
+  auto file = File(1, 1, 500);
+  const auto node = nodes.Lookup(kRoot, "a", file);
+  file.st_mtim.tv_sec = 70;
+  file.st_ctim.tv_sec = 71;
+  EXPECT_FALSE(nodes.Update(node, file));
+}
+
+TEST_F(Nodes, AreAnotherFileWhenOneOfTheSameSizeAndTimeTookTheirName) {
+  auto file = File(1, 1, 500);
+  const auto node = nodes.Lookup(kRoot, "a", file);
+  file.st_ino = 2;
+  file.st_ctim.tv_sec = 71;
+  EXPECT_FALSE(nodes.Update(node, file));
+}
+
+TEST_F(Nodes, MayGoOnAsTheFileThatTookTheirName) {
+  const auto node = nodes.Lookup(kRoot, "a", File(1));
+  nodes.Renew(node, File(2));
+  EXPECT_EQ(nodes.Lookup(kRoot, "a", File(2)), node);
+  nodes.Renew(node, Directory(3));
+  EXPECT_EQ(nodes.LastAttributes(node)->st_ino, 2U);
+}
+
+TEST_F(Nodes, WithSeveralNamesDoNotGoOnAsAnotherFile) {
+  const auto node = nodes.Lookup(kRoot, "one", File(1, 2));
+  nodes.Lookup(kRoot, "two", File(1, 2));
+  nodes.Renew(node, File(2));
+  EXPECT_EQ(nodes.LastAttributes(node)->st_ino, 1U);
+}
+
+TEST_F(Nodes, KeepTheirLastAttributesWithoutAName) {
+  const auto node = nodes.Lookup(kRoot, "a", File(1, 1, 500));
+  nodes.Unlink(kRoot, "a");
+  EXPECT_FALSE(nodes.Find(node).has_value());
+  EXPECT_EQ(nodes.LastAttributes(node)->st_size, 500);
+  EXPECT_FALSE(nodes.LastAttributes(99).has_value());
+}
+
 TEST_F(Nodes, HaveTheModeThatTheyAreAboutToGet) {
   const auto node = nodes.Lookup(kRoot, "a", File(1));
   nodes.SetMode(node, S_IFDIR | 04755);

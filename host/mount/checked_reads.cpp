@@ -1,0 +1,225 @@
+#include "mount/checked_reads.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "remote/attributes.h"
+
+namespace cpd::host {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kMostContentBytes = 16 << 20;
+// How often a file is looked at that changes as fast as it is looked at.
+constexpr int kMostTries = 100;
+
+}  // namespace
+
+// ---- Small files, whole ----
+
+struct CheckedReads::Opening {
+  NodeTable::Id node;
+  std::string path;
+  udisk_stat known;  ///< as the disk showed the file last
+  Opened opened;
+  Clock::time_point asked = Clock::now();
+  int tries = 0;
+  bool is_overtaken = false;  ///< by a change through this mount
+  std::string bytes = {};
+  bool is_whole = false;  ///< nothing was left to read after the bytes
+};
+
+void CheckedReads::Fetch(NodeTable::Id node, const NodeTable::File& file, Opened opened) {
+  const auto opening = std::make_shared<Opening>(Opening{
+      .node = node, .path = file.path, .known = file.attributes, .opened = std::move(opened)});
+  {
+    const std::lock_guard lock(mutex_);
+    ++under_way_;
+    openings_.push_back(opening);
+  }
+  FetchAgain(opening);
+}
+
+void CheckedReads::FetchAgain(const std::shared_ptr<Opening>& opening) {
+  // One byte more than there should be shows whether the file has grown.
+  const auto size = static_cast<uint32_t>(opening->known.st_size) + 1;
+  opening->asked = Clock::now();
+  files_.Read(opening->path, 0, size, [this, opening, size](const Result<FileData>& result) {
+    if (result.error != 0 || Find(opening->node) != nullptr) return Finish(opening, 0);
+    opening->bytes = result.value.bytes;
+    opening->is_whole = opening->bytes.size() < size;
+    if (Keep(*opening)) return Finish(opening, 0);
+    LookAgain(opening);
+  });
+}
+
+/// The size was another one than the kernel knows: asks what the path leads to now.
+void CheckedReads::LookAgain(const std::shared_ptr<Opening>& opening) {
+  files_.GetAttributes(opening->path, [this, opening](const Result<udisk_stat>& result) {
+    if (Find(opening->node) != nullptr) return Finish(opening, 0);  // another program's
+    if (result.error != 0) return Finish(opening, result.error);
+    const auto& now = result.value;
+    if (!note_(opening->node, now)) return Finish(opening, ESTALE);
+    const bool is_unreadable = IsSameContent(opening->known, now);
+    const bool is_large = now.st_size > kLargestContent;
+    opening->known = now;
+    if (Keep(*opening) || is_unreadable || is_large || ++opening->tries == kMostTries) {
+      return Finish(opening, 0);
+    }
+    FetchAgain(opening);
+  });
+}
+
+/// @return false when the bytes are not a whole file as the kernel knows it
+bool CheckedReads::Keep(const Opening& opening) {
+  const auto& bytes = opening.bytes;
+  const auto attributes = nodes_.LastAttributes(opening.node);
+  if (!attributes || !opening.is_whole) return false;
+  if (static_cast<int64_t>(bytes.size()) != attributes->st_size) return false;
+  const std::lock_guard lock(mutex_);
+  if (opening.is_overtaken || content_bytes_ + bytes.size() > kMostContentBytes) return true;
+  auto& content = contents_[opening.node];
+  if (content != nullptr) content_bytes_ -= content->bytes.size();
+  content_bytes_ += bytes.size();
+  content = std::make_shared<const Content>(
+      Content{.bytes = bytes, .attributes = *attributes, .asked = opening.asked});
+  return true;
+}
+
+void CheckedReads::Finish(const std::shared_ptr<Opening>& opening, int error) {
+  {
+    const std::lock_guard lock(mutex_);
+    std::erase(openings_, opening);
+  }
+  opening->opened(error);
+  CountEnd();
+}
+
+CheckedReads::SharedContent CheckedReads::Find(NodeTable::Id node) const {
+  SharedContent content;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto found = contents_.find(node);
+    if (found == contents_.end()) return nullptr;
+    content = found->second;
+  }
+  const auto known = nodes_.LastAttributes(node);
+  return known && IsSameContent(*known, content->attributes) ? content : nullptr;
+}
+
+void CheckedReads::Forget(NodeTable::Id node) {
+  const std::lock_guard lock(mutex_);
+  for (const auto& opening : openings_) opening->is_overtaken |= opening->node == node;
+  const auto content = contents_.find(node);
+  if (content == contents_.end()) return;
+  content_bytes_ -= content->second->bytes.size();
+  contents_.erase(content);
+}
+
+// ---- Parts of files ----
+
+struct CheckedReads::Reading {
+  NodeTable::Id node;
+  std::string path;
+  udisk_stat known;  ///< as the disk showed the file last
+  int64_t offset;
+  uint32_t size;
+  int64_t expected_end;  ///< at least, unless the file has become shorter
+  ReadDone done;
+  int tries = 0;
+  Result<FileData> result = {};
+};
+
+void CheckedReads::Read(NodeTable::Id node, const NodeTable::File& file, int64_t offset,
+                        uint32_t size, ReadDone done) {
+  {
+    const std::lock_guard lock(mutex_);
+    ++under_way_;
+  }
+  Send(std::make_shared<Reading>(
+      Reading{.node = node,
+              .path = file.path,
+              .known = file.attributes,
+              .offset = offset,
+              .size = size,
+              .expected_end = std::min<int64_t>(offset + size, file.attributes.st_size),
+              .done = std::move(done)}));
+}
+
+void CheckedReads::Send(const std::shared_ptr<Reading>& reading) {
+  files_.Read(reading->path, reading->offset, reading->size,
+              [reading](Result<FileData> result) { reading->result = std::move(result); });
+  Readings covered;
+  {
+    const std::lock_guard lock(mutex_);
+    auto& window = windows_[reading->node];
+    window.unchecked.push_back(reading);
+    if (window.checks > 0 && window.unchecked.size() < kWindow) return;
+    ++window.checks;
+    covered.swap(window.unchecked);
+  }
+  Check(reading->node, reading->path, std::move(covered));
+}
+
+/// Asks whether the path leads to the file. The answer comes after those of the reads that it
+/// covers, because they were sent before.
+void CheckedReads::Check(NodeTable::Id node, const std::string& path, Readings covered) {
+  files_.GetAttributes(
+      path, [this, node, path, covered = std::move(covered)](const Result<udisk_stat>& result) {
+        Readings next;
+        {
+          const std::lock_guard lock(mutex_);
+          const auto window = windows_.find(node);
+          --window->second.checks;
+          if (window->second.checks == 0) {
+            next.swap(window->second.unchecked);
+            if (next.empty()) {
+              windows_.erase(window);
+            } else {
+              ++window->second.checks;
+            }
+          }
+        }
+        if (!next.empty()) Check(node, path, std::move(next));
+        const int error = result.error != 0 ? result.error : note_(node, result.value) ? 0 : ESTALE;
+        for (const auto& reading : covered) {
+          if (error != 0) {
+            Finish(*reading, error);
+          } else {
+            Judge(reading, result.value);
+          }
+        }
+      });
+}
+
+/// A failed read looks like the end of the file: only the file's size tells. One that has just
+/// changed may have been away for a moment, and is read again.
+void CheckedReads::Judge(const std::shared_ptr<Reading>& reading, const udisk_stat& now) {
+  if (reading->result.error != 0) return Finish(*reading, reading->result.error);
+  const auto bytes = reading->result.value.bytes;
+  const int64_t end = reading->offset + static_cast<int64_t>(bytes.size());
+  if (end >= std::min<int64_t>(reading->expected_end, now.st_size))
+    return Finish(*reading, 0, bytes);
+  const bool has_changed = !IsSameContent(reading->known, now);
+  reading->known = now;
+  if (!has_changed || ++reading->tries == kMostTries) return Finish(*reading, EIO);
+  Send(reading);
+}
+
+void CheckedReads::Finish(const Reading& reading, int error, std::string_view bytes) {
+  reading.done(error, bytes);
+  CountEnd();
+}
+
+void CheckedReads::CountEnd() {
+  const std::lock_guard lock(mutex_);
+  if (--under_way_ == 0) idle_.notify_all();
+}
+
+void CheckedReads::AwaitAnswers() {
+  std::unique_lock lock(mutex_);
+  idle_.wait(lock, [this] { return under_way_ == 0; });
+}
+
+}  // namespace cpd::host

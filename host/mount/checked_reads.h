@@ -1,0 +1,109 @@
+// Reads that never mix two files, though the protocol names a file by its path in every request.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "mount/node_table.h"
+#include "remote/remote_files.h"
+
+namespace cpd::host {
+
+/// Reads files that the client may replace at any moment.
+///
+/// A small file is read whole when it is opened, by one request, which sees one file. Programs then
+/// read that content until the last of them closes the file.
+///
+/// The reads of a larger file go out as they come. The data of each is held until an answer with
+/// the file's attributes, asked for after it, shows that the path still leads to the file. One such
+/// question covers all reads before it, and the next one leaves when it is answered, or when
+/// kWindow more reads wait for it: the more reads are under way, the fewer questions per read.
+///
+/// Requests that follow from an answer name the file by the path of before. So no name may move
+/// until AwaitAnswers has returned. All operations are callable from any thread.
+class CheckedReads {
+ public:
+  static constexpr size_t kWindow = 8;
+  /// Files up to this size are to be fetched.
+  static constexpr int64_t kLargestContent = 64 << 10;
+
+  /// A whole file.
+  struct Content {
+    std::string bytes;
+    udisk_stat attributes;  ///< of the file as the kernel knew it
+    std::chrono::steady_clock::time_point asked;
+  };
+  using SharedContent = std::shared_ptr<const Content>;
+
+  /// Notes what the disk shows at a node's path.
+  /// @return false when that is another file, and programs already use the one before
+  using Note = std::function<bool(NodeTable::Id node, const udisk_stat& attributes)>;
+  /// Receives 0 or an errno.
+  using Opened = std::function<void(int error)>;
+  /// Receives the bytes, fewer than wanted only at the file's end; they live as long as the call.
+  using ReadDone = std::function<void(int error, std::string_view bytes)>;
+
+  CheckedReads(RemoteFiles& files, const NodeTable& nodes, Note note)
+      : files_(files), nodes_(nodes), note_(std::move(note)) {}
+
+  /// Gets the content of a file, for those who are about to read it. Fails when the file is gone,
+  /// or was replaced under programs that use it; where it just cannot be read, reading it will
+  /// tell.
+  void Fetch(NodeTable::Id node, const NodeTable::File& file, Opened opened);
+  /// @return null when there is no content of the file as the kernel knows it
+  [[nodiscard]] SharedContent Find(NodeTable::Id node) const;
+  /// Forgets a content. To be called before a change is answered, and with the last close.
+  void Forget(NodeTable::Id node);
+
+  /// Ends with ESTALE when another file has taken the path, and with ENOENT when there is none.
+  void Read(NodeTable::Id node, const NodeTable::File& file, int64_t offset, uint32_t size,
+            ReadDone done);
+
+  /// Waits for the end of all that is under way. To be called while names move, so that nothing
+  /// begins; must not be called on the thread that delivers replies.
+  void AwaitAnswers();
+
+ private:
+  struct Opening;
+  struct Reading;
+  using Openings = std::vector<std::shared_ptr<Opening>>;
+  using Readings = std::vector<std::shared_ptr<Reading>>;
+  /// Of a file.
+  struct Window {
+    Readings unchecked;  // sent, and no question after them
+    size_t checks = 0;   // questions under way
+  };
+
+  void FetchAgain(const std::shared_ptr<Opening>& opening);
+  void LookAgain(const std::shared_ptr<Opening>& opening);
+  bool Keep(const Opening& opening);
+  void Finish(const std::shared_ptr<Opening>& opening, int error);
+  void Send(const std::shared_ptr<Reading>& reading);
+  void Check(NodeTable::Id node, const std::string& path, Readings covered);
+  void Judge(const std::shared_ptr<Reading>& reading, const udisk_stat& now);
+  void Finish(const Reading& reading, int error, std::string_view bytes = {});
+  void CountEnd();
+
+  RemoteFiles& files_;
+  const NodeTable& nodes_;
+  const Note note_;
+  mutable std::mutex mutex_;
+  std::unordered_map<NodeTable::Id, SharedContent> contents_;
+  size_t content_bytes_ = 0;
+  Openings openings_;  // under way
+  std::unordered_map<NodeTable::Id, Window> windows_;
+  size_t under_way_ = 0;
+  std::condition_variable idle_;
+};
+
+}  // namespace cpd::host

@@ -1,0 +1,279 @@
+// The client replaces, makes and removes files while programs use them on the mount.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/mounted_disk.h"
+
+namespace system_test {
+namespace fs = std::filesystem;
+
+namespace {
+
+using ReplacedFiles = MountTest;
+
+/// Repeats something on the client until it goes.
+class Client {
+ public:
+  explicit Client(std::function<void(int round)> act)
+      : mThread([this, act = std::move(act)] {
+          for (int round = 0; !mStop; ++round) {
+            act(round);
+            ++mRounds;
+            std::this_thread::sleep_for(5ms);
+          }
+        }) {}
+  ~Client() {
+    mStop = true;
+    mThread.join();
+  }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+  int rounds() const { return mRounds; }
+
+ private:
+  std::atomic<bool> mStop = false;
+  std::atomic<int> mRounds = 0;
+  std::thread mThread;
+};
+
+/// Saves a file as editors do: a temporary file takes the name.
+void Save(const std::string& path, const std::string& content) {
+  WriteFile(path + "~", content);
+  fs::rename(path + "~", path);
+}
+
+/// A line of one digit, of another length and another digit than in the round before.
+std::string Line(int round) {
+  return std::string(100 + round * 37 % 3000, static_cast<char>('0' + round % 10)) + '\n';
+}
+
+bool IsLine(const std::string& text) {
+  return text.size() > 100 && text.find_first_not_of(text[0]) == text.size() - 1;
+}
+
+/// Reads up to `size` bytes. @return an errno
+int ReadOn(int fd, std::string* content, size_t size) {
+  std::vector<char> buffer(64 << 10);
+  for (size_t left = size; left > 0;) {
+    const ssize_t n = read(fd, buffer.data(), std::min(left, buffer.size()));
+    if (n < 0) return errno;
+    if (n == 0) return 0;
+    content->append(buffer.data(), n);
+    left -= n;
+  }
+  return 0;
+}
+
+// ---- Looked up anew ----
+
+TEST_F(ReplacedFiles, AreThereForEveryProgramThatComesAlong) {
+  Save(disk / "file", Line(0));
+  MountedDisk mounted(disk.path());
+  const auto file = mounted / "file";
+  Client client([&](int round) { Save(disk / "file", Line(round)); });
+  for (int i = 0; i < 60; ++i) {
+    const auto cat = Shell("cat " + file);
+    EXPECT_EQ(cat.status, 0) << cat.output;
+    EXPECT_EQ(Shell("stat " + file + " >/dev/null").output, "");
+    EXPECT_EQ(Shell("echo line >>" + file).output, "");
+    EXPECT_EQ(Shell("ls -l " + file + " >/dev/null").output, "");
+  }
+  EXPECT_GE(client.rounds(), 60);
+}
+
+TEST_F(ReplacedFiles, AreReadWholeByManyAtOnce) {
+  Save(disk / "file", Line(0));
+  MountedDisk mounted(disk.path());
+  const auto file = mounted / "file";
+  Client client([&](int round) { Save(disk / "file", Line(round)); });
+  std::vector<std::thread> programs;
+  for (const char* program : {"cat", "cat", "stat", "ls -l"}) {
+    programs.emplace_back([&file, program = std::string(program)] {
+      for (int i = 0; i < 80; ++i) {
+        const auto result = Shell(program + " " + file);
+        EXPECT_EQ(result.status, 0) << result.output;
+        EXPECT_TRUE(program != "cat" || IsLine(result.output)) << result.output;
+      }
+    });
+  }
+  for (auto& program : programs) program.join();
+}
+
+TEST_F(ReplacedFiles, ThatAreGoneAreReportedAsSuch) {
+  MountedDisk mounted(disk.path());
+  const auto file = mounted / "file";
+  Client client([&](int round) {
+    if (round % 2 == 0) Save(disk / "file", Line(round));
+    if (round % 2 == 1) fs::remove(disk / "file");
+  });
+  std::map<int, int> errors;
+  const auto end = std::chrono::steady_clock::now() + 2s;
+  while (std::chrono::steady_clock::now() < end) {
+    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+      ++errors[errno];
+      continue;
+    }
+    std::string content;
+    const int error = ReadOn(fd, &content, 1 << 20);
+    ++errors[error];
+    EXPECT_TRUE(error != 0 || IsLine(content)) << content;
+    close(fd);
+  }
+  EXPECT_GT(errors[0], 0);
+  EXPECT_GT(errors[ENOENT], 0);
+  for (const auto& [error, count] : errors) {
+    EXPECT_TRUE(error == 0 || error == ENOENT) << error << ": " << count;
+  }
+}
+
+TEST_F(ReplacedFiles, ThatWereJustLookedUpAreOpenedWithoutARequest) {
+  const auto content = Bytes(300'000);
+  WriteFile(disk / "large", content);
+  WriteFile(disk / "small", "content");
+  MountedDisk mounted(disk.path(), {"--no-prefetch"});
+  const int fd = open((mounted / "large").c_str(), O_RDONLY | O_CLOEXEC);
+  EXPECT_EQ(ReadFile(mounted / "small"), "content");
+  close(fd);
+  const auto ending = mounted.Unmount();
+  // The directory and the two files, each of which a slow machine may look at once more.
+  EXPECT_LE(ending.Requests(102), 6) << ending.out;
+  EXPECT_EQ(ending.Requests(105), 1) << ending.out;
+}
+
+// ---- Never a mixture ----
+
+constexpr size_t kLarge = 24 << 20;
+
+struct Replacing {
+  const char* name;
+  int times;  // how often the client replaces the file
+};
+class ReplacedUnderAReader : public MountTest, public testing::WithParamInterface<Replacing> {};
+
+TEST_P(ReplacedUnderAReader, EndsInAnErrorAndAFreshOpenReadsTheNewFile) {
+  const auto before = Bytes(kLarge, 1);
+  Save(disk / "file", before);
+  MountedDisk mounted(disk.path());
+  const int fd = open((mounted / "file").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  std::string content;
+  ASSERT_EQ(ReadOn(fd, &content, 1 << 20), 0);
+  auto after = before;
+  for (int i = 1; i <= GetParam().times; ++i) {
+    after = Bytes(kLarge, 10 + i);
+    WriteFile(disk / "file~", after);
+    std::this_thread::sleep_for(50ms);  // longer than a tick of the file system's clock
+    fs::rename(disk / "file~", disk / "file");
+  }
+  EXPECT_EQ(ReadOn(fd, &content, kLarge), ESTALE);
+  EXPECT_EQ(content, before.substr(0, content.size()));
+  char byte = 0;
+  EXPECT_EQ(pread(fd, &byte, 1, kLarge - 1), -1);
+  EXPECT_EQ(errno, ESTALE);
+  struct stat attributes {};
+  EXPECT_EQ(fstat(fd, &attributes), 0);
+  EXPECT_EQ(attributes.st_nlink, 0U);
+  EXPECT_EQ(ReadFile(mounted / "file"), after);
+  close(fd);
+}
+
+// The second time, the file system gives the first file's inode to the third.
+INSTANTIATE_TEST_SUITE_P(, ReplacedUnderAReader,
+                         testing::Values(Replacing{"Once", 1}, Replacing{"Twice", 2},
+                                         Replacing{"ThreeTimes", 3}),
+                         [](const auto& test) { return test.param.name; });
+
+TEST_F(ReplacedFiles, AreNeverReadAsAMixture) {
+  constexpr size_t kSize = 8 << 20;
+  Save(disk / "file", std::string(kSize, '0'));
+  MountedDisk mounted(disk.path());
+  Client client([&](int round) {
+    Save(disk / "file", std::string(kSize, static_cast<char>('0' + round % 10)));
+    std::this_thread::sleep_for(20ms);
+  });
+  int whole = 0;
+  const auto end = std::chrono::steady_clock::now() + kHang;
+  for (int i = 0; (i < 40 || whole == 0) && std::chrono::steady_clock::now() < end; ++i) {
+    const int fd = open((mounted / "file").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0) << errno;
+    std::string content;
+    const int error = ReadOn(fd, &content, kSize);
+    close(fd);
+    EXPECT_TRUE(error == 0 || error == ESTALE) << error;
+    EXPECT_EQ(content.find_first_not_of(content[0]), std::string::npos);
+    if (error == 0) {
+      EXPECT_EQ(content.size(), kSize);
+      ++whole;
+    }
+  }
+  EXPECT_GT(whole, 0);
+}
+
+TEST_F(ReplacedFiles, AreToldFromThoseThatGrowOrAreWrittenInPlace) {
+  auto content = Bytes(kLarge);
+  WriteFile(disk / "file", content);
+  MountedDisk mounted(disk.path());
+  const int fd = open((mounted / "file").c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  std::string start;
+  ASSERT_EQ(ReadOn(fd, &start, 1 << 20), 0);
+  // By the client: in place, and at the end.
+  const int there = open((disk / "file").c_str(), O_WRONLY | O_CLOEXEC);
+  ASSERT_EQ(pwrite(there, "in place", 8, 10 << 20), 8);
+  ASSERT_EQ(pwrite(there, "at the end", 10, kLarge), 10);
+  close(there);
+  std::string piece(8, '\0');
+  EXPECT_EQ(pread(fd, piece.data(), 8, 10 << 20), 8);
+  EXPECT_EQ(piece, "in place");
+  // By this mount, and with another mode afterwards.
+  ASSERT_EQ(pwrite(fd, "through the mount", 17, 14 << 20), 17);
+  ASSERT_EQ(fchmod(fd, 0600), 0);
+  std::string rest;
+  ASSERT_EQ(lseek(fd, 20 << 20, SEEK_SET), 20 << 20);
+  EXPECT_EQ(ReadOn(fd, &rest, kLarge), 0);
+  EXPECT_EQ(rest, content.substr(20 << 20) + "at the end");
+  close(fd);
+}
+
+TEST_F(ReplacedFiles, AreFoundOutByOneQuestionPerReadAtMost) {
+  WriteFile(disk / "file", Bytes(kLarge));
+  MountedDisk mounted(disk.path());
+  const auto dd = Shell("dd if=" + (mounted / "file") + " of=/dev/null bs=1M 2>&1");
+  EXPECT_EQ(dd.status, 0) << dd.output;
+  const auto ending = mounted.Unmount();
+  EXPECT_LE(ending.Requests(102), ending.Requests(105) + 6) << ending.out;
+}
+
+// ---- Open, and without a name ----
+
+TEST_F(ReplacedFiles, AndDirectoriesThatAreStillOpenHaveNoLink) {
+  MountedDisk mounted(disk.path());
+  WriteFile(mounted / "file", "old");
+  WriteFile(mounted / "new file", "new");
+  fs::create_directory(mounted / "directory");
+  fs::create_directory(mounted / "new directory");
+  const int file = open((mounted / "file").c_str(), O_RDONLY | O_CLOEXEC);
+  const int directory = open((mounted / "directory").c_str(), O_RDONLY | O_CLOEXEC);
+  fs::rename(mounted / "new file", mounted / "file");
+  fs::rename(mounted / "new directory", mounted / "directory");
+  for (const int fd : {file, directory}) {
+    struct stat attributes {};
+    EXPECT_EQ(fstat(fd, &attributes), 0) << errno;
+    EXPECT_EQ(attributes.st_nlink, 0U);
+    close(fd);
+  }
+}
+
+}  // namespace
+}  // namespace system_test
