@@ -22,6 +22,7 @@ constinit std::atomic<int> g_readings = 0;
 constinit std::mutex g_mutex;
 constinit std::vector<int64_t> g_sleeps_us;  // guarded by g_mutex
 std::function<void()> g_on_sleep;            // guarded by g_mutex
+std::function<void()> g_on_reading;          // guarded by g_mutex
 
 }  // namespace
 
@@ -34,6 +35,7 @@ VirtualClock::VirtualClock(int64_t now_ms) {
     const std::lock_guard lock(g_mutex);
     g_sleeps_us.clear();
     g_on_sleep = nullptr;
+    g_on_reading = nullptr;
   }
   if (g_virtual.exchange(true)) throw std::logic_error("a virtual clock exists already");
 }
@@ -53,6 +55,11 @@ void VirtualClock::OversleepBy(int64_t ms) { g_oversleep_us = ms * 1000; }
 void VirtualClock::OnSleep(std::function<void()> action) {
   const std::lock_guard lock(g_mutex);
   g_on_sleep = std::move(action);
+}
+
+void VirtualClock::OnReading(std::function<void()> action) {
+  const std::lock_guard lock(g_mutex);
+  g_on_reading = std::move(action);
 }
 
 std::vector<int64_t> VirtualClock::TakeSleepsMs() {
@@ -77,6 +84,11 @@ extern "C" int gettimeofday(struct timeval* tv, void* /*tz*/) noexcept {
     ++g_readings;
     const int64_t now = g_now_us.fetch_add(g_tick_us);
     *tv = {.tv_sec = now / 1'000'000, .tv_usec = now % 1'000'000};
+    const auto on_reading = [] {
+      const std::lock_guard lock(g_mutex);
+      return g_on_reading;
+    }();
+    if (on_reading) on_reading();
     return 0;
   }
   timespec now = {};

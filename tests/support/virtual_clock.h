@@ -25,6 +25,8 @@ class VirtualClock {
   void TickPerReading(int64_t ms);
   /// By how much a sleep takes longer (or, negative, moves the clock back).
   void OversleepBy(int64_t ms);
+  /// Called after each reading, on the reader's thread, without a lock held.
+  void OnReading(std::function<void()> action);
   /// Called within each sleep, on the sleeper's thread, without a lock held.
   void OnSleep(std::function<void()> action);
   /// usleep's arguments in milliseconds, since the last call of this. Fails on odd microseconds.

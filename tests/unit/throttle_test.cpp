@@ -312,6 +312,25 @@ TEST_F(LegacyThrottleTest, AClockThatGoesBackInASleepIsNoOverrun) {
   EXPECT_EQ(udisk->legacyOverrunMs, 0);
 }
 
+TEST_F(LegacyThrottleTest, ABandwidthThatIsWithdrawnInTheMiddleOfAReadCostsNoSleep) {
+  // Read(1) is far below the allowance: it sleeps under no bandwidth that was ever announced.
+  for (const BulkRead kind : {BulkRead::kFile, BulkRead::kSmallFiles}) {
+    for (int withdrawn_at = 1; withdrawn_at <= 3; ++withdrawn_at) {
+      SCOPED_TRACE(withdrawn_at);
+      MakeOperator();
+      Announce(16'000);
+      int reading = 0;
+      clock.OnReading([&] {
+        if (++reading == withdrawn_at) udisk->readBwKbps = 0;
+      });
+      EXPECT_EQ(kind == BulkRead::kFile ? Read(1) : ReadSmallFiles(1), Sleeps{});
+      clock.OnReading(nullptr);
+      EXPECT_GE(reading, 1);
+      EXPECT_EQ(udisk->legacyOverrunMs, 0);
+    }
+  }
+}
+
 TEST_F(LegacyThrottleTest, KeepsItsCountWhileThereIsNoBandwidth) {
   Announce(8000);
   Read(500'000);
@@ -535,6 +554,28 @@ TEST_F(TokenBucketTest, SummaryByteForByte) {
                 "[TokenBucket] SUMMARY: throughput=81KB/s calls=3 sleeps=1 carries=1 "
                 "totalSlept=76ms bw=4000kbps tokens=162144 refillPerMs=500"});
   EXPECT_EQ(Log().Lines().at(0).level, kDebug);
+}
+
+TEST_F(TokenBucketTest, SummaryOfTheMostThatCanBeCountedIsRight) {
+  Open();
+  bucket.totalBytes = INT64_MAX - 1;
+  bucket.summaryStartBytes = 0;
+  clock.Advance(5000);
+  Consume(1);
+  // (2^63 - 1) * 1000 / 5000 / 1024
+  EXPECT_EQ(Log().Messages(),
+            std::vector<std::string>{
+                "[TokenBucket] SUMMARY: throughput=1801439850948198KB/s calls=1 sleeps=0 carries=0 "
+                "totalSlept=0ms bw=4000kbps tokens=262143 refillPerMs=500"});
+  Log().Clear();
+  bucket.totalBytes = INT64_MIN;
+  bucket.summaryStartBytes = INT64_MAX;
+  clock.Advance(5000);
+  Consume(0);
+  ASSERT_EQ(Log().Messages().size(), 1U);
+  EXPECT_TRUE(Log().Messages()[0].starts_with(
+      "[TokenBucket] SUMMARY: throughput=-3602879701896396KB/s calls=1 "))
+      << Log().Messages()[0];
 }
 
 TEST_F(TokenBucketTest, SummaryBeginsANewPeriod) {

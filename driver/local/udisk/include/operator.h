@@ -116,8 +116,9 @@ struct TokenBucket {
   void summarize(int64_t now) {
     if (now - lastSummaryMs < kSummaryMs) return;
     if (lastSummaryMs >= 1) {
-      const int64_t throughput =
-          (totalBytes - summaryStartBytes) * 1000 / (now - lastSummaryMs) / 1024;
+      // In 128 bits: the product of a long period's bytes passes 64.
+      const __int128 period_bytes = static_cast<__int128>(totalBytes) - summaryStartBytes;
+      const __int128 throughput = period_bytes * 1000 / (now - lastSummaryMs) / 1024;
       UDISK_DEBUG_OF(
           consume,
           "[TokenBucket] SUMMARY: throughput=%lldKB/s calls=%lld sleeps=%lld carries=%lld totalSlept=%lldms bw=%ukbps tokens=%lld refillPerMs=%lld",
@@ -247,7 +248,7 @@ class UDiskOperator : public UdiskOperatorInf {
   DiskRoot CopyDiskRoot();
   /// The mount point and, of the same moment, its volumes.
   std::pair<std::string, std::list<std::shared_ptr<VolumeRecord>>> CopyMount();
-  void throttleLegacy(uint32_t bytes, BulkRead kind);
+  void throttleLegacy(uint32_t bytes, uint32_t kbps, BulkRead kind);
   /// Traces a read or write of a file that the host's path filter matches. @return whether it does
   bool TraceFile(const char* event, bool success, const char* text, const char* relative_path,
                  const char* function = __builtin_FUNCTION(), int line = __builtin_LINE());

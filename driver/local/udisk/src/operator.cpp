@@ -287,23 +287,24 @@ void UDiskOperator::throttleRead(uint32_t bytes, BulkRead kind) {
     drop_stale();
     force(static_cast<int64_t>(getCurrentTime()));
   }
-  const uint32_t kbps = readBwKbps;  // once: a 0 that is announced meanwhile is no rate
+  const uint32_t kbps =
+      readBwKbps;  // once: a 0 that is announced from now on holds for later reads
   if (kbps == 0) return;
   if (legacyThrottle) {
-    throttleLegacy(bytes, kind);
+    throttleLegacy(bytes, kbps, kind);
   } else {
     tokenBucket.updateRate(kbps);
     tokenBucket.consume(bytes);
   }
 }
 
-void UDiskOperator::throttleLegacy(uint32_t bytes, BulkRead kind) {
+void UDiskOperator::throttleLegacy(uint32_t bytes, uint32_t kbps, BulkRead kind) {
   legacyBytes += bytes;
   const auto start = static_cast<int64_t>(getCurrentTime());
   // The allowances are those of 512 and 51.2 ms: do not align them with the periods.
-  const bool slow = readBwKbps <= 10240;
+  const bool slow = kbps <= 10240;
   const int64_t period_ms = slow ? 500 : 50;
-  const uint32_t allowance = slow ? (readBwKbps >> 3) << 9 : ((readBwKbps >> 3) << 10) / 20;
+  const uint32_t allowance = slow ? (kbps >> 3) << 9 : ((kbps >> 3) << 10) / 20;
   if (legacyBytes >= allowance) {
     if (legacyOverrunMs < period_ms) {
       usleep(static_cast<uint32_t>((period_ms - legacyOverrunMs) * 1000));
