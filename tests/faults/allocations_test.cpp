@@ -1,11 +1,13 @@
 // Each allocation of each handler fails once: the request may fail, nothing else does.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <new>
@@ -73,14 +75,16 @@ class FrugalDevice : public CpdDevice {
   }
   int GetDevId() override { return kDeviceId; }
   int SendPacket(std::unique_ptr<CpdPacket> packet, int /*flags*/) override {
+    if (at_send) at_send();
     ++replies;
     if (packet->header == nullptr) ++headless;
     return 0;
   }
   void ReportReadFail(const std::string& /*path*/) override {}
 
-  int replies = 0;
+  std::atomic<int> replies = 0;
   int headless = 0;               ///< replies without a header
+  std::function<void()> at_send;  ///< called by SendPacket; set before the driver is opened
   std::function<void()> at_base;  ///< called by getDevBase, on the thread that made the device
 
  private:
@@ -366,6 +370,86 @@ TEST(AllocationBesideTheHandlers, RefusedToTheBufferOfTheAnnouncementIsLoggedAnd
     return refused;
   });
   EXPECT_EQ(without_buffer, 1);
+}
+
+TEST(AllocationBesideTheHandlers, RefusedToTheQueueRefusesThePacketAndNothingElse) {
+  FrugalDevice device;
+  const std::unique_ptr<CpdDriver> driver(udisk_open(&device, "policy"));
+  ASSERT_NE(driver, nullptr);
+  while (device.replies < 2) std::this_thread::yield();  // the announcement
+  const Request request = AttrRequest{.path = kKnownFile};
+  {
+    std::unique_ptr<CpdPacket> packet = request.Packet();
+    g_errors = 0;
+    Allocations allocations;
+    allocations.RefuseOneAfter(0);
+    EXPECT_EQ(driver->onEvent(std::move(packet), 0), -1);
+    EXPECT_TRUE(allocations.StopRefusing());
+    EXPECT_LT(allocations.Live(), 0) << "the packet is freed";
+  }
+  EXPECT_EQ(g_errors, 1);
+  EXPECT_TRUE(std::string(g_last_error).ends_with("no memory to queue the request\""))
+      << g_last_error;
+  ExpectFaultRow(
+      "an allocation of a packet's place in the queue",
+      {"no answer, and `onEvent` answers -1", "`onEvent failed: no memory to queue the request`",
+       "nothing: an answer to a later request proves that this one gets none"});
+  EXPECT_EQ(driver->onEvent(request.Packet(), 0), 0);
+  while (device.replies < 3) std::this_thread::yield();
+  driver->Close(0);
+}
+
+TEST(AllocationBesideTheHandlers, APacketThatMeetsCloseIsFreedAtOnce) {
+  FrugalDevice device;
+  std::promise<void> held;
+  std::promise<void> released;
+  device.at_send = [&] {
+    if (device.replies < 2) return;  // the announcement
+    held.set_value();
+    released.get_future().wait();
+  };
+  const std::unique_ptr<CpdDriver> driver(udisk_open(&device, "policy"));
+  ASSERT_NE(driver, nullptr);
+  while (device.replies < 2) std::this_thread::yield();
+  const auto udisk = std::static_pointer_cast<UDiskOperator>(driver->GetDriverObj());
+  EXPECT_EQ(driver->onEvent(Request(AttrRequest{.path = kKnownFile}).Packet(), 0), 0);
+  held.get_future().wait();
+  std::thread closer([&] { driver->Close(0); });
+  while (!udisk->tokenBucket.stopping) std::this_thread::yield();
+  {
+    Allocations allocations;
+    EXPECT_EQ(driver->onEvent(Request(AttrRequest{.path = kKnownFile}).Packet(), 0), 0);
+    EXPECT_EQ(allocations.Live(), 0);
+  }
+  released.set_value();
+  closer.join();
+}
+
+TEST(AllocationOfAPacket, RefusedToAGrowingBufferLeavesItAsItWas) {
+  PacketBuffer buffer(16);
+  std::memset(buffer.data, 'a', 16);
+  const uint8_t* const before = buffer.data;
+  Allocations allocations;
+  allocations.RefuseOneAfter(0);
+  EXPECT_EQ(buffer.Write("bc", 15, 2), -1);
+  EXPECT_TRUE(allocations.StopRefusing());
+  EXPECT_EQ(buffer.data, before);
+  EXPECT_EQ(buffer.capacity, 16U);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data), 16), std::string(16, 'a'));
+}
+
+TEST(AllocationOfAPacket, RefusedToACopyOfAnImageFailsAndLeavesNoHeader) {
+  std::string image = Request(AttrRequest{.path = kKnownFile}).Bytes();
+  CpdPacket packet;
+  Allocations allocations;
+  allocations.RefuseOneAfter(1);  // the buffer's object, then its bytes
+  EXPECT_EQ(
+      packet.Parse(reinterpret_cast<uint8_t*>(image.data()), static_cast<int>(image.size()), true),
+      -1);
+  EXPECT_TRUE(allocations.StopRefusing());
+  EXPECT_EQ(packet.header, nullptr);
+  EXPECT_FALSE(packet.headerReady);
+  EXPECT_EQ(packet.GetPayload(), nullptr);
 }
 
 TEST(AllocationBesideTheHandlers, RefusedToTheTraceOfOpeningOrClosingCostsThatTraceOnly) {

@@ -702,6 +702,62 @@ TEST_F(CallCount, OfACreateInAnExistingDirectoryIsOneOpen) {
   EXPECT_EQ(another_open.Affected() + stat.Affected() + mkdir.Affected(), 0);
 }
 
+TEST_F(CallCount, OfAReleaseThatCannotBeCopiedIsZero) {
+  const FailingCalls open({.call = "open", .error = EIO});
+  const FailingCalls fsync({.call = "fsync", .error = EIO});
+  const auto packet = Request(ReleaseRequest{.path = kKnownFile}).Packet();
+  ++packet->header->packetLen;  // one byte past the buffer
+  EXPECT_EQ(udisk->file_release(0, packet.get()), -1);
+  EXPECT_EQ(open.Affected() + fsync.Affected(), 0);
+}
+
+// ---- Requests of many calls, given up ----
+
+class GivenUpRequest : public FaultTest {
+ protected:
+  /// Serves a request that is given up during the third call of this name.
+  void Serve(const std::string& call, const Request& request) {
+    Log().Clear();
+    const FailingCalls third(
+        {.call = call, .after = 2, .times = 1, .action = [&] { udisk->GiveUp(); }});
+    const FailingCalls fourth({.call = call, .error = EIO, .after = 3});
+    EXPECT_FALSE(AskRaw(request)) << "answered as if it were done";
+    EXPECT_EQ(third.Affected(), 1);
+    EXPECT_EQ(fourth.Affected(), 0) << "it went on";
+    EXPECT_EQ(Errors(), Texts{std::string("EventHandle: ") + CommandName(request.cmd) +
+                              " failed: given up, the disk is being closed"});
+  }
+};
+
+TEST_F(GivenUpRequest, OfSmallFilesEndsBetweenTwoReads) {
+  Serve("pread", SmallReadRequest{.records = std::vector<SmallRead>(9, {.path = kKnownFile})});
+}
+
+TEST_F(GivenUpRequest, OfABatchOfWritesEndsBetweenTwoPieces) {
+  Serve("pwrite", BatchWriteRequest{.path = kKnownFile,
+                                    .pieces = {{0, "a"}, {1, "b"}, {2, "c"}, {3, "d"}, {4, "e"}}});
+  EXPECT_EQ(disk.ReadBack(kKnownFile), "abcwn content");
+}
+
+TEST_F(GivenUpRequest, OfAListingOrItsCheckEndsBetweenTwoEntries) {
+  for (const char* name : {"/1", "/2", "/3", "/4", "/5"})
+    disk.MakeFile(kKnownDir + std::string(name), "");
+  Serve("lstat", DirReadRequest{.path = kKnownDir});
+  MakeOperator();
+  Mount();
+  Serve("lstat", CheckDirRequest{.path = kKnownDir});
+}
+
+TEST_F(GivenUpRequest, ForDirectoriesEndsBetweenTwoOfThem) {
+  Serve("mkdir", MakeDirRequest{.path = "/a/b/c/d/e"});
+  EXPECT_TRUE(disk.Exists("/a/b/c"));
+  EXPECT_FALSE(disk.Exists("/a/b/c/d"));
+  MakeOperator();
+  Mount();
+  Serve("mkdir", CreateRequest{.path = "/f/g/h/i/file"});
+  EXPECT_FALSE(disk.Exists("/f/g/h/i"));
+}
+
 // ---- Short transfers ----
 
 class ShortTransfer : public FaultTest {};

@@ -183,6 +183,25 @@ TEST_F(DiskThatHangs, MakesCloseWaitForTheCallInFlightAndNoLonger) {
       << "only the request in flight is served";
 }
 
+TEST_F(DiskThatHangs, MakesCloseGiveARequestOfManyCallsUpAfterASecond) {
+  driver = module.Open(&device, disk->path());
+  ASSERT_NE(driver, nullptr);
+  disk->Hang();
+  const std::vector<SmallRead> reads(100, {.path = kKnownFile});
+  EXPECT_EQ(driver->onEvent(Request(SmallReadRequest{.records = reads}).Packet(), 0), 0);
+  ASSERT_TRUE(disk->WaitForHangingCall());
+  std::future<int> closed = CloseMeanwhile();
+  EXPECT_EQ(closed.wait_for(3s), std::future_status::timeout) << "the call itself is waited for";
+  disk->Release();
+  ASSERT_EQ(closed.wait_for(kPatience), std::future_status::ready);
+  EXPECT_TRUE(device.Sent().empty());
+  EXPECT_EQ(Log().Messages(kError),
+            std::vector<std::string>{"small_file_read failed: given up, the disk is being closed"});
+  ExpectFaultRow("a disk that hangs in a request of many calls until after it is closed",
+                 {"no answer", "`… failed: given up, the disk is being closed`",
+                  "nothing: what was done before is done"});
+}
+
 TEST_F(DiskThatHangs, WhenItIsOpenedHoldsUpItsAnnouncementAndClose) {
   ExpectFaultRow("a disk that hangs when it is opened",
                  {"the announcement comes when it goes on", "nothing", "nothing"});

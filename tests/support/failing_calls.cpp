@@ -32,7 +32,9 @@ const CallFault* FailingCalls::Strike(const char* call) {
     const CallFault& fault = one->fault_;
     if (fault.call != call || one->seen_++ < fault.after || one->affected_ == fault.times) continue;
     ++one->affected_;
-    return &fault;
+    if (!fault.action) return &fault;
+    fault.action();
+    return nullptr;
   }
   return nullptr;
 }

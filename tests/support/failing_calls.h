@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -15,6 +16,7 @@ struct CallFault {
   std::optional<size_t> at_most = {};  ///< pread and pwrite: does not fail, moves so many bytes
   int after = 0;                       ///< so many calls go through before
   int times = INT_MAX;                 ///< so many calls are affected
+  std::function<void()> action = {};   ///< where there is one, it runs and the call goes through
 };
 
 /// While one exists, what its fault names happens to calls of the thread that made it. Several may

@@ -109,15 +109,28 @@ std::string FakeBase::GetDeviceParams() {
 
 void FakeBase::TraceEvent(const std::string& id, const std::string& event,
                           const std::map<std::string, std::string>& fields) {
-  const std::lock_guard lock(mutex_);
-  traces_.push_back({.id = id, .detail = std::nullopt, .event = event, .fields = fields});
+  Record({.id = id, .detail = std::nullopt, .event = event, .fields = fields});
 }
 
 void FakeBase::TraceEventDetail(const std::string& id, const std::string& detail,
                                 const std::string& event,
                                 const std::map<std::string, std::string>& fields) {
+  Record({.id = id, .detail = detail, .event = event, .fields = fields});
+}
+
+void FakeBase::Record(const Trace& trace) {
+  std::function<void(const Trace&)> on_trace;
+  {
+    const std::lock_guard lock(mutex_);
+    traces_.push_back(trace);
+    on_trace = on_trace_;
+  }
+  if (on_trace) on_trace(trace);
+}
+
+void FakeBase::OnTrace(std::function<void(const Trace&)> action) {
   const std::lock_guard lock(mutex_);
-  traces_.push_back({.id = id, .detail = detail, .event = event, .fields = fields});
+  on_trace_ = std::move(action);
 }
 
 std::shared_ptr<CpdPathFilter> FakeBase::GetPathFilter() {

@@ -94,6 +94,8 @@ class FakeBase : public CpdDeviceBase {
 
   void SetParams(std::string params);
   void SetFilter(std::shared_ptr<CpdPathFilter> filter);
+  /// Called within each trace, on the tracer's thread, without a lock held.
+  void OnTrace(std::function<void(const Trace&)> action);
   [[nodiscard]] std::vector<Trace> Traces() const;
   /// The traces of one event, its prefix included.
   [[nodiscard]] std::vector<Trace> Traces(const std::string& event) const;
@@ -103,6 +105,9 @@ class FakeBase : public CpdDeviceBase {
   std::string params_;
   std::shared_ptr<CpdPathFilter> filter_;
   std::vector<Trace> traces_;
+  std::function<void(const Trace&)> on_trace_;
+
+  void Record(const Trace& trace);
 };
 
 class FakeDevice : public CpdDevice {

@@ -32,10 +32,10 @@ class Shims {
 
   /// A program that does nothing but end with `status`.
   void Add(const std::string& program, int status = 0) { Put(program, "", status); }
-  /// A program that prints `output`.
-  void AddPrinting(const std::string& program, const std::string& output) {
+  /// A program that prints `output` and ends with `status`.
+  void AddPrinting(const std::string& program, const std::string& output, int status = 0) {
     Write(program + ".output", output);
-    Put(program, "/bin/cat '" + File(program + ".output") + "'", 0);
+    Put(program, "/bin/cat '" + File(program + ".output") + "'", status);
   }
   /// cat, which from then on finds only the files that SetFile makes.
   void AddCat() { Put("cat", "/bin/cat '" + File("root") + "'\"$1\" 2>/dev/null", 0); }

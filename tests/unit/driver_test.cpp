@@ -1,8 +1,12 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -35,12 +39,16 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kAWorkersSecond{900};
 
 /// The processor time that a thread has used so far.
-std::chrono::nanoseconds ProcessorTimeOf(std::thread* thread) {
+std::chrono::nanoseconds ProcessorTimeOf(pthread_t thread) {
   clockid_t clock = {};
   timespec used = {};
-  EXPECT_EQ(pthread_getcpuclockid(thread->native_handle(), &clock), 0);
+  EXPECT_EQ(pthread_getcpuclockid(thread, &clock), 0);
   EXPECT_EQ(clock_gettime(clock, &used), 0);
   return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
+
+std::shared_ptr<CpdPacket> BandwidthEvent(uint32_t kbps) {
+  return Request{.cmd = kBusReadBandwidth, .payload = BytesOf(kbps)}.Packet();
 }
 
 /// A gate that holds whoever passes it until it is opened.
@@ -68,6 +76,8 @@ class Gate {
   int waiting_ = 0;
   bool open_ = false;
 };
+
+const AttrRequest kGetKnown{.path = kKnownFile};
 
 class DriverTest : public ::testing::Test {
  protected:
@@ -99,6 +109,27 @@ class DriverTest : public ::testing::Test {
   std::shared_ptr<UDiskOperator> Operator() {
     return std::static_pointer_cast<UDiskOperator>(driver->GetDriverObj());
   }
+  /// The driver is as before Init: no operator, requests are dropped, and Close only logs.
+  void ExpectNothingRuns() {
+    EXPECT_EQ(driver->GetDriverObj(), nullptr);
+    Log().Clear();
+    device.TakeSent();
+    const size_t traces = device.base().Traces().size();
+    EXPECT_EQ(Deliver(kGetKnown), 0);
+    EXPECT_EQ(driver->Close(0), 0);
+    EXPECT_EQ(Log().Messages(), (Texts{R"(udisk client close\n)", R"(udisk client close out\n)"}));
+    EXPECT_TRUE(device.Sent().empty());
+    EXPECT_EQ(device.base().Traces().size(), traces);
+  }
+  /// Waits for a line of the driver's log.
+  static bool WaitForLine(const string& message) {
+    const auto end = Clock::now() + kPatience;
+    while (!Log().Has(kDebug, message)) {
+      if (Clock::now() > end) return false;
+      std::this_thread::yield();
+    }
+    return true;
+  }
   /// The ids of what was sent, in order.
   std::vector<uint32_t> SentIds() {
     std::vector<uint32_t> ids;
@@ -120,8 +151,6 @@ class DriverTest : public ::testing::Test {
   std::unique_ptr<UDiskDriver> driver;
 };
 
-const AttrRequest kGetKnown{.path = kKnownFile};
-
 // ---- Opening ----
 
 TEST_F(DriverTest, OpensAndAnnouncesTheDisk) {
@@ -140,6 +169,24 @@ TEST_F(DriverTest, OpenLogsItsSteps) {
                    R"(client udisk init service\n)", R"(client udisk init success\n)"}));
   EXPECT_EQ(Log().Lines().at(0).function, "udisk_open");
   EXPECT_TRUE(Log().Messages(kError).empty());
+}
+
+TEST_F(DriverTest, OpenStartsTheServiceThenTracesThenLogsItsSuccess) {
+  Texts at_trace;
+  device.base().OnTrace([&](const Trace&) { at_trace = Log().Messages(); });
+  Open();
+  device.base().OnTrace(nullptr);
+  const auto place = [](const Texts& lines, const string& line) {
+    return std::ranges::find(lines, line) - lines.begin();
+  };
+  const Texts lines = Log().Messages();
+  EXPECT_LT(place(lines, R"(client udisk init service\n)"),
+            place(lines, R"(Udisk service StartLoop\n)"));
+  EXPECT_LT(place(lines, R"(Udisk service StartLoop\n)"),
+            place(lines, R"(client udisk service Start ..........\n)"));
+  const auto traced = std::ssize(at_trace);
+  EXPECT_LT(place(lines, R"(Udisk service StartLoop\n)"), traced);
+  EXPECT_GE(place(lines, R"(client udisk init success\n)"), traced);
 }
 
 TEST_F(DriverTest, OpenIsTraced) {
@@ -169,9 +216,7 @@ TEST_F(DriverTest, InitWithoutAWorkerRaisesAndReleasesWhatItMade) {
   } catch (const std::system_error& error) {
     EXPECT_EQ(string(error.what()).rfind("thread constructor failed", 0), 0U) << error.what();
   }
-  EXPECT_EQ(driver->mQueue, nullptr);
-  EXPECT_EQ(driver->mWorker, nullptr);
-  EXPECT_EQ(driver->GetDriverObj(), nullptr);
+  ExpectNothingRuns();
 }
 
 TEST_F(DriverTest, InitWithoutAServiceFailsAtOnceAndLeavesNothing) {
@@ -180,12 +225,8 @@ TEST_F(DriverTest, InitWithoutAServiceFailsAtOnceAndLeavesNothing) {
   const auto begin = Clock::now();
   EXPECT_EQ(driver->Init(), -1);
   EXPECT_LT(Clock::now() - begin, kAWorkersSecond);
-  EXPECT_EQ(driver->mQueue, nullptr);
-  EXPECT_EQ(driver->mWorker, nullptr);
-  EXPECT_EQ(driver->mService, nullptr);
-  EXPECT_EQ(driver->GetDriverObj(), nullptr);
-  EXPECT_FALSE(driver->mStop);
   EXPECT_TRUE(device.base().Traces().empty());
+  ExpectNothingRuns();
 }
 
 TEST_F(DriverTest, OpenWithoutAServiceFails) {
@@ -303,31 +344,21 @@ TEST_F(DriverTest, APacketBeforeInitIsDropped) {
   EXPECT_TRUE(Log().Lines().empty());
 }
 
-TEST_F(DriverTest, AnEmptyQueueIsLookedAtAtLeastOnceASecond) {
+TEST_F(DriverTest, WaitsForRequestsWithoutUsingTheProcessor) {
   Open();
-  const auto begin = Clock::now();
-  {
-    const std::lock_guard lock(driver->mMutex);
-    g_queue_push_tail(driver->mQueue, Request(kGetKnown).Packet().release());  // waking nobody
-  }
-  EXPECT_TRUE(device.WaitForPackets(1));
-  EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5)) << "more than a busy machine adds";
+  std::atomic<pthread_t> worker = {};
+  device.OnSend([&](const SentPacket&) { worker = pthread_self(); });
+  Deliver(kGetKnown);
+  ASSERT_TRUE(device.WaitForPackets(1));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the request is over
+  const std::chrono::nanoseconds before = ProcessorTimeOf(worker);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // it looks once or twice
+  EXPECT_LT(ProcessorTimeOf(worker) - before, std::chrono::milliseconds(50));
   EXPECT_EQ(Deliver(kGetKnown), 0);
   EXPECT_TRUE(device.WaitForPackets(2)) << "and it went back to waiting";
 }
 
-TEST_F(DriverTest, WaitsForRequestsWithoutUsingTheProcessor) {
-  Open();
-  const std::chrono::nanoseconds before = ProcessorTimeOf(driver->mWorker.get());
-  std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // it looks once or twice
-  EXPECT_LT(ProcessorTimeOf(driver->mWorker.get()) - before, std::chrono::milliseconds(50));
-}
-
 // ---- Bus events, policy, the other operations ----
-
-std::shared_ptr<CpdPacket> BandwidthEvent(uint32_t kbps) {
-  return Request{.cmd = kBusReadBandwidth, .payload = BytesOf(kbps)}.Packet();
-}
 
 TEST_F(DriverTest, BusEventsAreServedAtOnceWhileARequestIsStuck) {
   Open();
@@ -350,22 +381,20 @@ TEST_F(DriverTest, BusEventsWithoutAnOperatorOrPacketAreIgnored) {
   EXPECT_EQ(driver->onBusEvent(BandwidthEvent(5000)), 0);
 }
 
-TEST_F(DriverTest, PolicyIsKeptUpTo127Characters) {
-  string text;
-  for (int i = 0; i < 200; ++i) text += static_cast<char>('a' + i % 26);
-  driver = std::make_unique<UDiskDriver>(&device, text.c_str());
-  EXPECT_EQ(driver->mPolicy, text.substr(0, 127));
-  EXPECT_EQ(driver->onPolicyChange("short"), 0);
-  EXPECT_STREQ(driver->mPolicy, "short");
-  EXPECT_EQ(driver->onPolicyChange(text), 0);
-  EXPECT_EQ(driver->mPolicy, text.substr(0, 127));
-  EXPECT_EQ(driver->onPolicyChange("100%s%n"), 0);
-  EXPECT_STREQ(driver->mPolicy, "100%s%n");
-}
-
-TEST_F(DriverTest, PolicyMayBeNull) {
-  driver = std::make_unique<UDiskDriver>(&device, nullptr);
-  EXPECT_STREQ(driver->mPolicy, "");
+TEST_F(DriverTest, APolicyMayBeNullLongOrHoldDirectivesOfPrintf) {
+  const string longer_than_is_kept(1 << 20, 'p');
+  for (const char* policy :
+       {static_cast<const char*>(nullptr), "", "100%s%n", longer_than_is_kept.c_str()}) {
+    driver = std::make_unique<UDiskDriver>(&device, policy);
+    EXPECT_EQ(driver->Init(), 0);
+    for (const string& next : {longer_than_is_kept, string("100%s%n"), string("short")}) {
+      EXPECT_EQ(driver->onPolicyChange(next), 0);
+    }
+    device.TakeSent();
+    EXPECT_EQ(Deliver(kGetKnown), 0);
+    EXPECT_TRUE(device.WaitForPackets(1));
+    EXPECT_EQ(driver->Close(0), 0);
+  }
 }
 
 TEST_F(DriverTest, ControlIsNotSupported) {
@@ -399,7 +428,7 @@ TEST_F(DriverTest, DriverObjectIsTheOperatorWhileItRuns) {
   EXPECT_EQ(object->GetDeviceId(), kDeviceId);
   driver->Close(0);
   EXPECT_EQ(driver->GetDriverObj(), nullptr);
-  EXPECT_EQ(object->GetDeviceId(), kDeviceId) << "lives as long as somebody holds it";
+  EXPECT_EQ(object->GetDeviceId(), 0) << "lives as long as somebody holds it";
 }
 
 // ---- Closing ----
@@ -423,10 +452,78 @@ TEST_F(DriverTest, CloseLogsAndTraces) {
 TEST_F(DriverTest, CloseLeavesNothingBehind) {
   Open();
   driver->Close(1);
-  EXPECT_EQ(driver->mQueue, nullptr);
-  EXPECT_EQ(driver->mWorker, nullptr);
-  EXPECT_EQ(driver->mService, nullptr);
-  EXPECT_EQ(driver->mOperator, nullptr);
+  ExpectNothingRuns();
+}
+
+TEST_F(DriverTest, TheDriverObjectOutlivesTheDevice) {
+  auto passing_device = std::make_unique<FakeDevice>();
+  passing_device->base().SetParams(DeviceParams(disk.root()));
+  std::unique_ptr<CpdDriver> passing(udisk_open(passing_device.get(), "policy"));
+  ASSERT_NE(passing, nullptr);
+  ASSERT_TRUE(passing_device->WaitForPackets(2));
+  const auto object = std::static_pointer_cast<UDiskOperator>(passing->GetDriverObj());
+  EXPECT_EQ(object->GetDeviceId(), kDeviceId);
+  passing->Close(0);
+  passing.reset();
+  passing_device.reset();
+  EXPECT_EQ(object->GetDeviceId(), 0);
+  EXPECT_EQ(object->GetLocalMountPoint(), disk.root());
+  EXPECT_EQ(object->GetRemoteMountPoint(), "");
+  EXPECT_EQ(object->BusEventHandle(BandwidthEvent(5000)), 0) << "and its trace is dropped";
+}
+
+TEST_F(DriverTest, RequestsAreServedWhileCloseWaitsForTheService) {
+  Gate gate;
+  device.OnSend([&](const SentPacket& sent) {
+    if (sent.cmd == kMountRemote) gate.Pass();
+  });
+  driver.reset(static_cast<UDiskDriver*>(udisk_open(&device, "policy")));
+  ASSERT_NE(driver, nullptr);
+  ASSERT_TRUE(gate.WaitForOne());
+  std::jthread closer([&] { driver->Close(0); });
+  EXPECT_TRUE(WaitForLine(R"(client udisk StopLoop\n)"));
+  Deliver(kGetKnown);
+  EXPECT_TRUE(device.WaitForPackets(3)) << "notice, announcement, reply";
+  gate.Open();
+}
+
+TEST_F(DriverTest, ASecondCloseWaitsForTheFirst) {
+  Open();
+  Gate gate;
+  device.base().OnTrace([&](const Trace&) { gate.Pass(); });
+  std::atomic<int> closed = 0;
+  const auto close = [&] {
+    EXPECT_EQ(driver->Close(0), 0);
+    ++closed;
+  };
+  std::jthread first(close);
+  ASSERT_TRUE(gate.WaitForOne());
+  std::jthread second(close);
+  while (Log().Count(kDebug, R"(udisk client close\n)") < 2) std::this_thread::yield();
+  EXPECT_EQ(closed, 0);
+  gate.Open();
+  first.join();
+  second.join();
+  EXPECT_EQ(closed, 2);
+  EXPECT_EQ(device.base().Traces("LOCAL_UDISK_DRIVER_CLOSE").size(), 1U);
+}
+
+TEST_F(DriverTest, APipeThatNobodyReadsIsAFailedWriteAndNoMoreOnEitherThread) {
+  int pipe_ends[2] = {};
+  ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
+  close(pipe_ends[0]);
+  std::atomic<int> broken = 0;
+  device.OnSend([&](const SentPacket&) {
+    if (write(pipe_ends[1], "x", 1) == -1 && errno == EPIPE) ++broken;
+  });
+  driver.reset(static_cast<UDiskDriver*>(udisk_open(&device, "policy")));
+  ASSERT_NE(driver, nullptr);
+  ASSERT_TRUE(device.WaitForPackets(2));
+  Deliver(kGetKnown);
+  ASSERT_TRUE(device.WaitForPackets(3));
+  driver->Close(0);
+  close(pipe_ends[1]);
+  EXPECT_EQ(broken, 3);
 }
 
 TEST_F(DriverTest, CloseOfADriverThatNeverStartedOnlyLogs) {
@@ -458,8 +555,9 @@ TEST_F(DriverTest, CloseWaitsForTheRequestInFlightAndDropsTheQueued) {
   ASSERT_TRUE(gate.WaitForOne());
   for (uint32_t id = 2; id <= 6; ++id) EXPECT_EQ(DeliverNumbered(kGetKnown, id), 0);
 
+  const std::shared_ptr<UDiskOperator> udisk = Operator();
   std::thread closer([&] { driver->Close(0); });
-  while (!driver->mStop) std::this_thread::yield();
+  while (!udisk->tokenBucket.stopping) std::this_thread::yield();
   EXPECT_EQ(DeliverNumbered(kGetKnown, 7), 0) << "dropped: close has begun";
   gate.Open();
   closer.join();
@@ -502,9 +600,25 @@ TEST_F(DriverTest, CloseRightAfterOpenIsClean) {
   }
 }
 
-// ---- All at once ----
+// ---- All at once; these take long ----
 
-TEST_F(DriverTest, ServesWhileEverythingElseIsCalledAtOnce) {
+using DriverRace = DriverTest;
+
+TEST_F(DriverRace, TwoThreadsCloseTheSameDriverAThousandTimes) {
+  for (int round = 0; round < 1000; ++round) {
+    Open();
+    {
+      std::jthread other([&] { driver->Close(0); });
+      driver->Close(0);
+    }
+    ASSERT_EQ(device.base().Traces("LOCAL_UDISK_DRIVER_CLOSE").size(),
+              static_cast<size_t>(round) + 1);
+    device.TakeSent();
+    Log().Clear();
+  }
+}
+
+TEST_F(DriverRace, ServesWhileEverythingElseIsCalledAtOnce) {
   TempDisk other;
   other.MakeFile(kKnownFile, "known content");
   other.MakeDir(kKnownDir);

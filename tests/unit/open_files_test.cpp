@@ -649,8 +649,13 @@ TEST_F(ClosingRequests, WhosePacketLengthPassesTheBufferAreNotAnswered) {
       const auto end = static_cast<uint32_t>(request.Bytes().size());
       packet->header->packetLen = beyond == 0xffffffff ? beyond : end + beyond;
       device.TakeSent();
+      Log().Clear();
+      ::testing::internal::CaptureStdout();
       EXPECT_EQ(Serve(packet.get()), -1);
+      EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
       EXPECT_TRUE(device.TakeSent().empty()) << request.cmd << " by " << beyond;
+      EXPECT_EQ(Log().Messages(), Texts{std::string(CommandName(request.cmd)) +
+                                        " dropped: the request reaches past its buffer"});
       EXPECT_TRUE(StillServes());
     }
   }
@@ -661,7 +666,11 @@ TEST_F(ClosingRequests, WhosePacketLengthIsLessThanAHeaderAreNotAnswered) {
     const auto packet = request.Packet();
     packet->header->packetLen = 15;
     device.TakeSent();
+    Log().Clear();
+    ::testing::internal::CaptureStdout();
     EXPECT_EQ(Serve(packet.get()), -1);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(Log().Messages(kError).size(), 1U);
     EXPECT_TRUE(device.TakeSent().empty());
   }
 }

@@ -409,6 +409,16 @@ TEST_F(BusEventTest, IsTracedAtMostOnceInFiveSeconds) {
   EXPECT_EQ(Traced(), (Messages{"Udisk read bwinfo:5000", "Udisk read bwinfo:8000"}));
 }
 
+TEST_F(BusEventTest, ThatComesFromWithinItsTraceIsNotTraced) {
+  uint32_t next = 5000;
+  device.base().OnTrace([&](const Trace&) {
+    if (next < 5100) Announce(++next);
+  });
+  Announce(5000);
+  EXPECT_EQ(device.base().Traces().size(), 1U);
+  EXPECT_EQ(udisk->readBwKbps, 5000U) << "the outer one is stored last";
+}
+
 TEST_F(BusEventTest, OfTheSameValueIsNotTraced) {
   Announce(5000);
   clock.Advance(10'000);

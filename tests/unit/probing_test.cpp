@@ -529,6 +529,24 @@ TEST_F(GetDeviceLabelTest, WithoutABlkidProgramNothingIsFound) {
   EXPECT_EQ(list.infos, nullptr);
 }
 
+TEST_F(GetDeviceLabelTest, WhatAFailingBlkidPrintedCounts) {
+  shims.AddPrinting("blkid",
+                    R"(/dev/sdb1: LABEL="STICK" TYPE="vfat")"
+                    "\n",
+                    2);
+  UdiskDevice device = {};
+  EXPECT_EQ(UDiskService::GetDeviceLabel("sdb1", &device), 0);
+  ASSERT_EQ(device.count, 1);
+  EXPECT_STREQ(device.infos[0].label, "STICK");
+  std::free(device.infos);
+}
+
+TEST_F(CheckRemovableTest, WhatAFailingCommandPrintedCounts) {
+  shims.AddPrinting("cat", "1\n", 1);
+  EXPECT_EQ(UDiskService::CheckRemovable("sdb"), 1);
+  EXPECT_EQ(UDiskService::GetDeviceClass("1-2"), 1);
+}
+
 TEST_F(GetDeviceLabelTest, FailsWhenBlkidCannotBeStarted) {
   shims.AddPrinting("blkid", "/dev/sdb1: LABEL=\"DATA\" TYPE=\"ntfs\"\n");
   UdiskDevice list{};

@@ -4,8 +4,10 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/failing_threads.h"
@@ -368,6 +370,24 @@ TEST_F(ServiceTest, StopWaitsForTheThread) {
   ASSERT_TRUE(device.WaitForPackets(1));
   service->StopLoop();
   EXPECT_TRUE(announced);
+}
+
+TEST_F(ServiceTest, StopIsRequestedBeforeTheThreadIsWaitedFor) {
+  device.base().SetParams(Good());
+  std::atomic<bool> requested = false;
+  device.OnSend([&](const SentPacket& sent) {
+    if (sent.cmd != kMountRemote) return;
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    while (service->mStatus != UDiskService::kStopRequested &&
+           std::chrono::steady_clock::now() < end) {
+      std::this_thread::yield();
+    }
+    requested = service->mStatus == UDiskService::kStopRequested;
+  });
+  service->StartLoop();
+  ASSERT_TRUE(device.WaitForPackets(2));
+  service->StopLoop();
+  EXPECT_TRUE(requested) << "while the thread was held";
 }
 
 TEST_F(ServiceTest, StopWithoutAThreadSetsTheStatusOnly) {

@@ -123,6 +123,25 @@ TEST_F(TraceTest, GoesToTheDeviceGivenNotToTheOperators) {
   EXPECT_EQ(other.base().Traces().size(), 1U);
 }
 
+TEST_F(TraceTest, OfAReadOrWriteComesBeforeItsReply) {
+  device.base().SetFilter(std::make_shared<FakeFilter>([](const std::string&) { return true; }));
+  size_t traces_at_reply = 0;
+  device.OnSend([&](const SentPacket&) { traces_at_reply = Traces().size(); });
+  Deliver(ReadRequest{.path = kKnownFile});
+  EXPECT_EQ(traces_at_reply, 1U);
+  Deliver(WriteRequest{.path = kKnownFile, .data = "data"});
+  EXPECT_EQ(traces_at_reply, 2U);
+  EXPECT_EQ(Traces().size(), 2U);
+}
+
+TEST_F(TraceTest, OfTheOpenedDeviceComesWhenItsDriveIsKnown) {
+  std::string drive;
+  device.base().OnTrace([&](const Trace&) { drive = udisk->GetDrvName(); });
+  Deliver(MountResponse{.drive = "U:"});
+  EXPECT_EQ(OnlyTrace().event, "LOCAL_DEVICE_OPEN");
+  EXPECT_EQ(drive, "U:");
+}
+
 TEST(TraceKeys, AreTheHostsTable) {
   using namespace trace_keys;
   const std::vector<std::string> keys = {kCpdModule,

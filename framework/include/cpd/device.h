@@ -50,7 +50,8 @@ class CpdDeviceBase {
 };
 
 /// One redirected disk. The host keeps it alive until the driver is closed and destroyed.
-/// All operations are callable from any thread.
+/// All operations are callable from any thread. What one of them throws costs the request, event or
+/// trace that it was called for.
 class CpdDevice {
  public:
   /// Empty once the device is gone.
@@ -63,7 +64,9 @@ class CpdDevice {
   /// is destroyed by the caller.
   /// Called on the driver's worker (the first two packets: on its service thread). While it runs no
   /// later request is served, so it must not wait; and it must not call Close or delete the driver,
-  /// which join these threads.
+  /// which join these threads. The same holds for the trace operations of CpdDeviceBase.
+  /// What comes back from the remote side must be handed to onEvent in a buffer of exactly the
+  /// message's length; see there.
   /// @param flags  drivers pass -1
   /// @return the host's own result, 0 for success
   virtual int SendPacket(std::unique_ptr<CpdPacket> packet, int flags) = 0;

@@ -13,14 +13,20 @@ class CpdDevice;
 class CpdPacket;
 class DriverObj;
 
-/// A driver for one device. The host calls Close before it deletes a running driver.
+/// A driver for one device. The host calls Close before it deletes a running driver: deleting one
+/// that was not closed ends the process, since its worker thread still runs.
 /// onEvent, onBusEvent and onPolicyChange are callable from any thread, also while Close runs.
+/// No exception leaves a driver's operations, whatever the host's own operations throw.
 class CpdDriver {
  public:
   virtual ~CpdDriver() = default;
 
   /// Takes a request packet from the remote side. Never waits for the request to be served.
-  /// @return 0, or -1 when the packet is null or addressed to another device
+  /// The packet's buffer must be exactly as long as the message, as CpdPacket::Parse makes it. The
+  /// driver checks lengths against the buffer: in a longer one, a hostile message reads what lies
+  /// behind it in the host's memory and has it sent back.
+  /// @return 0, or -1 when the packet is null or addressed to another device, or cannot be queued
+  ///         for lack of memory; the packet is destroyed then
   virtual int onEvent(std::unique_ptr<CpdPacket> packet, int flags) = 0;
 
   /// @return 0
@@ -35,12 +41,16 @@ class CpdDriver {
   /// Device control. @param status  receives the status word @return 0, or -1 when not supported
   virtual int Control(void* request, uint16_t* status) = 0;
 
-  /// Stops the driver and waits for the request in flight; later packets are dropped. @return 0
+  /// Stops the driver and waits for the request in flight; later packets are dropped. After a
+  /// second, a request of many calls is given up between two of them, without an answer. A second
+  /// Close, of any thread, waits for the first. The driver does not use its device any more when
+  /// this returns, nor does the object that GetDriverObj gave. @return 0
   virtual int Close(signed char reason) = 0;
 
   virtual std::string GetDriverKind() = 0;
 
-  /// The object behind the driver; empty once the driver is closed.
+  /// The object behind the driver; empty once the driver is closed. It may be kept and used after
+  /// that, also when driver and device are gone.
   virtual std::shared_ptr<DriverObj> GetDriverObj() = 0;
 };
 

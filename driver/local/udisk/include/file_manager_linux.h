@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <atomic>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
@@ -34,6 +36,13 @@ struct DiskRoot {
 struct ReadRoom {
   void* data;
   int count;  ///< how much to read
+};
+
+/// What ends an operation of many calls between two of them, once it has been given up.
+struct GivenUp : std::exception {
+  [[nodiscard]] const char* what() const noexcept override {
+    return "given up, the disk is being closed";
+  }
 };
 
 /// POSIX operations on full local paths. Each opens and closes its own descriptor, so nothing
@@ -115,11 +124,20 @@ class FileManagerLinux {
   /// Closes what is kept open on the disk between requests, so that it can be unmounted.
   void LetGo();
 
+  /// From now on listings, the making of missing directories, and whatever asks StopIfGivenUp, end
+  /// before their next call.
+  void GiveUp() { mGivenUp = true; }
+  /// @throws GivenUp  after GiveUp
+  void StopIfGivenUp() const {
+    if (mGivenUp) throw GivenUp();
+  }
+
  private:
   /// The mode of something new. Confined, nothing is made that runs with the rights of its owner.
   [[nodiscard]] mode_t ModeOf(int mode) const;
 
   const std::unique_ptr<LocalPaths> mPaths;
+  std::atomic<bool> mGivenUp = false;
 };
 
 }  // namespace cpd

@@ -171,6 +171,12 @@ class UDiskOperator : public UdiskOperatorInf {
   int EventHandle(std::unique_ptr<CpdPacket> packet);
   /// No request has come for a second: lets the disk be unmounted. Worker thread only.
   void Idle();
+  /// Ends the request that is being served, if it takes many calls, between two of them and without
+  /// an answer, and every later one. Any thread.
+  void GiveUp();
+  /// From now on the device is not used, as if there were none. When this returns, GetDeviceId does
+  /// not use it on any thread either. The worker must have ended.
+  void LetGoOfDevice();
   /// Takes an announced bandwidth. Any thread. @return 0
   int BusEventHandle(const std::shared_ptr<CpdPacket>& packet);
   /// Sets the mount point to `letter` followed by `label` and adds a volume; with a null argument,
@@ -223,7 +229,7 @@ class UDiskOperator : public UdiskOperatorInf {
 
   // ---- State ----
 
-  CpdDevice* mDevice;
+  std::atomic<CpdDevice*> mDevice;  ///< null once the driver is closed
   std::unique_ptr<FileManagerLinux> mFileManager;
   char mMountPoint[256] = "/media/";                  // guarded by mLock
   std::string mMountDrive;                            // guarded by mLock
@@ -261,6 +267,7 @@ class UDiskOperator : public UdiskOperatorInf {
   /// where disks are mounted until then. Guarded by mLock.
   DiskRoot mDiskRoot;
   std::mutex mLock;
+  std::mutex mDeviceLock;  // held while GetDeviceId uses the device
 };
 
 }  // namespace cpd

@@ -18,7 +18,8 @@ class UDiskOperator;
 class UDiskService;
 
 /// Queues request packets and feeds them to the operator, one at a time in arrival order, on its
-/// own worker thread. The host calls Close before it deletes a running driver.
+/// own worker thread. The host calls Close before it deletes a running driver. No exception leaves
+/// the operations of CpdDriver, whatever the host's own operations throw.
 class UDiskDriver : public CpdRawDriver {
  public:
   /// @param device  not owned; outlives the driver
@@ -48,7 +49,9 @@ class UDiskDriver : public CpdRawDriver {
   int policy_setting(const char* policy);  ///< nothing: 0
 
  private:
-  void JoinWorker();    // wakes the worker, which has been told to stop
+  // Wakes the worker, which has been told to stop, and waits for its end. A request of many calls
+  // is given up after a second.
+  void JoinWorker();
   void ReleaseQueue();  // frees the queue, which is empty
   std::shared_ptr<UDiskOperator> CopyOperator();
 
@@ -63,6 +66,9 @@ class UDiskDriver : public CpdRawDriver {
   std::unique_ptr<std::thread> mWorker;
   std::unique_ptr<UDiskService> mService;
   bool mAbandoned = false;  // guarded by mMutex; Init tells the worker to end, the stop flag unset
+  bool mWorkerEnded = false;     // guarded by mMutex
+  std::condition_variable mEnd;  // of the worker
+  std::mutex mClosing;           // held by Close, so that a second one waits for the first
 };
 
 /// The module's open function. @return null on failure; the caller owns the driver

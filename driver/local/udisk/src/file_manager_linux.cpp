@@ -277,6 +277,7 @@ int FileManagerLinux::UdiskMakeDir(const char* path, int mode, short make_last) 
   for (size_t i = std::max<size_t>(mPaths->TrustedLength(text), 1);
        text[0] != '\0' && text[i] != '\0'; ++i) {
     if (text[i] != '/' && text[i] != '\\') continue;
+    StopIfGivenUp();
     text[i] = '\0';
     if (!confined || text[i - 1] != '/') {
       UDISK_DEBUG("pszDir:%s\n", text);
@@ -299,6 +300,7 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
   uint32_t count = 0;
   uint32_t buf_len = 1;  // the spare byte
   while (const dirent* entry = NextEntry(dir.get())) {
+    StopIfGivenUp();
     ++count;
     buf_len += static_cast<uint32_t>(sizeof(udisk_dir_entry) + std::strlen(entry->d_name) + 1);
     if (buf_len > INT32_MAX) {  // a broken disk's directory may have no end
@@ -319,6 +321,7 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
   uint8_t* at = buf.get();
   const uint8_t* const end = at + buf_len - 1;
   for (uint32_t i = 0; i < count; ++i) {
+    StopIfGivenUp();
     const dirent* entry = NextEntry(dir.get());
     if (entry == nullptr) break;
     const size_t name_len = std::strlen(entry->d_name) + 1;

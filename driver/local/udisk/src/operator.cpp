@@ -27,6 +27,7 @@
 #include <utility>
 #include <vector>
 
+#include "caught.h"
 #include "cpd/device.h"
 #include "cpd/packet.h"
 #include "cpd/trace_keys.h"
@@ -91,13 +92,15 @@ int UDiskOperator::EventHandle(std::unique_ptr<CpdPacket> packet) {
   if (row->handler == nullptr) return 0;
   try {
     (this->*row->handler)(row->header_length, packet.get());
-  } catch (const std::exception& error) {  // out of memory: the request fails, the worker goes on
-    UDISK_ERROR("%s failed: %s", CommandName(row->code), error.what());
+  } catch (...) {  // out of memory, or the host's: the request fails, the worker goes on
+    UDISK_ERROR("%s failed: %s", CommandName(row->code), CaughtText());
   }
   return 0;
 }
 
 void UDiskOperator::Idle() { mFileManager->LetGo(); }
+
+void UDiskOperator::GiveUp() { mFileManager->GiveUp(); }
 
 int UDiskOperator::BusEventHandle(const std::shared_ptr<CpdPacket>& packet) {
   if (packet == nullptr || packet->buffer == nullptr || packet->header == nullptr) return 0;
@@ -109,13 +112,13 @@ int UDiskOperator::BusEventHandle(const std::shared_ptr<CpdPacket>& packet) {
   bwEventMs = now;
   // The announced value, not the raised one, is compared: a rate below 1000 counts as a change.
   if (now - lastBwTraceMs >= 5001 && announced != readBwKbps) {
+    lastBwTraceMs = now;  // first: the host may announce again from within the trace
     char message[sizeof "Udisk read bwinfo:4294967295"];
     (void)std::snprintf(message, sizeof message, "Udisk read bwinfo:%u", announced);
     TryTrace("UDISK_READ_BW_INFO", message);
     UDISK_DEBUG("busEventHandle cmd: %d, paylaodSize: %d,requestId:%u bw:%d\n", cmd,
                 static_cast<int>(packet->PayloadSize()), uint32_t{packet->header->requestId},
                 static_cast<int>(announced));
-    lastBwTraceMs = now;
   }
   readBwKbps = announced == 0 ? 0 : std::max<uint32_t>(announced, 1000);
   return 0;
@@ -154,7 +157,21 @@ std::string UDiskOperator::GetDrvName() {
   return mMountDrive;
 }
 
-int UDiskOperator::GetDeviceId() { return mDevice != nullptr ? mDevice->GetDevId() : 0; }
+int UDiskOperator::GetDeviceId() {
+  const std::lock_guard lock(mDeviceLock);
+  CpdDevice* const device = mDevice;
+  try {
+    return device != nullptr ? device->GetDevId() : 0;
+  } catch (...) {
+    UDISK_ERROR("GetDeviceId failed: %s", CaughtText());
+    return 0;
+  }
+}
+
+void UDiskOperator::LetGoOfDevice() {
+  const std::lock_guard lock(mDeviceLock);
+  mDevice = nullptr;
+}
 
 std::string UDiskOperator::GetRemoteMountPoint() {
   std::string drive = GetDrvName();
@@ -225,8 +242,9 @@ DiskRoot UDiskOperator::CopyDiskRoot() {
 }
 
 int64_t UDiskOperator::Send(std::unique_ptr<CpdPacket> reply) {
-  if (reply->header == nullptr || mDevice == nullptr) return -1;
-  return mDevice->SendPacket(std::move(reply), -1);
+  CpdDevice* const device = mDevice;
+  if (reply->header == nullptr || device == nullptr) return -1;
+  return device->SendPacket(std::move(reply), -1);
 }
 
 namespace {
@@ -287,8 +305,7 @@ void UDiskOperator::throttleRead(uint32_t bytes, BulkRead kind) {
     drop_stale();
     force(static_cast<int64_t>(getCurrentTime()));
   }
-  const uint32_t kbps =
-      readBwKbps;  // once: a 0 that is announced from now on holds for later reads
+  const uint32_t kbps = readBwKbps;  // once: what is announced from now on holds for later reads
   if (kbps == 0) return;
   if (legacyThrottle) {
     throttleLegacy(bytes, kbps, kind);
@@ -361,8 +378,8 @@ void UDiskOperator::TraceCpdDevice(std::string event, CpdDevice* device, bool su
 void UDiskOperator::TryTrace(const char* event, const char* message) {
   try {
     TraceCpdDevice(event, mDevice, true, message, "", "");
-  } catch (const std::exception& error) {
-    UDISK_ERROR("%s is not traced: %s", event, error.what());
+  } catch (...) {
+    UDISK_ERROR("%s is not traced: %s", event, CaughtText());
   }
 }
 
@@ -372,12 +389,13 @@ void UDiskOperator::TraceError(const std::string& message) {
 
 bool UDiskOperator::TraceFile(const char* event, bool success, const char* text,
                               const char* relative_path, const char* function, int line) {
-  const std::shared_ptr<CpdDeviceBase> base = mDevice != nullptr ? mDevice->getDevBase() : nullptr;
+  CpdDevice* const device = mDevice;
+  const std::shared_ptr<CpdDeviceBase> base = device != nullptr ? device->getDevBase() : nullptr;
   const std::shared_ptr<CpdPathFilter> filter = base != nullptr ? base->GetPathFilter() : nullptr;
   if (filter == nullptr) return false;
   const std::string path = relative_path;
   if (filter->MatchPath(path) == nullptr) return false;
-  TraceCpdDevice(event, mDevice, success, Located(text, function, line), path, "");
+  TraceCpdDevice(event, device, success, Located(text, function, line), path, "");
   return true;
 }
 
@@ -653,10 +671,20 @@ int64_t UDiskOperator::file_chown(unsigned char header_length, CpdPacket* reques
   return Send(reply.Take());
 }
 
+namespace {
+
+/// Whether a request that is its own answer can be copied for that.
+bool CanBeCopied(const CpdPacket& request) {
+  const uint32_t length = request.header->packetLen;
+  return length >= CPD_PACKET_HEADER_SIZE && length <= request.buffer->capacity;
+}
+
+}  // namespace
+
 // 119: head, path -> the request itself. Flushes nothing: 110 and 120 do.
 int64_t UDiskOperator::file_flush(unsigned char /*header_length*/, CpdPacket* request) {
   const PathRequest<CloseHead> in(request, CopyMountPoint());
-  if (!in.ok()) return Dropped();
+  if (!in.ok() || !CanBeCopied(*request)) return Dropped();
   UDISK_DEBUG("file_flush fd: %d, path: %s\n", static_cast<int>(in.head.fd), in.relative_path());
   return SendCopy(request);
 }
@@ -665,7 +693,7 @@ int64_t UDiskOperator::file_flush(unsigned char /*header_length*/, CpdPacket* re
 int64_t UDiskOperator::file_release(unsigned char /*header_length*/, CpdPacket* request) {
   const std::string mount_point = CopyMountPoint();
   const PathRequest<CloseHead> in(request, mount_point);
-  if (!in.ok()) return Dropped();
+  if (!in.ok() || !CanBeCopied(*request)) return Dropped();
   UDISK_DEBUG("file_release fd: %d, path: %s, mMountPoint: %s\n", static_cast<int>(in.head.fd),
               in.relative_path(), mount_point.c_str());
   mFileManager->UdiskRelease(in.full_path.c_str());
@@ -707,7 +735,7 @@ int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request
   if (result == -1) {  // for a file layer that reports failure so; this one answers 0
     UDISK_ERROR("file_read failed res: %d, \n", result);
     if (TraceFile("UDISK_READ_FILE_FAIL", false, "udisk readFile fail", path)) {
-      mDevice->ReportReadFail(path);
+      mDevice.load()->ReportReadFail(path);
     }
     result = 0;
   } else {
@@ -769,6 +797,7 @@ int UDiskOperator::WriteBatch(const char* path, std::string_view batch, uint32_t
   while (remaining > kHead) {
     const char* const at = batch.data() + position;
     std::memcpy(&piece, at, sizeof piece);
+    mFileManager->StopIfGivenUp();
     const int length = piece.length;
     if (remaining < int64_t{length} + kHead) {
       UDISK_ERROR_OF(file_write, "buffer length error, size: %d, buffer_size:%d", length,
@@ -803,6 +832,7 @@ int ReadSmallFileRecords(PayloadReader* in, uint32_t remaining, uint32_t count,
                          const std::string& mount_point, const FileManagerLinux& files,
                          std::list<SmallFileRecord>* records) {
   for (uint32_t i = 0; i < count; ++i) {
+    files.StopIfGivenUp();
     ReadHead head{};
     std::string_view path;
     if (remaining < sizeof head) {
@@ -861,6 +891,7 @@ int64_t UDiskOperator::small_file_read(unsigned char /*header_length*/, CpdPacke
   Reply reply(request, CPD_PACKET_HEADER_SIZE, room);
   reply.AppendUint32(head.count);
   for (const SmallFileRecord& record : records) {
+    mFileManager->StopIfGivenUp();
     ReadHead out{};
     out.offset = record.offset;
     out.path_length = record.path_length;

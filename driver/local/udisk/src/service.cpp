@@ -8,16 +8,17 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "caught.h"
 #include "cpd/packet.h"
 #include "operator.h"
 #include "shell.h"
+#include "thread_signals.h"
 #include "udisk_log.h"
 #include "wire.h"
 
@@ -77,6 +78,7 @@ bool HasText(const Json::Value& object, const char* key) {
 
 void* UDiskService::ServiceThread(void* service) {
   auto* const self = static_cast<UDiskService*>(service);
+  BlockSignalsOfWrites();
   UDISK_DEBUG("client udisk service Start ..........\n");
   if (self->mStatus == kStopRequested) {
     UDISK_ERROR("new service thread error, status: %d\n", int{kStopRequested});
@@ -85,8 +87,8 @@ void* UDiskService::ServiceThread(void* service) {
   UDISK_DEBUG("client udisk service x86 \n");
   try {
     self->Announce();
-  } catch (const std::exception& error) {
-    UDISK_ERROR("client udisk service failed: %s", error.what());
+  } catch (...) {
+    UDISK_ERROR("client udisk service failed: %s", CaughtText());
   }
   return nullptr;
 }

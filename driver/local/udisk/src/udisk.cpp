@@ -1,19 +1,37 @@
 #include "udisk.h"
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
-#include <cstring>
-#include <exception>
+#include <cstdlib>
 #include <system_error>
 
+#include "caught.h"
 #include "cpd/device.h"
 #include "cpd/packet.h"
 #include "operator.h"
 #include "service.h"
+#include "thread_signals.h"
 #include "udisk_log.h"
 
 namespace cpd {
+
+namespace {
+
+/// How long Close leaves a request of many calls alone.
+constexpr std::chrono::seconds kGraceOfRequests{1};
+
+struct FreeDeleter {
+  void operator()(void* block) const { std::free(block); }
+};
+/// A link of the queue. From malloc, since GLib ends the process where it has no memory for one.
+using QueueLink = std::unique_ptr<GList, FreeDeleter>;
+
+std::unique_ptr<CpdPacket> PopHead(GQueue* queue) {
+  const QueueLink link(g_queue_pop_head_link(queue));
+  return std::unique_ptr<CpdPacket>(static_cast<CpdPacket*>(link->data));
+}
+
+}  // namespace
 
 // ---- Life ----
 
@@ -22,7 +40,7 @@ CpdDriver* udisk_open(CpdDevice* device, const std::string& policy) {
   try {
     auto driver = std::make_unique<UDiskDriver>(device, policy.c_str());
     if (driver->Init() != -1) return driver.release();
-  } catch (const std::exception&) {  // no thread or no memory: none of it passes to the host
+  } catch (...) {  // no thread or no memory: none of it passes to the host
   }
   UDISK_ERROR("udisk_open Init failed");
   return nullptr;
@@ -39,6 +57,7 @@ int UDiskDriver::Init() {
   mOperator = std::make_shared<UDiskOperator>(mDevice);
   mStop = false;
   mAbandoned = false;
+  mWorkerEnded = false;
   mQueue = g_queue_new();
   if (mQueue == nullptr) {
     mOperator.reset();
@@ -79,6 +98,7 @@ int UDiskDriver::Init() {
 
 int UDiskDriver::Close(signed char /*reason*/) {
   UDISK_DEBUG("udisk client close\n");
+  const std::lock_guard closing(mClosing);
   if (mService != nullptr) {
     mService->StopLoop();
     mService.reset();
@@ -92,6 +112,7 @@ int UDiskDriver::Close(signed char /*reason*/) {
   if (auto udisk_operator = CopyOperator(); udisk_operator != nullptr) {
     udisk_operator->Idle();  // the worker, which would do that, is gone
     udisk_operator->TryTrace("UDISK_DRIVER_CLOSE", "udisk driver close success");
+    udisk_operator->LetGoOfDevice();  // the host may hold the operator longer than the device
     const std::lock_guard lock(mMutex);
     mOperator.reset();  // this copy, or a bus event in flight, is the last holder
   }
@@ -101,8 +122,11 @@ int UDiskDriver::Close(signed char /*reason*/) {
 
 void UDiskDriver::JoinWorker() {
   {
-    const std::lock_guard lock(mMutex);  // else the worker could miss it between look and wait
+    std::unique_lock lock(mMutex);  // else the worker could miss it between look and wait
     mWake.notify_one();
+    if (!mEnd.wait_for(lock, kGraceOfRequests, [this] { return mWorkerEnded; })) {
+      mOperator->GiveUp();
+    }
   }
   mWorker->join();
   mWorker.reset();
@@ -121,24 +145,8 @@ std::shared_ptr<UDiskOperator> UDiskDriver::CopyOperator() {
 
 // ---- Worker ----
 
-namespace {
-
-/// Makes a write past the process's limit of a file's size an error, not the process's end.
-void SurviveFileSizeLimit() {
-  sigset_t too_large;
-  sigemptyset(&too_large);
-  sigaddset(&too_large, SIGXFSZ);
-  pthread_sigmask(SIG_BLOCK, &too_large, nullptr);
-}
-
-std::unique_ptr<CpdPacket> PopHead(GQueue* queue) {
-  return std::unique_ptr<CpdPacket>(static_cast<CpdPacket*>(g_queue_pop_head(queue)));
-}
-
-}  // namespace
-
 void UDiskDriver::DataEventHandle() {
-  SurviveFileSizeLimit();
+  BlockSignalsOfWrites();
   std::unique_lock lock(mMutex);
   for (;;) {
     if (g_queue_is_empty(mQueue) && !mStop && !mAbandoned) {
@@ -146,6 +154,8 @@ void UDiskDriver::DataEventHandle() {
     }
     if (mStop || mAbandoned) {
       while (!g_queue_is_empty(mQueue)) PopHead(mQueue);
+      mWorkerEnded = true;
+      mEnd.notify_one();
       return;
     }
     if (g_queue_is_empty(mQueue)) {
@@ -165,15 +175,27 @@ void UDiskDriver::DataEventHandle() {
 
 int UDiskDriver::onEvent(std::unique_ptr<CpdPacket> packet, int /*flags*/) {
   if (packet == nullptr) return -1;
-  const int own_id = mDevice->GetDevId();
+  int own_id = 0;
+  try {
+    own_id = mDevice->GetDevId();
+  } catch (...) {
+    UDISK_ERROR("onEvent failed: %s", CaughtText());
+    return -1;
+  }
   const int packet_id = packet->header != nullptr ? packet->header->devId : 0;
   if (own_id != packet_id) {
     UDISK_ERROR("this packet is other device myDevId: %d, DevId: %d\n", own_id, packet_id);
     return -1;
   }
+  QueueLink link(static_cast<GList*>(std::malloc(sizeof(GList))));
+  if (link == nullptr) {
+    UDISK_ERROR("onEvent failed: no memory to queue the request");
+    return -1;
+  }
   const std::lock_guard lock(mMutex);
   if (mQueue == nullptr || mStop) return 0;  // closing or not open: dropped
-  g_queue_push_tail(mQueue, packet.release());
+  *link = {.data = packet.release(), .next = nullptr, .prev = nullptr};
+  g_queue_push_tail_link(mQueue, link.release());
   mWake.notify_one();
   return 0;
 }
