@@ -1025,15 +1025,15 @@ int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cac
   for (size_t i = 0; i < count; ++i) {
     const ListedEntry entry = NextEntry(&at);
     const int matches_before = matches;
-    for (const ListedEntry& candidate :
-         std::ranges::equal_range(entries, entry.name, {}, &ListedEntry::name)) {
+    for (auto candidate = std::ranges::lower_bound(entries, entry.name, {}, &ListedEntry::name);
+         candidate != entries.end() && candidate->name == entry.name; ++candidate) {
       // Size and seconds only: a change of mode, owner or nanoseconds is deliberately not one.
-      if (candidate.size != entry.size || candidate.seconds != entry.seconds) {
-        UDISK_DEBUG("not found dirFileName:%s,cacheFileName:%s", candidate.name.data(),
+      if (candidate->size != entry.size || candidate->seconds != entry.seconds) {
+        UDISK_DEBUG("not found dirFileName:%s,cacheFileName:%s", candidate->name.data(),
                     entry.name.data());
         return 0;
       }
-      UDISK_DEBUG("found dirFileName:%s,cacheFileName:%s", candidate.name.data(),
+      UDISK_DEBUG("found dirFileName:%s,cacheFileName:%s", candidate->name.data(),
                   entry.name.data());
       if (++matches > most_matches) break;
     }
