@@ -5,21 +5,26 @@
 #   ./test.sh             optimised, then under AddressSanitizer and UBSan, then ThreadSanitizer
 #   ./test.sh --quick     optimised only
 #   ./test.sh -R REGEX    only tests whose name matches
+#   ./test.sh --lint      only the linter, over all that is shipped
 #   ./test.sh --fuzz S    only the fuzzers, each for so many seconds
-#   ./test.sh --ci        all of it: every test, then the fuzzers for a minute each
+#   ./test.sh --ci        all of it, from a build without warnings: every test, the linter, then the
+#                         fuzzers for a minute each
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/scripts/usage.sh"
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
 presets=(release asan tsan)
 filter=()
+lints=false
+strict=OFF # whether a warning ends the build
 fuzz_seconds=0
 while [[ $# -gt 0 ]]; do
   case $1 in
     --quick) presets=(release); shift ;;
     -R) filter=(-R "${2:?-R needs a regular expression}"); shift 2 ;;
+    --lint) presets=(); lints=true; shift ;;
     --fuzz) presets=(); fuzz_seconds=${2:?--fuzz needs a number of seconds}; shift 2 ;;
-    --ci) fuzz_seconds=60; shift ;;
+    --ci) lints=true strict=ON fuzz_seconds=60; shift ;;
     -h | --help) usage; exit ;;
     *) usage >&2; exit 2 ;;
   esac
@@ -46,6 +51,13 @@ check() {
 sources_are_formatted() {
   find . -path ./build -prune -o \( -name '*.h' -o -name '*.cpp' \) -print0 |
     xargs -0 clang-format --dry-run --Werror
+}
+
+# Five minutes on two cores. Tests, benches and fuzzers would take three times as long again.
+linter_is_content() {
+  cmake --preset release -DBUILD_TESTING=ON >/dev/null &&
+    find driver packet host examples -name '*.cpp' -print0 |
+    xargs -0 -n1 -P2 clang-tidy --quiet -p build/release 2> >(grep -v ' warnings\? generated' >&2)
 }
 
 # Prints what ctest's report of a run says: "passed N", "failed NAME" and "skipped NAME: REASON".
@@ -100,7 +112,8 @@ scripts/install-packages.sh build test
 
 for preset in "${presets[@]}"; do
   step "Building ($preset)"
-  cmake --preset "$preset" -DBUILD_TESTING=ON >"$scratch/configure.log" 2>&1 ||
+  cmake --preset "$preset" -DBUILD_TESTING=ON \
+    -DCMAKE_COMPILE_WARNING_AS_ERROR="$strict" >"$scratch/configure.log" 2>&1 ||
     { cat "$scratch/configure.log"; exit 1; }
   cmake --build --preset "$preset" -j2 >"$scratch/build.log" 2>&1 ||
     { cat "$scratch/build.log"; exit 1; }
@@ -114,6 +127,11 @@ done
 if [[ ${#filter[@]} -eq 0 && ${#presets[@]} -gt 0 ]]; then
   step "Checking the sources' format"
   check "the sources are formatted" sources_are_formatted
+fi
+
+if $lints; then
+  step "Asking the linter"
+  check "the linter is content" linter_is_content
 fi
 
 if [[ $fuzz_seconds -gt 0 ]]; then

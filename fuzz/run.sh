@@ -24,7 +24,7 @@ build=build/fuzz
 findings=$build/findings
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
-{ cmake --preset fuzz && cmake --build --preset fuzz -j2; } >"$log" 2>&1 || { cat "$log"; exit 1; }
+{ cmake --preset fuzz -DCMAKE_COMPILE_WARNING_AS_ERROR=ON && cmake --build --preset fuzz -j2; } >"$log" 2>&1 || { cat "$log"; exit 1; }
 
 fuzz() {
   local target=$1

@@ -10,7 +10,7 @@ build=(
 )
 test=(
   libgtest-dev libbenchmark-dev libumockdev-dev librapidcheck-dev umockdev
-  clang-format
+  clang-format clang-tidy
   # programs that the tests run
   dash dosfstools e2fsprogs fio git mount ntfs-3g python3-minimal rsync sqlite3 tar util-linux
   strace # the benches
