@@ -124,7 +124,7 @@ int FileManagerLinux::Deliverable(int fd, int64_t offset, int count) {
 
 int FileManagerLinux::Deliverable(const char* path, int64_t offset, int count) const {
   struct stat st {};
-  if (::stat(mPaths->File(path).c_str(), &st) == 0) return LeftInFile(st, offset, count);
+  if (::stat(mPaths->Target(path).c_str(), &st) == 0) return LeftInFile(st, offset, count);
   return static_cast<int>(std::min<int64_t>(count, LeadsNowhere(errno) ? 0 : kUnknownSize));
 }
 
@@ -145,7 +145,7 @@ int FileManagerLinux::UdiskWriteFile(const char* path, const void* buf, int64_t 
 int FileManagerLinux::UdiskFlushFile(const char* /*path*/) { return -1; }
 
 int FileManagerLinux::UdiskTruncate(const char* path, int64_t length) {
-  const int result = ::truncate(mPaths->File(path).c_str(), length);
+  const int result = ::truncate(mPaths->Target(path).c_str(), length);
   if (result == -1) {
     UDISK_ERROR("truncate failed offset:%lld errno: %s\n", static_cast<long long>(length),
                 std::strerror(errno));
@@ -198,7 +198,7 @@ int FileManagerLinux::set_stat(const struct stat* from, udisk_stat* out) {
 
 int FileManagerLinux::UdiskGetFileInformation(const char* path, udisk_stat* out) {
   struct stat st {};
-  const int result = ::lstat(mPaths->Name(path).c_str(), &st);
+  const int result = ::lstat(mPaths->Entry(path).c_str(), &st);
   if (result == 0) {
     set_stat(&st, out);
   } else {
@@ -210,11 +210,11 @@ int FileManagerLinux::UdiskGetFileInformation(const char* path, udisk_stat* out)
 int FileManagerLinux::UdiskGetXattr(const char* /*path*/) { return -1; }
 
 int FileManagerLinux::UdiskFileChmod(const char* path, int mode) {
-  return ::chmod(mPaths->File(path).c_str(), ModeOf(mode));
+  return ::chmod(mPaths->Target(path).c_str(), ModeOf(mode));
 }
 
 int FileManagerLinux::UdiskFileChown(const char* path, int uid, int gid) {
-  return ::chown(mPaths->File(path).c_str(), static_cast<uid_t>(uid), static_cast<gid_t>(gid));
+  return ::chown(mPaths->Target(path).c_str(), static_cast<uid_t>(uid), static_cast<gid_t>(gid));
 }
 
 int FileManagerLinux::set_statvfs(const struct statvfs* from, udisk_statvfs* out) {
@@ -238,7 +238,7 @@ int FileManagerLinux::set_statvfs(const struct statvfs* from, udisk_statvfs* out
 int FileManagerLinux::UdiskGetStatvfs(const char* path, udisk_statvfs* out) {
   struct statvfs vfs {};
   struct statfs fs {};
-  const LocalPath file = mPaths->File(path);
+  const LocalPath file = mPaths->Target(path);
   ::statvfs(file.c_str(), &vfs);
   ::statfs(file.c_str(), &fs);
   set_statvfs(&vfs, out);
@@ -254,11 +254,11 @@ int FileManagerLinux::UdiskGetStatvfs(const char* path, udisk_statvfs* out) {
 
 bool FileManagerLinux::IsDirectory(const char* path) {
   struct stat st {};
-  return ::stat(mPaths->File(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  return ::stat(mPaths->Target(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 int FileManagerLinux::MakeOneDir(const char* path, int mode) {
-  return ::mkdir(mPaths->Name(path).c_str(), ModeOf(mode));
+  return ::mkdir(mPaths->Entry(path).c_str(), ModeOf(mode));
 }
 
 int FileManagerLinux::UdiskMakeDir(const char* path, int mode, short make_last) {
@@ -290,7 +290,7 @@ int FileManagerLinux::UdiskMakeDir(const char* path, int mode, short make_last) 
 }
 
 int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
-  const LocalPath local = mPaths->File(path);
+  const LocalPath local = mPaths->Target(path);
   const std::unique_ptr<DIR, DirCloser> dir(::opendir(local.c_str()));
   if (dir == nullptr) {
     UDISK_ERROR("dir_read opendir failed errno: %s", std::strerror(errno));
@@ -330,7 +330,7 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
     full += entry->d_name;
     // The one entry that may lead out of the disk.
     const bool is_parent = std::strcmp(entry->d_name, "..") == 0;
-    ::lstat(is_parent ? mPaths->Name((std::string(path) + "/..").c_str()).c_str() : full.c_str(),
+    ::lstat(is_parent ? mPaths->Entry((std::string(path) + "/..").c_str()).c_str() : full.c_str(),
             &st);
     udisk_dir_entry head{};
     set_stat(&st, &head.attributes);
@@ -344,16 +344,18 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
 }
 
 int FileManagerLinux::UdiskDeleteDirectory(const char* path) {
-  return ::rmdir(mPaths->Name(path).c_str());
+  return ::rmdir(mPaths->Entry(path).c_str());
 }
 
 int FileManagerLinux::UdiskLink(const char* existing, const char* path) {
-  return ::link(mPaths->Name(existing).c_str(), mPaths->NewName(path).c_str());
+  return ::link(mPaths->Entry(existing).c_str(), mPaths->NewEntry(path).c_str());
 }
-int FileManagerLinux::UdiskUnlink(const char* path) { return ::unlink(mPaths->Name(path).c_str()); }
+int FileManagerLinux::UdiskUnlink(const char* path) {
+  return ::unlink(mPaths->Entry(path).c_str());
+}
 
 int FileManagerLinux::UdiskRename(const char* from, const char* to) {
-  const int result = ::rename(mPaths->Name(from).c_str(), mPaths->NewName(to).c_str());
+  const int result = ::rename(mPaths->Entry(from).c_str(), mPaths->NewEntry(to).c_str());
   UDISK_DEBUG("rename return res:%d\n", result);
   return result;
 }

@@ -134,13 +134,13 @@ Descriptor LocalPaths::Open(const char* path, int flags, mode_t mode) {
   return Descriptor();
 }
 
-LocalPath LocalPaths::File(const char* path) {
+LocalPath LocalPaths::Target(const char* path) {
   if (PassesUnchanged(path)) return LocalPath(path);
   const Beneath place = Split(path, kFresh);
   return Held(OpenBeneath(*place.root, place.below, O_PATH));
 }
 
-LocalPath LocalPaths::Name(const char* path) {
+LocalPath LocalPaths::Entry(const char* path) {
   if (PassesUnchanged(path)) return LocalPath(path);
   const Beneath place = Split(path, kFresh);
   const std::string_view below = place.below;
@@ -161,7 +161,7 @@ LocalPath LocalPaths::Name(const char* path) {
   return Held(std::move(directory), '/' + name);
 }
 
-LocalPath LocalPaths::NewName(const char* path) {
+LocalPath LocalPaths::NewEntry(const char* path) {
   if (PassesUnchanged(path)) return LocalPath(path);
   const Beneath place = Split(path, kFresh);
   const std::string_view entry = WithoutSlashes(place.below);

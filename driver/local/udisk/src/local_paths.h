@@ -75,11 +75,11 @@ class LocalPaths {
   /// file. errno tells why there is no descriptor.
   [[nodiscard]] Descriptor Open(const char* path, int flags, mode_t mode = 0);
   /// For calls on the file itself: a symbolic link at the end is followed.
-  [[nodiscard]] LocalPath File(const char* path);
+  [[nodiscard]] LocalPath Target(const char* path);
   /// For calls on the entry in its directory: nothing at the end is followed.
-  [[nodiscard]] LocalPath Name(const char* path);
+  [[nodiscard]] LocalPath Entry(const char* path);
   /// For the entry that a call puts there: a slash at the end stays, as it asks for a directory.
-  [[nodiscard]] LocalPath NewName(const char* path);
+  [[nodiscard]] LocalPath NewEntry(const char* path);
   /// How many bytes at the front of `path` no request has a say in.
   [[nodiscard]] size_t TrustedLength(const char* path) const;
   /// Closes what is kept open between calls and would keep the disk from being unmounted.
