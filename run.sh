@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Shows the disk redirection at work.
 #
-#   ./run.sh                               a short tour on a sample disk
-#   ./run.sh DISK MOUNTPOINT [OPTION...]   shows the directory DISK at MOUNTPOINT until Ctrl-C
+#   ./run.sh                               gives a short tour of a sample disk
+#   ./run.sh DISK MOUNTPOINT [OPTION...]   mounts the directory DISK at MOUNTPOINT until Ctrl-C
 #
 # Options are those of `cpd-host mount`: build/release/bin/cpd-host mount --help
 set -euo pipefail
@@ -17,7 +17,8 @@ set_up_and_build() {
   step "Building (about a minute the first time)"
   local log
   log=$(mktemp)
-  # Tests and benchmarks need packages of their own; an existing configuration stays as it is.
+  # Tests and benchmarks need more packages, so a new configuration leaves them out. An existing one
+  # is not changed.
   if ! { cd "$root" &&
     { [[ -f build/release/build.ninja ]] ||
       cmake --preset release -DBUILD_TESTING=OFF; } &&
@@ -42,7 +43,7 @@ place=$(mktemp -d)
 disk=$place/SAMPLE
 host_pid=
 
-# Ends the host, which unmounts, and waits for it.
+# Stops the host, which unmounts the disk, and waits for it.
 unmount() {
   [[ -n $host_pid ]] || return 0
   kill -TERM "$host_pid" 2>/dev/null || true
@@ -60,7 +61,7 @@ trap clean_up EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-# mount_sample MOUNTPOINT [OPTION...]: false when nothing can be mounted here.
+# mount_sample MOUNTPOINT [OPTION...]: fails if nothing can be mounted here.
 mount_sample() {
   local mount_point=$1; shift
   mkdir -p "$mount_point"
@@ -76,7 +77,7 @@ mount_sample() {
   return 1
 }
 
-# rate MEBIBYTES COMMAND...: runs a command that reads so much, and says how fast it came.
+# rate MEBIBYTES COMMAND...: runs a command that reads this much, and prints the rate.
 rate() {
   local mib=$1 start=${EPOCHREALTIME/[.,]/} end
   shift
@@ -87,7 +88,7 @@ rate() {
     $((mib * 1048576 * 8000 / us))
 }
 
-# read_direct MEBIBYTES FILE: past the kernel's cache, 64 KiB a request.
+# read_direct MEBIBYTES FILE: reads past the kernel's cache, 64 KiB per request.
 read_direct() {
   dd if="$2" bs=64k count=$(($1 * 16)) iflag=direct status=none
 }
@@ -107,7 +108,7 @@ head -c $((4 * 1048576)) "$disk/film.mp4" >"$disk/clip.mp4"
 ls "$disk"
 
 tour_by_packets() {
-  step "ls: a listing, attributes included, is one packet each way"
+  step "ls: one packet each way lists a directory with all attributes"
   "$host" ls "$disk" --trace "$place/trace"
   step "cat: the file's bytes come from the disk"
   "$host" cat "$disk" hello.txt
@@ -115,7 +116,7 @@ tour_by_packets() {
   "$host" df "$disk"
   step "Reading at full speed"
   rate 20 "$host" cat "$disk" film.mp4
-  step "Reading at an announced bandwidth of 8000 kbit/s: half a second for each request of 1 MiB"
+  step "Reading at an announced bandwidth of 8000 kbit/s: half a second per request of 1 MiB"
   rate 4 "$host" cat "$disk" clip.mp4 --bandwidth 8000
   show_traces
   step "Done: everything is removed"
@@ -123,7 +124,7 @@ tour_by_packets() {
 
 step "Mounting it through the module, as a remote session would see it"
 if [[ ! -r /dev/fuse || ! -w /dev/fuse ]]; then
-  echo "/dev/fuse is missing here or not usable: nothing can be mounted."
+  echo "/dev/fuse is missing or not usable, so nothing can be mounted."
   tour_by_packets
   exit
 elif ! mount_sample "$place/remote"; then
@@ -134,7 +135,7 @@ fi
 remote=$place/remote
 echo "$disk is mounted at $remote"
 
-step "ls -l: one request for the directory, attributes included"
+step "ls -l: one request lists a directory with all attributes"
 ls -l "$remote" "$remote/photos"
 
 step "cat: the file's bytes come from the disk"
@@ -146,7 +147,7 @@ df -h "$remote"
 step "Reading at full speed"
 rate 20 read_direct 20 "$remote/film.mp4"
 
-step "Unmounting; the host's table of requests"
+step "Unmounting; the host prints its table of requests"
 unmount
 cat "$place/host.out"
 show_traces

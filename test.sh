@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Builds and runs every test. The last line is the sum, unless a build fails: N passed, M failed, K
-# skipped.
+# Builds and runs every test. Unless a build fails, the last line is: N passed, M failed, K skipped.
 #
 #   ./test.sh             optimised, then under AddressSanitizer and UBSan, then ThreadSanitizer
 #   ./test.sh --quick     optimised only
@@ -37,13 +36,13 @@ step() { printf '==> %s\n' "$*"; }
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
-# Says yes or no to one thing that is no test program: check NAME COMMAND...
+# check NAME COMMAND...: counts a command as one test; status 77 means skipped.
 check() {
   local name=$1 status=0; shift
   "$@" || status=$?
   case $status in
     0) passed=$((passed + 1)) ;;
-    77) skipped=$((skipped + 1)); skips+=("$name: this machine cannot tell") ;;
+    77) skipped=$((skipped + 1)); skips+=("$name: not possible on this machine") ;;
     *) failed=$((failed + 1)); failures+=("$name") ;;
   esac
 }
@@ -60,7 +59,7 @@ linter_is_content() {
     xargs -0 -n1 -P2 clang-tidy --quiet -p build/release 2> >(grep -v ' warnings\? generated' >&2)
 }
 
-# Prints what ctest's report of a run says: "passed N", "failed NAME" and "skipped NAME: REASON".
+# Sums up ctest's report of a run: "passed N", "failed NAME" and "skipped NAME: REASON".
 read_report() {
   awk '
     function attribute(name,  value) {
@@ -70,7 +69,7 @@ read_report() {
       return value
     }
     /<testcase / { test = attribute("name"); status = attribute("status"); reason = ""; lines = 0 }
-    # A skipped test says "FILE:LINE: Skipped" and then why.
+    # A skipped test prints "FILE:LINE: Skipped", then the reason.
     /: Skipped$/ { lines = 1; next }
     lines == 1 { reason = $0; lines = 0 }
     /<\/testcase>/ {
@@ -99,7 +98,7 @@ run_tests() {
   if [[ $status -ne 0 && $failed -eq $before ]]; then
     failed=$((failed + 1)); failures+=("$preset: ctest ended with status $status")
   fi
-  # Only failed tests are worth a reader's time; the names of all others are in the log.
+  # Print only what concerns failed tests.
   if [[ $failed -ne $before ]]; then
     grep -v -E '^ *(Start +[0-9]+:|[0-9]+/[0-9]+ Test .*( Passed|\*\*\*Skipped) )' \
       "$scratch/$preset.log" || true
@@ -118,7 +117,7 @@ for preset in "${presets[@]}"; do
   cmake --build --preset "$preset" -j2 >"$scratch/build.log" 2>&1 ||
     { cat "$scratch/build.log"; exit 1; }
   case $preset in
-    # Copying whole trees and pacing for half a minute shows no further race.
+    # The slow tests copy whole trees and pace reads for half a minute: no races that others miss.
     tsan) run_tests "$preset" -LE slow ;;
     *) run_tests "$preset" ;;
   esac

@@ -13,7 +13,7 @@
 #include "support/requests.h"
 #include "udisk.h"
 
-// ---- What a driver module calls by name ----
+// ---- Functions that a driver module imports ----
 
 namespace {
 std::atomic<bool> g_print_errors = true;
@@ -86,7 +86,7 @@ BenchDriver::BenchDriver(const std::string& root, bool confined) : device_(root)
   setenv("TESSEL_CPD_CLIENT_CONFINE", confined ? "1" : "0", 1);  // read when a driver opens
   driver_.reset(udisk_open(&device_, ""));
   if (driver_ == nullptr) throw std::runtime_error("the driver does not open");
-  while (TakeReply()->header->cmd != kMountRemote) {  // the last of what a driver says at its start
+  while (TakeReply()->header->cmd != kMountRemote) {  // the last packet at its start
   }
 }
 

@@ -1,5 +1,5 @@
-// The cheapest host that a driver can have: log lines below errors are dropped, traces go nowhere,
-// replies go to the thread that measures.
+// The cheapest host that a driver can have: it drops traces and all log lines except errors, and
+// hands replies to the thread that measures.
 #pragma once
 
 #include <memory>
@@ -13,13 +13,13 @@
 
 namespace cpd::bench {
 
-/// Whether error lines go to standard error; at first they do.
+/// Sets whether error lines are printed to standard error, as they are by default.
 void PrintErrors(bool print);
 
 class BenchDevice : public CpdDevice {
  public:
   /// @param root    the disk's local path
-  /// @param filter  decides which reads and writes are traced; none = no one
+  /// @param filter  decides which reads and writes are traced; null = none
   explicit BenchDevice(const std::string& root, std::shared_ptr<CpdPathFilter> filter = nullptr);
 
   std::shared_ptr<CpdDeviceBase> getDevBase() override { return base_; }
@@ -27,7 +27,7 @@ class BenchDevice : public CpdDevice {
   int SendPacket(std::unique_ptr<CpdPacket> packet, int flags) override;
   void ReportReadFail(const std::string& path) override;
 
-  /// The next packet that the driver sent; waits for it.
+  /// Waits for the next packet that the driver sends, and returns it.
   std::unique_ptr<CpdPacket> Take() { return sent_.Take(); }
 
  private:
@@ -46,7 +46,7 @@ class BenchDriver {
 
   /// Queues a request.
   void Send(std::unique_ptr<CpdPacket> request);
-  /// The same, given as the bytes that travel.
+  /// Queues a request that is given as its bytes.
   void Send(std::string_view request);
   std::unique_ptr<CpdPacket> TakeReply() { return device_.Take(); }
 

@@ -1,4 +1,4 @@
-// What two threads need at the least to hand blocks to each other, one by one and in order.
+// The least that two threads need to hand blocks to each other, one by one and in order.
 #pragma once
 
 #include <condition_variable>

@@ -50,7 +50,7 @@ Seconds SecondsOf(const Work& work) {
           processor};
 }
 
-/// Keeps `outstanding` operations under way until all are answered.
+/// Keeps `outstanding` operations in flight until all have been answered.
 template <class Send, class Await>
 Seconds SecondsOfLoop(int operations, int outstanding, const Send& send, const Await& await) {
   return SecondsOf([&] {
@@ -63,7 +63,7 @@ Seconds SecondsOfLoop(int operations, int outstanding, const Send& send, const A
   });
 }
 
-/// Offsets that walk through the big file again and again.
+/// Offsets that run through the big file again and again.
 class OffsetWalk {
  public:
   explicit OffsetWalk(size_t bytes) : bytes_(bytes) {}
@@ -99,7 +99,7 @@ struct FreeDeleter {
   void operator()(void* block) const { std::free(block); }
 };
 
-/// A heap block that travels.
+/// A heap block that the threads hand to each other.
 struct Block {
   int64_t offset;
   const char* path;
@@ -185,7 +185,7 @@ class Limit {
   }
 
   FileWork work_;
-  // What a write's request carries.
+  // The data of a write's request.
   std::string data_ = std::string(work_.kind == FileWork::kWrite ? work_.bytes : 0, 'y');
   OffsetWalk offsets_;
   std::vector<std::string> paths_;
@@ -217,7 +217,7 @@ class Module {
 
   void Send() {
     std::string& request = requests_[next_++ % requests_.size()];
-    if (work_.kind != FileWork::kAttributes) {  // the offset stands first in either head
+    if (work_.kind != FileWork::kAttributes) {  // both heads start with the offset
       static_assert(offsetof(ReadHead, offset) == 0 && offsetof(WriteHead, offset) == 0);
       const int64_t offset = offsets_.Next();
       std::memcpy(request.data() + CPD_PACKET_HEADER_SIZE, &offset, sizeof offset);
@@ -279,14 +279,14 @@ struct DirCloser {
   void operator()(DIR* dir) const { ::closedir(dir); }
 };
 
-/// Sends requests to a directory one at a time. An attribute request behind each proves that it is
-/// done, as a check that finds nothing changed has no reply.
+/// Sends requests for a directory one at a time. An attribute request after each shows when it is
+/// done, because a check that finds no change has no reply.
 class Directories {
  public:
   explicit Directories(SampleDisk& disk)
       : driver_(disk.root()), probe_(test::Request(test::AttrRequest{.path = "/"}).Bytes()) {}
 
-  /// Building the request is the remote side's work and not counted.
+  /// The time to build the request is not counted: that is the remote side's work.
   Seconds Measure(int operations, const test::Request& request, bool replied) {
     const std::string bytes = request.Bytes();
     Seconds sum;
@@ -304,7 +304,7 @@ class Directories {
     return sum;
   }
 
-  /// The listing of a directory, by a request.
+  /// Lists a directory with a request.
   test::DirReply List(const std::string& path) {
     driver_.Send(test::Request(test::DirReadRequest{.path = path}).Bytes());
     return test::DirReply::Decode(test::SentPacket(*driver_.TakeReply()));
@@ -315,7 +315,7 @@ class Directories {
   std::string probe_;
 };
 
-/// A listing as the file layer makes it.
+/// Lists a directory with the file layer.
 std::shared_ptr<_UDISK_DIR_ATTR> List(const std::string& path) {
   std::shared_ptr<_UDISK_DIR_ATTR> listing(new _UDISK_DIR_ATTR{}, [](_UDISK_DIR_ATTR* made) {
     std::free(made->buf);

@@ -1,5 +1,5 @@
-// What is measured. Each load does the same few system calls once bare and once through the driver,
-// so that the two can be compared within one run.
+// What is measured. Each load makes the same few system calls directly and through the driver, so
+// that the two can be compared within one run.
 #pragma once
 
 #include <cstddef>
@@ -15,37 +15,37 @@ struct Seconds {
   double processor = 0;  ///< of all threads together
 };
 
-/// Does so many operations. @return the time that they took
+/// Runs `operations` operations. @return the time that they took
 using Load = std::function<Seconds(int operations)>;
 
 // ---- File requests ----
 
-/// One request's work.
+/// The work of one request.
 struct FileWork {
   enum Kind {
     kAttributes,  ///< lstat
     kRead,        ///< open, pread, close
     kWrite,       ///< open, pwrite, close
   } kind;
-  size_t bytes = 0;  ///< how much is read or written
+  size_t bytes = 0;  ///< bytes read or written
 };
 
-/// What any driver that serves requests on a thread of its own has to pay: two threads that hand
-/// heap blocks to each other, one a request and one a reply, and the bare system calls.
+/// The cost that no driver with a worker thread can avoid: two threads hand each other one heap
+/// block per request and one per reply, and make the same system calls.
 Load LimitLoop(SampleDisk& disk, FileWork work, int outstanding);
-/// The same from onEvent to SendPacket.
+/// The same work through the driver, from onEvent to SendPacket.
 /// @param confined  whether the driver keeps paths beneath the disk's root
 Load ModuleLoop(SampleDisk& disk, FileWork work, int outstanding, bool confined = false);
 
-// ---- Directories of so many files, one operation at a time ----
+// ---- Directories with `files` files, one operation at a time ----
 
-/// readdir to the end, and once more with an lstat each.
+/// Reads a directory to its end, and then again with an lstat per entry.
 Load BareWalk(SampleDisk& disk, int files);
 Load DirRead(SampleDisk& disk, int files);
-/// Of a listing that is still true, hence without a reply.
+/// Checks a listing that has not changed, so there is no reply.
 Load DirCheck(SampleDisk& disk, int files);
-/// Lists and compares as a directory check does, without a request around it: that one carries no
-/// more than 65535 entries.
+/// Lists and compares as a directory check does, but without a request, which could carry only
+/// 65535 entries.
 Load ListAndCompare(SampleDisk& disk, int files);
 /// Compares two equal listings.
 Load Compare(SampleDisk& disk, int files);

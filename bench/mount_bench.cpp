@@ -1,5 +1,5 @@
-// udisk_mount_bench [TURNS]   what the accelerators of a mount gain, each against the mount without
-// it
+// udisk_mount_bench [TURNS]   compares the mount with each of its accelerators to the mount without
+//                             it
 //
 // Prints a table as udisk_bench --ratios does.
 #include <dirent.h>
@@ -39,14 +39,14 @@ double SecondsOf(const std::function<void()>& work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
-/// Writes pieces all over a file and sees them to the disk.
+/// Writes pieces all over a file and syncs it.
 double WritePieces(const std::string& path) {
   const std::string piece(kPieceBytes, 'p');
   const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
   Expect(fd >= 0, "open failed");
   const double seconds = SecondsOf([&] {
     for (int i = 0; i < kPieces; ++i) {
-      // Neither in order nor side by side.
+      // The pieces are neither in order nor adjacent.
       const off_t offset = off_t{i} * 7919 % kPieces * 10'000;
       Expect(pwrite(fd, piece.data(), kPieceBytes, offset) == kPieceBytes, "pwrite failed");
     }
@@ -88,7 +88,7 @@ struct Row {
   double bound;  ///< below what one machine has shown; an accelerator that does nothing gains 1
 };
 
-/// A mount of its own for every turn, so that nothing is in the kernel's caches.
+/// Mounts anew for every turn, so that the kernel's caches are empty.
 bool PrintRow(const Row& row, const SampleDisk& disk, int turns) {
   Turns taken;
   for (int i = 0; i < turns; ++i) {

@@ -1,4 +1,5 @@
-// The tables of ratios: a row compares two loads by pairs of neighbouring turns.
+// The tables of ratios. A row compares two loads that take turns: each ratio is that of two
+// consecutive turns.
 #pragma once
 
 #include <string>
@@ -6,20 +7,20 @@
 
 namespace cpd::bench {
 
-/// What came of one row's turns, in order.
+/// The results of one row's turns, in order.
 struct Turns {
-  std::vector<double> base_rates;  ///< operations a second
+  std::vector<double> base_rates;  ///< operations per second
   std::vector<double> rates;
   std::vector<double> ratios;
 };
 
 struct Bound {
-  bool is_most;  ///< else the least
+  bool is_most;  ///< an upper bound; otherwise a lower one
   double value;
 };
 
 void PrintRatioHeader(const std::string& base, const std::string& measured);
-/// Prints medians, and the range of the ratios. @return whether the median ratio is in its bound
+/// Prints medians, and the range of the ratios. @return whether the median is within its bound
 bool PrintRatioRow(const std::string& name, const Turns& turns, Bound bound);
 
 }  // namespace cpd::bench

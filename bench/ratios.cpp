@@ -12,7 +12,7 @@ namespace cpd::bench {
 
 namespace {
 
-/// Keeps this thread, and those it makes, on one core.
+/// While an instance exists, this thread and those that it starts run on one core.
 class PinnedToOneCore {
  public:
   explicit PinnedToOneCore(bool pinned) {
@@ -33,15 +33,15 @@ class PinnedToOneCore {
 
 struct Row {
   std::string name;
-  int operations;  ///< a turn; enough for a tenth of a second and more
+  int operations;  ///< per turn; enough for at least a tenth of a second
   std::function<Load()> make_base;
   std::function<Load()> make_compared;
   enum Kind { kShareOfTheBasesRate, kTimesTheBasesTime } kind;
-  double bound;          ///< the least share, the most times
-  bool one_core = true;  ///< pinned; only where nothing is to happen side by side
+  double bound;          ///< the least share, or the greatest factor
+  bool one_core = true;  ///< pinned to one core, where no parallel work is measured
 };
 
-/// @param memory_disk  what is written to: no write-back during a measurement
+/// @param memory_disk  takes the writes, so that no write-back disturbs a measurement
 std::vector<Row> Rows(SampleDisk& disk, SampleDisk& memory_disk) {
   std::vector<Row> rows;
   struct FileRow {
@@ -104,7 +104,7 @@ std::vector<Row> Rows(SampleDisk& disk, SampleDisk& memory_disk) {
   return rows;
 }
 
-/// On one core the processor's time is the time that passes, less what other programs take.
+/// On one core, processor time is elapsed time without the time of other programs.
 double Time(const Row& row, const Load& load) {
   const Seconds seconds = load(row.operations);
   return row.one_core ? seconds.processor : seconds.elapsed;
@@ -114,7 +114,7 @@ bool PrintRow(const Row& row, int turns) {
   const PinnedToOneCore pinned(row.one_core);
   const Load base = row.make_base();
   const Load compared = row.make_compared();
-  base(row.operations);  // warms caches and heap
+  base(row.operations);  // warms up caches and heap
   compared(row.operations);
   Turns taken;
   for (int i = 0; i < turns; ++i) {

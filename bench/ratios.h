@@ -7,9 +7,9 @@
 
 namespace cpd::bench {
 
-/// Measures and prints the rows whose name contains `filter`, as a Markdown table. Both sides of a
-/// row take turns, and the median of the ratios of so many turns counts: foreign load then hits
-/// both.
+/// Measures and prints the rows whose name contains `filter`, as a Markdown table. The two sides of
+/// a row take turns, so that load from other programs affects both. The median of the ratios of
+/// `turns` turns counts.
 /// @return whether every ratio is within its bound
 bool PrintRatios(SampleDisk& disk, int turns, const std::string& filter);
 

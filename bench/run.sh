@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Measures the driver against the machine's limit and writes the tables of docs/performance.md.
 #
-#   bench/run.sh            measure, rewrite what stands below "## Measured" there
-#   bench/run.sh --print    measure, only print
+#   bench/run.sh            measure, and replace the text below "## Measured" there
+#   bench/run.sh --print    measure, and only print
 #
-# Takes some five minutes; a busy machine blurs the rows with 32 outstanding requests most.
+# Takes about five minutes. A busy machine disturbs the rows with 32 outstanding requests most.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/../scripts/usage.sh"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -23,7 +23,7 @@ cmake --build --preset release --target udisk_bench udisk_mount_bench -j2 >/dev/
 bench=build/release/bin/udisk_bench
 mount_bench=build/release/bin/udisk_mount_bench
 
-# System calls that so many reads make, one "name count" a line.
+# The system calls that this many reads make, one "name count" per line.
 count_calls() {
   strace -f -c -U name,calls "$bench" --reads "$1" 2>&1 >/dev/null |
     awk '$2 ~ /^[0-9]+$/ && $1 != "total" { print $1, $2 }'
@@ -41,9 +41,9 @@ system_calls() {
     echo "Not counted: strace is not installed."
     return
   fi
-  echo "| system call | a read |"
+  echo "| system call | per read |"
   echo "|---|--:|"
-  # What remains without the calls of start and end.
+  # Leaves out the calls that the program makes at its start and end.
   awk -v reads="$reads" 'NR == FNR { idle[$1] = $2; next }
     { each = ($2 - idle[$1]) / reads; if (each >= 0.01) printf "| %s | %.2f |\n", $1, each }' \
     <(count_calls 0) <(count_calls "$reads")

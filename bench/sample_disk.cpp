@@ -39,7 +39,8 @@ SampleDisk::~SampleDisk() {
 const std::string& SampleDisk::Directory(int files, size_t bytes) {
   const auto [at, is_new] = directories_.try_emplace(files, "/" + std::to_string(files) + "/files");
   if (is_new) {
-    // In a parent of its own: ".." is part of a listing and must not change when another is made.
+    // Each directory has its own parent: its listing includes "..", which must not change when
+    // another directory is made.
     std::filesystem::create_directories(root_ + at->second);
     for (int i = 0; i < files; ++i)
       WriteFile(root_ + at->second + "/" + FileName(i), std::vector<char>(bytes, 'x'));

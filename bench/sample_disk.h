@@ -8,10 +8,10 @@
 
 namespace cpd::bench {
 
-/// A directory of its own, removed at the end.
+/// A temporary directory, removed by the destructor.
 class SampleDisk {
  public:
-  /// Under the temporary directory (TMPDIR).
+  /// Makes it in the directory TMPDIR.
   SampleDisk();
   explicit SampleDisk(const std::filesystem::path& parent);
   ~SampleDisk();
@@ -21,10 +21,10 @@ class SampleDisk {
   [[nodiscard]] const std::string& root() const { return root_; }
   /// A file of kBigFileSize bytes, relative to the root.
   [[nodiscard]] const std::string& big_file() const { return big_file_; }
-  /// A directory of so many files, each of `bytes`, relative to the root; made when first asked
-  /// for.
+  /// A directory with `files` files of `bytes` bytes each, relative to the root. The first call
+  /// makes it.
   const std::string& Directory(int files, size_t bytes = 0);
-  /// The name of one of them.
+  /// The name of one of its files.
   static std::string FileName(int number);
 
   static constexpr size_t kBigFileSize = 64 << 20;

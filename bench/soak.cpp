@@ -1,4 +1,4 @@
-// udisk_soak [SECONDS [DRIVERS]]   60 s and 64 drivers when not said
+// udisk_soak [SECONDS [DRIVERS]]   by default 60 s and 64 drivers
 //
 // Many drivers in one process under mixed traffic, bandwidth announcements and policy changes,
 // opened and closed at random. Prints resident memory, descriptors and threads, and ends with 1
@@ -54,7 +54,7 @@ class SoakDevice : public BenchDevice {
 
 // ---- Traffic ----
 
-/// A good request of every command but those that take the mount point away.
+/// A good request for each command, except those that clear the mount point.
 std::vector<std::string> Traffic() {
   std::vector<std::string> requests;
   for (const test::NamedRequest& named : test::OneRequestPerCommand()) {
@@ -66,7 +66,7 @@ std::vector<std::string> Traffic() {
   return requests;
 }
 
-/// One disk and the driver on it, which comes and goes. Operations may come from any thread.
+/// One disk and its driver, which comes and goes. Callable from any thread.
 class Slot {
  public:
   explicit Slot(const std::string& root)
@@ -94,14 +94,14 @@ class Slot {
   void ChangePolicy(const std::string& policy) {
     if (const auto driver = Driver()) driver->onPolicyChange(policy);
   }
-  /// Closes the driver in the middle of what it does and opens another.
+  /// Closes the driver while it is working, and opens another.
   void Reopen() {
     std::shared_ptr<CpdDriver> old;
     {
       const std::lock_guard lock(mutex_);
       old.swap(driver_);
     }
-    if (old == nullptr) return;  // another thread is at it
+    if (old == nullptr) return;  // another thread is reopening it
     Close(old);
     old.reset();
     auto fresh = Open();
@@ -127,7 +127,7 @@ class Slot {
   std::shared_ptr<CpdDriver> driver_;  // guarded by mutex_
 };
 
-/// What one of the host's threads does until told to stop.
+/// The body of one of the host's threads; runs until it is told to stop.
 void Drive(std::deque<Slot>& slots, const std::vector<std::string>& traffic, unsigned seed,
            const std::atomic<bool>& stop) {
   std::mt19937 random(seed);
@@ -149,12 +149,12 @@ void Drive(std::deque<Slot>& slots, const std::vector<std::string>& traffic, uns
       default:
         break;
     }
-    // The drivers are the slower side: their queues must not grow.
+    // The drivers are slower than this thread, and their queues must not grow.
     std::this_thread::sleep_for(std::chrono::microseconds(500));
   }
 }
 
-// ---- What must not grow ----
+// ---- Resources that must not grow ----
 
 struct Usage {
   size_t resident_kib;
@@ -182,7 +182,7 @@ size_t MedianResident(std::vector<Usage> samples) {
   return samples[samples.size() / 2].resident_kib;
 }
 
-/// @return whether the last third of a run needs as much as the middle one
+/// @return whether the last third of a run needs no more than the middle third
 bool IsFlat(const std::vector<Usage>& samples, size_t drivers) {
   const auto third = static_cast<std::ptrdiff_t>(samples.size() / 3);
   if (third == 0) return true;
@@ -198,13 +198,13 @@ bool IsFlat(const std::vector<Usage>& samples, size_t drivers) {
     if (after > before + spare) flat = false;
   };
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  std::puts("resident     not judged: a sanitizer keeps books of its own");
+  std::puts("resident     not judged: a sanitizer uses memory of its own");
 #else
   const size_t before = MedianResident(middle);
   check("resident KiB", before, MedianResident(last), before / 20 + kSpareKib);
 #endif
-  // A request holds some descriptors, a driver that starts a second thread. What is lost for good
-  // shows at the end.
+  // A request holds some descriptors, and a driver that starts has a second thread; the spare
+  // covers these. Real leaks show at the end.
   check("descriptors", most(middle, &Usage::descriptors), most(last, &Usage::descriptors),
         3 * drivers);
   check("threads", most(middle, &Usage::threads), most(last, &Usage::threads), drivers);
@@ -213,10 +213,10 @@ bool IsFlat(const std::vector<Usage>& samples, size_t drivers) {
 
 int Run(std::chrono::seconds length, int drivers) {
   constexpr int kHostThreads = 4;
-  PrintErrors(false);  // a request for what another one has just renamed fails
+  PrintErrors(false);  // expected: a request fails when another has just renamed its file
   const SampleDisk place;
   const std::vector<std::string> traffic = Traffic();
-  std::thread([] {}).join();  // with the first one a sanitizer starts one of its own
+  std::thread([] {}).join();  // at the first thread a sanitizer starts one of its own
   const Usage before = Measure();
   std::vector<Usage> samples;
   {

@@ -23,7 +23,7 @@ void RegisterLoad(const std::string& name, int operations, std::function<Load()>
   benchmark::RegisterBenchmark(name.c_str(),
                                [operations, make = std::move(make)](benchmark::State& state) {
                                  const Load load = make();
-                                 load(operations);  // warms caches and heap
+                                 load(operations);  // warms up caches and heap
                                  for (auto _ : state)
                                    state.SetIterationTime(load(operations).elapsed);
                                  state.SetItemsProcessed(state.iterations() * operations);
@@ -77,7 +77,7 @@ int ResidentKiB() {
   return 0;
 }
 
-/// Prints resident memory at every hundred thousand of a million mixed requests.
+/// Prints resident memory after every hundred thousand of a million mixed requests.
 void PrintMemory(SampleDisk& disk) {
   constexpr int kStep = 100'000;
   constexpr int kOutstanding = 32;

@@ -1,7 +1,7 @@
-// The directory check against a slow and simple one. An input is a mode and then
-//   a request whose cached listing says anything,
-//   or the entries of two listings that walk cleanly ('L'),
-//   or the names of a directory before and between the two passes of its reading ('P').
+// Compares the directory check with a slow and simple one. An input is a mode and then
+//   a request whose cached listing holds any bytes,
+//   or the entries of two well-formed listings ('L'),
+//   or the names in a directory before and between the two passes of UdiskReadDir ('P').
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,7 +29,7 @@ namespace {
 
 using test::DirEntry;
 
-/// The entries of a listing; nothing when it holds fewer whole ones.
+/// The entries of a listing; nullopt when it holds fewer than `count` whole ones.
 std::optional<std::vector<DirEntry>> Walk(std::string_view listing, size_t count) {
   std::vector<DirEntry> entries;
   while (entries.size() < count) {
@@ -45,7 +45,7 @@ std::optional<std::vector<DirEntry>> Walk(std::string_view listing, size_t count
   return entries;
 }
 
-/// Each cached entry has its name, size and second in the directory, and nothing is left over.
+/// Whether each cached entry matches a current one in name, size and second, and no other is left.
 bool Same(const std::vector<DirEntry>& cached, const std::vector<DirEntry>& current) {
   if (cached.size() != current.size()) return false;
   size_t matches = 0;
@@ -71,7 +71,7 @@ void MakeFile(const std::string& path, const std::string& content) {
   utimensat(AT_FDCWD, path.c_str(), settled, 0);
 }
 
-/// The same for every input: no request of this target changes it.
+/// Makes the same disk for every input: no request of this target changes it.
 void MakeDisk() {
   static bool made = false;
   if (made) return;
@@ -128,14 +128,14 @@ std::vector<std::string> TakeNames(Input* in) {
   std::vector<std::string> names;
   const size_t count = in->Take<uint8_t>() % kMost;
   while (names.size() < count) {
-    // A letter of its own in front, so that no two are the same.
+    // Each name starts with a different letter, so no two are equal.
     names.push_back(std::string(1, static_cast<char>('a' + names.size())) +
                     std::string(in->Take<uint8_t>() % 255, 'n'));
   }
   return names;
 }
 
-/// A directory that is listed, then checked while other files take the place of its own.
+/// Lists a directory, then checks it while other files replace those in it.
 void CheckBetweenPasses(Input in, UDiskOperator* udisk, test::FakeDevice* device) {
   MakeDisk();
   udisk->SetRootPath("/", "DISK");
@@ -160,7 +160,7 @@ void CheckBetweenPasses(Input in, UDiskOperator* udisk, test::FakeDevice* device
                                   .cached = known.listing,
                                   .cached_count = static_cast<uint16_t>(known.entry_count)});
     Expect(!changed || changed->payload.size() == listed->payload.size(),
-           "the listing has the room that the first pass found");
+           "the listing has the size that the first pass found");
   }
   std::ranges::for_each(before, remove);
   std::ranges::for_each(after, remove);
@@ -173,7 +173,7 @@ std::vector<DirEntry> TakeEntries(Input* in, size_t count) {
     entry.name = in->TakeBytes(in->Take<uint8_t>() % 4);
     entry.stat.st_size = in->Take<uint8_t>() % 4;
     entry.stat.st_mtim.tv_sec = in->Take<uint8_t>() % 4;
-    entry.stat.st_mtim.tv_nsec = in->Take<uint8_t>();  // does not count
+    entry.stat.st_mtim.tv_nsec = in->Take<uint8_t>();  // must not matter
   }
   return entries;
 }

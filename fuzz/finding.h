@@ -1,4 +1,4 @@
-// What a target does when the code that it calls broke a promise.
+// What a target does when the code under test breaks a promise.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// Takes an input apart. Past its end everything is zero or empty, so every input means something.
+// Splits an input into values. Past its end every value is zero or empty, so every input is valid.
 #pragma once
 
 #include <algorithm>
@@ -16,7 +16,7 @@ class Input {
 
   [[nodiscard]] bool AtEnd() const { return left_.empty(); }
 
-  /// The next bytes as they stand in memory.
+  /// The next bytes, copied into a value.
   template <class Value>
   Value Take() {
     static_assert(std::is_trivially_copyable_v<Value>);
@@ -30,9 +30,9 @@ class Input {
     left_.remove_prefix(taken.size());
     return taken;
   }
-  /// So many bytes as the next two say.
+  /// A text: the next two bytes are its length.
   std::string_view TakeText() { return TakeBytes(Take<uint16_t>()); }
-  /// What stands before the next `end`, which is dropped.
+  /// The bytes before the next `end`, which is skipped.
   std::string_view TakeUntil(char end) {
     const std::string_view taken = TakeBytes(left_.find(end));
     TakeBytes(1);

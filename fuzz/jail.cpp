@@ -33,7 +33,7 @@ namespace fs = std::filesystem;
 
 constexpr rlim_t kMostFileBytes = 1 << 20;
 
-/// The calling thread is the jail's.
+/// Whether the calling thread is in the jail.
 thread_local bool g_jailed = false;
 /// A task runs in the jail.
 std::atomic<bool> g_task_runs = false;
@@ -47,7 +47,8 @@ void Write(const char* path, const std::string& text) {
   Check(static_cast<bool>(file << text << std::flush), path);
 }
 
-/// Gives a process without privileges those over its own mounts. Works for a single thread only.
+/// Gives an unprivileged process privileges over its own mounts. Works only while the process has a
+/// single thread.
 void BecomeRootOfOwnNamespace() {
   if (geteuid() == 0) return;
   const std::string uid = std::to_string(geteuid());
@@ -63,8 +64,8 @@ void Mount(const char* what, const char* where, const char* type, unsigned long 
   Check(mount(what, where, type, flags, options) == 0, where);
 }
 
-/// The way back to the machine: root, working directory and standard error, in a socket, where no
-/// path leads to.
+/// The way back to the machine: descriptors of its root, working directory and standard error. They
+/// wait in a socket, where no path can reach them.
 class WayBack {
  public:
   WayBack() {
@@ -83,7 +84,7 @@ class WayBack {
   WayBack(const WayBack&) = delete;
   WayBack& operator=(const WayBack&) = delete;
 
-  /// The descriptor that has to stay open.
+  /// The descriptor that must stay open.
   [[nodiscard]] int socket() const { return ends_[1]; }
 
   void Take() const {
@@ -98,7 +99,7 @@ class WayBack {
 
  private:
   using Descriptors = std::array<int, 3>;
-  /// A byte, which has to be there, and descriptors.
+  /// Descriptors, and the one byte without which they are not sent.
   struct Message {
     explicit Message(const Descriptors& sent = {}) {
       cmsghdr head{};
@@ -144,7 +145,7 @@ class Jail {
 
   void Run(const std::function<void()>& task) {
     task_ = &task;
-    // Of the whole process, whose log may grow larger between two tasks.
+    // The limit holds for the whole process, so it is lifted between tasks, when a log may grow.
     const rlimit small{.rlim_cur = kMostFileBytes, .rlim_max = file_size_.rlim_max};
     setrlimit(RLIMIT_FSIZE, &small);
     start_.release();
@@ -175,12 +176,12 @@ class Jail {
     }
   }
 
-  /// A thread can have a root, mounts and descriptors of its own.
+  /// Gives the calling thread a root, mounts and descriptors of its own.
   void Enter() const {
     Check(unshare(CLONE_FS | CLONE_FILES | CLONE_NEWNS) == 0, "no namespace of its own");
     Mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
     Mount("jail", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "size=16m,nr_inodes=16k,mode=755");
-    // Of /proc only what confined paths need, and no more of it than is the thread's own.
+    // Confined paths need /proc/self/fd. The jail has no more of /proc, and only this thread's.
     Check(mkdir("/tmp/proc", 0755) == 0, "no directory");
     Mount("proc", "/tmp/proc", "tmpfs", MS_NOSUID | MS_NODEV, "size=64k,mode=755");
     Check(fs::create_directories("/tmp/proc/self/fd"), "no directory");
@@ -189,7 +190,7 @@ class Jail {
           nullptr);
     Check(chdir("/tmp") == 0 && chroot(".") == 0, "no root of its own");
     KeepOnly(way_back_.socket());
-    // A file that would grow too large is an error for who writes it, no end of the process.
+    // A write beyond the limit on file sizes fails instead of ending the process.
     sigset_t too_large;
     sigemptyset(&too_large);
     sigaddset(&too_large, SIGXFSZ);
@@ -197,7 +198,7 @@ class Jail {
     umask(0);
   }
 
-  /// Closes all descriptors but one, and has the standard ones lead to a file of the jail.
+  /// Closes all descriptors except one, and redirects the standard ones to a file in the jail.
   static void KeepOnly(int descriptor) {
     const int nothing = open("/", O_TMPFILE | O_RDWR, 0600);
     Check(nothing >= 0, "no temporary file");
@@ -255,8 +256,8 @@ void Finding(const std::string& what) {
 
 }  // namespace cpd::fuzz
 
-// Called by the sanitizers, where there are any, before they report and before libFuzzer writes the
-// input down.
+// Called by the sanitizers, if there are any, before they report and before libFuzzer saves the
+// input.
 extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier)
 void __asan_on_error();
@@ -267,7 +268,7 @@ void __sanitizer_malloc_hook(const volatile void* block, size_t size);
 void __asan_on_error() { cpd::fuzz::LeaveJail(); }
 void __ubsan_on_report() { cpd::fuzz::LeaveJail(); }
 
-/// No input is large enough to deserve more.
+/// Reports a larger allocation: no input is large enough to justify it.
 void __sanitizer_malloc_hook(const volatile void* /*block*/, size_t size) {
   constexpr size_t kMostBytes = size_t{1} << 29;
   if (size > kMostBytes) cpd::fuzz::Finding("allocates " + std::to_string(size) + " bytes at once");

@@ -1,4 +1,4 @@
-// Where inputs may do to the disk whatever they like.
+// A jail, in which an input may do anything to the disk.
 #pragma once
 
 #include <functional>
@@ -6,20 +6,20 @@
 
 namespace cpd::fuzz {
 
-/// The machine does not let this process make a jail.
+/// Thrown when the machine does not let this process make a jail.
 struct NoJail : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
 /// Runs `task` to its end on a thread that has a root, a working directory, mounts and descriptors
-/// of its own: a small file system in memory, where paths with "..", absolute paths and links end,
-/// and where sparse files stay below 1 MiB each. The fuzzer's own threads keep the machine's root,
-/// for corpus and reproducers; a task that ends the process returns there first. Nothing is left
-/// behind.
+/// of its own. Its root is a small file system in memory, which no "..", absolute path or link can
+/// leave, and in which each file is limited to 1 MiB. The fuzzer's own threads keep the machine's
+/// root, for corpus and reproducers; a task that ends the process returns there first. Nothing is
+/// left over.
 /// @throws NoJail
 void RunInJail(const std::function<void()>& task);
 
-/// Deletes everything in the jail but /proc. Within a task only.
+/// Deletes everything in the jail except /proc. Only for use within a task.
 void EmptyJail();
 
 }  // namespace cpd::fuzz

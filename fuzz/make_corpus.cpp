@@ -1,5 +1,5 @@
 // Writes the first inputs of each target: make_corpus DIRECTORY
-// Or tells whether they stand there already: make_corpus --check DIRECTORY
+// With --check, only checks that DIRECTORY has them: make_corpus --check DIRECTORY
 #include <cstdint>
 #include <cstdio>
 #include <exception>
@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 using namespace cpd;        // NOLINT(google-build-using-namespace)
 using namespace cpd::test;  // NOLINT(google-build-using-namespace)
 
-/// A text behind its length.
+/// A text after its length.
 std::string Text(const std::string& text) {
   return BytesOf(static_cast<uint16_t>(text.size())) + text;
 }
@@ -57,8 +57,8 @@ std::string Step(const Request& request) {
   return "R" + BytesOf(request.cmd) + Text(request.payload);
 }
 
-/// A request again and again, each time with another of its words at an end of its range, as far as
-/// heads reach, that of a batch's first piece included. The disk comes back in between.
+/// Repeats a request, each time with another word of its heads at a limit of its range; the head of
+/// a batch's first piece is included. After each the disk is mounted again.
 std::string Extremes(const Request& request) {
   constexpr size_t kHeads = 48;
   std::string steps;
@@ -278,7 +278,7 @@ void MakeCheckDir(const Corpus& corpus) {
       "bc\x02\x03\x00",
       11);
   corpus.Add("listings", "L\x02\x02" + entries + entries);
-  // Eight files with names of one byte, then of 250.
+  // Eight files, first with names of one byte, then of 250.
   constexpr char kFiles = 8;
   corpus.Add("replaced",
              'P' + (kFiles + std::string(kFiles, '\0')) + (kFiles + std::string(kFiles, '\xf9')));

@@ -1,5 +1,5 @@
-// Operations on packets, with what each has to leave behind checked.
-// An input is a received image, then letters, each an operation with its arguments.
+// Runs operations on packets and checks the outcome of each.
+// An input is a received packet, then letters, each an operation with its arguments.
 #include <byteswap.h>
 
 #include <cstdint>
@@ -21,10 +21,10 @@ std::string_view Content(const CpdPacket& packet) {
   return {reinterpret_cast<const char*>(packet.buffer->data), packet.buffer->capacity};
 }
 
-/// A packet of an image, adopted or copied; without a buffer where the image is refused.
+/// A packet that adopts or copies an image; it has no buffer when Parse refuses the image.
 std::unique_ptr<CpdPacket> Parsed(std::string_view image, bool copy) {
   auto packet = std::make_unique<CpdPacket>();
-  // Exactly as long as the image: a look past it shows.
+  // Exactly as long as the image, so that a sanitizer detects every access beyond it.
   auto* const block = static_cast<uint8_t*>(std::malloc(image.size()));
   image.copy(reinterpret_cast<char*>(block), image.size());
   const int result = packet->Parse(block, static_cast<int>(image.size()), copy);
@@ -55,7 +55,7 @@ void Append(CpdPacket* packet, std::string_view bytes) {
     return;
   }
   if (new_length == length) return;             // nothing to append, or no room for it
-  if (length < CPD_PACKET_HEADER_SIZE) return;  // a claim of the image: the header is overwritten
+  if (length < CPD_PACKET_HEADER_SIZE) return;  // a false length: the header is overwritten
   Expect(new_length == length + bytes.size() && new_length <= after.size(),
          "packetLen counts what was appended");
   Expect(after.substr(length, bytes.size()) == bytes, "the bytes stand where the payload ended");
@@ -76,14 +76,14 @@ void ReadWord(CpdPacket* packet) {
   Expect(word == stored, "the word is what stands there");
 }
 
-/// The clone, where there is one, in the packet's place.
+/// Replaces the packet by its clone, if there is one.
 void Clone(std::unique_ptr<CpdPacket>* packet) {
   std::unique_ptr<CpdPacket> clone((*packet)->Clone());
   if (clone == nullptr) return;
   const uint64_t length = clone->buffer->capacity;
   Expect(length == (*packet)->header->packetLen, "a clone is as long as the packet says");
   Expect(clone->readPos == 0, "nothing of a clone was read");
-  // A big-endian packet is converted once more.
+  // Cloning a big-endian packet converts it again.
   if (clone->header->bigEndian == 0) {
     Expect(Content(*clone) == Content(**packet).substr(0, length), "a clone is a copy");
   }
@@ -115,7 +115,7 @@ void Run(Input in) {
       case 'A':
         Append(packet.get(), in.TakeText());
         break;
-      case 'Z':  // far more than the buffer grows at once
+      case 'Z':  // far more than the buffer grows in one step
         Append(packet.get(), std::string(in.Take<uint16_t>() * size_t{4}, 'z'));
         break;
       case 'W':
@@ -130,7 +130,7 @@ void Run(Input in) {
       case 'S':
         if (packet->buffer != nullptr) {
           Expect(packet->PayloadSize() == packet->header->packetLen - packet->readPos - 16U,
-                 "the payload is the packet without header and what was read");
+                 "the payload is the packet without the header and what was read");
         }
         break;
       case 'C':

@@ -1,4 +1,4 @@
-// The disk's parameters: an input is the text that the host hands over.
+// Reads the disk's parameters. An input is the text that the host supplies.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -21,7 +21,7 @@ void CheckAnnouncement(const test::SentPacket& packet, uint8_t read_only) {
   std::memcpy(&length, packet.payload.data(), sizeof length);
   Expect(length <= 255, "a name has 255 bytes at most");
   Expect(packet.payload.size() == sizeof length + length + 2,
-         "the name, its end and a flag follow");
+         "the name, its NUL and a flag follow");
   const std::string name = packet.payload.substr(sizeof length, length);
   Expect(name.find('\0') == std::string::npos, "a name ends at its NUL");
   Expect(packet.payload[sizeof length + length] == '\0', "the name has its end");

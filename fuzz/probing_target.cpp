@@ -1,5 +1,5 @@
-// Probing and local mounting: an input says what the commands print that the service runs. None is
-// run; instead each must be one that a shell takes for the words it was made of.
+// Probing and local mounting. An input is the output of the commands that the service runs. No
+// command is really run; instead, a shell must split each into exactly the words it was made of.
 #include <sys/stat.h>
 
 #include <cctype>
@@ -24,19 +24,19 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-/// Ends a part of an input.
+/// Separates the parts of an input.
 constexpr char kPartEnd = '\x1d';
 
 struct Output {
   std::string blkid;
   std::string partitions;
   std::string number;  ///< of any file in sysfs
-  bool none = false;   ///< no command can be started
+  bool none = false;   ///< every command fails to start
 };
 Output g_output;
 std::vector<std::string> g_commands;
 
-/// What a shell makes of a command; a finding where that is more than words.
+/// The words into which a shell splits a command. A command that is more than words is a finding.
 Words Split(const std::string& command) {
   Words words(1);
   bool quoted = false;
@@ -71,7 +71,7 @@ std::vector<Words> TakeCommands() {
   return all;
 }
 
-/// Where any command was made at all: it may have been too long.
+/// Expects no other command. There may be none, because it was too long.
 void ExpectOnly(const Words& command) {
   for (const Words& words : TakeCommands()) {
     Expect(words == command, "the command asks for what it was made for");
@@ -150,7 +150,7 @@ void Run(Input in) {
   g_output.partitions = in.TakeUntil(kPartEnd);
   g_output.number = in.TakeRest();
 
-  ReadNumbers(device.substr(0, device.find('\0')));  // to the service it ends there
+  ReadNumbers(device.substr(0, device.find('\0')));  // for the service the name ends at a NUL
   FindDisk();
   TakeValue(g_output.blkid);
   MountAndUnmount(device);
@@ -158,7 +158,7 @@ void Run(Input in) {
 
 }  // namespace cpd::fuzz
 
-// In the place of those that run commands.
+// Replace the functions that run commands.
 extern "C" {
 
 FILE* popen(const char* command, const char* /*mode*/) {

@@ -23,7 +23,7 @@ std::vector<fs::path> FilesOf(const fs::path& path) {
 void Replay(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);
   const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(file), {}};
-  // Named first: what breaks shows after which name.
+  // Printed first, so that a failure appears after the name of its input.
   std::cerr << path.string() << ", " << bytes.size() << " bytes\n";
   LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }

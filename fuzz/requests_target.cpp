@@ -1,6 +1,6 @@
-// Whole sequences of requests, as a hostile remote side may send them, with bus events and a disk
-// that comes and goes in between. An input is a byte of settings, then letters, each a step with
-// its arguments; other bytes mean nothing.
+// Runs sequences of requests, as a hostile remote side may send them, mixed with bus events and
+// with a disk that comes and goes. An input is a byte of settings, then letters, each a step with
+// its arguments; other bytes are skipped.
 #include <cstdint>
 #include <memory>
 #include <string>

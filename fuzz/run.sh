@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Fuzzes the targets, two at a time, and tells what came of it.
+# Fuzzes the targets, two at a time, and reports the results.
 #
 #   fuzz/run.sh SECONDS             each of them for so many seconds
 #   fuzz/run.sh SECONDS TARGET...   only those: check_dir driver packet parameters probing requests
 #
-# What the fuzzer learns stays in build/fuzz/corpus, for the next run. The input of a finding goes to
-# build/fuzz/findings. Ends with status 1 when there is one, with 77 on a machine where the fuzzers
-# cannot lock themselves in.
+# Inputs that the fuzzer learns are stored in build/fuzz/corpus, for the next run. The input of a
+# finding is stored in build/fuzz/findings. Exits with 1 when there is a finding, with 77 on a
+# machine where the fuzzers cannot make their jail.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/../scripts/usage.sh"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -31,7 +31,7 @@ fuzz() {
   local learnt=$build/corpus/$target found=$findings/$target options=()
   [[ ! -f fuzz/$target.dict ]] || options=(-dict="fuzz/$target.dict")
   mkdir -p "$learnt" "$found"
-  # Standard output is the packet class's, which says there what it refuses.
+  # Closes standard output, on which the packet class prints what it refuses.
   ASAN_OPTIONS=quarantine_size_mb=16:malloc_context_size=8 \
     "$build/bin/fuzz_$target" -max_total_time="$seconds" -max_len=1048576 -timeout=20 \
     -close_fd_mask=1 -print_final_stats=1 -artifact_prefix="$found/" \
@@ -46,12 +46,12 @@ report() {
     /number_of_executed_units/ { runs = $2 }
     /average_exec_per_sec/ { rate = $2 }
     END { sub("/.*", "", corpus)
-          printf "%-10s %9d executions, %6d a second, %5d edges covered, %5d inputs kept\n",
+          printf "%-10s %9d executions, %6d per second, %5d edges covered, %5d inputs learnt\n",
                  target, runs, rate, edges, corpus }' "$log"
 }
 
 status=0
-# Waits for the oldest of those that run.
+# Waits for the fuzzer that was started first of those that still run.
 finish() {
   local target=${running[0]} process=${processes[0]}
   running=("${running[@]:1}") processes=("${processes[@]:1}")

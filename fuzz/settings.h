@@ -1,4 +1,4 @@
-// The byte that an input of the requests target begins with.
+// The first byte of an input of the requests target.
 #pragma once
 
 #include <cstdint>
@@ -8,10 +8,10 @@ namespace cpd::fuzz {
 enum Setting : uint8_t {
   kTokenBucket = 1,
   kForcedBandwidth = 2,
-  kPathFilter = 4,  ///< reads and writes of some files are traced
+  kPathFilter = 4,  ///< the host has reads and writes of some files traced
   kDeafHost = 8,    ///< SendPacket fails
   kConfined = 16,
-  kNotNamed = 32,  ///< requests come before the service has named the disk
+  kNotNamed = 32,  ///< requests arrive before the service has set the disk
 };
 
 }  // namespace cpd::fuzz

@@ -9,7 +9,8 @@ namespace {
 constexpr int kSkipped = 77;
 }
 
-// Before libFuzzer starts a thread: an unprivileged process makes its jail as a single one.
+// Makes the jail before libFuzzer starts threads: an unprivileged process can make one only while
+// it has a single thread.
 int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   try {
     cpd::fuzz::RunInJail([] {});

@@ -1,5 +1,5 @@
-// A fuzz target: one function, which libFuzzer feeds with inputs of its own making and the replay
-// with those of the corpus.
+// A fuzz target: one function, to which libFuzzer passes the inputs that it makes, and the replay
+// those of the corpus.
 #pragma once
 
 #include <cstddef>
@@ -9,11 +9,11 @@
 
 namespace cpd::fuzz {
 
-/// Each target's own; called in the jail. Reports what is wrong by Finding.
+/// Each target defines it; it is called in the jail. Reports an error through Finding.
 void Run(Input input);
 
 }  // namespace cpd::fuzz
 
-// What libFuzzer calls.
+// Called by libFuzzer.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);

@@ -1,4 +1,4 @@
-// What the command line says about a disk.
+// The options of one redirected disk, as the command line gives them.
 #pragma once
 
 #include <chrono>
@@ -12,18 +12,18 @@ struct DiskOptions {
   std::string name;          ///< announced to the remote side; empty = the directory's name
   std::string label;         ///< the remote side's label; empty = the directory's name
   std::string drive;         ///< the remote side's name for the disk; empty = none
-  std::string policy;        ///< handed to the module as it is
-  std::string module;        ///< empty = the one built beside this program
-  std::string trace;         ///< file for trace events; empty = none are kept
-  bool trace_reads = false;  ///< the path filter matches every path
+  std::string policy;        ///< passed to the module unchanged
+  std::string module;        ///< empty = the one built with this program
+  std::string trace;         ///< file for trace events; empty = none are written
+  bool trace_reads = false;  ///< trace reads and writes of every file
   bool read_only = false;
   bool unconfined = false;              ///< paths may lead out of the disk
-  bool allow_other = false;             ///< users other than the host's may enter the mount
-  bool batch = true;                    ///< small writes leave together
-  bool prefetch = true;                 ///< small files are read ahead
-  bool dir_cache = true;                ///< listings are kept and checked
+  bool allow_other = false;             ///< let other users use the mount
+  bool batch = true;                    ///< send small writes in batches
+  bool prefetch = true;                 ///< read small files ahead
+  bool dir_cache = true;                ///< cache listings; check them before reuse
   uint32_t bandwidth_kbps = 0;          ///< announced for reads; 0 = no announcement
-  std::chrono::seconds time_limit{30};  ///< for an answer that does not come
+  std::chrono::seconds time_limit{30};  ///< how long to wait for a reply
 };
 
 }  // namespace cpd::host

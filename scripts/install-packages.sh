@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are still missing: scripts/install-packages.sh build|test|fuzz ...
-# Touches neither network nor package lists when nothing is missing.
+# Installs the Debian packages that are still missing: scripts/install-packages.sh build|test|fuzz
+# ... If nothing is missing, it uses neither the network nor the package lists.
 set -euo pipefail
 
 build=(
@@ -28,14 +28,14 @@ for list in "$@"; do
 done
 
 if ! command -v dpkg-query >/dev/null; then
-  echo "Not a Debian system: please see that it has the equivalents of: ${wanted[*]}" >&2
+  echo "Not a Debian system: please install the equivalents of: ${wanted[*]}" >&2
   exit 0
 fi
 
 missing=()
 for package in "${wanted[@]}"; do
   status=$(dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null || true)
-  # A package may be there for several architectures: one line each.
+  # A package may be installed for several architectures, with one line for each.
   [[ $'\n'$status$'\n' == *$'\ninstalled\n'* ]] || missing+=("$package")
 done
 [[ ${#missing[@]} -gt 0 ]] || exit 0
@@ -43,7 +43,7 @@ done
 as_root=(env DEBIAN_FRONTEND=noninteractive)
 if [[ $(id -u) -ne 0 ]]; then
   if ! command -v sudo >/dev/null; then
-    echo "Missing packages, and no sudo here. As root: apt-get install ${missing[*]}" >&2
+    echo "Packages are missing, without sudo. As root, run: apt-get install ${missing[*]}" >&2
     exit 1
   fi
   as_root=(sudo "${as_root[@]}")

@@ -1,4 +1,4 @@
-// What the commands share: where they leave their choice, and the options that concern a disk.
+// Shared by the commands: the chosen command, and the options of those that open a disk.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -15,10 +15,10 @@ namespace cpd::host {
 struct CommandLine {
   LogLevel log_level = LogLevel::kError;
   std::string log_file;       ///< empty = standard error
-  std::function<void()> run;  ///< the chosen command; throws what went wrong
+  std::function<void()> run;  ///< the chosen command; throws std::exception on failure
 };
 
-// Each adds one command. Its options live as long as the command.
+// Each adds one command, which owns its options.
 void AddMountCommand(CLI::App* app, CommandLine* line);
 void AddDisksCommand(CLI::App* app, CommandLine* line);
 void AddLsCommand(CLI::App* app, CommandLine* line);
@@ -27,12 +27,12 @@ void AddDfCommand(CLI::App* app, CommandLine* line);
 
 /// Adds DISK and the options of every command that opens a disk.
 void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line);
-/// Checks the disk's path, fills in the names that were left out, and tells the module whether to
-/// confine paths; before the module is loaded.
+/// Checks the disk's path, fills in missing names, and sets the environment variable that makes the
+/// module confine paths. Must be called before the module opens the disk.
 /// @throws std::runtime_error when the path is not a directory
 void CompleteOptions(DiskOptions* options);
-/// @param what  how a message names it
-/// @return the path without links and dots
+/// @param what  what an error message calls the directory
+/// @return the absolute path, with links and dots resolved
 /// @throws std::runtime_error when it is not a directory
 std::string CanonicalDirectory(const std::string& path, const char* what);
 

@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Sees to it that the module, once loaded, confines paths or does not.
+/// Sets or clears the variable that the module reads when it opens a disk.
 void SetConfinement(const DiskOptions& options) {
   constexpr const char* kVariable = "TESSEL_CPD_CLIENT_CONFINE";
   if (options.unconfined) {
@@ -32,23 +32,23 @@ void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line) {
   command->add_option("DISK", disk->disk, "Directory to redirect, such as a mounted USB disk");
   command->add_option("--module", disk->module, "Driver module [../lib/udisk-redir.so]");
   command->add_option("--policy", disk->policy, "Policy text for the module");
-  command->add_option("--bandwidth", disk->bandwidth_kbps, "Announced read bandwidth in kbps")
+  command->add_option("--bandwidth", disk->bandwidth_kbps, "Read bandwidth to announce, in kbps")
       ->type_name("KBPS");
   command
       ->add_option("--timeout", disk->time_limit,
-                   "How long an answer may take, beyond 10 s for pacing [30]")
+                   "Time limit for a reply; 10 s are added for pacing [30]")
       ->type_name("SECONDS")
       ->check(CLI::NonNegativeNumber);
   command->add_option("--log", line->log_file, "Log file [standard error]");
   command->add_option("--log-level", line->log_level, "debug, error or off [error]")
       ->transform(CLI::Transformer(levels, CLI::ignore_case));
-  command->add_option("--trace", disk->trace, "File for trace events, one JSON object a line");
-  command->add_flag("--trace-reads", disk->trace_reads, "Trace every read");
+  command->add_option("--trace", disk->trace, "File for trace events, one JSON object per line");
+  command->add_flag("--trace-reads", disk->trace_reads, "Trace every read and write");
   command->add_flag("--unconfined", disk->unconfined, "Follow paths and links that leave the disk");
 }
 
 std::string CanonicalDirectory(const std::string& path, const char* what) {
-  if (path.empty()) throw std::runtime_error(fmt::format("the {} is missing", what));
+  if (path.empty()) throw std::runtime_error(fmt::format("no {} given", what));
   std::error_code error;
   auto canonical = fs::canonical(path, error);
   if (error) throw std::runtime_error(fmt::format("{} {}: {}", what, path, error.message()));

@@ -47,7 +47,7 @@ void PrintDisksAsJson(const std::vector<LocalDisk>& disks) {
 void AddDisksCommand(CLI::App* app, CommandLine* line) {
   auto* disks = app->add_subcommand("disks", "List the USB disks of this machine");
   const auto json = std::make_shared<bool>(false);
-  disks->add_flag("--json", *json, "As a JSON array");
+  disks->add_flag("--json", *json, "Print a JSON array");
   disks->callback([line, json] {
     line->run = [json] { *json ? PrintDisksAsJson(FindDisks()) : PrintDisks(FindDisks()); };
   });

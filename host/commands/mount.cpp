@@ -29,12 +29,11 @@ std::string CheckedMountPoint(const std::string& path, const std::string& disk) 
     throw std::runtime_error(fmt::format("mount point {}: {}", path, std::strerror(errno)));
   }
   if ((status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0) {
-    throw std::runtime_error(fmt::format("mount point {} is busy: something is mounted", path));
+    throw std::runtime_error(fmt::format("mount point {} is in use: it has a mount already", path));
   }
-  // The module would have to answer itself.
+  // Otherwise the module's own file accesses would go through the mount and wait for the module.
   if (IsWithin(mount_point, disk) || IsWithin(disk, mount_point)) {
-    throw std::runtime_error(
-        fmt::format("disk {} and mount point {} lie in each other", disk, path));
+    throw std::runtime_error(fmt::format("disk {} and mount point {} overlap", disk, path));
   }
   if (access("/dev/fuse", R_OK | W_OK) != 0) {
     throw std::runtime_error(fmt::format("/dev/fuse: {}", std::strerror(errno)));
@@ -42,10 +41,11 @@ std::string CheckedMountPoint(const std::string& path, const std::string& disk) 
   return mount_point;
 }
 
-/// Only the thread that serves the mount takes these, when all stands that they take down.
+/// Blocks the stop signals in this thread and all that it starts. FuseMount::Serve lets them in
+/// once everything that they end has been set up.
 sigset_t BlockStopSignals() {
-  // A script's background job starts with SIGINT ignored; the mount must go with the script all the
-  // same.
+  // A shell starts a script's background jobs with SIGINT ignored, but Ctrl-C on the script must
+  // end the mount, too.
   (void)std::signal(SIGINT, SIG_DFL);
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
@@ -69,7 +69,7 @@ void Mount(DiskOptions options, const std::string& mount_point_option,
   PrintTable(disk.session().statistics());
 }
 
-/// Mounts a partition locally and shows that.
+/// Mounts a partition locally and redirects its directory.
 void MountDevice(const std::string& device, DiskOptions options, const std::string& mount_point,
                  const sigset_t& stop_signals) {
   const LocalMount local(device);
@@ -86,31 +86,32 @@ struct MountOptions {
 }  // namespace
 
 void AddMountCommand(CLI::App* app, CommandLine* line) {
-  auto* mount = app->add_subcommand("mount", "Show the disk as a file system");
+  auto* mount = app->add_subcommand("mount", "Mount the disk as a file system");
   const auto options = std::make_shared<MountOptions>();
   auto* const shown = &options->disk;
   AddDiskOptions(mount, shown, line);
   mount->add_option("MOUNTPOINT", options->mount_point, "Where to mount");
   mount->add_option("--device", options->device,
-                    "Partition to mount locally instead of DISK, such as sdb1");
-  mount->add_option("--name", shown->name, "Name that is announced [the directory's]");
+                    "Partition to mount locally and use as DISK, such as sdb1");
+  mount->add_option("--name", shown->name, "Name to announce [the directory's name]");
   mount->add_option("--label", shown->label, "Label on the remote side [the directory's name]");
-  mount->add_flag("--read-only", shown->read_only, "Refuse every change; announced, too");
+  mount->add_flag("--read-only", shown->read_only, "Refuse every change and announce that");
   mount->add_flag("--allow-other", shown->allow_other,
-                  "Let other users enter the mount; see README's limits");
+                  "Let other users use the mount; see README, Limits");
   mount->add_flag("!--no-batch", shown->batch, "Send small writes one by one");
   mount->add_flag("!--no-prefetch", shown->prefetch, "Do not read small files ahead");
   mount->add_flag("!--no-dir-cache", shown->dir_cache, "List directories in full every time");
-  // A habit from other mount programs: this one always stays in the foreground.
+  // Hidden and without effect: users of other mount programs pass it, and this program always stays
+  // in the foreground.
   mount->add_flag("--foreground")->group("");
   mount->callback([line, options] {
     line->run = [options] {
       const auto stop_signals = BlockStopSignals();
-      (void)std::signal(SIGPIPE, SIG_IGN);  // the mount outlives the reader of what it prints
+      (void)std::signal(SIGPIPE, SIG_IGN);  // a closed pipe must not end the mount
       const auto& [disk, mount_point, device] = *options;
       if (device.empty()) return Mount(disk, mount_point, stop_signals);
-      if (!mount_point.empty()) throw std::runtime_error("--device takes the place of DISK");
-      MountDevice(device, disk, disk.disk, stop_signals);  // the one path that was given
+      if (!mount_point.empty()) throw std::runtime_error("give either --device or DISK, not both");
+      MountDevice(device, disk, disk.disk, stop_signals);  // the only path given is the mount point
     };
   });
 }

@@ -1,4 +1,4 @@
-// Commands that read the disk by packets alone, where no file system can be mounted.
+// Commands that read the disk by packets alone, for machines where nothing can be mounted.
 #pragma once
 
 #include <functional>
@@ -14,14 +14,14 @@
 
 namespace cpd::host {
 
-/// The disk of such a command and a path on it.
+/// The disk that a command reads, and a path on it.
 struct PathOptions {
   DiskOptions disk;
   std::string path = "/";
 };
 
 /// Adds a command that opens the disk and calls `print` with its files.
-/// @param path_help  describes the option PATH; null: there is none
+/// @param path_help  help text of the option PATH; null = the command has no PATH
 inline CLI::Option* AddPacketCommand(CLI::App* app, CommandLine* line, const char* name,
                                      const char* description, const char* path_help,
                                      void (*print)(RemoteFiles& files, const std::string& path)) {
@@ -33,7 +33,7 @@ inline CLI::Option* AddPacketCommand(CLI::App* app, CommandLine* line, const cha
       CompleteOptions(&options->disk);
       Redirection disk(options->disk);
       RemoteFiles files(disk.session());
-      // Every path of the protocol begins at the disk's root.
+      // Paths in the protocol begin with '/', the disk's root.
       const auto& path = options->path;
       print(files, path.starts_with('/') ? path : '/' + path);
     };
@@ -41,12 +41,12 @@ inline CLI::Option* AddPacketCommand(CLI::App* app, CommandLine* line, const cha
   return path_help == nullptr ? nullptr : command->add_option("PATH", options->path, path_help);
 }
 
-/// Asks and waits for the answer.
-/// @param what  how a message names what was asked for
-/// @throws std::system_error when the disk does not give it
+/// Calls `ask` and waits for the result.
+/// @param what  what an error message names, such as the path
+/// @throws std::system_error with the result's errno
 template <class T, class Ask>
 T Await(const std::string& what, Ask ask) {
-  // Shared: the thread that sets the value may still be in the promise when the value is there.
+  // Shared, because the thread that sets the value may still be inside set_value when get returns.
   const auto promise = std::make_shared<std::promise<Result<T>>>();
   ask([promise](Result<T> result) { promise->set_value(std::move(result)); });
   auto result = promise->get_future().get();

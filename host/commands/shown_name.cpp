@@ -12,7 +12,7 @@
 namespace cpd::host {
 namespace {
 
-/// Splits a name into characters; a byte that is not UTF-8 is one by itself.
+/// Splits a name into characters; each byte that is not UTF-8 counts as one.
 std::vector<std::string_view> Characters(std::string_view name) {
   std::vector<std::string_view> characters;
   while (!name.empty()) {
@@ -30,14 +30,14 @@ bool IsPrintable(std::string_view character) {
   return Utf8Length(character) != 0 && !is_c1_control && !is_line_or_paragraph_end;
 }
 
-/// Whether a shell, or the terminal, would take a name for anything but itself.
+/// Whether a shell or the terminal would interpret anything in a name.
 bool NeedsQuotes(std::string_view name, const std::vector<std::string_view>& characters) {
   return name.find_first_of(" !\"$&'()*;<=>?[\\^`|") != std::string_view::npos || name[0] == '#' ||
          name[0] == '~' || name == "{" || name == "}" ||
          !std::ranges::all_of(characters, IsPrintable);
 }
 
-/// Whether double quotes serve: nothing in the name means anything between them.
+/// Whether double quotes suffice, because nothing in the name is special between them.
 bool FitsDoubleQuotes(std::string_view name, const std::vector<std::string_view>& characters) {
   return name.find_first_of("!\"$&()*;<=>?[\\^`|{}") == std::string_view::npos &&
          name.find_first_of("#~", 1) == std::string_view::npos &&

@@ -1,4 +1,4 @@
-// Names from a disk on the user's terminal.
+// Prints a disk's names on the user's terminal.
 #pragma once
 
 #include <string>
@@ -6,12 +6,13 @@
 
 namespace cpd::host {
 
-/// A name as `ls` shows it: on a terminal as QuotedForShell, because an escape sequence in it would
-/// reach the terminal, and a line feed look like another entry; elsewhere, as in a pipe, unchanged.
+/// A name as `ls` prints it: unchanged, unless standard output is a terminal; then as
+/// QuotedForShell, because the terminal would carry out an escape sequence, and a line feed would
+/// look like another entry.
 std::string ShownName(std::string_view name);
 
 /// A name as `ls --quoting-style=shell-escape` writes it: a word that a shell reads as that name,
-/// with quotes only where it needs them, and with escapes for all that cannot be printed.
+/// with quotes only if it needs them, and with escapes for everything unprintable.
 std::string QuotedForShell(std::string_view name);
 
 }  // namespace cpd::host

@@ -1,4 +1,4 @@
-// What the user sees of a session's statistics.
+// Prints a session's statistics.
 #pragma once
 
 #include <cstdint>
@@ -9,11 +9,11 @@
 
 namespace cpd::host {
 
-/// A line on the terminal that is renewed every second; where standard error is none, nothing.
+/// A status line that is rewritten every second; nothing if standard error is not a terminal.
 class StatusLine {
  public:
   StatusLine(const Session& session, uint32_t announced_kbps);
-  /// Takes the line off the terminal.
+  /// Erases the line.
   ~StatusLine();
   StatusLine(const StatusLine&) = delete;
   StatusLine& operator=(const StatusLine&) = delete;
@@ -34,7 +34,7 @@ class StatusLine {
   std::unique_ptr<Periodic> print_;
 };
 
-/// Prints one row a command to standard output.
+/// Prints one row per command to standard output.
 void PrintTable(const Statistics& statistics);
 
 }  // namespace cpd::host

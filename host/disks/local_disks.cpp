@@ -24,15 +24,15 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view kMedia = "/media/";
-/// What the service keeps of a mount point; a longer one would be unmounted, and removed, by its
-/// beginning.
+/// The service cuts a mount point to this many bytes. With a longer one it would unmount and remove
+/// the directory that the cut path names.
 constexpr size_t kLongestMountPoint = 31;
 
 struct FreeDeleter {
   void operator()(void* block) const { std::free(block); }
 };
 
-/// A record that the service may free.
+/// A record from calloc, since the service frees it with free.
 template <class Record>
 std::unique_ptr<Record, FreeDeleter> Allocate() {
   std::unique_ptr<Record, FreeDeleter> record(static_cast<Record*>(std::calloc(1, sizeof(Record))));
@@ -40,7 +40,7 @@ std::unique_ptr<Record, FreeDeleter> Allocate() {
   return record;
 }
 
-/// The partitions of the disk that a device is on.
+/// The partitions of the disk to which a device belongs.
 std::vector<UDiskInfo> Probe(const std::string& device) {
   UdiskDevice list{};
   if (UDiskService::GetDeviceLabel(device.c_str(), &list) != 0) {
@@ -50,7 +50,7 @@ std::vector<UDiskInfo> Probe(const std::string& device) {
   return {list.infos, list.infos + list.count};
 }
 
-/// The USB port, such as 2-1.4, in a device's place in sysfs; empty where there is none.
+/// The USB port, such as 2-1.4, in a device's sysfs path; empty if there is none.
 std::string UsbPort(const fs::path& place) {
   std::string port;
   for (const fs::path& part : place) {
@@ -61,17 +61,17 @@ std::string UsbPort(const fs::path& place) {
   return port;
 }
 
-/// How many mounts lie upon each other on a directory.
+/// How many mounts are stacked on a directory.
 int CountMounts(const fs::path& directory) {
   std::ifstream mounts("/proc/self/mountinfo");
   int count = 0;
   for (std::string line; std::getline(mounts, line);) {
     std::istringstream fields(line);
     std::string field;
-    for (int i = 0; i < 5; ++i) fields >> field;  // the fifth: where it is mounted
+    for (int i = 0; i < 5; ++i) fields >> field;  // the fifth is the mount point
     std::string place;
     for (size_t i = 0; i < field.size(); ++i) {
-      if (field[i] == '\\' && i + 3 < field.size()) {  // blanks and such stand in octal
+      if (field[i] == '\\' && i + 3 < field.size()) {  // blanks and backslashes are octal
         place += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
         i += 3;
       } else {
@@ -83,12 +83,12 @@ int CountMounts(const fs::path& directory) {
   return count;
 }
 
-/// The service unmounts and then removes the directory with all that is in it. So it has to be the
-/// mount's own: nobody's files and no other mount.
+/// The service unmounts the directory and then removes it with everything in it. So it must be the
+/// mount's own, without files or another mount in it.
 fs::path CheckedDirectory(const std::string& label) {
   if (label.empty() || label == "." || label == ".." || label.find('/') != std::string::npos ||
       kMedia.size() + label.size() > kLongestMountPoint) {
-    throw std::runtime_error(fmt::format(R"(the label "{}" names no directory in /media)", label));
+    throw std::runtime_error(fmt::format(R"(the label "{}" cannot be used in /media)", label));
   }
   fs::path directory = std::string(kMedia) + label;
   std::error_code error;
@@ -132,7 +132,7 @@ LocalMount::LocalMount(const std::string& device) {
     if (path == info.devName) found = info;
   }
   if (!found) {
-    throw std::runtime_error(fmt::format("{} is no partition with a label or UUID", path));
+    throw std::runtime_error(fmt::format("{} is not a partition with a label or UUID", path));
   }
   directory_ = CheckedDirectory(found->label);
 
@@ -144,24 +144,24 @@ LocalMount::LocalMount(const std::string& device) {
   const int status = UDiskService::MountLocal(info.get());
   if (status != 0) {
     std::error_code ignored;
-    fs::remove(directory_, ignored);  // empty, as it was or as it was made
+    fs::remove(directory_, ignored);  // empty: checked above, or just made
     throw std::runtime_error(fmt::format("cannot mount {} on {}: status {}", path,
                                          directory_.string(),
                                          WIFEXITED(status) ? WEXITSTATUS(status) : status));
   }
-  // From here on the service's, which unmounts the list and frees it.
+  // From here on the service owns the list: it unmounts its entries and frees it.
   *list = {.count = 1, .infos = info.release()};
   service_->mUdiskDevice = list.release();
 }
 
 LocalMount::~LocalMount() {
-  // The service removes the directory with all that is in it, whether it could unmount it or not.
-  // With a second mount upon it, or none, that would be somebody's files.
+  // The service removes the directory with everything in it, even when it could not unmount it. If
+  // nothing is mounted there, or a second mount covers the first, it would delete somebody's files.
   if (CountMounts(directory_) == 1 && umount2(directory_.c_str(), MNT_DETACH) == 0) {
     service_->UmountLocal();
     return;
   }
-  PrintError(fmt::format("cpd-host: {} is left as it is: it is not mounted once, or busy\n",
+  PrintError(fmt::format("cpd-host: leaving {} alone: not mounted exactly once, or busy\n",
                          directory_.string()));
 }
 

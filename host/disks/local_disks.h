@@ -15,8 +15,8 @@ namespace cpd::host {
 
 struct Partition {
   std::string device;  ///< such as /dev/sdb1
-  std::string label;   ///< or its UUID
-  std::string type;    ///< file system, as blkid names it
+  std::string label;   ///< its UUID if it has no label
+  std::string type;    ///< of the file system, as blkid names it
 };
 
 struct LocalDisk {
@@ -26,15 +26,15 @@ struct LocalDisk {
   std::vector<Partition> partitions;
 };
 
-/// The block devices on USB, by name. Partitions that have neither label nor UUID are not listed.
+/// The block devices on USB, sorted by name. Partitions without label and UUID are left out.
 std::vector<LocalDisk> FindDisks();
 
-/// A partition, mounted in /media for as long as this lives.
+/// A partition that is mounted in /media while this object lives.
 class LocalMount {
  public:
   /// @param device  such as sdb1 or /dev/sdb1
-  /// @throws std::runtime_error  without the rights; where there is no such partition; where its
-  ///         label names no directory of its own; when the mount fails
+  /// @throws std::runtime_error when the process is not root, there is no such partition, its label
+  ///         cannot name a directory of its own, or the mount fails
   explicit LocalMount(const std::string& device);
   ~LocalMount();
   LocalMount(const LocalMount&) = delete;
@@ -43,7 +43,7 @@ class LocalMount {
   [[nodiscard]] const std::filesystem::path& directory() const { return directory_; }
 
  private:
-  // The service's half that starts a redirection is not used, nor is there a device.
+  // Only the service's local half is used: it starts no redirection, so it has no device.
   std::unique_ptr<UDiskOperator> operator_;
   std::unique_ptr<UDiskService> service_;
   std::filesystem::path directory_;

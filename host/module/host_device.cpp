@@ -13,9 +13,9 @@
 namespace cpd::host {
 namespace {
 
-constexpr size_t kLongestText = 255;  // what the module keeps of a path or a name
+constexpr size_t kLongestText = 255;  // the module cuts a path or a name to this
 
-/// Traces reads and writes of every file.
+/// Matches every path, so that reads and writes of every file are traced.
 class EveryPath : public CpdPathFilter {
  public:
   std::shared_ptr<CpdPathMatch> MatchPath(const std::string& /*path*/) override { return match_; }
@@ -49,7 +49,7 @@ class DeviceBase : public CpdDeviceBase {
   TraceFile& trace_;
 };
 
-/// The module joins letter and label to the disk's path.
+/// The disk's parameters. The module joins letter and label to get the disk's path.
 std::string DeviceParams(const DiskOptions& options) {
   if (options.disk.size() > kLongestText) {
     throw std::runtime_error(

@@ -1,4 +1,4 @@
-// The host's objects behind one redirected disk.
+// The device that the host hands to the module, one per redirected disk.
 #pragma once
 
 #include <memory>
@@ -15,8 +15,8 @@ class TraceFile;
 /// Hands the module's packets to the session and its trace events to the trace file.
 class HostDevice : public CpdDevice {
  public:
-  /// Session and trace outlive the device.
-  /// @throws std::runtime_error when a text is longer than the module takes
+  /// Session and trace must outlive the device.
+  /// @throws std::runtime_error when the disk's path or name is too long for the module
   HostDevice(const DiskOptions& options, Session& session, TraceFile& trace);
 
   std::shared_ptr<CpdDeviceBase> getDevBase() override;

@@ -17,10 +17,10 @@
 namespace cpd::host {
 namespace {
 
-// Set once, before the threads that log exist.
+// Set once, before any thread logs.
 int g_level = static_cast<int>(LogLevel::kError);
 std::unique_ptr<FILE, int (*)(FILE*)> g_file(nullptr, &std::fclose);
-// Takes the status line off a terminal before a log line is written there.
+// Erases the status line on a terminal before a log line is written there.
 const char* g_line_start = "";
 
 }  // namespace
@@ -56,7 +56,8 @@ extern "C" __attribute__((visibility("default"))) void tesselLogPrint(int /*chan
   FILE* out = g_file != nullptr ? g_file.get() : stderr;
   va_list arguments;
   va_start(arguments, format);
-  // One line, whatever the number of writes. A log that fails has nowhere to say so.
+  // The lock keeps other threads' lines out of this one. Errors are ignored: there is nowhere to
+  // report them.
   flockfile(out);
   (void)std::fprintf(out, "%s%s.%06ld %s ", g_line_start, when, static_cast<long>(now.tv_usec),
                      tag);

@@ -1,4 +1,4 @@
-// The host's log, behind tesselLogPrint.
+// The host's log, to which the module writes through tesselLogPrint.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@ namespace cpd::host {
 
 enum class LogLevel : int { kDebug = 5, kError = 7, kOff = 100 };
 
-/// Sets what is logged and where; before any module is loaded.
+/// Sets what is logged and where. Must be called before a module is loaded.
 /// @param file  appended to; empty = standard error
 /// @throws std::runtime_error when the file cannot be opened
 void SetUpLog(LogLevel level, const std::string& file);

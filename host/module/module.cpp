@@ -29,7 +29,7 @@ void CloseDriver::operator()(CpdDriver* driver) const {
 void Module::Unload::operator()(void* handle) const { dlclose(handle); }
 
 Module::Module(const std::string& path) {
-  // Absolute, so that the loader takes this file and none from its search path.
+  // An absolute path keeps the loader from looking in its search path.
   const std::string file =
       path.empty() ? DefaultModule() : std::filesystem::absolute(path).string();
   handle_.reset(dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL));

@@ -1,4 +1,4 @@
-// A driver module: loading it, opening and closing its drivers.
+// Loads a driver module, and opens and closes its drivers.
 #pragma once
 
 #include <memory>
@@ -9,20 +9,20 @@
 
 namespace cpd::host {
 
-/// A driver is closed before it is destroyed.
+/// Closes a driver, then deletes it.
 struct CloseDriver {
   void operator()(CpdDriver* driver) const;
 };
 using Driver = std::unique_ptr<CpdDriver, CloseDriver>;
 
-/// A loaded module. Outlives the drivers that it opened.
+/// A loaded module. Must outlive the drivers that it opened.
 class Module {
  public:
   /// @param path  empty = lib/udisk-redir.so beside this program's bin directory
   /// @throws std::runtime_error when it cannot be loaded or is not the expected module
   explicit Module(const std::string& path);
 
-  /// @throws std::runtime_error when the module refuses
+  /// @throws std::runtime_error when the module returns no driver
   [[nodiscard]] Driver Open(CpdDevice* device, const std::string& policy) const;
 
  private:

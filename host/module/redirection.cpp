@@ -14,7 +14,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kAnnouncementLimit = 10s;
-// A module takes a bandwidth that is 5 s old for withdrawn.
+// The module lifts the limit when it has heard no bandwidth for 5 s.
 constexpr auto kBandwidthInterval = 1s;
 
 std::string_view CutTo16Bits(std::string_view text) {

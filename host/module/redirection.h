@@ -27,7 +27,7 @@ class Redirection {
   void AnnounceBandwidth(uint32_t kbps);
   void AnswerAnnouncement(const DiskOptions& options);
 
-  // In the order of use: what stands further down is stopped first.
+  // Each member uses the ones above it, so the last is destroyed first.
   TraceFile trace_;
   Session session_;
   HostDevice device_;

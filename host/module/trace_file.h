@@ -1,4 +1,4 @@
-// The host's trace: one JSON object a line.
+// The file of trace events: one JSON object per line.
 #pragma once
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// UTF-8 in texts that anyone may have written.
+// Checks for UTF-8 in untrusted text.
 #pragma once
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 
 namespace cpd::host {
 
-/// @return how many bytes the character at the front of a text has; 0 when it is not UTF-8
+/// @return the length in bytes of the first character of a text; 0 if it is not valid UTF-8
 inline size_t Utf8Length(std::string_view text) {
   const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
   if (text.empty()) return 0;
@@ -16,7 +16,7 @@ inline size_t Utf8Length(std::string_view text) {
   if (lead < 0xC2 || lead > 0xF4) return 0;
   const size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
   if (text.size() < length) return 0;
-  // Longer forms than needed, surrogates, and numbers beyond Unicode show in the second byte.
+  // The second byte reveals overlong forms, surrogates, and code points beyond Unicode.
   const unsigned least = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
   const unsigned most = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
   if (byte(1) < least || byte(1) > most) return 0;

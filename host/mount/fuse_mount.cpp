@@ -27,12 +27,13 @@ namespace {
 
 constexpr unsigned kLargestRead = 1U << 20;
 constexpr unsigned kMostBackground = 64;
-constexpr ino_t kUnknownInode = 0xffffffff;  // programs take an entry with 0 for a deleted one
+constexpr ino_t kUnknownInode = 0xffffffff;  // 0 would mark a deleted entry
 
 void Initialise(void* /*mount*/, fuse_conn_info* connection) {
   connection->max_readahead = kLargestRead;
   connection->max_background = kMostBackground;
-  // An open that truncates comes as two requests, so that truncation has one place.
+  // Without this capability the kernel sends a truncating open as two requests, so that only
+  // SetAttributes truncates.
   connection->want &= ~FUSE_CAP_ATOMIC_O_TRUNC;
 }
 
@@ -43,11 +44,11 @@ void LogLibraryMessage(fuse_log_level /*level*/, const char* format, va_list arg
   tesselLogPrint(0, 7, "FUSE", "%s", message);
 }
 
-/// Lets the kernel read as far ahead as a single read may reach. Takes effect with the first
-/// request; only root may do it, for others the kernel's 128 KiB stand.
+/// Raises the kernel's read-ahead to the size of the largest read. Only root may do this; for other
+/// users it stays at the kernel's 128 KiB. Takes effect with the first request.
 void RaiseReadAhead(const std::string& mount_point) {
   struct statx where {};
-  // No attributes are wanted, so the mount, which is not served yet, is not asked.
+  // No attributes are requested, so the kernel does not ask the mount, which is not served yet.
   if (statx(AT_FDCWD, mount_point.c_str(), AT_STATX_DONT_SYNC, 0, &where) != 0) return;
   std::ofstream(
       fmt::format("/sys/class/bdi/{}:{}/read_ahead_kb", where.stx_dev_major, where.stx_dev_minor))
@@ -78,7 +79,7 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, const std::st
   std::string mount_options = "default_permissions,nosuid,nodev,subtype=udisk";
   if (read_only_) mount_options += ",ro";
   if (options.allow_other) mount_options += ",allow_other";
-  // A comma in the disk's path would end the option.
+  // An unescaped comma in the disk's path would end the option.
   mount_options += ",fsname=";
   for (const char c : options.disk) {
     if (c == ',' || c == '\\') mount_options += '\\';
@@ -95,7 +96,7 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, const std::st
     throw std::runtime_error(
         fmt::format("cannot mount on {}{}", mount_point,
                     options.allow_other && geteuid() != 0
-                        ? "; --allow-other takes root, or user_allow_other in /etc/fuse.conf"
+                        ? "; --allow-other needs root or user_allow_other in /etc/fuse.conf"
                         : ""));
   }
   RaiseReadAhead(mount_point);
@@ -113,8 +114,8 @@ void FuseMount::Serve(const sigset_t& stop_signals) {
       fuse_loop_cfg_create(), &fuse_loop_cfg_destroy);
   const int result = fuse_session_loop_mt(fuse_.get(), config.get());
 
-  // First the answers to everything under way, then the unmounting: nothing is left that could
-  // answer through a mount that is gone. A second signal finds the way out already taken.
+  // Everything under way is answered before the unmount, so that nothing replies to a mount that is
+  // gone. The signals are blocked, so that a second one does not interrupt this.
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   writes_.Drain();
   RemoveHiddenFiles();
@@ -131,7 +132,7 @@ void FuseMount::Call(fuse_req_t request, Arguments... arguments) {
   (mount->*kHandler)(request, arguments...);
 }
 
-// The kernel refuses first, unless somebody has remounted.
+// The kernel itself refuses changes to a read-only mount, unless somebody has remounted it.
 template <auto kHandler, class... Arguments>
 void FuseMount::CallChange(fuse_req_t request, Arguments... arguments) {
   auto* mount = static_cast<FuseMount*>(fuse_req_userdata(request));
@@ -139,8 +140,8 @@ void FuseMount::CallChange(fuse_req_t request, Arguments... arguments) {
   (mount->*kHandler)(request, arguments...);
 }
 
-// What stands nowhere here is unknown to the protocol, and the kernel helps itself: locks hold
-// within the mount, space cannot be reserved, extended attributes cannot be set.
+// Operations that are missing here have no request in the protocol, so the kernel's defaults apply:
+// locks hold within the mount; reserving space and setting extended attributes fail.
 fuse_lowlevel_ops FuseMount::Operations() {
   fuse_lowlevel_ops ops{};
   ops.init = Initialise;
@@ -171,13 +172,13 @@ fuse_lowlevel_ops FuseMount::Operations() {
   ops.release = Call<&FuseMount::Release>;
 
   ops.opendir = Call<&FuseMount::OpenDirectory>;
-  // Without a readdir beside it, the kernel always asks for entries with their attributes.
+  // There is no readdir, so the kernel always asks for entries with their attributes.
   ops.readdirplus = Call<&FuseMount::ReadDirectory>;
   ops.releasedir = Call<&FuseMount::ReleaseDirectory>;
   return ops;
 }
 
-// What was gathered leaves first, so that every request finds what was written before it.
+// Gathered writes are sent first, so that the next request finds everything written before it.
 RenameGate::Pass FuseMount::Enter() {
   auto pass = gate_.Enter();
   writes_.Send();
@@ -300,7 +301,8 @@ void FuseMount::GetStatistics(fuse_req_t request, fuse_ino_t node) {
 
 void FuseMount::GetExtendedAttribute(fuse_req_t request, fuse_ino_t node, const char* name,
                                      size_t /*size*/) {
-  // The kernel asks for this one before every write. Nothing on a redirected disk is run with it.
+  // The kernel asks for this before every write. Programs on a redirected disk do not get file
+  // capabilities, so no request is sent.
   if (std::string_view(name) == "security.capability") {
     return void(fuse_reply_err(request, ENODATA));
   }
@@ -308,7 +310,7 @@ void FuseMount::GetExtendedAttribute(fuse_req_t request, fuse_ino_t node, const 
   const auto file = nodes_.Find(node);
   if (!file) return void(fuse_reply_err(request, ESTALE));
   files_.HasExtendedAttribute(file->path, name, [request](const Result<bool>& result) {
-    // A value, should one be announced, cannot be shown: the protocol brings none.
+    // A value could not be shown even if it existed: the protocol does not carry it.
     fuse_reply_err(request, result.error != 0 ? result.error : result.value ? EIO : ENODATA);
   });
 }
@@ -375,7 +377,7 @@ void FuseMount::ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, 
   const auto pass = Enter();
   const auto directory = nodes_.Find(node);
   if (!directory) return void(fuse_reply_err(request, ESTALE));
-  // The changes up to now: what is written while the answer is on its way may be missing in it.
+  // The changes so far are noted, because a later change may be missing in the reply.
   listings_.List(directory->path,
                  [this, request, node, size, first, handle = file->fh, changes = changes_.load(),
                   path = directory->path](const Result<SharedListing>& result) {
@@ -390,9 +392,8 @@ void FuseMount::ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, 
                  });
 }
 
-/// Entry n has position n + 1, from where the next read goes on. Once something was changed through
-/// the mount, the attributes of an older listing would undo that in the kernel's eyes: then the
-/// names come alone.
+/// Entry n has position n + 1, where the next read continues. After a change through the mount, the
+/// attributes of an older listing would hide that change from the kernel, so only names are sent.
 void FuseMount::ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
                                  const OpenDirectoryListing& open, size_t first, size_t size) {
   const auto& entries = open.listing->entries;
@@ -408,7 +409,7 @@ void FuseMount::ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
     if (!entries[i].HasAttributes()) {
       entry.attr.st_ino = kUnknownInode;
     } else if (name != "." && name != ".." &&
-               is_fresh) {  // the kernel takes no reference to the two
+               is_fresh) {  // the kernel takes no reference to dot entries
       entry = EntryOf(directory, std::string(name), attributes);
       referred.push_back(entry.ino);
     }

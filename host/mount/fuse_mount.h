@@ -1,4 +1,4 @@
-// The disk as a mounted file system: each of the kernel's questions becomes a request.
+// The disk as a mounted file system: turns the kernel's requests into packets.
 #pragma once
 
 #include <fuse_lowlevel.h>
@@ -28,21 +28,22 @@ namespace cpd::host {
 
 class Session;
 
-/// A kernel request is read on one of libfuse's threads, sent as a packet, and answered by whoever
-/// delivers the reply; no thread waits in between, so any number may be under way.
+/// A kernel request is read on one of libfuse's threads and sent as a packet. The thread that
+/// delivers the reply answers the kernel, so many requests may be under way. Only renames, and
+/// writes that must reach the disk first, make one of libfuse's threads wait.
 class FuseMount {
  public:
   /// Mounts.
   /// @throws std::runtime_error when that fails
   FuseMount(Session& session, const DiskOptions& options, const std::string& mount_point);
-  /// Unmounts, if that has not happened from outside.
+  /// Unmounts, unless somebody has done that already.
   ~FuseMount();
   FuseMount(const FuseMount&) = delete;
   FuseMount& operator=(const FuseMount&) = delete;
 
   /// Serves until SIGINT, SIGTERM or SIGHUP, or until somebody unmounts. Stops the session.
-  /// @param stop_signals  these three, blocked in all threads, so that the calling one gets them;
-  ///                      blocked there again at the end
+  /// @param stop_signals  these three, blocked in all threads; the calling thread unblocks them
+  ///                      while it serves
   void Serve(const sigset_t& stop_signals);
 
  private:
@@ -51,13 +52,12 @@ class FuseMount {
   };
 
   static fuse_lowlevel_ops Operations();
-  /// To be held from looking a path up until the request with it is sent.
+  /// Hold the pass from looking a path up until the request with that path is sent.
   [[nodiscard]] RenameGate::Pass Enter();
   [[nodiscard]] RenameGate::Move BeginMove();
-  /// Calls a handler.
   template <auto kHandler, class... Arguments>
   static void Call(fuse_req_t request, Arguments... arguments);
-  /// Calls a handler that changes the disk; a read-only mount refuses.
+  /// Calls a handler that changes the disk; on a read-only mount, replies EROFS instead.
   template <auto kHandler, class... Arguments>
   static void CallChange(fuse_req_t request, Arguments... arguments);
 
@@ -86,7 +86,7 @@ class FuseMount {
   bool StoreAhead(fuse_ino_t node, const NodeTable::File& file);
   void Write(fuse_req_t request, fuse_ino_t node, const char* data, size_t size, off_t offset,
              fuse_file_info* handle);
-  /// @return false when the data is to be written by itself
+  /// @return false when the data needs a write request of its own
   bool Gather(fuse_req_t request, fuse_ino_t node, std::string_view data, off_t offset);
   void ReplyWritten(fuse_req_t request, fuse_ino_t node, size_t size, int64_t end);
   void Flush(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle);
@@ -128,7 +128,7 @@ class FuseMount {
                               const std::shared_ptr<AttributeChange>& change);
   void ReplyFailure(fuse_req_t request, Outcome outcome, Attempt attempt);
   void ReplyDone(fuse_req_t request);
-  /// A handle's listing, and what it knows of the time when it was made.
+  /// An open directory's listing, and the value of changes_ when it was requested.
   struct OpenDirectoryListing {
     SharedListing listing;  // null until first read
     uint64_t changes = 0;

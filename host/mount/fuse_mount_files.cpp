@@ -1,4 +1,4 @@
-// The mount's files: what programs do with an open one, and what changes its attributes.
+// The mount's operations on files: opening, writing, syncing, closing, changing attributes.
 #include <fcntl.h>
 
 #include <cerrno>
@@ -111,8 +111,8 @@ OpenFiles::Closed FuseMount::CloseHandle(fuse_ino_t node, OpenFiles::Handle hand
   return closed;
 }
 
-/// Puts a content that was read ahead into the kernel's cache, where it costs no more requests.
-/// Nobody else may have the file open, for the kernel's cache would be newer after a write.
+/// Puts content that was read ahead into the kernel's cache, so that reading it costs no requests.
+/// No program may have the file open: after a write, the kernel's cache would be newer than this.
 bool FuseMount::StoreAhead(fuse_ino_t node, const NodeTable::File& file) {
   if (open_files_.IsOpen(node)) return false;
   return prefetch_.Take(file.path, file.attributes, [&](std::string_view content) {
@@ -126,7 +126,8 @@ void FuseMount::Write(fuse_req_t request, fuse_ino_t node, const char* data, siz
                       off_t offset, fuse_file_info* handle) {
   open_files_.NoteUse(node);
   reads_.Forget(node);
-  // The kernel writes pages of mapped files in its own name, when nobody can be told any more.
+  // The kernel writes back pages of mapped files by itself. No program waits for such a write, so
+  // it must not use up a failure that a program has yet to hear of.
   if (handle->writepage == 0) {
     if (const int error = open_files_.TakeFailure(handle->fh); error != 0) {
       return void(fuse_reply_err(request, error));
@@ -208,13 +209,14 @@ void FuseMount::Release(fuse_req_t request, fuse_ino_t node, fuse_file_info* han
   }
 }
 
-/// The last thing that a change of attributes could not do.
+/// The last part of a change of attributes that failed.
 struct FuseMount::AttributeChange {
   Outcome outcome = Outcome::kDone;
   Attempt attempt = {};
 };
 
-/// Times are taken and not set: the protocol cannot, and tar, cp -p, rsync or touch would fail.
+/// Times are accepted but not set: the protocol cannot set them, and tar, cp -p, rsync and touch
+/// would fail if they were refused.
 void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
                               fuse_file_info* /*handle*/) {
   constexpr int kOwner = FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID;
@@ -225,7 +227,7 @@ void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* 
   const auto& path = file->path;
   const bool sets_mode = (which & FUSE_SET_ATTR_MODE) != 0;
   const bool sets_owner = (which & kOwner) != 0;
-  // The disk's side would follow the link.
+  // The module would follow the link and change its target.
   if (S_ISLNK(file->attributes.st_mode) && (sets_mode || sets_owner)) {
     return void(fuse_reply_err(request, ENOTSUP));
   }
@@ -243,7 +245,7 @@ void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* 
   }
   if (sets_mode) {
     files_.ChangeMode(path, wanted->st_mode, keep_failure(Kind::kChangeAttributes, 0));
-    nodes_.SetMode(node, wanted->st_mode);  // what is sent behind it finds the file so
+    nodes_.SetMode(node, wanted->st_mode);  // requests sent after this rely on it
   }
   const int64_t size = wanted->st_size;
   if ((which & FUSE_SET_ATTR_SIZE) != 0) {
@@ -264,7 +266,8 @@ void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* 
   ReplyChangedAttributes(request, node, *file, change);
 }
 
-/// Asks for the attributes behind the changes that are under way.
+/// Asks for the attributes right after the changes, which saves a round trip: requests are carried
+/// out in order, so the reply shows the result.
 void FuseMount::ReplyChangedAttributes(fuse_req_t request, fuse_ino_t node,
                                        const NodeTable::File& file,
                                        const std::shared_ptr<AttributeChange>& change) {

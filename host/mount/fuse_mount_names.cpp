@@ -26,14 +26,14 @@ constexpr uint32_t kAccess = S_IRWXU | S_IRWXG | S_IRWXO;
 
 // ---- Making ----
 
-/// A name that is being made, up to the answer to the kernel.
+/// What is needed to make a name and to reply to the kernel.
 struct FuseMount::Making {
   fuse_req_t request;
   Attempt attempt;
   NodeTable::Id parent;
   std::string path;  ///< of the new name
   std::string name;
-  std::optional<uint32_t> mode;  ///< still to be seen to
+  std::optional<uint32_t> mode;  ///< to set if the disk gave another one
   std::function<int(const fuse_entry_param& entry)> reply;
   Outcome outcome = Outcome::kDone;
 };
@@ -93,8 +93,8 @@ void FuseMount::MakeDirectory(fuse_req_t request, fuse_ino_t parent, const char*
   if (path->find('\\') == std::string::npos) {
     files_.MakeDirectory(*path, mode & kPermissions, keep_outcome);
   } else {
-    // The request that makes directories would take the backslash for a separator; a rename does
-    // not. If that fails, nothing may stay.
+    // When it makes a directory, the module takes a backslash for a separator; when it renames one,
+    // it does not. The last request removes the temporary directory if the rename failed.
     const std::string passing = '/' + HiddenName();
     files_.MakeDirectory(passing, mode & kPermissions, [](Outcome) {});
     files_.Rename(passing, *path, keep_outcome);
@@ -128,8 +128,8 @@ void FuseMount::MakeSymbolicLink(fuse_req_t request, const char* /*target*/, fus
   fuse_reply_err(request, ENOTSUP);
 }
 
-/// Asks for the attributes of what is being made, and gives it the mode that was wanted where the
-/// umask of the disk's side left another.
+/// Replies with the attributes of what was made. If the client's umask gave it another mode than
+/// the program asked for, sets that mode first.
 void FuseMount::ShowMade(const std::shared_ptr<Making>& making) {
   files_.GetAttributes(making->path, [this, making](const Result<udisk_stat>& result) {
     if (making->outcome != Outcome::kDone) {
@@ -168,8 +168,8 @@ void FuseMount::Unlink(fuse_req_t request, fuse_ino_t parent, const char* name) 
   });
 }
 
-/// Programs that have a file open keep it when its last name goes: on the disk it gets a name that
-/// nobody is shown, until the last of them closes it.
+/// Removes the last name of a file that programs have open: renames it on the disk to a hidden
+/// name, which goes when the last program closes the file.
 void FuseMount::Hide(fuse_req_t request, fuse_ino_t parent, const std::string& name,
                      const RenameGate::Move& move) {
   const auto hidden_name = HiddenName();
@@ -201,7 +201,7 @@ void FuseMount::RemoveDirectory(fuse_req_t request, fuse_ino_t parent, const cha
   });
 }
 
-/// Moves hidden files to the directory above, so that they do not keep theirs from being removed.
+/// Moves a directory's hidden files to its parent, so that the directory can be removed.
 void FuseMount::LiftHiddenFiles(fuse_ino_t parent, const std::string& name,
                                 const RenameGate::Move& move) {
   const auto directory = nodes_.NodeIfOnlyName(parent, name);
@@ -217,7 +217,7 @@ void FuseMount::LiftHiddenFiles(fuse_ino_t parent, const std::string& name,
   }
 }
 
-/// For the end, when nobody can have them open any more.
+/// Removes all hidden files; called at the end, when no program can have them open.
 void FuseMount::RemoveHiddenFiles() {
   for (const auto& path : nodes_.HiddenPaths()) files_.Unlink(path, [](Outcome) {});
 }
@@ -233,14 +233,14 @@ struct FuseMount::Renaming {
   std::string new_name;
   std::string path;
   std::string new_path;
-  /// Where the file that is replaced is kept for those who have it open; empty when nobody has.
+  /// Where the replaced file stays for programs that have it open; empty if none has.
   std::string hidden_path = {};
-  bool is_linked = false;  ///< and it has its old name, too, until it is replaced
+  bool is_linked = false;  ///< at hidden_path, so that new_path stays until it is replaced
 };
 
 void FuseMount::Rename(fuse_req_t request, fuse_ino_t parent, const char* name,
                        fuse_ino_t new_parent, const char* new_name, unsigned flags) {
-  // Neither an exchange nor a rename that never replaces is in the protocol.
+  // The protocol has neither an exchange nor a rename that refuses to replace.
   if (flags != 0) return void(fuse_reply_err(request, EINVAL));
   auto move = BeginMove();
   const auto path = nodes_.ChildPath(parent, name);
@@ -259,9 +259,9 @@ void FuseMount::Rename(fuse_req_t request, fuse_ino_t parent, const char* name,
   FinishRename(renaming);
 }
 
-/// Keeps the file that is to be replaced for those who have it open. A hard link leaves the new
-/// name in its place, so that at no time it stands for nothing; where the disk has no hard links,
-/// the file is moved out of the way.
+/// Gives the file that is about to be replaced a hidden name, for programs that have it open. A
+/// hard link leaves the old name in place, so that it exists at every moment. On a disk without
+/// hard links the file is renamed.
 void FuseMount::HideTarget(const std::shared_ptr<Renaming>& renaming) {
   const auto hidden_name = HiddenName();
   auto hidden_path = nodes_.ChildPath(renaming->new_parent, hidden_name);

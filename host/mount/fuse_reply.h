@@ -1,4 +1,4 @@
-// How the protocol's records reach the kernel.
+// Converts the protocol's records to the kernel's.
 #pragma once
 
 #include <fuse_lowlevel.h>
@@ -12,8 +12,8 @@
 
 namespace cpd::host {
 
-// How long the kernel trusts what it was told. Long enough for a program that lists a directory
-// and then asks for each file, short enough that changes on the disk show.
+// How long the kernel may cache names and attributes: long enough for a program that lists a
+// directory and then asks for each file, short enough that changes on the client show soon.
 inline constexpr double kTrusted =  // in seconds
     std::chrono::duration<double>(Prefetch::kTrusted).count();
 

@@ -24,7 +24,7 @@ void Append(std::string* pieces, int64_t offset, std::string_view data) {
   pieces->append(data);
 }
 
-/// Adds data to the piece that begins at `place` and ends the pieces.
+/// Appends data to the last piece, which begins at `place`.
 void Extend(std::string* pieces, size_t place, std::string_view data) {
   WritePieceHead head{};
   std::memcpy(&head, pieces->data() + place, sizeof head);

@@ -1,4 +1,4 @@
-// Small writes that leave in one packet.
+// Sends small writes together in one packet.
 #pragma once
 
 #include <chrono>
@@ -22,13 +22,13 @@
 
 namespace cpd::host {
 
-/// Gathers the small writes to each file for some milliseconds and sends them as one batch. Since
-/// requests are carried out in their order, whoever sends what is gathered before a request of his
-/// own finds every byte in the file.
+/// Gathers the small writes to each file for a few milliseconds and sends them as one batch.
+/// Requests are carried out in order: a caller that sends what is gathered before its own request
+/// finds every byte in the file.
 ///
-/// Every batch is answered: of one without an answer, a failure would never be known. The pieces of
-/// a batch that failed are written again one by one, and so are those that were sent behind it, so
-/// that the last write to a place stays the last.
+/// Every batch asks for a reply, because a failure would otherwise go unnoticed. The pieces of a
+/// batch that failed are written again one by one, and so are those of the batches sent after it,
+/// so that the last write to each place stays the last.
 class GatheredWrites {
  public:
   using Failed = std::function<void(NodeTable::Id node, int error)>;
@@ -50,24 +50,24 @@ class GatheredWrites {
   /// Notes why a change of the disk failed.
   /// @param error  an errno
   void NoteFailure(int error);
-  /// Sends all that is gathered. To be called with a pass of the gate, or while names move.
+  /// Sends everything gathered. The caller must hold a pass of the gate, or a move.
   void Send();
-  /// Sends all that is gathered, and waits until what was sent to a file is answered. Not to be
-  /// called by who delivers replies.
+  /// Sends everything gathered, then waits until all writes to one file are answered. Must not be
+  /// called on the thread that delivers replies.
   void Drain(NodeTable::Id node);
   /// The same for all files.
   void Drain();
-  /// Waits until all that was sent is answered. To be called while names move, so that nothing more
-  /// is gathered; not by who delivers replies.
+  /// Waits until everything sent is answered. Nothing may be gathered meanwhile: the caller holds a
+  /// move, or serves no more requests. Must not be called on the thread that delivers replies.
   void AwaitAnswers();
 
  private:
   using Clock = std::chrono::steady_clock;
-  using Pieces = std::shared_ptr<const std::string>;  // records as they travel
+  using Pieces = std::shared_ptr<const std::string>;  // a batch in wire format
 
   struct File {
-    std::string gathered;   // records as they travel
-    size_t last_piece = 0;  // where the last record of them begins
+    std::string gathered;   // a batch in wire format
+    size_t last_piece = 0;  // where its last record begins
     int64_t end = 0;        // of the last piece
     size_t count = 0;
     size_t work = 0;          // of what is gathered
@@ -93,12 +93,12 @@ class GatheredWrites {
   std::mutex mutex_;
   SpareRoom room_;             // guarded by mutex_
   Backlog backlog_;            // guarded by mutex_
-  Files gathering_;            // guarded by mutex_; those with something gathered or unanswered
+  Files gathering_;            // guarded by mutex_; files with gathered or unanswered writes
   unsigned unanswered_ = 0;    // guarded by mutex_; requests, of all files
   bool has_gathered_ = false;  // guarded by mutex_
-  Clock::time_point due_;      // guarded by mutex_; when what is gathered leaves at the latest
+  Clock::time_point due_;      // guarded by mutex_; when gathered writes must be sent
   std::condition_variable_any changed_;
-  std::jthread sender_;  // last: ends before what it uses
+  std::jthread sender_;  // last: joined before what it uses goes
 };
 
 }  // namespace cpd::host

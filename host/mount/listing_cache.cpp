@@ -24,7 +24,7 @@ bool IsUntouched(const Listing& listing, const udisk_stat& directory) {
          IsSameTime(itself->attributes.st_ctim, directory.st_ctim);
 }
 
-/// A change through another of a file's names would go unnoticed.
+/// Such a listing cannot be cached: a file may change through a name in another directory.
 bool HasHardLinks(const Listing& listing) {
   return std::any_of(listing.entries.begin(), listing.entries.end(), [](const auto& entry) {
     return !S_ISDIR(entry.attributes.st_mode) && entry.attributes.st_nlink > 1;
@@ -34,7 +34,7 @@ bool HasHardLinks(const Listing& listing) {
 }  // namespace
 
 void ListingCache::List(const std::string& directory, RemoteFiles::Done<SharedListing> done) {
-  const auto question = NoteQuestion(directory);  // before: a change voids one or the other
+  const auto question = NoteQuestion(directory);  // before Find: a change voids this or the listing
   const auto kept = Find(directory);
   if (kept == nullptr) return ListInFull(question, directory, std::move(done));
   files_.CheckDirectory(
@@ -61,7 +61,7 @@ void ListingCache::ListInFull(uint64_t question, const std::string& directory,
 
 void ListingCache::Forget(const std::string& path) {
   const auto parent = DirectoryOf(path);
-  const auto grandparent = DirectoryOf(parent);  // shows the parent's own times
+  const auto grandparent = DirectoryOf(parent);  // its listing shows the parent's times
   const std::lock_guard lock(mutex_);
   for (const auto& directory : {path, parent, grandparent}) kept_.erase(directory);
   const auto [first, last] = Below(kept_, path);
@@ -90,7 +90,7 @@ uint64_t ListingCache::NoteQuestion(const std::string& directory) {
   return last_question_;
 }
 
-/// Ends a question. @return whether no change has overtaken it
+/// Ends a question. @return false when a change has overtaken it
 bool ListingCache::EndQuestion(uint64_t question) {
   const std::lock_guard lock(mutex_);
   return questions_.erase(question) != 0;
@@ -110,7 +110,7 @@ SharedListing ListingCache::Keep(uint64_t question, Listing&& answer) {
   return listing;
 }
 
-/// Drops what was not used for longest.
+/// Drops the least recently used listings.
 void ListingCache::MakeRoom() {
   size_t bytes = 0;
   for (const auto& [path, kept] : kept_) bytes += Footprint(*kept.listing);

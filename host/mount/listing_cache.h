@@ -1,4 +1,4 @@
-// The listings that the remote side holds, and checks before it shows them again.
+// Caches directory listings, and checks them before they are shown again.
 #pragma once
 
 #include <chrono>
@@ -12,24 +12,25 @@
 
 namespace cpd::host {
 
-/// Lists directories. A directory that was listed not long ago is checked instead: its listing goes
-/// up, and comes down anew only if the directory differs from it.
+/// Lists directories. For a directory that was listed recently, the module gets the old listing to
+/// check, and sends a new one only if the directory differs from it.
 ///
-/// The check compares names, sizes and seconds of modification; the directory's own times show
-/// when one of its files was replaced. What else somebody changes on the disk itself (a mode, an
-/// owner, a link count, the content of a file within the second of its last change and at the same
-/// size) stays unseen in listings until the listing is kLongestUse old. Changes through this mount
-/// show at once. All operations are callable from any thread.
+/// The check compares names, sizes and seconds of modification, and the directory's own times show
+/// that a file was replaced. Any other change on the client (a mode, an owner, a link count, or
+/// content of the same size within the second of its last change) shows in listings only when the
+/// cached one is kLongestUse old. Changes through this mount show at once. All operations are
+/// callable from any thread.
 class ListingCache {
  public:
   static constexpr std::chrono::seconds kLongestUse{30};
 
-  /// @param enabled  false: nothing is kept, every directory is listed in full
+  /// @param enabled  false: nothing is cached, every directory is listed in full
   ListingCache(RemoteFiles& files, bool enabled) : files_(files), enabled_(enabled) {}
 
   void List(const std::string& directory, RemoteFiles::Done<SharedListing> done);
-  /// Forgets what a change of `path` makes wrong: the listing that shows it, its own, and those
-  /// below it. To be called when the disk has carried it out, before anybody is told of it.
+  /// Forgets the listings that a change of `path` makes wrong: its own, those below it, and those
+  /// that show it. Must be called after the module has made the change, before a program hears of
+  /// it.
   void Forget(const std::string& path);
 
  private:
@@ -60,7 +61,7 @@ class ListingCache {
   std::mutex mutex_;
   std::map<std::string, Kept> kept_;  // by path
   uint64_t last_use_ = 0;
-  // Under way. A change takes out those that it may have overtaken.
+  // Listings under way. A change removes those whose answer may not show it.
   std::map<uint64_t, Question> questions_;
   uint64_t last_question_ = 0;
 };

@@ -8,9 +8,9 @@
 
 namespace cpd::host {
 
-/// Whether what a name stands for is what it stood for before. A directory's inode does not matter,
-/// since all that counts of it are the names in it. Nor does a file's, as long as nothing else
-/// changed: file systems without inodes of their own, such as FAT, number files anew at times.
+/// Whether a name still refers to the same file. A directory's inode does not matter, because only
+/// the names in it count. Neither does a file's if size and time are unchanged: file systems
+/// without inodes of their own, such as FAT, sometimes renumber files.
 /// File systems also give the inode of a removed file to the next one. A file that was written has
 /// one time for its last write and its last change, while a file that was renamed into place was
 /// changed after it was written.
@@ -80,7 +80,8 @@ void NodeTable::Forget(Id id, uint64_t references) {
   DropReferencesLocked(id, references);
 }
 
-// A node that goes gives up its names, and with them references to its parents. The root stays.
+// A node that is dropped gives up its names, and with them its references to its parents. The root
+// is never dropped.
 void NodeTable::DropReferencesLocked(Id id, uint64_t references) {
   const auto node = nodes_.find(id);
   if (id == kRoot || node == nodes_.end()) return;
@@ -243,7 +244,7 @@ std::vector<std::string> NodeTable::HiddenPaths() const {
   return paths;
 }
 
-// The root's own is empty. There is none for a node without a name, nor for those below.
+// The root's path is empty. A node without a name has no path, nor has anything below it.
 std::optional<std::string> NodeTable::PathLocked(Id id) const {
   if (id == kRoot) return std::string();
   const auto node = nodes_.find(id);

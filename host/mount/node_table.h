@@ -1,4 +1,4 @@
-// The kernel's numbers for files and directories, and the paths behind them.
+// The kernel's ids for files and directories, and their paths.
 #pragma once
 
 #include <chrono>
@@ -15,11 +15,11 @@
 
 namespace cpd::host {
 
-/// One node a file that the kernel knows, with the names by which the kernel knows it: several for
-/// a file with hard links, so that all of them share one page cache; none once it was unlinked or
-/// another file took its place. The kernel counts how often it was told of a node and forgets it in
-/// its own time. A node stays as long as the kernel or a name below it needs it, so that a path can
-/// always be made. All operations are callable from any thread.
+/// Has one node per file that the kernel knows, with the names that the kernel knows. A file with
+/// hard links has several names, which share one page cache; a file that was unlinked or replaced
+/// has none. The kernel counts how often it was given a node, and gives the references back at some
+/// later time. A node stays as long as the kernel or a name below refers to it, so that every path
+/// can be built. All operations are callable from any thread.
 class NodeTable {
  public:
   using Id = uint64_t;
@@ -28,18 +28,18 @@ class NodeTable {
 
   struct File {
     std::string path;        ///< begins with '/'
-    udisk_stat attributes;   ///< as last told
+    udisk_stat attributes;   ///< as the kernel was last told
     Clock::time_point told;  ///< when that was
-    bool is_hidden = false;  ///< unlinked for everybody but those who have it open
+    bool is_hidden = false;  ///< unlinked, but programs have it open
   };
 
-  /// The node of a name, made when there is none; counts one reference of the kernel. Ids are
-  /// never used twice. Attributes of another file than before give the name to another node.
+  /// Finds or makes the node of a name, and counts one reference of the kernel. If the attributes
+  /// are those of another file than before, the name moves to another node. Ids are never reused.
   Id Lookup(Id parent, const std::string& name, const udisk_stat& attributes);
-  /// Takes references of the kernel back.
+  /// Drops references that the kernel gives back.
   void Forget(Id id, uint64_t references);
-  /// Notes a file's attributes as the kernel is told them.
-  /// @return false when they are another file's, which took the place of this one
+  /// Stores the attributes that the kernel is about to get.
+  /// @return false when they are those of another file, which has taken this one's place
   bool Update(Id id, const udisk_stat& attributes);
   /// Lets a node stand for the file that took the place of its own on the disk, so that whoever
   /// looked it up gets the new one. Leaves a node alone that has several names, or that would turn
@@ -49,9 +49,9 @@ class NodeTable {
   [[nodiscard]] bool IsRenewed(Id id) const;
   /// Notes that this mount changes a file's content: its times tell nothing any more.
   void NoteChange(Id id);
-  /// Notes that a file has at least this size.
+  /// Raises a file's size to this one if it is smaller.
   void Grow(Id id, int64_t size);
-  /// Notes the permissions that a file is about to have.
+  /// Stores the permissions that a file is about to get.
   void SetMode(Id id, uint32_t mode);
   /// Empty for an id that the kernel was never given, and for a file without a name.
   [[nodiscard]] std::optional<File> Find(Id id) const;
@@ -60,19 +60,19 @@ class NodeTable {
   /// The path of a name in a directory.
   [[nodiscard]] std::optional<std::string> ChildPath(Id parent, const std::string& name) const;
 
-  /// The node of a name if that is the only one it has.
+  /// The node of a name, if the node has no other name.
   [[nodiscard]] std::optional<Id> NodeIfOnlyName(Id parent, const std::string& name) const;
   /// The names of the hidden files in a directory.
   [[nodiscard]] std::vector<std::string> HiddenNames(Id directory) const;
-  /// Whether a name stands for a hidden file.
+  /// Whether a name is that of a hidden file.
   [[nodiscard]] bool IsHidden(Id parent, const std::string& name) const;
-  /// Takes a name away.
+  /// Removes a name.
   void Unlink(Id parent, const std::string& name);
-  /// Gives a node, and with it everything below, another name. Whatever had that one loses it.
+  /// Renames a node, and with it everything below. A node that had the new name loses it.
   void Rename(Id parent, const std::string& name, Id new_parent, const std::string& new_name);
-  /// Renames a file within its directory to a name that nobody is shown.
+  /// Renames a file within its directory to a name that listings leave out.
   void Hide(Id parent, const std::string& name, const std::string& hidden_name);
-  /// Takes that back.
+  /// Undoes Hide.
   void Show(Id parent, const std::string& hidden_name, const std::string& name);
   /// The paths of all hidden files.
   [[nodiscard]] std::vector<std::string> HiddenPaths() const;
@@ -82,7 +82,7 @@ class NodeTable {
   using Inode = std::pair<int64_t, uint64_t>;  // device and number on it
 
   struct Node {
-    std::vector<Name> names;  // the one seen last stands first
+    std::vector<Name> names;  // the one seen last comes first
     uint64_t references;      // the kernel's, and one for each name below
     udisk_stat attributes;
     Clock::time_point told = {};
@@ -93,7 +93,7 @@ class NodeTable {
 
   static bool IsSameFile(const Node& before, const udisk_stat& now);
   static Inode InodeOf(const udisk_stat& attributes) {
-    return {int64_t{attributes.st_dev}, uint64_t{attributes.st_ino}};  // packed: by value
+    return {int64_t{attributes.st_dev}, uint64_t{attributes.st_ino}};  // copies of packed fields
   }
 
   Id FindOrMakeLocked(const Name& name, const udisk_stat& attributes);

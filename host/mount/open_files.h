@@ -8,9 +8,9 @@
 
 namespace cpd::host {
 
-/// Which nodes programs have open, which of them were written to, and which of the writes failed
-/// behind a program's back. The disk knows of no open files. All operations are callable from any
-/// thread.
+/// Tracks which nodes programs have open, which of those were written to, and which lost a write
+/// that a program believes done. The module keeps no file open between requests. All operations are
+/// callable from any thread.
 class OpenFiles {
  public:
   using Handle = uint64_t;
@@ -25,7 +25,7 @@ class OpenFiles {
 
   struct Closed {
     bool is_last;
-    bool is_written;  ///< since a handle of this node was closed before
+    bool is_written;  ///< since a handle of this node was last closed
   };
   Closed Close(Handle handle) {
     const std::lock_guard lock(mutex_);
@@ -67,7 +67,7 @@ class OpenFiles {
     return file != files_.end() && file->second.is_written;
   }
 
-  /// Notes that something failed which a program was told to be written.
+  /// Notes that a write failed after the program was told that it was done.
   void NoteFailure(NodeTable::Id node, int error) {
     const std::lock_guard lock(mutex_);
     const auto file = files_.find(node);
@@ -76,7 +76,7 @@ class OpenFiles {
     file->second.error = error;
   }
 
-  /// The last failure, once for each handle; 0 when there is none that it has not been told of.
+  /// The file's last failure if this handle has not reported it yet; otherwise 0.
   int TakeFailure(Handle handle) {
     const std::lock_guard lock(mutex_);
     auto& [node, seen_failures] = handles_.at(handle);

@@ -9,10 +9,11 @@ namespace cpd::host {
 namespace {
 
 constexpr size_t kMostRuns = 16;
-constexpr size_t kMostEntries = 200'000;  // of all their listings
+constexpr size_t kMostEntries = 200'000;  // in the listings of all runs
 constexpr size_t kMostBatches = 8;        // of 1 MiB at most
 
-/// A file with several names changes by requests that do not name this one.
+/// Whether a file is as it was listed. Never true for a file with several names, which can change
+/// through one that is not followed here.
 bool IsAsListed(const udisk_stat& known, const udisk_stat& listed) {
   return known.st_ino == listed.st_ino && known.st_nlink == 1 && known.st_size == listed.st_size &&
          IsSameTime(known.st_mtim, listed.st_mtim);
@@ -86,7 +87,7 @@ bool Prefetch::Take(const std::string& path, const udisk_stat& known,
   if (found == places_.end()) return false;
   const auto [batch, index] = found->second;
   places_.erase(found);
-  // An answer that is on its way is not waited for: the disk would read the file no later.
+  // Do not wait for an answer that is on its way: a request for the file now is served as soon.
   if (batch->data.bytes.empty() || batch->IsStale()) return false;
   const auto content = batch->data.bytes[index];
   if (static_cast<int64_t>(content.size()) != known.st_size) return false;
@@ -109,7 +110,7 @@ ReadingRun* Prefetch::FindRun(const std::string& directory) {
   return &run->second;
 }
 
-/// @return how many of the files nobody has read
+/// @return how many of its files were not used
 size_t Prefetch::Drop(const std::shared_ptr<Batch>& batch) {
   size_t unread = 0;
   for (const auto& file : batch->files) {
@@ -131,11 +132,11 @@ void Prefetch::DropStale() {
 }
 
 void Prefetch::DropOldest() {
-  // An answer may let go of its batch at any moment.
+  // Hold the batch: the answer may release it at any moment.
   const auto oldest = batches_.front().lock();
   batches_.pop_front();
   if (oldest == nullptr) return;
-  // What was got in vain came too early or too late.
+  // A batch of which most was not used came too early or too late.
   const bool in_vain = Drop(oldest) > oldest->files.size() / 2;
   auto* run = FindRun(DirectoryOf(oldest->files.front().path));
   if (in_vain && run != nullptr) run->SlowDown();

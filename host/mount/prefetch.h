@@ -1,4 +1,4 @@
-// Small files that are read before a program asks for them.
+// Reads small files before a program asks for them.
 #pragma once
 
 #include <chrono>
@@ -18,15 +18,14 @@
 
 namespace cpd::host {
 
-/// Watches programs read. Where one reads its way through the small files of a directory that it
-/// has listed, the next ones are got together in one request.
+/// Watches what programs read. When one reads its way through the small files of a directory that
+/// it has listed, fetches the next ones together in one request.
 ///
-/// Such a content is used once, and only
-///  - when it was asked for less than kTrusted ago: a change on the disk shows as soon as one of
-///    the attributes, which the kernel trusts as long;
-///  - when the kernel knows the file as it was listed, and the content has the length of then;
-///  - when no change of the file through this mount has been carried out since it was asked for.
-/// Else the file is read as if there were no prefetch. All operations are callable from any thread.
+/// Content that was fetched is used once, and only if  - it was requested less than kTrusted ago: a
+/// change on the client then shows as soon as a    change of attributes, which the kernel trusts
+/// for the same time;  - the kernel knows the file as it was listed, and the content has the listed
+/// length;  - the file has not been changed through this mount since the request. Otherwise the
+/// file is read as without prefetch. All operations are callable from any thread.
 class Prefetch {
  public:
   static constexpr std::chrono::seconds kTrusted{1};
@@ -34,17 +33,18 @@ class Prefetch {
   /// @param enabled  false: nothing is read ahead
   Prefetch(RemoteFiles& files, bool enabled) : files_(files), enabled_(enabled) {}
 
-  /// A program has listed the directory.
+  /// Notes that a program has listed the directory.
   void Listed(const std::string& directory, SharedListing listing);
-  /// A program reads the file up to its end: asks for those that it may want next.
+  /// Notes that a program reads the file to its end, and fetches those that it may want next.
   void ReadToItsEnd(const std::string& path);
-  /// Hands the content of a file that the kernel knows so to `use`, if it is there. Nothing is
-  /// forgotten while `use` runs.
+  /// Passes a file's content to `use`, if it was fetched and may be used. Forget waits while `use`
+  /// runs.
+  /// @param known  the attributes that the kernel has
   /// @return what `use` returns; false when the content is not there
   bool Take(const std::string& path, const udisk_stat& known,
             const std::function<bool(std::string_view content)>& use);
-  /// Forgets the contents of `path` and of what lies below. To be called when the disk has carried
-  /// out a change, before anybody is told of it.
+  /// Forgets the contents of `path` and of everything below it. Must be called after the module has
+  /// made a change, before a program hears of it.
   void Forget(const std::string& path);
 
  private:
@@ -53,12 +53,12 @@ class Prefetch {
   struct Batch {
     Clock::time_point asked = Clock::now();
     std::vector<SmallFile> files;
-    std::vector<udisk_stat> listed;  // their attributes
+    std::vector<udisk_stat> listed;  // the attributes they were listed with
     SmallFilesData data;             // empty until the answer comes
 
     [[nodiscard]] bool IsStale() const { return Clock::now() - asked > kTrusted; }
   };
-  /// One of them; holds the batch until it was read.
+  /// A file in a batch; keeps the batch alive until the file is used.
   struct Place {
     std::shared_ptr<Batch> batch;
     size_t index;

@@ -10,7 +10,7 @@ namespace cpd::host {
 namespace {
 
 constexpr unsigned kStepsToAnOrder = 3;
-constexpr size_t kReach = 16;  // entries between two steps of one order
+constexpr size_t kReach = 16;  // how many entries a step may move
 constexpr size_t kLargestBatch = 64;
 constexpr int64_t kLargestBatchBytes = 1 << 20;
 constexpr size_t kEntriesAhead = 1024;  // looked at for one batch
@@ -33,7 +33,8 @@ void ReadingRun::Step(std::string_view name) {
   StepTo(&sorted_, static_cast<size_t>(found - by_name_.begin()));
 }
 
-/// A few places forward are a step, a few back are none; any others begin anew.
+/// A move by a few places forward is a step, a few places back count for nothing, and a longer move
+/// starts over.
 void ReadingRun::StepTo(Order* order, size_t place) {
   const size_t distance = std::max(place, order->place) - std::min(place, order->place);
   if (order->steps == 0 || distance > kReach) {

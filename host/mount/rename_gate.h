@@ -6,18 +6,18 @@
 
 namespace cpd::host {
 
-/// Holds requests back while a name moves. Requests name files by paths, and those sent behind a
-/// rename with the old path would miss their file or, worse, hit the one that took its place.
+/// Holds requests back while a name moves. Requests name files by path: one sent after a rename
+/// with the old path would miss its file or, worse, hit the one that took its place.
 ///
-/// Whoever waits here must not be who delivers replies: a move ends with one.
+/// Must not be used on the thread that delivers replies, since a move ends with a reply.
 class RenameGate {
  public:
   using Pass = std::unique_lock<std::mutex>;
   /// A move lasts until its last copy is gone.
   using Move = std::shared_ptr<void>;
 
-  /// Waits for the end of a move; none begins while the pass is held. To be held from looking a
-  /// path up until the request with it is sent.
+  /// Waits for the end of a move. No move begins while the pass is held: hold it from looking a
+  /// path up until the request with that path is sent.
   [[nodiscard]] Pass Enter() {
     Pass pass(mutex_);
     ended_.wait(pass, [this] { return !moving_; });

@@ -1,4 +1,4 @@
-// What several places ask of a file's attributes.
+// Helpers for file attributes that several parts use.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,10 @@
 
 namespace cpd::host {
 
-/// Of a mode: all but the type.
+/// The bits of a mode that are not the file type.
 inline constexpr uint32_t kPermissions = 07777;
 
-/// Whether two names belong to one file.
+/// Whether two records describe the same file.
 inline bool IsSameInode(const udisk_stat& a, const udisk_stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }

@@ -19,8 +19,8 @@ namespace {
 
 using Kind = Attempt::Kind;
 
-// Less than this is taken for none: a file system that cannot store one block more may still count
-// some that it keeps for itself.
+// Less free space than this counts as none: a file system that cannot store one more block may
+// still report some that it reserves for itself.
 constexpr uint64_t kHardlyFree = 128 << 10;
 // A file's blocks are numbered in 32 bits where they are not numbered in 64: on ext4, for one.
 constexpr uint64_t kMostBlocks = uint64_t{1} << 32;
@@ -77,7 +77,7 @@ int ReasonInNewName(const Attempt& attempt, const Facts& facts) {
 }
 
 bool IsFull(const udisk_statvfs& disk) {
-  // File systems without a table of inodes count none.
+  // File systems without an inode table report no inodes at all.
   return disk.f_bavail * disk.f_frsize < kHardlyFree || (disk.f_files != 0 && disk.f_favail == 0);
 }
 
@@ -116,12 +116,12 @@ int ReasonInPermissions(const Attempt& attempt, const Facts& facts) {
   if (attempt.kind == Kind::kSync) return 0;
   const auto& needed = attempt.kind == Kind::kWrite ? facts.file : facts.parent;
   if (needed && !MayWrite(facts.user, *needed)) return EACCES;
-  // A sticky directory keeps a file for its owner and for its own.
+  // In a sticky directory only the owner of the file or of the directory may remove or replace it.
   if (needed && facts.file && (needed->st_mode & S_ISVTX) != 0 && !Owns(facts.user, *needed) &&
       !Owns(facts.user, *facts.file)) {
     return EACCES;
   }
-  // What is left is a file system that has no such links.
+  // The one reason left is a file system without hard links.
   return attempt.kind == Kind::kLink ? EPERM : 0;
 }
 
@@ -146,13 +146,13 @@ int LikeliestReason(const Attempt& attempt, const Facts& facts) {
   return reason == 0 ? EIO : reason;
 }
 
-// All questions leave at once; the answer to the last one comes behind all others.
+// All questions are sent at once. Replies come in order, so the last one completes the facts.
 void FindFailureReason(RemoteFiles& files, Outcome outcome, Attempt attempt,
                        std::function<void(int error)> done) {
   if (outcome == Outcome::kUnanswered) return done(EIO);
   struct Search {
     Facts facts;
-    int obstacle = 0;  // a question without an answer
+    int obstacle = 0;  // errno of a question that failed
   };
   const auto search = std::make_shared<Search>();
   search->facts.user = ThisUser();
@@ -177,7 +177,8 @@ void FindFailureReason(RemoteFiles& files, Outcome outcome, Attempt attempt,
     const int reason =
         search->obstacle != 0 ? search->obstacle : LikeliestReason(attempt, search->facts);
     if (reason != EIO) return done(reason);
-    // A disk that is turning read-only does not show it yet, but refuses even a change of nothing.
+    // A disk that is just turning read-only may not report it yet, but it already refuses every
+    // change, even one that changes nothing.
     files.ChangeOwner(DirectoryOf(MadePath(attempt)), ~0U, ~0U,
                       [done](Outcome change) { done(change == Outcome::kRefused ? EROFS : EIO); });
   });

@@ -1,6 +1,7 @@
-// Why the disk refused a change. Answers carry no errno: a -1 says that it failed, not why. So what
-// a change depends on is looked at afterwards - attributes, listings, free space, mount flags - and
-// the likeliest reason is given. It is a guess by nature: the disk may have changed in between.
+// Finds out why the disk refused a change. Replies carry no errno: -1 says that a change failed,
+// not why. So the host looks at what the change depends on afterwards (attributes, listings, free
+// space, mount flags) and reports the likeliest reason. It is a guess: the disk may have changed
+// since.
 #pragma once
 
 #include <cstdint>
@@ -22,39 +23,39 @@ struct Attempt {
     kRename,
     kUnlink,
     kRemoveDirectory,
-    kWrite,  ///< and whatever else changes a file's content
+    kWrite,  ///< or any other change of a file's content
     kSync,
     kChangeAttributes,
   };
   Kind kind;
-  std::string path;           ///< what was to be changed or, for the first two, made
+  std::string path;           ///< of the file to change; for the first two kinds, to make
   std::string new_path = {};  ///< of a link or a rename
-  int64_t end = 0;            ///< of a write: where it would have ended
+  int64_t end = 0;            ///< of a write: the offset where it would have ended
 };
 
-/// Who asks the disk's file system: the module opens every file as this process.
+/// The user whose permissions count: the module opens files with the rights of this process.
 struct User {
   uint32_t id = 0;
   std::vector<uint32_t> groups = {};
 };
 
-/// What the disk shows afterwards.
+/// What the disk looks like after the refusal.
 struct Facts {
   using Attributes = std::optional<udisk_stat>;
   Attributes file;       ///< at the path
   Attributes target;     ///< at the new path
-  Attributes parent;     ///< the directory of the name that was to be made or taken away
-  bool is_empty = true;  ///< the directory that was to be removed or replaced
+  Attributes parent;     ///< the directory where a name was to be made or removed
+  bool is_empty = true;  ///< whether the directory to remove or replace is
   std::optional<udisk_statvfs> disk;
   uint64_t size_limit = UINT64_MAX;  ///< of files that this process writes, in bytes
   User user = {};
 };
 
-/// @return an errno, EIO where nothing explains the failure
+/// @return an errno; EIO if nothing explains the failure
 int LikeliestReason(const Attempt& attempt, const Facts& facts);
 
-/// Looks at the disk and calls `done` with the likeliest reason of a refusal; EIO at once where no
-/// answer came.
+/// Looks at the disk and calls `done` with the likeliest reason for the refusal. Calls it at once,
+/// with EIO, if the change got no reply.
 void FindFailureReason(RemoteFiles& files, Outcome outcome, Attempt attempt,
                        std::function<void(int error)> done);
 

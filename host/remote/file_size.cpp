@@ -20,8 +20,8 @@ namespace {
 
 using namespace std::string_view_literals;
 
-/// Whether the disk's side lets a name have any size. It looks at the local path, of which the end
-/// is known here: a dot further up in it, outside of the disk, does not count.
+/// Whether the module exempts a name from the limit. It looks at the last dot of the local path.
+/// The mount point is not known here, so a dot in it does not lift the limit.
 bool HasNoLimit(std::string_view path) {
   const size_t dot = path.rfind('.');
   return dot != std::string_view::npos && IsUnlimitedSuffix(path.substr(dot));

@@ -19,14 +19,14 @@ uint64_t SizeLimitOfThisProcess();
 /// The size in bytes that any disk lets a file of this process reach.
 int64_t LargestSureSize();
 
-/// Whether the disk's side sets a file to this size when it is asked to. It stops at 10 MiB for
-/// most names; a file must not end up shorter than was wanted.
+/// Whether a truncate request can set a file to this size. The module stops at 10 MiB for most
+/// names, and a file must not end up shorter than the program asked for.
 bool TakesSize(std::string_view path, int64_t size);
 
-/// Sets a size that the disk's side does not take. A smaller file is extended by its last byte; a
-/// larger one is cut through a passing hard link whose name is excepted from the limit, which needs
-/// a disk that has hard links.
-/// @param done  receives an errno, 0 for success and EFBIG where the limit is in the way
+/// Sets a size that a truncate request cannot set. A shorter file is extended by writing its last
+/// byte. A longer one is cut through a temporary hard link whose name is exempt from the limit,
+/// which needs a disk with hard links.
+/// @param done  receives an errno: 0 for success, EFBIG when a longer file could not be cut
 void SetLargeSize(RemoteFiles& files, const std::string& path, int64_t size,
                   std::function<void(int error)> done);
 

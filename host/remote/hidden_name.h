@@ -8,7 +8,7 @@
 
 namespace cpd::host {
 
-/// A name that nobody has used, for a file that its users are not to see any more.
+/// A random new name for a file that programs still have open but must no longer see.
 inline std::string HiddenName() {
   std::random_device random;
   return fmt::format(".fuse_hidden{:08x}{:08x}", random(), random());

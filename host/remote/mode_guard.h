@@ -10,9 +10,10 @@
 
 namespace cpd::host {
 
-/// Lets the file's owner read and write it for the requests that are sent while this lives. Who has
-/// opened a file may go on writing whatever its mode becomes, and a new file may be made read-only;
-/// but the disk opens the file by its name for every request.
+/// Makes a file readable and writable for its owner during the requests that are sent while this
+/// object lives. A program may go on writing to an open file whatever its mode becomes, and may
+/// create one read-only, but the module opens the file again for every request, and the mode
+/// applies.
 class ModeGuard {
  public:
   ModeGuard(RemoteFiles& files, const std::string& path, uint32_t mode)

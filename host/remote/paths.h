@@ -7,7 +7,7 @@
 
 namespace cpd::host {
 
-/// The directory of a path; the root's is the root.
+/// The directory that contains a path; for the root, the root.
 inline std::string DirectoryOf(const std::string& path) {
   const size_t slash = path.rfind('/');
   return path.substr(0, slash == 0 ? 1 : slash);
@@ -26,7 +26,7 @@ inline bool IsWithin(const std::string& path, const std::string& top) {
   return path == top || path.starts_with(JoinPath(top, ""));
 }
 
-/// The elements of a map from paths that lie below a directory.
+/// In a map whose keys are paths, the range of the keys below a directory.
 template <class Map>
 auto Below(Map& map, const std::string& directory) {
   std::string limit = JoinPath(directory, "");

@@ -28,11 +28,11 @@ std::unique_ptr<CpdPacket> Request(uint16_t command, const Head& head, std::stri
   return request;
 }
 
-/// Reads records and bytes off the front of a text. Nothing is taken when too little is left.
+/// Takes records and bytes off the front of a buffer; takes nothing when too little is left.
 class Reader {
  public:
   explicit Reader(std::string_view text) : left_(text) {}
-  /// The payload of a reply; of no reply, nothing.
+  /// Reads the payload of a reply; a missing reply reads as empty.
   explicit Reader(const CpdPacket* reply) {
     if (reply == nullptr || reply->header->packetLen < CPD_PACKET_HEADER_SIZE ||
         reply->header->packetLen > reply->buffer->capacity) {
@@ -63,17 +63,17 @@ class Reader {
   std::string_view left_;
 };
 
-/// Empties the attributes that may belong to another file. The disk's side writes an entry without
-/// looking whether lstat succeeded: a failure leaves what the entry before had, or zeros at the
-/// start. Two hard links in a row look the same and lose theirs, too.
+/// Clears attributes that may belong to another file. The module does not check whether lstat
+/// succeeded: after a failure, the entry has the attributes of the entry before it, or zeros if it
+/// is the first. Two adjacent hard links look the same, so the second one loses its attributes,
+/// too.
 void DropDoubtfulAttributes(std::vector<Listing::Entry>& entries) {
   for (size_t i = entries.size(); i-- > 1;) {
     if (IsSameInode(entries[i].attributes, entries[i - 1].attributes)) entries[i].attributes = {};
   }
 }
 
-/// Makes the root its own parent, as every root is. The disk's side may not look at what lies
-/// above.
+/// Makes the root its own parent, as in every file system. A confined module may not look above it.
 void MakeRootItsOwnParent(std::vector<Listing::Entry>& entries) {
   const auto itself = std::ranges::find(entries, ".", &Listing::Entry::name);
   const auto parent = std::ranges::find(entries, "..", &Listing::Entry::name);
@@ -81,15 +81,15 @@ void MakeRootItsOwnParent(std::vector<Listing::Entry>& entries) {
   parent->attributes = itself->attributes;
 }
 
-/// Walks a listing by its length: its count of entries wraps at 65536. Entries that vanished while
-/// the directory was read leave zeros at the end.
+/// Parses a listing by its length, because its count of entries wraps at 65536. Entries that
+/// vanished while the module read the directory leave zeros at the end.
 std::optional<std::vector<Listing::Entry>> Entries(std::string_view listing) {
   std::vector<Listing::Entry> entries;
   Reader in(listing);
   while (const auto entry = in.Take<udisk_dir_entry>()) {
     if (entry->name_len == 0) break;
     const auto name = in.TakeBytes(entry->name_len);
-    // One NUL, at the end, and no separator: a name that can be shown.
+    // A valid name has one NUL, at its end, and no separator.
     if (!name || name->size() < 2 || name->find('\0') != name->size() - 1 ||
         name->find('/') != std::string_view::npos) {
       return std::nullopt;
@@ -99,7 +99,7 @@ std::optional<std::vector<Listing::Entry>> Entries(std::string_view listing) {
   return entries;
 }
 
-/// A program with a set-id bit would lend its owner's rights to every user of the client.
+/// Removes the set-id bits: they would lend a program's owner's rights to every user of the client.
 uint32_t WithoutSetId(uint32_t mode) { return mode & ~uint32_t{S_ISUID | S_ISGID}; }
 
 template <class Head>
@@ -114,7 +114,7 @@ std::optional<Listing> ToListing(std::unique_ptr<CpdPacket> reply) {
   const auto path = in.TakeBytes(head->path_length);
   if (!path) return std::nullopt;
   const auto bytes = in.TakeBytes(head->buf_len);
-  // A directory that was opened lists at least itself.
+  // A directory that could be opened lists at least itself, so an empty listing is a failure.
   if (!bytes || bytes->empty()) return std::nullopt;
   auto entries = Entries(*bytes);
   if (!entries) return std::nullopt;
@@ -126,7 +126,7 @@ std::optional<Listing> ToListing(std::unique_ptr<CpdPacket> reply) {
                  .reply = std::move(reply)};
 }
 
-/// The data of each file in a reply that repeats the question record by record.
+/// The data of each file. The reply repeats the request's records, which must match.
 std::optional<std::vector<std::string_view>> SmallFileData(const std::vector<SmallFile>& files,
                                                            const CpdPacket* reply) {
   Reader in(reply);
@@ -197,7 +197,7 @@ void RemoteFiles::CheckDirectory(const std::string& path, const Listing& cached,
   auto answer = std::make_shared<std::unique_ptr<CpdPacket>>();
   session_.Ask(Request(kCheckDir, head, path, cached.bytes),
                [answer](std::unique_ptr<CpdPacket> reply) { *answer = std::move(reply); });
-  // An unchanged directory gets no reply, which only a later one proves.
+  // An unchanged directory gets no reply; only the reply to a later request proves that.
   GetAttributes(path, [answer, done = std::move(done)](const Result<udisk_stat>& directory) {
     if (*answer != nullptr) {
       auto listing = ToListing(std::move(*answer));
@@ -258,7 +258,7 @@ void RemoteFiles::GetStatistics(const std::string& path, Done<udisk_statvfs> don
                  Reader in(reply.get());
                  const auto answer = in.Take<StatvfsHead>();
                  if (!answer || !in.TakeBytes(answer->path_length)) return done({.error = EIO});
-                 // Of several volumes, the first.
+                 // The first record counts if there are several volumes.
                  const auto statistics = in.Take<udisk_statvfs>();
                  if (!statistics) return done({.error = EIO});
                  done({.value = *statistics});

@@ -1,4 +1,4 @@
-// The protocol's requests as typed questions. Paths begin with '/' at the disk's root.
+// The protocol's requests as typed calls. Paths begin with '/', the disk's root.
 #pragma once
 
 #include <atomic>
@@ -19,37 +19,37 @@ namespace cpd::host {
 
 class Session;
 
-/// A value, or why there is none.
+/// A value, or the reason why there is none.
 template <class T>
 struct Result {
   int error = 0;  ///< errno; 0 = the value is there
   T value{};
 };
 
-/// The bytes of a file, as they stand in the reply.
+/// A file's bytes, inside the reply's buffer.
 struct FileData {
   std::string_view bytes;
   std::unique_ptr<CpdPacket> reply;  ///< holds the bytes
 };
 
-/// A directory's entries, as they stand in the reply.
+/// A directory's entries, inside the reply's buffer.
 struct Listing {
   struct Entry {
-    udisk_stat attributes;  ///< zeros when the disk's side could not look at the file
+    udisk_stat attributes;  ///< zeros if they are unknown
     std::string_view name;  ///< a NUL follows
 
     [[nodiscard]] bool HasAttributes() const { return attributes.st_mode != 0; }
   };
   std::vector<Entry> entries;
-  uint16_t announced_entries = 0;    ///< how many the reply says it has; 65536 count as 0
-  std::string_view bytes;            ///< as they came
+  uint16_t announced_entries = 0;    ///< the count in the reply, which wraps at 65536
+  std::string_view bytes;            ///< the entries as received
   std::unique_ptr<CpdPacket> reply;  ///< holds names and bytes
 };
 using SharedListing = std::shared_ptr<const Listing>;
 
 /// What a directory check found.
 struct DirectoryCheck {
-  udisk_stat directory;            ///< its own attributes, where the listing holds
+  udisk_stat directory;            ///< its attributes; set when the old listing holds
   std::optional<Listing> changed;  ///< the new listing; empty = the old one holds
 };
 
@@ -59,29 +59,29 @@ struct SmallFile {
   uint32_t size;  ///< how many bytes at most
 };
 
-/// The bytes of several files, in the order of the question.
+/// The bytes of several files, in the order of the request.
 struct SmallFilesData {
   std::vector<std::string_view> bytes;
   std::unique_ptr<CpdPacket> reply;  ///< holds the bytes
 };
 
-/// How a request ended that brings nothing but its result.
+/// How a request ended whose reply carries nothing but a result.
 enum class Outcome {
   kDone,
-  kRefused,     ///< the disk did not do it; the protocol does not tell why
-  kUnanswered,  ///< nobody knows
+  kRefused,     ///< the module reported failure; the protocol carries no reason
+  kUnanswered,  ///< no reply came: it may or may not be done
 };
 
-/// Asks for files over a session. Every call returns at once; its Done receives the answer under
-/// the rules of Session::Done. A request that stays without an answer, or whose answer makes no
-/// sense, ends with EIO.
+/// Sends file requests over a session. Every call returns at once; its Done receives the result
+/// under the rules of Session::Done. A request without a reply, or with a malformed one, ends with
+/// EIO.
 class RemoteFiles {
  public:
   template <class T>
   using Done = std::function<void(Result<T>)>;
   using OnOutcome = std::function<void(Outcome)>;
 
-  /// Is told the path of everything that may have changed, before the OnOutcome of the change runs.
+  /// Called with the path of anything that may have changed, before the change's OnOutcome runs.
   using Changed = std::function<void(const std::string& path)>;
 
   explicit RemoteFiles(
@@ -92,46 +92,48 @@ class RemoteFiles {
   void GetAttributes(const std::string& path, Done<udisk_stat> done);
   /// ENOENT when there is no such directory; EIO also when it cannot be opened.
   void List(const std::string& path, Done<Listing> done);
-  /// Whether CheckDirectory can carry the listing and be believed: it counts entries in 16 bits,
-  /// and cannot compare an entry that vanished, or has no attributes of its own.
+  /// Whether CheckDirectory gives a reliable answer for a listing. It counts entries in 16 bits,
+  /// and cannot compare an entry that vanished or has no attributes.
   static bool CanCheck(const Listing& listing);
-  /// Lists the directory if it differs from `cached`, one that CanCheck, in an entry's name, size
-  /// or second of modification. Anything else, such as a changed mode, it does not see.
+  /// Lists the directory if an entry's name, size or second of modification differs from `cached`,
+  /// for which CanCheck must hold. Other differences, such as a changed mode, go unnoticed.
   void CheckDirectory(const std::string& path, const Listing& cached, Done<DirectoryCheck> done);
-  /// At the end of the file, and when the file cannot be read, there are fewer bytes than asked
-  /// for; the protocol does not tell which.
+  /// Gives fewer bytes than asked for at the end of the file, and also when the file cannot be
+  /// read: the protocol does not distinguish the two.
   void Read(const std::string& path, int64_t offset, uint32_t size, Done<FileData> done);
-  /// Reads the beginnings of several files in one go. A file that cannot be read has no bytes.
+  /// Reads the start of several files with one request. A file that cannot be read has no bytes.
   void ReadSmallFiles(const std::vector<SmallFile>& files, Done<SmallFilesData> done);
   void GetStatistics(const std::string& path, Done<udisk_statvfs> done);
-  /// Whether the attribute has a value. The protocol never brings one.
+  /// Whether the attribute has a value. The protocol never carries one.
   void HasExtendedAttribute(const std::string& path, const std::string& name, Done<bool> done);
 
   // ---- What changes the disk ----
-  // No mode sets a set-user-ID or set-group-ID bit: they are left out of requests.
+  // Modes are sent without set-user-ID and set-group-ID bits.
 
   /// Empties a file that exists, and makes the directories that are missing above it.
   void Create(const std::string& path, uint32_t mode, OnOutcome on_outcome);
   void Write(const std::string& path, int64_t offset, std::string_view data, OnOutcome on_outcome);
-  /// @param pieces  WritePieceHead records with their data. Of a refused batch, any may be written.
+  /// @param pieces  WritePieceHead records, each followed by its data. If the batch is refused, any
+  ///                of them may have been written.
   void WriteBatch(const std::string& path, std::string_view pieces, OnOutcome on_outcome);
-  /// To 10 MiB at most, unless the name is one of those that the disk's side excepts.
+  /// Sets a size of 10 MiB at most, unless the module exempts the name from that limit.
   void Truncate(const std::string& path, uint64_t size, OnOutcome on_outcome);
   void Sync(const std::string& path, OnOutcome on_outcome);
   void ChangeMode(const std::string& path, uint32_t mode, OnOutcome on_outcome);
-  /// All ones leave owner or group as it is.
+  /// An owner or group of all ones is left unchanged.
   void ChangeOwner(const std::string& path, uint32_t owner, uint32_t group, OnOutcome on_outcome);
-  /// Done also when the directory exists. A backslash in the path separates as a slash does.
+  /// An existing directory counts as done. The module takes a backslash for a separator.
   void MakeDirectory(const std::string& path, uint32_t mode, OnOutcome on_outcome);
   void RemoveDirectory(const std::string& path, OnOutcome on_outcome);
   void Link(const std::string& path, const std::string& new_path, OnOutcome on_outcome);
   void Unlink(const std::string& path, OnOutcome on_outcome);
   void Rename(const std::string& path, const std::string& new_path, OnOutcome on_outcome);
-  /// Changes nothing; its answer shows that everything before it is done.
+  /// Changes nothing; its reply proves that every request before it is done.
   void Flush(const std::string& path, OnOutcome on_outcome);
-  /// Brings a file's data to the disk, if it can.
+  /// Syncs the file's data to the disk. The reply does not say whether that worked.
   void Release(const std::string& path, OnOutcome on_outcome);
-  /// Waits until every change that was sent is answered. Not to be called by who delivers replies.
+  /// Waits until every change that was sent is answered. Must not be called on the thread that
+  /// delivers replies.
   void WaitForChanges() const;
 
   /// How long the disk's side took for the request whose answer is being delivered, without the
@@ -139,7 +141,8 @@ class RemoteFiles {
   [[nodiscard]] std::chrono::nanoseconds TimeOfAnswer() const;
 
  private:
-  /// Sends a request whose answer is its own head. The head then tells whether it was done.
+  /// Sends a request whose reply repeats its head, with the result in it.
+  /// @param is_done  whether a reply's head reports success
   template <class Head, class IsDone>
   void Change(std::unique_ptr<CpdPacket> request, IsDone is_done, OnOutcome on_outcome);
   void Write(WriteHead head, const std::string& path, std::string_view data, OnOutcome on_outcome);
@@ -151,7 +154,7 @@ class RemoteFiles {
 
   Session& session_;
   const Changed changed_;
-  std::atomic<int> unanswered_ = 0;  // changes
+  std::atomic<int> unanswered_ = 0;  // changes without a reply yet
 };
 
 }  // namespace cpd::host

@@ -10,10 +10,11 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kProbeAfter = 1s;
-// A module that paces reads sleeps as long before it answers: the largest read at the least rate.
+// A module that paces reads may sleep this long before it replies: for the largest read at the
+// lowest rate.
 constexpr auto kPacingAllowance = 10s;
 
-/// An extended-attribute request for nothing, which every driver answers and no disk sees.
+/// A request for an empty extended attribute: every driver answers it without touching the disk.
 std::unique_ptr<CpdPacket> Probe() {
   const XattrHead head{};
   auto probe = std::make_unique<CpdPacket>(CPD_PACKET_HEADER_SIZE + sizeof head);
@@ -55,7 +56,7 @@ void Session::Receive(std::unique_ptr<CpdPacket> packet) {
       announcement_.notify_all();
       return;
     }
-    // An id outside the row is a late reply to a request that was given up, or none of ours.
+    // An id out of range belongs to a request that was given up, or to none of this session's.
     const uint32_t place = header.requestId - first_id_;
     if (place >= outstanding_.size() || outstanding_[place].command != header.cmd) return;
 
@@ -112,7 +113,7 @@ void Session::Send(std::unique_ptr<CpdPacket> packet) {
   driver_->onEvent(std::move(packet), 0);
 }
 
-// The driver gets the request under the lock, so that its order is the row's.
+// The request goes to the driver under the lock, so that outstanding_ has the driver's order.
 void Session::AskLocked(std::unique_ptr<CpdPacket> request, Done done) {
   const auto now = Clock::now();
   if (outstanding_.empty()) waiting_since_ = now;

@@ -20,24 +20,24 @@ namespace cpd::host {
 
 /// Sends requests to a driver and matches its replies. Any number may be outstanding.
 ///
-/// A driver answers in the order of the requests, and some it does not answer at all. So a reply
-/// proves that every request before it gets none. Where no later request is under way, a probe,
-/// which is always answered, takes its place after a second; a time limit ends the wait for a
-/// driver that answers nothing any more.
+/// A driver replies in the order of the requests, and leaves some without a reply. So a reply
+/// proves that the unanswered requests before it will never get one. If a request has waited for a
+/// second, the session sends a probe, to which every driver replies. A time limit ends the wait for
+/// a driver that has stopped replying.
 class Session {
  public:
   using Clock = std::chrono::steady_clock;
   /// The device id of every packet: a session has one disk.
   static constexpr uint8_t kDeviceId = 1;
-  /// Receives the reply, or null when there is none. Runs on the driver's worker thread, where it
-  /// holds up every later request: it must not wait.
+  /// Receives the reply, or null if there is none. Usually runs on the driver's worker thread,
+  /// where it holds up every later request, so it must not wait.
   using Done = std::function<void(std::unique_ptr<CpdPacket> reply)>;
 
   explicit Session(std::chrono::seconds time_limit);
 
-  /// Names the driver, which must stay until Stop has returned.
+  /// Sets the driver, which must live until Stop has returned.
   void Start(CpdDriver* driver);
-  /// Gives all outstanding requests up and refuses new ones. No Done runs after it has returned.
+  /// Gives up all outstanding requests and refuses new ones. No Done runs after it has returned.
   void Stop();
 
   /// Takes a packet from the driver.
@@ -72,14 +72,14 @@ class Session {
   CpdDriver* driver_ = nullptr;
   bool announced_ = false;
   std::condition_variable announcement_;
-  // In the order in which the driver got them, with successive ids, first_id_ at the front.
+  // In the order in which they were sent, with consecutive ids that begin with first_id_.
   std::deque<Outstanding> outstanding_;
   uint32_t first_id_ = 1;
-  Clock::time_point waiting_since_;  // the front request's turn began
+  Clock::time_point waiting_since_;  // when the front request became the oldest
   bool probing_ = false;
   Statistics statistics_;
   std::atomic<Clock::duration> time_of_answer_{};
-  std::atomic<int> delivering_ = 0;  // threads that run Done functions
+  std::atomic<int> delivering_ = 0;  // threads that are running Done functions
   Periodic watch_;
 };
 

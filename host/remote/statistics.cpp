@@ -5,7 +5,7 @@
 
 namespace cpd::host {
 
-// A value is kept as its top kBits + 1 bits and the number of bits cut off below them.
+// A value's bucket is given by its top kBits + 1 bits and the number of bits below them.
 void Durations::Add(std::chrono::nanoseconds duration) {
   const auto value = static_cast<uint64_t>(std::max<int64_t>(duration.count(), 0));
   const auto width = static_cast<unsigned>(std::bit_width(value));

@@ -8,7 +8,8 @@
 
 namespace cpd::host {
 
-/// Counts durations in buckets of at most 6 % of their value; its size does not depend on how many.
+/// A histogram of durations. A bucket is at most 6 % of its value wide, so that memory stays
+/// constant and a quantile is nearly exact.
 class Durations {
  public:
   void Add(std::chrono::nanoseconds duration);
@@ -25,7 +26,7 @@ class Durations {
 struct CommandStatistics {
   uint64_t requests = 0;
   uint64_t replies = 0;
-  uint64_t bytes = 0;  ///< whole packets, both ways
+  uint64_t bytes = 0;  ///< of whole packets, in both directions
   Durations durations;
 };
 

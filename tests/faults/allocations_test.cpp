@@ -1,4 +1,4 @@
-// Each allocation of each handler fails once: the request may fail, nothing else does.
+// Lets each allocation of each handler fail once: the request may fail, but nothing else.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -36,11 +36,11 @@ void PrintTo(const NamedRequest& request, std::ostream* out) { *out << request.n
 
 namespace {
 
-// ---- A host that needs no memory of its own ----
+// ---- A host that allocates no memory ----
 
 int g_errors = 0;             ///< lines of level error
 char g_last_error[512] = "";  ///< the last one
-/// The lines of the thread, of every level, since a test cleared this: those that fit.
+/// What this thread logged, at any level, since a test cleared it, as far as it fits.
 constinit thread_local char t_log[4096] = "";
 
 class FrugalFilter : public CpdPathFilter {
@@ -127,7 +127,8 @@ namespace {
 /// One good request for each command, and requests that go wrong.
 std::vector<NamedRequest> AllRequests() {
   std::vector<NamedRequest> all = OneRequestPerCommand();
-  // Three of them need what earlier ones made; here each meets the same disk.
+  // Three of them need what earlier ones made. Here each request gets a fresh disk, so these name
+  // other files.
   std::erase_if(all, [](const NamedRequest& good) {
     return good.name == "remove_dir" || good.name == "set_unlink" || good.name == "set_rename";
   });
@@ -153,10 +154,10 @@ class FailingAllocation : public ::testing::TestWithParam<NamedRequest> {
  protected:
   struct Outcome {
     int allocations = 0;
-    size_t largest = 0;  ///< allocation, in bytes
+    size_t largest = 0;  ///< the largest allocation, in bytes
     bool refused = false;
     bool threw = false;
-    int left_behind = 0;  ///< blocks
+    int left_behind = 0;  ///< blocks that were not freed
     int replies = 0;
     int errors = 0;
     std::string last_error;
@@ -164,7 +165,7 @@ class FailingAllocation : public ::testing::TestWithParam<NamedRequest> {
 
   FailingAllocation() { Mount(); }
 
-  /// Serves a request on a fresh disk, one allocation refused after so many; none without a number.
+  /// Serves a request on a fresh disk. With a number, one allocation fails after that many.
   Outcome Serve(const Request& request, std::optional<int> refuse_after = std::nullopt) {
     FillDisk();
     device.replies = 0;
@@ -183,7 +184,7 @@ class FailingAllocation : public ::testing::TestWithParam<NamedRequest> {
       outcome.refused = allocations.StopRefusing();
       outcome.allocations = allocations.Count() - before;
       outcome.largest = allocations.Largest();
-      Mount();  // replaces as much as a request may have taken away
+      Mount();  // restores the mount point that a request may have cleared
       outcome.left_behind = allocations.Live();
     }
     outcome.replies = device.replies;
@@ -226,7 +227,7 @@ TEST_P(FailingAllocation, CostsNoMoreThanItsRequest) {
        "`… failed: std::bad_alloc`; for the reply's own buffer a line on standard output instead",
        "nothing: an answer to a later request proves that this one gets none"});
   const Request& request = GetParam().request;
-  Serve(request);  // the first one may leave behind what the C library keeps
+  Serve(request);  // the first request may make the C library allocate what it never frees
   const Outcome good = Serve(request);
   ASSERT_EQ(good.left_behind, 0);
   ASSERT_GT(good.allocations, 0);
@@ -244,7 +245,7 @@ TEST_P(FailingAllocation, CostsNoMoreThanItsRequest) {
     }
     EXPECT_TRUE(StillServes());
   }
-  EXPECT_LE(unlogged, 1) << "only the packet's own buffer fails without a line in the log";
+  EXPECT_LE(unlogged, 1) << "only the failure of the packet's own buffer is not logged";
 }
 
 INSTANTIATE_TEST_SUITE_P(, FailingAllocation, ::testing::ValuesIn(AllRequests()),
@@ -252,7 +253,7 @@ INSTANTIATE_TEST_SUITE_P(, FailingAllocation, ::testing::ValuesIn(AllRequests())
 
 // ---- Sizes far beyond what the files hold ----
 
-/// Reads of data that does not exist.
+/// Reads of more data than exists.
 std::vector<NamedRequest> OversizedReads() {
   constexpr uint32_t kMost = 0x7fffffff;
   constexpr uint32_t kNegative = 0x80000000;
@@ -279,10 +280,10 @@ TEST_P(OversizedRead, AllocatesNoMoreThanTheFilesDeliver) {
 INSTANTIATE_TEST_SUITE_P(, OversizedRead, ::testing::ValuesIn(OversizedReads()),
                          [](const auto& test) { return test.param.name; });
 
-// ---- Beside the handlers ----
+// ---- Outside the handlers ----
 
-/// Does something again and again, the first, the second, ... of its allocations refused, until it
-/// needs no more. `act` gets the number of allocations before that one.
+/// Runs `act` again and again: its first allocation fails, then its second, and so on, until a run
+/// needs no more of them. `act` receives the number of allocations before the one that fails.
 template <class Act>
 void RefuseEach(Act act) {
   bool refused = true;
@@ -293,7 +294,7 @@ void RefuseEach(Act act) {
   }
 }
 
-TEST(AllocationBesideTheHandlers, RefusedToABusEventCostsItsTraceOnly) {
+TEST(AllocationOutsideTheHandlers, RefusedToABusEventCostsOnlyItsTrace) {
   ExpectFaultRow(
       "an allocation of a bus event",
       {"the new bandwidth", "`UDISK_READ_BW_INFO is not traced: std::bad_alloc`", "the trace"});
@@ -311,7 +312,7 @@ TEST(AllocationBesideTheHandlers, RefusedToABusEventCostsItsTraceOnly) {
   });
 }
 
-TEST(AllocationBesideTheHandlers, RefusedToTheCopyOfAPathMakesNoDirectoryAndIsNotAFailure) {
+TEST(AllocationOutsideTheHandlers, RefusedToTheCopyOfAPathMakesNoDirectoryAndIsNotAFailure) {
   const TempDisk disk;
   FileManagerLinux files;
   const std::string path = disk.Local("/made/below");
@@ -323,7 +324,7 @@ TEST(AllocationBesideTheHandlers, RefusedToTheCopyOfAPathMakesNoDirectoryAndIsNo
   EXPECT_FALSE(disk.Exists("/made"));
 }
 
-TEST(AllocationBesideTheHandlers, RefusedToTheAnnouncementHurtsNobody) {
+TEST(AllocationOutsideTheHandlers, RefusedToTheAnnouncementDoesNoHarm) {
   ExpectFaultRow(
       "an allocation of the announcement",
       {"the notice or the announcement does not come",
@@ -342,7 +343,7 @@ TEST(AllocationBesideTheHandlers, RefusedToTheAnnouncementHurtsNobody) {
   });
 }
 
-TEST(AllocationBesideTheHandlers, RefusedToTheBufferOfTheAnnouncementIsLoggedAndNothingIsSent) {
+TEST(AllocationOutsideTheHandlers, RefusedToTheBufferOfTheAnnouncementIsLoggedAndNothingIsSent) {
   int without_buffer = 0;
   RefuseEach([&](int before) {
     FrugalDevice device;
@@ -354,7 +355,7 @@ TEST(AllocationBesideTheHandlers, RefusedToTheBufferOfTheAnnouncementIsLoggedAnd
     std::optional<int> result;
     try {
       result = service.MountRemote("Stick", &device);
-    } catch (const std::bad_alloc&) {  // one that is not the buffer's
+    } catch (const std::bad_alloc&) {  // an allocation other than the buffer's
     }
     const bool refused = allocations.StopRefusing();
     if (refused && result) {
@@ -452,7 +453,7 @@ TEST(AllocationOfAPacket, RefusedToACopyOfAnImageFailsAndLeavesNoHeader) {
   EXPECT_EQ(packet.GetPayload(), nullptr);
 }
 
-TEST(AllocationBesideTheHandlers, RefusedToTheTraceOfOpeningOrClosingCostsThatTraceOnly) {
+TEST(AllocationOutsideTheHandlers, RefusedToTheTraceOfOpeningOrClosingCostsOnlyThatTrace) {
   ExpectFaultRow("an allocation of the trace of opening or closing",
                  {"nothing", "`… is not traced: std::bad_alloc`", "the trace"});
   RefuseEach([](int before) {

@@ -1,4 +1,4 @@
-// Each system call of the file layer fails: what the remote side is told, and what the log says.
+// Lets each system call of the file layer fail, and compares the reply, the log and the traces.
 #include "support/failing_calls.h"
 
 #include <fcntl.h>
@@ -50,13 +50,13 @@ class FaultTest : public OperatorTest {
     device.base().SetFilter(std::make_shared<FakeFilter>([](const std::string&) { return true; }));
   }
 
-  /// From now on no path leads out of the disk. A kernel without openat2 serves nothing then.
+  /// Switches to confined mode, in which nothing is served by a kernel without openat2.
   void Confine() {
     setenv("TESSEL_CPD_CLIENT_CONFINE", "1", 1);
     MakeOperator();
     unsetenv("TESSEL_CPD_CLIENT_CONFINE");
     Mount();
-    udisk->Idle();  // nothing is kept open
+    udisk->Idle();  // closes the mount point
     Log().Clear();
   }
 
@@ -70,7 +70,7 @@ class FaultTest : public OperatorTest {
     }
     return errors;
   }
-  /// The traces so far: the event, and the message behind its place in the source.
+  /// The traces so far: the event, and the message without its place in the source.
   [[nodiscard]] Texts Traced() const {
     Texts traced;
     for (const Trace& trace : device.base().Traces()) {
@@ -87,7 +87,7 @@ const std::string kReadTrace = "LOCAL_UDISK_READ_FILE_SUCCESS: udisk readFile su
 
 Texts RedirError(const std::string& text) { return {"LOCAL_DEVICE_REDIR_ERROR: " + text}; }
 
-/// What a failed write is traced as.
+/// The trace of a failed write.
 Texts WriteFailure(int error) {
   if (error == EACCES || error == EROFS) {
     return {"LOCAL_UDISK_WRITE_FILE_DISK_ACCESS_DENIED: udisk writeFile fail Permission exception"};
@@ -95,12 +95,12 @@ Texts WriteFailure(int error) {
   return {"LOCAL_UDISK_WRITE_FILE_FAIL: udisk writeFile fail"};
 }
 
-/// A call that fails under a request, and what comes of it.
+/// A system call that fails while a request is served, and the expected outcome.
 struct Case {
   std::string name;
   FaultRow row;
   Request request;
-  CallFault fault;  ///< its error is the parameter
+  CallFault fault;  ///< its error comes from the test parameter
   /// The reply's payload; no function = no reply.
   std::function<std::string(const Request&, const TempDisk&)> reply;
   Texts errors = {};  ///< the error lines; %m = the text of the failed call's errno
@@ -118,7 +118,7 @@ auto Echo(size_t at, Field result) {
 
 std::string AsSent(const Request& request, const TempDisk& /*disk*/) { return request.payload; }
 
-/// A listing's head says so much, then come the path and these bytes.
+/// The payload of a listing: a head with this count and the listing's length, path and listing.
 std::string ListingPayload(const Request& request, const std::string& path, uint16_t count,
                            const std::string& listing) {
   const std::string head = request.payload.substr(0, sizeof(DirHead));
@@ -126,7 +126,7 @@ std::string ListingPayload(const Request& request, const std::string& path, uint
          listing;
 }
 
-/// A listing of the known directory's parent, the disk, with attributes as `change` leaves them.
+/// A listing of the disk, with its entries as `change` leaves them.
 std::string DiskListing(const Request& request, const TempDisk& disk,
                         const std::function<void(std::vector<DirEntry>*)>& change) {
   std::vector<DirEntry> entries = EntriesOf(disk.Local("/"));
@@ -424,7 +424,7 @@ class FailingCall : public FaultTest,
                     public ::testing::WithParamInterface<std::tuple<Case, Errno>> {
  protected:
   void ExpectTold(const Case& c, const CallFault& fault) {
-    SettleAccessTime(disk.root());  // listings are compared with what they were made of
+    SettleAccessTime(disk.root());  // listing the disk must not change what is compared
     std::optional<SentPacket> sent;
     {
       const FailingCalls failing(fault);
@@ -452,7 +452,7 @@ class FailingCall : public FaultTest,
   }
 };
 
-TEST_P(FailingCall, IsToldToTheRemoteSideAndInTheLog) {
+TEST_P(FailingCall, IsReportedToTheRemoteSideAndInTheLog) {
   const auto& [c, error] = GetParam();
   CallFault fault = c.fault;
   fault.error = error.value;
@@ -466,7 +466,7 @@ INSTANTIATE_TEST_SUITE_P(, FailingCall,
                            return std::get<0>(test.param).name + "_" + std::get<1>(test.param).name;
                          });
 
-// ---- The same where no path leads out of the disk ----
+// ---- The same in confined mode ----
 
 class ConfinedFailingCall : public FailingCall {
  protected:
@@ -478,14 +478,14 @@ class ConfinedFailingCall : public FailingCall {
   }
 };
 
-TEST_P(ConfinedFailingCall, IsToldToTheRemoteSideAndInTheLog) {
+TEST_P(ConfinedFailingCall, IsReportedToTheRemoteSideAndInTheLog) {
   const auto& [c, error] = GetParam();
   CallFault fault = c.fault;
   fault.error = error.value;
   ExpectTold(c, fault);
 }
 
-/// Those in which nothing above the disk is looked at.
+/// The cases in which no call concerns a file outside the disk.
 std::vector<Case> CasesOnTheDisk() {
   std::vector<Case> cases = Cases();
   std::erase_if(cases, [](const Case& c) { return c.fault.call == "stat"; });
@@ -510,7 +510,7 @@ INSTANTIATE_TEST_SUITE_P(, ConfinedFailingCall,
                            return std::get<0>(test.param).name + "_" + std::get<1>(test.param).name;
                          });
 
-/// "AReadWhoseOpenFails" as "a read whose open fails".
+/// Turns "AReadWhoseOpenFails" into "a read whose open fails".
 std::string Words(const std::string& name) {
   std::string words;
   for (const char c : name) {
@@ -526,14 +526,14 @@ TEST(FaultTable, HasARowForEachOfTheseFaults) {
   for (const Case& c : cases) ExpectFaultRow(Words(c.name), c.row);
 }
 
-// ---- Calls whose failure shows elsewhere ----
+// ---- Calls whose failure has an effect of its own ----
 
 class FailingCallOfItsOwn : public FaultTest, public ::testing::WithParamInterface<Errno> {};
 
 TEST_P(FailingCallOfItsOwn, StatisticsWhoseStatvfsAndStatfsFailAreZero) {
   ExpectFaultRow("statistics whose statvfs and statfs fail", {"zeros", "nothing", "nothing"});
   const StatvfsRequest request{.path = "/"};
-  udisk->modified = 1;  // else they are not asked for
+  udisk->modified = 1;  // otherwise the statistics are not refreshed
   const FailingCalls statvfs({.call = "statvfs", .error = GetParam().value});
   const FailingCalls statfs({.call = "statfs", .error = GetParam().value});
   const auto reply = Ask(request);
@@ -570,7 +570,7 @@ TEST_P(FailingCallOfItsOwn, ACreateWhoseFirstOpenFailsSucceedsAndLeavesItsDescri
   EXPECT_EQ(close(reply->result()), 0) << "it was closed already";
 }
 
-TEST_P(FailingCallOfItsOwn, TheErrorOfAReadIsNotThatOfTheCloseBehindIt) {
+TEST_P(FailingCallOfItsOwn, TheErrorOfAReadIsNotThatOfTheCloseAfterIt) {
   const FailingCalls pread({.call = "pread", .error = GetParam().value});
   const FailingCalls close({.call = "close", .error = EBADF});
   ASSERT_TRUE(Ask(ReadRequest{.path = kKnownFile}));
@@ -579,7 +579,7 @@ TEST_P(FailingCallOfItsOwn, TheErrorOfAReadIsNotThatOfTheCloseBehindIt) {
                             std::string(std::strerror(GetParam().value)) + R"(\n)"});
 }
 
-TEST_P(FailingCallOfItsOwn, TheErrorOfAWriteIsNotThatOfTheCloseBehindIt) {
+TEST_P(FailingCallOfItsOwn, TheErrorOfAWriteIsNotThatOfTheCloseAfterIt) {
   const FailingCalls pwrite({.call = "pwrite", .error = GetParam().value});
   const FailingCalls close({.call = "close", .error = EBADF});
   ASSERT_TRUE(Ask(WriteRequest{.path = kKnownFile, .data = "data"}));
@@ -589,7 +589,7 @@ TEST_P(FailingCallOfItsOwn, TheErrorOfAWriteIsNotThatOfTheCloseBehindIt) {
   EXPECT_EQ(Traced(), WriteFailure(GetParam().value));
 }
 
-TEST_P(FailingCallOfItsOwn, TheErrorOfAConfinedUnlinkIsNotThatOfTheCloseBehindIt) {
+TEST_P(FailingCallOfItsOwn, TheErrorOfAConfinedUnlinkIsNotThatOfTheCloseAfterIt) {
   Confine();
   if (!StillServes()) GTEST_SKIP() << "this kernel has no openat2";
   const FailingCalls unlink({.call = "unlink", .error = GetParam().value});
@@ -635,7 +635,7 @@ TEST_P(FailingCallOfItsOwn, ACloseIsAnsweredOnceTheSyncHasBeenTried) {
 INSTANTIATE_TEST_SUITE_P(, FailingCallOfItsOwn, ::testing::ValuesIn(kErrors),
                          [](const auto& test) { return test.param.name; });
 
-// ---- Files whose size is not to be had ----
+// ---- Files whose size is not known ----
 
 class EndlessDirectory : public FaultTest {};
 
@@ -655,7 +655,7 @@ TEST_F(EndlessDirectory, IsListedAsOneThatCannotBeRead) {
 
 class UnknownSize : public FaultTest {};
 
-TEST_F(UnknownSize, IsTakenForOneMebibyte) {
+TEST_F(UnknownSize, CountsAsOneMebibyte) {
   constexpr uint32_t kTaken = 1 << 20;
   constexpr uint32_t kAsked = kTaken + 1;
   disk.MakeFile("/large.txt", std::string(kAsked, 'x'));
@@ -669,7 +669,7 @@ TEST_F(UnknownSize, IsTakenForOneMebibyte) {
   EXPECT_EQ(small->records[0].data.size(), kTaken);
 }
 
-// ---- Calls that requests do not make ----
+// ---- How many calls a request makes ----
 
 class CallCount : public FaultTest {};
 
@@ -768,7 +768,7 @@ TEST_F(ShortTransfer, OfAReadIsRepliedAsItIs) {
   ASSERT_TRUE(reply);
   EXPECT_EQ(reply->result, 5U);
   EXPECT_EQ(reply->data, "known");
-  EXPECT_EQ(shortened.Affected(), 1) << "one call a request";
+  EXPECT_EQ(shortened.Affected(), 1) << "one call per request";
   EXPECT_EQ(Errors(), Texts{});
 }
 
@@ -791,7 +791,7 @@ TEST_F(ShortTransfer, OfAWriteIsAFailure) {
   ASSERT_TRUE(reply);
   EXPECT_EQ(int{reply->head.size}, 0);
   EXPECT_EQ(disk.ReadBack(kKnownFile), "matwn content");
-  EXPECT_EQ(shortened.Affected(), 1) << "one call a request";
+  EXPECT_EQ(shortened.Affected(), 1) << "one call per request";
   EXPECT_EQ(Errors(), Texts{"file_write: file_write failed, res: #"});
   EXPECT_EQ(Traced(), WriteFailure(0));
 }

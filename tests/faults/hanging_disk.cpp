@@ -1,7 +1,7 @@
 // A disk that hangs on request: hanging-disk MOUNT_POINT mounts a file system that holds one file
 // and an empty directory.
-// After SIGUSR1 every call blocks until SIGUSR2. Each of them writes a letter to standard output, h
-// and r, when it has taken effect, and every call that begins to block a b. SIGTERM unmounts.
+// After SIGUSR1 every call blocks until SIGUSR2. Once a signal has taken effect, an h or an r is
+// written to standard output; a call that begins to block writes a b. SIGTERM unmounts.
 #include <fuse3/fuse.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -33,7 +33,7 @@ void OnSignal(int signal) {
   errno = error;
 }
 
-/// Where every call comes by.
+/// Every call passes here.
 void Gate() {
   if (!g_hangs) return;
   Tell('b');
@@ -41,7 +41,7 @@ void Gate() {
 }
 
 void* Initialise(fuse_conn_info* /*connection*/, fuse_config* config) {
-  // Nothing is remembered: every request reaches the disk.
+  // The kernel caches nothing, so every request reaches the disk.
   config->entry_timeout = config->attr_timeout = config->negative_timeout = 0;
   config->direct_io = 1;
   return nullptr;

@@ -1,4 +1,4 @@
-// A disk whose calls block: who waits for it, and who does not.
+// A disk whose calls block: which operations wait for it, and which do not.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -27,10 +27,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// "At once", on a busy machine too: the disk hangs until it is released, and so would a call that
-/// waited for it.
+/// The limit for "at once", even on a busy machine: the disk hangs until it is released, so a call
+/// that waited for it would never return.
 constexpr auto kAtOnce = kPatience;
-/// How long something is watched that must not end.
+/// How long a test watches a call that must not return.
 constexpr auto kWatched = 500ms;
 
 /// A disk that works until it is told to hang.
@@ -55,7 +55,7 @@ class HangingDisk {
   void Release() {
     if (hangs_) Tell(SIGUSR2, 'r');
   }
-  /// The file system is gone, the calls that hang with it.
+  /// Ends the file system, and with it the calls that hang.
   void Die() {
     process_.Signal(SIGKILL);
     process_.Wait();
@@ -87,7 +87,7 @@ class HangingDisk {
   bool hangs_ = false;
 };
 
-/// The loaded module with a driver on a disk that hangs.
+/// The loaded module, with a driver on a disk that can hang.
 class DiskThatHangs : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -96,7 +96,7 @@ class DiskThatHangs : public ::testing::Test {
     disk.emplace();
   }
   void TearDown() override {
-    if (disk) disk->Release();  // else nothing ends
+    if (disk) disk->Release();  // otherwise Close waits forever
     if (driver) driver->Close(0);
     driver.reset();
     disk.reset();
@@ -144,7 +144,7 @@ TEST_F(DiskThatHangs, HoldsUpNeitherRequestsNorBusEventsNorPolicies) {
   EXPECT_TRUE(device.Sent().empty());
 }
 
-TEST_F(DiskThatHangs, ServesEveryRequestInOrderWhenItGoesOn) {
+TEST_F(DiskThatHangs, ServesEveryRequestInOrderWhenItResumes) {
   ExpectFaultRow("a disk that hangs",
                  {"no answer until it goes on, then all in order; other disks are served",
                   "nothing", "nothing"});
@@ -171,7 +171,7 @@ TEST_F(DiskThatHangs, HoldsUpNoOtherDriver) {
   EXPECT_TRUE(device.Sent().empty()) << "the disk did not hang";
 }
 
-TEST_F(DiskThatHangs, MakesCloseWaitForTheCallInFlightAndNoLonger) {
+TEST_F(DiskThatHangs, MakesCloseWaitOnlyForTheCallInFlight) {
   OpenAndHang();
   for (uint32_t id = 2; id <= 20; ++id) Send(id);
   std::future<int> closed = CloseMeanwhile();
@@ -202,7 +202,7 @@ TEST_F(DiskThatHangs, MakesCloseGiveARequestOfManyCallsUpAfterASecond) {
                   "nothing: what was done before is done"});
 }
 
-TEST_F(DiskThatHangs, WhenItIsOpenedHoldsUpItsAnnouncementAndClose) {
+TEST_F(DiskThatHangs, WhileItIsOpenedHoldsUpItsAnnouncementAndClose) {
   ExpectFaultRow("a disk that hangs when it is opened",
                  {"the announcement comes when it goes on", "nothing", "nothing"});
   disk->Hang();
@@ -234,12 +234,12 @@ TEST_F(DiskThatHangs, AndThenDiesEndsTheCallInFlight) {
 
 // ---- The operator on its own ----
 
-TEST_F(DiskThatHangs, WhileItsMountPointIsOpenedHoldsUpNobodyElse) {
+TEST_F(DiskThatHangs, HoldsUpNoOtherCallWhileItsMountPointIsOpened) {
   setenv("TESSEL_CPD_CLIENT_CONFINE", "1", 1);
   UDiskOperator udisk(&device);
   unsetenv("TESSEL_CPD_CLIENT_CONFINE");
   udisk.SetRootPath((disk->path() + "/").c_str(), "dir");
-  udisk.Idle();  // nothing is kept open
+  udisk.Idle();  // closes the mount point
   disk->Hang();
   auto served = std::async(std::launch::async, [&] {
     return udisk.EventHandle(Request(ReadRequest{.path = kKnownFile}).Packet());
@@ -254,7 +254,7 @@ TEST_F(DiskThatHangs, WhileItsMountPointIsOpenedHoldsUpNobodyElse) {
   disk->Release();
 }
 
-TEST_F(DiskThatHangs, IsListedAsAVolumeOnlyWhenItsStatisticsAreThere) {
+TEST_F(DiskThatHangs, IsListedAsAVolumeOnlyOnceItsStatisticsAreKnown) {
   UDiskOperator udisk(&device);
   const auto records = [&] {
     device.TakeSent();

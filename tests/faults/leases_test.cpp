@@ -1,5 +1,5 @@
-// Files that another process holds a lease on: a request waits for the lease's end, as a plain open
-// does, and loses nothing.
+// Files that another process holds a lease on: a request waits until the lease ends, as a plain
+// open does, and loses nothing.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -26,7 +26,7 @@ namespace {
 using namespace std::chrono_literals;
 
 /// Holds a lease that every open of the file breaks, and gives it up a while after the break began.
-/// The kernel makes no difference between this process and another one.
+/// The kernel treats a lease of this process like one of another process.
 class LeaseHolder {
  public:
   explicit LeaseHolder(const std::string& path)
@@ -44,7 +44,7 @@ class LeaseHolder {
   LeaseHolder(const LeaseHolder&) = delete;
   LeaseHolder& operator=(const LeaseHolder&) = delete;
 
-  /// The errno that the lease was refused with; 0 when it is held.
+  /// The errno with which the lease was refused; 0 when it is held.
   [[nodiscard]] int error() const { return error_; }
   [[nodiscard]] bool GaveUp() const { return gave_up_; }
 
@@ -82,11 +82,11 @@ class LeasedFile : public OperatorTest, public ::testing::WithParamInterface<Mod
 
   void SetUp() override {
     if (!StillServes()) GTEST_SKIP() << "no openat2 here";
-    udisk->Idle();  // nothing is kept open
+    udisk->Idle();  // closes the mount point
     Log().Clear();
   }
 
-  /// Does something to the known file while there is a lease on it, which must have ended then.
+  /// Runs `act` while there is a lease on the known file, and expects it to break the lease.
   void WhileLeased(const std::function<void()>& act) {
     const LeaseHolder holder(disk.Local(kKnownFile));
     if (holder.error() != 0) GTEST_SKIP() << "no leases here: " << strerror(holder.error());
@@ -165,9 +165,9 @@ TEST_P(LeasedFile, ThatCannotBeReopenedFailsWithTheReasonOfTheOpen) {
 INSTANTIATE_TEST_SUITE_P(, LeasedFile, ::testing::Values(Mode{"Plain", "0"}, Mode{"Confined", "1"}),
                          [](const auto& test) { return std::string(test.param.name); });
 
-// ---- What EAGAIN means besides ----
+// ---- Other meanings of EAGAIN ----
 
-TEST_P(LeasedFile, IsNotWhatAFifoIsTakenFor) {
+TEST_P(LeasedFile, IsNotConfusedWithABusyFifo) {
   ASSERT_EQ(mkfifo(disk.Local("/fifo").c_str(), 0600), 0);
   const bool confined = GetParam().confine[0] != '0';
   const FailingCalls open(
@@ -186,7 +186,7 @@ TEST_P(RenamesMeanwhile, DisturbNoRequest) {
   EXPECT_EQ(openat2.Affected(), 150);
 }
 
-TEST_P(RenamesMeanwhile, WithoutAnEndMakeTheFileMissing) {
+TEST_P(RenamesMeanwhile, ThatNeverEndMakeTheFileMissing) {
   const FailingCalls openat2({.call = "openat2", .error = EAGAIN});
   EXPECT_EQ(Ask(WriteRequest{.path = kKnownFile, .data = "x"})->head.size, 0);
   EXPECT_EQ(Log().Messages(kError).at(0), "write file fail errno:No such file or directory \\n");

@@ -1,4 +1,4 @@
-// The module as a host loads it, for tests of disks that go wrong under it.
+// The module, loaded as a host loads it, for tests of disks that fail while it runs.
 #pragma once
 
 #include <dlfcn.h>
@@ -19,7 +19,7 @@ class LoadedModule {
     if (library_ == nullptr) ADD_FAILURE() << dlerror();
   }
 
-  /// A driver for the disk that is mounted at `path`, which has announced it if `works`.
+  /// Opens a driver for the disk that is mounted at `path`; if `works`, waits for its announcement.
   [[nodiscard]] std::unique_ptr<CpdDriver> Open(FakeDevice* device, const std::string& path,
                                                 bool works = true) const {
     device->base().SetParams(DeviceParams(path));

@@ -1,4 +1,4 @@
-// A disk that is pulled out while requests for it are under way, and put back.
+// A disk that is pulled out while it serves requests, and plugged in again.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
@@ -31,12 +31,12 @@ using system_test::Shell;
 constexpr char kLargeFile[] = "/large";
 const std::string kPiece(4096, 'x');
 
-/// Threads of the host that go on sending requests for as long as the object lives.
+/// Threads of the host that send requests for as long as the object lives.
 class Load {
  public:
   Load(CpdDriver* driver, FakeDevice* device) : driver_(driver), device_(device) {
     device->OnSend([this](const SentPacket& reply) {
-      // What a read or a write brought: a length of 0 where it failed.
+      // The length that was read or written: 0 when the request failed.
       const size_t at = reply.cmd == kFileRead ? 12 : 8;
       uint32_t length = 0;
       std::memcpy(&length, reply.payload.data() + at, sizeof length);
@@ -55,14 +55,14 @@ class Load {
   Load(const Load&) = delete;
   Load& operator=(const Load&) = delete;
 
-  /// Sends no more. @return whether every request gets its reply
+  /// Stops sending. @return whether every request has got its reply
   [[nodiscard]] bool EveryRequestEnds() {
     stop_ = true;
     for (std::thread& thread : threads_) thread.join();
     threads_.clear();
     return Eventually([&] { return Outstanding() == 0; });
   }
-  /// Waits until so many more requests were served, or failed.
+  /// Waits until some more requests were served.
   [[nodiscard]] bool WaitForServed() const { return WaitForMore(served_); }
   [[nodiscard]] bool WaitForFailed() const { return WaitForMore(failed_); }
 
@@ -105,7 +105,7 @@ class DiskThatIsPulledOut : public ::testing::Test {
     if (driver) driver->Close(0);
   }
 
-  /// From now on every call for the disk fails with an I/O error.
+  /// Makes every later call for the disk fail with an I/O error.
   void Break() const {
     const int root = open(disk.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const uint32_t at_once = 2;
@@ -116,7 +116,7 @@ class DiskThatIsPulledOut : public ::testing::Test {
     const std::string device_name = Shell("losetup -n -O NAME -j " + disk.image()).output;
     ASSERT_FALSE(device_name.empty());
     EXPECT_EQ(umount2(disk.path().c_str(), MNT_DETACH), 0);
-    Shell("losetup -d " + device_name);  // it may be gone by itself
+    Shell("losetup -d " + device_name);  // fails if the device has detached itself
     EXPECT_TRUE(IsDetached()) << "a descriptor is left open on the disk";
   }
   [[nodiscard]] bool IsDetached() const {
@@ -133,7 +133,7 @@ class DiskThatIsPulledOut : public ::testing::Test {
     if (!device.WaitForPackets(1)) return std::nullopt;
     return device.TakeSent().front();
   }
-  /// A write and a read of what was written reach the disk itself.
+  /// Expects a write, and a read of what was written, to reach the disk itself.
   void ExpectToServe() {
     ASSERT_TRUE(Ask(TruncateRequest{.path = kKnownFile, .length = 0}));
     ASSERT_TRUE(Ask(WriteRequest{.path = kKnownFile, .data = "new content"}));
@@ -150,7 +150,7 @@ class DiskThatIsPulledOut : public ::testing::Test {
   std::unique_ptr<CpdDriver> driver;
 };
 
-TEST_F(DiskThatIsPulledOut, EndsEveryRequestUnderWayAndIsServedAgainWhenItIsBack) {
+TEST_F(DiskThatIsPulledOut, EndsEveryRequestInFlightAndIsServedAgainWhenItIsBack) {
   ExpectFaultRow("a disk that is pulled out under load",
                  {"an answer to every request under way: what was done before, failures after",
                   "the failed calls, as above",

@@ -1,4 +1,4 @@
-// The likeliest reason of a failure, from what the disk shows afterwards.
+// The likeliest reason for a failure, given the state of the disk afterwards.
 #include "remote/failure_reason.h"
 
 #include <gtest/gtest.h>
@@ -35,7 +35,7 @@ udisk_statvfs RoomyDisk() {
   return disk;
 }
 
-/// A file in a directory of a disk on which everything is possible.
+/// A file in a directory of a disk on which every change should succeed.
 Facts NothingWrong() {
   return {.file = File(),
           .target = std::nullopt,
@@ -53,14 +53,14 @@ constexpr Kind kEverything[] = {Kind::kMakeFile, Kind::kMakeDirectory, Kind::kLi
                                 Kind::kRename,   Kind::kUnlink,        Kind::kRemoveDirectory,
                                 Kind::kWrite,    Kind::kSync,          Kind::kChangeAttributes};
 
-TEST(FailureReason, IsAnInputOutputErrorWhereNothingExplainsTheFailure) {
+TEST(FailureReason, IsEioWhenNothingExplainsTheFailure) {
   EXPECT_EQ(Reason(Kind::kWrite, NothingWrong()), EIO);
   EXPECT_EQ(Reason(Kind::kSync, NothingWrong()), EIO);
   EXPECT_EQ(Reason(Kind::kUnlink, NothingWrong()), EIO);
   EXPECT_EQ(Reason(Kind::kRename, NothingWrong()), EIO);
 }
 
-TEST(FailureReason, OfAMissingFileIsThat) {
+TEST(FailureReason, IsEnoentForAMissingFile) {
   auto facts = NothingWrong();
   facts.file.reset();
   for (const Kind kind : {Kind::kLink, Kind::kRename, Kind::kUnlink, Kind::kRemoveDirectory,
@@ -69,7 +69,7 @@ TEST(FailureReason, OfAMissingFileIsThat) {
   }
 }
 
-TEST(FailureReason, OfAReadOnlyDiskIsThatForEveryChange) {
+TEST(FailureReason, IsErofsForEveryChangeOfAReadOnlyDisk) {
   auto facts = NothingWrong();
   facts.disk->f_flag = ST_RDONLY;
   for (const Kind kind : kEverything) {
@@ -80,7 +80,7 @@ TEST(FailureReason, OfAReadOnlyDiskIsThatForEveryChange) {
   }
 }
 
-TEST(FailureReason, OfAFullDiskIsThatForWhatNeedsRoom) {
+TEST(FailureReason, IsEnospcOnAFullDiskForChangesThatNeedRoom) {
   auto facts = NothingWrong();
   facts.disk->f_bavail = 2;
   for (const Kind kind : {Kind::kWrite, Kind::kSync, Kind::kLink, Kind::kRename, Kind::kMakeFile}) {
@@ -89,15 +89,15 @@ TEST(FailureReason, OfAFullDiskIsThatForWhatNeedsRoom) {
   EXPECT_NE(Reason(Kind::kUnlink, facts), ENOSPC);
 }
 
-TEST(FailureReason, OfADiskWithoutFreeInodesIsAFullDisk) {
+TEST(FailureReason, IsEnospcOnADiskWithoutFreeInodes) {
   auto facts = NothingWrong();
   facts.disk->f_favail = 0;
   EXPECT_EQ(Reason(Kind::kMakeFile, facts), ENOSPC);
-  facts.disk->f_files = 0;  // a file system that has none to count
+  facts.disk->f_files = 0;  // a file system without an inode table
   EXPECT_EQ(Reason(Kind::kMakeFile, facts), EIO);
 }
 
-TEST(FailureReason, OfATakenNameIsThat) {
+TEST(FailureReason, IsEexistOrEisdirForANameInUse) {
   auto facts = NothingWrong();
   EXPECT_EQ(Reason(Kind::kMakeDirectory, facts), EEXIST);
   facts.target = File();
@@ -106,7 +106,7 @@ TEST(FailureReason, OfATakenNameIsThat) {
   EXPECT_EQ(Reason(Kind::kMakeFile, facts), EISDIR);
 }
 
-TEST(FailureReason, OfARenameIsInWhatItMeets) {
+TEST(FailureReason, DependsOnTheTargetOfARename) {
   auto facts = NothingWrong();
   facts.target = Directory();
   EXPECT_EQ(Reason(Kind::kRename, facts), EISDIR);
@@ -121,7 +121,7 @@ TEST(FailureReason, OfARenameIsInWhatItMeets) {
             EINVAL);
 }
 
-TEST(FailureReason, OfARemovalIsInWhatItMeets) {
+TEST(FailureReason, DependsOnWhatIsToBeRemoved) {
   auto facts = NothingWrong();
   EXPECT_EQ(Reason(Kind::kRemoveDirectory, facts), ENOTDIR);
   facts.file = Directory();
@@ -130,7 +130,7 @@ TEST(FailureReason, OfARemovalIsInWhatItMeets) {
   EXPECT_EQ(Reason(Kind::kRemoveDirectory, facts), ENOTEMPTY);
 }
 
-TEST(FailureReason, OfANewNameIsInItsDirectory) {
+TEST(FailureReason, DependsOnTheDirectoryOfANewName) {
   auto facts = NothingWrong();
   facts.file.reset();
   facts.parent = File();
@@ -141,14 +141,14 @@ TEST(FailureReason, OfANewNameIsInItsDirectory) {
             ENAMETOOLONG);
 }
 
-TEST(FailureReason, OfTwoNamesOnTwoFileSystemsIsThat) {
+TEST(FailureReason, IsExdevForNamesOnTwoFileSystems) {
   auto facts = NothingWrong();
   facts.parent->st_dev = 7;
   EXPECT_EQ(Reason(Kind::kRename, facts), EXDEV);
   EXPECT_EQ(Reason(Kind::kLink, facts), EXDEV);
 }
 
-TEST(FailureReason, IsAPermissionWhereOneIsMissing) {
+TEST(FailureReason, IsEaccesOrEpermWhenAPermissionIsMissing) {
   auto facts = NothingWrong();
   facts.file = File(0644);
   EXPECT_EQ(Reason(Kind::kWrite, facts), EACCES);
@@ -159,7 +159,7 @@ TEST(FailureReason, IsAPermissionWhereOneIsMissing) {
   EXPECT_EQ(Reason(Kind::kChangeAttributes, facts), EPERM);
 }
 
-TEST(FailureReason, IsThePermissionOfTheOwnerOfTheGroupOrOfOthers) {
+TEST(FailureReason, DependsOnThePermissionsOfOwnerGroupOrOthers) {
   auto facts = NothingWrong();
   const auto reason = [&](uint32_t mode, uint32_t owner, uint32_t group) {
     facts.file = File(mode);
@@ -175,7 +175,7 @@ TEST(FailureReason, IsThePermissionOfTheOwnerOfTheGroupOrOfOthers) {
   EXPECT_EQ(reason(0220, 0, 47), EACCES);
 }
 
-TEST(FailureReason, IsNoPermissionOfTheSuperuser) {
+TEST(FailureReason, IsNeverAMissingPermissionForRoot) {
   auto facts = NothingWrong();
   facts.user = {};
   facts.file = File(0444);
@@ -187,13 +187,13 @@ TEST(FailureReason, IsNoPermissionOfTheSuperuser) {
   }
 }
 
-TEST(FailureReason, OfASyncIsNoPermission) {
+TEST(FailureReason, IsNeverAMissingPermissionForASync) {
   auto facts = NothingWrong();
   facts.file = File(0444);
   EXPECT_EQ(Reason(Kind::kSync, facts), EIO);
 }
 
-TEST(FailureReason, InAStickyDirectoryIsAPermissionForOthersFilesOnly) {
+TEST(FailureReason, IsEaccesInAStickyDirectoryForFilesOfOthers) {
   auto facts = NothingWrong();
   facts.parent = Directory(01777);
   EXPECT_EQ(Reason(Kind::kUnlink, facts), EACCES);
@@ -203,11 +203,11 @@ TEST(FailureReason, InAStickyDirectoryIsAPermissionForOthersFilesOnly) {
   EXPECT_EQ(Reason(Kind::kMakeFile, facts), EIO);
 }
 
-TEST(FailureReason, OfALinkIsAtLastThatTheDiskHasNone) {
+TEST(FailureReason, IsEpermForALinkWhenNothingElseExplainsTheFailure) {
   EXPECT_EQ(Reason(Kind::kLink, NothingWrong()), EPERM);
 }
 
-TEST(FailureReason, OfAWriteThatCrossesFourGibibytesIsTheSize) {
+TEST(FailureReason, IsEfbigForAWriteThatCrossesFourGibibytes) {
   constexpr int64_t kFour = int64_t{4} << 30;
   auto facts = NothingWrong();
   facts.file->st_size = kFour - 1;

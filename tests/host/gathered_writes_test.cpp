@@ -1,4 +1,4 @@
-// Small writes leave together, in order, and none is lost without a word.
+// Small writes are sent together and in order, and none is lost silently.
 #include "mount/gathered_writes.h"
 
 #include <gtest/gtest.h>
@@ -33,8 +33,8 @@ Head HeadOf(const CpdPacket& packet) {
   return head;
 }
 
-/// A driver whose disk is a file in memory. Carries requests out in their order on a thread of its
-/// own, as long as it is not held.
+/// A driver whose disk is a file in memory. Carries out requests in order, on a thread of its own,
+/// unless it is held.
 class MemoryDisk : public test::IdleDriver {
  public:
   explicit MemoryDisk(Session& session) : session_(session) {}
@@ -52,11 +52,11 @@ class MemoryDisk : public test::IdleDriver {
   void GoOn() {
     Change([this] { is_held_ = false; });
   }
-  /// So many batches stop behind their first piece.
+  /// The next `count` batches fail after their first piece.
   void FailBatches(int count) {
     Change([=, this] { failing_batches_ = count; });
   }
-  /// From now on no write is carried out, and no room is left.
+  /// From now on every write fails, and no space is left.
   void Fill() {
     Change([this] { is_full_ = true; });
   }
@@ -219,7 +219,7 @@ class GatheredWritesTest : public testing::Test {
     answered.get_future().wait();
     return outcome;
   }
-  /// What is gathered leaves as a batch of its own.
+  /// Sends what is gathered as a batch of its own.
   void SendNow() {
     const auto pass = gate.Enter();
     writes.Send();
@@ -239,9 +239,9 @@ class GatheredWritesTest : public testing::Test {
   NodeTable::Id node = 0;
 };
 
-TEST_F(GatheredWritesTest, LeaveInOnePacket) {
+TEST_F(GatheredWritesTest, AreSentInOnePacket) {
   {
-    const auto pass = gate.Enter();  // nothing leaves meanwhile
+    const auto pass = gate.Enter();  // keeps the sender from sending
     ASSERT_TRUE(writes.Add(node, 0, 0, "abc"));
     ASSERT_TRUE(writes.Add(node, 3, 6, "ghi"));
     ASSERT_TRUE(writes.Add(node, 9, 1, "X"));
@@ -251,18 +251,18 @@ TEST_F(GatheredWritesTest, LeaveInOnePacket) {
   EXPECT_EQ(disk.batches(), 1);
 }
 
-TEST_F(GatheredWritesTest, LeaveByThemselvesBeforeLong) {
+TEST_F(GatheredWritesTest, AreSentSoonWithoutAFurtherCall) {
   ASSERT_TRUE(Add(0, "abc"));
   for (int i = 0; i < 500 && disk.content().empty(); ++i) std::this_thread::sleep_for(10ms);
   EXPECT_EQ(disk.content(), "abc");
 }
 
-TEST_F(GatheredWritesTest, TakeNoLargePiece) {
+TEST_F(GatheredWritesTest, DoNotTakeALargePiece) {
   EXPECT_FALSE(Add(0, std::string(4097, 'x')));
   EXPECT_TRUE(Add(0, std::string(4096, 'x')));
 }
 
-TEST_F(GatheredWritesTest, TakeNoMoreThanSomeMebibytesFromASlowDisk) {
+TEST_F(GatheredWritesTest, TakeOnlyAFewMebibytesForASlowDisk) {
   int taken = 0;
   // A busy machine may make the disk look slow at first.
   for (int attempt = 0; attempt < 20 && taken <= 100; ++attempt) {
@@ -347,7 +347,7 @@ TEST_F(GatheredWritesTest, AreWrittenThroughAfterTheDiskHasFailed) {
   EXPECT_FALSE(Add(0, "abc"));
 }
 
-TEST_F(GatheredWritesTest, OfAFailedBatchAreWrittenOneByOne) {
+TEST_F(GatheredWritesTest, AreWrittenOneByOneWhenTheirBatchFails) {
   disk.FailBatches(1);
   for (int i = 0; i < 5; ++i) ASSERT_TRUE(Add(i * 4, "abc"));
   writes.Drain(node);
@@ -355,7 +355,7 @@ TEST_F(GatheredWritesTest, OfAFailedBatchAreWrittenOneByOne) {
   EXPECT_EQ(failures, std::vector<int>{});
 }
 
-TEST_F(GatheredWritesTest, BehindAFailedBatchStayTheLast) {
+TEST_F(GatheredWritesTest, SentAfterAFailedBatchStillComeLast) {
   disk.Hold();
   disk.FailBatches(1);
   ASSERT_TRUE(Add(0, "1111"));
@@ -371,7 +371,7 @@ TEST_F(GatheredWritesTest, BehindAFailedBatchStayTheLast) {
   EXPECT_EQ(failures, std::vector<int>{});
 }
 
-TEST_F(GatheredWritesTest, OfAFailedBatchAreWrittenBeforeAMoveThatAwaitsThem) {
+TEST_F(GatheredWritesTest, AreWrittenAgainBeforeAMoveThatAwaitsThem) {
   disk.Hold();
   disk.FailBatches(1);
   ASSERT_TRUE(Add(0, "abc"));
@@ -392,7 +392,7 @@ TEST_F(GatheredWritesTest, ThatFailAgainAreReportedBeforeADrainEnds) {
   EXPECT_EQ(failures, (std::vector<int>{ENOSPC, ENOSPC}));
 }
 
-TEST_F(GatheredWritesTest, OfAFileWithoutANameAreReported) {
+TEST_F(GatheredWritesTest, ToAFileWithoutANameAreReported) {
   ASSERT_TRUE(Add(0, "abc"));
   nodes.Unlink(NodeTable::kRoot, "file");
   writes.Drain(node);

@@ -1,4 +1,4 @@
-// Names that hold anything, on a terminal and in JSON.
+// Names with arbitrary bytes, on a terminal and in JSON.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -45,7 +45,7 @@ TEST(JsonString, HasAReplacementForEachByteThatIsNotUtf8) {
   EXPECT_EQ(JsonString("\xe2\x82\""), "\"" + mark + mark + "\\\"\"");
 }
 
-TEST(ShownName, IsUnchangedWhereNoTerminalReadsIt) {
+TEST(ShownName, IsUnchangedOutsideATerminal) {
   EXPECT_EQ(ShownName("a\x1b[31mb\n"), "a\x1b[31mb\n");
 }
 
@@ -68,7 +68,7 @@ std::multiset<std::string> Split(const std::string& text, char end) {
   return parts;
 }
 
-/// Names of every byte, and of what matters to a shell or a terminal.
+/// Names with every byte, and with everything that is special to a shell or a terminal.
 class Quoting : public testing::Test {
  protected:
   Quoting() {
@@ -109,7 +109,7 @@ class Quoting : public testing::Test {
 TEST_F(Quoting, IsThatOfLs) {
   std::multiset<std::string> ours;
   for (const auto& name : names_) {
-    // ls 9.1 does not get these right.
+    // ls 9.1 quotes these wrongly.
     if (name.find('\'') != std::string::npos && QuotedForShell(name + 'a').ends_with("''a'")) {
       continue;
     }

@@ -1,4 +1,4 @@
-// Nodes, names and paths, as the kernel and the disk come to know them.
+// Nodes, names and paths as the kernel looks them up and the disk changes them.
 #include "mount/node_table.h"
 
 #include <gtest/gtest.h>
@@ -38,13 +38,13 @@ class Nodes : public testing::Test {
   NodeTable nodes;
 };
 
-TEST_F(Nodes, OfOneNameAreOneNode) {
+TEST_F(Nodes, AreTheSameForEachLookupOfAName) {
   const auto node = nodes.Lookup(kRoot, "a", File(1));
   EXPECT_EQ(nodes.Lookup(kRoot, "a", File(1)), node);
   EXPECT_EQ(PathOf(node), "/a");
 }
 
-TEST_F(Nodes, BelowARenamedDirectoryGoAlong) {
+TEST_F(Nodes, MoveWithARenamedDirectory) {
   const auto directory = nodes.Lookup(kRoot, "dir", Directory(1));
   const auto inner = nodes.Lookup(directory, "inner", Directory(2));
   const auto file = nodes.Lookup(inner, "file", File(3));
@@ -54,7 +54,7 @@ TEST_F(Nodes, BelowARenamedDirectoryGoAlong) {
   EXPECT_EQ(PathOf(file), "/top/file");
 }
 
-TEST_F(Nodes, ThatAreReplacedByARenameHaveNoPath) {
+TEST_F(Nodes, HaveNoPathOnceARenameHasReplacedThem) {
   const auto one = nodes.Lookup(kRoot, "one", File(1));
   const auto two = nodes.Lookup(kRoot, "two", File(2));
   nodes.Rename(kRoot, "one", kRoot, "two");
@@ -63,7 +63,7 @@ TEST_F(Nodes, ThatAreReplacedByARenameHaveNoPath) {
   EXPECT_EQ(nodes.Lookup(kRoot, "two", File(1)), one);
 }
 
-TEST_F(Nodes, BelowADirectoryWithoutANameHaveNoPath) {
+TEST_F(Nodes, HaveNoPathBelowADirectoryWithoutAName) {
   const auto directory = nodes.Lookup(kRoot, "dir", Directory(1));
   const auto file = nodes.Lookup(directory, "file", File(2));
   nodes.Unlink(kRoot, "dir");
@@ -71,7 +71,7 @@ TEST_F(Nodes, BelowADirectoryWithoutANameHaveNoPath) {
   EXPECT_EQ(nodes.ChildPath(directory, "other"), std::nullopt);
 }
 
-TEST_F(Nodes, OfHardLinksAreOneNodeUnderTheNameSeenLast) {
+TEST_F(Nodes, AreSharedByHardLinksUnderTheNameSeenLast) {
   const auto one = nodes.Lookup(kRoot, "one", File(1, 2));
   EXPECT_EQ(nodes.Lookup(kRoot, "two", File(1, 2)), one);
   EXPECT_EQ(PathOf(one), "/two");
@@ -79,11 +79,11 @@ TEST_F(Nodes, OfHardLinksAreOneNodeUnderTheNameSeenLast) {
   EXPECT_EQ(PathOf(one), "/one");
 }
 
-TEST_F(Nodes, OfTwoFilesWithOneInodeButWithoutLinksAreTwo) {
+TEST_F(Nodes, AreNotSharedByFilesWithOneInodeButOneLinkEach) {
   EXPECT_NE(nodes.Lookup(kRoot, "one", File(1)), nodes.Lookup(kRoot, "two", File(1)));
 }
 
-TEST_F(Nodes, GiveTheirNameToAnotherFileThatTookItOnTheDisk) {
+TEST_F(Nodes, LoseTheirNameToAFileThatTookItOnTheDisk) {
   const auto before = nodes.Lookup(kRoot, "a", File(1));
   const auto after = nodes.Lookup(kRoot, "a", File(2));
   EXPECT_NE(after, before);
@@ -91,14 +91,14 @@ TEST_F(Nodes, GiveTheirNameToAnotherFileThatTookItOnTheDisk) {
   EXPECT_EQ(PathOf(after), "/a");
 }
 
-TEST_F(Nodes, LoseTheirNameWhenTheirAttributesAreAnotherFiles) {
+TEST_F(Nodes, LoseTheirNameWhenTheyGetAnotherFilesAttributes) {
   const auto node = nodes.Lookup(kRoot, "a", File(1));
   EXPECT_TRUE(nodes.Update(node, File(1, 1, 500)));
   EXPECT_FALSE(nodes.Update(node, File(2)));
   EXPECT_EQ(PathOf(node), "none");
 }
 
-TEST_F(Nodes, StayTheSameWhenTheDiskOnlyNumbersThemAnew) {
+TEST_F(Nodes, StayTheSameWhenTheDiskOnlyRenumbersThem) {
   const auto node = nodes.Lookup(kRoot, "a", File(1, 1, 500));
   auto renumbered = File(1, 1, 500);
   renumbered.st_ino = 99;
@@ -165,7 +165,7 @@ TEST_F(Nodes, HaveTheModeThatTheyAreAboutToGet) {
   const auto node = nodes.Lookup(kRoot, "a", File(1));
   nodes.SetMode(node, S_IFDIR | 04755);
   EXPECT_EQ(nodes.Find(node)->attributes.st_mode, S_IFREG | 04755U);
-  nodes.SetMode(99, 0600);  // unknown: nothing to set
+  nodes.SetMode(99, 0600);  // an unknown node is ignored
 }
 
 TEST_F(Nodes, AreForgottenWithTheLastReference) {
@@ -180,7 +180,7 @@ TEST_F(Nodes, AreForgottenWithTheLastReference) {
   EXPECT_EQ(PathOf(directory), "none");
 }
 
-TEST_F(Nodes, ThatAreHiddenAreFoundUnderTheirHiddenNameOnly) {
+TEST_F(Nodes, AreFoundOnlyUnderTheirHiddenNameOnceHidden) {
   const auto directory = nodes.Lookup(kRoot, "dir", Directory(1));
   const auto node = nodes.Lookup(directory, "a", File(2));
   nodes.Hide(directory, "a", "hidden");
@@ -194,7 +194,7 @@ TEST_F(Nodes, ThatAreHiddenAreFoundUnderTheirHiddenNameOnly) {
   EXPECT_EQ(nodes.HiddenPaths(), std::vector<std::string>{});
 }
 
-TEST_F(Nodes, OfASoleNameAreToldFromThoseWithMore) {
+TEST_F(Nodes, WithOnlyOneNameAreDistinguishedFromThoseWithMore) {
   const auto node = nodes.Lookup(kRoot, "one", File(1, 2));
   EXPECT_EQ(nodes.NodeIfOnlyName(kRoot, "one"), node);
   nodes.Lookup(kRoot, "two", File(1, 2));

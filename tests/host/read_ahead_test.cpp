@@ -1,4 +1,4 @@
-// What the remote side's accelerators make of a driver's answers, well-formed and not.
+// How the remote side's accelerators handle a driver's replies, well-formed or not.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -56,7 +56,7 @@ std::string ListingReply(uint16_t count, const std::string& entries, const std::
          path + entries;
 }
 
-/// Answers each request with what the test says; empty = not at all.
+/// Replies to each request with the payload that the test gives; without one, sends no reply.
 class FakeDriver : public test::IdleDriver {
  public:
   using Answer = std::function<std::optional<std::string>(uint16_t command, std::string payload)>;
@@ -67,7 +67,7 @@ class FakeDriver : public test::IdleDriver {
     requests.push_back(std::move(packet));
     return 0;
   }
-  /// Answers what has been asked so far.
+  /// Replies to the requests so far.
   void Work() {
     for (const auto& request : std::exchange(requests, {})) {
       const CpdPacketHeader header = *request->header;
@@ -97,7 +97,7 @@ class ReadAhead : public testing::Test {
     driver_ = std::make_unique<FakeDriver>(session_, std::move(answer));
     session_.Start(driver_.get());
   }
-  /// Works until nothing is asked any more.
+  /// Replies until there are no more requests.
   void Work() {
     while (!driver_->requests.empty()) driver_->Work();
   }
@@ -138,7 +138,7 @@ class SmallFiles : public ReadAhead {
       Raw(SmallReadHead{2}) + Record("/a", "data") + Record("/b", "two");
 };
 
-TEST_F(SmallFiles, AreFoundInTheirOrder) {
+TEST_F(SmallFiles, ComeInTheOrderOfTheRequest) {
   const auto result = Ask(well_formed);
   ASSERT_EQ(result.error, 0);
   EXPECT_EQ(result.value.bytes, (std::vector<std::string_view>{"data", "two"}));
@@ -150,15 +150,15 @@ TEST_F(SmallFiles, ThatCannotBeReadHaveNoBytes) {
   EXPECT_EQ(result.value.bytes, (std::vector<std::string_view>{"", "two"}));
 }
 
-TEST_F(SmallFiles, OfAnAnswerCutAnywhereAreRefused) {
+TEST_F(SmallFiles, AreRefusedFromAReplyCutAtAnyByte) {
   for (size_t size = 0; size < well_formed.size(); ++size) {
     EXPECT_EQ(Ask(well_formed.substr(0, size)).error, EIO) << size;
   }
 }
 
-TEST_F(SmallFiles, WithoutAnAnswerEndWithAnError) { EXPECT_EQ(Ask(std::nullopt).error, EIO); }
+TEST_F(SmallFiles, EndWithAnErrorWithoutAReply) { EXPECT_EQ(Ask(std::nullopt).error, EIO); }
 
-TEST_F(SmallFiles, OfAnAnswerToAnotherQuestionAreRefused) {
+TEST_F(SmallFiles, AreRefusedFromAReplyToAnotherRequest) {
   const auto b = Record("/b", "two");
   ReadHead elsewhere{};
   elsewhere.offset = 1;
@@ -202,11 +202,11 @@ class Listings : public ReadAhead {
   std::string entries_ =
       Entry(".", directory_) + Entry("file", Attributes(S_IFREG | 0644, 4)) + '\0';
   uint16_t count_ = 2;
-  std::optional<std::string> check_;  // what a check is answered
+  std::optional<std::string> check_;  // the reply to a check
   ListingCache cache_{files_, true};
 };
 
-TEST_F(Listings, AreCheckedTheSecondTime) {
+TEST_F(Listings, AreCheckedWhenAskedForAgain) {
   const auto first = List();
   ASSERT_EQ(first.error, 0);
   EXPECT_EQ(List().value, first.value);
@@ -224,14 +224,14 @@ TEST_F(Listings, ThatDifferReplaceTheOldOnes) {
   EXPECT_EQ(Asked(kDirRead), 1);
 }
 
-TEST_F(Listings, OfADirectoryThatWasTouchedAreAskedForAnew) {
+TEST_F(Listings, AreFetchedAgainWhenTheDirectoryWasTouched) {
   List();
   directory_.st_mtim.tv_nsec = 1;
   EXPECT_EQ(List().error, 0);
   EXPECT_EQ(Asked(kDirRead), 2);
 }
 
-TEST_F(Listings, ThatAChangeOvertookAreNotKept) {
+TEST_F(Listings, AreNotCachedWhenAChangeOvertookThem) {
   std::optional<Result<SharedListing>> result;
   cache_.List("/d", [&](auto listing) { result = std::move(listing); });
   cache_.Forget("/d/file");
@@ -242,7 +242,7 @@ TEST_F(Listings, ThatAChangeOvertookAreNotKept) {
   EXPECT_EQ(Asked(kCheckDir), 0);
 }
 
-TEST_F(Listings, ThatAChangeOvertookWhileTheyWereCheckedAreAskedForAnew) {
+TEST_F(Listings, AreFetchedAgainWhenAChangeOvertookTheirCheck) {
   List();
   std::optional<Result<SharedListing>> result;
   cache_.List("/d", [&](auto listing) { result = std::move(listing); });
@@ -252,7 +252,7 @@ TEST_F(Listings, ThatAChangeOvertookWhileTheyWereCheckedAreAskedForAnew) {
   EXPECT_EQ(Asked(kDirRead), 2);
 }
 
-TEST_F(Listings, AreForgottenWithAChangeBesideAboveOrBelow) {
+TEST_F(Listings, AreForgottenAfterAChangeInsideAboveOrBelow) {
   for (const char* changed : {"/d", "/d/file", "/d/sub/file", "/"}) {
     List();
     const int asked = Asked(kDirRead);
@@ -266,14 +266,14 @@ TEST_F(Listings, AreForgottenWithAChangeBesideAboveOrBelow) {
   EXPECT_EQ(Asked(kDirRead), asked);
 }
 
-TEST_F(Listings, WhoseCountSaysOtherwiseAreNotKept) {
+TEST_F(Listings, AreNotCachedWhenTheirCountIsWrong) {
   count_ = 1;
   List();
   List();
   EXPECT_EQ(Asked(kCheckDir), 0);
 }
 
-TEST_F(Listings, OfABrokenCheckEndWithAnErrorAndAreListedNextTime) {
+TEST_F(Listings, EndWithAnErrorWhenTheReplyToACheckIsCut) {
   const auto good = ListingReply(2, entries_, "/d");
   for (size_t size = 0; size < good.size(); size += 7) {
     ASSERT_EQ((check_ = std::nullopt, List().error), 0);
@@ -282,7 +282,7 @@ TEST_F(Listings, OfABrokenCheckEndWithAnErrorAndAreListedNextTime) {
   }
 }
 
-TEST_F(Listings, HaveNoAttributesWhereTheDiskWroteThoseOfTheEntryBefore) {
+TEST_F(Listings, HaveNoAttributesWhereTheyRepeatTheEntryBefore) {
   const auto early = Attributes(S_IFREG | 0644, 4);
   auto other = early;
   other.st_ino = 9;
@@ -300,7 +300,7 @@ TEST_F(Listings, HaveNoAttributesWhereTheDiskWroteThoseOfTheEntryBefore) {
   EXPECT_EQ(without, "zeros,lost,lost too,");
 }
 
-TEST_F(Listings, WithAnEntryWithoutAttributesAreNotKept) {
+TEST_F(Listings, AreNotCachedWhenAnEntryHasNoAttributes) {
   const auto file = Attributes(S_IFREG | 0644, 4);
   count_ = 3;
   for (const auto& doubtful :
@@ -314,7 +314,7 @@ TEST_F(Listings, WithAnEntryWithoutAttributesAreNotKept) {
   EXPECT_EQ(Asked(kCheckDir), 0);
 }
 
-TEST_F(Listings, OfTheRootShowItAsItsOwnParent) {
+TEST_F(Listings, ShowTheRootAsItsOwnParent) {
   path_ = "/";
   const auto file = Attributes(S_IFREG | 0644, 4);
   entries_ = Entry(".", directory_) + Entry("file", file) + Entry("..", file) + '\0';
@@ -361,7 +361,7 @@ TEST_F(Runs, BeginWithTheThirdFileInARow) {
   EXPECT_EQ(next.front(), "1003");
 }
 
-TEST_F(Runs, GoByNameWhereTheListingIsReversed) {
+TEST_F(Runs, FollowTheNamesWhenTheListingIsReversed) {
   auto names = Numbered(100);
   std::reverse(names.begin(), names.end());
   ReadingRun run(List(names));
@@ -388,7 +388,7 @@ TEST_F(Runs, NameEveryFileOnce) {
   EXPECT_EQ(got, std::vector<std::string>(names.begin() + 3, names.end()));
 }
 
-TEST_F(Runs, TakeAMebibyteAtMostAtOnce) {
+TEST_F(Runs, FetchAMebibyteAtMostAtOnce) {
   ReadingRun run(List(Numbered(1000), ReadingRun::kLargestFile));
   for (int i = 0; i < 500; ++i) {
     run.Step(std::to_string(1000 + i));
@@ -405,7 +405,7 @@ TEST_F(Runs, LeaveOutEmptyLargeAndSpecialFiles) {
   }
 }
 
-TEST_F(Runs, EndWhenAllComesTooLate) {
+TEST_F(Runs, EndWhenNoBatchIsUsed) {
   ReadingRun run(List(Numbered(1000)));
   for (const char* name : {"1000", "1001", "1002"}) run.Step(name);
   int batches = 0;

@@ -1,4 +1,4 @@
-// The packets that the remote side's questions become.
+// The packets that RemoteFiles sends.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -18,7 +18,7 @@ namespace {
 
 using std::chrono_literals::operator""s;
 
-/// Keeps what it is sent, and answers nothing.
+/// Records requests and replies to none.
 class RecordingDriver : public test::IdleDriver {
  public:
   int onEvent(std::unique_ptr<CpdPacket> packet, int /*flags*/) override {
@@ -33,7 +33,7 @@ class RemoteRequests : public testing::Test {
   RemoteRequests() { session_.Start(&driver_); }
   ~RemoteRequests() override { session_.Stop(); }
 
-  /// The head of the request sent last.
+  /// The head of the last request.
   template <class Head>
   Head LastHead() const {
     Head head;
@@ -46,7 +46,7 @@ class RemoteRequests : public testing::Test {
   RemoteFiles files_{session_};
 };
 
-TEST_F(RemoteRequests, FillTheirBuffers) {
+TEST_F(RemoteRequests, FillTheirBuffersCompletely) {
   const auto ignore = [](const auto&...) {};
   const std::string path = "/some/file";
   files_.GetAttributes(path, ignore);
@@ -70,7 +70,7 @@ TEST_F(RemoteRequests, FillTheirBuffers) {
   files_.Rename(path, "/new", ignore);
   files_.Flush(path, ignore);
   files_.Release(path, ignore);
-  ASSERT_EQ(driver_.requests.size(), 22U);  // a check is two
+  ASSERT_EQ(driver_.requests.size(), 22U);  // a check sends two
   for (const auto& request : driver_.requests) {
     EXPECT_EQ(request->buffer->capacity, request->header->packetLen) << request->header->cmd;
   }

@@ -1,4 +1,5 @@
-// The module as a host has it: loaded, found by its symbol, used through virtual operations alone.
+// The module as a host uses it: loaded, found by its symbol, and called only through virtual
+// operations.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -108,7 +109,7 @@ TEST_F(ModuleTest, LogsAndTracesThroughTheProgramThatLoadedIt) {
   EXPECT_EQ(TracerCalls(), tracer_calls + 1);
 }
 
-TEST_F(ModuleTest, TellsAboutItsDisk) {
+TEST_F(ModuleTest, DescribesItsDisk) {
   Open();
   const auto object = std::dynamic_pointer_cast<UdiskOperatorInf>(driver->GetDriverObj());
   ASSERT_NE(object, nullptr);
@@ -126,7 +127,7 @@ TEST_F(ModuleTest, TakesBusEventsAndPolicies) {
   ASSERT_EQ(device.base().Traces("LOCAL_UDISK_READ_BW_INFO").size(), 1U);
 }
 
-/// The operation at a slot of an object's table, as a host built long ago calls it.
+/// The operation at a slot of an object's virtual table, as a host built long ago calls it.
 template <class Operation>
 Operation* AtSlot(const void* object, size_t slot) {
   void* const* table = nullptr;
@@ -134,7 +135,7 @@ Operation* AtSlot(const void* object, size_t slot) {
   return reinterpret_cast<Operation*>(table[slot]);
 }
 
-TEST_F(ModuleTest, DriverOperationsStandAtTheirSlots) {
+TEST_F(ModuleTest, DriverOperationsAreInTheirSlots) {
   Open();
   device.TakeSent();
   CpdDriver* object = driver.get();
@@ -158,7 +159,7 @@ TEST_F(ModuleTest, DriverOperationsStandAtTheirSlots) {
   EXPECT_EQ(device.base().Traces("LOCAL_UDISK_DRIVER_CLOSE").size(), 1U);
 }
 
-TEST_F(ModuleTest, OperatorOperationsStandAtTheirSlots) {
+TEST_F(ModuleTest, OperatorOperationsAreInTheirSlots) {
   Open();
   EXPECT_EQ(driver->onEvent(Request(MountResponse{.drive = "U:"}).Packet(), 0), 0);
   EXPECT_EQ(driver->onEvent(Request(AttrRequest{.path = kKnownFile}).Packet(), 0), 0);
@@ -175,7 +176,7 @@ TEST_F(ModuleTest, OperatorOperationsStandAtTheirSlots) {
   EXPECT_EQ(AtSlot<std::string(DriverObj*)>(object, 9)(object), disk.root());
 }
 
-TEST_F(ModuleTest, CanBeLoadedUsedAndUnloadedAgainAndAgain) {
+TEST_F(ModuleTest, CanBeLoadedUsedAndUnloadedRepeatedly) {
   for (int i = 0; i < 5; ++i) {
     Open();
     driver->Close(0);

@@ -1,11 +1,11 @@
-// What happens to a directory between the two passes of its reading.
+// Changes a directory between the two passes of UdiskReadDir.
 #pragma once
 
 #include <functional>
 
 namespace cpd::test {
 
-/// While one exists, rewinddir first runs an action. At most one at a time.
+/// While an instance exists, rewinddir first runs an action. At most one at a time.
 class BetweenPasses {
  public:
   explicit BetweenPasses(std::function<void()> action);

@@ -8,7 +8,7 @@ constinit thread_local uint64_t t_compared = 0;
 
 uint64_t cpd::test::ComparedRuns() { return t_compared; }
 
-// The linker puts __wrap_ in the place of the function, and __real_ in the place of libc's.
+// The linker replaces calls of memcmp by __wrap_memcmp; __real_memcmp is libc's.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 int __real_memcmp(const void* one, const void* other, size_t size);

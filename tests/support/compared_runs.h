@@ -1,4 +1,4 @@
-// Counts the comparisons of texts: a measure of work that no busy machine changes.
+// Counts comparisons of texts: a measure of work that does not depend on the machine's load.
 #pragma once
 
 #include <cstdint>

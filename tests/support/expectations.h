@@ -1,4 +1,4 @@
-// What tests of several requests expect in the same words.
+// Expectations that the tests of several requests share.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,8 +14,8 @@ namespace cpd::test {
 
 using Texts = std::vector<std::string>;
 
-/// The reply has the request's address and code, exactly this payload, and was made with a buffer
-/// of exactly `capacity` bytes.
+/// Expects a reply with the request's address and code, exactly this payload, and a buffer of
+/// exactly `capacity` bytes.
 inline void ExpectReply(const std::optional<SentPacket>& sent, const Request& request,
                         const std::string& payload, uint64_t capacity) {
   ASSERT_TRUE(sent) << "no reply";
@@ -32,7 +32,7 @@ inline void ExpectReply(const std::optional<SentPacket>& sent, const Request& re
                                         << ::testing::PrintToString(sent->payload);
 }
 
-/// A trace message begins with where it was made, a line of a handler, and ends with this text.
+/// Expects a trace message to begin with a line of this handler and to end with this text.
 inline void ExpectMadeIn(const std::string& handler, const std::string& text,
                          const std::string& message) {
   const std::string begin = "[operator.cpp " + handler + "(";
@@ -45,7 +45,7 @@ inline void ExpectMadeIn(const std::string& handler, const std::string& text,
   EXPECT_NE(line[0], '0') << message;
 }
 
-/// A packet's payload as it is now; handlers write results into their request.
+/// A packet's payload as it is now: handlers write results into their request.
 inline std::string PayloadOf(const CpdPacket& packet) { return SentPacket(packet).payload; }
 
 }  // namespace cpd::test

@@ -13,7 +13,7 @@ constinit thread_local bool t_counting = false;
 constinit thread_local int t_count = 0;
 constinit thread_local size_t t_largest = 0;
 constinit thread_local int t_live = 0;
-constinit thread_local int t_more = -1;  ///< until the one that is refused; negative = none is
+constinit thread_local int t_more = -1;  ///< allocations left before one fails; negative = none
 
 bool Refused(size_t size) {
   if (!t_counting) return false;
@@ -49,8 +49,8 @@ int Allocations::Live() const { return t_live; }
 
 }  // namespace cpd::test
 
-// What the program's own code asks for comes by here; the linker puts these in the place of the
-// calls. What the shared libraries ask for does not, but for operator new.
+// The linker replaces the calls of the program's own code by these. Calls from shared libraries do
+// not pass through here, except those of operator new.
 
 extern "C" {
 

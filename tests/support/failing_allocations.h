@@ -1,11 +1,12 @@
-// Allocations of the test program: counted, and one of them refused on request.
+// Counts the test program's allocations, and makes one of them fail on request.
 #pragma once
 
 #include <cstddef>
 
 namespace cpd::test {
 
-/// Counts what the calling thread allocates and frees while it exists. One at a time.
+/// While an instance exists, counts what the thread that made it allocates and frees. One at a
+/// time.
 class Allocations {
  public:
   Allocations();
@@ -13,16 +14,16 @@ class Allocations {
   Allocations(const Allocations&) = delete;
   Allocations& operator=(const Allocations&) = delete;
 
-  /// From now on one allocation of this thread is refused, after `more` that are not.
+  /// Makes one allocation of this thread fail: the one after the next `more`.
   void RefuseOneAfter(int more);
-  /// Whether it was. Nothing is refused from now on.
+  /// Lets all allocations succeed again. @return whether one has failed
   bool StopRefusing();
 
-  /// Allocations asked for so far.
+  /// The number of allocations so far, the failed one included.
   [[nodiscard]] int Count() const;
-  /// The size of the largest block asked for so far.
+  /// The size of the largest block requested so far.
   [[nodiscard]] size_t Largest() const;
-  /// Blocks allocated less blocks freed.
+  /// The number of blocks that are allocated and not freed.
   [[nodiscard]] int Live() const;
 };
 

@@ -48,7 +48,7 @@ bool Fails(const char* call) {
   return true;
 }
 
-/// Does a transfer as far as its fault lets it.
+/// Transfers as many bytes as the fault allows.
 template <class Transfer>
 ssize_t Transferred(const char* call, size_t count, Transfer transfer) {
   const CallFault* const fault = FailingCalls::Strike(call);
@@ -61,13 +61,13 @@ ssize_t Transferred(const char* call, size_t count, Transfer transfer) {
 }  // namespace
 }  // namespace cpd::test
 
-// The program's own definitions win over those of libc; each hands on to the next one: a
-// sanitizer's, where there is one.
+// The program's own definitions take precedence over libc's. Each forwards to the next definition,
+// which is a sanitizer's, if there is one.
 
 #define NEXT(call) \
   static const auto next = reinterpret_cast<decltype(&(call))>(dlsym(RTLD_NEXT, #call))
 
-/// A call that answers 0 or -1: its name, its parameters, and the arguments that it hands on.
+/// A call that returns 0 or -1: its name, its parameters, and the arguments that it forwards.
 #define FAILING(call, parameters, arguments)              \
   extern "C" int call parameters noexcept {               \
     NEXT(call);                                           \
@@ -98,8 +98,8 @@ extern "C" int open(const char* path, int flags, ...) {
   return cpd::test::Fails("open") ? -1 : next(path, flags, mode);
 }
 
-// Calls without a name in libc; openat2 is the one that counts. Takes more arguments than there may
-// be, as libc's does.
+// Calls that libc has no function for; only openat2 can fail. Like libc's, it always reads the
+// greatest number of arguments.
 extern "C" __attribute__((no_sanitize("address"))) long syscall(long number, ...) noexcept {
   NEXT(syscall);
   va_list more;
@@ -114,7 +114,7 @@ extern "C" __attribute__((no_sanitize("address"))) long syscall(long number, ...
 
 extern "C" int close(int fd) {
   NEXT(close);
-  const int result = next(fd);  // the descriptor is gone also where closing it fails
+  const int result = next(fd);  // a close that fails closes the descriptor nevertheless
   return cpd::test::Fails("close") ? -1 : result;
 }
 

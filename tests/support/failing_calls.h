@@ -1,4 +1,4 @@
-// System calls of the test program that fail, or move less than they were asked to, on request.
+// Makes system calls of the test program fail, or transfer less than requested.
 #pragma once
 
 #include <climits>
@@ -13,14 +13,14 @@ namespace cpd::test {
 struct CallFault {
   std::string call;                    ///< a name that failing_calls.cpp defines
   int error = 0;                       ///< the errno that it fails with; 0 = readdir has no end
-  std::optional<size_t> at_most = {};  ///< pread and pwrite: does not fail, moves so many bytes
-  int after = 0;                       ///< so many calls go through before
-  int times = INT_MAX;                 ///< so many calls are affected
+  std::optional<size_t> at_most = {};  ///< pread, pwrite: transfers this many bytes, and no error
+  int after = 0;                       ///< how many calls pass before the first affected one
+  int times = INT_MAX;                 ///< how many calls are affected
   std::function<void()> action = {};   ///< where there is one, it runs and the call goes through
 };
 
-/// While one exists, what its fault names happens to calls of the thread that made it. Several may
-/// exist at once; they end in the opposite order of their making.
+/// While an instance exists, its fault strikes calls of the thread that made it. Several may
+/// exist at once; they must be destroyed in the reverse order.
 class FailingCalls {
  public:
   explicit FailingCalls(CallFault fault);
@@ -31,7 +31,7 @@ class FailingCalls {
   /// How many calls were affected.
   [[nodiscard]] int Affected() const { return affected_; }
 
-  /// For the calls: the fault that strikes this one, or null.
+  /// Used by the replaced calls. @return the fault that strikes this call, or null
   static const CallFault* Strike(const char* call);
 
  private:

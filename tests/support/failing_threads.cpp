@@ -16,7 +16,7 @@ cpd::test::FailingThread::~FailingThread() { g_before = -1; }
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*body)(void*), void* argument) noexcept {
-  // The next definition: a sanitizer's, where there is one.
+  // The next definition, which is a sanitizer's, if there is one.
   static const auto next =
       reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
   if (g_before >= 0 && g_before-- == 0) return EAGAIN;

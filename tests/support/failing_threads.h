@@ -1,10 +1,10 @@
-// Threads of the test program that fail to start, on request.
+// Makes a thread of the test program fail to start.
 #pragma once
 
 namespace cpd::test {
 
-/// While one exists, one thread that is started, after `before` that are not affected, is refused
-/// for lack of resources. At most one at a time.
+/// While an instance exists, the thread after the next `before` fails to start, for lack of
+/// resources. At most one at a time.
 class FailingThread {
  public:
   explicit FailingThread(int before);

@@ -240,7 +240,7 @@ std::vector<std::string> FakeDevice::ReportedReadFails() const {
 
 }  // namespace cpd::test
 
-// ---- What a driver module calls by name ----
+// ---- Functions that a driver module imports ----
 
 namespace cpd {
 

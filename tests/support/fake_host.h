@@ -1,4 +1,4 @@
-// The host as tests see it: it records what a driver says to it and answers as a test wants.
+// The host in tests: it records what a driver sends, logs and traces, and answers as a test sets.
 // Everything here may be called from any thread.
 #pragma once
 
@@ -18,7 +18,7 @@
 
 namespace cpd::test {
 
-/// Far longer than anything takes that a test waits for.
+/// The limit of every wait: far longer than anything takes, so it only ends a test that hangs.
 inline constexpr std::chrono::seconds kPatience{20};
 
 // ---- Log ----
@@ -33,7 +33,7 @@ struct LogLine {
   std::string tag;
   std::string raw;  ///< the whole line
 
-  std::string file;  ///< empty, like the next four, when the line has another shape
+  std::string file;  ///< empty, as are the next four, when the line does not have that form
   std::string function;
   int line = 0;
   std::string word;
@@ -45,7 +45,7 @@ class LogRecorder {
   void Add(int channel, int level, const char* tag, std::string raw);
   void Clear();
   [[nodiscard]] std::vector<LogLine> Lines() const;
-  /// The messages of a level (all levels without one), in order.
+  /// The messages of a level, or of all levels, in order.
   [[nodiscard]] std::vector<std::string> Messages(std::optional<int> level = std::nullopt) const;
   [[nodiscard]] size_t Count(int level, const std::string& message) const;
   [[nodiscard]] bool Has(int level, const std::string& message) const;
@@ -58,9 +58,9 @@ class LogRecorder {
   uint64_t bytes_ever_ = 0;
 };
 
-/// What went to tesselLogPrint.
+/// Records what is passed to tesselLogPrint.
 LogRecorder& Log();
-/// How often the tracer was asked for.
+/// How often CpdTracer::GetInstance was called.
 int TracerCalls();
 
 // ---- Device ----
@@ -97,7 +97,7 @@ class FakeBase : public CpdDeviceBase {
   /// Called within each trace, on the tracer's thread, without a lock held.
   void OnTrace(std::function<void(const Trace&)> action);
   [[nodiscard]] std::vector<Trace> Traces() const;
-  /// The traces of one event, its prefix included.
+  /// The traces of one event, whose name includes the prefix.
   [[nodiscard]] std::vector<Trace> Traces(const std::string& event) const;
 
  private:
@@ -117,21 +117,21 @@ class FakeDevice : public CpdDevice {
   int SendPacket(std::unique_ptr<CpdPacket> packet, int flags) override;
   void ReportReadFail(const std::string& path) override;
 
-  /// The device's base, also after it was dropped.
+  /// The device's base, even after DropBase.
   [[nodiscard]] FakeBase& base() const { return *base_; }
   void SetId(int id);
-  /// From now on getDevBase answers null, after `more` further answers that it still gives.
+  /// Makes getDevBase return null, from its call after the next `more` on.
   void DropBase(int more = 0);
   void SetSendResult(int result);
-  /// Keeps the packets that it is sent, or leaves them with the sender (the default).
+  /// Whether SendPacket keeps the packet or lets it be destroyed (the default).
   void KeepPackets(bool keep);
   /// Called within SendPacket, on the sender's thread, without a lock held.
   void OnSend(std::function<void(const SentPacket&)> action);
 
   [[nodiscard]] std::vector<SentPacket> Sent() const;
-  /// Sent packets so far; forgets them.
+  /// Returns the packets sent so far, and forgets them.
   std::vector<SentPacket> TakeSent();
-  /// @return whether `count` packets are there before patience ends
+  /// Waits for `count` packets, for kPatience at most. @return whether they came
   [[nodiscard]] bool WaitForPackets(size_t count) const;
   [[nodiscard]] std::vector<std::string> ReportedReadFails() const;
 

@@ -1,4 +1,4 @@
-// sync(2) of the test program: counted, and left undone, since it would hold every test up for
+// sync(2) of the test program only counts its calls: the real one would make each test wait for
 // whatever else the machine is writing.
 #pragma once
 

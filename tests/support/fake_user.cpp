@@ -34,7 +34,7 @@ FakeUser::~FakeUser() {
 
 }  // namespace cpd::test
 
-// These stand before the C library's for everything that is linked into the test program.
+// These replace the C library's functions in everything that is linked into the test program.
 extern "C" {
 
 uid_t getuid() noexcept {

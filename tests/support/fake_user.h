@@ -1,4 +1,4 @@
-// Who the process is: getuid and getpwuid of the test program.
+// The user of the process, as getuid and getpwuid of the test program report it.
 #pragma once
 
 #include <sys/types.h>
@@ -8,10 +8,10 @@
 
 namespace cpd::test {
 
-/// Makes the process look like another user for its life. One at a time.
+/// While an instance exists, the process appears to run as another user. One at a time.
 class FakeUser {
  public:
-  /// @param home  the user's home directory; empty option = getpwuid knows no such user
+  /// @param home  the user's home directory; nullopt = getpwuid does not know the user
   FakeUser(uid_t uid, std::optional<std::string> home);
   ~FakeUser();
   FakeUser(const FakeUser&) = delete;

@@ -1,4 +1,4 @@
-// A driver that has only requests to do with.
+// A driver for tests that only send requests.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace cpd::test {
 
-/// Every operation but onEvent does nothing.
+/// Every operation except onEvent does nothing.
 struct IdleDriver : CpdDriver {
   int GetState() override { return 0; }
   int onBusEvent(std::shared_ptr<CpdPacket> /*packet*/) override { return 0; }

@@ -1,4 +1,4 @@
-// The records of a local path, filled field by field from the system's own answers.
+// The records of a local path, filled field by field from what the system calls return.
 #pragma once
 
 #include <string>
@@ -9,13 +9,13 @@
 
 namespace cpd::test {
 
-/// What lstat says about a path, which must exist.
+/// The result of lstat for a path, which must exist.
 udisk_stat StatOf(const std::string& local_path);
-/// What statvfs and statfs say about a path, which must exist.
+/// The results of statvfs and statfs for a path, which must exist.
 udisk_statvfs StatvfsOf(const std::string& local_path);
 /// A directory's entries in the order of its stream, "." and ".." included.
 std::vector<DirEntry> EntriesOf(const std::string& local_path);
-/// Puts a directory's access time ahead of all others, so that listing it leaves it as it is.
+/// Makes a directory's access time the newest of its times, so that listing it does not change it.
 void SettleAccessTime(const std::string& local_path);
 
 }  // namespace cpd::test

@@ -1,4 +1,4 @@
-// What a handler left in the log and in the host's traces, in a form that tests compare whole.
+// A handler's log lines and traces, in a form that a test can compare as a whole.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -34,12 +34,12 @@ inline std::vector<std::string> LogSoFar() {
   return lines;
 }
 
-/// The line that every trace leaves.
+/// The log line that comes with every trace.
 inline std::string TraceLine(const std::string& mount_point) {
   return DebugLine("GetLocalMountPoint", "local mMountDrive:" + mount_point);
 }
 
-/// `text` with every run of digits shown as '#': for numbers that a test cannot know.
+/// `text` with '#' for every run of digits, where a test cannot know the number.
 inline std::string WithoutNumbers(const std::string& text) {
   std::string shown;
   for (const char c : text) {
@@ -50,8 +50,8 @@ inline std::string WithoutNumbers(const std::string& text) {
   return shown;
 }
 
-/// A trace of a handler: with the path as its detail (none = a plain one), and with the handler's
-/// place in the source before its text.
+/// Expects a handler's trace: this text after a place in the source, and this detail, if any, which
+/// is a path.
 inline void ExpectTrace(const Trace& trace, const std::string& event, bool success,
                         const std::string& handler, const std::string& text,
                         const std::optional<std::string>& detail, const std::string& mount_point) {

@@ -79,7 +79,7 @@ Process::Process(const std::vector<std::string>& argv, const std::string& out,
   mPid = fork();
   if (mPid < 0) throw std::system_error(errno, std::generic_category(), "fork");
   if (mPid > 0) return;
-  // A test that is killed takes its host along, and with it the mount.
+  // When the test is killed, its host ends too, and unmounts.
   prctl(PR_SET_PDEATHSIG, SIGTERM);
   if (getppid() != parent) _exit(127);
   const int flags = O_WRONLY | O_CREAT | O_TRUNC;
@@ -195,7 +195,7 @@ MountedDisk::MountedDisk(const std::string& disk, const std::vector<std::string>
   }
 }
 
-// NOLINTNEXTLINE(bugprone-exception-escape): a test that cannot even ask may as well end
+// NOLINTNEXTLINE(bugprone-exception-escape): when even this fails, the test may as well end
 MountedDisk::~MountedDisk() {
   if (!mHost.Wait(0ms)) Unmount();
   if (IsMounted(mMountPoint)) {

@@ -1,4 +1,4 @@
-// Tools for tests that let real programs work on a disk mounted by the real host.
+// Tools for tests that run real programs on a disk that the real host has mounted.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,10 +19,10 @@ namespace system_test {
 using std::chrono_literals::operator""s;
 using std::chrono_literals::operator""ms;
 
-/// How long anything may take before a test calls it a hang.
+/// How long anything may take before a test counts it as a hang.
 inline constexpr std::chrono::seconds kHang = 30s;
 
-/// A directory of its own, removed with all it holds.
+/// A temporary directory, removed with everything in it.
 class TempDir {
  public:
   TempDir();
@@ -37,7 +37,7 @@ class TempDir {
   std::string mPath;
 };
 
-/// A child process; killed, if it still runs, and reaped on destruction.
+/// A child process. The destructor kills it, if it still runs, and reaps it.
 class Process {
  public:
   /// Starts `argv`; its standard output and error go to the files `out` and `err`.
@@ -59,7 +59,7 @@ class Process {
 };
 
 struct Result {
-  int status;          ///< as Process::Wait; 124 when the time limit struck
+  int status;          ///< as Process::Wait; 124 when the time limit ended the command
   std::string output;  ///< standard output, then standard error
 };
 /// Runs a shell command to its end, or to the time limit.
@@ -69,13 +69,13 @@ Result Shell(const std::string& command, std::chrono::seconds limit = 120s);
 std::string Quoted(const std::string& text);
 void WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);
-/// The attributes of what stands at `path`, of a link itself; the test fails without.
+/// The attributes of `path`, of a symbolic link itself. The test fails when there are none.
 struct stat Lstat(const std::string& path);
-/// Of the file system at `path`; the test fails without.
+/// The statistics of the file system at `path`. The test fails when there are none.
 struct statvfs Statvfs(const std::string& path);
-/// `size` bytes that differ from file to file and from place to place.
+/// `size` bytes that differ from seed to seed and from place to place.
 std::string Bytes(size_t size, unsigned seed = 1);
-/// Whether a file system is mounted at `path`, from the kernel's own table.
+/// Whether a file system is mounted at `path`, according to the kernel's mount table.
 bool IsMounted(const std::string& path);
 /// Waits until `condition` holds. @return whether it did within the limit
 template <class Condition>
@@ -88,12 +88,12 @@ bool Eventually(Condition condition, std::chrono::milliseconds limit = kHang) {
   return true;
 }
 
-/// Why nothing can be mounted through FUSE here; empty when it can.
+/// Why FUSE cannot mount anything on this machine; empty when it can.
 const std::string& WhyNoFuse();
 
-/// What a host left when it ended.
+/// How a host ended, and what it printed.
 struct Ending {
-  int status;  ///< exit status; -1 when it did not end by itself
+  int status;  ///< exit status; -1 when it had to be killed
   std::string out;
   std::string err;
 
@@ -104,10 +104,10 @@ struct Ending {
 /// A directory mounted by `cpd-host mount` for as long as the object lives.
 class MountedDisk {
  public:
-  /// Mounts `disk` on a mount point of its own and waits for it; the test fails when that fails.
+  /// Mounts `disk` on a new mount point and waits until it is mounted; fails the test otherwise.
   explicit MountedDisk(const std::string& disk, const std::vector<std::string>& options = {},
                        const std::map<std::string, std::string>& environment = {});
-  /// Unmounts, by force where the host does not do it.
+  /// Unmounts, by force if the host does not.
   ~MountedDisk();  // NOLINT(bugprone-exception-escape)
 
   std::string path() const { return mMountPoint; }
@@ -117,7 +117,7 @@ class MountedDisk {
   size_t OpenDescriptors() const;
   /// Waits for the host to end by itself.
   Ending WaitForEnd();
-  /// Tells the host to unmount and waits for its end.
+  /// Tells the host to unmount, and waits for it to end.
   Ending Unmount();
 
  private:
@@ -144,7 +144,7 @@ class LoopDisk {
   std::string mProblem;
 };
 
-/// A test that needs FUSE, with a directory to be the disk.
+/// A test that needs FUSE, with a directory that serves as the disk.
 class MountTest : public testing::Test {
  protected:
   void SetUp() override {

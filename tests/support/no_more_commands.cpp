@@ -14,7 +14,7 @@ constinit std::atomic<bool> g_refuse = false;
 cpd::test::NoMoreCommands::NoMoreCommands() { g_refuse = true; }
 cpd::test::NoMoreCommands::~NoMoreCommands() { g_refuse = false; }
 
-// The next definition: a sanitizer's, where there is one.
+// The next definition, which is a sanitizer's, if there is one.
 
 extern "C" int system(const char* command) {
   static const auto next = reinterpret_cast<decltype(&system)>(dlsym(RTLD_NEXT, "system"));

@@ -1,9 +1,9 @@
-// Commands that cannot be started, on request.
+// Makes commands fail to start.
 #pragma once
 
 namespace cpd::test {
 
-/// While one exists system() and popen() of the test program start nothing and fail.
+/// While an instance exists, system() and popen() of the test program fail and start nothing.
 class NoMoreCommands {
  public:
   NoMoreCommands();

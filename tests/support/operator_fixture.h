@@ -29,7 +29,7 @@ class OperatorTest : public ::testing::Test {
     Log().Clear();
   }
 
-  /// A fresh operator, which takes its settings from the environment as it is now.
+  /// Makes a new operator, which reads its settings from the environment.
   void MakeOperator() { udisk = std::make_unique<UDiskOperator>(&device); }
   /// Puts the operator back on the disk.
   void Mount() { udisk->SetRootPath(disk.letter().c_str(), disk.label().c_str()); }
@@ -48,7 +48,7 @@ class OperatorTest : public ::testing::Test {
     return sent.front();
   }
   std::optional<SentPacket> AskRaw(const Request& request) { return AskRaw(request.Packet()); }
-  /// The same with the reply decoded.
+  /// Delivers a request and decodes its reply.
   template <class Typed>
   std::optional<typename Typed::Reply> Ask(const Typed& request) {
     const std::optional<SentPacket> sent = AskRaw(static_cast<Request>(request));
@@ -62,7 +62,7 @@ class OperatorTest : public ::testing::Test {
     return reply && reply->path == kKnownFile;
   }
 
-  DescriptorCheck descriptors;  // outlives all that may open one
+  DescriptorCheck descriptors;  // destroyed last: all that may open a descriptor is gone by then
   TempDisk disk;
   FakeDevice device;
   std::unique_ptr<UDiskOperator> udisk;

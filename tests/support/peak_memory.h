@@ -1,4 +1,4 @@
-// How much memory the test program ever needed.
+// The greatest amount of memory that the test program has needed.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 
 namespace cpd::test {
 
-/// The largest address space that this process ever had, in bytes.
+/// The largest size that this process's address space has had, in bytes.
 inline uint64_t PeakMemory() {
   std::ifstream status("/proc/self/status");
   std::string line;

@@ -7,7 +7,7 @@
 namespace cpd::test {
 namespace {
 
-/// Takes records and texts off the front of a payload.
+/// Reads records and texts from a payload, one after the other.
 class Reader {
  public:
   explicit Reader(std::string_view bytes) : left_(bytes) {}
@@ -110,7 +110,7 @@ std::unique_ptr<CpdPacket> Request::CutPacket(size_t payload_bytes) const {
 
 std::unique_ptr<CpdPacket> PacketOf(std::string_view bytes) {
   auto packet = std::make_unique<CpdPacket>();
-  // Copied, not changed.
+  // Parse copies the image and does not change it.
   auto* const image = reinterpret_cast<uint8_t*>(const_cast<char*>(bytes.data()));
   if (packet->Parse(image, static_cast<int>(bytes.size()), true) != 0) {
     throw std::runtime_error("not the image of a packet");

@@ -1,5 +1,5 @@
-// Requests as the remote side builds them, and the replies as it reads them. No test framework in
-// here, so that benches and fuzzers can use it too.
+// Requests as the remote side builds them, and replies as it reads them. This does not use the test
+// framework, so that benches and fuzzers can include it.
 #pragma once
 
 #include <array>
@@ -19,7 +19,8 @@ namespace cpd::test {
 
 inline constexpr uint8_t kDeviceId = 5;
 
-/// A received packet; the header's fields without packing, so that a test can bind them.
+/// A received packet. The header's fields are not packed, so that a test can bind references to
+/// them.
 struct SentPacket {
   explicit SentPacket(const CpdPacket& packet, int flags = 0);
 
@@ -30,24 +31,24 @@ struct SentPacket {
   uint32_t packet_len = 0;
   uint8_t big_endian = 0;
   std::array<uint8_t, 3> reserved = {};
-  std::string payload;    ///< what packet_len says, within the buffer
+  std::string payload;    ///< as long as packet_len says, but within the buffer
   uint64_t capacity = 0;  ///< of the packet's buffer
   int flags = 0;          ///< SendPacket's second argument
 };
 
-/// A request packet in the making.
+/// A request packet that is being built.
 struct Request {
   uint16_t cmd = 0;
   std::string payload = {};
   uint32_t request_id = 77;
   uint8_t dev_id = kDeviceId;
 
-  /// Header and payload, as they travel.
+  /// Header and payload, as they are sent.
   [[nodiscard]] std::string Bytes() const;
   /// A packet whose buffer ends with the last payload byte.
   [[nodiscard]] std::unique_ptr<CpdPacket> Packet() const;
-  /// The same with the buffer cut after `payload_bytes` of payload; packetLen goes on promising
-  /// all.
+  /// The same with the buffer cut after `payload_bytes` of payload; packetLen still counts all of
+  /// it.
   [[nodiscard]] std::unique_ptr<CpdPacket> CutPacket(size_t payload_bytes) const;
 };
 
@@ -60,7 +61,7 @@ std::string BytesOf(const Record& record) {
   return {reinterpret_cast<const char*>(&record), sizeof record};
 }
 
-/// Bytes with a field at `at` overwritten: a payload as a reply, or a hostile request, has it.
+/// `bytes` with a field at `at` overwritten, as in a reply or in a hostile request.
 template <class Field>
 std::string Patched(std::string bytes, size_t at, Field value) {
   if (at + sizeof value > bytes.size()) throw std::out_of_range("no such field");
@@ -68,7 +69,7 @@ std::string Patched(std::string bytes, size_t at, Field value) {
   return bytes;
 }
 
-// ---- Replies. Decode throws std::runtime_error when the payload does not hold what it says. ----
+// ---- Replies. Decode throws std::runtime_error when the payload contradicts its lengths. ----
 
 struct MountReply {
   std::string name;
@@ -157,12 +158,12 @@ struct SmallReadReply {
   static SmallReadReply Decode(const SentPacket& packet);
 };
 
-/// The entries of a listing, which must walk cleanly.
+/// The entries of a listing, which must hold `count` whole ones.
 std::vector<DirEntry> DecodeEntries(std::string_view listing, size_t count);
-/// A listing of such entries, with the spare zero byte.
+/// A listing of these entries, with the spare zero byte.
 std::string EncodeEntries(const std::vector<DirEntry>& entries);
 
-// ---- Requests. Lengths are those of the texts; hostile ones are made by editing the payload. ----
+// ---- Requests. Their lengths are correct; a test edits the payload to make a hostile one. ----
 
 struct MountRequest {
   using Reply = MountReply;
@@ -242,7 +243,7 @@ struct WriteRequest {
   std::string path;
   int64_t offset = 0;
   std::string data = {};
-  std::optional<int32_t> size = {};  ///< what the head says where it is not the data's length
+  std::optional<int32_t> size = {};  ///< the head's size, if it is not the data's length
   uint8_t marker_a = 0;
   uint8_t marker_b = 0;
   uint32_t unread_12 = 0;
@@ -253,10 +254,10 @@ struct WriteRequest {
 struct WritePiece {
   int64_t offset = 0;
   std::string data = {};
-  std::optional<int32_t> length = {};  ///< what the record says where it is not the data's length
+  std::optional<int32_t> length = {};  ///< the record's length, if it is not the data's length
 };
 
-/// The pieces as they stand in a batch's data.
+/// The pieces, encoded as the data of a batch.
 std::string EncodePieces(const std::vector<WritePiece>& pieces);
 
 /// 106 in batch mode.
@@ -264,7 +265,7 @@ struct BatchWriteRequest {
   using Reply = PathReply<WriteHead>;
   std::string path;
   std::vector<WritePiece> pieces = {};
-  std::string tail = {};  ///< stands behind the last piece
+  std::string tail = {};  ///< bytes after the last piece
   uint8_t marker_a = 0;
   uint8_t marker_b = 0;
   operator Request() const;
@@ -291,7 +292,7 @@ struct ChmodRequest {
   operator Request() const;
 };
 
-/// An id of all ones leaves owner or group as they are.
+/// An id of all ones leaves the owner or group unchanged.
 struct ChownRequest {
   using Reply = PathReply<ChownHead>;
   std::string path;
@@ -315,7 +316,7 @@ struct RemoveDirRequest {
 
 struct LinkRequest {
   using Reply = TwoPathsReply;
-  std::string path;  ///< exists
+  std::string path;  ///< the existing one
   std::string new_path;
   operator Request() const;
 };
@@ -358,11 +359,11 @@ struct SmallRead {
 struct SmallReadRequest {
   using Reply = SmallReadReply;
   std::vector<SmallRead> records = {};
-  std::optional<uint32_t> count = {};  ///< what the head says where it is not their number
+  std::optional<uint32_t> count = {};  ///< the head's count, if it is not the number of records
   operator Request() const;
 };
 
-/// What the requests below name on the disk.
+/// The file and the directory that the requests below name.
 inline constexpr char kKnownFile[] = "/known.txt";
 inline constexpr char kKnownDir[] = "/known";
 /// The disk name in 100 and 101. As root a 100 makes this directory under /media.
@@ -371,8 +372,8 @@ inline constexpr char kUnlikelyDisk[] = "udisk-test-7f3a91";
 struct NamedRequest {
   std::string name;  ///< its handler's
   Request request;
-  /// Checks a reply: throws std::runtime_error where lengths and payload differ. Null for 200,
-  /// which gets no reply, and for 119 and 120, whose reply repeats the request.
+  /// Throws std::runtime_error when a reply's lengths contradict its payload. Null for 200, which
+  /// gets no reply, and for 119 and 120, whose reply repeats the request.
   void (*check_reply)(const SentPacket&) = nullptr;
 };
 

@@ -1,5 +1,5 @@
-// Read by the sanitizers, where the tests are built with one: an allocation that fails is for the
-// code under test to deal with.
+// Options for a sanitizer, if the tests are built with one: an allocation that fails returns null,
+// so that the code under test handles it.
 extern "C" const char* __asan_default_options();  // NOLINT(bugprone-reserved-identifier)
 extern "C" const char* __tsan_default_options();  // NOLINT(bugprone-reserved-identifier)
 

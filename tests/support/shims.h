@@ -1,4 +1,4 @@
-// Programs that a test puts in the place of the machine's own.
+// Programs that a test puts in place of the machine's own.
 #pragma once
 
 #include <sys/stat.h>
@@ -13,7 +13,8 @@
 
 namespace cpd::test {
 
-/// A directory at the front of PATH whose programs write down how they are called, for its life.
+/// While an instance exists, a directory at the front of PATH whose programs record how they
+/// were called.
 class Shims {
  public:
   Shims() {
@@ -30,14 +31,14 @@ class Shims {
   Shims(const Shims&) = delete;
   Shims& operator=(const Shims&) = delete;
 
-  /// A program that does nothing but end with `status`.
+  /// Adds a program that only exits with `status`.
   void Add(const std::string& program, int status = 0) { Put(program, "", status); }
   /// A program that prints `output` and ends with `status`.
   void AddPrinting(const std::string& program, const std::string& output, int status = 0) {
     Write(program + ".output", output);
     Put(program, "/bin/cat '" + File(program + ".output") + "'", status);
   }
-  /// cat, which from then on finds only the files that SetFile makes.
+  /// Replaces cat by one that finds only the files that SetFile makes.
   void AddCat() { Put("cat", "/bin/cat '" + File("root") + "'\"$1\" 2>/dev/null", 0); }
   void SetFile(const std::string& path, const std::string& content) {
     Write("root" + path, content);

@@ -1,4 +1,4 @@
-// A directory that plays the disk.
+// A directory that serves as the disk.
 #pragma once
 
 #include <filesystem>
@@ -6,8 +6,8 @@
 
 namespace cpd::test {
 
-/// A fresh directory DISK in a temporary one; both go at the end. Paths are relative to the disk
-/// and begin with a slash, as in requests. What cannot be done throws.
+/// A new directory DISK in a temporary one; the destructor removes both. Paths are relative to the
+/// disk and begin with a slash, as in requests. Operations that fail throw.
 class TempDisk {
  public:
   explicit TempDisk(const std::filesystem::path& parent = std::filesystem::temp_directory_path());
@@ -26,7 +26,7 @@ class TempDisk {
   void MakeDir(const std::string& path) const;
   void MakeLink(const std::string& path, const std::string& target) const;
   void Remove(const std::string& path) const;
-  [[nodiscard]] bool Exists(const std::string& path) const;  ///< a link counts itself
+  [[nodiscard]] bool Exists(const std::string& path) const;  ///< links are not followed
   [[nodiscard]] bool IsDir(const std::string& path) const;
   [[nodiscard]] std::string ReadBack(const std::string& path) const;
 
@@ -35,21 +35,21 @@ class TempDisk {
   std::string root_;
 };
 
-/// The parameters of a device whose disk is the directory `root`: the label is its last name, the
-/// letter what stands before.
+/// The parameters of a device whose disk is the directory `root`: the label is its last component,
+/// the letter everything before that.
 std::string DeviceParams(const std::string& root, const std::string& name = "Stick");
 
 /// Descriptors that this process has open.
 size_t OpenDescriptors();
 
-/// Fails the running test at its end when more or fewer descriptors are open than at its beginning.
+/// The destructor fails the test when more or fewer descriptors are open than at construction.
 class DescriptorCheck {
  public:
   DescriptorCheck() : before_(OpenDescriptors()) {}
   ~DescriptorCheck();
   DescriptorCheck(const DescriptorCheck&) = delete;
   DescriptorCheck& operator=(const DescriptorCheck&) = delete;
-  /// So many descriptors are meant to stay open.
+  /// Expects `more` further descriptors to stay open.
   void Expect(size_t more) { before_ += more; }
 
  private:

@@ -76,7 +76,7 @@ int VirtualClock::Readings() const { return g_readings; }
 
 }  // namespace cpd::test
 
-// The program's own definitions win over those of libc and of the sanitizers.
+// The program's own definitions take precedence over those of libc and of the sanitizers.
 
 extern "C" int gettimeofday(struct timeval* tv, void* /*tz*/) noexcept {
   using namespace cpd::test;

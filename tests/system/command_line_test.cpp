@@ -1,4 +1,4 @@
-// What `cpd-host mount` accepts, refuses and writes.
+// What cpd-host's command line accepts and refuses, and what its commands print.
 #include <json/json.h>
 
 #include <algorithm>
@@ -18,7 +18,7 @@ using CommandLine = MountTest;
 using ReadOnly = MountTest;
 using Traces = MountTest;
 
-/// Commands that ask a disk in packets of their own: they need no FUSE.
+/// Commands that read a disk by packets, without FUSE.
 class PacketTools : public testing::Test {
  protected:
   TempDir disk;
@@ -40,7 +40,7 @@ TEST_F(CommandLine, AMissingDiskIsRefused) {
   EXPECT_FALSE(IsMounted(mount_point.path()));
 }
 
-TEST_F(CommandLine, AFileAsDiskIsRefused) {
+TEST_F(CommandLine, AFileInPlaceOfTheDiskIsRefused) {
   const TempDir mount_point;
   WriteFile(disk / "file", "");
   ExpectRefused((disk / "file") + " " + mount_point.path(), disk / "file");
@@ -57,7 +57,7 @@ TEST_F(CommandLine, AMissingModuleIsRefused) {
   EXPECT_FALSE(IsMounted(mount_point.path()));
 }
 
-TEST_F(CommandLine, ALibraryThatIsNoDriverModuleIsRefused) {
+TEST_F(CommandLine, ALibraryThatIsNotADriverModuleIsRefused) {
   const TempDir mount_point;
   ExpectRefused(disk.path() + " " + mount_point.path() + " --module " NO_DRIVER_MODULE,
                 "CPD_DRV_MODULE");
@@ -69,7 +69,7 @@ TEST_F(CommandLine, ANegativeTimeLimitIsRefused) {
   ExpectRefused(disk.path() + " " + mount_point.path() + " --timeout -5", "--timeout");
 }
 
-TEST_F(CommandLine, ARefusalThatNobodyCanBeToldIsOneAllTheSame) {
+TEST_F(CommandLine, ARefusalExitsWithOneEvenIfItCannotBePrinted) {
   EXPECT_EQ(Shell(CPD_HOST " mount /none /none 2>/dev/full").status, 1);
 }
 
@@ -89,7 +89,7 @@ TEST_F(PacketTools, PrintWhatIsOnTheDisk) {
   EXPECT_TRUE(df.output.starts_with("size ")) << df.output;
 }
 
-TEST_F(PacketTools, ShowATerminalNoEscapeSequencesAndAPipeTheNamesAsTheyAre) {
+TEST_F(PacketTools, QuoteNamesForATerminalAndNotForAPipe) {
   if (Shell("command -v script").status != 0) GTEST_SKIP() << "no program `script` here";
   WriteFile(disk / "red\x1b[31m\nfile", "");
   const auto ls = std::string(CPD_HOST) + " ls " + disk.path() + " --log-level off";
@@ -123,7 +123,7 @@ TEST_F(PacketTools, OutputThatCannotBeWrittenIsAFailure) {
   }
 }
 
-TEST_F(PacketTools, ADirectoryThatIsMissingIsListedAsThat) {
+TEST_F(PacketTools, AMissingDirectoryIsReportedAsMissing) {
   const auto failed = Shell(CPD_HOST " ls " + disk.path() + " /missing --log-level off");
   EXPECT_EQ(failed.status, 1);
   EXPECT_EQ(failed.output, "cpd-host: /missing: No such file or directory\n");
@@ -175,8 +175,7 @@ TEST_F(CommandLine, ANameAndALabelWithQuotesAndBlanksReachTheModuleAsTheyAre) {
   }
 }
 
-/// The options of what is mounted at `path`, as the kernel lists them: the mount's, then the file
-/// system's.
+/// The options of the mount at `path`, then those of its file system, as the kernel lists them.
 std::vector<std::string> OptionsOf(const std::string& path) {
   std::ifstream table("/proc/self/mountinfo");
   for (std::string line; std::getline(table, line);) {
@@ -191,7 +190,7 @@ std::vector<std::string> OptionsOf(const std::string& path) {
   return {};
 }
 
-TEST_F(CommandLine, AMountIsForItsOwnUserAndTakesNeitherDevicesNorSetIdBits) {
+TEST_F(CommandLine, AMountIsForItsOwnUserWithoutDevicesAndSetIdBits) {
   MountedDisk mounted(disk.path());
   const auto options = OptionsOf(mounted.path());
   EXPECT_EQ(std::ranges::count(options, "allow_other"), 0);
@@ -199,7 +198,7 @@ TEST_F(CommandLine, AMountIsForItsOwnUserAndTakesNeitherDevicesNorSetIdBits) {
   EXPECT_EQ(std::ranges::count(options, "nodev"), 1);
 }
 
-TEST_F(CommandLine, OtherUsersEnterOnlyAMountThatAllowsThem) {
+TEST_F(CommandLine, OtherUsersCanUseOnlyAMountThatAllowsThem) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can be another user";
   WriteFile(disk / "file", "content");
   fs::permissions(disk.path(), fs::perms(0755));
@@ -215,11 +214,11 @@ TEST_F(CommandLine, OtherUsersEnterOnlyAMountThatAllowsThem) {
   }
 }
 
-TEST_F(CommandLine, AUserWhoMayNotLetOthersInIsToldSo) {
+TEST_F(CommandLine, AllowOtherWithoutTheRightToItIsRefused) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can be another user";
   const std::string as_nobody = "setpriv --reuid=65534 --clear-groups ";
   if (Shell(as_nobody + CPD_HOST + " --help && " + as_nobody + "test -w /dev/fuse").status != 0) {
-    GTEST_SKIP() << "nobody cannot run the host program or use /dev/fuse here";
+    GTEST_SKIP() << "the user nobody cannot run the host program or use /dev/fuse";
   }
   if (Shell("grep -q ^user_allow_other /etc/fuse.conf").status == 0) {
     GTEST_SKIP() << "this machine lets every user do it";
@@ -231,7 +230,7 @@ TEST_F(CommandLine, AUserWhoMayNotLetOthersInIsToldSo) {
   const auto refused = Shell(as_nobody + CPD_HOST + " mount " + disk.path() + " " +
                              mount_point.path() + " --allow-other");
   EXPECT_EQ(refused.status, 1);
-  EXPECT_NE(refused.output.find("--allow-other takes root"), std::string::npos) << refused.output;
+  EXPECT_NE(refused.output.find("--allow-other needs root"), std::string::npos) << refused.output;
   EXPECT_FALSE(IsMounted(mount_point.path()));
 }
 
@@ -244,13 +243,13 @@ TEST_F(CommandLine, TheForegroundMayBeAskedForThoughThereIsNothingElse) {
   EXPECT_EQ(help.output.find("--foreground"), std::string::npos) << help.output;
 }
 
-TEST_F(ReadOnly, DiskIsReadAsEver) {
+TEST_F(ReadOnly, DiskCanBeRead) {
   WriteFile(disk / "file", Bytes(300'000));
   MountedDisk mounted(disk.path(), {"--read-only"});
   EXPECT_EQ(ReadFile(mounted / "file"), Bytes(300'000));
 }
 
-TEST_F(Traces, AreOneJsonObjectALineFromOpenToClose) {
+TEST_F(Traces, AreOneJsonObjectPerLineFromOpenToClose) {
   const TempDir place;
   WriteFile(disk / "file", "content");
   MountedDisk mounted(disk.path(), {"--trace", place / "trace"});

@@ -1,5 +1,5 @@
-// A disk that is full, fails or turns read-only, and a host that dies: programs are told, and what
-// they know to be written stays.
+// When a disk is full, fails or turns read-only, and when the host dies, programs get an error, and
+// data that they have synced stays.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -20,14 +20,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// How far a program came that writes a file.
+/// How far a program got in writing a file.
 struct Progress {
   int error = 0;      ///< errno of the first failure; 0 when there was none
   size_t synced = 0;  ///< bytes whose fsync has returned
 };
 
-/// Writes the content in pieces of one size, with an fsync after every tenth of them and at the
-/// end, and closes the file.
+/// Writes the content in pieces, with an fsync after every tenth piece and at the end, and closes
+/// the file.
 Progress WriteInPieces(const std::string& path, const std::string& content, size_t piece) {
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) return {.error = errno};
@@ -49,7 +49,7 @@ Progress WriteInPieces(const std::string& path, const std::string& content, size
   return progress;
 }
 
-/// What was synced is there, and nothing that was never written.
+/// The file holds at least what was synced, and nothing that was not written.
 void ExpectKept(const std::string& path, const std::string& content, const Progress& progress) {
   const auto kept = ReadFile(path);
   EXPECT_GE(kept.size(), progress.synced) << path;
@@ -72,8 +72,8 @@ class LoopDiskTest : public MountTest {
 
 class FullDisk : public LoopDiskTest {
  protected:
-  /// Leaves so much space free. How much there is to begin with cannot be told: the file system
-  /// keeps some of what it counts as free.
+  /// Leaves `left` bytes free. Fills the disk first, because the file system reserves some of what
+  /// it counts as free.
   void Fill(size_t left) {
     const auto filling = OnDisk("filling");
     EXPECT_NE(Shell("cat /dev/zero >" + filling).status, 0);
@@ -82,7 +82,7 @@ class FullDisk : public LoopDiskTest {
   }
 
   void ExpectRightStatistics(const MountedDisk& mounted) {
-    // Blocks that the file system has promised, but not yet given, count as free or not.
+    // Blocks that are promised but not yet allocated may or may not count as free: sync first.
     Shell("sync -f " + loop.path());
     const auto want = Statvfs(loop.path());
     const auto got = Statvfs(mounted.path());
@@ -94,7 +94,7 @@ class FullDisk : public LoopDiskTest {
     EXPECT_EQ(got.f_ffree, want.f_ffree);
   }
 
-  /// Fills the disk up with one file.
+  /// Writes one file until the disk is full.
   void WriteUntilItIsFull(size_t left, size_t piece) {
     WriteFile(OnDisk("old"), old);
     Fill(left);
@@ -121,11 +121,11 @@ class FullDisk : public LoopDiskTest {
   const std::string old = Bytes(2'000'000, 3);
 };
 
-TEST_F(FullDisk, RefusesLargeWritesAndKeepsWhatItHas) { WriteUntilItIsFull(20 << 20, 1 << 20); }
+TEST_F(FullDisk, RefusesLargeWritesAndKeepsItsFiles) { WriteUntilItIsFull(20 << 20, 1 << 20); }
 
-TEST_F(FullDisk, RefusesSmallWritesAndKeepsWhatItHas) { WriteUntilItIsFull(1 << 20, 1000); }
+TEST_F(FullDisk, RefusesSmallWritesAndKeepsItsFiles) { WriteUntilItIsFull(1 << 20, 1000); }
 
-TEST_F(FullDisk, WithoutInodesMakesNoFileAndNoDirectory) {
+TEST_F(FullDisk, RefusesFilesAndDirectoriesWithoutFreeInodes) {
   MountedDisk mounted(loop.path());
   const auto free = Statvfs(loop.path()).f_ffree;
   fs::create_directory(OnDisk("many"));
@@ -143,8 +143,8 @@ TEST_F(FullDisk, WithoutInodesMakesNoFileAndNoDirectory) {
 
 // ---- Failing ----
 
-/// A file system on a device that takes some mebibytes and then fails every write, while blocks
-/// enough seem to be free.
+/// A file system on a device that takes a few mebibytes and then fails every write, although the
+/// file system still has free blocks.
 class FailingDisk : public MountTest {
  protected:
   void SetUp() override {
@@ -193,12 +193,12 @@ class DiskTurningReadOnly : public LoopDiskTest {
     })) << "cannot be remounted";
   }
 
-  /// Turns it read-only under a program that writes one file after the other.
+  /// Turns the disk read-only while a program writes one file after the other.
   void RemountUnderAWriter(size_t piece) {
     const TempDir place;
     const auto content = Bytes(50 * piece, 5);
     MountedDisk mounted(loop.path(), {"--trace", place / "trace", "--trace-reads"});
-    std::atomic<int> files = 0;  // that were written to their end
+    std::atomic<int> files = 0;  // files that were written completely
     Progress last;
     std::thread writer([&] {
       while (last.error == 0) {
@@ -228,9 +228,9 @@ class DiskTurningReadOnly : public LoopDiskTest {
   }
 };
 
-TEST_F(DiskTurningReadOnly, RefusesLargeWritesAndTracesThat) { RemountUnderAWriter(100'000); }
+TEST_F(DiskTurningReadOnly, RefusesAndTracesLargeWrites) { RemountUnderAWriter(100'000); }
 
-TEST_F(DiskTurningReadOnly, RefusesSmallWritesAndTracesThat) { RemountUnderAWriter(500); }
+TEST_F(DiskTurningReadOnly, RefusesAndTracesSmallWrites) { RemountUnderAWriter(500); }
 
 TEST_F(DiskTurningReadOnly, RefusesEveryOtherChange) {
   MountedDisk mounted(loop.path());
@@ -257,8 +257,8 @@ TEST_F(DiskTurningReadOnly, RefusesEveryOtherChange) {
 
 using KilledHost = MountTest;
 
-/// Writes file after file in ever smaller pieces, until one of the calls fails. They stay open up
-/// to then, as closing saves a file, too.
+/// Writes file after file in ever smaller pieces, until a call fails. Keeps all files open until
+/// then, because closing one would sync it, too.
 void WriteFiles(const std::string& directory, std::atomic<int>& synced) {
   std::vector<int> open_files;
   for (bool is_fine = true; is_fine;) {

@@ -1,4 +1,4 @@
-// Directories that were listed before are checked, and what has changed shows.
+// Directories that were listed before are only checked, and changes still show.
 #include <filesystem>
 #include <functional>
 #include <thread>
@@ -10,7 +10,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// What programs see of a directory: attributes, as far as reading does not change them.
+/// What programs see of a directory: names and all attributes that reading does not change.
 std::string List(const std::string& directory) {
   return Shell("ls -lai --time-style=full-iso " + Quoted(directory)).output;
 }
@@ -23,7 +23,8 @@ class ListingCache : public MountTest {
     fs::create_directory(disk / "directory");
   }
   static std::string Name(int i) { return (i < 10 ? "file0" : "file") + std::to_string(i); }
-  /// What the mount should show: all but the directories, whose own line differs above the root.
+  /// What the mount must show of the files. The dot entries are left out: the root's parent
+  /// differs.
   static std::string Files(const std::string& directory) {
     return Shell("cd " + Quoted(directory) + " && stat -c '%n %i %s %a %h %u %g %y' *").output;
   }
@@ -38,7 +39,7 @@ TEST_F(ListingCache, AnUnchangedDirectoryIsCheckedAndNotSentAgain) {
   EXPECT_EQ(ending.Requests(121), 5) << ending.out;
 }
 
-TEST_F(ListingCache, IsSwitchedOff) {
+TEST_F(ListingCache, CanBeSwitchedOff) {
   MountedDisk mounted(disk.path(), {"--no-dir-cache"});
   const auto first = List(mounted.path());
   EXPECT_EQ(List(mounted.path()), first);
@@ -63,7 +64,7 @@ TEST_F(ListingCache, HoldsManyDirectories) {
   EXPECT_EQ(ending.Requests(121), 43) << ending.out;
 }
 
-TEST_F(ListingCache, OfMoreDirectoriesThanItHoldsTheOldestAreListedAnew) {
+TEST_F(ListingCache, ListsTheOldestAnewWhenItIsFull) {
   constexpr int kDirectories = 300;
   for (int i = 0; i < kDirectories; ++i)
     fs::create_directories((disk / "tree/") + std::to_string(i));
@@ -72,7 +73,7 @@ TEST_F(ListingCache, OfMoreDirectoriesThanItHoldsTheOldestAreListedAnew) {
   Shell("ls -d " + (mounted / "tree/*/"));
   Shell("ls -R " + mounted.path());
   const auto ending = mounted.Unmount();
-  // Root, "directory", "tree" and its own: all that one pass needs.
+  // One pass lists the root, "directory", "tree" and the directories in it.
   EXPECT_GT(ending.Requests(107), kDirectories + 3) << ending.out;
 }
 
@@ -164,7 +165,8 @@ class CheckedListing : public ListingCache, public testing::WithParamInterface<C
 TEST_P(CheckedListing, ShowsAChangeOnTheDiskWithTheNextListing) {
   MountedDisk mounted(disk.path());
   List(mounted.path());
-  std::this_thread::sleep_for(1100ms);  // a modification in another second, the kernel's trust over
+  // The change falls into another second, and the kernel's cached attributes have expired.
+  std::this_thread::sleep_for(1100ms);
   GetParam().make(disk.path());
   EXPECT_EQ(Shell("ls -a " + mounted.path()).output, Shell("ls -a " + disk.path()).output);
   EXPECT_EQ(Files(mounted.path()), Files(disk.path()));

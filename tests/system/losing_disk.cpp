@@ -1,6 +1,6 @@
-// A disk that loses a file between its listing and the look at it: losing-disk MOUNT_POINT mounts a
-// file system with the files early.txt, "TTTT", and late.txt, 5000 bytes. The first look at
-// late.txt that follows a listing does not find it. SIGTERM unmounts.
+// A disk that loses a file between readdir and lstat. losing-disk MOUNT_POINT mounts a file system
+// with early.txt, which holds "TTTT", and late.txt, which has 5000 bytes. The first lstat of
+// late.txt after a listing fails. SIGTERM unmounts.
 #include <fuse3/fuse.h>
 #include <sys/stat.h>
 
@@ -19,7 +19,7 @@ constexpr const char* kLosable = "/late.txt";
 std::atomic<bool> g_loses = false;
 
 void* Initialise(fuse_conn_info* connection, fuse_config* config) {
-  // Nothing is remembered: every look reaches the disk.
+  // Nothing is cached, so that every lstat reaches this program.
   config->entry_timeout = config->attr_timeout = config->negative_timeout = 0;
   connection->want &= ~static_cast<unsigned>(FUSE_CAP_READDIRPLUS);
   return nullptr;

@@ -1,4 +1,4 @@
-// A disk that loses files while it is listed: no file shows another one's attributes.
+// A disk loses files while it is listed. No file must show the attributes of another.
 #include <filesystem>
 
 #include "support/mounted_disk.h"
@@ -6,7 +6,7 @@
 namespace system_test {
 namespace {
 
-/// Mounts the losing disk for as long as it lives.
+/// Mounts the losing disk while the test runs.
 class LosingDisk : public testing::Test {
  protected:
   void SetUp() override {
@@ -47,7 +47,7 @@ TEST_F(LosingDisk, IsListedAnewEveryTime) {
   EXPECT_EQ(ending.Requests(121), 0) << ending.out;
 }
 
-TEST_F(LosingDisk, ShowsNoAttributesOfALostFileToAProgramThatListsByPackets) {
+TEST_F(LosingDisk, IsListedByPacketsWithoutAttributesOfALostFile) {
   const auto listed = Shell(std::string(CPD_HOST) + " ls " + path());
   EXPECT_NE(listed.output.find("? late.txt\n"), std::string::npos) << listed.output;
   EXPECT_NE(listed.output.find(" 4 "), std::string::npos) << listed.output;

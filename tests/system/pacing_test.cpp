@@ -1,5 +1,5 @@
-// The time that reads take at an announced bandwidth, against what the pacing methods compute.
-// Reads bypass the page cache, so that each one is exactly one request of its own size.
+// Compares the time that reads take at an announced bandwidth with the time that each pacing method
+// should give. Reads bypass the page cache, so that each one becomes one request of the same size.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -23,7 +23,7 @@ constexpr size_t kMegabyte = 1 << 20;
 
 using Pacing = MountTest;
 
-/// Reads a file of `size` bytes, a request at a time. @return the seconds that it took
+/// Reads a file of `size` bytes, one request at a time. @return how many seconds that took
 double SecondsToRead(const std::string& path, size_t size) {
   const int fd = open(path.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC);
   EXPECT_GE(fd, 0) << path;
@@ -37,8 +37,8 @@ double SecondsToRead(const std::string& path, size_t size) {
   return took.count();
 }
 
-/// A period of half a second has an allowance of 512 ms of data. The request that uses it up sleeps
-/// the period out and counts into the next one.
+/// Each period of half a second has an allowance of 512 ms worth of data. The request that uses it
+/// up sleeps until the period ends and counts towards the next one.
 double LegacySeconds(size_t size) {
   const size_t allowance = kKbps / 8 * 512;
   size_t counted = 0;
@@ -78,22 +78,22 @@ void ExpectWithinATenth(double took, double computed) {
   EXPECT_LE(took, computed * 1.1);
 }
 
-TEST_F(Pacing, ByPeriodsTakesTheTimeThatItsAllowanceGives) {
+TEST_F(Pacing, ByPeriodsTakesAsLongAsTheAllowanceDemands) {
   PacedDisk paced(disk, 4 * kMegabyte, {});
   ExpectWithinATenth(paced.SecondsToRead(), LegacySeconds(4 * kMegabyte));
 }
 
-TEST_F(Pacing, ByTokenBucketTakesTheTimeThatItsRateGives) {
+TEST_F(Pacing, ByTokenBucketTakesAsLongAsTheRateDemands) {
   PacedDisk paced(disk, 6 * kMegabyte, {{"TESSEL_CPD_CLIENT_THROTTLE_LEGACY", "0"}});
   ExpectWithinATenth(paced.SecondsToRead(), TokenBucketSeconds(6 * kMegabyte));
 }
 
-TEST_F(Pacing, OfTwentyMegabytesByPeriodsTakesTheTimeThatItsAllowanceGives) {
+TEST_F(Pacing, OfTwentyMegabytesByPeriodsTakesAsLongAsTheAllowanceDemands) {
   PacedDisk paced(disk, 20 * kMegabyte, {});
   ExpectWithinATenth(paced.SecondsToRead(), LegacySeconds(20 * kMegabyte));
 }
 
-TEST_F(Pacing, OfTwentyMegabytesByTokenBucketTakesTheTimeThatItsRateGives) {
+TEST_F(Pacing, OfTwentyMegabytesByTokenBucketTakesAsLongAsTheRateDemands) {
   PacedDisk paced(disk, 20 * kMegabyte, {{"TESSEL_CPD_CLIENT_THROTTLE_LEGACY", "0"}});
   ExpectWithinATenth(paced.SecondsToRead(), TokenBucketSeconds(20 * kMegabyte));
 }
@@ -101,7 +101,7 @@ TEST_F(Pacing, OfTwentyMegabytesByTokenBucketTakesTheTimeThatItsRateGives) {
 TEST_F(Pacing, IsOffWithoutABandwidth) {
   WriteFile(disk / "big", Bytes(20 * kMegabyte));
   MountedDisk mounted(disk.path());
-  // Paced, it would take 20 s.
+  // With pacing it would take 20 s.
   EXPECT_LT(SecondsToRead(mounted / "big", 20 * kMegabyte), 5);
 }
 
@@ -111,7 +111,7 @@ TEST_F(Pacing, AtAForcedBandwidthNeedsNoAnnouncement) {
   ExpectWithinATenth(SecondsToRead(mounted / "big", 2 * kMegabyte), LegacySeconds(2 * kMegabyte));
 }
 
-TEST_F(Pacing, StaysOnAfterFiveIdleSecondsBecauseTheHostKeepsTheBandwidthFresh) {
+TEST_F(Pacing, StaysOnAfterFiveIdleSecondsBecauseTheHostRepeatsTheBandwidth) {
   PacedDisk paced(disk, 2 * kMegabyte, {});
   std::this_thread::sleep_for(6s);
   ExpectWithinATenth(paced.SecondsToRead(), LegacySeconds(2 * kMegabyte));

@@ -1,4 +1,4 @@
-// Programs read their way through small files, which come ahead of them and are never stale.
+// Programs read many small files, which are read ahead and are never stale.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -22,7 +22,7 @@ namespace {
 
 constexpr int kFiles = 300;
 constexpr size_t kSize = 4096;
-// Longer than a content that was read ahead may be used.
+// Longer than content that was read ahead may be used.
 constexpr auto kTrustIsOver = 1300ms;
 
 std::string Padded(int number) {
@@ -46,7 +46,8 @@ class Prefetch : public MountTest {
   void MakeFiles(int count = kFiles, size_t size = kSize) {
     for (int i = 0; i < count; ++i) WriteFile(disk / Name(i), Bytes(size, i + 1));
   }
-  /// Lists, and reads the first ten files by name: the next ones are then read ahead.
+  /// Lists the directory and reads the first ten files by name, so that the next ones are read
+  /// ahead.
   static void ReadBeginning(const MountedDisk& mounted) {
     NamesAsListed(mounted.path());
     for (int i = 0; i < 10; ++i) ReadFile(mounted / Name(i));
@@ -54,10 +55,10 @@ class Prefetch : public MountTest {
   }
 };
 
-// Read by itself, each file costs a request 105. With prefetch a few do, and some more where the
-// machine is so slow that contents grow stale: half of the files at most.
+// Without prefetch each file costs a request 105. With prefetch only a few do, and some more on a
+// slow machine, where content expires before it is used: at most half of the files.
 
-TEST_F(Prefetch, FilesReadByNameComeTogether) {
+TEST_F(Prefetch, FilesReadByNameAreFetchedTogether) {
   MakeFiles();
   MountedDisk mounted(disk.path());
   NamesAsListed(mounted.path());
@@ -68,7 +69,7 @@ TEST_F(Prefetch, FilesReadByNameComeTogether) {
   EXPECT_LE(ending.Requests(105), kFiles / 4) << ending.out;
 }
 
-TEST_F(Prefetch, FilesReadAsListedComeTogether) {
+TEST_F(Prefetch, FilesReadInListingOrderAreFetchedTogether) {
   MakeFiles();
   MountedDisk mounted(disk.path());
   for (const auto& name : NamesAsListed(mounted.path())) {
@@ -79,7 +80,7 @@ TEST_F(Prefetch, FilesReadAsListedComeTogether) {
   EXPECT_LE(ending.Requests(105), kFiles / 4) << ending.out;
 }
 
-TEST_F(Prefetch, SomeFilesLeftOutAreNoHindrance) {
+TEST_F(Prefetch, SkippingSomeFilesDoesNotStopIt) {
   MakeFiles();
   MountedDisk mounted(disk.path());
   NamesAsListed(mounted.path());
@@ -87,7 +88,7 @@ TEST_F(Prefetch, SomeFilesLeftOutAreNoHindrance) {
   EXPECT_LE(mounted.Unmount().Requests(105), kFiles / 3 / 2);
 }
 
-TEST_F(Prefetch, ASecondReadingAfterAnotherListingComesTogetherToo) {
+TEST_F(Prefetch, FilesReadAgainAfterAnotherListingAreFetchedTogetherToo) {
   MakeFiles();
   MountedDisk mounted(disk.path());
   for (int round = 0; round < 2; ++round) {
@@ -97,7 +98,7 @@ TEST_F(Prefetch, ASecondReadingAfterAnotherListingComesTogetherToo) {
   EXPECT_LE(mounted.Unmount().Requests(105), kFiles / 2);
 }
 
-TEST_F(Prefetch, IsSwitchedOff) {
+TEST_F(Prefetch, CanBeSwitchedOff) {
   MakeFiles(100);
   MountedDisk mounted(disk.path(), {"--no-prefetch"});
   NamesAsListed(mounted.path());
@@ -122,7 +123,7 @@ TEST_F(Prefetch, FilesBeyond64KiBAreReadByThemselves) {
   EXPECT_EQ(mounted.Unmount().Requests(123), 0);
 }
 
-TEST_F(Prefetch, EverySizeUpTo64KiBIsWhole) {
+TEST_F(Prefetch, FilesOfEverySizeUpTo64KiBAreReadCompletely) {
   for (int i = 0; i < 200; ++i) WriteFile(disk / Name(i), Bytes(size_t{331} * i, i + 1));
   WriteFile(disk / Name(200), Bytes(64 << 10, 201));
   MountedDisk mounted(disk.path());
@@ -134,7 +135,7 @@ TEST_F(Prefetch, EverySizeUpTo64KiBIsWhole) {
   EXPECT_LE(mounted.Unmount().Requests(105), 60);
 }
 
-TEST_F(Prefetch, SubdirectoriesAndPipesAmongTheFilesAreLeftAlone) {
+TEST_F(Prefetch, SubdirectoriesAndPipesAreLeftAlone) {
   MakeFiles(100);
   for (int i = 0; i < 100; i += 10) {
     fs::create_directory(disk / Name(i) + "d");
@@ -148,7 +149,7 @@ TEST_F(Prefetch, SubdirectoriesAndPipesAmongTheFilesAreLeftAlone) {
 
 // ---- Changes through the mount ----
 
-/// What a program does to the files 20 and 21 when they were read ahead, and what is there then.
+/// What a program does to files 20 and 21 after they were read ahead, and what they must hold then.
 struct Change {
   const char* name;
   std::function<void(const MountedDisk& mounted)> make;
@@ -242,7 +243,7 @@ INSTANTIATE_TEST_SUITE_P(
                Bytes(kSize, 7005)}),
     [](const auto& test) { return test.param.name; });
 
-TEST_F(Prefetch, FilesOfARenamedDirectoryAreReadWhereTheyAreNow) {
+TEST_F(Prefetch, FilesOfARenamedDirectoryAreReadAtTheirNewPath) {
   for (const char* directory : {"a", "b"}) {
     fs::create_directory(disk / directory);
     for (int i = 0; i < 100; ++i) {
@@ -262,7 +263,7 @@ TEST_F(Prefetch, FilesOfARenamedDirectoryAreReadWhereTheyAreNow) {
   }
 }
 
-/// A writer raises the number that fills a file; readers never see a number from before.
+/// A writer fills a file with ever higher numbers; readers must never see one that was replaced.
 class PrefetchHammer : public Prefetch, public testing::WithParamInterface<const char*> {};
 
 TEST_P(PrefetchHammer, AReaderNeverSeesWhatAFinishedWriteHasReplaced) {
@@ -282,7 +283,7 @@ TEST_P(PrefetchHammer, AReaderNeverSeesWhatAFinishedWriteHasReplaced) {
       const int file = number * 7 % kHammered;
       Overwrite(mounted / Name(file), content(number));
       written[file] = number;
-      if (number % 8 == 0) std::this_thread::sleep_for(2ms);  // so that readers get ahead
+      if (number % 8 == 0) std::this_thread::sleep_for(2ms);  // gives readers time to read ahead
     }
   });
   int reads = 0;
@@ -340,14 +341,14 @@ TEST_F(Prefetch, FilesThatGrowOrShrinkAsTheyAreReadAheadAreNeverCutShort) {
     if (i < kFiles / 3) return Bytes(kSize, i + 1);
     return Bytes(i < kFiles / 3 * 2 ? kSize + 100 : kSize - 100, i + 9000);
   };
-  // Changed behind the listing: the answers differ from it.
+  // Change the files after the listing, so that the replies differ from it.
   for (int i = kFiles / 3; i < kFiles; ++i) WriteFile(disk / Name(i), content(i));
   std::this_thread::sleep_for(kTrustIsOver);
   for (int i = 0; i < kFiles; ++i) ASSERT_EQ(ReadFile(mounted / Name(i)), content(i)) << i;
   EXPECT_GE(mounted.Unmount().Requests(123), 1);
 }
 
-TEST_F(Prefetch, SlowReadingGivesUpReadingAhead) {
+TEST_F(Prefetch, ReadingAheadStopsForASlowReader) {
   MakeFiles();
   MountedDisk mounted(disk.path());
   NamesAsListed(mounted.path());

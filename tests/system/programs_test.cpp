@@ -1,4 +1,4 @@
-// Programs that care about every byte work on a mounted disk as on any other.
+// Programs that depend on every byte work on a mounted disk as on any other.
 #include <unistd.h>
 
 #include <filesystem>
@@ -13,12 +13,12 @@ namespace {
 
 class Programs : public MountTest {
  protected:
-  /// Skips the test where a program is missing.
+  /// Skips the test if a program is missing.
   static void Need(const std::string& program) {
     if (Shell("command -v " + program).status != 0) GTEST_SKIP() << program << " is not installed";
   }
 
-  /// Runs commands in a directory; the test fails when one of them does.
+  /// Runs commands in a directory; the test fails if one of them fails.
   static std::string Run(const std::string& directory, const std::string& commands) {
     const auto result = Shell("set -e; cd " + Quoted(directory) + "\n" + commands, 600s);
     EXPECT_EQ(result.status, 0) << commands << '\n' << result.output;
@@ -27,7 +27,7 @@ class Programs : public MountTest {
 
   static void ExpectSameTree(const std::string& want, const std::string& got) {
     EXPECT_EQ(Run("/", "diff -r --brief " + Quoted(want) + " " + Quoted(got)), "");
-    // Modes as well; a directory's size is its file system's own matter.
+    // Compare modes, too, but not the sizes of directories, which depend on the file system.
     const std::string list = "find . -type d -printf '%m %P\\n' -o -printf '%m %s %P\\n' | sort";
     EXPECT_EQ(Run(got, list), Run(want, list));
   }
@@ -37,7 +37,7 @@ class Programs : public MountTest {
     EXPECT_EQ(ending.status, 0) << ending.err;
   }
 
-  /// `count` files of all sizes up to 20 KB in directories of 50, some of them programs.
+  /// Makes `count` files of all sizes up to 20 KB, some of them executable, in directories of 50.
   static void MakeTree(const std::string& root, int count) {
     for (int i = 0; i < count; ++i) {
       const auto directory = root + "/module" + std::to_string(i / 50) + "/src";
@@ -101,7 +101,7 @@ TEST_F(Programs, SqliteInsertsInTransactions) {
     for (int i = 0; i < 100; ++i) {
       script += "INSERT INTO t (text) VALUES (hex(randomblob(40)));\n";
     }
-    // One in ten is taken back, which reads the journal.
+    // Every tenth transaction is rolled back, which reads the journal.
     script += transaction % 10 == 9 ? "SAVEPOINT s; DELETE FROM t; ROLLBACK TO s; COMMIT;\n"
                                     : "COMMIT;\n";
   }
@@ -119,7 +119,7 @@ TEST_F(Programs, SqliteInsertsInTransactions) {
 }
 
 TEST_F(Programs, CpCopiesTheSystemsHeaders) {
-  // Links are followed: the mount can make none. Those that lead nowhere are left out.
+  // Links are followed, because the mount cannot make any. Dangling links are left out.
   Shell("cp -rL /usr/include " + (place / "include") + " 2>/dev/null", 600s);
   ASSERT_GT(std::stoi(Run(place.path(), "find include -type f | wc -l")), 0);
   MountedDisk mounted(disk.path());
@@ -138,7 +138,7 @@ TEST_F(Programs, RsyncTransfersWhatDiffersAndNothingElse) {
   const std::string sync = "rsync -r --checksum --perms --delete --itemize-changes ";
   const std::string both = (place / "source/") + " " + (mounted / "copy");
   Run("/", sync + both);
-  EXPECT_EQ(Run("/", sync + both), "") << "something is transferred again";
+  EXPECT_EQ(Run("/", sync + both), "") << "a file is transferred again";
   WriteFile(place / "source/empty file", "not any more");
   Run(place / "source", "rm -r module0; printf x | dd of=large bs=1 seek=2000000 conv=notrunc");
   Run("/", sync + "--no-whole-file --inplace " + both);
@@ -153,7 +153,7 @@ class Fio : public Programs {
     Programs::SetUp();
     if (!IsSkipped()) Need("fio");
   }
-  /// Two jobs write and read their files back, each block with its checksum.
+  /// Two jobs write files of blocks with checksums, and read them back.
   static void WriteAndVerify(const std::string& directory, const std::string& options) {
     const auto output =
         Run(directory,

@@ -1,4 +1,4 @@
-// A disk that is pulled out under programs that read and write it, and put back.
+// A disk is pulled out while programs read and write it, and then put back.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -26,7 +26,7 @@ class PulledDisk : public MountTest {
   void PullOut() const {
     const std::string device = Shell("losetup -n -O NAME -j " + loop.image()).output;
     ASSERT_EQ(umount2(loop.path().c_str(), MNT_DETACH), 0);
-    Shell("losetup -d " + device);  // it may be gone by itself
+    Shell("losetup -d " + device);  // fails if the device has already detached itself
     EXPECT_TRUE(Eventually([&] { return Shell("losetup -j " + loop.image()).output.empty(); }))
         << "a descriptor is left open on the disk";
   }
@@ -35,7 +35,7 @@ class PulledDisk : public MountTest {
     ASSERT_EQ(mounted.status, 0) << mounted.output;
   }
 
-  /// A program that does the same again and again, whatever comes of it.
+  /// Starts a program that repeats a command, whether it succeeds or not.
   std::unique_ptr<Process> Repeat(const std::string& command) {
     const std::string name = place / std::to_string(++programs);
     return std::make_unique<Process>(
@@ -48,7 +48,7 @@ class PulledDisk : public MountTest {
   int programs = 0;
 };
 
-TEST_F(PulledDisk, UnderReadersAndWritersHangsNobodyAndIsServedAgainWhenItIsBack) {
+TEST_F(PulledDisk, HangsNoReaderOrWriterAndIsServedAgainWhenItIsBack) {
   MountedDisk mounted(loop.path());
   std::vector<std::unique_ptr<Process>> running;
   for (int i = 0; i < 3; ++i) {
@@ -61,7 +61,7 @@ TEST_F(PulledDisk, UnderReadersAndWritersHangsNobodyAndIsServedAgainWhenItIsBack
   usleep(500'000);  // in the middle of everything
 
   PullOut();
-  // What is asked now is answered, too: with a failure as soon as nothing is remembered any more.
+  // Requests are still answered: with failures, once no cached answer is left.
   EXPECT_TRUE(Eventually([&] { return Shell("cat " + (mounted / "small"), kHang).status == 1; }));
   PutBack();
   EXPECT_TRUE(Eventually([&] {
@@ -77,7 +77,7 @@ TEST_F(PulledDisk, UnderReadersAndWritersHangsNobodyAndIsServedAgainWhenItIsBack
   }
   WriteFile(mounted / "new", "new\n");
   EXPECT_TRUE(Eventually([&] { return ReadFile(loop.path() + "/new") == "new\n"; }))
-      << "nothing is written";
+      << "the disk is not written to";
   const auto ending = mounted.Unmount();
   EXPECT_EQ(ending.status, 0) << ending.err;
 }

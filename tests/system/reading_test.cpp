@@ -52,10 +52,10 @@ void ExpectSameAttributes(const std::string& original, const std::string& shown)
   ExpectSameTime(got.st_ctim, want.st_ctim, shown + " ctime");
 }
 
-/// Compares a copy of `source` (links followed: their targets cannot be read through the mount)
-/// with the copy's mount.
+/// Copies `source` and compares the copy with its mount. Links are followed, because their targets
+/// cannot be read through the mount.
 void ExpectTheMountEqualsItsDisk(const std::string& source, const std::string& copy) {
-  // What `cp` cannot follow, such as dangling links, is left out of the copy.
+  // The copy lacks dangling links and anything else that cp cannot follow.
   Shell("cp -rL " + source + " " + copy + " 2>/dev/null", 600s);
   const auto files = Shell("find " + copy + " -type f | wc -l").output;
   ASSERT_GT(std::stoi(files), 0) << source << " holds no file";
@@ -130,7 +130,7 @@ TEST_F(Reading, LeavesNoDescriptorOpenInTheHost) {
   EXPECT_TRUE(Eventually([&] { return mounted.OpenDescriptors() <= before; }));
 }
 
-TEST_F(Reading, AMissingFileIsReportedAsSuch) {
+TEST_F(Reading, AMissingFileIsReportedAsMissing) {
   MountedDisk mounted(disk.path());
   EXPECT_EQ(open((mounted / "missing").c_str(), O_RDONLY | O_CLOEXEC), -1);
   EXPECT_EQ(errno, ENOENT);
@@ -141,13 +141,13 @@ TEST_F(Listing, OfTenThousandFilesCostsOneRequestForTheDirectoryAndNonePerFile) 
   MountedDisk mounted(disk.path());
   const auto begin = std::chrono::steady_clock::now();
   const auto lines = Shell("ls -l " + mounted.path() + " | wc -l");
-  EXPECT_EQ(lines.output, "10001\n");  // and the line with the total
+  EXPECT_EQ(lines.output, "10001\n");  // one more for the line with the total
   const auto seconds =
       std::chrono::ceil<std::chrono::seconds>(std::chrono::steady_clock::now() - begin);
   const auto ending = mounted.Unmount();
   EXPECT_EQ(ending.status, 0);
   EXPECT_EQ(ending.Requests(107), 1) << ending.out;
-  // The directory itself, which is asked for anew once a second.
+  // These are for the directory itself, whose attributes expire after a second.
   EXPECT_LE(ending.Requests(102), 3 + seconds.count()) << ending.out;
 }
 

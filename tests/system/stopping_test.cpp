@@ -1,4 +1,4 @@
-// Whatever ends first - reader, host or disk - nothing hangs and no mount stays behind.
+// Whether the reader, the host or the disk ends first, nothing hangs and no mount is left.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -23,7 +23,7 @@ class Stopping : public MountTest {
     WriteFile(disk / "big", Bytes(20'000'000));
   }
 
-  /// A program in the middle of a read that takes many seconds more.
+  /// A program whose read takes many more seconds.
   Process PacedReader(const MountedDisk& mounted) { return Reader(mounted, "cat "); }
 
   Process Reader(const MountedDisk& mounted, const std::string& program) {
@@ -41,7 +41,7 @@ class Stopping : public MountTest {
   TempDir mPlace;
 };
 
-TEST_F(Stopping, AReaderKilledInTheMiddleLeavesTheMountInOrder) {
+TEST_F(Stopping, AReaderKilledInTheMiddleOfAReadLeavesTheMountUsable) {
   MountedDisk mounted(disk.path(), paced);
   auto reader = PacedReader(mounted);
   ExpectInTheMiddle(reader);
@@ -91,7 +91,7 @@ TEST_F(Stopping, ByFusermountEndsTheHost) {
   EXPECT_FALSE(IsMounted(mounted.path()));
 }
 
-TEST_F(Stopping, WithAnOpenFileUnmountsAllTheSame) {
+TEST_F(Stopping, WithAnOpenFileStillUnmounts) {
   MountedDisk mounted(disk.path());
   const int fd = open((mounted / "big").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(fd, 0);
@@ -109,9 +109,9 @@ TEST_F(Stopping, AKilledHostLetsItsReadersGo) {
   EXPECT_TRUE(reader.Wait()) << "the reader hangs";
 }
 
-// ---- What the host prints to goes away ----
+// ---- The host's output goes away ----
 
-TEST_F(Stopping, ATerminalThatGoesAwayTakesNeitherHostNorMountAlong) {
+TEST_F(Stopping, ATerminalThatGoesAwayEndsNeitherHostNorMount) {
   const TempDir place;
   const std::string mount_point = place / "mnt";
   std::filesystem::create_directory(mount_point);
@@ -130,7 +130,7 @@ TEST_F(Stopping, ATerminalThatGoesAwayTakesNeitherHostNorMountAlong) {
   umount2(mount_point.c_str(), MNT_DETACH);
 }
 
-TEST_F(Stopping, AReaderOfTheTableThatGoesAwayIsAFailureButUnmounts) {
+TEST_F(Stopping, AClosedPipeForTheTableIsAnErrorButUnmounts) {
   const TempDir place;
   const std::string mount_point = place / "mnt";
   std::filesystem::create_directory(mount_point);
@@ -145,7 +145,7 @@ TEST_F(Stopping, AReaderOfTheTableThatGoesAwayIsAFailureButUnmounts) {
   EXPECT_EQ(ReadFile(place / "err"), "cpd-host: standard output: Broken pipe\n");
 }
 
-TEST_F(Stopping, ADiskThatGoesAwayUnderReadersHangsNobody) {
+TEST_F(Stopping, ADiskThatGoesAwayDuringAReadHangsNoProgram) {
   LoopDisk loop;
   if (!loop.problem().empty()) GTEST_SKIP() << loop.problem();
   WriteFile(loop.path() + "/big", Bytes(20'000'000));
@@ -161,7 +161,7 @@ TEST_F(Stopping, ADiskThatGoesAwayUnderReadersHangsNobody) {
     EXPECT_EQ(ending.status, 0) << ending.err;
     EXPECT_FALSE(IsMounted(mounted.path()));
   }
-  // A descriptor left open on the disk would keep its loop device.
+  // A descriptor left open on the disk would keep its loop device attached.
   EXPECT_TRUE(Eventually([&] { return Shell("losetup -j " + loop.image()).output.empty(); }));
 }
 

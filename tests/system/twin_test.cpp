@@ -1,8 +1,7 @@
-// A mounted disk and a plain directory, changed by the same random operations in step, stay twins:
-// every call has the same outcome on both, and both hold the same tree.
+// The same random operations run in step on a mounted disk and on a plain directory. Every call
+// must have the same outcome on both, and both must hold the same tree.
 //
-// TWIN_OPERATIONS sets how many operations are made, TWIN_SEED repeats a run whose seed was
-// printed.
+// TWIN_OPERATIONS sets the number of operations; TWIN_SEED repeats a run, given its printed seed.
 #include <fcntl.h>
 #include <rapidcheck.h>
 #include <sys/stat.h>
@@ -32,18 +31,19 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// What the twins are allowed to differ in. Everything else is compared.
-//  - Never tried, as the mount refuses it: symbolic links, special files, extended attributes,
-//    renames with flags, fallocate. Setting times, which it accepts without effect.
+// Permitted differences between the twins. Everything else is compared.
+//  - Not tried, because the mount refuses them: symbolic links, special files, extended attributes,
+// renames with flags, fallocate; and setting times, which it accepts without effect.
 //  - Not compared: times, inode numbers, allocated blocks; the size of directories.
-//  - Not kept open: directories. One that is removed has no attributes any more.
-//  - A directory cannot be removed, nor be replaced, while somebody has a file open that was
-//    removed from it (see HoldsAHiddenFile).
-//  - Set-user and set-group bits, which a change of owner or content may or may not clear.
+//  - Directories are not kept open, because a removed one has no attributes on the mount.
+//  - No directory is removed or replaced while a file that was removed from it is still open (see
+// HoldsAHiddenFile).
+//  - Set-user and set-group bits are not used: changes of owner or content may or may not clear
+// them.
 
 // ---- Operations ----
 
-constexpr int kSlots = 6;  // files that are open at once
+constexpr int kSlots = 6;  // files open at the same time
 constexpr size_t kOperationsPerDisk = 400;
 constexpr size_t kOperationsPerComparison = 20;
 
@@ -71,7 +71,7 @@ enum class Kind {
   kList,
 };
 
-/// One call with all that any kind of it needs, so that every operation makes sense at any time.
+/// One call. It has the arguments of every kind, so that any operation can run at any time.
 struct Operation {
   Kind kind{};
   int slot{};
@@ -163,7 +163,7 @@ std::string Shown(const Operation& o) {
   return "";
 }
 
-// How rapidcheck shows the operations that led to a difference.
+// Lets rapidcheck print the operations that led to a difference.
 void showValue(const std::vector<Operation>& operations, std::ostream& out) {
   for (const auto& operation : operations) out << Shown(operation) << '\n';
 }
@@ -172,7 +172,8 @@ void showValue(const std::vector<Operation>& operations, std::ostream& out) {
 
 namespace gen = rc::gen;
 
-/// Few names, so that operations meet; all of them may be files, directories or nothing.
+/// There are few names, so that operations hit the same ones. Any may be a file, a directory or
+/// free.
 rc::Gen<std::string> Path() {
   const auto name =
       gen::elementOf(std::vector<std::string>{"a", "b", "c.tmp", "Gr\u00fc\u00dfe \\ x"});
@@ -193,12 +194,12 @@ rc::Gen<int> OpenFlags() {
                              maybe(O_TRUNC), maybe(O_APPEND)),
                   [](const std::tuple<int, int, int, int, int>& flags) {
                     const auto& [access, create, exclusive, truncate, append] = flags;
-                    // Without O_CREAT, O_EXCL means nothing that was agreed on.
+                    // Without O_CREAT, O_EXCL is undefined.
                     return access | create | (create != 0 ? exclusive : 0) | truncate | append;
                   });
 }
 
-/// Rights that the user who runs the test keeps: root needs none.
+/// Permissions that keep the files accessible for the test's own user; root needs none.
 rc::Gen<mode_t> Mode() {
   std::vector<mode_t> modes{0755, 0700, 0777, 0751};
   if (geteuid() == 0) modes.insert(modes.end(), {0644, 0600, 0666, 0640, 0444, 0000, 01777});
@@ -261,7 +262,7 @@ rc::Gen<std::vector<Operation>> Operations() {
 
 // ---- Twins ----
 
-/// What a call did, in a form in which two sides can be compared.
+/// What a call did, in a form that can be compared between the two sides.
 struct Outcome {
   int64_t result{};
   int error{};  ///< errno after a failure
@@ -310,7 +311,7 @@ std::vector<std::string> Names(const std::string& directory, std::error_code& er
   return names;
 }
 
-/// A directory that operations are made on.
+/// A directory on which operations run.
 class Side {
  public:
   explicit Side(std::string root) : mRoot(std::move(root)) { mOpen.fill(-1); }
@@ -403,11 +404,11 @@ class Side {
   std::array<int, kSlots> mOpen;
 };
 
-/// All that is below a directory: path to attributes and content.
+/// Everything below a directory: maps each path to its attributes and content.
 using Tree = std::map<std::string, std::string>;
 
 void AddTree(const std::string& root, const std::string& path, Tree& tree) {
-  std::error_code ignored;  // what cannot be listed lacks all that is in it
+  std::error_code ignored;  // a directory that cannot be listed counts as empty
   for (std::string name : Names(root + path, ignored)) {
     if (name.back() == '/') name.pop_back();
     std::string below = path;
@@ -448,7 +449,7 @@ std::string Difference(const std::string& plain, const std::string& shown) {
   return "";
 }
 
-/// A file that is removed while somebody has it open stays on the disk under a name of its own.
+/// A file that is removed while it is open stays on the disk under a hidden name.
 bool HoldsAHiddenFile(const std::string& directory) {
   std::error_code ignored;
   const auto names = Names(directory, ignored);
@@ -462,7 +463,7 @@ bool IsPermittedToDiffer(const Operation& operation, const std::string& disk) {
   return operation.kind == Kind::kRename && HoldsAHiddenFile(disk + '/' + operation.new_path);
 }
 
-/// Makes the operations on both sides. @return the first difference, in words
+/// Runs the operations on both sides. @return the first difference, in words
 std::string RunInStep(const std::vector<Operation>& operations, const std::string& disk,
                       const std::string& mount_point, const std::string& plain) {
   Side mounted_side(mount_point);
@@ -491,7 +492,7 @@ size_t WantedOperations() {
   return wanted == nullptr ? 20'000 : std::stoul(wanted);
 }
 
-// Not that of the programs on its mount, whose modes must not suffer from it.
+// Differs from the umask of the programs on the mount, whose modes must not depend on it.
 constexpr mode_t kUmaskOfHost = 022;
 
 /// @return the first difference, in words
@@ -504,7 +505,7 @@ std::string CompareOnNewDisk(const std::vector<Operation>& operations) {
   auto difference = RunInStep(operations, disk.path(), mounted.path(), plain.path());
   if (!difference.empty()) return difference;
   const auto ending = mounted.Unmount();
-  if (ending.status != 0) return "the host ended so: " + ending.err;
+  if (ending.status != 0) return "the host failed: " + ending.err;
   const auto left = Difference(plain.path(), disk.path());
   return left.empty() ? "" : "after the end: " + left;
 }
@@ -512,7 +513,7 @@ std::string CompareOnNewDisk(const std::vector<Operation>& operations) {
 using Twins = MountTest;
 
 TEST_F(Twins, StayEqualThroughRandomOperations) {
-  // Thousands of syncs and removed trees are no work for a machine's own disk.
+  // Work in memory: thousands of syncs and removed trees would wear the machine's own disk.
   if (access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 0);
   const size_t disks = (WantedOperations() + kOperationsPerDisk - 1) / kOperationsPerDisk;
   const char* const seed = getenv("TWIN_SEED");
@@ -524,7 +525,7 @@ TEST_F(Twins, StayEqualThroughRandomOperations) {
   EXPECT_TRUE(rc::check("a mounted disk and a plain directory stay equal", [&] {
     const auto difference = CompareOnNewDisk(*Operations());
     if (difference.empty()) return;
-    // The search for fewer operations with a difference takes a while, and may find another one.
+    // Shrinking takes a while and may find another difference, so print the first one now.
     if (std::exchange(is_first, false)) std::cerr << difference << '\n';
     RC_FAIL(difference);
   }));

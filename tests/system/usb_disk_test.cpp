@@ -1,5 +1,5 @@
-// The service's own way to a disk, with the machine's programs: probing through sysfs and blkid,
-// mounting through ntfs-3g.
+// The service finds and mounts disks with the machine's own programs: it probes through sysfs and
+// blkid, and mounts through ntfs-3g.
 #include <stdlib.h>
 #include <sys/mount.h>
 #include <umockdev.h>
@@ -27,8 +27,8 @@ using cpd::UDiskService;
 
 // ---- sysfs ----
 
-/// A machine with a fixed disk sda and a removable one, sdb, on USB port 2-1: what the programs see
-/// that this process starts.
+/// A mocked machine with a fixed disk, sda, and a removable one, sdb, on USB port 2-1. The programs
+/// that this process starts see it, too.
 class MockedMachine : public testing::Test {
  protected:
   void SetUp() override {
@@ -87,11 +87,11 @@ TEST_F(MockedMachine, TheRemovableDiskIsFound) {
   EXPECT_STREQ(name.data(), "sdb");
 }
 
-/// What `cpd-host disks` prints where blkid answers so.
+/// What `cpd-host disks` prints if blkid prints the given output.
 std::string Disks(const std::string& blkid, const std::string& option = "") {
   cpd::test::Shims shims;
   shims.AddPrinting("blkid", blkid);
-  // The mocked machine is preloaded before a sanitizer, which would mind.
+  // The mocking library is preloaded before the sanitizer, which otherwise refuses to start.
   const Result result =
       Shell("ASAN_OPTIONS=verify_asan_link_order=0 " + std::string(CPD_HOST) + " disks " + option);
   EXPECT_EQ(result.status, 0) << result.output;
@@ -136,7 +136,7 @@ TEST_F(MockedMachine, TheHostListsNothingOnceTheUsbDiskIsGone) {
 
 // ---- A real NTFS disk ----
 
-/// An NTFS file system on a loop device, detached when the object goes.
+/// An NTFS file system on a loop device, which is detached on destruction.
 class NtfsDevice {
  public:
   explicit NtfsDevice(const std::string& label) {
@@ -159,11 +159,11 @@ class NtfsDevice {
   NtfsDevice(const NtfsDevice&) = delete;
   NtfsDevice& operator=(const NtfsDevice&) = delete;
 
-  /// Why there is none; empty when there is.
+  /// Why the device could not be made; empty if it was.
   const std::string& problem() const { return problem_; }
   const std::string& path() const { return path_; }
   std::string image() const { return place_ / "image"; }
-  /// Gives the loop device back, as soon as nothing uses it. @return whether it is free
+  /// Detaches the loop device once nothing uses it. @return whether it is free
   bool Detach() {
     Shell("losetup -d " + path_);
     path_.clear();
@@ -178,7 +178,7 @@ class NtfsDevice {
 
 class NtfsDiskTest : public testing::Test {
  protected:
-  /// Attaches the device; skips the test where that, or mounting it, is not allowed.
+  /// Attaches the device; skips the test if attaching or mounting is not allowed.
   void Attach(const std::string& label) {
     if (!WhyNoFuse().empty()) GTEST_SKIP() << WhyNoFuse();
     if (access("/media", W_OK) != 0) GTEST_SKIP() << "/media cannot be written";
@@ -188,7 +188,7 @@ class NtfsDiskTest : public testing::Test {
       }
     }
     disk.emplace(label);
-    // Its own: the machine's holds what the loop device was two seconds ago.
+    // Use a blkid cache of our own: the machine's may describe an earlier use of the loop device.
     setenv("BLKID_FILE", (disk->image() + ".blkid").c_str(), 1);
     if (!disk->problem().empty()) GTEST_SKIP() << disk->problem();
   }
@@ -201,7 +201,7 @@ class NtfsDiskTest : public testing::Test {
   /// Probes the device into the service's list. @return its record, or null when blkid shows none
   UDiskInfo* Probe() {
     service.mUdiskDevice = static_cast<cpd::UdiskDevice*>(calloc(1, sizeof(cpd::UdiskDevice)));
-    // The last character of a device's name stands for the partition's number.
+    // The service takes the last character of a device's name for the partition number.
     const std::string partition = disk->path() + "1";
     EXPECT_EQ(UDiskService::GetDeviceLabel(partition.c_str(), service.mUdiskDevice), 0);
     for (int i = 0; i < service.mUdiskDevice->count; ++i) {
@@ -220,7 +220,7 @@ class NtfsDiskTest : public testing::Test {
 /// The checksum of what a command prints.
 std::string Checksum(const std::string& command) { return Shell(command + " | sha256sum").output; }
 
-TEST_F(NtfsDiskTest, FiftyMegabytesGoToTheDiskAndComeBack) {
+TEST_F(NtfsDiskTest, FiftyMegabytesAreWrittenToTheDiskAndReadBack) {
   const std::string label = "UDISK" + std::to_string(getpid());
   Attach(label);
   if (IsSkipped()) return;
@@ -246,7 +246,7 @@ TEST_F(NtfsDiskTest, FiftyMegabytesGoToTheDiskAndComeBack) {
   EXPECT_EQ(Checksum("ntfscat " + disk->image() + " copy"), original);
 }
 
-TEST_F(NtfsDiskTest, TheHostMountsItRedirectsItAndLetsItGo) {
+TEST_F(NtfsDiskTest, TheHostMountsRedirectsAndUnmountsIt) {
   const std::string label = "HOST" + std::to_string(getpid());
   Attach(label);
   if (IsSkipped()) return;
@@ -287,7 +287,7 @@ TEST_F(NtfsDiskTest, TheHostLeavesADirectoryWithFilesInItAlone) {
   std::filesystem::remove_all(directory);
 }
 
-TEST_F(NtfsDiskTest, ALabelFullOfShellCharactersIsADirectoryAndRunsNothing) {
+TEST_F(NtfsDiskTest, ALabelFullOfShellCharactersNamesADirectoryAndRunsNothing) {
   const TempDir place;
   const std::filesystem::path before = std::filesystem::current_path();
   const std::string label = "$(touch bait);'\"";
@@ -309,10 +309,10 @@ TEST_F(NtfsDiskTest, ALabelFullOfShellCharactersIsADirectoryAndRunsNothing) {
   EXPECT_FALSE(std::filesystem::exists(place / "bait"));
 }
 
-TEST(DeviceMount, WithoutTheRightsSaysSoInOneLine) {
+TEST(DeviceMount, WithoutRootFailsWithOneLine) {
   if (geteuid() == 0 &&
       Shell("setpriv --reuid=65534 --clear-groups test -x " CPD_HOST).status != 0) {
-    GTEST_SKIP() << "nobody cannot run the host program here";
+    GTEST_SKIP() << "the user nobody cannot run the host program here";
   }
   const std::string as_nobody = geteuid() == 0 ? "setpriv --reuid=65534 --clear-groups " : "";
   const Result result = Shell(as_nobody + CPD_HOST + " mount --device sdb1 /mnt");
@@ -320,17 +320,16 @@ TEST(DeviceMount, WithoutTheRightsSaysSoInOneLine) {
   EXPECT_EQ(result.output, "cpd-host: mounting /dev/sdb1 needs root\n");
 }
 
-TEST(DeviceMount, OfNoPartitionSaysSoInOneLine) {
+TEST(DeviceMount, OfAMissingPartitionFailsWithOneLine) {
   if (geteuid() != 0) GTEST_SKIP() << "mounting needs root";
   const Result result = Shell(std::string(CPD_HOST) + " mount --device nothing1 /mnt");
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.output, "cpd-host: /dev/nothing1 is no partition with a label or UUID\n");
+  EXPECT_EQ(result.output, "cpd-host: /dev/nothing1 is not a partition with a label or UUID\n");
 }
 
 // ---- A host that is stopped, or whose commands fail ----
 
-/// A partition that blkid shows, and commands in the place of the machine's own. Its files are
-/// those of a directory.
+/// A fake partition: a fake blkid shows it, and fake commands mount a directory in its place.
 class StagedDevice : public testing::Test {
  protected:
   void SetUp() override {
@@ -362,7 +361,7 @@ class StagedDevice : public testing::Test {
   const std::string bind = "/bin/mount --bind " + (place / "disk") + " \"$2\"";
 };
 
-TEST_F(StagedDevice, IsLeftByAHostThatIsStoppedWhileItMountsIt) {
+TEST_F(StagedDevice, IsUnmountedByAHostThatIsStoppedWhileItMountsIt) {
   AddCommand("mount", "touch " + (place / "mounting") + "; while [ ! -e " + (place / "go") +
                           " ]; do sleep 0.02; done; " + bind);
   auto host = StartHost();

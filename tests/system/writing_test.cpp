@@ -1,4 +1,4 @@
-// Programs change a mounted disk: contents, sizes, names, modes, and what they are refused.
+// Programs change a mounted disk: contents, sizes, names and modes; some changes are refused.
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -40,8 +40,8 @@ using Ends = MountTest;
 
 constexpr off_t kMiB = 1 << 20;
 
-/// A disk that can be kept busy: one paced read takes it more than a second, and what is asked
-/// meanwhile is carried out behind it.
+/// A disk that can be kept busy: one paced read takes more than a second, and requests that arrive
+/// meanwhile wait for it.
 class BusyDisk : public MountTest {
  protected:
   void SetUp() override {
@@ -52,7 +52,7 @@ class BusyDisk : public MountTest {
     return MountedDisk(disk.path(), {"--bandwidth", "4000"},
                        {{"TESSEL_CPD_CLIENT_THROTTLE_LEGACY", "0"}});
   }
-  /// @return when the read is under way, the thread that waits for its end
+  /// Returns when a read is under way. @return the thread that waits for it to end
   static std::jthread KeepBusy(const MountedDisk& mounted) {
     std::jthread reader([path = mounted / "paced"] {
       const int fd = open(path.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC);
@@ -116,7 +116,7 @@ void ShowThatThereIsRoom(const MountedDisk& mounted) {
   EXPECT_EQ(fsync(file.get()), 0) << strerror(errno);  // what the write made known is there by now
 }
 
-/// Every name in a directory but the dot entries, hidden ones included.
+/// Every name in a directory, including hidden ones, without the dot entries.
 std::set<std::string> List(const std::string& directory) {
   std::set<std::string> names;
   for (const auto& entry : fs::directory_iterator(directory)) names.insert(entry.path().filename());
@@ -125,7 +125,7 @@ std::set<std::string> List(const std::string& directory) {
 
 using NameSet = std::set<std::string>;
 
-/// The errno of a call that must fail; 0 when it does not.
+/// The errno of a call that should fail; 0 if it succeeds.
 int ErrorOf(const std::function<int()>& call) { return call() < 0 ? errno : 0; }
 
 // ---- Contents ----
@@ -155,7 +155,7 @@ TEST_F(Contents, OfAFileThatIsOpenedWithTruncationAreReplaced) {
   EXPECT_EQ(ReadFile(disk / "file"), "short");
 }
 
-TEST_F(Contents, OfTwoAppendersStandBehindEachOther) {
+TEST_F(Contents, OfTwoAppendersFollowEachOther) {
   MountedDisk mounted(disk.path());
   Fd one(mounted / "log", O_WRONLY | O_CREAT | O_APPEND);
   Fd two(mounted / "log", O_WRONLY | O_APPEND);
@@ -168,7 +168,7 @@ TEST_F(Contents, OfTwoAppendersStandBehindEachOther) {
   EXPECT_EQ(ReadFile(mounted / "log"), expected);
 }
 
-TEST_F(Contents, BetweenTwoWrittenPlacesAreZero) {
+TEST_F(Contents, BetweenTwoWrittenRangesAreZero) {
   MountedDisk mounted(disk.path());
   {
     Fd file(mounted / "file", O_WRONLY | O_CREAT);
@@ -178,7 +178,7 @@ TEST_F(Contents, BetweenTwoWrittenPlacesAreZero) {
   EXPECT_EQ(ReadFile(disk / "file"), "start" + std::string(4995, '\0') + "end");
 }
 
-TEST_F(Contents, CanBeWrittenWhereTheModeForbidsItToWhoMadeTheFile) {
+TEST_F(Contents, CanBeWrittenThroughTheHandleThatMadeAReadOnlyFile) {
   if (geteuid() == 0) GTEST_SKIP() << "root may write to any file";
   MountedDisk mounted(disk.path());
   Fd file(mounted / "file", O_RDWR | O_CREAT, 0400);
@@ -191,9 +191,9 @@ TEST_F(Contents, CanBeWrittenWhereTheModeForbidsItToWhoMadeTheFile) {
   EXPECT_EQ(Lstat(disk / "file").st_mode & 07777U, 0400U);
 }
 
-// ---- Small writes, which leave together ----
+// ---- Small writes, which are sent together ----
 
-TEST_F(SmallWrites, LeaveInFewPackets) {
+TEST_F(SmallWrites, AreSentInFewPackets) {
   WriteFile(disk / "file", std::string(kMiB, '-'));
   MountedDisk mounted(disk.path());
   auto expected = ReadFile(disk / "file");
@@ -214,7 +214,7 @@ TEST_F(SmallWrites, LeaveInFewPackets) {
   EXPECT_LE(mounted.Unmount().Requests(106), 1 + took / 3ms + 1);
 }
 
-TEST_F(SmallWrites, LeaveOneByOneWithoutBatches) {
+TEST_F(SmallWrites, AreSentOneByOneWithoutBatches) {
   MountedDisk mounted(disk.path(), {"--no-batch"});
   {
     Fd file(mounted / "file", O_WRONLY | O_CREAT);
@@ -223,14 +223,14 @@ TEST_F(SmallWrites, LeaveOneByOneWithoutBatches) {
   EXPECT_EQ(mounted.Unmount().Requests(106), 256);
 }
 
-TEST_F(SmallWrites, AreSeenAtOnceByEverybody) {
+TEST_F(SmallWrites, AreVisibleAtOnceToEveryProgram) {
   MountedDisk mounted(disk.path());
   Fd writer(mounted / "file", O_WRONLY | O_CREAT);
   Fd reader(mounted / "file", O_RDONLY);
   for (int i = 1; i <= 200; ++i) {
     writer.Write("0123456789");
     const off_t size = i * 10;
-    // A different look each time: none may prepare the next.
+    // Look in a different way each time, so that one look does not help the next.
     switch (i % 5) {
       case 0:
         EXPECT_EQ(reader.ReadAt(size - 5, 100), "56789");
@@ -330,7 +330,7 @@ TEST_F(SmallWrites, AreNotTakenBeforeTheDiskIsKnownToHaveRoom) {
   EXPECT_EQ(file.Close(), 0);
 }
 
-TEST_F(SmallWrites, ThatFailAreNotWrittenIntoAFileThatTookTheNameMeanwhile) {
+TEST_F(SmallWrites, ThatFailAreNotWrittenIntoAFileThatTookTheName) {
   MountedDisk mounted(disk.path());
   ShowThatThereIsRoom(mounted);
   for (int i = 0; i < 100; ++i) {
@@ -344,7 +344,7 @@ TEST_F(SmallWrites, ThatFailAreNotWrittenIntoAFileThatTookTheNameMeanwhile) {
     ASSERT_TRUE(fs::remove(disk / name));
     std::atomic<bool> is_renamed = false;
     std::jthread writer([&] {
-      // Every other one fails, as it is told of those before.
+      // Every other call fails, because it reports the failures before it.
       while (!is_renamed) (void)!pwrite(file.get(), "lost", 4, 0);
     });
     EXPECT_EQ(rename((mounted / "new" + number).c_str(), (mounted / name).c_str()), 0)
@@ -356,12 +356,12 @@ TEST_F(SmallWrites, ThatFailAreNotWrittenIntoAFileThatTookTheNameMeanwhile) {
   }
 }
 
-// ---- What meets in the queue of a busy disk ----
+// ---- Requests that meet in a busy disk's queue ----
 
-TEST_F(BusyDisk, LosesNoAppendToAListingThatWasAskedForBefore) {
+TEST_F(BusyDisk, LosesNoAppendBecauseOfAnEarlierListing) {
   fs::create_directory(disk / "dir");
   for (int i = 0; i < 1500; ++i) WriteFile(disk / "dir/file" + std::to_string(i), "content");
-  std::string last;  // of the names as they are listed, on the last page
+  std::string last;  // the last name in listing order
   for (const auto& entry : fs::directory_iterator(disk / "dir")) last = entry.path().filename();
   const auto mounted = Mount();
   Fd file((mounted / "dir/") + last, O_WRONLY | O_APPEND);
@@ -376,7 +376,7 @@ TEST_F(BusyDisk, LosesNoAppendToAListingThatWasAskedForBefore) {
   EXPECT_EQ(ReadFile((disk / "dir/") + last), "content before after");
 }
 
-TEST_F(BusyDisk, KeepsTheModeThatAFileGetsWhileItIsClosed) {
+TEST_F(BusyDisk, KeepsTheModeThatIsSetWhileAFileIsClosed) {
   auto mounted = Mount();
   Fd writer(mounted / "file", O_WRONLY | O_CREAT, 0444);
   writer.Write("content");
@@ -417,7 +417,7 @@ TEST_F(Sizes, CanBeSetOnBothSidesOfTenMebibytes) {
   EXPECT_EQ(List(disk.path()), NameSet{"dir.tmp"});
 }
 
-TEST_F(Sizes, BeyondTenMebibytesAreSetWithoutTouchingWhatStays) {
+TEST_F(Sizes, BeyondTenMebibytesAreSetWithoutChangingTheRest) {
   const auto start = Bytes(12 * kMiB);
   WriteFile(disk / "file", start);
   MountedDisk mounted(disk.path());
@@ -460,7 +460,7 @@ TEST_F(Sizes, BeyondTheLimitOfTheHostAreTooLarge) {
   EXPECT_EQ(Lstat(disk / "file").st_size, static_cast<off_t>(kLimit));
 }
 
-TEST_F(Sizes, OfAnOpenFileCountTheWritesBefore) {
+TEST_F(Sizes, OfAnOpenFileIncludeEarlierWrites) {
   MountedDisk mounted(disk.path());
   Fd file(mounted / "file", O_WRONLY | O_CREAT);
   for (int i = 0; i < 100; ++i) {
@@ -487,7 +487,7 @@ TEST_F(Names, OfFilesAndDirectoriesAreMadeMovedAndRemoved) {
   EXPECT_EQ(List(disk.path()), NameSet{});
 }
 
-TEST_F(Names, MayHaveABackslash) {
+TEST_F(Names, MayContainABackslash) {
   MountedDisk mounted(disk.path());
   EXPECT_EQ(mkdir((mounted / "a\\b").c_str(), 0755), 0) << strerror(errno);
   EXPECT_EQ(mkdir((mounted / "a\\b/c").c_str(), 0755), 0) << strerror(errno);
@@ -496,7 +496,7 @@ TEST_F(Names, MayHaveABackslash) {
   EXPECT_EQ(ReadFile(disk / "a\\b/c/d\\e"), "content");
 }
 
-TEST_F(Names, ThatAreReplacedByARenameStandForTheNewFile) {
+TEST_F(Names, ThatAreReplacedByARenameReferToTheNewFile) {
   MountedDisk mounted(disk.path());
   WriteFile(mounted / "old", "old content");
   WriteFile(mounted / "new", "new");
@@ -510,7 +510,7 @@ TEST_F(Names, AreShownRightAfterEachChangeToADirectoryThatIsBeingRead) {
   MountedDisk mounted(disk.path());
   DIR* directory = opendir(mounted.path().c_str());
   ASSERT_NE(directory, nullptr);
-  ASSERT_NE(readdir(directory), nullptr);  // the whole listing is made now
+  ASSERT_NE(readdir(directory), nullptr);  // fetches the whole listing
   WriteFile(mounted / "file1999", "longer content");
   WriteFile(mounted / "file7", "longer content");
   while (readdir(directory) != nullptr) {
@@ -521,7 +521,7 @@ TEST_F(Names, AreShownRightAfterEachChangeToADirectoryThatIsBeingRead) {
   EXPECT_EQ(Lstat(mounted / "file1999").st_size, 14);
 }
 
-// ---- Open files whose name goes ----
+// ---- Open files that lose their name ----
 
 TEST_F(OpenFiles, StayReadableAndWritableWhenUnlinked) {
   MountedDisk mounted(disk.path());
@@ -556,7 +556,7 @@ TEST_F(OpenFiles, StayReadableAndWritableWhenAnotherTakesTheirName) {
   EXPECT_EQ(ReadFile(disk / "file"), "new content");
 }
 
-TEST_F(OpenFiles, DoNotKeepTheirDirectoryFromBeingRemoved) {
+TEST_F(OpenFiles, DoNotPreventTheRemovalOfTheirDirectory) {
   MountedDisk mounted(disk.path());
   ASSERT_EQ(mkdir((mounted / "dir").c_str(), 0755), 0);
   Fd file(mounted / "dir/file", O_RDWR | O_CREAT);
@@ -598,7 +598,7 @@ TEST_F(HardLinks, ShareTheirContent) {
   EXPECT_EQ(ReadFile(mounted / "two").substr(0, 10), "still here");
 }
 
-TEST_F(HardLinks, MadeOnTheDisksSideShareTheirContent) {
+TEST_F(HardLinks, MadeOnTheClientShareTheirContent) {
   WriteFile(disk / "one", "content");
   fs::create_hard_link(disk / "one", disk / "two");
   MountedDisk mounted(disk.path());
@@ -611,7 +611,7 @@ TEST_F(HardLinks, MadeOnTheDisksSideShareTheirContent) {
 
 // ---- Modes, owners, times ----
 
-TEST_F(Modes, OfNewFilesAreThoseThatWereAskedFor) {
+TEST_F(Modes, OfNewFilesAreAsRequested) {
   const mode_t before = umask(022);
   MountedDisk mounted(disk.path());
   umask(0);
@@ -665,7 +665,7 @@ TEST_F(Modes, OfALinksTargetAreNotChangedThroughTheLink) {
   EXPECT_EQ(Lstat(disk / "file").st_uid, geteuid());
 }
 
-TEST_F(Modes, TimesAreTakenAndNotSet) {
+TEST_F(Modes, TimesAreAcceptedButNotSet) {
   MountedDisk mounted(disk.path());
   WriteFile(mounted / "file", "content");
   const auto before = Lstat(disk / "file").st_mtim;
@@ -677,7 +677,7 @@ TEST_F(Modes, TimesAreTakenAndNotSet) {
 
 // ---- Refusals ----
 
-TEST_F(Refusals, SayWhy) {
+TEST_F(Refusals, HaveTheRightErrno) {
   MountedDisk mounted(disk.path());
   WriteFile(mounted / "file", "content");
   fs::create_directories(disk / "full/inner");
@@ -707,11 +707,11 @@ TEST_F(Refusals, SayWhy) {
   EXPECT_EQ(ErrorOf([&] { return truncate(path("empty").c_str(), 1); }), EISDIR);
 }
 
-TEST_F(Refusals, SayWhyWhenTheKernelKnewOtherwise) {
+TEST_F(Refusals, HaveTheRightErrnoWhenTheKernelsCacheIsStale) {
   fs::create_directories(disk / "dir/inner");
   for (const char* name : {"one", "two", "three"}) WriteFile(disk / name, "content");
   MountedDisk mounted(disk.path());
-  // The kernel believes for a second what it has seen; the disk's side was faster.
+  // The kernel trusts what it has seen for a second. The client removes the files within it.
   for (const char* name : {"one", "two", "three", "dir/inner"}) Lstat(mounted / name);
   for (const char* name : {"one", "two", "three", "dir/inner"}) fs::remove(disk / name);
   EXPECT_EQ(ErrorOf([&] { return unlink((mounted / "one").c_str()); }), ENOENT);
@@ -721,7 +721,7 @@ TEST_F(Refusals, SayWhyWhenTheKernelKnewOtherwise) {
   EXPECT_EQ(ErrorOf([&] { return rmdir((mounted / "dir/inner").c_str()); }), ENOENT);
 }
 
-TEST_F(Refusals, OfWhatTheProtocolCannotDoAreNotSupported) {
+TEST_F(Refusals, AreEnotsupForWhatTheProtocolLacks) {
   MountedDisk mounted(disk.path());
   WriteFile(mounted / "file", "content");
   WriteFile(mounted / "other", "other");
@@ -759,7 +759,7 @@ void ExpectEverythingRefused(const MountedDisk& mounted) {
   for (const auto& [name, change] : changes) EXPECT_EQ(ErrorOf(change), EROFS) << name;
 }
 
-TEST_F(Refusals, OfAReadOnlyMountAreComplete) {
+TEST_F(Refusals, OfAReadOnlyMountCoverEveryChange) {
   WriteFile(disk / "file", "content");
   fs::create_directory(disk / "dir");
   MountedDisk mounted(disk.path(), {"--read-only"});
@@ -769,7 +769,7 @@ TEST_F(Refusals, OfAReadOnlyMountAreComplete) {
   EXPECT_EQ(List(disk.path()), (NameSet{"dir", "file"}));
 }
 
-TEST_F(Refusals, OfAReadOnlyMountOutliveARemount) {
+TEST_F(Refusals, OfAReadOnlyMountSurviveARemount) {
   WriteFile(disk / "file", "content");
   fs::create_directory(disk / "dir");
   MountedDisk mounted(disk.path(), {"--read-only"});
@@ -795,7 +795,7 @@ TEST_F(Locks, HoldWithinTheMount) {
   EXPECT_EQ(ErrorOf([&] { return flock(two.get(), LOCK_EX | LOCK_NB); }), EWOULDBLOCK);
 }
 
-// ---- Changes made on the disk's side ----
+// ---- Changes made on the client ----
 
 TEST_F(LocalChanges, ShowWithinSeconds) {
   MountedDisk mounted(disk.path());
@@ -821,7 +821,7 @@ TEST_F(LocalChanges, ThatTurnAFileIntoADirectoryShow) {
 
 // ---- Ends ----
 
-/// Writes piece after piece until the mount is gone; then as many bytes as were taken must be on
+/// Writes piece after piece until the mount is gone. All bytes that writes accepted must then be on
 /// the disk.
 void StopUnderAWriter(const TempDir& disk, const std::vector<std::string>& options, size_t piece) {
   MountedDisk mounted(disk.path(), options);
@@ -845,11 +845,9 @@ void StopUnderAWriter(const TempDir& disk, const std::vector<std::string>& optio
   EXPECT_TRUE(written.substr(0, taken) == content.substr(0, taken));
 }
 
-TEST_F(Ends, ByASignalUnderSmallWritesLoseNothingThatWasTaken) { StopUnderAWriter(disk, {}, 100); }
+TEST_F(Ends, ByASignalLoseNoSmallWriteThatWasAccepted) { StopUnderAWriter(disk, {}, 100); }
 
-TEST_F(Ends, ByASignalUnderLargeWritesLoseNothingThatWasTaken) {
-  StopUnderAWriter(disk, {}, 300'000);
-}
+TEST_F(Ends, ByASignalLoseNoLargeWriteThatWasAccepted) { StopUnderAWriter(disk, {}, 300'000); }
 
 TEST_F(Ends, ByASignalLeaveTheModeThatAFileWasGiven) {
   for (int round = 0; round < 10; ++round) {

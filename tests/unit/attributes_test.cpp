@@ -1,4 +1,4 @@
-// Commands 102, 108 and 113: questions about a file or the disk.
+// Commands 102, 108 and 113: the attributes of a file, and the statistics of the disk.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -106,7 +106,7 @@ TEST_F(GetFileAttr, IgnoresTheRequestsAttributeLength) {
   ExpectReply(AskRaw(request), request, BytesOf(head) + "/none", 16 + 5 + 4);
 }
 
-TEST_F(GetFileAttr, ReadsItsLengthAsStoredWhateverTheHeaderSaysOfByteOrder) {
+TEST_F(GetFileAttr, ReadsItsLengthAsStoredWhateverByteOrderTheHeaderSays) {
   const Request request = AttrRequest{.path = kKnownFile};
   const auto packet = request.Packet();
   packet->header->bigEndian = 1;
@@ -121,7 +121,7 @@ TEST_F(GetFileAttr, ReturnsWhatSendPacketReturned) {
   EXPECT_EQ(udisk->get_file_attr(16, Request(AttrRequest{.path = "/none"}).Packet().get()), 9);
 }
 
-TEST_F(GetFileAttr, GivesItsReplyTheRoomForAHeaderThatItIsTold) {
+TEST_F(GetFileAttr, MakesRoomInItsReplyForTheGivenHeaderLength) {
   udisk->get_file_attr(20, Request(AttrRequest{.path = "/none"}).Packet().get());
   ASSERT_EQ(device.Sent().size(), 1U);
   EXPECT_EQ(device.Sent()[0].capacity, 20U + 5 + 4);
@@ -173,7 +173,7 @@ TEST_F(GetXattr, WithANulInTheNameIsRefusedWithoutAReply) {
   EXPECT_EQ(udisk->get_xattr(16, request.Packet().get()), -1);
 }
 
-TEST_F(GetXattr, WithANulInThePathRepliesAllTheSame) {
+TEST_F(GetXattr, WithANulInThePathRepliesAsUsual) {
   const Request request = XattrRequest{.path = std::string("/a\0b", 4), .name = "user.x"};
   ExpectReply(AskRaw(request), request, Head(4, 6) + "user.x", 16 + 4 + 6 + 16);
   EXPECT_EQ(Log().Messages(), Texts{"get_xattr full path: " + disk.Local("/a") + "\\n"});
@@ -193,7 +193,7 @@ TEST_F(GetXattr, ReturnsWhatSendPacketReturned) {
 // ---- 113 ----
 
 /// The volumes DATA, DATA2 and proc with the mount point /proc, whose statistics never change. The
-/// cached statistics are marks, which no file system reports.
+/// cached statistics are marked with values that no file system reports.
 class GetStatvfs : public OperatorTest {
  protected:
   GetStatvfs() {
@@ -214,7 +214,7 @@ class GetStatvfs : public OperatorTest {
   static std::string Cached(const std::string& label) { return BytesOf(Mark(label)); }
   static std::string Refreshed() { return BytesOf(StatvfsOf("/proc")); }
 
-  /// What a path is answered with behind the head and the path.
+  /// What follows head and path in the reply for this path.
   std::string RecordsFor(const std::string& path) {
     const auto sent = AskRaw(StatvfsRequest{.path = path});
     if (!sent) return "no reply";
@@ -269,7 +269,7 @@ TEST_F(GetStatvfs, WithTheFlagSetAndAnUnknownLabelRepliesWithoutARecordAndClears
   udisk->modified = 1;
   EXPECT_EQ(RecordsFor("OTHER/x"), "");
   EXPECT_EQ(udisk->modified, 0);
-  EXPECT_EQ(RecordsFor("DATA/x"), Cached("DATA")) << "what did not match was not refreshed";
+  EXPECT_EQ(RecordsFor("DATA/x"), Cached("DATA")) << "without a match nothing is refreshed";
 }
 
 TEST_F(GetStatvfs, KeepsWhatItRefreshed) {
@@ -287,12 +287,12 @@ TEST_F(GetStatvfs, WithoutVolumesRepliesWithoutARecord) {
   EXPECT_EQ(RecordsFor("DATA/x"), "");
 }
 
-TEST_F(GetStatvfs, ComparesAtMostTheFirst256CharactersForALabel) {
+TEST_F(GetStatvfs, LooksForTheLabelInTheFirst256CharactersOnly) {
   const std::string longest(255, 'L');
   udisk->SetRootPath("", longest.c_str());
   udisk->mVolumes.back()->stat = Mark(longest);
   EXPECT_EQ(RecordsFor(longest + "/x"), Cached(longest));
-  EXPECT_EQ(RecordsFor(longest + "L/x"), Cached("DATA")) << "a slash too far is none";
+  EXPECT_EQ(RecordsFor(longest + "L/x"), Cached("DATA")) << "a slash after that does not count";
 }
 
 TEST_F(GetStatvfs, SendsOneRecordInABufferOfExactlyThatSize) {
@@ -314,7 +314,7 @@ TEST_F(GetStatvfs, LogsThePathsAndTheCapacity) {
   }
 }
 
-TEST_F(GetStatvfs, LogsTheSameCapacityWhenSeveralRecordsGo) {
+TEST_F(GetStatvfs, LogsTheSameCapacityWhenItSendsSeveralRecords) {
   udisk->modified = 1;
   Deliver(StatvfsRequest{.path = "DATA/x"});
   EXPECT_TRUE(Log().Has(kDebug, "get_statvfs send back size:142, buf len: 112"));
@@ -331,7 +331,7 @@ TEST_F(GetStatvfs, ReturnsWhatSendPacketReturned) {
   EXPECT_EQ(udisk->get_statvfs(16, Request(StatvfsRequest{.path = "/"}).Packet().get()), 9);
 }
 
-TEST_F(GetStatvfs, OfTheDiskCarriesWhatTheSystemSays) {
+TEST_F(GetStatvfs, OfTheDiskCarriesWhatTheSystemReports) {
   udisk->SetRootPath(nullptr, nullptr);
   Mount();
   udisk->modified = 1;
@@ -342,7 +342,7 @@ TEST_F(GetStatvfs, OfTheDiskCarriesWhatTheSystemSays) {
   ASSERT_EQ(reply->records.size(), 1U);
   udisk_statvfs got = reply->records[0];
   udisk_statvfs want = StatvfsOf(disk.root());
-  for (udisk_statvfs* record : {&got, &want}) {  // others use the disk meanwhile
+  for (udisk_statvfs* record : {&got, &want}) {  // other programs use the disk meanwhile
     record->f_bfree = record->f_bavail = record->f_ffree = record->f_favail = 0;
   }
   EXPECT_EQ(BytesOf(got), BytesOf(want));

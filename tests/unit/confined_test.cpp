@@ -42,10 +42,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kVariable[] = "TESSEL_CPD_CLIENT_CONFINE";
 constexpr char kSecret[] = "SECRET of the client";
-/// A regular file: what stands below it is missing, and cannot be made.
+/// A regular file: every path below it is missing and cannot be made.
 constexpr char kNoDirectory[] = "/f";
 
-/// While one exists, operators are made with the variable set so, or not at all.
+/// While an instance exists, the variable has this value; null = the variable is unset.
 class Confine {
  public:
   explicit Confine(const char* value) {
@@ -60,8 +60,8 @@ class Confine {
   Confine& operator=(const Confine&) = delete;
 };
 
-/// All that tells whether something below a directory, or the directory, was touched: contents,
-/// names, kinds, owners, modes, link counts, and times of change.
+/// Everything that shows a change of a directory or of anything below it: contents, names, kinds,
+/// owners, modes, link counts, and times of change.
 std::map<std::string, std::string> Snapshot(const fs::path& top) {
   std::map<std::string, std::string> seen;
   const auto see = [&](const fs::path& path) {
@@ -86,7 +86,7 @@ struct WayOut {
   std::string path;
 };
 
-/// What a reply tells of a file, and what must be the same for all files that are missing.
+/// The parts of a reply that concern a file, and that must be the same for all missing files.
 struct Told {
   uint16_t cmd = 0;
   uint32_t packet_len = 0;
@@ -111,7 +111,7 @@ std::string Backslashed(std::string path) {
   return path;
 }
 
-/// One request of every kind that names files, on files of the directory `at`.
+/// One request of every kind that names files, for files in the directory `at`.
 std::vector<NamedRequest> RequestsIn(const std::string& at) {
   const std::string file = at + "/secret.txt";
   const std::vector<DirEntry> cached = {{.stat = {}, .name = "a.txt"}};
@@ -159,7 +159,7 @@ std::vector<NamedRequest> RequestsIn(const std::string& at) {
   };
 }
 
-/// The same of the kinds that open a file, on one file.
+/// One request of every kind that opens a file, for the same file.
 std::vector<NamedRequest> OpeningRequests(const std::string& file) {
   return {
       {"103", CreateRequest{.path = file}},
@@ -176,7 +176,7 @@ std::vector<NamedRequest> OpeningRequests(const std::string& file) {
   };
 }
 
-/// Whether the kernel can confine; errno tells why not.
+/// Whether the kernel has openat2; if not, errno says why.
 bool KnowsOpenat2() {
   open_how how{};
   how.flags = O_PATH | O_CLOEXEC;
@@ -185,7 +185,7 @@ bool KnowsOpenat2() {
   return opened >= 0;
 }
 
-/// Directories beside the disk, with something to steal.
+/// Directories next to the disk, with a secret in them.
 struct Outside {
   explicit Outside(const std::string& letter) : path(letter + "outside") {
     for (const char* top : {"outside", "DISK2"}) {
@@ -199,7 +199,7 @@ struct Outside {
   const std::string path;
 };
 
-/// A disk in a directory that holds other things of the client's, with two operators on it.
+/// A disk in a directory with other files of the client, served by a plain and a confined operator.
 class ConfinedTest : public OperatorTest {
  protected:
   ConfinedTest() {
@@ -225,12 +225,12 @@ class ConfinedTest : public OperatorTest {
     Mount();
   }
 
-  /// The name of the directory that holds disk and outside.
+  /// The name of the directory that holds the disk and `outside`.
   [[nodiscard]] std::string Parent() const {
     return fs::path(disk.root()).parent_path().filename();
   }
 
-  /// Makes the links that some ways need, and tells all ways.
+  /// Makes the links that some ways out need, and returns all ways out.
   std::vector<WayOut> WaysOut() {
     const std::string letter = disk.letter();
     disk.MakeLink("/absolute", outside.path);
@@ -310,8 +310,8 @@ class ConfinedTest : public OperatorTest {
     };
   }
 
-  /// What an operator replies; none for a silence. What a reply tells of file systems or attributes
-  /// is left out, and so is the local path that 114 shows.
+  /// An operator's reply, if there is one, without statistics of the file system and without the
+  /// local path that 114 echoes.
   std::optional<Told> TellOf(UDiskOperator* served, const Request& request) {
     device.TakeSent();
     served->EventHandle(request.Packet());
@@ -324,8 +324,8 @@ class ConfinedTest : public OperatorTest {
     return Told{sent[0].cmd, request.cmd == kGetStatvfs ? 0 : sent[0].packet_len, payload};
   }
 
-  /// Every request in the directory `at` is answered by the confined operator as it is by the plain
-  /// one in a directory that is missing, and touches nothing.
+  /// Expects the confined operator to answer every request for the directory `at` as the plain one
+  /// answers it for a missing directory, and to change nothing.
   void ExpectMissing(const std::string& at) { ExpectMissing(at, RequestsIn); }
   void ExpectMissing(const std::string& at,
                      std::vector<NamedRequest> (*requests_on)(const std::string&)) {
@@ -360,7 +360,7 @@ class ConfinedTest : public OperatorTest {
   std::unique_ptr<UDiskOperator> plain;
 
  private:
-  /// Where the process stands, and what it has open, for the links through /proc.
+  /// The working directory and an open directory of the process, for the links through /proc.
   class StandsIn {
    public:
     explicit StandsIn(const fs::path& path) { fs::current_path(path); }
@@ -398,7 +398,7 @@ TEST_F(ConfinedTest, NoWayLeadsOut) {
   }
 }
 
-TEST_F(ConfinedTest, AllOfThemLeadOutWhereTheVariableIsUnsetEmptyOrZero) {
+TEST_F(ConfinedTest, AllOfThemLeadOutWhenTheVariableIsUnsetEmptyOrZero) {
   const std::vector<WayOut> ways = WaysOut();
   for (const char* value : {static_cast<const char*>(nullptr), "0", ""}) {
     MakePlain(value);
@@ -446,7 +446,7 @@ TEST_F(ConfinedTest, UpAloneIsMissing) {
   }
 }
 
-TEST_F(ConfinedTest, APathWithoutASlashInFrontIsNoSibling) {
+TEST_F(ConfinedTest, APathWithoutALeadingSlashDoesNotReachASibling) {
   EXPECT_EQ(Read(plain.get(), "2/secret.txt"), kSecret);
   const auto before = Snapshot(disk.letter());
   for (const NamedRequest& named : RequestsIn("2")) {
@@ -474,7 +474,7 @@ TEST_F(ConfinedTest, ALinkToAFileOutsideIsNotOpened) {
   }
 }
 
-TEST_F(ConfinedTest, ALinkToTheOutsideIsItselfOfTheDisk) {
+TEST_F(ConfinedTest, ALinkToTheOutsideIsItselfOnTheDisk) {
   disk.MakeLink("/link", "../outside/secret.txt");
   const auto before = Snapshot(outside.path);
   EXPECT_EQ(Ask(AttrRequest{.path = "/link"})->stat.st_mode, S_IFLNK | 0777);
@@ -502,7 +502,7 @@ TEST_F(ConfinedTest, NothingIsMadeThroughADanglingLink) {
   EXPECT_TRUE(Snapshot(disk.letter()) == before);
 }
 
-TEST_F(ConfinedTest, BackslashesInDirectoryMakingLeadNowhere) {
+TEST_F(ConfinedTest, BackslashesInADirectoryToBeMadeDoNotLeadOut) {
   const auto before = Snapshot(outside.path);
   disk.MakeLink("/relative", "../outside");
   for (const char* path :
@@ -530,7 +530,7 @@ TEST_F(ConfinedTest, TheNameOfAMountMakesNoDirectoryOutsideOfHome) {
   EXPECT_TRUE(Snapshot(outside.path) == before);
 }
 
-TEST_F(ConfinedTest, AListingOfTheDiskTellsNothingOfTheDirectoryAbove) {
+TEST_F(ConfinedTest, AListingOfTheDiskShowsNothingOfTheDirectoryAbove) {
   struct stat above {};
   ASSERT_EQ(stat(disk.letter().c_str(), &above), 0);
   for (const char* path : {"", "/", "/.", "/known/.."}) {
@@ -538,7 +538,7 @@ TEST_F(ConfinedTest, AListingOfTheDiskTellsNothingOfTheDirectoryAbove) {
       EXPECT_NE(entry.stat.st_ino, above.st_ino) << path << ": " << entry.name;
     }
   }
-  // One floor down it is the disk itself, and told.
+  // One level down, ".." is the disk itself, and is shown.
   struct stat top {};
   ASSERT_EQ(stat(disk.root().c_str(), &top), 0);
   for (const DirEntry& entry : Ask(DirReadRequest{.path = kKnownDir})->Entries()) {
@@ -546,9 +546,9 @@ TEST_F(ConfinedTest, AListingOfTheDiskTellsNothingOfTheDirectoryAbove) {
   }
 }
 
-// ---- What is no file ----
+// ---- Special files ----
 
-TEST_F(ConfinedTest, FifosAndSocketsStandForMissingFiles) {
+TEST_F(ConfinedTest, FifosAndSocketsLookLikeMissingFiles) {
   ASSERT_EQ(mkfifo(disk.Local("/fifo").c_str(), 0666), 0);
   ASSERT_EQ(mkfifo(disk.Local("/full").c_str(), 0666), 0);
   disk.MakeLink("/known/fifo", "../full");
@@ -574,7 +574,7 @@ TEST_F(ConfinedTest, FifosAndSocketsStandForMissingFiles) {
   close(listener);
 }
 
-TEST_F(ConfinedTest, DevicesStandForMissingFiles) {
+TEST_F(ConfinedTest, DevicesLookLikeMissingFiles) {
   constexpr int kMemoryDevices = 1;
   for (const auto& [path, minor] :
        std::map<const char*, int>{{"/null", 3}, {"/zero", 5}, {"/void", 7}}) {
@@ -588,7 +588,7 @@ TEST_F(ConfinedTest, DevicesStandForMissingFiles) {
   }
 }
 
-TEST_F(ConfinedTest, WhatIsNoFileIsStillRenamedAndRemoved) {
+TEST_F(ConfinedTest, SpecialFilesCanStillBeRenamedAndRemoved) {
   ASSERT_EQ(mkfifo(disk.Local("/fifo").c_str(), 0600), 0);
   EXPECT_EQ(Ask(AttrRequest{.path = "/fifo"})->stat.st_mode, S_IFIFO | 0600);
   EXPECT_EQ(Ask(ChmodRequest{.path = "/fifo", .mode = 0640})->result(), 0);
@@ -598,7 +598,7 @@ TEST_F(ConfinedTest, WhatIsNoFileIsStillRenamedAndRemoved) {
 
 // ---- Races ----
 
-/// Does something over and over on a thread of its own.
+/// Runs something again and again on a thread of its own.
 class Meanwhile {
  public:
   explicit Meanwhile(std::function<void()> action)
@@ -623,14 +623,14 @@ class Meanwhile {
   std::thread thread_;
 };
 
-/// Closes the file of a creation that succeeded at its second try, which keeps it open.
+/// Closes the descriptor that a create leaves open when its second try succeeds.
 void CloseIfKept(int created) {
   std::error_code closed;
   const fs::path file = fs::read_symlink("/proc/self/fd/" + std::to_string(created), closed);
   if (!closed && file.filename().string().starts_with("new.txt")) close(created);
 }
 
-TEST_F(ConfinedTest, ALinkSwappedInMeanwhileLeadsNowhere) {
+TEST_F(ConfinedTest, ALinkThatIsSwappedInMeanwhileDoesNotLeadOut) {
   constexpr auto kRace = std::chrono::seconds(10);
   const std::string inside = "inside the disk!";
   disk.MakeDir("/swapped/empty");
@@ -647,7 +647,7 @@ TEST_F(ConfinedTest, ALinkSwappedInMeanwhileLeadsNowhere) {
   const std::string shallow = disk.Local("/c");
   Meanwhile flips([&] {
     renameat2(AT_FDCWD, swapped.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE);
-    // What is being walked up from moves up itself.
+    // Moves up the directory from which ".." is being resolved.
     rename(deep.c_str(), shallow.c_str());
     rename(shallow.c_str(), deep.c_str());
   });
@@ -656,7 +656,7 @@ TEST_F(ConfinedTest, ALinkSwappedInMeanwhileLeadsNowhere) {
   int kept_out = 0;
   int strange = 0;
   const auto expect_inside = [&](const std::string& data) {
-    // A file just created is empty.
+    // The file may be empty, because it was just created.
     if (data == inside) ++let_in;
     if (data.empty()) ++kept_out;
     if (!data.empty() && data != inside) ++strange;
@@ -673,7 +673,7 @@ TEST_F(ConfinedTest, ALinkSwappedInMeanwhileLeadsNowhere) {
     expect_inside(Ask(ReadRequest{.path = file})->data);
     expect_inside(Ask(ReadRequest{.path = file, .size = 1 << 20})->data);
     expect_inside(Ask(SmallReadRequest{.records = {{.path = file}}})->records.at(0).data);
-    // Before a name stand two bytes of its length. Only outside has a "dir".
+    // A name follows the two bytes of its length. Only `outside` has an entry "dir".
     const std::string listing = Ask(DirReadRequest{.path = "/swapped"})->listing;
     if (listing.find("secret.txt") != std::string::npos) ++let_in;
     if (listing.find(std::string("\0dir", 4)) != std::string::npos) ++strange;
@@ -717,7 +717,7 @@ TEST_F(ConfinedTest, ALinkSwappedInMeanwhileLeadsNowhere) {
 
 // ---- No mount point ----
 
-TEST_F(ConfinedTest, RenamesInTheDiskDisturbNoPathThatGoesUp) {
+TEST_F(ConfinedTest, RenamesOnTheDiskDoNotDisturbPathsThatGoUp) {
   disk.MakeDir("/here");
   std::atomic<bool> ended = false;
   std::thread storm([&] {
@@ -755,7 +755,7 @@ TEST_F(ConfinedTest, EverythingIsMissingWhileTheMountPointIsEmpty) {
   no_mount("100");
   Ask(UmountRequest{.name = "made"});
   no_mount("101");
-  udisk->SetRootPath("", "");  // what bad parameters come to
+  udisk->SetRootPath("", "");  // as after bad parameters
   no_mount("bad parameters");
   udisk->SetRootPath(std::string(256, 'x').c_str(), "");
   no_mount("too long");
@@ -764,7 +764,7 @@ TEST_F(ConfinedTest, EverythingIsMissingWhileTheMountPointIsEmpty) {
 TEST_F(ConfinedTest, EverythingIsMissingUntilTheDiskIsNamed) {
   const Confine confine("1");
   MakeOperator();
-  EXPECT_EQ(udisk->GetLocalMountPoint(), "/media/") << "where disks are mounted, and no disk";
+  EXPECT_EQ(udisk->GetLocalMountPoint(), "/media/") << "the parent of mount points, not a disk";
   for (const char* path : {"", "/", "."}) {
     EXPECT_EQ(Ask(AttrRequest{.path = path})->attr_length, 0) << path;
     EXPECT_EQ(Ask(DirReadRequest{.path = path})->entry_count, 0) << path;
@@ -822,7 +822,7 @@ TEST_F(ConfinedTest, LinksAndUpThatStayInsideWork) {
   EXPECT_EQ(Read("/to-file"), "deep content");
 }
 
-TEST_F(ConfinedTest, ASlashBehindALinkMeansTheDirectoryAsInPlainMode) {
+TEST_F(ConfinedTest, ASlashAfterALinkMeansTheDirectoryAsInPlainMode) {
   disk.MakeLink("/to-dir", "known");
   disk.MakeLink("/to-file", "known.txt");
   for (const char* path :
@@ -836,7 +836,7 @@ TEST_F(ConfinedTest, ASlashBehindALinkMeansTheDirectoryAsInPlainMode) {
   }
 }
 
-TEST_F(ConfinedTest, ASlashBehindANewNameAsksForADirectoryAsInPlainMode) {
+TEST_F(ConfinedTest, ASlashAfterANewNameDemandsADirectoryAsInPlainMode) {
   disk.MakeFile("/file", "file");
   disk.MakeDir("/moved");
   disk.MakeDir("/target");
@@ -852,7 +852,7 @@ TEST_F(ConfinedTest, ASlashBehindANewNameAsksForADirectoryAsInPlainMode) {
   EXPECT_TRUE(disk.Exists("/new"));
 }
 
-TEST_F(ConfinedTest, ModesAreThoseOfPlainModeLessTheSetIdBits) {
+TEST_F(ConfinedTest, ModesAreThoseOfPlainModeWithoutTheSetIdBits) {
   const auto mode_of = [&](UDiskOperator* served, const Request& request, const std::string& path) {
     TellOf(served, request);
     struct stat st {};
@@ -882,13 +882,13 @@ TEST_F(ConfinedTest, ModesAreThoseOfPlainModeLessTheSetIdBits) {
   }
 }
 
-TEST_F(ConfinedTest, ACreationThatMakesItsDirectoriesKeepsNothingOpen) {
+TEST_F(ConfinedTest, ACreateThatMakesItsDirectoriesLeavesNothingOpen) {
   for (int i = 0; i < 100; ++i) {
     EXPECT_GE(Ask(CreateRequest{.path = "/new/" + std::to_string(i) + "/file"})->result(), 0);
   }
   udisk->Idle();
   EXPECT_TRUE(disk.Exists("/new/99/file"));
-}  // the fixture counts the descriptors
+}  // the fixture checks the number of descriptors
 
 TEST_F(ConfinedTest, ADeepTreeIsWalkedDownAndUp) {
   std::string deep;
@@ -924,14 +924,14 @@ TEST_F(ConfinedTest, NamesAreTakenAsTheyAre) {
 
 TEST_F(ConfinedTest, OrdinaryRequestsAreAnsweredAsInPlainMode) {
   const FakeUser user(1000, outside.path);
-  const TempDisk other;  // the plain operator's, so that both start from the same
+  const TempDisk other;  // for the plain operator, so that both start with the same files
   other.MakeFile(kKnownFile, "known content");
   other.MakeDir(kKnownDir);
   disk.Remove("/known/deep");
   const auto told = [&](UDiskOperator* served, const TempDisk& on, const Request& request) {
     served->SetRootPath(on.letter().c_str(), on.label().c_str());
     std::optional<Told> reply = TellOf(served, request);
-    // Numbers of files and descriptors, times and the order of entries may differ.
+    // Inode and descriptor numbers, times, and the order of entries may differ.
     if (reply &&
         (request.cmd == kGetFileAttr || request.cmd == kDirRead || request.cmd == kCheckDir)) {
       reply->payload.resize(std::min(reply->payload.size(), request.payload.size()));
@@ -961,7 +961,7 @@ size_t DirectoriesWalked() {
 }
 
 TEST_F(ConfinedTest, APathThatIsTooLongIsRefusedBeforeItIsWalked) {
-  // Made of slashes, and of components that would all be found.
+  // Paths of slashes, and of components that all exist.
   for (const std::string& path :
        {std::string(1 << 20, '/'), Backslashed(std::string(1 << 20, '/')),
         Replaced(std::string(1 << 19, 'x'), "x", "/."), std::string(PATH_MAX, '/') + "new/file"}) {
@@ -995,7 +995,7 @@ TEST_F(ConfinedTest, APathOfTheGreatestLengthIsServed) {
   EXPECT_EQ(Read("/" + path), "");
 }
 
-TEST_F(ConfinedTest, SlashesInARowAreOneStepOfTheWalk) {
+TEST_F(ConfinedTest, ConsecutiveSlashesAreOneStepOfTheWalk) {
   for (const char slash : {'/', '\\'}) {
     Log().Clear();
     const std::string name = slash == '/' ? "/new" : "/other";
@@ -1008,7 +1008,7 @@ TEST_F(ConfinedTest, SlashesInARowAreOneStepOfTheWalk) {
 
 // ---- A disk that goes and comes back ----
 
-/// A disk in memory, over a directory.
+/// A disk in memory, mounted on a directory.
 class MemoryDisk {
  public:
   explicit MemoryDisk(std::string at) : at_(std::move(at)) {
@@ -1020,7 +1020,7 @@ class MemoryDisk {
   MemoryDisk(const MemoryDisk&) = delete;
   MemoryDisk& operator=(const MemoryDisk&) = delete;
   [[nodiscard]] bool ok() const { return mounted_; }
-  /// @return whether nothing held it
+  /// @return false when it is busy
   bool Unmount() {
     if (umount2(at_.c_str(), 0) == 0) mounted_ = false;
     return !mounted_;
@@ -1067,7 +1067,7 @@ TEST_F(ConfinedTest, EverythingIsMissingWhileTheDiskIsUnmounted) {
     EXPECT_TRUE(memory.Unmount());
   }
   const auto before = Snapshot(disk.letter());
-  EXPECT_EQ(Read(plain.get(), kKnownFile), "known content") << "of the mount point";
+  EXPECT_EQ(Read(plain.get(), kKnownFile), "known content") << "in the empty mount point";
   EXPECT_EQ(Read(kKnownFile), "");
   EXPECT_EQ(Ask(AttrRequest{.path = "/"})->attr_length, 0);
   EXPECT_EQ(Ask(DirReadRequest{.path = "/"})->entry_count, 0);
@@ -1086,7 +1086,7 @@ TEST_F(ConfinedTest, EverythingIsMissingWhileTheDiskIsUnmounted) {
   udisk->Idle();
 }
 
-TEST_F(ConfinedTest, ADiskThatWasNoMountWhenItWasNamedNeedNotBecomeOne) {
+TEST_F(ConfinedTest, ADiskThatWasNotAMountWhenItWasSetNeedNotBecomeOne) {
   EXPECT_EQ(Read(kKnownFile), "known content");
   MemoryDisk memory(disk.root());
   if (!memory.ok()) GTEST_SKIP() << "cannot mount: " << strerror(errno);
@@ -1132,12 +1132,12 @@ TEST_F(ConfinedTest, AfterAnIdleSecondTheDiskCanBeUnmounted) {
   }
   EXPECT_NE(ask(ReadRequest{.path = kKnownFile}).find("in memory"), std::string::npos);
   driver->Close(0);
-  EXPECT_TRUE(memory.WaitForUnmount()) << "held by a closed driver";
+  EXPECT_TRUE(memory.WaitForUnmount()) << "a closed driver keeps the disk busy";
 }
 
 // ---- A kernel that cannot confine ----
 
-/// Makes openat2 unknown to the calling thread, for good.
+/// Makes openat2 fail with ENOSYS on the calling thread, for good.
 bool ForgetOpenat2() {
   sock_filter filter[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -1177,7 +1177,7 @@ size_t LinesAboutConfining() {
   }));
 }
 
-TEST_F(ConfinedTest, OneDebugLineTellsWhetherItIsOn) {
+TEST_F(ConfinedTest, OneDebugLineSaysWhetherItIsOn) {
   for (const auto& [value, shown] : {std::pair{static_cast<const char*>(nullptr), "not set"},
                                      std::pair{"", ""}, std::pair{"0", "0"}}) {
     Log().Clear();
@@ -1194,7 +1194,7 @@ TEST_F(ConfinedTest, OneDebugLineTellsWhetherItIsOn) {
   EXPECT_EQ(Log().Count(kDebug, "[UDisk] CONFINE=1: no path leads out of the mount point"), 1U);
 }
 
-TEST_F(ConfinedTest, TheDiskThatIsKeptOpenIsNotHandedToOtherPrograms) {
+TEST_F(ConfinedTest, TheOpenMountPointIsNotPassedToOtherPrograms) {
   Read(kKnownFile);
   int seen = 0;
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
@@ -1207,7 +1207,7 @@ TEST_F(ConfinedTest, TheDiskThatIsKeptOpenIsNotHandedToOtherPrograms) {
   udisk->Idle();
 }
 
-TEST_F(ConfinedTest, TheVariableIsReadOnceOnly) {
+TEST_F(ConfinedTest, TheVariableIsReadOnlyOnce) {
   const Confine off("0");
   EXPECT_EQ(Read("/../outside/secret.txt"), "");
   setenv(kVariable, "1", 1);

@@ -1,4 +1,4 @@
-// Commands 107 and 121: directory listings, and whether one has changed.
+// Commands 107 and 121: directory listings, and the check whether one has changed.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -128,7 +128,7 @@ TEST_F(DirRead, WritesLengthAndCountIntoTheRequest) {
   EXPECT_EQ(device.Sent()[0].payload, ReplyPayload("/dir", listing));
 }
 
-TEST_F(DirRead, ReadsItsLengthAsStoredWhateverTheHeaderSaysOfByteOrder) {
+TEST_F(DirRead, ReadsItsLengthAsStoredWhateverByteOrderTheHeaderSays) {
   MakeFilledDir();
   const Request request = DirReadRequest{.path = "/dir", .echoed = kEchoed};
   const auto packet = request.Packet();
@@ -140,7 +140,7 @@ TEST_F(DirRead, ReadsItsLengthAsStoredWhateverTheHeaderSaysOfByteOrder) {
               16 + listing.bytes.size() + 4 + 16);
 }
 
-TEST_F(DirRead, SaysNothingInTheLogWhenAllIsWell) {
+TEST_F(DirRead, LogsNothingOnSuccess) {
   ASSERT_TRUE(Ask(DirReadRequest{.path = kKnownDir}));
   EXPECT_EQ(Log().Messages(), Texts{});
 }
@@ -152,7 +152,7 @@ TEST_F(DirRead, ReturnsWhatSendPacketReturned) {
 
 TEST_F(DirRead, OfMoreThan65535EntriesWrapsTheCountAndKeepsTheLengthExact) {
   constexpr size_t kFiles = 65540;
-  const fs::path memory = "/dev/shm";  // so many files wear on a real disk
+  const fs::path memory = "/dev/shm";  // this many files would wear out a real disk
   const TempDisk many(fs::is_directory(memory) ? memory : fs::temp_directory_path());
   for (size_t i = 0; i < kFiles; ++i) {
     const int fd = creat(many.Local("/" + std::to_string(100000 + i)).c_str(), 0600);
@@ -167,7 +167,7 @@ TEST_F(DirRead, OfMoreThan65535EntriesWrapsTheCountAndKeepsTheLengthExact) {
   EXPECT_EQ(reply->entry_count, kCount - 65536);
   EXPECT_EQ(reply->buf_len, kLength);
   EXPECT_EQ(DecodeEntries(reply->listing, kCount).size(), kCount);
-  // The whole count is compared, so that a cache of what is left of it differs.
+  // The check compares whole counts, so a cache with the wrapped count differs.
   EXPECT_TRUE(Ask(
       CheckDirRequest{.path = "", .cached = reply->listing, .cached_count = reply->entry_count}));
 }
@@ -187,7 +187,7 @@ class CheckDir : public Directories {
     const auto reply = Ask(DirReadRequest{.path = "/dir"});
     return reply ? reply->Entries() : std::vector<DirEntry>{};
   }
-  /// The full listing of /dir is the answer.
+  /// Expects the full listing of /dir as the reply.
   void ExpectListing(const CheckDirRequest& request) {
     const Listing listing = ListingOf("/dir");
     ExpectReply(AskRaw(request), request, ReplyPayload("/dir", listing),
@@ -199,7 +199,7 @@ class CheckDir : public Directories {
     ASSERT_FALSE(Log().Messages().empty());
     EXPECT_EQ(Log().Messages().back(), "========== not update==========");
   }
-  /// Runs `change` and gives /dir its old modification time back.
+  /// Runs `change`, then restores the modification time of /dir.
   template <class Change>
   void WithoutTouchingTheDirectory(const Change& change) {
     const auto before = fs::last_write_time(disk.Local("/dir"));
@@ -347,7 +347,7 @@ TEST_F(CheckDir, WithANulInThePathIsRefusedWithoutAReply) {
   EXPECT_EQ(udisk->check_dir(16, request.Packet().get()), -1);
 }
 
-TEST_F(CheckDir, ReturnsMinusOneForNoChangeAndWhatSendPacketReturnedForOne) {
+TEST_F(CheckDir, ReturnsMinusOneWithoutAChangeAndSendPacketsResultWithOne) {
   MakeFilledDir();
   const std::vector<DirEntry> entries = Listed();
   device.SetSendResult(9);
@@ -398,7 +398,7 @@ TEST_F(CheckDir, WithACacheThatDoesNotWalkCleanlyGetsAFullReply) {
   ExpectNoUpdate(good);
 }
 
-TEST_F(CheckDir, OfADirectoryThatGetsLongerNamesWhileItIsReadGetsAFullReply) {
+TEST_F(CheckDir, OfADirectoryWhoseNamesGrowLongerWhileItIsReadGetsAFullReply) {
   MakeSettledDir("/dir");
   const std::string short_names = "abcdefgh";
   for (const char name : short_names) disk.MakeFile("/dir/" + std::string(1, name), "");
@@ -478,7 +478,7 @@ TEST_F(CompareCache, OfDifferentCountsIsZeroWithoutALogLine) {
   EXPECT_EQ(Log().Messages(), Texts{});
 }
 
-TEST_F(CompareCache, OfADifferentSizeStopsThere) {
+TEST_F(CompareCache, StopsAtADifferentSize) {
   EXPECT_EQ(Compare({Entry("a"), Entry("b", 2), Entry("c")}, {Entry("a"), Entry("b"), Entry("c")}),
             0);
   EXPECT_EQ(Log().Messages(), (Texts{Found("a"), "not found dirFileName:b,cacheFileName:b"}));
@@ -495,7 +495,7 @@ TEST_F(CompareCache, ComparesAll64BitsOfSizeAndSeconds) {
   EXPECT_EQ(Compare({Entry("a", 1, 1)}, {Entry("a", 1, 1 + kHigh)}), 0);
 }
 
-TEST_F(CompareCache, OfAnythingElseThatDiffersIsOne) {
+TEST_F(CompareCache, OfEntriesThatDifferInAnythingElseIsOne) {
   DirEntry other = Entry("a", 1, 1, 999'999'999);
   other.stat.st_mode = 0100777;
   other.stat.st_uid = other.stat.st_gid = 4711;
@@ -506,12 +506,12 @@ TEST_F(CompareCache, OfAnythingElseThatDiffersIsOne) {
   EXPECT_EQ(Log().Messages(), Texts{Found("a")});
 }
 
-TEST_F(CompareCache, OfANameThatIsNotThereStopsThere) {
+TEST_F(CompareCache, StopsAtANameThatIsMissing) {
   EXPECT_EQ(Compare({Entry("a"), Entry("x"), Entry("b")}, {Entry("a"), Entry("b"), Entry("c")}), 0);
   EXPECT_EQ(Log().Messages(), (Texts{Found("a"), "found name:x,not found"}));
 }
 
-TEST_F(CompareCache, TellsNamesApartOfWhichOneBeginsTheOther) {
+TEST_F(CompareCache, DistinguishesANameFromItsPrefix) {
   EXPECT_EQ(Compare({Entry("ab")}, {Entry("abc")}), 0);
   EXPECT_EQ(Log().Messages(), Texts{"found name:ab,not found"});
   EXPECT_EQ(Compare({Entry("abc")}, {Entry("ab")}), 0);
@@ -539,20 +539,20 @@ TEST_F(CompareCache, ComparesEachDuplicateInTheListing) {
   EXPECT_EQ(Log().Messages(), (Texts{Found("a"), "not found dirFileName:a,cacheFileName:a"}));
 }
 
-TEST_F(CompareCache, OfAnEntryThatStandsTwiceInTheListingAndOneThatIsMissingStopsThere) {
+TEST_F(CompareCache, StopsAtAMissingNameAfterADuplicateInTheListing) {
   EXPECT_EQ(Compare({Entry("a"), Entry("b")}, {Entry("a"), Entry("a")}), 0);
   EXPECT_EQ(Log().Messages(), (Texts{Found("a"), Found("a"), "found name:b,not found"}));
 }
 
-TEST_F(CompareCache, OfVeryManyDuplicatesCountsNotTheirSquare) {
+TEST_F(CompareCache, OfVeryManyDuplicatesDoesNotCountTheirSquare) {
   const std::vector<DirEntry> duplicates(10'000, Entry("a"));
   EXPECT_EQ(Compare(duplicates, duplicates), 0);
   EXPECT_LT(Log().Messages().size(), 200'000U);
   EXPECT_EQ(Log().Messages().back(), "add new file");
 }
 
-/// Names of 16 bytes that std::hash, which has no key, maps to one number: the second half of each
-/// makes up for its first.
+/// Names of 16 bytes that all have the same std::hash, which has no key: the second half of each
+/// name cancels the effect of the first.
 Texts CollidingNames(size_t count) {
   constexpr uint64_t kFactor = 0xc6a4a7935bd1e995;
   constexpr uint64_t kInverse = 0x5f7a0ea7e59b19bd;
@@ -601,7 +601,7 @@ TEST_F(CompareCache, OfNegativeCountsIsZero) {
 }
 
 TEST_F(CompareCache, EndsANameAtItsFirstNul) {
-  // A record whose name field holds "ab", a NUL, and more.
+  // A record whose name field holds "ab", a NUL, and further characters.
   const DirEntry longer = Entry(std::string("ab\0cd", 5));
   EXPECT_EQ(Compare({longer, Entry("x")}, {Entry("ab"), Entry("x")}), 1);
   EXPECT_EQ(Log().Messages(), (Texts{Found("ab"), Found("x")}));

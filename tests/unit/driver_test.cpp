@@ -35,7 +35,7 @@ using std::string;
 using Texts = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
 
-/// What a worker that sleeps on would take to notice that it is to stop.
+/// Less than the second that a worker sleeps when nothing wakes it.
 constexpr std::chrono::milliseconds kAWorkersSecond{900};
 
 /// The processor time that a thread has used so far.
@@ -51,7 +51,7 @@ std::shared_ptr<CpdPacket> BandwidthEvent(uint32_t kbps) {
   return Request{.cmd = kBusReadBandwidth, .payload = BytesOf(kbps)}.Packet();
 }
 
-/// A gate that holds whoever passes it until it is opened.
+/// A gate that blocks every thread that passes it until it is opened.
 class Gate {
  public:
   void Pass() {
@@ -94,7 +94,7 @@ class DriverTest : public ::testing::Test {
     if (driver) driver->Close(0);
   }
 
-  /// Opens a driver as the host does and lets it announce its disk.
+  /// Opens a driver as the host does, and waits until it has announced its disk.
   void Open() {
     driver.reset(static_cast<UDiskDriver*>(udisk_open(&device, "policy")));
     ASSERT_NE(driver, nullptr);
@@ -136,7 +136,7 @@ class DriverTest : public ::testing::Test {
     for (const SentPacket& sent : device.Sent()) ids.push_back(sent.request_id);
     return ids;
   }
-  /// What the driver's own source file logged.
+  /// The messages that udisk.cpp logged.
   Texts DriverMessages() {
     Texts messages;
     for (const LogLine& line : Log().Lines()) {
@@ -207,12 +207,12 @@ TEST_F(DriverTest, OpenWithoutAWorkerFailsAndLeavesNothing) {
   EXPECT_TRUE(device.base().Traces().empty());
 }
 
-TEST_F(DriverTest, InitWithoutAWorkerRaisesAndReleasesWhatItMade) {
+TEST_F(DriverTest, InitWithoutAWorkerThrowsAndReleasesWhatItMade) {
   driver = std::make_unique<UDiskDriver>(&device, "policy");
   const FailingThread worker(0);
   try {
     driver->Init();
-    FAIL() << "Init did not raise";
+    FAIL() << "Init did not throw";
   } catch (const std::system_error& error) {
     EXPECT_EQ(string(error.what()).rfind("thread constructor failed", 0), 0U) << error.what();
   }
@@ -303,7 +303,7 @@ TEST_F(DriverTest, APacketForAnotherDeviceIsRefusedAndNeverServed) {
   EXPECT_EQ(SentIds(), std::vector<uint32_t>{2});
 }
 
-TEST_F(DriverTest, ComparesTheWholeOfTheDevicesId) {
+TEST_F(DriverTest, ComparesTheWholeDeviceId) {
   Open();
   device.SetId(0x100 + kDeviceId);
   EXPECT_EQ(Deliver(kGetKnown), -1);
@@ -352,7 +352,7 @@ TEST_F(DriverTest, WaitsForRequestsWithoutUsingTheProcessor) {
   ASSERT_TRUE(device.WaitForPackets(1));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the request is over
   const std::chrono::nanoseconds before = ProcessorTimeOf(worker);
-  std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // it looks once or twice
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // the worker wakes once or twice
   EXPECT_LT(ProcessorTimeOf(worker) - before, std::chrono::milliseconds(50));
   EXPECT_EQ(Deliver(kGetKnown), 0);
   EXPECT_TRUE(device.WaitForPackets(2)) << "and it went back to waiting";
@@ -369,7 +369,7 @@ TEST_F(DriverTest, BusEventsAreServedAtOnceWhileARequestIsStuck) {
   EXPECT_EQ(driver->onBusEvent(BandwidthEvent(5000)), 0);
   EXPECT_EQ(Operator()->readBwKbps, 5000U);
   gate.Open();
-  driver->Close(0);  // the worker is in the gate no more
+  driver->Close(0);  // the worker has left the gate when this returns
 }
 
 TEST_F(DriverTest, BusEventsWithoutAnOperatorOrPacketAreIgnored) {
@@ -428,7 +428,7 @@ TEST_F(DriverTest, DriverObjectIsTheOperatorWhileItRuns) {
   EXPECT_EQ(object->GetDeviceId(), kDeviceId);
   driver->Close(0);
   EXPECT_EQ(driver->GetDriverObj(), nullptr);
-  EXPECT_EQ(object->GetDeviceId(), 0) << "lives as long as somebody holds it";
+  EXPECT_EQ(object->GetDeviceId(), 0) << "the object lives as long as it is held";
 }
 
 // ---- Closing ----
@@ -439,7 +439,7 @@ TEST_F(DriverTest, CloseLogsAndTraces) {
   EXPECT_EQ(driver->Close(0), 0);
   Texts messages;
   for (const LogLine& line : Log().Lines()) {
-    if (line.function != "MountRemote") messages.push_back(line.message);  // its last may be late
+    if (line.function != "MountRemote") messages.push_back(line.message);  // may come later
   }
   EXPECT_EQ(messages, (Texts{R"(udisk client close\n)", R"(client udisk StopLoop\n)",
                              "local mMountDrive:" + disk.root(), R"(udisk client close out\n)"}));
@@ -565,7 +565,7 @@ TEST_F(DriverTest, CloseWaitsForTheRequestInFlightAndDropsTheQueued) {
   EXPECT_TRUE(Log().Messages(kError).empty());
 }
 
-TEST_F(DriverTest, AFileThatWouldPassTheProcesssSizeLimitIsAFailedWriteAndNoMore) {
+TEST_F(DriverTest, AWriteBeyondTheProcesssFileSizeLimitFailsAndDoesNoOtherHarm) {
   ExpectFaultRow("a file that would pass the process's limit of file sizes",
                  {"a failure", "the failed call, `File too large`", "nothing"});
   Open();
@@ -626,7 +626,7 @@ TEST_F(DriverRace, ServesWhileEverythingElseIsCalledAtOnce) {
   std::atomic<int> answers = 0;
   device.OnSend([&](const SentPacket& sent) {
     ++answers;
-    // Both disks have the file: a mount point half of one and half of the other has not.
+    // Both disks have the file; a mount point mixed from the two would not.
     if (sent.cmd == kGetFileAttr && AttrReply::Decode(sent).attr_length == 0) ++wrong;
     if (sent.cmd == kFileRead && ReadReply::Decode(sent).result == 0) ++wrong;
   });
@@ -661,7 +661,7 @@ TEST_F(DriverRace, ServesWhileEverythingElseIsCalledAtOnce) {
     }));
     hosts.push_back(until_done([&](int) { driver->GetDriverObj(); }));
     EXPECT_TRUE(device.WaitForPackets(300));
-    driver->Close(0);  // while all of them go on
+    driver->Close(0);  // while all the other calls continue
     done = true;
     hosts.clear();
     device.TakeSent();

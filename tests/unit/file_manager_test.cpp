@@ -25,7 +25,7 @@
 
 namespace {
 
-/// What statfs answers, when set.
+/// What statfs reports, if set.
 std::optional<struct statfs> g_statfs;
 
 }  // namespace
@@ -71,7 +71,7 @@ class FileManagerTest : public ::testing::Test {
     return files.UdiskWriteFile(disk.Local(path).c_str(), data.data(), offset,
                                 static_cast<int>(data.size()), &err);
   }
-  /// What the log tells of the directories that UdiskMakeDir went through, below the disk's.
+  /// The directories below the disk that UdiskMakeDir logged.
   std::vector<std::string> LoggedPrefixes() {
     std::vector<std::string> prefixes;
     for (const LogLine& line : Log().Lines()) {
@@ -100,7 +100,7 @@ class FileManagerTest : public ::testing::Test {
   mode_t umask_;
 };
 
-/// The message of the only line, which must be an Error of that function.
+/// The message of the log's only line, which must be an Error of this function.
 std::string OnlyError(const std::string& function) {
   const std::vector<LogLine> lines = Log().Lines();
   EXPECT_EQ(lines.size(), 1U);
@@ -112,7 +112,7 @@ std::string OnlyError(const std::string& function) {
   return lines[0].message;
 }
 
-/// Replaces the one run of digits after "fd = ".
+/// Replaces the digits after "fd = ".
 std::string WithoutDescriptor(std::string message) {
   const size_t begin = message.find("fd = ") + 5;
   size_t end = begin;
@@ -177,7 +177,7 @@ TEST_F(FileManagerTest, CreateBelowAFileFails) {
 
 // ---- Directories ----
 
-TEST_F(FileManagerTest, MakeDirTakesBackslashesForSeparators) {
+TEST_F(FileManagerTest, MakeDirTreatsBackslashesAsSeparators) {
   const std::string path = disk.Local("/a\\b\\c");
   std::string given = path;
   EXPECT_EQ(files.UdiskMakeDir(given.c_str(), 0750, 1), 0);
@@ -194,21 +194,21 @@ TEST_F(FileManagerTest, MakeDirWithoutTheLastMakesTheParentsOnly) {
   EXPECT_FALSE(disk.Exists("/a/b/c"));
 }
 
-TEST_F(FileManagerTest, MakeDirNeverTakesTheFirstCharacterForASeparator) {
+TEST_F(FileManagerTest, MakeDirNeverTreatsTheFirstCharacterAsASeparator) {
   EXPECT_EQ(files.UdiskMakeDir("/", 0777, 1), 0);
   EXPECT_EQ(files.UdiskMakeDir("\\", 0777, 0), 0);
   EXPECT_EQ(files.UdiskMakeDir("/nothing-is-made-of-this", 0777, 0), 0);
   EXPECT_TRUE(Log().Lines().empty());
 }
 
-TEST_F(FileManagerTest, MakeDirFailsWhereAFileStandsInTheWay) {
+TEST_F(FileManagerTest, MakeDirFailsWhenAFileIsInTheWay) {
   disk.MakeFile("/file", "content");
   EXPECT_EQ(MakeDirs("/file/a/b", 0777, 1), -1);
-  EXPECT_EQ(MakeDirs("/file", 0777, 1), -1) << "as the last component too";
+  EXPECT_EQ(MakeDirs("/file", 0777, 1), -1) << "also as the last component";
   EXPECT_EQ(disk.ReadBack("/file"), "content");
 }
 
-TEST_F(FileManagerTest, MakeDirOfWhatIsThereSucceedsAndLeavesItAlone) {
+TEST_F(FileManagerTest, MakeDirOfAnExistingDirectorySucceedsAndDoesNotChangeIt) {
   disk.MakeDir("/a/b");
   const mode_t before = Mode("/a/b");
   EXPECT_EQ(MakeDirs("/a/b", 0700, 1), 0);
@@ -257,7 +257,7 @@ TEST_F(FileManagerTest, ReadGivesTheBytesAtTheOffset) {
   EXPECT_TRUE(Log().Lines().empty());
 }
 
-TEST_F(FileManagerTest, ReadGivesAShortReadAsItIs) {
+TEST_F(FileManagerTest, ReadReturnsTheSizeOfAShortRead) {
   disk.MakeFile("/a", "0123456789");
   EXPECT_EQ(Read("/a", 8, 100), "89");
   EXPECT_EQ(result, 2);
@@ -304,7 +304,7 @@ TEST_F(FileManagerTest, ReadOfANegativeCountOrOffsetIsRefusedByTheSystem) {
             R"(file_read failed res: -1, fd = N errno: Invalid argument\n)");
 }
 
-TEST_F(FileManagerTest, ReadMakesItsRoomOnceTheFileIsOpen) {
+TEST_F(FileManagerTest, ReadAsksForItsBufferOnceTheFileIsOpen) {
   disk.MakeFile("/a", "0123456789");
   char room[4];
   int calls = 0;
@@ -322,7 +322,7 @@ TEST_F(FileManagerTest, ReadMakesItsRoomOnceTheFileIsOpen) {
                                   return ReadRoom{.data = room, .count = 4};
                                 }),
             0);
-  EXPECT_EQ(calls, 1) << "no room for a file that does not open";
+  EXPECT_EQ(calls, 1) << "no buffer for a file that does not open";
 }
 
 TEST_F(FileManagerTest, DeliverableIsWhatTheFileHoldsFromTheOffset) {
@@ -345,7 +345,7 @@ TEST_F(FileManagerTest, DeliverableOfAFileOfUnknownSizeIsUpToOneMegabyte) {
   close(fd);
 }
 
-TEST_F(FileManagerTest, DeliverableOfADirectoryIsNothing) {
+TEST_F(FileManagerTest, DeliverableOfADirectoryIsZero) {
   disk.MakeDir("/d");
   const int fd = open(disk.Local("/d").c_str(), O_RDONLY);
   EXPECT_EQ(FileManagerLinux::Deliverable(fd, 0, 4096), 0);
@@ -353,16 +353,16 @@ TEST_F(FileManagerTest, DeliverableOfADirectoryIsNothing) {
   close(fd);
 }
 
-// ---- What an open must not do to the process ----
+// ---- Side effects that an open must not have ----
 
-TEST_F(FileManagerTest, AnOpenFileIsNotHandedToOtherPrograms) {
+TEST_F(FileManagerTest, AnOpenFileIsNotPassedToOtherPrograms) {
   const int fd = files.UdiskCreateFile(disk.Local("/x/file").c_str(), 0, 0600);
   ASSERT_GE(fd, 0);
   EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
   close(fd);
 }
 
-TEST_F(FileManagerTest, ATerminalDoesNotBecomeTheProcessesOwn) {
+TEST_F(FileManagerTest, ATerminalDoesNotBecomeTheControllingTerminal) {
   const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
   if (terminal < 0 || grantpt(terminal) != 0 || unlockpt(terminal) != 0) {
     close(terminal);
@@ -371,13 +371,13 @@ TEST_F(FileManagerTest, ATerminalDoesNotBecomeTheProcessesOwn) {
   const std::string path = ptsname(terminal);
   const pid_t child = fork();
   if (child == 0) {
-    setsid();  // a process without a terminal, which would take the first that it opens
+    setsid();  // now the first terminal that is opened without O_NOCTTY becomes the controlling one
     files.UdiskFsync(path.c_str());
     _exit(open("/dev/tty", O_RDWR | O_NOCTTY) < 0 ? 0 : 1);
   }
   int status = -1;
   EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0) << "the child has a terminal";
+  EXPECT_EQ(status, 0) << "the child has a controlling terminal";
   close(terminal);
 }
 
@@ -417,7 +417,7 @@ TEST_F(FileManagerTest, WriteOfANegativeCountIsRefusedByTheSystem) {
 
 // ---- Special files ----
 
-TEST_F(FileManagerTest, AFifoHoldsNoOperation) {
+TEST_F(FileManagerTest, AFifoBlocksNoOperation) {
   MakeFifo("/fifo");
   const std::string path = disk.Local("/fifo");
   Read("/fifo", 0, 4);
@@ -433,7 +433,7 @@ TEST_F(FileManagerTest, AFifoHoldsNoOperation) {
 
 // ---- Attributes ----
 
-TEST_F(FileManagerTest, FileInformationCarriesWhatLstatSays) {
+TEST_F(FileManagerTest, FileInformationCarriesWhatLstatReports) {
   disk.MakeFile("/a", std::string(5000, 'x'));
   ASSERT_EQ(chmod(disk.Local("/a").c_str(), 0741), 0);
   ASSERT_EQ(link(disk.Local("/a").c_str(), disk.Local("/b").c_str()), 0);
@@ -484,7 +484,7 @@ TEST_F(FileManagerTest, FileInformationOfAMissingFileLeavesTheRecordAlone) {
   EXPECT_EQ(OnlyError("UdiskGetFileInformation"), " lstat failed errno: No such file or directory");
 }
 
-TEST_F(FileManagerTest, SetStatNarrowsAndWidensAsTheRecordSays) {
+TEST_F(FileManagerTest, SetStatNarrowsAndWidensAsTheRecordRequires) {
   struct stat from = {};
   from.st_dev = 0x180000001;
   from.st_ino = 0x1122334455667788;
@@ -514,7 +514,7 @@ TEST_F(FileManagerTest, SetStatNarrowsAndWidensAsTheRecordSays) {
 
 // ---- Listings ----
 
-/// A listing that frees itself; filled with a pattern before it is asked for.
+/// A listing that frees its buffer. It holds a pattern until UdiskReadDir fills it.
 struct Listing {
   Listing() { std::memset(&attr, 0xab, sizeof attr); }
   ~Listing() {
@@ -594,17 +594,17 @@ TEST_F(FileManagerTest, ReadDirOfAFileFails) {
   EXPECT_EQ(OnlyError("UdiskReadDir"), "dir_read opendir failed errno: Not a directory");
 }
 
-/// The directory's path with so many slashes that it has `length` characters.
+/// The directory's path, with slashes repeated until it has `length` characters.
 std::string Stretched(const std::string& parent, const std::string& name, size_t length) {
   return parent + std::string(length - parent.size() - name.size(), '/') + name;
 }
 
-TEST_F(FileManagerTest, ReadDirGivesAnEntryThatCannotBeLookedAtTheAttributesOfTheOneBefore) {
+TEST_F(FileManagerTest, ReadDirGivesAnEntryWhoseLstatFailsTheAttributesOfTheEntryBefore) {
   disk.MakeDir("/deep");
   for (const char* name : {"a", "b", "c", "too-long-1", "too-long-2", "too-long-3"}) {
     disk.MakeFile(std::string("/deep/") + name, name);
   }
-  // The path is as long as the system takes with one more "/x": longer names cannot be looked at.
+  // With "/x" added, the path has the greatest length that lstat takes; it fails on longer names.
   const std::string path = Stretched(disk.root(), "deep", PATH_MAX - 1 - 2);
   Listing listing;
   ASSERT_EQ(listing.Read(&files, path), 0);
@@ -621,7 +621,7 @@ TEST_F(FileManagerTest, ReadDirGivesAnEntryThatCannotBeLookedAtTheAttributesOfTh
   EXPECT_EQ(unseen, 4U);
 }
 
-TEST_F(FileManagerTest, ReadDirGivesAFirstEntryThatCannotBeLookedAtZeros) {
+TEST_F(FileManagerTest, ReadDirGivesAFirstEntryWhoseLstatFailsZeros) {
   disk.MakeDir("/deep");
   Listing listing;
   ASSERT_EQ(listing.Read(&files, Stretched(disk.root(), "deep", PATH_MAX - 1)), 0);
@@ -630,7 +630,7 @@ TEST_F(FileManagerTest, ReadDirGivesAFirstEntryThatCannotBeLookedAtZeros) {
   }
 }
 
-TEST_F(FileManagerTest, ReadDirOfADirectoryThatGrowsStaysInItsRoom) {
+TEST_F(FileManagerTest, ReadDirOfADirectoryThatGrowsStaysWithinItsBuffer) {
   disk.MakeDir("/dir");
   disk.MakeFile("/dir/a", "");
   const BetweenPasses grows([&] {
@@ -795,9 +795,9 @@ TEST_F(FileManagerTest, ChownFollowsLinks) {
   EXPECT_EQ(files.UdiskFileChown(disk.Local("/missing").c_str(), 0, 0), -1);
 }
 
-// ---- What does nothing ----
+// ---- Operations that do nothing ----
 
-TEST_F(FileManagerTest, OperationsWithoutAFunctionAnswerTheirConstant) {
+TEST_F(FileManagerTest, OperationsThatDoNothingReturnTheirConstant) {
   disk.MakeFile("/a", "content");
   const std::string path = disk.Local("/a");
   EXPECT_EQ(files.UdiskFileOpen(path.c_str()), -1);
@@ -810,7 +810,7 @@ TEST_F(FileManagerTest, OperationsWithoutAFunctionAnswerTheirConstant) {
   EXPECT_EQ(disk.ReadBack("/a"), "content");
 }
 
-TEST(FileManagerLife, EndsWithOneFlushOfAllFileSystems) {
+TEST(FileManagerLife, EndsWithOneSync) {
   auto files = std::make_unique<FileManagerLinux>();
   const int before = SyncCalls();
   files.reset();

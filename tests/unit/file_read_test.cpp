@@ -1,4 +1,4 @@
-// Command 105: file data, paced to the announced bandwidth.
+// Command 105: reads of file data, paced to the announced bandwidth.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -25,20 +25,20 @@ class FileRead : public OperatorTest {
                         .unread_20 = request.unread_20};
     return BytesOf(head) + request.path + data;
   }
-  /// The reply says 0 and carries no data.
+  /// Expects a reply with a size of 0 and no data.
   void ExpectNothing(const ReadRequest& request) {
     ExpectReply(AskRaw(request), request, ReplyPayload(request, ""), 16 + request.path.size() + 24);
   }
 };
 
-TEST_F(FileRead, OfMoreThanTheFileHoldsRepliesWithWhatThereIsInABufferOfExactlyThatSize) {
+TEST_F(FileRead, OfMoreThanTheFileHoldsRepliesWithAllOfItInABufferOfExactlyThatSize) {
   const std::string content(100, 'c');
   disk.MakeFile("/a.txt", content);
   const ReadRequest request{.path = "/a.txt", .offset = 0, .size = 4096};
   ExpectReply(AskRaw(request), request, ReplyPayload(request, content), 16 + 100 + 6 + 24);
 }
 
-TEST_F(FileRead, InTheMiddleRepliesWithTheBytesAskedFor) {
+TEST_F(FileRead, InTheMiddleRepliesWithTheRequestedBytes) {
   disk.MakeFile("/a.txt", "0123456789");
   const ReadRequest request{.path = "/a.txt", .offset = 3, .size = 4};
   ExpectReply(AskRaw(request), request, ReplyPayload(request, "3456"), 16 + 4 + 6 + 24);
@@ -95,7 +95,7 @@ TEST_F(FileRead, OfADirectoryRepliesWithResultZeroAndNoData) {
   EXPECT_TRUE(message.ends_with(" errno: Is a directory\\n")) << message;
 }
 
-TEST_F(FileRead, ThatCannotSucceedSaysTheSameInTheLogWhateverItsSize) {
+TEST_F(FileRead, ThatCannotSucceedLogsTheSameWhateverItsSize) {
   const auto error_of = [&](const ReadRequest& request) {
     Log().Clear();
     ExpectNothing(request);
@@ -112,7 +112,7 @@ TEST_F(FileRead, ThatCannotSucceedSaysTheSameInTheLogWhateverItsSize) {
               "errno: Invalid argument\\n");
     Log().Clear();
     ExpectNothing({.path = kKnownFile, .offset = kLast - size, .size = size});
-    EXPECT_TRUE(Log().Messages(kError).empty()) << "past the end, but not past every offset";
+    EXPECT_TRUE(Log().Messages(kError).empty()) << "past the end, but not past the greatest offset";
   }
 }
 
@@ -136,7 +136,7 @@ TEST_F(FileRead, OfANegativeSizeRepliesWithResultZeroAndNoData) {
   }
 }
 
-TEST_F(FileRead, OfTheLargestSizeRepliesWithWhatThereIs) {
+TEST_F(FileRead, OfTheLargestSizeRepliesWithTheWholeFile) {
   disk.MakeFile("/a.txt", "abc");
   const ReadRequest request{.path = "/a.txt", .offset = 1, .size = 0x7fffffff};
   ExpectReply(AskRaw(request), request, ReplyPayload(request, "bc"), 16 + 2 + 6 + 24);
@@ -149,7 +149,7 @@ TEST_F(FileRead, AtTheLargestOffsetsRepliesWithResultZeroAndNoData) {
   }
 }
 
-TEST_F(FileRead, OfAFileThatDoesNotKnowItsSizeRepliesWithItsContent) {
+TEST_F(FileRead, OfAFileOfUnknownSizeRepliesWithItsContent) {
   udisk->SetRootPath("/proc/", "self");
   const auto reply = Ask(ReadRequest{.path = "/cmdline", .size = 65536});
   ASSERT_TRUE(reply);
@@ -193,7 +193,7 @@ TEST_F(FileRead, WritesTheResultIntoTheRequest) {
   EXPECT_EQ(PayloadOf(*packet) + "abc", ReplyPayload(request, "abc"));
 }
 
-TEST_F(FileRead, ReadsItsFieldsAsStoredWhateverTheHeaderSaysOfByteOrder) {
+TEST_F(FileRead, ReadsItsFieldsAsStoredWhateverByteOrderTheHeaderSays) {
   const ReadRequest request{.path = kKnownFile, .offset = 2, .size = 3};
   const auto packet = Request(request).Packet();
   packet->header->bigEndian = 1;
@@ -223,7 +223,7 @@ TEST_F(FileRead, TakesAPathOfOneMebibyte) {
   ExpectNothing({.path = "/" + std::string(1 << 20, 'p')});
 }
 
-TEST_F(FileRead, SaysNothingInTheLogWhenAllIsWell) {
+TEST_F(FileRead, LogsNothingOnSuccess) {
   ASSERT_TRUE(Ask(ReadRequest{.path = kKnownFile}));
   EXPECT_EQ(Log().Messages(), Texts{});
 }
@@ -262,7 +262,7 @@ TEST_F(FileReadTrace, OfAMatchingPathCarriesThePathAndWhereItHappened) {
   EXPECT_EQ(Log().Messages(), Texts{"local mMountDrive:" + disk.root()});
 }
 
-TEST_F(FileReadTrace, GoesOutForEveryReadOfAMatchingPath) {
+TEST_F(FileReadTrace, IsSentForEveryReadOfAMatchingPath) {
   device.base().SetFilter(std::make_shared<FakeFilter>(Texts{kKnownFile}));
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(Ask(ReadRequest{.path = kKnownFile, .offset = i}));
   const std::vector<Trace> traces = device.base().Traces();
@@ -270,7 +270,7 @@ TEST_F(FileReadTrace, GoesOutForEveryReadOfAMatchingPath) {
   EXPECT_NE(traces[0].id, traces[1].id);
 }
 
-TEST_F(FileReadTrace, AsksTheFilterForTheRelativePathOnceARead) {
+TEST_F(FileReadTrace, AsksTheFilterForTheRelativePathOncePerRead) {
   Texts asked;
   device.base().SetFilter(std::make_shared<FakeFilter>([&](const std::string& path) {
     asked.push_back(path);
@@ -282,7 +282,7 @@ TEST_F(FileReadTrace, AsksTheFilterForTheRelativePathOnceARead) {
   EXPECT_TRUE(device.base().Traces().empty());
 }
 
-TEST_F(FileReadTrace, DoesNotGoOutForAPathThatTheFilterDoesNotMatch) {
+TEST_F(FileReadTrace, IsNotSentForAPathThatTheFilterDoesNotMatch) {
   device.base().SetFilter(std::make_shared<FakeFilter>(Texts{"/other"}));
   const int tracer_calls = TracerCalls();
   ASSERT_TRUE(Ask(ReadRequest{.path = kKnownFile}));
@@ -290,20 +290,20 @@ TEST_F(FileReadTrace, DoesNotGoOutForAPathThatTheFilterDoesNotMatch) {
   EXPECT_EQ(TracerCalls(), tracer_calls);
 }
 
-TEST_F(FileReadTrace, DoesNotGoOutWithoutAFilter) {
+TEST_F(FileReadTrace, IsNotSentWithoutAFilter) {
   device.base().SetFilter(nullptr);
   ASSERT_TRUE(Ask(ReadRequest{.path = kKnownFile}));
   EXPECT_TRUE(device.base().Traces().empty());
 }
 
-TEST_F(FileReadTrace, DoesNotGoOutAfterTheDeviceIsGoneButTheReplyDoes) {
+TEST_F(FileReadTrace, IsNotSentAfterTheDeviceIsGoneButTheReplyIs) {
   device.base().SetFilter(std::make_shared<FakeFilter>(Texts{kKnownFile}));
   device.DropBase();
   EXPECT_TRUE(Ask(ReadRequest{.path = kKnownFile}));
   EXPECT_TRUE(device.base().Traces().empty());
 }
 
-TEST_F(FileReadTrace, IsDroppedWhenTheDeviceGoesBetweenItsLooks) {
+TEST_F(FileReadTrace, IsDroppedWhenTheDeviceGoesBetweenTwoLooksAtIt) {
   device.base().SetFilter(std::make_shared<FakeFilter>(Texts{kKnownFile}));
   for (int answers = 1; answers <= 2; ++answers) {
     device.DropBase(answers);
@@ -312,7 +312,7 @@ TEST_F(FileReadTrace, IsDroppedWhenTheDeviceGoesBetweenItsLooks) {
   }
 }
 
-TEST_F(FileReadTrace, WithoutAPathGoesOutPlain) {
+TEST_F(FileReadTrace, WithoutAPathHasNoDetail) {
   device.base().SetFilter(std::make_shared<FakeFilter>(Texts{""}));
   ASSERT_TRUE(Ask(ReadRequest{.path = ""}));
   const std::vector<Trace> traces = device.base().Traces("LOCAL_UDISK_READ_FILE_SUCCESS");
@@ -328,14 +328,14 @@ class PacedFileRead : public FileRead {
     const Request event{.cmd = kBusReadBandwidth, .payload = BytesOf(kbps)};
     udisk->BusEventHandle(event.Packet());
   }
-  /// The milliseconds slept for one read of `size` bytes; 0 = none.
+  /// How many milliseconds one read of `size` bytes sleeps.
   int64_t SleepOf(uint32_t size) {
     EXPECT_TRUE(Ask(ReadRequest{.path = kKnownFile, .size = size}));
     const std::vector<int64_t> sleeps = clock.TakeSleepsMs();
     EXPECT_LE(sleeps.size(), 1U);
     return sleeps.empty() ? 0 : sleeps[0];
   }
-  /// The same for a run of reads.
+  /// The same for each of a run of reads.
   std::vector<int64_t> SleepsOf(int reads, uint32_t size) {
     std::vector<int64_t> slept;
     for (int i = 0; i < reads; ++i) slept.push_back(SleepOf(size));
@@ -352,11 +352,11 @@ TEST_F(PacedFileRead, AnnouncedAt8000KbpsSleepsOnThe8thReadOf65536BytesAndThenOn
   EXPECT_EQ(SleepsOf(static_cast<int>(expected.size()), 65536), expected);
 }
 
-TEST_F(PacedFileRead, CountsTheSizeAskedForNotTheBytesRead) {
+TEST_F(PacedFileRead, CountsTheRequestedSizeNotTheBytesRead) {
   Announce(8000);
-  EXPECT_EQ(SleepOf(512000), 500) << "though the file is short";
+  EXPECT_EQ(SleepOf(512000), 500) << "although the file is short";
   EXPECT_TRUE(Ask(ReadRequest{.path = "/none", .size = 1}));
-  EXPECT_EQ(clock.TakeSleepsMs(), std::vector<int64_t>{500}) << "the count began with 512000";
+  EXPECT_EQ(clock.TakeSleepsMs(), std::vector<int64_t>{500}) << "the count starts with 512000";
 }
 
 TEST_F(PacedFileRead, SleepsBeforeItReads) {
@@ -381,7 +381,7 @@ TEST_F(PacedFileRead, OnAFastLinkSleepsInShortPeriods) {
 
 TEST_F(PacedFileRead, WithoutABandwidthNeverSleeps) {
   EXPECT_EQ(SleepsOf(20, 1 << 20), std::vector<int64_t>(20, 0));
-  EXPECT_EQ(udisk->legacyBytes, 0U) << "and counts nothing";
+  EXPECT_EQ(udisk->legacyBytes, 0U) << "nothing is counted";
 }
 
 TEST_F(PacedFileRead, AfterAnAnnouncedZeroNeverSleeps) {
@@ -390,7 +390,7 @@ TEST_F(PacedFileRead, AfterAnAnnouncedZeroNeverSleeps) {
   EXPECT_EQ(SleepsOf(3, 1 << 20), std::vector<int64_t>(3, 0));
 }
 
-TEST_F(PacedFileRead, RecordsWhenItBegan) {
+TEST_F(PacedFileRead, RecordsItsStartTime) {
   clock.Advance(123);
   SleepOf(1);
   EXPECT_EQ(udisk->lastReadMs, clock.NowMs());
@@ -417,12 +417,12 @@ TEST_F(PacedFileRead, OfAForcedBandwidthStaysPacedWithoutAnnouncements) {
   EXPECT_EQ(SleepOf(512000), 500) << "whatever is announced";
 }
 
-TEST_F(PacedFileRead, ByTheTokenBucketPassesItsBurstAndThenSleepsItsDebtOff) {
+TEST_F(PacedFileRead, ByTheTokenBucketPassesItsBurstAndThenSleepsOffItsDebt) {
   setenv("TESSEL_CPD_CLIENT_THROTTLE_LEGACY", "0", 1);
   MakeOperator();
   unsetenv("TESSEL_CPD_CLIENT_THROTTLE_LEGACY");
   Mount();
-  Announce(8000);  // 1000 bytes a millisecond, a burst of 262144
+  Announce(8000);  // 1000 bytes per millisecond, a burst of 262144
   EXPECT_EQ(SleepsOf(6, 65536), (std::vector<int64_t>{0, 0, 0, 0, 66, 66}));
   EXPECT_EQ(udisk->tokenBucket.totalBytes, 6 * 65536);
   EXPECT_EQ(udisk->legacyBytes, 0U);

@@ -1,5 +1,5 @@
-// Command 106: data written in one piece or in a batch of pieces; and the file names whose files
-// may be long.
+// Command 106: writes of one piece or of a batch of pieces; and the suffixes of files that have no
+// limit on their length.
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -21,7 +21,7 @@ namespace {
 
 constexpr int64_t kFarthest = std::numeric_limits<int64_t>::max();
 
-/// For its lifetime the process is nobody in particular, where it began as root.
+/// While an instance exists, a process that started as root runs as an unprivileged user.
 class AsNobody {
  public:
   AsNobody() : was_(geteuid()) {
@@ -37,20 +37,20 @@ class AsNobody {
   uid_t was_;
 };
 
-/// A mount that only this process sees.
+/// A mount that is visible to this process only.
 class PrivateMount {
  public:
   ~PrivateMount() {
     if (at_.empty()) return;
     EXPECT_EQ(umount2(at_.c_str(), MNT_DETACH), 0) << std::strerror(errno);
   }
-  /// A second, read-only view of a directory, over itself. @return empty, or why there is none
+  /// Mounts a directory read-only over itself. @return empty, or why that failed
   std::string ReadOnly(const std::string& at) {
     const std::string failure = Mount(at.c_str(), at, nullptr, MS_BIND, nullptr);
     if (!failure.empty()) return failure;
     return Mount(nullptr, at, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
   }
-  /// An empty file system in memory. @return empty, or why there is none
+  /// Mounts an empty file system in memory. @return empty, or why that failed
   std::string Tmpfs(const std::string& at, const char* options) {
     return Mount("tmpfs", at, "tmpfs", 0, options);
   }
@@ -74,7 +74,7 @@ class PrivateMount {
 
 class FileWrite : public OperatorTest {
  protected:
-  /// The request is answered: with the size that it asked for, or with 0 when it failed.
+  /// Expects a reply with this size: the requested one, or 0 when the write failed.
   void ExpectAnswer(const Request& request, int32_t size) {
     const uint16_t path_length = PathLengthOf(request);
     ExpectReply(AskRaw(request), request,
@@ -88,7 +88,7 @@ class FileWrite : public OperatorTest {
     EXPECT_EQ(Log().Messages(kError), Texts{});
   }
   void ExpectFailure(const Request& request) { ExpectAnswer(request, 0); }
-  /// The only trace of a matching write.
+  /// Expects this to be the only trace of a matching write.
   void ExpectOneTrace(const std::string& event, bool success, const std::string& text,
                       const std::string& path) {
     const std::vector<Trace> traces = device.base().Traces();
@@ -138,19 +138,19 @@ TEST_F(FileWrite, KeepsBytesOfEveryValue) {
   EXPECT_TRUE(disk.ReadBack(kKnownFile) == data);
 }
 
-TEST_F(FileWrite, TakesAnyFlagButZeroForSingle) {
+TEST_F(FileWrite, TreatsEveryFlagExceptZeroAsSingle) {
   ExpectSuccess(WriteRequest{.path = kKnownFile, .data = "K", .single = 0x80000000});
   EXPECT_EQ(disk.ReadBack(kKnownFile), "Known content");
 }
 
-TEST_F(FileWrite, WritesItsSizeAndIgnoresBytesBehindIt) {
+TEST_F(FileWrite, WritesItsSizeAndIgnoresFurtherBytes) {
   Request request = WriteRequest{.path = kKnownFile, .data = "KNOWN"};
   request.payload += "more";
   ExpectSuccess(request);
   EXPECT_EQ(disk.ReadBack(kKnownFile), "KNOWN content");
 }
 
-TEST_F(FileWrite, SaysNothingInTheLogWhenAllIsWell) {
+TEST_F(FileWrite, LogsNothingOnSuccess) {
   Deliver(WriteRequest{.path = kKnownFile, .data = "K"});
   EXPECT_EQ(Log().Messages(), Texts{});
 }
@@ -181,7 +181,7 @@ TEST_F(FileWrite, HasTheseBytesOnTheWire) {
   EXPECT_EQ(disk.ReadBack(kKnownFile), "known CONtent");
 }
 
-TEST_F(FileWrite, ToAMissingFileMakesNoneAndRepliesWithSizeZero) {
+TEST_F(FileWrite, ToAMissingFileDoesNotCreateItAndRepliesWithSizeZero) {
   MatchAll();
   ExpectFailure(WriteRequest{.path = "/none", .data = "x"});
   EXPECT_FALSE(disk.Exists("/none"));
@@ -199,7 +199,7 @@ TEST_F(FileWrite, ThatFailsLogsTheReasonThenTheResultThenTheTrace) {
 }
 
 TEST_F(FileWrite, OfNothingToAMissingFileSucceeds) {
-  // The failed open's result, 0, is the size that was asked for.
+  // The result of the failed open is 0, which equals the requested size.
   MatchAll();
   ExpectAnswer(WriteRequest{.path = "/none"}, 0);
   ExpectOneTrace("UDISK_WRITE_FILE_SUCCESS", true, "udisk writeFile success", "/none");
@@ -244,8 +244,8 @@ TEST_F(FileWrite, OfANegativeSizeIsRefusedByTheSystemAndRepliesWithSizeZero) {
   EXPECT_EQ(disk.ReadBack(kKnownFile), "known content");
 }
 
-TEST_F(FileWrite, OfSizeMinusOneTakesTheSystemsRefusalForSuccess) {
-  // The write's result, -1, is the size that was asked for.
+TEST_F(FileWrite, OfSizeMinusOneTreatsTheSystemsRefusalAsSuccess) {
+  // The result of the failed write is -1, which equals the requested size.
   MatchAll();
   ExpectAnswer(WriteRequest{.path = kKnownFile, .data = "data", .size = -1}, -1);
   EXPECT_EQ(disk.ReadBack(kKnownFile), "known content");
@@ -309,7 +309,7 @@ TEST_F(FileWrite, IsNeverPaced) {
 
 class FileWriteMarkers : public FileWrite {};
 
-TEST_F(FileWriteMarkers, ThatDifferLetTheWriteHappenButSendNothingAndLeaveModifiedAlone) {
+TEST_F(FileWriteMarkers, ThatDifferLetTheWriteHappenButSendNothingAndDoNotSetModified) {
   MatchAll();
   EXPECT_EQ(AskRaw(WriteRequest{.path = kKnownFile, .data = "KNOWN", .marker_a = 3, .marker_b = 5}),
             std::nullopt);
@@ -318,7 +318,7 @@ TEST_F(FileWriteMarkers, ThatDifferLetTheWriteHappenButSendNothingAndLeaveModifi
   ExpectOneTrace("UDISK_WRITE_FILE_SUCCESS", true, "udisk writeFile success", kKnownFile);
 }
 
-TEST_F(FileWriteMarkers, ThatDifferKeepAlsoAFailureFromTheRemoteSide) {
+TEST_F(FileWriteMarkers, ThatDifferHideAFailureFromTheRemoteSideToo) {
   MatchAll();
   EXPECT_EQ(AskRaw(WriteRequest{.path = "/none", .data = "x", .marker_a = 0, .marker_b = 255}),
             std::nullopt);
@@ -327,7 +327,7 @@ TEST_F(FileWriteMarkers, ThatDifferKeepAlsoAFailureFromTheRemoteSide) {
   ExpectOneTrace("UDISK_WRITE_FILE_FAIL", false, "udisk writeFile fail", "/none");
 }
 
-TEST_F(FileWriteMarkers, ThatAreEqualAskForAnAnswerWhateverTheirValue) {
+TEST_F(FileWriteMarkers, ThatAreEqualRequestAReplyWhateverTheirValue) {
   for (const uint8_t marker : {0, 1, 127, 255}) {
     udisk->modified = 0;
     ExpectSuccess(
@@ -336,12 +336,12 @@ TEST_F(FileWriteMarkers, ThatAreEqualAskForAnAnswerWhateverTheirValue) {
   }
 }
 
-TEST_F(FileWriteMarkers, ThatAreEqualSetModifiedAlsoWhenTheWriteFailed) {
+TEST_F(FileWriteMarkers, ThatAreEqualSetModifiedEvenWhenTheWriteFails) {
   Deliver(WriteRequest{.path = "/none", .data = "x"});
   EXPECT_EQ(udisk->modified, 1);
 }
 
-TEST_F(FileWriteMarkers, AskForOneAnswerToARunOfPackets) {
+TEST_F(FileWriteMarkers, CanRequestOneReplyToARunOfPackets) {
   size_t answers = 0;
   for (int i = 0; i < 4; ++i) {
     const auto reply = AskRaw(WriteRequest{.path = kKnownFile,
@@ -359,7 +359,7 @@ TEST_F(FileWriteMarkers, AskForOneAnswerToARunOfPackets) {
 
 class BatchWrite : public FileWrite {
  protected:
-  /// The batch is answered with size 0 and leaves these Error lines of the handler, then its
+  /// Expects a reply with size 0, and these Error lines of the handler followed by the one with its
   /// result.
   void ExpectBroken(const Request& request, Texts lines, int32_t result) {
     Log().Clear();
@@ -459,8 +459,8 @@ TEST_F(BatchWrite, WhosePieceClaimsANegativeLengthIsRefusedByTheSystem) {
   EXPECT_EQ(disk.ReadBack(kKnownFile), "known content");
 }
 
-TEST_F(BatchWrite, WhosePieceClaimsLengthMinusOneGoesOnElevenBytesFurther) {
-  // The refused write's result, -1, is the length that the piece claims.
+TEST_F(BatchWrite, WhosePieceClaimsLengthMinusOneContinuesElevenBytesLater) {
+  // The result of the refused write is -1, which equals the length that the piece claims.
   const std::string next = EncodePieces({{.offset = 255, .data = "abc"}});
   const std::string first = EncodePieces({{.length = -1}});
   ASSERT_EQ(first.back(), next.front()) << "the records share this byte";
@@ -493,7 +493,7 @@ TEST_F(BatchWrite, WhoseSecondPieceIsRefusedKeepsTheFirst) {
   EXPECT_EQ(disk.ReadBack(kKnownFile), "KNOWN content");
 }
 
-TEST_F(BatchWrite, WithBytesBehindItsLastPieceWritesAllPiecesButCountsAsFailed) {
+TEST_F(BatchWrite, WithBytesAfterItsLastPieceWritesAllPiecesButCountsAsFailed) {
   for (const size_t trailing : {1, 11, 12}) {
     disk.MakeFile("/a", "");
     ExpectBroken(BatchWriteRequest{.path = "/a",
@@ -534,7 +534,7 @@ TEST_F(BatchWrite, WithAnEmptyPieceBeforeAnotherSucceeds) {
 }
 
 TEST_F(BatchWrite, WithAnEmptyPieceAtItsEndCountsAsFailed) {
-  // 12 bytes are too few to be looked at as a piece.
+  // 12 bytes are only a head, which is too short for a piece.
   ExpectBroken(
       BatchWriteRequest{.path = kKnownFile, .pieces = {{.offset = 0, .data = "K"}, {.offset = 0}}},
       {}, 13);
@@ -555,7 +555,7 @@ TEST_F(BatchWrite, ThatIsBrokenLogsThePieceThenTheResultThenTheTrace) {
 
 class FileWriteTrace : public FileWrite {};
 
-TEST_F(FileWriteTrace, AsksTheFilterForTheRelativePathOnceAWrite) {
+TEST_F(FileWriteTrace, AsksTheFilterForTheRelativePathOncePerWrite) {
   Texts asked;
   device.base().SetFilter(std::make_shared<FakeFilter>([&](const std::string& path) {
     asked.push_back(path);
@@ -567,7 +567,7 @@ TEST_F(FileWriteTrace, AsksTheFilterForTheRelativePathOnceAWrite) {
   EXPECT_TRUE(device.base().Traces().empty());
 }
 
-TEST_F(FileWriteTrace, DoesNotGoOutWithoutAFilterOrAMatch) {
+TEST_F(FileWriteTrace, IsNotSentWithoutAFilterOrAMatch) {
   Deliver(WriteRequest{.path = kKnownFile, .data = "x"});
   Deliver(WriteRequest{.path = "/none", .data = "x"});
   device.base().SetFilter(std::make_shared<FakeFilter>(Texts{"/other"}));
@@ -576,7 +576,7 @@ TEST_F(FileWriteTrace, DoesNotGoOutWithoutAFilterOrAMatch) {
   EXPECT_TRUE(device.base().Traces().empty());
 }
 
-TEST_F(FileWriteTrace, DoesNotGoOutAfterTheDeviceIsGoneButTheReplyDoes) {
+TEST_F(FileWriteTrace, IsNotSentAfterTheDeviceIsGoneButTheReplyIs) {
   MatchAll();
   for (const int answers : {0, 1, 2}) {
     device.DropBase(answers);
@@ -591,7 +591,7 @@ TEST_F(FileWriteTrace, IsNotAReportOfAFailedRead) {
   EXPECT_EQ(device.ReportedReadFails(), Texts{});
 }
 
-TEST_F(FileWriteTrace, OnAReadOnlyMountTellsThatAccessWasDenied) {
+TEST_F(FileWriteTrace, OnAReadOnlyMountSaysThatAccessWasDenied) {
   PrivateMount mount;
   const std::string failure = mount.ReadOnly(disk.root());
   if (!failure.empty()) GTEST_SKIP() << "no private mounts here: " << failure;
@@ -603,7 +603,7 @@ TEST_F(FileWriteTrace, OnAReadOnlyMountTellsThatAccessWasDenied) {
   EXPECT_EQ(disk.ReadBack(kKnownFile), "known content");
 }
 
-TEST_F(FileWriteTrace, OfABatchOnAReadOnlyMountTellsThatAccessWasDenied) {
+TEST_F(FileWriteTrace, OfABatchOnAReadOnlyMountSaysThatAccessWasDenied) {
   PrivateMount mount;
   const std::string failure = mount.ReadOnly(disk.root());
   if (!failure.empty()) GTEST_SKIP() << "no private mounts here: " << failure;
@@ -612,7 +612,7 @@ TEST_F(FileWriteTrace, OfABatchOnAReadOnlyMountTellsThatAccessWasDenied) {
   ExpectDenied(kKnownFile);
 }
 
-TEST_F(FileWriteTrace, OfAFileThatMayNotBeWrittenTellsThatAccessWasDenied) {
+TEST_F(FileWriteTrace, OfAFileThatMayNotBeWrittenSaysThatAccessWasDenied) {
   ASSERT_EQ(chmod(disk.Local(kKnownFile).c_str(), 0444), 0);
   MatchAll();
   {
@@ -624,7 +624,7 @@ TEST_F(FileWriteTrace, OfAFileThatMayNotBeWrittenTellsThatAccessWasDenied) {
   ExpectDenied(kKnownFile);
 }
 
-TEST_F(FileWriteTrace, OfDeniedAccessGoesOutOnlyForAMatchingPath) {
+TEST_F(FileWriteTrace, OfDeniedAccessIsSentOnlyForAMatchingPath) {
   ASSERT_EQ(chmod(disk.Local(kKnownFile).c_str(), 0444), 0);
   device.base().SetFilter(std::make_shared<FakeFilter>(Texts{"/other"}));
   {
@@ -666,7 +666,7 @@ TEST(CheckMicrosoftSuffix, RefusesOthers) {
   }
 }
 
-TEST(CheckMicrosoftSuffix, ComparesTheBeginningOnly) {
+TEST(CheckMicrosoftSuffix, ComparesOnlyTheBeginning) {
   EXPECT_TRUE(check_microsoft_suffix("a.document"));
   EXPECT_TRUE(check_microsoft_suffix("a.tmp1"));
   EXPECT_TRUE(check_microsoft_suffix("a.zip.xlsm"));

@@ -1,5 +1,5 @@
-// Requests whose fields lie, and what all handlers have in common: each property holds for every
-// command. A packet's buffer ends with its last byte, so that a sanitizer sees every look past it.
+// Requests whose fields lie, and properties that every command's handler must have. A packet's
+// buffer ends with its last byte, so that a sanitizer detects every access beyond it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -25,11 +25,11 @@
 namespace cpd::test {
 namespace {
 
-/// A length in a request's payload, of the text or data that follows the head.
+/// A field of a request's head: the length of a text or of data that follows the head.
 struct LengthField {
   size_t offset;
   size_t width;
-  bool is_signed = false;  ///< a negative one reaches nowhere
+  bool is_signed = false;  ///< a negative length counts as 0 here
 
   [[nodiscard]] uint64_t Most() const {
     return (uint64_t{1} << (8 * width - (is_signed ? 1 : 0))) - 1;
@@ -46,7 +46,7 @@ struct LengthField {
 
 enum class Answer {
   kReply,
-  kCopy,  ///< the request itself, as long as its packetLen says
+  kCopy,  ///< the request itself, as many bytes of it as packetLen says
   kNone,
 };
 
@@ -56,12 +56,12 @@ struct Shape {
   int64_t (UDiskOperator::*handler)(unsigned char, CpdPacket*);
   unsigned char header_length;
   size_t head;
-  /// None for 123, whose head counts records instead: it has tests of its own.
+  /// None for 123, which has tests of its own, because its head counts records instead.
   std::vector<LengthField> lengths;
   Answer answer = Answer::kReply;
-  bool makes_room_for_header = true;  ///< of the length that the handler is given
+  bool makes_room_for_header = true;  ///< of the header length that is passed to the handler
 
-  /// How far the fields of a payload reach.
+  /// How many bytes of a payload its fields claim.
   [[nodiscard]] uint64_t Reach(const std::string& payload) const {
     uint64_t reach = head;
     if (payload.size() < head) return reach;
@@ -142,7 +142,7 @@ class EveryCommand : public OperatorTest {
  protected:
   EveryCommand() { PutDiskInOrder(); }
 
-  /// The disk on which each of the good requests does what it is for.
+  /// Restores the disk on which each of the good requests succeeds.
   void PutDiskInOrder() {
     if (in_order_.empty() || Snapshot() != in_order_) {
       for (const std::string& directory : {disk.root(), home_}) {
@@ -153,7 +153,7 @@ class EveryCommand : public OperatorTest {
       disk.MakeFile("/made.txt", "made");
       disk.MakeDir(kKnownDir);
       disk.MakeDir("/made");
-      // Replies are compared, and may carry access times.
+      // Replies are compared, and they can contain access times.
       for (const auto& entry : std::filesystem::recursive_directory_iterator(disk.letter())) {
         SettleAccessTime(entry.path().string());
       }
@@ -183,7 +183,7 @@ class EveryCommand : public OperatorTest {
   }
   int64_t Serve(const Case& good) { return Serve(good, good.request.Packet().get()); }
 
-  /// What came of a packet, on the disk in order.
+  /// The effects of a packet on the restored disk.
   struct Outcome {
     std::optional<SentPacket> reply;
     std::string disk;
@@ -210,17 +210,17 @@ class EveryCommand : public OperatorTest {
 
  private:
   const std::string home_ = disk.letter() + "home";
-  const FakeUser user_{1000, home_};  // whose home takes the directories that 100 makes
+  const FakeUser user_{1000, home_};  // 100 makes its directories in this home
 
  protected:
-  std::string in_order_;  // the snapshot
+  std::string in_order_;  // the snapshot of the restored disk
 };
 
 class HostileRequests : public EveryCommand {
  protected:
   using MakePacket = std::function<std::unique_ptr<CpdPacket>()>;
 
-  /// The packet is dropped, by its handler and through the command table.
+  /// Expects the packet to be dropped by its handler, called directly and through EventHandle.
   void ExpectDropped(const Case& good, const MakePacket& make) {
     ExpectDroppedBy(good, [&] { EXPECT_EQ(Serve(good, make().get()), -1); });
     ExpectDroppedBy(good, [&] { EXPECT_EQ(Deliver(make()), 0); });
@@ -228,8 +228,8 @@ class HostileRequests : public EveryCommand {
   void ExpectDropped(const Case& good, const std::string& image) {
     ExpectDropped(good, [&] { return PacketOf(image); });
   }
-  /// One Error line that names the handler, nothing sent, nothing changed, and the next good
-  /// request is served.
+  /// Expects one Error line that names the handler, no reply and no change; and then the next good
+  /// request to be served.
   void ExpectDroppedBy(const Case& good, const std::function<void()>& deliver) {
     PutDiskInOrder();
     const size_t traces = device.base().Traces().size();
@@ -244,7 +244,7 @@ class HostileRequests : public EveryCommand {
     EXPECT_TRUE(StillServes());
   }
 
-  /// The packet is served, under its own command, and so is the next.
+  /// Expects the packet to be served under its own command, and then the next request, too.
   void ExpectServed(const Case& good, const std::string& image) {
     PutDiskInOrder();
     const size_t traces = device.base().Traces().size();
@@ -283,9 +283,9 @@ TEST_F(HostileRequests, EveryRequestCutAtEveryByteIsDroppedAndTheNextServed) {
     const std::string& payload = good.request.payload;
     for (size_t length = 0; length < payload.size(); ++length) {
       SCOPED_TRACE(length);
-      // packetLen goes on promising all of the payload, or tells how much there is.
+      // packetLen counts the whole payload, or only what is left of it.
       ExpectDropped(good, [&] { return good.request.CutPacket(length); });
-      if (good.request.cmd == kSmallFileRead) continue;  // has other answers to a short payload
+      if (good.request.cmd == kSmallFileRead) continue;  // treats a short payload in its own way
       ExpectDropped(good, good.Image(payload.substr(0, length)));
     }
     ExpectServed(good, good.request.Bytes());
@@ -322,11 +322,11 @@ TEST_F(HostileRequests, AReadPositionWithinTheHeadMovesItsFields) {
   for (const Case& good : Cases()) {
     SCOPED_TRACE(good.name);
     PutDiskInOrder();
-    Request promising = good.request;  // more than there is
+    Request promising = good.request;  // its lengths exceed the buffer
     promising.payload.assign(good.request.payload.size(), '\xff');
     const auto packet = promising.Packet();
     packet->readPos = 1;
-    // A record of 123 with too long a path has a result of its own.
+    // 123 has a result of its own for a path that is too long.
     EXPECT_EQ(Serve(good, packet.get()), good.request.cmd == kSmallFileRead ? -3 : -1);
     EXPECT_TRUE(device.TakeSent().empty());
     EXPECT_TRUE(StillServes());
@@ -343,7 +343,7 @@ TEST_F(HostileRequests, APacketWithoutABufferIsDropped) {
 
 // ---- Length fields ----
 
-TEST_F(HostileRequests, EveryLengthAtItsEdgesIsServedWhenItFitsAndDroppedWhenNot) {
+TEST_F(HostileRequests, EveryLengthAtItsLimitsIsServedIfItFitsAndDroppedIfNot) {
   for (const Case& good : Cases()) {
     SCOPED_TRACE(good.name);
     for (const LengthField& field : good.shape.lengths) {
@@ -352,7 +352,7 @@ TEST_F(HostileRequests, EveryLengthAtItsEdgesIsServedWhenItFitsAndDroppedWhenNot
       const uint64_t exact = field.In(payload);
       const uint64_t most = field.Most();
       const uint64_t half = most / 2;
-      const uint64_t wraps = most + 1 - (payload.size() - exact);  // the sum comes to 0
+      const uint64_t wraps = most + 1 - (payload.size() - exact);  // the sum wraps to 0
       for (const uint64_t value :
            std::set<uint64_t>{0, 1, exact - 1, exact, exact + 1, exact + 16, half - 39, half,
                               half + 1, wraps, wraps + 1, most - 39, most - 31, most}) {
@@ -369,7 +369,7 @@ TEST_F(HostileRequests, EveryLengthAtItsEdgesIsServedWhenItFitsAndDroppedWhenNot
   }
 }
 
-TEST_F(HostileRequests, EveryLengthAtItsMaximumAtOnceIsDropped) {
+TEST_F(HostileRequests, ARequestWithAllLengthsAtTheirMaximumIsDropped) {
   for (const Case& good : Cases()) {
     if (good.shape.lengths.empty()) continue;
     SCOPED_TRACE(good.name);
@@ -397,12 +397,12 @@ TEST_F(HostileRequests, HugeLengthsAllocateNothing) {
   EXPECT_LT(PeakMemory() - before, 256U << 20);
 }
 
-TEST_F(HostileRequests, BytesBehindTheLastFieldChangeNothing) {
+TEST_F(HostileRequests, BytesAfterTheLastFieldChangeNothing) {
   for (const Case& good : Cases()) {
     SCOPED_TRACE(good.name);
     const std::string more(100, '\xff');
     Outcome expected = OutcomeOf(good);
-    if (good.shape.answer == Answer::kCopy) {  // which they are part of
+    if (good.shape.answer == Answer::kCopy) {  // the copy includes these bytes
       expected.reply->payload += more;
       expected.reply->capacity += more.size();
     }
@@ -422,7 +422,7 @@ TEST_F(HostileRequests, WritesOfANegativeSizeAreAnsweredWithoutAByteWritten) {
   }
 }
 
-TEST_F(HostileRequests, AnyLengthOfAPieceIsAnsweredAndWritesOnlyWhatThereIs) {
+TEST_F(HostileRequests, AnyLengthOfAPieceIsAnsweredAndWritesOnlyDataOfTheRequest) {
   Case good = Cases(kFileWrite).back();
   good.request = BatchWriteRequest{
       .path = kKnownFile, .pieces = {{.offset = 0, .data = "KNOWN"}, {.offset = 6, .data = "CON"}}};
@@ -440,7 +440,7 @@ TEST_F(HostileRequests, AnyLengthOfAPieceIsAnsweredAndWritesOnlyWhatThereIs) {
   }
 }
 
-TEST_F(HostileRequests, SmallFileReadsWithAnyFieldOutOfRangeAreSurvived) {
+TEST_F(HostileRequests, SmallFileReadsWithAnyFieldOutOfRangeDoNoHarm) {
   for (const Case& good : Cases(kSmallFileRead)) {
     const size_t second = 4 + 24 + strlen(kKnownFile);
     // The count, then size and path length of both records.
@@ -506,7 +506,7 @@ TEST_F(HostileRequests, ACacheCountThatLiesGetsTheListing) {
 TEST_F(HostileRequests, APacketLengthThatLiesChangesNothing) {
   for (const Case& good : Cases()) {
     SCOPED_TRACE(good.name);
-    // A copy is as long as packetLen says, and 123 reads no further than that.
+    // A copy is as long as packetLen says, and 123 reads no further than packetLen.
     const bool counts = good.shape.answer == Answer::kCopy || good.request.cmd == kSmallFileRead;
     const Outcome truthful = OutcomeOf(good);
     for (const uint32_t length : {0U, 1U, 15U, 16U, 17U, 4096U, 0x7fffffffU, 0x80000000U, ~0U}) {
@@ -554,7 +554,7 @@ TEST_F(HostileRequests, SmallFileReadsThatOnlyThePacketLengthHoldsAreDropped) {
   }
 }
 
-// ---- What the handlers have in common ----
+// ---- Properties of every handler ----
 
 class EveryHandler : public EveryCommand {};
 
@@ -582,7 +582,7 @@ TEST_F(EveryHandler, ReturnsWhatSendPacketReturnedAndServesTheNextRequest) {
       PutDiskInOrder();
       device.SetSendResult(result);
       const bool sends = good.shape.answer != Answer::kNone;
-      const bool says = good.request.cmd != kSmallFileRead;  // 0 whatever the host said
+      const bool says = good.request.cmd != kSmallFileRead;  // returns 0 in any case
       EXPECT_EQ(Serve(good), !sends ? -1 : says ? result : 0);
       device.SetSendResult(0);
       PutDiskInOrder();
@@ -591,7 +591,7 @@ TEST_F(EveryHandler, ReturnsWhatSendPacketReturnedAndServesTheNextRequest) {
   }
 }
 
-TEST_F(EveryHandler, HandsItsReplyOver) {
+TEST_F(EveryHandler, HandsItsReplyToTheDevice) {
   device.KeepPackets(true);
   for (const Case& good : Cases()) {
     SCOPED_TRACE(good.name);
@@ -599,7 +599,7 @@ TEST_F(EveryHandler, HandsItsReplyOver) {
   }
 }
 
-TEST_F(EveryHandler, ReadsItsFieldsAsStoredWhateverTheHeaderSaysOfByteOrder) {
+TEST_F(EveryHandler, ReadsItsFieldsAsStoredWhateverByteOrderTheHeaderSays) {
   for (const Case& good : Cases()) {
     SCOPED_TRACE(good.name);
     if (good.shape.answer == Answer::kCopy) continue;  // copying such a packet swaps its header
@@ -613,7 +613,7 @@ TEST_F(EveryHandler, ReadsItsFieldsAsStoredWhateverTheHeaderSaysOfByteOrder) {
 TEST_F(EveryHandler, FindsItsFieldsAtThePacketsReadPosition) {
   for (const Case& good : Cases()) {
     SCOPED_TRACE(good.name);
-    if (good.shape.answer == Answer::kCopy) continue;  // of all of the packet
+    if (good.shape.answer == Answer::kCopy) continue;  // copies the whole packet
     const Outcome plain = OutcomeOf(good);
     const auto packet = PacketOf(good.Image("word" + good.request.payload));
     packet->readPos = 4;

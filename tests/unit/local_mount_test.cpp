@@ -1,4 +1,4 @@
-// Mounting and unmounting partitions: the commands that the service has the shell run.
+// Mounting and unmounting partitions: the shell commands that the service runs.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,7 +38,7 @@ class LocalMountTest : public OperatorTest {
   }
   ~LocalMountTest() override { std::filesystem::current_path(directory_before); }
 
-  /// Labels that make the file bait, or are more than a word, where a shell reads them unquoted.
+  /// Labels that, unquoted in a shell, create the file bait or are more than one word.
   [[nodiscard]] static Lines HostileLabels() {
     return {"$(touch bait);'\"", "$HOME",        "`touch bait`",    ";touch bait;",
             "|touch bait #",     "&touch bait&", "a\ntouch bait\n", "';touch bait;'",
@@ -54,7 +54,7 @@ class LocalMountTest : public OperatorTest {
 
 using MountLocalTest = LocalMountTest;
 
-/// A partition whose label is that of a directory in /media.
+/// A partition whose label names a directory in /media.
 class MountLocalInMediaTest : public LocalMountTest {
  protected:
   void SetUp() override {
@@ -73,7 +73,7 @@ class MountLocalInMediaTest : public LocalMountTest {
 };
 
 TEST_F(MountLocalTest, UnmountsWhatIsThereAndMountsWithOpenPermissions) {
-  UDiskInfo info = Partition("/dev/sdb1", "", "vfat");  // no label: /media itself, which exists
+  UDiskInfo info = Partition("/dev/sdb1", "", "vfat");  // without a label: /media itself
   EXPECT_EQ(service.MountLocal(&info), 0);
   EXPECT_EQ(shims.CommandLines(),
             (Lines{"umount /media/", std::string("mount /dev/sdb1 /media/") + kOptions}));
@@ -81,14 +81,14 @@ TEST_F(MountLocalTest, UnmountsWhatIsThereAndMountsWithOpenPermissions) {
   EXPECT_EQ(Log().Messages(), Lines{});
 }
 
-TEST_F(MountLocalInMediaTest, APlainLabelGoesIntoTheCommandsAsItIs) {
+TEST_F(MountLocalInMediaTest, APlainLabelAppearsUnquotedInTheCommands) {
   EXPECT_EQ(service.MountLocal(&info), 0);
   EXPECT_EQ(shims.CommandLines(),
             (Lines{"umount " + directory, "mount /dev/sdb1 " + directory + kOptions}));
   EXPECT_EQ(info.mountPoint, directory);
 }
 
-TEST_F(MountLocalInMediaTest, ADirectoryThatExistsIsUsedWithoutAWord) {
+TEST_F(MountLocalInMediaTest, ADirectoryThatExistsIsUsedWithoutALogLine) {
   service.MountLocal(&info);
   EXPECT_EQ(Log().Messages(), Lines{});
 }
@@ -108,7 +108,7 @@ TEST_F(MountLocalInMediaTest, AMissingDirectoryIsMadeForEverybody) {
   EXPECT_EQ(Log().Lines().at(0).function, "MountLocal");
 }
 
-TEST_F(MountLocalInMediaTest, MountsEvenWhereTheDirectoryCannotBeMade) {
+TEST_F(MountLocalInMediaTest, MountsEvenWhenTheDirectoryCannotBeMade) {
   std::filesystem::remove(directory);
   std::ofstream(directory) << "a file";
   EXPECT_EQ(service.MountLocal(&info), 0);
@@ -144,8 +144,8 @@ TEST_F(MountLocalTest, AFailedUnmountDoesNotMatter) {
   EXPECT_EQ(Log().Messages(), Lines{});
 }
 
-TEST_F(MountLocalTest, TheMountPointIsCutTo31BytesInTheRecordAlone) {
-  // Directories in one that does not exist: none is made.
+TEST_F(MountLocalTest, TheMountPointIsCutTo31BytesOnlyInTheRecord) {
+  // The parent directory does not exist, so the test makes no directory.
   const std::string longest = "no-such-directory/" + std::string(13, 'd');
   ASSERT_EQ(longest.size(), 31U);
   UDiskInfo info = Partition("/dev/sdb1", longest, "ntfs");
@@ -162,7 +162,7 @@ TEST_F(MountLocalTest, TheMountPointIsCutTo31BytesInTheRecordAlone) {
 
 TEST_F(MountLocalTest, ALabelIsOneWordAndRunsNothing) {
   for (const std::string& hostile : HostileLabels()) {
-    // In a directory that does not exist: none is made.
+    // The parent directory does not exist, so the test makes no directory.
     const std::string name = "no-such/" + hostile;
     UDiskInfo info = Partition("/dev/sdb1", name, "ntfs");
     EXPECT_EQ(service.MountLocal(&info), 0) << hostile;
@@ -187,7 +187,7 @@ TEST_F(MountLocalTest, ADeviceNameIsOneWordAndRunsNothing) {
 }
 
 TEST_F(MountLocalTest, ACommandThatWouldBeCutIsNotRun) {
-  // Each quote takes four characters in the command.
+  // Each quote becomes four characters in the command.
   const std::string label_of_quotes = "no/" + std::string(28, '\'');
   UDiskInfo info = Partition(std::string(31, '\''), label_of_quotes, "ntfs");
   EXPECT_EQ(service.MountLocal(&info), -1);
@@ -200,7 +200,7 @@ TEST_F(MountLocalTest, ACommandThatWouldBeCutIsNotRun) {
 
 class UmountLocalTest : public LocalMountTest {
  protected:
-  /// Gives the service a list, from malloc as GetDeviceLabel makes it.
+  /// Gives the service a list from malloc, as GetDeviceLabel does.
   void SetList(const Lines& mount_points) {
     const size_t count = mount_points.size();
     auto* const infos = static_cast<UDiskInfo*>(std::calloc(count, sizeof(UDiskInfo)));
@@ -215,13 +215,13 @@ class UmountLocalTest : public LocalMountTest {
   }
 };
 
-TEST_F(UmountLocalTest, WithoutAListItFailsAndLeavesTheMountPoint) {
+TEST_F(UmountLocalTest, WithoutAListItFailsAndKeepsTheMountPoint) {
   EXPECT_EQ(service.UmountLocal(), -1);
   EXPECT_EQ(udisk->GetLocalMountPoint(), disk.root());
   EXPECT_EQ(shims.CommandLines(), Lines{});
 }
 
-TEST_F(UmountLocalTest, UnmountsLazilyAndRemovesOneAfterTheOther) {
+TEST_F(UmountLocalTest, UnmountsLazilyAndRemovesOneDirectoryAfterTheOther) {
   SetList({"/media/A", "/media/B"});
   EXPECT_EQ(service.UmountLocal(), 0);
   EXPECT_EQ(shims.CommandLines(), (Lines{"umount -l /media/A", "rm -rf /media/A",
@@ -254,7 +254,7 @@ TEST_F(UmountLocalTest, TheLongestListIsWalkedOnce) {
   EXPECT_EQ(shims.Calls().size(), 2U * 255U);
 }
 
-TEST_F(UmountLocalTest, RemovesTheDirectoryAlsoAfterAFailedUnmount) {
+TEST_F(UmountLocalTest, RemovesTheDirectoryEvenAfterAFailedUnmount) {
   shims.Add("umount", 32);
   SetList({"/media/A"});
   EXPECT_EQ(service.UmountLocal(), 0);

@@ -1,5 +1,5 @@
-// Commands 100, 101 and 200: the place where requests are carried out, and what the remote side
-// calls the disk.
+// Commands 100, 101 and 200: the mount point of later requests, and the remote side's name for the
+// disk.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,7 +30,7 @@ class MountRemote : public MountHandshake {
   static constexpr uid_t kSomeUser = 1000;
 };
 
-TEST_F(MountRemote, AsAUserMakesTheDirectoryInHisHomeLogsItsPathAndLeavesNoMountPoint) {
+TEST_F(MountRemote, AsAUserMakesTheDirectoryInTheHomeLogsItsPathAndClearsTheMountPoint) {
   const FakeUser user(kSomeUser, home);
   ASSERT_TRUE(Ask(MountRequest{.name = "DISK"}));
   EXPECT_TRUE(fs::is_directory(home + "/DISK"));
@@ -76,7 +76,7 @@ TEST_F(MountRemote, DoesNotEchoTheTwoExtraBytesOfAnAnnouncement) {
   ExpectReply(AskRaw(request), request, std::string("\4\0DISK", 6), 16 + 2 + 4);
 }
 
-TEST_F(MountRemote, ReadsItsLengthAsStoredWhateverTheHeaderSaysOfByteOrder) {
+TEST_F(MountRemote, ReadsItsLengthAsStoredWhateverByteOrderTheHeaderSays) {
   const FakeUser user(kSomeUser, home);
   const Request request = MountRequest{.name = "DISK"};
   const auto packet = request.Packet();
@@ -94,14 +94,14 @@ TEST_F(MountRemote, TheSecondTimeFindsTheDirectoryLogsNoMkdirAndRepliesAgain) {
   EXPECT_EQ(Log().Messages(), Texts{"mount path: " + home + "/DISK\\n"});
 }
 
-TEST_F(MountRemote, OfLengthZeroTakesTheHomeWithASlashAndRepliesTwoZeroBytes) {
+TEST_F(MountRemote, OfLengthZeroUsesTheHomeWithASlashAndRepliesWithTwoZeroBytes) {
   const FakeUser user(kSomeUser, home);
   const Request request = MountRequest{.name = ""};
   ExpectReply(AskRaw(request), request, std::string(2, '\0'), 16 + 2);
   EXPECT_EQ(Log().Messages(), Texts{"mount path: " + home + "/\\n"});
 }
 
-TEST_F(MountRemote, OfLengthZeroAsRootTakesMediaWithASlash) {
+TEST_F(MountRemote, OfLengthZeroAsRootUsesMediaWithASlash) {
   if (!fs::is_directory("/media")) GTEST_SKIP() << "there is no /media here";
   const FakeUser root(0, home);
   const Request request = MountRequest{.name = ""};
@@ -109,14 +109,14 @@ TEST_F(MountRemote, OfLengthZeroAsRootTakesMediaWithASlash) {
   EXPECT_EQ(Log().Messages(), Texts{"mount path: /media/\\n"});
 }
 
-TEST_F(MountRemote, TakesAUserWhoseIdEndsIn16ZeroBitsForRoot) {
+TEST_F(MountRemote, TreatsAUserWhoseIdEndsIn16ZeroBitsAsRoot) {
   if (!fs::is_directory("/media")) GTEST_SKIP() << "there is no /media here";
   const FakeUser user(0x10000, home);
   Deliver(MountRequest{.name = ""});
   EXPECT_EQ(Log().Messages(), Texts{"mount path: /media/\\n"});
 }
 
-TEST_F(MountRemote, TakesThePathForRootWhenTheUserIsUnknown) {
+TEST_F(MountRemote, UsesTheDirectoryOfRootWhenTheUserIsUnknown) {
   if (!fs::is_directory("/media")) GTEST_SKIP() << "there is no /media here";
   const FakeUser user(kSomeUser, std::nullopt);
   EXPECT_TRUE(Ask(MountRequest{.name = ""}));
@@ -148,13 +148,13 @@ TEST_F(MountRemote, TakesANameOf65535Bytes) {
   ExpectReply(AskRaw(request), request, request.payload, 16 + 2 + 65535);
 }
 
-TEST_F(MountRemote, TakesANameWithDotsAndSlashesAsItStands) {
+TEST_F(MountRemote, UsesANameWithDotsAndSlashesUnchanged) {
   const FakeUser user(kSomeUser, home);
   ASSERT_TRUE(Ask(MountRequest{.name = "../beside"}));
   EXPECT_TRUE(fs::is_directory(disk.letter() + "beside"));
 }
 
-TEST_F(MountRemote, EchoesANameWithANulInFullButUsesWhatStandsBeforeIt) {
+TEST_F(MountRemote, EchoesANameWithANulInFullButUsesOnlyThePartBeforeIt) {
   const FakeUser user(kSomeUser, home);
   const std::string name("A\0B", 3);
   const auto reply = Ask(MountRequest{.name = name});
@@ -163,7 +163,7 @@ TEST_F(MountRemote, EchoesANameWithANulInFullButUsesWhatStandsBeforeIt) {
   EXPECT_EQ(Log().Messages(), (Texts{"mkdir res: 0", "mount path: " + home + "/A\\n"}));
 }
 
-TEST_F(MountRemote, WhoseDirectoryCannotBeMadeLogsItClearsTheMountPointAndReplies) {
+TEST_F(MountRemote, WhoseDirectoryCannotBeMadeLogsThatClearsTheMountPointAndReplies) {
   const FakeUser user(kSomeUser, home);
   EXPECT_TRUE(Ask(MountRequest{.name = "missing/child"}));
   EXPECT_EQ(Log().Messages(),
@@ -203,14 +203,14 @@ TEST_F(UmountRemote, EchoesTheNameInABufferOfExactlyThatSize) {
   ExpectReply(AskRaw(request), request, std::string("\4\0DISK", 6), 16 + 2 + 4);
 }
 
-TEST_F(UmountRemote, RepliesAlsoWhenNothingIsMounted) {
+TEST_F(UmountRemote, RepliesEvenWhenNothingIsMounted) {
   Deliver(UmountRequest{.name = "DISK"});
   const auto reply = Ask(UmountRequest{.name = "another"});
   ASSERT_TRUE(reply);
   EXPECT_EQ(reply->name, "another");
 }
 
-TEST_F(UmountRemote, OfLengthZeroRepliesTwoZeroBytes) {
+TEST_F(UmountRemote, OfLengthZeroRepliesWithTwoZeroBytes) {
   const Request request = UmountRequest{.name = ""};
   ExpectReply(AskRaw(request), request, std::string(2, '\0'), 16 + 2);
 }
@@ -222,7 +222,7 @@ TEST_F(UmountRemote, LeavesTheDirectoryThatMountRemoteMade) {
   EXPECT_TRUE(fs::is_directory(home + "/DISK"));
 }
 
-TEST_F(UmountRemote, MakesLaterRequestsTakeTheirPathsFromTheRoot) {
+TEST_F(UmountRemote, MakesThePathsOfLaterRequestsStartAtTheRoot) {
   Deliver(UmountRequest{.name = "DISK"});
   const auto relative = Ask(AttrRequest{.path = kKnownFile});
   const auto full = Ask(AttrRequest{.path = disk.Local(kKnownFile)});
@@ -248,7 +248,7 @@ TEST_F(MountResponded, StoresTheDriveAndSendsNothing) {
   EXPECT_EQ(udisk->GetLocalMountPoint(), disk.root());
 }
 
-TEST_F(MountResponded, TakesTheFirstLengthForTheSecondText) {
+TEST_F(MountResponded, UsesTheFirstLengthForTheSecondText) {
   Deliver(Request{.cmd = 200, .payload = std::string("\5\0\2\0U:STICK", 11)});
   EXPECT_EQ(udisk->GetRemoteMountPoint(), "U:");
   EXPECT_TRUE(Log().Has(kDebug, "mount_response header_len: 4, label: STICK, drive: U:\\n"));

@@ -1,4 +1,4 @@
-// Commands 114 to 118: requests that change the names on the disk.
+// Commands 114 to 118: requests that change names on the disk.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -17,18 +17,18 @@ constexpr int16_t kFailed16 = -1;  // 0xffff on the wire
 
 class Names : public OperatorTest {
  protected:
-  // What requests make must not depend on who runs the tests.
+  // The modes of new files must not depend on the umask under which the tests run.
   Names() : umask_(umask(0)) {}
   ~Names() override { umask(umask_); }
 
   [[nodiscard]] uint32_t ModeOf(const std::string& path) const {
     return StatOf(disk.Local(path)).st_mode & 07777U;
   }
-  /// What make_dir echoes: as much of the local path as the relative one is long.
+  /// What make_dir echoes: the local path, cut to the length of the relative path.
   [[nodiscard]] std::string EchoOf(const std::string& path) const {
     return disk.Local(path).substr(0, path.size());
   }
-  /// The one trace so far is the plain one of this handler's failure.
+  /// Expects the only trace so far to be this handler's failure, without a detail.
   void ExpectFailureTrace(const std::string& handler, const std::string& text) {
     const std::vector<Trace> traces = device.base().Traces();
     ASSERT_EQ(traces.size(), 1U);
@@ -44,7 +44,7 @@ class Names : public OperatorTest {
 
 class MakeDir : public Names {
  protected:
-  /// The request is answered with this result.
+  /// Expects a reply with this result.
   void ExpectResult(const Request& request, const std::string& path, int32_t result) {
     ExpectReply(AskRaw(request), request,
                 Patched(request.payload, 0, result).substr(0, 8) + EchoOf(path),
@@ -69,7 +69,7 @@ TEST_F(MakeDir, EchoesTheBeginningOfTheLocalPathInsteadOfThePathSent) {
   EXPECT_NE(reply->path, "/a/bc");
 }
 
-TEST_F(MakeDir, EchoesAlsoTheRelativePartOfALocalPathShorterThanIt) {
+TEST_F(MakeDir, EchoesPartOfTheRelativePathWhenThatIsLongerThanTheMountPoint) {
   const std::string path = "/" + std::string(disk.root().size() + 7, 'd');
   const auto reply = Ask(MakeDirRequest{.path = path});
   ASSERT_TRUE(reply);
@@ -86,7 +86,7 @@ TEST_F(MakeDir, WithoutAMountPointEchoesThePathSent) {
   EXPECT_TRUE(disk.IsDir("/made"));
 }
 
-TEST_F(MakeDir, TakesBackslashesForSeparatorsButEchoesThem) {
+TEST_F(MakeDir, TreatsBackslashesAsSeparatorsButEchoesThem) {
   udisk->SetRootPath(nullptr, nullptr);
   const std::string path = disk.Local("/a\\b\\c");
   const auto reply = Ask(MakeDirRequest{.path = path});
@@ -115,7 +115,7 @@ TEST_F(MakeDir, BelowAFileRepliesWithMinusOneAndIsTraced) {
   ExpectFailureTrace("make_dir", "udisk make_dir fail");
 }
 
-TEST_F(MakeDir, LogsPathModeResultAndSizeAroundTheDirectoriesThatItPasses) {
+TEST_F(MakeDir, LogsTheDirectoriesThatItPassesBetweenPathAndResult) {
   Deliver(MakeDirRequest{.path = "/known.txt/a", .mode = 0755});
   const std::string local = disk.Local("/known.txt/a");
   Texts expected = {
@@ -174,7 +174,7 @@ TEST_F(RemoveDir, ThatIsNotEmptyRepliesWith0xffffIn16BitsAndIsTraced) {
   ExpectFailureTrace("remove_dir", "udisk remove_dir fail");
 }
 
-TEST_F(RemoveDir, OfAFileOrOfNothingFails) {
+TEST_F(RemoveDir, OfAFileOrAMissingDirectoryFails) {
   for (const char* path : {kKnownFile, "/none"}) {
     const auto reply = Ask(RemoveDirRequest{.path = path});
     ASSERT_TRUE(reply);
@@ -227,7 +227,7 @@ TEST_F(SetLink, WhereTheNewPathExistsRepliesWithMinusOneAndIsNotTraced) {
   ExpectNoTrace();
 }
 
-TEST_F(SetLink, OfADirectoryOrOfNothingFails) {
+TEST_F(SetLink, OfADirectoryOrAMissingFileFails) {
   for (const char* path : {kKnownDir, "/none"}) {
     const auto reply = Ask(LinkRequest{.path = path, .new_path = "/b"});
     ASSERT_TRUE(reply);
@@ -402,7 +402,7 @@ TEST_F(SetRename, HasTheseBytesOnTheWire) {
   EXPECT_EQ(disk.ReadBack("/b"), "known content");
 }
 
-// ---- What the five have in common ----
+// ---- Shared by the five commands ----
 
 TEST_F(Names, RequestsSetModifiedOnSuccessAndOnFailure) {
   const Request requests[] = {
@@ -442,16 +442,16 @@ TEST_F(Names, TheNextStatisticsAfterAnyOfThemAreFresh) {
   }
 }
 
-TEST_F(Names, TheSecondPathBeginsRightBehindTheFirst) {
-  // Only the lengths tell the paths apart.
+TEST_F(Names, TheSecondPathFollowsTheFirstDirectly) {
+  // Only the lengths separate the two paths.
   disk.MakeFile("/a", "first");
   Deliver(RenameRequest{.path = "/a", .new_path = "/a/a"});
-  EXPECT_EQ(disk.ReadBack("/a"), "first") << "a file cannot move below itself";
+  EXPECT_EQ(disk.ReadBack("/a"), "first") << "a file cannot be moved below itself";
   Deliver(RenameRequest{.path = "/a", .new_path = "/bc"});
   EXPECT_EQ(disk.ReadBack("/bc"), "first");
 }
 
-TEST_F(Names, PathsWithDotsAreJoinedAsTheyAre) {
+TEST_F(Names, PathsWithDotsAreJoinedUnchanged) {
   disk.MakeFile("/a", "a");
   Deliver(RenameRequest{.path = "/known/../a", .new_path = "/known/./b"});
   EXPECT_EQ(disk.ReadBack("/known/b"), "a");
@@ -465,7 +465,7 @@ TEST_F(Names, ALocalPathEndsAtItsFirstNulButTheReplyHasAllOfIt) {
   EXPECT_EQ(disk.ReadBack("/b"), "a");
 }
 
-TEST_F(Names, ADirectoryMadeOfAPathWithManyNulsIsEchoedWithTheirZeros) {
+TEST_F(Names, ADirectoryWhosePathHasManyNulsIsEchoedWithZeros) {
   const std::string path = "/m" + std::string(disk.root().size() + 5, '\0');
   const auto reply = Ask(MakeDirRequest{.path = path});
   ASSERT_TRUE(reply);
@@ -474,7 +474,7 @@ TEST_F(Names, ADirectoryMadeOfAPathWithManyNulsIsEchoedWithTheirZeros) {
   EXPECT_TRUE(disk.Exists("/m"));
 }
 
-TEST_F(Names, PathsOfTheGreatestLengthAreTaken) {
+TEST_F(Names, PathsOfTheGreatestLengthAreAccepted) {
   const std::string path = "/" + std::string(65534, 'p');
   const Request rename = RenameRequest{.path = path, .new_path = path};
   ExpectReply(AskRaw(rename), rename, Patched(rename.payload, 0, -1), 16 + 2 * 65535 + 8);

@@ -1,5 +1,5 @@
 // Commands 103, 109 to 112, 119 and 120: requests about open files, each of which names its file by
-// path.
+// its path.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -23,7 +23,7 @@ constexpr uint64_t kCap = 10485760;
 
 class OpenFiles : public OperatorTest {
  protected:
-  // What requests create must not depend on who runs the tests.
+  // The modes of new files must not depend on the umask under which the tests run.
   OpenFiles() : umask_(umask(0)) {}
   ~OpenFiles() override { umask(umask_); }
 
@@ -33,7 +33,7 @@ class OpenFiles : public OperatorTest {
   [[nodiscard]] int64_t SizeOf(const std::string& path) const {
     return StatOf(disk.Local(path)).st_size;
   }
-  /// The lines about the directories above a path of the disk.
+  /// The log lines about the directories above a path on the disk.
   [[nodiscard]] Texts ParentLines(const std::string& path) const {
     const std::string local = disk.Local(path);
     Texts lines;
@@ -94,10 +94,10 @@ TEST_F(FileCreate, MakesMissingParentsWithMode0777AndThenTheFileWithTheRequested
   ExpectRedirErrors(0);
 }
 
-TEST_F(FileCreate, MakesMissingParentsAlsoOfAPathWithBackslashesButNamesTheFileByThem) {
+TEST_F(FileCreate, TreatsBackslashesAsSeparatorsOnlyToMakeMissingParents) {
   const auto reply = Ask(CreateRequest{.path = "/a\\b/c.txt"});
   ASSERT_TRUE(reply);
-  // The directories a and a/b are made; the file's own directory "a\b" is still missing.
+  // It makes the directories a and a/b, but the file needs the directory "a\b", which is missing.
   EXPECT_EQ(reply->result(), -1);
   EXPECT_TRUE(disk.IsDir("/a/b"));
   EXPECT_FALSE(disk.Exists("/a/b/c.txt"));
@@ -257,7 +257,7 @@ TEST_F(OpenFiles, OpenDoesNothingAndSendsNothing) {
 
 class FileTruncate : public OpenFiles {
  protected:
-  /// The file has this size after a request for `length`, which succeeds and echoes it.
+  /// Expects a request for `length` to succeed, to echo it, and to leave the file with this size.
   void ExpectSizeAfter(uint64_t length, const std::string& path, int64_t size) {
     disk.MakeFile(path, "some content");
     const Request request = TruncateRequest{.path = path, .length = length};
@@ -266,7 +266,7 @@ class FileTruncate : public OpenFiles {
   }
 };
 
-TEST_F(FileTruncate, ToLessKeepsTheBeginningAndToMoreAddsZeros) {
+TEST_F(FileTruncate, ToALowerLengthKeepsTheBeginningAndToAGreaterOneAddsZeros) {
   ExpectSizeAfter(4, "/x.bin", 4);
   EXPECT_EQ(disk.ReadBack("/x.bin"), "some");
   ExpectSizeAfter(15, "/x.bin", 15);
@@ -278,13 +278,13 @@ TEST_F(FileTruncate, To20MebibytesOfAnOrdinaryFileMakesIt10AndEchoesTheRequested
   ExpectSizeAfter(20971520, "/x.bin", 10485760);
 }
 
-TEST_F(FileTruncate, IsCappedAboveTenMebibytesOnly) {
+TEST_F(FileTruncate, IsCappedOnlyAboveTenMebibytes) {
   ExpectSizeAfter(kCap - 1, "/x.bin", kCap - 1);
   ExpectSizeAfter(kCap, "/x.bin", kCap);
   ExpectSizeAfter(kCap + 1, "/x.bin", kCap);
 }
 
-TEST_F(FileTruncate, TakesTheLengthAsUnsignedWhenItCapsIt) {
+TEST_F(FileTruncate, TreatsTheLengthAsUnsignedWhenItCapsIt) {
   ExpectSizeAfter(std::numeric_limits<uint64_t>::max(), "/x.bin", kCap);
   ExpectSizeAfter(uint64_t{1} << 63, "/x.bin", kCap);
 }
@@ -381,7 +381,7 @@ TEST_F(FileFsync, OfAFileRepliesWithResultZeroAndTheUnreadFieldUnchanged) {
   EXPECT_EQ(disk.ReadBack(kKnownFile), "known content");
 }
 
-TEST_F(FileFsync, OfAMissingFileRepliesWithMinusOneAndMakesNoFile) {
+TEST_F(FileFsync, OfAMissingFileRepliesWithMinusOneAndDoesNotCreateIt) {
   const Request request = FsyncRequest{.path = "/none"};
   ExpectReply(AskRaw(request), request, Patched(request.payload, 8, -1), 16 + 5 + 12);
   EXPECT_FALSE(disk.Exists("/none"));
@@ -513,7 +513,7 @@ TEST_F(FileChown, FollowsALink) {
   EXPECT_EQ(+StatOf(disk.Local("/link")).st_uid, 0U);
 }
 
-TEST_F(FileChown, WithIdsOfAllOnesLeavesThemAsTheyAre) {
+TEST_F(FileChown, WithIdsOfAllOnesKeepsOwnerAndGroup) {
   const udisk_stat before = StatOf(disk.Local(kKnownFile));
   const auto reply = Ask(ChownRequest{.path = kKnownFile});
   ASSERT_TRUE(reply);
@@ -588,7 +588,7 @@ TEST_F(OpenFiles, WriteTheResultIntoTheRequest) {
 class FileFlush : public OpenFiles {};
 class FileRelease : public OpenFiles {};
 
-/// Both reply with a copy of their request, which these tests look at for both.
+/// Both reply with a copy of their request. These tests run with either of them.
 class ClosingRequests : public OpenFiles {
  protected:
   std::vector<Request> Both(const std::string& path) {
@@ -617,7 +617,7 @@ TEST_F(ClosingRequests, OfAMissingFileAreAnsweredWithTheUnchangedRequest) {
   EXPECT_EQ(Log().Messages(kError), Texts{});
 }
 
-TEST_F(ClosingRequests, CopyAlsoTheReservedHeaderBytes) {
+TEST_F(ClosingRequests, CopyTheReservedHeaderBytesToo) {
   for (const Request& request : Both(kKnownFile)) {
     const auto packet = request.Packet();
     packet->header->reserved[1] = 9;
@@ -680,7 +680,7 @@ TEST_F(ClosingRequests, DoNotSetModified) {
   EXPECT_EQ(udisk->modified, 0);
 }
 
-TEST_F(ClosingRequests, LeaveFileAndRequestAsTheyAre) {
+TEST_F(ClosingRequests, ChangeNeitherFileNorRequest) {
   for (const Request& request : Both(kKnownFile)) {
     const auto packet = request.Packet();
     Serve(packet.get());
@@ -689,7 +689,7 @@ TEST_F(ClosingRequests, LeaveFileAndRequestAsTheyAre) {
   EXPECT_EQ(disk.ReadBack(kKnownFile), "known content");
 }
 
-TEST_F(ClosingRequests, TakeAPathWithManyComponentsOrNone) {
+TEST_F(ClosingRequests, AcceptAPathWithManyComponentsOrNone) {
   for (const std::string& path : {std::string(), std::string("/"), std::string("a"),
                                   std::string(300, 'x') + "/y", std::string(70000, '/')}) {
     for (const Request& request : Both(path)) {

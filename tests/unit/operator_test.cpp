@@ -24,7 +24,7 @@ using Messages = std::vector<std::string>;
 
 // ---- The object ----
 
-TEST(OperatorLife, BeginsUnderMediaWithNothingSet) {
+TEST(OperatorLife, StartsUnderMediaWithNothingSet) {
   FakeDevice device;
   const UDiskOperator udisk(&device);
   EXPECT_EQ(string(udisk.mMountPoint, sizeof udisk.mMountPoint),
@@ -42,7 +42,7 @@ TEST(OperatorLife, BeginsUnderMediaWithNothingSet) {
   EXPECT_EQ(udisk.mVmId, 0);
 }
 
-TEST(OperatorLife, EndsWithOneFlushOfAllFileSystems) {
+TEST(OperatorLife, EndsWithOneSync) {
   auto udisk = std::make_unique<UDiskOperator>(nullptr);
   const int before = SyncCalls();
   udisk.reset();
@@ -62,7 +62,7 @@ TEST_F(OperatorTest, HasNoIdsOfItsOwn) {
   EXPECT_TRUE(StillServes());
 }
 
-TEST_F(OperatorTest, GivesTheDevicesIdOrZeroWithoutADevice) {
+TEST_F(OperatorTest, ReturnsTheDevicesIdOrZeroWithoutADevice) {
   device.SetId(42);
   EXPECT_EQ(udisk->GetDeviceId(), 42);
   EXPECT_EQ(UDiskOperator(nullptr).GetDeviceId(), 0);
@@ -84,7 +84,7 @@ TEST_F(OperatorTest, LocalMountPointIsLogged) {
 
 // ---- Dispatch ----
 
-/// Removes what a mount_remote made outside the disk.
+/// Removes the directory that mount_remote makes outside the disk.
 void RemoveMountDirectory() {
   std::error_code ignored;
   std::filesystem::remove(string("/media/") + kUnlikelyDisk, ignored);
@@ -113,12 +113,12 @@ TEST_F(OperatorTest, OnlyServedCommandsAnswer) {
     if (reply) {
       EXPECT_EQ(reply->cmd, cmd);
     }
-    Mount();  // 100 and 101 take the mount point away
+    Mount();  // 100 and 101 clear the mount point
   }
   RemoveMountDirectory();
 }
 
-TEST_F(OperatorTest, CodesBesideTheTableAreDroppedWithoutALine) {
+TEST_F(OperatorTest, CodesWithoutAHandlerAreDroppedWithoutALogLine) {
   for (const uint16_t cmd : {0, 99, 104, 122, 124, 199, 201, 513}) {
     Request request = ReadRequest{.path = kKnownFile};
     request.cmd = cmd;
@@ -128,7 +128,7 @@ TEST_F(OperatorTest, CodesBesideTheTableAreDroppedWithoutALine) {
   EXPECT_TRUE(Log().Lines().empty());
 }
 
-TEST_F(OperatorTest, EachHandlerComplainsUnderTheNameOfItsCommand) {
+TEST_F(OperatorTest, EachHandlerLogsADroppedRequestUnderItsCommandsName) {
   for (const CommandRow& command : kCommandNames) {
     if (command.code == kFileOpen || command.code == kSmallFileNotice) continue;
     Log().Clear();
@@ -141,10 +141,10 @@ TEST_F(OperatorTest, EachHandlerComplainsUnderTheNameOfItsCommand) {
   }
 }
 
-TEST_F(OperatorTest, ASmallFileReadThatIsDroppedPartWayHasItsLineUnderItsOwnName) {
+TEST_F(OperatorTest, ASmallFileReadThatIsDroppedPartWayIsLoggedUnderItsName) {
   Request request{.cmd = kSmallFileRead, .payload = BytesOf(uint32_t{1})};
   auto packet = request.Packet();
-  packet->header->packetLen += sizeof(ReadHead);  // of which nothing is there
+  packet->header->packetLen += sizeof(ReadHead);  // counts a head that is not there
   Deliver(std::move(packet));
   const LogLine line = Log().Lines().at(0);
   EXPECT_EQ(line.function, "small_file_read");
@@ -201,7 +201,7 @@ TEST_F(OperatorTest, AReplyCarriesTheRequestsAddress) {
   EXPECT_EQ(reply->flags, -1);
 }
 
-TEST_F(OperatorTest, AHostThatKeepsRepliesIsServedTheSame) {
+TEST_F(OperatorTest, ServesAHostThatKeepsReplies) {
   device.KeepPackets(true);
   EXPECT_TRUE(StillServes());
   EXPECT_TRUE(StillServes());
@@ -246,7 +246,7 @@ TEST_F(OperatorTest, SetRootPathAddsVolumesAtTheEnd) {
   EXPECT_EQ(udisk->GetLocalMountPoint(), "/mnt/SECOND");
 }
 
-TEST_F(OperatorTest, SetRootPathWithANullForgetsTheDisk) {
+TEST_F(OperatorTest, SetRootPathWithANullClearsTheDisk) {
   const std::vector<std::pair<const char*, const char*>> nulls = {
       {nullptr, nullptr}, {"/mnt/", nullptr}, {nullptr, "DISK"}};
   for (const auto& [letter, label] : nulls) {
@@ -258,7 +258,7 @@ TEST_F(OperatorTest, SetRootPathWithANullForgetsTheDisk) {
   }
 }
 
-TEST_F(OperatorTest, SetRootPathTakes255BytesAndRefusesMore) {
+TEST_F(OperatorTest, SetRootPathAccepts255BytesAndRefusesMore) {
   const string letter(200, 'l');
   EXPECT_EQ(udisk->SetRootPath(letter.c_str(), string(55, 'b').c_str()), 0);
   EXPECT_EQ(udisk->GetLocalMountPoint(), letter + string(55, 'b'));
@@ -271,7 +271,7 @@ TEST_F(OperatorTest, SetRootPathTakes255BytesAndRefusesMore) {
   EXPECT_EQ(udisk->SetRootPath("", string(100'000, 'b').c_str()), -1);
 }
 
-TEST_F(OperatorTest, RequestsGoToTheMountPointInForce) {
+TEST_F(OperatorTest, RequestsUseTheCurrentMountPoint) {
   TempDisk other;
   other.MakeFile(kKnownFile, "something longer than before");
   const AttrRequest request{.path = kKnownFile};
@@ -340,13 +340,13 @@ TEST_F(BusEventTest, StoresTheBandwidthWithAFloorOf1000) {
   }
 }
 
-TEST_F(BusEventTest, TakesTheTime) {
+TEST_F(BusEventTest, RecordsItsTime) {
   Announce(5000);
   EXPECT_EQ(udisk->lastBwUpdateMs, clock.NowMs());
   EXPECT_EQ(udisk->bwEventMs, clock.NowMs());
 }
 
-TEST_F(BusEventTest, OfAnotherCommandChangesNothingThoughItsWordIsRead) {
+TEST_F(BusEventTest, OfAnotherCommandChangesNothingAlthoughItsWordIsRead) {
   Announce(5000);
   clock.Advance(10'000);
   Log().Clear();
@@ -395,7 +395,7 @@ TEST_F(BusEventTest, IsTracedAndLogged) {
   EXPECT_EQ(udisk->lastBwTraceMs, clock.NowMs());
 }
 
-TEST_F(BusEventTest, IsTracedAtMostOnceInFiveSeconds) {
+TEST_F(BusEventTest, IsTracedAtMostOnceEveryFiveSeconds) {
   Announce(5000);
   clock.Advance(1000);
   Announce(6000);
@@ -403,7 +403,7 @@ TEST_F(BusEventTest, IsTracedAtMostOnceInFiveSeconds) {
   EXPECT_EQ(udisk->lastBwUpdateMs, clock.NowMs());
   clock.Advance(4000);
   Announce(7000);
-  EXPECT_EQ(Traced(), (Messages{"Udisk read bwinfo:5000"})) << "at 5000 ms not yet";
+  EXPECT_EQ(Traced(), (Messages{"Udisk read bwinfo:5000"})) << "not yet after 5000 ms";
   clock.Advance(1);
   Announce(8000);
   EXPECT_EQ(Traced(), (Messages{"Udisk read bwinfo:5000", "Udisk read bwinfo:8000"}));
@@ -431,7 +431,7 @@ TEST_F(BusEventTest, ComparesTheAnnouncedValueWithTheStoredOne) {
   Announce(500);
   clock.Advance(10'000);
   Announce(1000);
-  EXPECT_EQ(Traced().size(), 1U) << "1000 is what was stored for 500";
+  EXPECT_EQ(Traced().size(), 1U) << "500 is stored as 1000";
   Announce(500);
   EXPECT_EQ(Traced().size(), 2U);
 }

@@ -47,7 +47,7 @@ int ParseCopy(CpdPacket* packet, std::string image) {
                        true);
 }
 
-/// More than any machine gives.
+/// More than any machine can allocate.
 size_t ImpossibleSize() {
   volatile size_t size = size_t{1} << 62;
   return size;
@@ -72,7 +72,7 @@ TEST(Packet, OfALargerSizeHasExactlyThatCapacity) {
   EXPECT_EQ(CpdPacket(128).buffer->capacity, 128U);
 }
 
-TEST(Packet, InitHeaderSetsTheAddressAndLeavesTheLength) {
+TEST(Packet, InitHeaderSetsTheAddressAndKeepsTheLength) {
   CpdPacket packet(32);
   Append(&packet, "abcd");
   packet.header->magic = 1;
@@ -92,7 +92,7 @@ TEST(Packet, InitHeaderDoesNothingWithoutABuffer) {
   EXPECT_FALSE(packet.headerReady);
 }
 
-TEST(Packet, ThatGetsNoMemorySaysSoAndThenFailsInEverything) {
+TEST(Packet, WithoutMemoryPrintsALineAndFailsInEveryOperation) {
   std::unique_ptr<CpdPacket> packet;
   const std::string output =
       OutputOf([&] { packet = std::make_unique<CpdPacket>(ImpossibleSize()); });
@@ -119,7 +119,7 @@ TEST(Packet, ThatGetsNoMemorySaysSoAndThenFailsInEverything) {
 
 // ---- Appending ----
 
-TEST(PacketAppend, OfZeroBytesSucceedsAndLeavesTheLength) {
+TEST(PacketAppend, OfZeroBytesSucceedsAndKeepsTheLength) {
   CpdPacket packet(16);
   EXPECT_EQ(packet.AppendPayload(nullptr, 0), 0);
   EXPECT_EQ(packet.AppendPayload("x", 0), 0);
@@ -135,7 +135,7 @@ TEST(PacketAppend, FillsAReplyOfExactSizeWithoutGrowing) {
   EXPECT_EQ(BufferOf(packet).substr(16), "hello");
 }
 
-TEST(PacketAppend, ASecondFullAppendPassesTheTestAndGrowsTheBufferBy128KiB) {
+TEST(PacketAppend, ASecondFullAppendIsAcceptedAndGrowsTheBufferBy128KiB) {
   CpdPacket packet(5 + 16);
   EXPECT_EQ(Append(&packet, "hello"), 0);
   EXPECT_EQ(Append(&packet, "world"), 0);
@@ -184,7 +184,7 @@ TEST(PacketAppend, ThatOneGrowthCannotHoldSucceedsButAddsNothing) {
   EXPECT_EQ(packet.buffer->capacity, 16U + kPayload + PACKET_GROW_STEP);
 }
 
-TEST(PacketAppend, BehindALengthPastTheBufferTouchesNothing) {
+TEST(PacketAppend, AfterALengthPastTheBufferChangesNothing) {
   for (const uint32_t lie : {0x30000U, 0x7fffffffU, 0x80000000U, 0xffffffffU}) {
     CpdPacket packet(32);
     packet.header->packetLen = lie;
@@ -228,7 +228,7 @@ TEST(PacketBufferWrite, WithinTheCapacityCopies) {
   EXPECT_EQ(buffer.capacity, 8U);
 }
 
-TEST(PacketBufferWrite, PastTheCapacityGrowsByOneStepWhateverIsMissing) {
+TEST(PacketBufferWrite, PastTheCapacityGrowsByOneStepHoweverMuchIsMissing) {
   PacketBuffer buffer(8);
   EXPECT_EQ(buffer.Write("abc", 6, 3), 0);
   EXPECT_EQ(buffer.capacity, 8U + PACKET_GROW_STEP);
@@ -291,7 +291,7 @@ TEST(PacketParse, RefusesAWrongFirstByteAndShowsTwo) {
   image[1] = static_cast<char>(0xab);
   const std::string output = OutputOf([&] { EXPECT_EQ(ParseCopy(&packet, image), -1); });
   EXPECT_EQ(output, "error buffer format,magic[0x28 0xab]");
-  EXPECT_EQ(+packet.header->cmd, 105) << "the packet is as it was";
+  EXPECT_EQ(+packet.header->cmd, 105) << "the packet is unchanged";
 }
 
 TEST(PacketParse, WithCopyKeepsItsOwnBytes) {
@@ -313,7 +313,7 @@ TEST(PacketParse, WithoutCopyAdoptsTheBlock) {
   EXPECT_EQ(packet.buffer->capacity, 19U);
 }
 
-TEST(PacketParse, ReplacesTheBufferOfBefore) {
+TEST(PacketParse, ReplacesTheOldBuffer) {
   CpdPacket packet(64);
   ASSERT_EQ(ParseCopy(&packet, Image(105, 7, 19, 0, "abc")), 0);
   EXPECT_EQ(packet.buffer->capacity, 19U);
@@ -345,7 +345,7 @@ TEST(PacketParse, OfABigEndianImageSwapsIdAndLengthAndClearsTheCommand) {
   EXPECT_EQ(word, 0x11223344U);
 }
 
-TEST(PacketParse, TakesAnyNonZeroByteForBigEndian) {
+TEST(PacketParse, TreatsAnyNonZeroByteAsBigEndian) {
   CpdPacket packet;
   ASSERT_EQ(ParseCopy(&packet, Image(105, 0x01000000, 0x10000000, 0x80, "")), 0);
   EXPECT_EQ(+packet.header->requestId, 1U);
@@ -354,7 +354,7 @@ TEST(PacketParse, TakesAnyNonZeroByteForBigEndian) {
 
 // ---- Reading ----
 
-TEST(PacketRead, TakesWordAfterWordUntilTheBufferEnds) {
+TEST(PacketRead, ReadsWordAfterWordUntilTheBufferEnds) {
   CpdPacket packet;
   ASSERT_EQ(ParseCopy(&packet, Image(513, 7, 27, 0, "\x01\x02\x03\x04\x05\x06\x07\x08xyz")), 0);
   uint32_t word = 0;
@@ -365,12 +365,12 @@ TEST(PacketRead, TakesWordAfterWordUntilTheBufferEnds) {
   EXPECT_EQ(packet.ReadUint32(&word), 0);
   EXPECT_EQ(word, 0x08070605U);
 
-  EXPECT_EQ(packet.ReadUint32(&word), -1) << "three bytes are no word";
+  EXPECT_EQ(packet.ReadUint32(&word), -1) << "three bytes are not a word";
   EXPECT_EQ(word, 0x08070605U);
   EXPECT_EQ(packet.readPos, 8U);
 }
 
-TEST(PacketRead, GoesByTheCapacityNotByTheLengthField) {
+TEST(PacketRead, IsLimitedByTheCapacityNotByTheLengthField) {
   CpdPacket packet;
   ASSERT_EQ(ParseCopy(&packet, Image(513, 7, 16, 0, "\x01\x02\x03\x04")), 0);
   uint32_t word = 0;
@@ -419,7 +419,7 @@ TEST(PacketClone, IsADeepCopyReadFromItsBeginning) {
   EXPECT_TRUE(clone->headerReady);
 }
 
-TEST(PacketClone, OfABigEndianPacketIsParsedOnceMore) {
+TEST(PacketClone, OfABigEndianPacketIsParsedAgain) {
   CpdPacket packet;
   ASSERT_EQ(ParseCopy(&packet, Image(105, 0x01020304, 0x10000000, 1, "")), 0);
   const std::unique_ptr<CpdPacket> clone(packet.Clone());

@@ -1,4 +1,4 @@
-// Finding USB disks: what the service makes of sysfs, the partition table and blkid.
+// Finding USB disks: what the service reads from sysfs, the partition table and blkid.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,7 +21,7 @@ using Lines = std::vector<std::string>;
 
 // ---- GetString ----
 
-/// A field, the first of another behind it, and what GetString made of them.
+/// A field, the first byte of the next one, and what GetString wrote and returned.
 struct Taken {
   explicit Taken(const std::string& source) {
     bytes.fill('x');
@@ -34,7 +34,7 @@ struct Taken {
   int count;
 };
 
-TEST(GetString, TakesWhatStandsBetweenTheQuotes) {
+TEST(GetString, TakesTheTextBetweenTheQuotes) {
   const Taken taken(R"(LABEL="DATA")");
   EXPECT_EQ(taken.count, 4);
   EXPECT_EQ(taken.Bytes(6), std::string("DATA\0x", 6));
@@ -52,7 +52,7 @@ TEST(GetString, AnEmptyValueIsTerminated) {
   EXPECT_EQ(taken.Bytes(2), std::string("\0x", 2));
 }
 
-TEST(GetString, WithoutAQuoteTheDestinationStaysAsItWas) {
+TEST(GetString, WithoutAQuoteTheDestinationIsUnchanged) {
   for (const char* source : {"", "LABEL=", "LABEL=DATA"}) {
     const Taken taken(source);
     EXPECT_EQ(taken.count, 0) << source;
@@ -66,7 +66,7 @@ TEST(GetString, WithoutAClosingQuoteNothingTerminatesTheValue) {
   EXPECT_EQ(taken.Bytes(5), "DATAx");
 }
 
-TEST(GetString, AnOpeningQuoteAtTheEndIsNoValue) {
+TEST(GetString, AnOpeningQuoteAtTheEndHasNoValue) {
   const Taken taken(R"(LABEL=")");
   EXPECT_EQ(taken.count, 0);
   EXPECT_EQ(taken.Bytes(1), "x");
@@ -104,9 +104,9 @@ class ProbingTest : public testing::Test {
     shims.AddCat();
   }
 
-  /// What a shell that obeyed one of the hostile names below would make.
+  /// The file that a shell would create if it ran one of the hostile names below.
   [[nodiscard]] std::string Bait() const { return place.Local("/bait"); }
-  /// Names that run `touch` where a shell reads them unquoted.
+  /// Names that run `touch` when a shell reads them unquoted.
   [[nodiscard]] Lines HostileNames() const {
     const std::string run = "touch " + Bait();
     return {"$(" + run + ")",    "`" + run + "`",    ";" + run + ";",      "|" + run + "#",
@@ -127,19 +127,19 @@ class GetDeviceClassTest : public ProbingTest {
   }
 };
 
-TEST_F(GetDeviceClassTest, AsksTheFirstInterfaceOfThePort) {
+TEST_F(GetDeviceClassTest, ReadsTheFirstInterfaceOfThePort) {
   EXPECT_EQ(ClassOf("08\n"), 8);
   EXPECT_EQ(shims.CommandLines(), Lines{"cat /sys/bus/usb/devices/1-2:1.0/bInterfaceClass"});
 }
 
-TEST_F(GetDeviceClassTest, ReadsTheHexadecimalDigitsAsDecimalOnes) {
+TEST_F(GetDeviceClassTest, ReadsTheHexadecimalDigitsAsDecimal) {
   EXPECT_EQ(ClassOf("10\n"), 10);
   EXPECT_EQ(ClassOf("0e\n"), 0);
   EXPECT_EQ(ClassOf("3a\n"), 3);
   EXPECT_EQ(ClassOf("ff\n"), 0);
 }
 
-TEST_F(GetDeviceClassTest, ReadsThreeCharactersOfTheFirstLineAtMost) {
+TEST_F(GetDeviceClassTest, ReadsAtMostThreeCharactersOfTheFirstLine) {
   EXPECT_EQ(ClassOf("12345\n"), 123);
   EXPECT_EQ(ClassOf("1\n23"), 1);
   EXPECT_EQ(ClassOf("\n08\n"), 0);
@@ -187,7 +187,7 @@ TEST_F(CheckRemovableTest, ReadsTheFlagOfTheBlockDevice) {
             (Lines{"cat /sys/block/sda/removable", "cat /sys/block/sdb/removable"}));
 }
 
-TEST_F(CheckRemovableTest, ReadsThreeCharactersAtMost) {
+TEST_F(CheckRemovableTest, ReadsAtMostThreeCharacters) {
   shims.SetFile("/sys/block/sdb/removable", "1234\n");
   EXPECT_EQ(UDiskService::CheckRemovable("sdb"), 123);
 }
@@ -228,13 +228,13 @@ class GetDevNameTest : public ProbingTest {
   void MakeRemovable(const std::string& disk) {
     shims.SetFile("/sys/block/" + disk + "/removable", "1\n");
   }
-  /// The disk's name, as a caller with a zeroed buffer gets it. The result is always 0.
+  /// The disk's name, as written to a zeroed buffer. Expects a result of 0.
   static std::string Name() {
     std::array<char, 8> out{};
     EXPECT_EQ(UDiskService::GetDevName(out.data()), 0);
     return out.data();
   }
-  /// The disks whose removable flag was asked for.
+  /// The disks whose removable flag was read.
   [[nodiscard]] Lines Asked() const {
     Lines lines = shims.CommandLines();
     std::erase(lines, "cat /proc/partitions");
@@ -266,7 +266,7 @@ TEST_F(GetDevNameTest, APartitionNamesItsDisk) {
   EXPECT_EQ(Name(), "sdb");
 }
 
-TEST_F(GetDevNameTest, WithoutARemovableDiskTheLastOneLookedAtStays) {
+TEST_F(GetDevNameTest, WithoutARemovableDiskReturnsTheLastOneItLookedAt) {
   SetTable(kTable);
   EXPECT_EQ(Name(), "sdc");
 }
@@ -277,7 +277,7 @@ TEST_F(GetDevNameTest, OnlyTheNumberOneMeansRemovable) {
   EXPECT_EQ(Name(), "sdb");
 }
 
-TEST_F(GetDevNameTest, WithoutSuchADiskNothingIsWritten) {
+TEST_F(GetDevNameTest, WithoutADiskThatMatchesNothingIsWritten) {
   for (const char* table : {"", "major minor  #blocks  name\n\n 254 0 268435456 vda\n", "sdb\n"}) {
     SetTable(table);
     EXPECT_EQ(Name(), "") << table;
@@ -292,7 +292,7 @@ TEST_F(GetDevNameTest, WritesThreeBytesAndNoTerminator) {
   EXPECT_EQ(std::string(out.data(), out.size()), "sdbxx");
 }
 
-TEST_F(GetDevNameTest, AShortNameIsTakenAsFarAsItGoes) {
+TEST_F(GetDevNameTest, AShortNameIsCopiedWhole) {
   SetTable("8 16 1 sd");
   EXPECT_EQ(Name(), "sd");
   SetTable("sd ");
@@ -304,7 +304,7 @@ TEST_F(GetDevNameTest, TakesTheLastWordOfALineThatHoldsTheLettersAnywhere) {
   EXPECT_EQ(Name(), "nvm");
 }
 
-TEST_F(GetDevNameTest, WhatFollows1023BytesIsALineOfItsOwn) {
+TEST_F(GetDevNameTest, ALineIsSplitAfter1023Bytes) {
   SetTable("8 0 1 sda" + std::string(1100, 'y') + " sdb\n");
   EXPECT_EQ(Name(), "sdb");
   EXPECT_EQ(Asked(), (Lines{"cat /sys/block/sda/removable", "cat /sys/block/sdb/removable"}));
@@ -338,7 +338,7 @@ class GetDeviceLabelTest : public ProbingTest {
  protected:
   using Row = std::tuple<std::string, std::string, std::string>;
 
-  /// Has blkid print `output`. @return device, label and type of what is found
+  /// Makes blkid print `output`. @return device, label and type of the partitions found
   std::vector<Row> Find(const std::string& output, const char* device = "sdb1") {
     shims.AddPrinting("blkid", output);
     Partitions found;
@@ -373,7 +373,7 @@ TEST_F(GetDeviceLabelTest, TheLabelComesBeforeTheUuid) {
   EXPECT_EQ(FindLine(R"(UUID="12-34" LABEL="DATA" TYPE="vfat")"), One("DATA", "vfat"));
 }
 
-TEST_F(GetDeviceLabelTest, TheUuidStandsInForALabel) {
+TEST_F(GetDeviceLabelTest, TheUuidReplacesAMissingLabel) {
   EXPECT_EQ(FindLine(R"(UUID="12-34" TYPE="vfat")"), One("12-34", "vfat"));
   EXPECT_EQ(FindLine(R"(LABEL="" UUID="12-34" TYPE="vfat")"), One("12-34", "vfat"));
   EXPECT_EQ(FindLine(R"(LABEL= UUID="12-34" TYPE="vfat")"), One("12-34", "vfat"));
@@ -421,7 +421,7 @@ TEST_F(GetDeviceLabelTest, ALabelWithTypeInItCountsAsBoth) {
   EXPECT_EQ(FindLine(R"(LABEL="TYPE=x" TYPE="ntfs")"), One("TYPE=x", "TYPE=x"));
 }
 
-TEST_F(GetDeviceLabelTest, AValueWithoutAClosingQuoteGoesToTheEndOfItsToken) {
+TEST_F(GetDeviceLabelTest, AValueWithoutAClosingQuoteExtendsToTheEndOfItsToken) {
   EXPECT_EQ(FindLine(R"(LABEL="DATA TYPE="ntfs")"), One("DATA", "ntfs"));
   EXPECT_EQ(FindLine(R"(LABEL="DATA" TYPE="ntfs)"), One("DATA", "ntfs\n"));
   EXPECT_EQ(FindLine(R"(LABEL="LONGER" PARTLABEL="abc TYPE="ntfs")"), One("abcGER", "ntfs"));
@@ -436,7 +436,7 @@ TEST_F(GetDeviceLabelTest, AValueLongerThanItsFieldIsCutTo31Bytes) {
   EXPECT_EQ(Find(name + ": UUID=\"" + label + "\" TYPE=\"" + type + "\n"), cut);
 }
 
-TEST_F(GetDeviceLabelTest, TheDeviceIsWhatStandsBeforeTheFirstColon) {
+TEST_F(GetDeviceLabelTest, TheDeviceIsTheTextBeforeTheFirstColon) {
   EXPECT_EQ(Find("/dev/sdb1:LABEL=\"A:B\" TYPE=\"ntfs\"\n"), One("A:B", "ntfs"));
   EXPECT_EQ(Find("::/dev/sdb1: LABEL=\"A\" TYPE=\"ntfs\"\n"), One("A", "ntfs"));
   EXPECT_EQ(Find("/dev/sdb1 LABEL=\"A\" TYPE=\"ntfs\"\n"), std::vector<Row>{});
@@ -447,20 +447,20 @@ TEST_F(GetDeviceLabelTest, TheKeyIsFoundAnywhereInALine) {
             (std::vector<Row>{{"/dev/sda1", "sdb", "ntfs"}}));
 }
 
-TEST_F(GetDeviceLabelTest, ADamagedLineHurtsNoOther) {
+TEST_F(GetDeviceLabelTest, ADamagedLineDoesNotAffectOthers) {
   EXPECT_EQ(Find("sdbTYPE=\n\n:::sdb TYPE=\"\n\"sdb\" : = \" TYPE= \n"
                  "/dev/sdb1: LABEL=\"DATA\" TYPE=\"ntfs\"\n"),
             One("DATA", "ntfs"));
 }
 
-TEST_F(GetDeviceLabelTest, WhatFollows1023BytesIsALineOfItsOwn) {
+TEST_F(GetDeviceLabelTest, ALineIsSplitAfter1023Bytes) {
   const std::string head = "/dev/sdb1: LABEL=\"DATA\" ";
   const std::string filling(1023 - head.size(), 'y');
   EXPECT_EQ(Find(head + filling + "TYPE=\"ntfs\"\n"), std::vector<Row>{});
   EXPECT_EQ(Find(head + filling.substr(12) + " TYPE=\"ntfs\"\n"), One("DATA", "ntfs"));
 }
 
-TEST_F(GetDeviceLabelTest, TheKeyIsThreeCharactersWithoutTheLast) {
+TEST_F(GetDeviceLabelTest, TheKeyIsTheThreeCharactersBeforeTheLast) {
   const std::string output = "/dev/sdb1: LABEL=\"DATA\" TYPE=\"ntfs\"\n";
   for (const char* device : {"sdb1", "/dev/sdb9", "sdb10", "sdb", "sd", "s", ""}) {
     EXPECT_EQ(Find(output, device), One("DATA", "ntfs")) << device;
@@ -480,7 +480,7 @@ TEST_F(GetDeviceLabelTest, LogsTheKeyAndEveryLine) {
   EXPECT_EQ(line.function, "GetDeviceLabel");
 }
 
-/// `count` partitions of sdb, labelled with their numbers from 0 on.
+/// `count` partitions of sdb, labelled with their numbers from 0.
 std::string ManyPartitions(int count) {
   std::string output;
   for (int i = 0; i < count; ++i) {
@@ -500,7 +500,7 @@ TEST_F(GetDeviceLabelTest, TheCountWrapsAt256Partitions) {
   EXPECT_EQ(wrapped.back(), (Row{"/dev/sdb1", "1", "ntfs"}));
 }
 
-TEST_F(GetDeviceLabelTest, WithoutPartitionsTheListStaysAsItWas) {
+TEST_F(GetDeviceLabelTest, WithoutPartitionsTheListIsUnchanged) {
   for (const char* output : {"", "/dev/sda1: LABEL=\"DATA\" TYPE=\"ntfs\"\n"}) {
     shims.AddPrinting("blkid", output);
     UDiskInfo earlier{};

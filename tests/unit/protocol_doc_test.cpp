@@ -1,5 +1,5 @@
-// docs/protocol.md tells the truth: it has the commands of the command table, and its examples
-// happen as they are written.
+// docs/protocol.md is true: it has the commands of the command table, and its examples work as
+// written.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -48,7 +48,7 @@ std::vector<Section> ReadSections() {
   return sections;
 }
 
-/// The cells of a table's row.
+/// The cells of a table row.
 Texts Cells(const std::string& row) {
   Texts cells;
   size_t begin = 2;
@@ -71,7 +71,7 @@ struct Exchange {
   Bytes reply;
 };
 
-/// `2e` or `..`, alone or, as in `2e*8`, so many times.
+/// `2e` or `..`, alone or repeated as in `2e*8`.
 Bytes ParseWord(const std::string& word) {
   const std::string byte = word.substr(0, 2);
   const std::string times = word.substr(byte.size());
@@ -85,7 +85,7 @@ Bytes ParseWord(const std::string& word) {
   return Bytes(times.empty() ? 1 : std::stoul(times.substr(1)), value);
 }
 
-/// What stands behind the marker: bytes, then perhaps a bar and a remark.
+/// The bytes after a line's marker. A bar and a remark may follow them.
 Bytes ParseBytes(const std::string& line) {
   const size_t bar = std::min(line.find('|'), line.size());
   std::istringstream words(line.substr(1, bar - 1));
@@ -103,7 +103,7 @@ Bytes ParseBytes(const std::string& line) {
   return bytes;
 }
 
-/// Adjacent lines of a direction are one message; an empty line ends an exchange.
+/// Adjacent lines of one direction are one message. An empty line ends an exchange.
 std::vector<Exchange> ParseExample(const Section& section) {
   std::vector<Exchange> exchanges;
   bool in_code = false;
@@ -128,7 +128,7 @@ std::vector<Exchange> ParseExample(const Section& section) {
   return exchanges;
 }
 
-/// A request is told to the last byte.
+/// A request's payload, in which no byte may be left open.
 std::string PayloadOf(const Bytes& request) {
   std::string payload;
   for (const auto byte : request) payload += static_cast<char>(byte.value());
@@ -163,12 +163,12 @@ class ProtocolDocument : public OperatorTest {
     if (found == sections.end()) throw std::runtime_error("no heading " + begin_of_heading);
     return *found;
   }
-  /// The commands, and what follows them.
+  /// The sections of the commands and of the other messages after them.
   [[nodiscard]] std::vector<Section> MessageSections() const {
     return {std::ranges::find_if(sections, &Section::IsCommand), sections.end()};
   }
 
-  /// Puts the files on the disk that the document's table shows.
+  /// Makes the files that the document's table lists.
   void MakeSampleDisk() const {
     for (const std::string& line : Find("Sample disk").lines) {
       if (!line.starts_with("| `/")) continue;
@@ -203,7 +203,7 @@ TEST_F(ProtocolDocument, HasTheCommandsOfTheCommandTableInTheOrderOfTheirCodes) 
   EXPECT_EQ(headings, commands);
 }
 
-TEST_F(ProtocolDocument, TellsTheSameFiveThingsOfEachInTheSameOrder) {
+TEST_F(ProtocolDocument, DescribesEachInTheSameFivePartsInTheSameOrder) {
   for (const Section& section : MessageSections()) {
     Texts things;
     for (const std::string& line : section.lines) {
@@ -220,7 +220,7 @@ TEST_F(ProtocolDocument, TellsTheSameFiveThingsOfEachInTheSameOrder) {
   }
 }
 
-TEST_F(ProtocolDocument, HasFieldsThatFollowEachOtherWithoutAGap) {
+TEST_F(ProtocolDocument, HasFieldsWithoutGaps) {
   for (const Section& section : sections) {
     std::optional<int> next;  // where a field must begin; empty outside tables of fields
     for (const std::string& line : section.lines) {
@@ -242,9 +242,9 @@ TEST_F(ProtocolDocument, HasFieldsThatFollowEachOtherWithoutAGap) {
   }
 }
 
-TEST_F(ProtocolDocument, HasExamplesThatHappenAsWritten) {
+TEST_F(ProtocolDocument, HasExamplesThatWorkAsWritten) {
   MakeSampleDisk();
-  const FakeUser user(1000, disk.letter());  // 100 finds its directory there: the disk's own
+  const FakeUser user(1000, disk.letter());  // so that 100 finds its directory: the disk's own
   for (const Section& section : sections) {
     if (!section.IsCommand()) continue;
     MountAnew();

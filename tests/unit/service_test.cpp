@@ -19,7 +19,7 @@ namespace {
 using std::string;
 using Texts = std::vector<std::string>;
 
-/// A text as JSON, good for what paths and names hold.
+/// A text as a JSON string, for paths and names that need no escapes.
 string Quoted(const string& text) { return '"' + text + '"'; }
 
 string Params(const string& letter, const string& label, const string& name,
@@ -33,7 +33,7 @@ string Announcement(const string& name, uint8_t read_only) {
   return BytesOf(static_cast<uint16_t>(name.size())) + name + '\0' + static_cast<char>(read_only);
 }
 
-/// A service on an operator that has not been given a disk yet.
+/// A service whose operator does not have a disk yet.
 class ServiceTest : public OperatorTest {
  protected:
   ServiceTest() {
@@ -41,7 +41,7 @@ class ServiceTest : public OperatorTest {
     service = std::make_unique<UDiskService>(&device, udisk.get());
     Log().Clear();
   }
-  /// Runs the thread's body here.
+  /// Runs the body of the service thread on the test's thread.
   void Run(const string& params) {
     device.base().SetParams(params);
     EXPECT_EQ(UDiskService::ServiceThread(service.get()), nullptr);
@@ -49,7 +49,7 @@ class ServiceTest : public OperatorTest {
   string Good(const string& more = "") {
     return Params(disk.letter(), disk.label(), "Stick", more);
   }
-  /// The announcement's payload; the notice must have gone before it, and nothing else.
+  /// The announcement's payload. Expects the notice to be the only packet before it.
   string Announced() {
     const std::vector<SentPacket> sent = device.TakeSent();
     EXPECT_EQ(sent.size(), 2U);
@@ -63,7 +63,7 @@ class ServiceTest : public OperatorTest {
   std::unique_ptr<UDiskService> service;
 };
 
-TEST_F(ServiceTest, BeginsWithNothingStarted) {
+TEST_F(ServiceTest, IsCreatedWithNothingStarted) {
   EXPECT_EQ(service->mDevice, &device);
   EXPECT_EQ(service->mOperator, udisk.get());
   EXPECT_EQ(service->mThread, nullptr);
@@ -124,7 +124,7 @@ TEST_F(ServiceTest, ANameOf255BytesIsAnnouncedInFull) {
   EXPECT_EQ(sent.payload.size(), 259U);
 }
 
-TEST_F(ServiceTest, ANameThatFillsTheUsualPacketGetsNoLargerOne) {
+TEST_F(ServiceTest, ANameThatFillsTheUsualPacketDoesNotMakeItLarger) {
   service->MountRemote(string(128 - 16 - 4, 'n').c_str(), &device);
   service->MountRemote(string(128 - 16 - 4 + 1, 'n').c_str(), &device);
   EXPECT_EQ(device.Sent().at(0).packet_len, 128U);
@@ -157,7 +157,7 @@ TEST_F(ServiceTest, LogsItsStepsInOrder) {
   EXPECT_EQ(Log().Lines().at(0).file, "service.cpp");
 }
 
-TEST_F(ServiceTest, LogsOnly255BytesOfALongTextButReadsAllOfIt) {
+TEST_F(ServiceTest, LogsOnly255BytesOfLongParametersButReadsAllOfThem) {
   const string params = Params(disk.letter(), disk.label(), "Stick",
                                R"(,"other":")" + string(300, 'x') + R"(","readOnly":1)");
   Run(params);
@@ -174,7 +174,7 @@ TEST_F(ServiceTest, WhoseDeviceIsGoneDoesNothing) {
   EXPECT_EQ(Log().Messages(kError), Texts{"getDevBase error usb device."});
 }
 
-TEST_F(ServiceTest, ToldToStopBeforeItBeganSendsNothing) {
+TEST_F(ServiceTest, StoppedBeforeItStartsSendsNothing) {
   service->StopLoop();
   Log().Clear();
   Run(Good());
@@ -218,7 +218,7 @@ TEST_P(BadParamsTest, LeaveAnEmptyRootPathAndAnnounceNoName) {
   for (const string& error : errors) {
     const string start = "Failed to parse JSON errors: ";
     EXPECT_EQ(error.substr(0, start.size()), start);
-    EXPECT_GT(error.size(), start.size()) << "the reader's own words follow";
+    EXPECT_GT(error.size(), start.size()) << "the JSON reader's own message follows";
   }
 }
 
@@ -249,7 +249,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadParams{"DeeplyNested", string(100'000, '['), kNoJson}),
     [](const auto& test) { return test.param.what; });
 
-TEST_F(ServiceTest, IncompleteParametersLeaveReadOnlyAsItWas) {
+TEST_F(ServiceTest, IncompleteParametersDoNotChangeReadOnly) {
   service->mReadOnly = 1;
   Run(R"({"letter":"/mnt/","label":"DISK","readOnly":0})");
   EXPECT_EQ(service->mReadOnly, 1);
@@ -294,7 +294,7 @@ TEST_F(ServiceTest, TextsEndAtAnEscapedNul) {
   EXPECT_EQ(Announced(), Announcement("St", 0));
 }
 
-TEST_F(ServiceTest, AFullLetterFitsAndWithALabelIsRefused) {
+TEST_F(ServiceTest, ALetterOf255BytesFitsButNotWithALabel) {
   const string letter = "/" + string(254, 'l');
   Run(Params(letter + "more", "", "Stick"));
   EXPECT_EQ(RootPath(), letter);
@@ -336,7 +336,7 @@ TEST_F(ServiceTest, AnnouncingADeviceThatIsGoneIsRefused) {
   EXPECT_EQ(Log().Lines().at(0).level, kError);
 }
 
-TEST_F(ServiceTest, AHostThatKeepsPacketsIsServedTheSame) {
+TEST_F(ServiceTest, ServesAHostThatKeepsPackets) {
   device.KeepPackets(true);
   Run(Good());
   EXPECT_EQ(Announced(), Announcement("Stick", 0));
@@ -390,13 +390,13 @@ TEST_F(ServiceTest, StopIsRequestedBeforeTheThreadIsWaitedFor) {
   EXPECT_TRUE(requested) << "while the thread was held";
 }
 
-TEST_F(ServiceTest, StopWithoutAThreadSetsTheStatusOnly) {
+TEST_F(ServiceTest, StopWithoutAThreadOnlySetsTheStatus) {
   EXPECT_EQ(service->StopLoop(), 0);
   EXPECT_EQ(service->mStatus, 2);
   EXPECT_EQ(Log().Messages(), Texts{R"(client udisk StopLoop\n)"});
 }
 
-TEST_F(ServiceTest, AThreadThatCannotStartLeavesTheStatus) {
+TEST_F(ServiceTest, AThreadThatCannotStartDoesNotChangeTheStatus) {
   const FailingThread first(0);
   EXPECT_EQ(service->StartLoop(), -1);
   EXPECT_EQ(service->mThread, nullptr);
@@ -404,9 +404,9 @@ TEST_F(ServiceTest, AThreadThatCannotStartLeavesTheStatus) {
   EXPECT_EQ(Log().Messages(), Texts{R"(Udisk service StartLoop\n)"});
 }
 
-// ---- The rest ----
+// ---- Other operations ----
 
-TEST_F(ServiceTest, UpdateReadOnlyIsKeptAndLogged) {
+TEST_F(ServiceTest, UpdateReadOnlyIsStoredAndLogged) {
   EXPECT_EQ(service->UpdateReadOnly(1), 0);
   EXPECT_EQ(service->mReadOnly, 1);
   EXPECT_EQ(Log().Messages(kDebug), Texts{"udisk is read only 1"});

@@ -1,4 +1,4 @@
-// Command 123: several files, or pieces of files, in one round trip.
+// Command 123: reads of several files, or of pieces of files, in one round trip.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -29,7 +29,8 @@ class SmallFileRead : public OperatorTest {
                         .unread_20 = 0};
     return BytesOf(head) + asked.path + data;
   }
-  /// The reply has the request's address and exactly these records; its buffer grew once at most.
+  /// Expects a reply with the request's address and exactly these records, in a buffer that grew
+  /// at most once.
   void ExpectRecords(const Request& request, const Texts& records) {
     std::string payload = BytesOf(static_cast<uint32_t>(records.size()));
     for (const std::string& record : records) payload += record;
@@ -39,7 +40,7 @@ class SmallFileRead : public OperatorTest {
     EXPECT_LE(reply->capacity, 16 + payload.size() + PACKET_GROW_STEP);
     ExpectReply(reply, request, payload, reply->capacity);
   }
-  /// The handler's result on a request that gets no reply.
+  /// The handler's result for a request. Expects no reply.
   int64_t Refused(const Request& request) {
     device.TakeSent();
     Log().Clear();
@@ -47,20 +48,20 @@ class SmallFileRead : public OperatorTest {
     EXPECT_TRUE(device.TakeSent().empty());
     return result;
   }
-  /// One record whose path length says something else.
+  /// A request of one record, with this path length instead of the path's own.
   static Request WithPathLength(const std::string& path, uint32_t length) {
     const Request request = SmallReadRequest{.records = {{.path = path}}};
     return {.cmd = request.cmd, .payload = Patched(request.payload, 4 + 16, length)};
   }
 };
 
-TEST_F(SmallFileRead, OfNoRecordsRepliesWithJustTheCount) {
+TEST_F(SmallFileRead, OfNoRecordsRepliesWithTheCountOnly) {
   const Request request = SmallReadRequest{};
   ASSERT_EQ(request.payload.size(), 4U);
   ExpectRecords(request, {});
 }
 
-TEST_F(SmallFileRead, OfAFileAndAMissingOneRepliesWithDataAndWithNone) {
+TEST_F(SmallFileRead, OfAFileAndAMissingOneRepliesWithDataAndThenWithNone) {
   disk.MakeFile("/a.txt", "0123456789");
   const SmallRead found{.path = "/a.txt", .size = 10};
   const SmallRead missing{.path = "/none", .size = 5};
@@ -77,19 +78,19 @@ TEST_F(SmallFileRead, RepliesInTheOrderOfTheRequest) {
                 {Record(b, "bbbb"), Record(a, "aaaa"), Record(b, "bbbb")});
 }
 
-TEST_F(SmallFileRead, OfAMissingFileLeavesTheRecordsBehindItAlone) {
+TEST_F(SmallFileRead, OfAMissingFileDoesNotAffectTheRecordsAfterIt) {
   const SmallRead missing{.path = "/none"};
   const SmallRead known{.path = kKnownFile};
   ExpectRecords(SmallReadRequest{.records = {missing, known}},
                 {Record(missing, ""), Record(known, "known content")});
 }
 
-TEST_F(SmallFileRead, OfAPieceRepliesWithTheBytesAskedFor) {
+TEST_F(SmallFileRead, OfAPieceRepliesWithTheRequestedBytes) {
   const SmallRead piece{.path = kKnownFile, .offset = 2, .size = 3};
   ExpectRecords(SmallReadRequest{.records = {piece}}, {Record(piece, "own")});
 }
 
-TEST_F(SmallFileRead, OfMoreThanTheFileHoldsRepliesWithWhatThereIs) {
+TEST_F(SmallFileRead, OfMoreThanTheFileHoldsRepliesWithTheRestOfIt) {
   const SmallRead rest{.path = kKnownFile, .offset = 6, .size = 100000};
   ExpectRecords(SmallReadRequest{.records = {rest}}, {Record(rest, "content")});
 }
@@ -141,7 +142,7 @@ TEST_F(SmallFileRead, HasTheseBytesOnTheWire) {
                                       28)});
 }
 
-TEST_F(SmallFileRead, LeavesTheRequestAsItIs) {
+TEST_F(SmallFileRead, DoesNotChangeTheRequest) {
   const Request request = SmallReadRequest{.records = {{.path = kKnownFile, .unread_8 = 5}}};
   const auto packet = request.Packet();
   EXPECT_EQ(udisk->small_file_read(16, packet.get()), 0);
@@ -164,7 +165,7 @@ TEST_F(SmallFileRead, IsNeverTracedAndDoesNotSetModified) {
   EXPECT_EQ(udisk->modified, 0);
 }
 
-TEST_F(SmallFileRead, SaysInTheLogOnlyWhichReadFailed) {
+TEST_F(SmallFileRead, LogsOnlyReadsThatFailed) {
   Deliver(SmallReadRequest{.records = {{.path = kKnownFile}, {.path = "/none"}}});
   EXPECT_EQ(LogSoFar(),
             Texts{ErrorLine("UdiskReadFile",
@@ -246,17 +247,17 @@ TEST_F(SmallFileRead, WithAnEmptyPathIsRefusedWithMinusThreeSilently) {
 
 TEST_F(SmallFileRead, WhoseLaterRecordIsMalformedReadsNothing) {
   EXPECT_EQ(Refused(SmallReadRequest{.records = {{.path = "/none"}, {.path = ""}}}), -3);
-  EXPECT_EQ(Log().Messages(), Texts{}) << "the first record was read though";
+  EXPECT_EQ(Log().Messages(), Texts{}) << "the first record is not read";
 }
 
-TEST_F(SmallFileRead, IgnoresBytesBehindItsLastRecord) {
+TEST_F(SmallFileRead, IgnoresBytesAfterItsLastRecord) {
   const SmallRead known{.path = kKnownFile};
   Request request = SmallReadRequest{.records = {known}};
   request.payload += std::string(100, '\xff');
   ExpectRecords(request, {Record(known, "known content")});
 }
 
-TEST_F(SmallFileRead, TakesItsEndFromThePacketLength) {
+TEST_F(SmallFileRead, EndsWhereThePacketLengthSays) {
   const Request request = SmallReadRequest{.records = {{.path = kKnownFile}}};
   const auto refused = [&](uint32_t payload_bytes) {
     const auto packet = request.Packet();
@@ -270,7 +271,7 @@ TEST_F(SmallFileRead, TakesItsEndFromThePacketLength) {
   EXPECT_EQ(refused(4 + 24 + 10), 0);
 }
 
-TEST_F(SmallFileRead, TakesItsBeginningFromTheReadPosition) {
+TEST_F(SmallFileRead, StartsAtTheReadPosition) {
   Request shifted = SmallReadRequest{.records = {{.path = kKnownFile, .size = 5}}};
   shifted.payload.insert(0, "word");
   const auto packet = shifted.Packet();
@@ -305,7 +306,7 @@ TEST_F(SmallFileRead, OfTheLargestSizesAllocatesNoMoreThanTheFilesDeliver) {
   EXPECT_LT(PeakMemory() - before, 256U << 20);
 }
 
-TEST_F(SmallFileRead, PastEveryOffsetSaysSoInTheLogWhateverItsSize) {
+TEST_F(SmallFileRead, PastTheGreatestOffsetLogsTheSameWhateverItsSize) {
   for (const uint32_t size : {100U, 1U << 20}) {
     Log().Clear();
     const SmallRead past{.path = kKnownFile, .offset = INT64_MAX - 50, .size = size};
@@ -315,9 +316,9 @@ TEST_F(SmallFileRead, PastEveryOffsetSaysSoInTheLogWhateverItsSize) {
   }
 }
 
-TEST_F(SmallFileRead, OfMoreThanAPacketHoldsSendsNothingAndSaysSo) {
+TEST_F(SmallFileRead, OfMoreThanAPacketHoldsSendsNothingAndLogsAnError) {
   disk.MakeFile("/large", "");
-  ASSERT_EQ(truncate(disk.Local("/large").c_str(), int64_t{3} << 29), 0);  // holds no block
+  ASSERT_EQ(truncate(disk.Local("/large").c_str(), int64_t{3} << 29), 0);  // a sparse file
   // Three of them, so that their sum passes 32 bits, too.
   const SmallRead large{.path = "/large", .size = 0x7fffffff};
   const uint64_t before = PeakMemory();
@@ -328,7 +329,7 @@ TEST_F(SmallFileRead, OfMoreThanAPacketHoldsSendsNothingAndSaysSo) {
   EXPECT_TRUE(StillServes());
 }
 
-TEST_F(SmallFileRead, OfASizeThatIsNegativeRepliesWithNoDataAndAllocatesNothingForIt) {
+TEST_F(SmallFileRead, OfANegativeSizeRepliesWithNoDataAndAllocatesNothingForIt) {
   for (const uint32_t size : {0x80000000U, kMost}) {
     Log().Clear();
     const SmallRead known{.path = kKnownFile, .size = size};
@@ -341,7 +342,8 @@ TEST_F(SmallFileRead, OfASizeThatIsNegativeRepliesWithNoDataAndAllocatesNothingF
 }
 
 TEST_F(SmallFileRead, WhosePlannedSizeWrapsStillDeliversEveryByte) {
-  // Two records with paths of 10 bytes are planned with 16 + 2 * (0x7fffffde + 34), which is 16.
+  // The planned size of two records with paths of 10 bytes is 16 + 2 * (0x7fffffde + 34), which
+  // wraps to 16.
   constexpr uint32_t kWraps = 0x7fffffde;
   disk.MakeFile("/large.bin", std::string(300000, 'b'));
   const SmallRead big{.path = "/large.bin", .size = kWraps};
@@ -354,13 +356,13 @@ TEST_F(SmallFileRead, WhosePlannedSizeWrapsStillDeliversEveryByte) {
 
 class PacedSmallFileRead : public SmallFileRead {
  protected:
-  static constexpr uint32_t kAround = 16 + 24 + 10;  // what one record plans besides its size
+  static constexpr uint32_t kAround = 16 + 24 + 10;  // a record's planned size without its data
 
   void Announce(uint32_t kbps) {
     const Request event{.cmd = kBusReadBandwidth, .payload = BytesOf(kbps)};
     udisk->BusEventHandle(event.Packet());
   }
-  /// The milliseconds slept for one record whose reply is planned with so many bytes; 0 = none.
+  /// How many milliseconds a request of one record with this planned size sleeps.
   int64_t SleepOf(uint32_t planned) {
     const Request request =
         SmallReadRequest{.records = {{.path = kKnownFile, .size = planned - kAround}}};
@@ -369,7 +371,7 @@ class PacedSmallFileRead : public SmallFileRead {
     EXPECT_LE(sleeps.size(), 1U);
     return sleeps.empty() ? 0 : sleeps[0];
   }
-  /// An operator that starts with these settings.
+  /// Makes an operator with this environment variable set.
   void MakeOperatorWith(const char* variable, const char* value) {
     setenv(variable, value, 1);
     MakeOperator();
@@ -423,7 +425,7 @@ TEST_F(PacedSmallFileRead, SharesTheCountWithFileRead) {
   EXPECT_EQ(SleepOf(500000), 0);
   EXPECT_TRUE(Ask(ReadRequest{.path = kKnownFile, .size = 12000}));
   EXPECT_EQ(clock.TakeSleepsMs(), std::vector<int64_t>{500});
-  EXPECT_EQ(udisk->legacyBytes, 12000U) << "file_read counts into the new period";
+  EXPECT_EQ(udisk->legacyBytes, 12000U) << "file_read counts towards the new period";
 }
 
 TEST_F(PacedSmallFileRead, SleepsBeforeItSends) {
@@ -474,16 +476,16 @@ TEST_F(PacedSmallFileRead, IsStillPaced5000MsAfterTheAnnouncementAndNoLongerAt50
   EXPECT_EQ(udisk->readBwKbps, 0U);
 }
 
-TEST_F(PacedSmallFileRead, DoesNotRecordWhenItBegan) {
+TEST_F(PacedSmallFileRead, DoesNotRecordItsStartTime) {
   Announce(8000);
   SleepOf(1000);
   EXPECT_EQ(udisk->lastReadMs, 0);
 }
 
-TEST_F(PacedSmallFileRead, AppliesAForcedBandwidthAfterTheTestForAStaleOne) {
+TEST_F(PacedSmallFileRead, AppliesAForcedBandwidthAfterItDropsAStaleOne) {
   MakeOperatorWith("TESSEL_CPD_CLIENT_FORCE_BW", "8000");
   clock.Advance(60000);
-  // Were the forced bandwidth applied first, it would be 6 seconds old at the test.
+  // If the forced bandwidth were applied first, it would be 6 seconds old, and dropped as stale.
   clock.TickPerReading(6000);
   EXPECT_EQ(SleepOf(512000), 500);
   EXPECT_EQ(udisk->readBwKbps, 8000U);

@@ -1,4 +1,4 @@
-// The harness itself, where a mistake in it would make other tests pass that should not.
+// Tests of the test support, in places where a mistake would make other tests pass wrongly.
 #include <gtest/gtest.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -41,7 +41,7 @@ TEST(VirtualClock, SleepReturnsAtOnceAndMovesTheClock) {
   EXPECT_TRUE(clock.TakeSleepsMs().empty());
 }
 
-TEST(VirtualClock, GivesRealTimeBackWhenItEnds) {
+TEST(VirtualClock, RestoresRealTimeWhenItEnds) {
   { VirtualClock clock(5000); }
   const int64_t before = static_cast<int64_t>(std::time(nullptr)) * 1000;
   EXPECT_GE(WallClockMs(), before - 1000);
@@ -50,7 +50,7 @@ TEST(VirtualClock, GivesRealTimeBackWhenItEnds) {
   EXPECT_GE(WallClockMs() - begin, 19);
 }
 
-TEST(LogRecorder, TakesALineApart) {
+TEST(LogRecorder, SplitsALineIntoItsParts) {
   Log().Clear();
   tesselLogPrint(0, kError, "CPD_LOG", "%s %s(%d): \"Error:\" \"took (%d) \\n\"", "a.cpp", "run",
                  12, 7);

@@ -26,7 +26,7 @@ class ThrottleTest : public OperatorTest {
   void Announce(uint32_t kbps) {
     udisk->BusEventHandle(Request{.cmd = kBusReadBandwidth, .payload = BytesOf(kbps)}.Packet());
   }
-  /// Paces one read. @return the sleeps that it took
+  /// Paces one read. @return its sleeps
   Sleeps Read(uint32_t bytes) { return Pace(bytes, BulkRead::kFile); }
   Sleeps ReadSmallFiles(uint32_t bytes) { return Pace(bytes, BulkRead::kSmallFiles); }
 
@@ -39,7 +39,7 @@ class ThrottleTest : public OperatorTest {
   }
 };
 
-// ---- Choice of the method ----
+// ---- Throttle mode ----
 
 class ThrottleModeTest : public ThrottleTest {
  protected:
@@ -63,7 +63,7 @@ TEST_F(ThrottleModeTest, WithoutVariablesIsLegacy) {
   EXPECT_EQ(udisk->forceBw, 0);
 }
 
-TEST_F(ThrottleModeTest, ZeroOrNoNumberChoosesTheTokenBucket) {
+TEST_F(ThrottleModeTest, ZeroOrAnythingButANumberChoosesTheTokenBucket) {
   for (const char* text : {"0", "no", "", "0x1"}) {
     EXPECT_EQ(ModeLine(text, nullptr), "[UDisk] throttle mode=TOKEN_BUCKET, FORCE_BW=not set")
         << text;
@@ -78,7 +78,7 @@ TEST_F(ThrottleModeTest, AnotherNumberKeepsLegacy) {
   }
 }
 
-TEST_F(ThrottleModeTest, ForcedBandwidthIsLoggedAsItStands) {
+TEST_F(ThrottleModeTest, ForcedBandwidthIsLoggedUnchanged) {
   const std::vector<std::pair<std::string, int32_t>> forced = {
       {"2000", 2000}, {"12 kbps", 12}, {"fast", 0}, {"0", 0}, {"", 0}};
   for (const auto& [text, kbps] : forced) {
@@ -110,7 +110,7 @@ TEST_F(FreshnessTest, AnUnpacedReadReadsTheClockOnceAndNothingElse) {
   EXPECT_EQ(clock.Readings(), 1);
 }
 
-TEST_F(FreshnessTest, AReadKeepsItsTime) {
+TEST_F(FreshnessTest, AReadRecordsItsTime) {
   Read(1);
   EXPECT_EQ(udisk->lastReadMs, clock.NowMs());
 }
@@ -146,7 +146,7 @@ TEST_F(FreshnessTest, AnnouncingZeroTurnsPacingOff) {
   EXPECT_EQ(Read(512'000), Sleeps{});
 }
 
-TEST_F(FreshnessTest, AClockThatWentBackKeepsTheBandwidth) {
+TEST_F(FreshnessTest, ABandwidthSurvivesAClockThatIsSetBack) {
   Announce(8000);
   clock.Advance(-1'000'000);
   EXPECT_EQ(Read(512'000), Sleeps{500});
@@ -178,14 +178,15 @@ TEST_F(FreshnessTest, SmallFilesDropFirstThenForceWithAFreshTime) {
   EXPECT_EQ(ReadSmallFiles(512'000), Sleeps{500});
   EXPECT_EQ(udisk->readBwKbps, 8000U);
   EXPECT_EQ(udisk->lastBwUpdateMs, begin + 1) << "the second reading";
-  EXPECT_EQ(udisk->lastReadMs, 0) << "left to file reads";
+  EXPECT_EQ(udisk->lastReadMs, 0) << "only file reads record it";
 }
 
 // ---- Legacy ----
 
 class LegacyThrottleTest : public ThrottleTest {
  protected:
-  /// The smallest read that fills a fresh period at this bandwidth, and the sleep that it costs.
+  /// Expects `allowance` to be the smallest read that sleeps in a new period, and the sleep to be
+  /// `period_ms`.
   void ExpectPeriod(uint32_t kbps, uint32_t allowance, int64_t period_ms) {
     Announce(kbps);
     udisk->legacyBytes = 0;
@@ -220,7 +221,7 @@ TEST_F(LegacyThrottleTest, CountsBytesIn32Bits) {
   EXPECT_EQ(udisk->legacyBytes, 9U);
 }
 
-TEST_F(LegacyThrottleTest, AFileReadThatSleptCountsIntoTheNextPeriod) {
+TEST_F(LegacyThrottleTest, AFileReadThatSleptCountsTowardsTheNextPeriod) {
   Announce(8000);
   Read(500'000);
   EXPECT_EQ(Read(20'000), Sleeps{500});
@@ -252,7 +253,7 @@ TEST_F(LegacyThrottleTest, ARunOfSmallFilesSleepsOnEveryEighth) {
   EXPECT_EQ(slept, (std::vector<int>{8, 16, 24}));
 }
 
-TEST_F(LegacyThrottleTest, WhatASleepTookTooLongIsTakenOffTheNext) {
+TEST_F(LegacyThrottleTest, TheOverrunOfASleepShortensTheNext) {
   Announce(8000);
   clock.OversleepBy(30);
   EXPECT_EQ(Read(512'000), Sleeps{500});
@@ -262,7 +263,7 @@ TEST_F(LegacyThrottleTest, WhatASleepTookTooLongIsTakenOffTheNext) {
   EXPECT_EQ(udisk->legacyOverrunMs, 0);
 }
 
-TEST_F(LegacyThrottleTest, AnOverrunOfAPeriodOrMoreSparesTheSleepNotTheNewPeriod) {
+TEST_F(LegacyThrottleTest, AnOverrunOfAPeriodOrMoreSkipsTheSleepButStartsANewPeriod) {
   Announce(8000);
   udisk->legacyOverrunMs = 499;
   EXPECT_EQ(Read(512'000), Sleeps{1});
@@ -304,7 +305,7 @@ TEST_F(LegacyThrottleTest, ACallThatTakesLongWithoutASleepIsAnOverrunToo) {
   EXPECT_EQ(udisk->legacyOverrunMs, 0) << "and a quick one clears it";
 }
 
-TEST_F(LegacyThrottleTest, AClockThatGoesBackInASleepIsNoOverrun) {
+TEST_F(LegacyThrottleTest, AClockThatIsSetBackDuringASleepIsNotAnOverrun) {
   Announce(8000);
   udisk->legacyOverrunMs = 7;
   clock.OversleepBy(-3'600'000);
@@ -361,7 +362,7 @@ TEST(TokenBucketRate, IsAnEighthOfTheBandwidthAndTheBurst200Milliseconds) {
   }
 }
 
-TEST(TokenBucketRate, IsLoggedAsTheEighthAlsoWhereOneIsStored) {
+TEST(TokenBucketRate, IsLoggedAsAnEighthEvenWhenOneIsStored) {
   TokenBucket bucket;
   Log().Clear();
   bucket.updateRate(4000);
@@ -376,7 +377,7 @@ TEST(TokenBucketRate, IsLoggedAsTheEighthAlsoWhereOneIsStored) {
   EXPECT_EQ(line.function, "updateRate");
 }
 
-TEST(TokenBucketRate, OfTheSameBandwidthIsNotDerivedAgain) {
+TEST(TokenBucketRate, IsNotDerivedAgainForTheSameBandwidth) {
   TokenBucket bucket;
   bucket.updateRate(4000);
   bucket.refillPerMs = 17;
@@ -405,7 +406,7 @@ class TokenBucketTest : public ::testing::Test {
     bucket.consume(bytes);
     return clock.TakeSleepsMs();
   }
-  /// A full bucket with the summary period opened now.
+  /// Makes the bucket full and starts the summary period now.
   void Open() {
     Consume(0);
     Log().Clear();
@@ -445,7 +446,7 @@ TEST_F(TokenBucketTest, ADeficitOf15000BytesIsCarried) {
   EXPECT_EQ(bucket.sleeps, 0);
 }
 
-TEST_F(TokenBucketTest, SleepsFrom32MillisecondsOn) {
+TEST_F(TokenBucketTest, SleepsWhenTheDebtIs32MillisecondsOrMore) {
   EXPECT_EQ(Consume(262'144 + 31 * 500), Sleeps{});
   EXPECT_EQ(Consume(1), Sleeps{32});
 }
@@ -475,7 +476,7 @@ TEST_F(TokenBucketTest, IsRefilledUpToItsCapacity) {
   EXPECT_EQ(bucket.tokens, 262'144);
 }
 
-TEST_F(TokenBucketTest, IsNotRefilledWithinTheMillisecondOrWhenTheClockWentBack) {
+TEST_F(TokenBucketTest, IsNotRefilledWithinAMillisecondOrWhenTheClockIsSetBack) {
   Consume(200'000);
   Consume(0);
   EXPECT_EQ(bucket.tokens, 62'144);
@@ -485,7 +486,7 @@ TEST_F(TokenBucketTest, IsNotRefilledWithinTheMillisecondOrWhenTheClockWentBack)
   EXPECT_EQ(bucket.lastRefillMs, clock.NowMs());
 }
 
-TEST_F(TokenBucketTest, ARefillClampsWhatALargerBucketLeft) {
+TEST_F(TokenBucketTest, ARefillCapsTokensThatALargerBucketLeft) {
   bucket.updateRate(20'000);
   Consume(0);
   bucket.updateRate(4000);
@@ -496,13 +497,13 @@ TEST_F(TokenBucketTest, ARefillClampsWhatALargerBucketLeft) {
   EXPECT_EQ(bucket.tokens, 262'144);
 }
 
-TEST_F(TokenBucketTest, RefillsByTheTimeReallySlept) {
+TEST_F(TokenBucketTest, RefillsByTheTimeThatItReallySlept) {
   clock.OversleepBy(4);
   Consume(300'000);
   EXPECT_EQ(bucket.tokens, -37'856 + 80 * 500);
 }
 
-TEST_F(TokenBucketTest, AClockThatGoesBackInASleepTakesTokensAway) {
+TEST_F(TokenBucketTest, AClockThatIsSetBackDuringASleepTakesTokensAway) {
   clock.OversleepBy(-176);
   EXPECT_EQ(Consume(300'000), Sleeps{76});
   EXPECT_EQ(bucket.tokens, -37'856 - 100 * 500);
@@ -521,7 +522,7 @@ TEST_F(TokenBucketTest, CountsCallsSleepsCarriesAndSleptTime) {
   EXPECT_EQ(bucket.totalBytes, 262'144 + 30'000);
 }
 
-TEST_F(TokenBucketTest, SurvivesAClockThatJumpsFarBothWays) {
+TEST_F(TokenBucketTest, SurvivesAClockThatJumpsFarInEitherDirection) {
   constexpr int64_t kFarMs = INT64_MAX / 2000;
   bucket.updateRate(UINT32_MAX);
   for (const int64_t now : {int64_t{1}, kFarMs, -kFarMs, kFarMs, int64_t{0}, -kFarMs}) {
@@ -578,7 +579,7 @@ TEST_F(TokenBucketTest, SummaryOfTheMostThatCanBeCountedIsRight) {
       << Log().Messages()[0];
 }
 
-TEST_F(TokenBucketTest, SummaryBeginsANewPeriod) {
+TEST_F(TokenBucketTest, SummaryStartsANewPeriod) {
   Open();
   Consume(1000);
   clock.Advance(5000);
@@ -591,7 +592,7 @@ TEST_F(TokenBucketTest, SummaryBeginsANewPeriod) {
   EXPECT_EQ(bucket.totalSlept, 0);
 }
 
-TEST_F(TokenBucketTest, FirstCallOpensAPeriodWithoutASummary) {
+TEST_F(TokenBucketTest, FirstCallStartsAPeriodWithoutASummary) {
   Log().Clear();
   Consume(1000);
   EXPECT_TRUE(Log().Lines().empty());
@@ -599,7 +600,7 @@ TEST_F(TokenBucketTest, FirstCallOpensAPeriodWithoutASummary) {
   EXPECT_EQ(bucket.calls, 0);
 }
 
-TEST_F(TokenBucketTest, SummaryComesAt5000MillisecondsNotBefore) {
+TEST_F(TokenBucketTest, SummaryIsLoggedAfter5000MillisecondsNotBefore) {
   Open();
   clock.Advance(4999);
   Consume(1);
@@ -609,14 +610,14 @@ TEST_F(TokenBucketTest, SummaryComesAt5000MillisecondsNotBefore) {
   EXPECT_EQ(Log().Lines().size(), 1U);
 }
 
-TEST_F(TokenBucketTest, SummaryGoesByTheTimeBeforeTheSleep) {
+TEST_F(TokenBucketTest, SummaryUsesTheTimeBeforeTheSleep) {
   Open();
   clock.Advance(4990);
   EXPECT_EQ(Consume(300'000), Sleeps{76});
   EXPECT_TRUE(Log().Lines().empty());
 }
 
-TEST_F(TokenBucketTest, ACarriedDeficitClosesNoPeriod) {
+TEST_F(TokenBucketTest, ACarriedDeficitDoesNotEndThePeriod) {
   Open();
   clock.Advance(5000);
   Consume(262'144 + 15'000);
@@ -632,7 +633,7 @@ class TokenBucketReadTest : public ThrottleTest {
   TokenBucketReadTest() { udisk->legacyThrottle = false; }
 };
 
-TEST_F(TokenBucketReadTest, TakesTheRateFromTheBandwidthInForce) {
+TEST_F(TokenBucketReadTest, UsesTheCurrentBandwidthAsItsRate) {
   Announce(4000);
   EXPECT_EQ(Read(300'000), Sleeps{76});
   EXPECT_EQ(udisk->tokenBucket.bw, 4000U);
@@ -642,7 +643,7 @@ TEST_F(TokenBucketReadTest, TakesTheRateFromTheBandwidthInForce) {
   EXPECT_EQ(udisk->legacyBytes, 0U);
 }
 
-TEST_F(TokenBucketReadTest, PacesSmallFilesTheSame) {
+TEST_F(TokenBucketReadTest, PacesSmallFilesInTheSameWay) {
   Announce(4000);
   EXPECT_EQ(ReadSmallFiles(300'000), Sleeps{76});
 }
@@ -663,7 +664,7 @@ TEST_F(TokenBucketReadTest, KeepsItsDebtWhileThereIsNoBandwidth) {
   clock.Advance(1000);
   Announce(4000);
   Read(0);
-  EXPECT_EQ(udisk->tokenBucket.tokens, 262'144) << "the whole idle time, up to the capacity";
+  EXPECT_EQ(udisk->tokenBucket.tokens, 262'144) << "all the idle time, up to the capacity";
 }
 
 TEST_F(TokenBucketReadTest, IsNotConfiguredByAnUnpacedRead) {

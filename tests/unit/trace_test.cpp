@@ -44,7 +44,7 @@ TEST_F(TraceTest, OfAFailureSaysErrorAndFalse) {
                                         {"success", "false"}}));
 }
 
-TEST_F(TraceTest, ReadsTheLocalMountPointAloud) {
+TEST_F(TraceTest, LogsTheLocalMountPointThatItReads) {
   Record("E", true);
   EXPECT_EQ(Log().Messages(), std::vector<std::string>{"local mMountDrive:" + disk.root()});
 }
@@ -84,7 +84,7 @@ TEST_F(TraceTest, IdsAreFresh16DigitLowercaseHexNumbers) {
     ids.insert(trace.id);
   }
   EXPECT_EQ(ids.size(), kRecords);
-  EXPECT_TRUE(leading_zero) << "one in sixteen begins with a zero";
+  EXPECT_TRUE(leading_zero) << "one in sixteen starts with a zero";
 }
 
 TEST_F(TraceTest, AsksForTheTracerOncePerRecord) {
@@ -108,7 +108,7 @@ TEST_F(TraceTest, WithoutABaseIsDroppedSilently) {
   EXPECT_TRUE(Log().Lines().empty());
 }
 
-TEST_F(TraceTest, WhoseBaseGoesMeanwhileIsDropped) {
+TEST_F(TraceTest, IsDroppedWhenTheBaseGoesMeanwhile) {
   for (const char* path : {"", "/a.txt"}) {
     device.DropBase(1);
     Record("E", true, path);
@@ -116,7 +116,7 @@ TEST_F(TraceTest, WhoseBaseGoesMeanwhileIsDropped) {
   }
 }
 
-TEST_F(TraceTest, GoesToTheDeviceGivenNotToTheOperators) {
+TEST_F(TraceTest, GoesToTheGivenDeviceNotToTheOperators) {
   FakeDevice other;
   udisk->TraceCpdDevice("E", &other, true, "what happened", "", "");
   EXPECT_TRUE(Traces().empty());

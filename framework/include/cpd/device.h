@@ -1,4 +1,4 @@
-// The host's objects behind one redirected disk, as a driver module sees them.
+// The host's objects for one redirected disk, as a driver module sees them.
 // The order of the virtual operations is the order of their slots: binary contract, do not reorder.
 #pragma once
 
@@ -11,7 +11,7 @@ namespace cpd {
 
 class CpdPacket;
 
-/// What CpdPathFilter::MatchPath answers. Only whether the handle is empty matters.
+/// The result of CpdPathFilter::MatchPath. Only whether the pointer is empty matters.
 class CpdPathMatch {
  public:
   virtual ~CpdPathMatch() = default;
@@ -21,12 +21,12 @@ class CpdPathMatch {
 class CpdPathFilter {
  public:
   /// @param path  relative to the disk's mount point
-  /// @return an empty handle when the path is not to be traced
+  /// @return an empty pointer when the path is not to be traced
   virtual std::shared_ptr<CpdPathMatch> MatchPath(const std::string& path) = 0;
   virtual ~CpdPathFilter() = default;
 };
 
-/// The USB device behind a redirected disk. All operations are callable from any thread.
+/// The USB device of a redirected disk. All operations are callable from any thread.
 class CpdDeviceBase {
  public:
   uint8_t bus = 0;
@@ -39,7 +39,7 @@ class CpdDeviceBase {
   virtual void TraceEvent(const std::string& id, const std::string& event,
                           const std::map<std::string, std::string>& fields) = 0;
 
-  /// As TraceEvent, with a detail, the path of a file.
+  /// As TraceEvent, with the path of a file as its detail.
   virtual void TraceEventDetail(const std::string& id, const std::string& detail,
                                 const std::string& event,
                                 const std::map<std::string, std::string>& fields) = 0;
@@ -60,13 +60,13 @@ class CpdDevice {
   /// The id that the device's packets carry in their header.
   virtual int GetDevId() = 0;
 
-  /// Hands a packet over for the remote side. What the pointer still owns when the call returns
-  /// is destroyed by the caller.
-  /// Called on the driver's worker (the first two packets: on its service thread). While it runs no
-  /// later request is served, so it must not wait; and it must not call Close or delete the driver,
-  /// which join these threads. The same holds for the trace operations of CpdDeviceBase.
-  /// What comes back from the remote side must be handed to onEvent in a buffer of exactly the
-  /// message's length; see there.
+  /// Sends a packet to the remote side. The host may take it out of `packet`; otherwise the packet
+  /// is destroyed when the call returns.
+  /// Called on the driver's worker (for the first two packets: on its service thread). No later
+  /// request is served while it runs, so it must not wait. It must not call Close or delete the
+  /// driver, which would join the calling thread. The same holds for the trace operations of
+  /// CpdDeviceBase. What comes back from the remote side must be handed to onEvent in a buffer of
+  /// exactly the message's length; see there.
   /// @param flags  drivers pass -1
   /// @return the host's own result, 0 for success
   virtual int SendPacket(std::unique_ptr<CpdPacket> packet, int flags) = 0;
@@ -77,7 +77,7 @@ class CpdDevice {
   virtual ~CpdDevice() = default;
 };
 
-/// A peripheral as the host's plug-and-play part knows it; opaque to drivers.
+/// A peripheral of the host's plug-and-play code; opaque to drivers.
 class PeriphDevice;
 
 }  // namespace cpd

@@ -1,4 +1,4 @@
-// A driver and the descriptor by which its module is found.
+// A driver, and the descriptor through which the host finds it in a module.
 // The order of the virtual operations is the order of their slots: binary contract, do not reorder.
 #pragma once
 
@@ -32,7 +32,7 @@ class CpdDriver {
   /// @return 0
   virtual int GetState() = 0;
 
-  /// Takes a bus event; carried out on the calling thread. @return 0
+  /// Handles a bus event on the calling thread. @return 0
   virtual int onBusEvent(std::shared_ptr<CpdPacket> packet) = 0;
 
   /// Takes a new policy text. @return 0
@@ -49,8 +49,8 @@ class CpdDriver {
 
   virtual std::string GetDriverKind() = 0;
 
-  /// The object behind the driver; empty once the driver is closed. It may be kept and used after
-  /// that, also when driver and device are gone.
+  /// The object that answers questions about the disk; empty once the driver is closed. It may be
+  /// kept and used after that, also when driver and device are gone.
   virtual std::shared_ptr<DriverObj> GetDriverObj() = 0;
 };
 

@@ -1,4 +1,4 @@
-// What the host may ask of the object behind a driver.
+// What the host can ask a driver about its disk.
 // The order of the virtual operations is the order of their slots: binary contract, do not reorder.
 #pragma once
 

@@ -1,4 +1,4 @@
-// The keys of trace fields, one constant a key, shared by the host and its drivers.
+// The keys of trace fields, one constant per key, shared by the host and its drivers.
 #pragma once
 
 namespace cpd::trace_keys {

@@ -1,11 +1,11 @@
-// The host's tracer. The host program defines it; a driver module only asks for it.
+// The host's tracer. The host program defines it; a driver module only calls GetInstance.
 #pragma once
 
 namespace cpd {
 
 class CpdTracer {
  public:
-  /// The host's one tracer. Asking for it, from any thread, makes the host set it up.
+  /// The host's only tracer, which the first call sets up. Callable from any thread.
   static CpdTracer* GetInstance();
 };
 

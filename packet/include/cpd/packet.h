@@ -1,5 +1,5 @@
 // The framework's packet: a 16-byte header and a payload in one owned, growable buffer.
-// Compiled into the host and into each driver module alike; no locks, one owner at a time.
+// Compiled into the host and into each driver module. It has no locks: one owner at a time.
 #pragma once
 
 #include <bit>
@@ -14,11 +14,12 @@ static_assert(std::endian::native == std::endian::little,
 
 inline constexpr size_t CPD_PACKET_HEADER_SIZE = 16;
 inline constexpr uint8_t CPD_PACKET_MAGIC = 0x27;
-/// By how much a packet grows when an append does not fit: once a call, whatever is missing.
+/// By how much a packet grows when an append does not fit. It grows once per call, even when that
+/// is not enough.
 inline constexpr size_t PACKET_GROW_STEP = 0x20000;
 
 #pragma pack(push, 1)
-/// Wire format; stands at the very start of every packet's buffer.
+/// Wire format; at the very start of every packet's buffer.
 struct CpdPacketHeader {
   uint8_t magic;       ///< CPD_PACKET_MAGIC
   uint8_t devId;       ///< the device that the packet is addressed to
@@ -34,7 +35,7 @@ static_assert(offsetof(CpdPacketHeader, cmd) == 2 && offsetof(CpdPacketHeader, r
 static_assert(offsetof(CpdPacketHeader, packetLen) == 8 &&
               offsetof(CpdPacketHeader, bigEndian) == 12);
 
-/// The bytes of one packet, from malloc, so that host and module can free each other's.
+/// The bytes of one packet, from malloc, so that host and module can free each other's buffers.
 class PacketBuffer {
  public:
   /// Allocates; on failure `data` is null and `capacity` 0.
@@ -46,9 +47,9 @@ class PacketBuffer {
   PacketBuffer& operator=(const PacketBuffer&) = delete;
 
   /// Copies `len` bytes to `offset`, growing by PACKET_GROW_STEP first when they do not fit.
-  /// @return 0; -1 when they still do not fit or memory ran out: nothing is copied then
+  /// @return 0; -1, and nothing is copied, when they still do not fit or memory ran out
   int Write(const void* src, int offset, int len);
-  /// Gives the memory beyond `size` bytes back; `size` is at most the capacity.
+  /// Frees the memory beyond `size` bytes; does nothing for 0, the capacity or more.
   void Shrink(size_t size);
 
   uint8_t* data;
@@ -60,26 +61,28 @@ class CpdPacket {
   /// An empty packet without a buffer, to be filled by Parse.
   CpdPacket() = default;
   /// A packet for sending with room for `size` bytes, header included (16 at least).
-  /// Out of memory prints a line and leaves a packet without header on which everything fails.
+  /// When memory runs out, it prints a line; the packet has no header, and all operations on it
+  /// fail.
   explicit CpdPacket(size_t size);
 
-  /// Addresses the packet; does nothing without a buffer. `packetLen` stays as it is.
+  /// Fills in the header, except `packetLen`. Does nothing without a buffer.
   void InitHeader(uint8_t devId, uint16_t cmd, uint32_t requestId);
   /// Appends to the payload; may move the buffer. @return 0 or -1
   int AppendPayload(const void* data, uint32_t len);
   /// Appends a 4-byte value. @return 0 or -1; a buffer with room for the header only is refused
   int AppendUint32(uint32_t value);
-  /// Takes a received byte image of `len` bytes. With `copy` false the packet adopts `data`, which
+  /// Takes a received packet of `len` bytes. With `copy` false the packet adopts `data`, which
   /// must come from malloc. `packetLen` is not compared with `len`. @return 0 or -1
   int Parse(uint8_t* data, int len, bool copy);
-  /// A deep copy of the first `packetLen` bytes; null when those pass the capacity or memory ran
-  /// out. The caller owns it.
+  /// A deep copy of the first `packetLen` bytes, owned by the caller; null when they exceed the
+  /// capacity or memory ran out.
   [[nodiscard]] CpdPacket* Clone() const;
   /// The unread payload; null without a buffer or past its end.
   [[nodiscard]] uint8_t* GetPayload() const;
   /// Reads the next payload word, in the header's byte order. @return 0 or -1
   int ReadUint32(uint32_t* out);
-  /// `packetLen` less the header and what was read; 0 without a buffer. A remote side's claim.
+  /// `packetLen` minus the header and what was read; 0 without a buffer. The remote side sets
+  /// `packetLen`: do not trust it.
   [[nodiscard]] uint32_t PayloadSize() const;
 
   CpdPacketHeader* header = nullptr;  ///< into the buffer; null until there is one

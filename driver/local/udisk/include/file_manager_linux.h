@@ -1,4 +1,4 @@
-// The file operations behind the requests, and the listing they make.
+// The file operations that carry out requests, and the listing of a directory.
 #pragma once
 
 #include <sys/stat.h>
@@ -22,20 +22,20 @@ class LocalPaths;
 struct _UDISK_DIR_ATTR {
   uint32_t entry_count;  ///< entries in buf
   uint32_t buf_len;      ///< bytes in buf: the entries and one spare zero byte
-  uint8_t* buf;          ///< packed udisk_dir_entry; released with free by who asked for it
+  uint8_t* buf;          ///< packed udisk_dir_entry records; the caller releases it with free
 };
 
 /// The mount point of a disk.
 struct DiskRoot {
-  std::string path;  ///< empty: there is no disk
+  std::string path;  ///< empty when there is no disk
   bool is_mount =
-      false;  ///< it was the root of a mount when the disk was named, and has to stay one
+      false;  ///< it was the root of a mount when the disk was set, so it must still be one
 };
 
 /// Where a read puts its data.
 struct ReadRoom {
   void* data;
-  int count;  ///< how much to read
+  int count;  ///< bytes to read
 };
 
 /// What ends an operation of many calls between two of them, once it has been given up.
@@ -47,49 +47,50 @@ struct GivenUp : std::exception {
 
 /// POSIX operations on full local paths. Each opens and closes its own descriptor, so nothing
 /// stays open on a disk that may be pulled out; confined reads keep the mount point open until
-/// LetGo. Callable from any thread. Unless said otherwise the result is that of the system call,
-/// errno is left as that call set it, and a failure is logged where the operation has a text for
-/// it. Files are opened O_CLOEXEC | O_NONBLOCK | O_NOCTTY, so that a FIFO or device never holds a
-/// call; a regular file that another process holds a lease on is waited for, as open does without
-/// O_NONBLOCK. Confined, modes lose their set-user-ID and set-group-ID bits.
+/// LetGo. Callable from any thread. Unless stated otherwise, an operation returns what the system
+/// call returned and leaves errno as that call set it; some operations log a failure. Files are
+/// opened with O_CLOEXEC | O_NONBLOCK | O_NOCTTY, so a FIFO or device never blocks a call. Opening
+/// a regular file that another process holds a lease on still waits, as without O_NONBLOCK. In
+/// confined mode, modes lose their set-user-ID and set-group-ID bits.
 class FileManagerLinux {
  public:
-  /// @param confine_to  the present mount point, which no path then leads out of; none: paths are
-  ///                    used as they stand
+  /// @param confine_to  returns the current mount point, to which all paths are then confined;
+  ///                    without it paths are used unchanged
   explicit FileManagerLinux(std::function<DiskRoot()> confine_to = nullptr);
-  /// Flushes all file systems, so that what was written is on the disk when the driver lets it go.
+  /// Syncs all file systems, so that everything written is on the disk once the driver is gone.
   ~FileManagerLinux();
   FileManagerLinux(const FileManagerLinux&) = delete;
   FileManagerLinux& operator=(const FileManagerLinux&) = delete;
 
   /// Creates or empties a file, making missing parents with mode 0777. `flags` is ignored. In plain
-  /// mode the descriptor stays open where parents were tried.
-  /// @return a descriptor number, of use for its sign only, or -1
+  /// mode the descriptor stays open when the file was created after making its parents.
+  /// @return -1 on failure, else a descriptor number of which only the sign means anything
   int UdiskCreateFile(const char* path, int flags, int mode);
   bool IsDirectory(const char* path);  ///< links are followed
   int MakeOneDir(const char* path, int mode);
-  /// Makes the missing directories above `path` and, with `make_last`, `path` itself. Backslashes
-  /// separate like slashes. @return 0 (also for null), -1, or the last mkdir's result
+  /// Makes the missing directories above `path` and, with `make_last`, `path` itself. A backslash
+  /// separates components, as a slash does.
+  /// @return 0 (also for null), -1, or the last mkdir's result
   int UdiskMakeDir(const char* path, int mode, short make_last);
   int UdiskFileOpen(const char* path);           ///< not implemented: -1
-  int UdiskCloseFile(const char* path, int fd);  ///< nothing: 0
-  int UdiskCleanUp(const char* path, int fd);    ///< nothing: 0
+  int UdiskCloseFile(const char* path, int fd);  ///< does nothing: 0
+  int UdiskCleanUp(const char* path, int fd);    ///< does nothing: 0
 
   /// Reads up to `count` bytes at `offset`.
   /// @param err  receives errno on failure only
   /// @return bytes read; 0 at the end of the file and on every failure
   int UdiskReadFile(const char* path, void* buf, int64_t offset, int count, uint32_t* err);
-  /// The same into room that is made once the file is open: `make_room` gets its descriptor.
+  /// As above, but `make_room`, called with the open file's descriptor, supplies the buffer.
   int UdiskReadFile(const char* path, int64_t offset, uint32_t* err,
                     const std::function<ReadRoom(int fd)>& make_room);
-  /// Whether a read would end past the greatest offset there is. The call refuses it, and needs no
-  /// room for that.
+  /// Whether a read would end past the greatest possible offset. The system call refuses it, so it
+  /// needs no buffer.
   static bool Overflows(int64_t offset, int count) {
     return count > 0 && offset > INT64_MAX - count;
   }
-  /// How many of `count` bytes at `offset` the file can deliver at most. A file that does not know
-  /// its size is taken for one of 1 MiB, one that cannot be reached for empty. A negative count
-  /// stays as it is.
+  /// At most how many of `count` bytes at `offset` the file can deliver. A file of unknown size
+  /// (such as one in /proc) counts as 1 MiB, one that cannot be opened as empty. A negative count
+  /// is returned unchanged.
   static int Deliverable(int fd, int64_t offset, int count);
   int Deliverable(const char* path, int64_t offset, int count) const;
   /// Writes to an existing file. @param err  receives errno on failure only
@@ -101,7 +102,7 @@ class FileManagerLinux {
   /// Attributes of the file itself: a symbolic link is not followed. `out` is written on success.
   int UdiskGetFileInformation(const char* path, udisk_stat* out);
   int UdiskGetXattr(const char* path);  ///< extended attributes are not supported: -1
-  /// Lists a directory, "." and ".." included, in the directory's own order. `out` is left alone on
+  /// Lists a directory, "." and ".." included, in the directory's own order. `out` is unchanged on
   /// failure. @return 0, or -1 when it cannot be opened or memory ran out
   int UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out);
   int UdiskLink(const char* existing, const char* path);
@@ -113,15 +114,16 @@ class FileManagerLinux {
   int UdiskFileChmod(const char* path, int mode);                   ///< 16 bits of mode
   int UdiskFileChown(const char* path, int uid, int gid);           ///< follows links
   int set_statvfs(const struct statvfs* from, udisk_statvfs* out);  ///< 0
-  /// What the calls do not fill stays zero. @return 0
+  /// A system call that fails leaves its fields zero. @return 0
   int UdiskGetStatvfs(const char* path, udisk_statvfs* out);
   int UdiskDeleteDirectory(const char* path);
-  int UdiskFlush(const char* path);    ///< nothing: 0
-  int UdiskRelease(const char* path);  ///< as UdiskFsync, but always 0
+  int UdiskFlush(const char* path);    ///< does nothing: 0
+  int UdiskRelease(const char* path);  ///< as UdiskFsync, but always returns 0
 
-  /// A mount point as it is now, for `confine_to` to give. Looks at it in confined mode only.
+  /// Examines a mount point, for `confine_to` to return later. Touches the disk only in confined
+  /// mode.
   [[nodiscard]] DiskRoot RootAt(const std::string& path) const;
-  /// Closes what is kept open on the disk between requests, so that it can be unmounted.
+  /// Closes the mount point that confined reads keep open, so that the disk can be unmounted.
   void LetGo();
 
   /// From now on listings, the making of missing directories, and whatever asks StopIfGivenUp, end
@@ -133,7 +135,8 @@ class FileManagerLinux {
   }
 
  private:
-  /// The mode of something new. Confined, nothing is made that runs with the rights of its owner.
+  /// The low 16 bits of `mode`; in confined mode without the set-user-ID and set-group-ID bits, so
+  /// that no file runs with its owner's rights.
   [[nodiscard]] mode_t ModeOf(int mode) const;
 
   const std::unique_ptr<LocalPaths> mPaths;

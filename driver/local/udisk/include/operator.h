@@ -27,7 +27,8 @@ class CpdPacket;
 /// Wall-clock milliseconds.
 uint64_t getCurrentTime();
 
-/// A byte budget that is refilled every millisecond; whoever overdraws it by 32 ms or more sleeps.
+/// A byte budget that is refilled every millisecond. A debt that takes 32 ms or more to refill is
+/// slept off.
 /// All times are wall-clock milliseconds, all amounts bytes. One thread at a time.
 struct TokenBucket {
   int64_t tokens = 0;             ///< the budget; negative = a debt
@@ -38,16 +39,16 @@ struct TokenBucket {
   int64_t lastSummaryMs = 0;      ///< start of the summary period; 0 = none yet
   int64_t summaryStartBytes = 0;  ///< totalBytes at that time
   int64_t totalBytes = 0;         ///< ever consumed
-  int64_t calls = 0;              ///< in this period, as are the next three
+  int64_t calls = 0;              ///< in this summary period, as are the next three
   int64_t sleeps = 0;
   int64_t carries = 0;
   int64_t totalSlept = 0;
-  std::atomic<bool> stopping = false;  ///< set by any thread: no sleep goes on
+  std::atomic<bool> stopping = false;  ///< set by any thread; no further sleep starts
 
-  /// Derives the rate from `kbps`; tokens and the time of the last refill stay.
+  /// Derives the rate from `kbps`; keeps the tokens and the time of the last refill.
   void updateRate(uint32_t kbps) {
     if (kbps == bw) return;
-    // The logged refill is kbps / 8 also where the stored one is raised to 1: kept.
+    // Contract: the log shows kbps / 8, even where the stored refill is raised to 1.
     UDISK_DEBUG("[TokenBucket] updateRate: %u kbps -> refillPerMs=%lld, oldBw=%u", kbps,
                 static_cast<long long>(kbps >> 3), bw);
     bw = kbps;
@@ -55,7 +56,7 @@ struct TokenBucket {
     capacity = std::max<int64_t>(refillPerMs * kBurstMs, kMinBurst);
   }
 
-  /// Charges `bytes`; sleeps a debt of 32 ms or more off, carries a smaller one.
+  /// Charges `bytes`. Sleeps off a debt of 32 ms or more; carries a smaller one to the next call.
   void consume(uint32_t bytes) {
     if (refillPerMs < 1) return;
     const auto now = static_cast<int64_t>(getCurrentTime());
@@ -84,9 +85,9 @@ struct TokenBucket {
   static constexpr int64_t kMinBurst = 0x40000;
   static constexpr int64_t kMinSleepMs = 32;
   static constexpr int64_t kSummaryMs = 5000;
-  /// What one sleep takes at most: closing the disk waits no longer, whatever was asked for.
+  /// The longest single sleep. Close waits for one of them at most, however large the debt is.
   static constexpr uint32_t kMostSleepUs = 1'000'000;
-  /// Far above any budget, far below an overflow: what a jump of the clock is cut to.
+  /// The most that a jump of the clock adds or takes: far above any budget, far below an overflow.
   static constexpr int64_t kMostBytes = int64_t{1} << 60;
 
   void refill(int64_t elapsed_ms) {
@@ -108,7 +109,8 @@ struct TokenBucket {
       left -= piece;
     }
     const auto end = static_cast<int64_t>(getCurrentTime());
-    refill(end - lastRefillMs);  // also when the clock went back: kept
+    // Contract: a clock that was set back takes tokens away.
+    refill(end - lastRefillMs);
     lastRefillMs = end;
     totalSlept += end - begin;
   }
@@ -133,13 +135,13 @@ struct TokenBucket {
   }
 };
 
-/// Whether a file name has a suffix of an office or temporary file, which may be long. A prefix
-/// test: ".document" counts, ".DOC" does not.
+/// Whether a path has the suffix of an office or temporary file, whose length has no limit.
+/// Contract: the suffix need only begin with a known one, so ".document" counts; ".DOC" does not.
 bool check_microsoft_suffix(const char* name);
 
-/// A volume that the disk shows.
+/// A volume of the disk.
 struct VolumeRecord {
-  char label[256];     ///< without a terminator when it is 256 bytes long
+  char label[256];     ///< NUL-terminated: SetRootPath takes 255 bytes at most
   udisk_statvfs stat;  ///< as of the last refresh
 };
 static_assert(sizeof(VolumeRecord) == 368);
@@ -152,7 +154,8 @@ enum class BulkRead { kFile, kSmallFiles };
 /// BusEventHandle, TraceCpdDevice and the virtual operations may run on other threads meanwhile.
 class UDiskOperator : public UdiskOperatorInf {
  public:
-  /// Chooses the throttle mode from the environment. @param device  not owned; may be null
+  /// Reads the throttle's and the confined mode's settings from the environment.
+  /// @param device  not owned; may be null
   explicit UDiskOperator(CpdDevice* device);
   ~UDiskOperator() override;
   UDiskOperator(const UDiskOperator&) = delete;
@@ -161,7 +164,7 @@ class UDiskOperator : public UdiskOperatorInf {
   int GetCID() override;
   int GetVid() override;
   int GetPid() override;
-  std::string GetDrvName() override;  ///< deliberately the remote mount point
+  std::string GetDrvName() override;  ///< Contract: the remote mount point, not a driver's name.
   int GetDeviceId() override;
   void Stop() override;
   std::string GetRemoteMountPoint() override;
@@ -169,7 +172,8 @@ class UDiskOperator : public UdiskOperatorInf {
 
   /// Hands a request to its handler; unknown commands are dropped. Worker thread only. @return 0
   int EventHandle(std::unique_ptr<CpdPacket> packet);
-  /// No request has come for a second: lets the disk be unmounted. Worker thread only.
+  /// Closes what would keep the disk from being unmounted. The worker calls it when no request came
+  /// for a second, Close calls it once the worker has ended.
   void Idle();
   /// Ends the request that is being served, if it takes many calls, between two of them and without
   /// an answer, and every later one. Any thread.
@@ -188,7 +192,7 @@ class UDiskOperator : public UdiskOperatorInf {
   void TraceCpdDevice(std::string event, CpdDevice* device, bool success, std::string message,
                       const std::string& path, const std::string& extra);
 
-  /// Traces what succeeded, where there is memory for it: for callers with nowhere to fail to.
+  /// Traces a success. When that fails, logs it instead of throwing, as its callers must not fail.
   void TryTrace(const char* event, const char* message);
 
   /// Paces a bulk read of `bytes` to the announced bandwidth, by sleeping. Worker thread only.
@@ -201,7 +205,7 @@ class UDiskOperator : public UdiskOperatorInf {
   int64_t umount_remote(unsigned char header_length, CpdPacket* request);
   int64_t get_file_attr(unsigned char header_length, CpdPacket* request);
   int64_t file_create(unsigned char header_length, CpdPacket* request);
-  int64_t file_open(unsigned char header_length, CpdPacket* request);  ///< nothing: 0
+  int64_t file_open(unsigned char header_length, CpdPacket* request);  ///< does nothing: 0
   int64_t file_read(unsigned char header_length, CpdPacket* request);
   int64_t file_write(unsigned char header_length, CpdPacket* request);
   int64_t dir_read(unsigned char header_length, CpdPacket* request);
@@ -219,12 +223,14 @@ class UDiskOperator : public UdiskOperatorInf {
   int64_t file_flush(unsigned char header_length, CpdPacket* request);
   int64_t file_release(unsigned char header_length, CpdPacket* request);
   int64_t check_dir(unsigned char header_length, CpdPacket* request);
-  /// @return 0 when a reply was sent, else -1, -2 or -3: malformed before, in or behind a head
+  /// @return 0 when a reply was sent; -2 when a record's head is incomplete, -3 when its path is
+  ///         empty or too long, -1 in every other case
   int64_t small_file_read(unsigned char header_length, CpdPacket* request);
   int64_t mount_response(unsigned char header_length, CpdPacket* request);
 
-  /// Whether two listings of so many packed entries show the same names, sizes and modification
-  /// seconds. Both must walk cleanly. @return 1 = the same, 0 = different
+  /// Compares the names, sizes and modification seconds of two listings of `cache_count` and
+  /// `dir_count` packed entries. Both must hold that many whole entries, each with a
+  /// NUL-terminated name. @return 1 = the same, 0 = different
   int compare_cache(int cache_count, int dir_count, const void* cached, const void* current);
 
   // ---- State ----
@@ -246,16 +252,17 @@ class UDiskOperator : public UdiskOperatorInf {
   bool legacyThrottle = true;
   int32_t forceBw = 0;          ///< kbps from the environment; 0 = none
   uint32_t legacyBytes = 0;     ///< bytes in the current legacy period
-  int64_t legacyOverrunMs = 0;  ///< by how much the last legacy period was too long
+  int64_t legacyOverrunMs = 0;  ///< by how much the last legacy period overran
   std::list<void*> mReservedLists[2];
 
  private:
   std::string CopyMountPoint();
   DiskRoot CopyDiskRoot();
-  /// The mount point and, of the same moment, its volumes.
+  /// A consistent copy of the mount point and its volumes.
   std::pair<std::string, std::list<std::shared_ptr<VolumeRecord>>> CopyMount();
   void throttleLegacy(uint32_t bytes, uint32_t kbps, BulkRead kind);
-  /// Traces a read or write of a file that the host's path filter matches. @return whether it does
+  /// Traces a read or write of a file if the host's path filter matches it.
+  /// @return whether it matches
   bool TraceFile(const char* event, bool success, const char* text, const char* relative_path,
                  const char* function = __builtin_FUNCTION(), int line = __builtin_LINE());
   void TraceError(const std::string& message);
@@ -263,8 +270,8 @@ class UDiskOperator : public UdiskOperatorInf {
   int64_t Send(std::unique_ptr<CpdPacket> reply);
   int64_t SendCopy(const CpdPacket* request);
 
-  /// The mount point of confined paths: empty until a disk was set, unlike mMountPoint, which is
-  /// where disks are mounted until then. Guarded by mLock.
+  /// The mount point of confined paths; empty until SetRootPath has set a disk. mMountPoint is not:
+  /// it starts as the directory in which disks are mounted. Guarded by mLock.
   DiskRoot mDiskRoot;
   std::mutex mLock;
   std::mutex mDeviceLock;  // held while GetDeviceId uses the device

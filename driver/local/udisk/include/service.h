@@ -1,4 +1,4 @@
-// The starter of a redirected disk.
+// Starts a redirected disk: sets its mount point and announces it to the remote side.
 #pragma once
 
 #include <glib.h>
@@ -14,7 +14,7 @@ namespace cpd {
 
 class UDiskOperator;
 
-/// A partition. Texts are terminated, 31 bytes at most in every field.
+/// A partition. Every text is NUL-terminated and has at most 31 bytes.
 struct UDiskInfo {
   char devName[32];     ///< device path
   char label[32];       ///< its label, or its UUID when it has none
@@ -31,16 +31,17 @@ struct UdiskDevice {
 };
 
 /// Takes the disk's parameters from the host, sets the operator's mount point and announces the
-/// disk to the remote side, once, on a thread of its own. That disk comes mounted; a host that has
-/// to find and mount it itself uses the operations for that, which the thread does not.
+/// disk to the remote side, once, on a thread of its own. The host has mounted that disk already.
+/// The operations for probing and mounting are for hosts that must find and mount the disk
+/// themselves; the thread does not use them.
 class UDiskService {
  public:
-  /// Neither is owned; both outlive the service.
+  /// Neither is owned; both must outlive the service.
   UDiskService(CpdDevice* device, UDiskOperator* udisk_operator);
 
   /// Starts the thread. @return 0 or -1
   int StartLoop();
-  /// Asks the thread to stop, if it has not begun, and waits for it. @return 0
+  /// Keeps a thread that has not begun from announcing the disk, and joins it. @return 0
   int StopLoop();
   /// The thread's body. @param service  the UDiskService @return null
   static void* ServiceThread(void* service);
@@ -49,33 +50,35 @@ class UDiskService {
   int MountRemote(const char* name, CpdDevice* device);
   /// Tells the remote side that small-file reads are served (command 122).
   void SetReadSmallFileTrubo();
-  int UpdateReadOnly(uint8_t read_only);                           ///< 0
-  void udisk_removable_func(void* context, PeriphDevice* device);  ///< nothing
+  int UpdateReadOnly(uint8_t read_only);                           ///< returns 0
+  void udisk_removable_func(void* context, PeriphDevice* device);  ///< does nothing
   int GetDeviceInfo(CpdDevice* device, UdiskDevice* out);          ///< not supported: -1
 
   // ---- Probing ----
 
-  /// Copies the first double-quoted value of `source`, cut to 31 bytes. Terminates it only where it
-  /// meets the closing quote or cuts. @param destination  32 zeroed bytes
+  /// Copies the first double-quoted value of `source`, cut to 31 bytes. Writes a NUL after it only
+  /// when it met the closing quote or cut the value. @param destination  32 zeroed bytes
   /// @return number of bytes copied
   static int GetString(const char* source, char* destination);
-  /// @param port  of a USB device, such as 1-2 @return its first interface's class; 0 = unknown
+  /// @param port  of a USB device, such as 1-2
+  /// @return the class of the device's first interface; 0 = unknown
   static int GetDeviceClass(const char* port);
-  /// @param block_device  such as sdb @return 1 = removable; 0 also when unknown
+  /// @param block_device  such as sdb @return 1 = removable, 0 = fixed or unknown
   static int CheckRemovable(const char* block_device);
   /// Looks for the first removable disk in the kernel's table of partitions.
-  /// @param out  gets 3 bytes, such as sdb, without a terminator: the disk's name; without one the
-  ///             last name looked at, or nothing @return 0
+  /// @param out  receives the disk's name: 3 bytes such as sdb, without a terminator. If no disk is
+  ///             removable, receives the last name that was looked at, if any.
+  /// @return 0
   static int GetDevName(char* out);
   /// Lists the labelled partitions of the disk that `device` (such as sdb1) is on.
-  /// @param out  left alone when there are none; an array that it holds is not freed
-  /// @return 0; -1 when blkid could not be started
+  /// @param out  unchanged when there are none; an array that it already holds is not freed
+  /// @return 0; -1 when blkid could not be started or memory ran out
   static int GetDeviceLabel(const char* device, UdiskDevice* out);
 
   // ---- Local mount ----
 
-  /// Mounts a partition on the directory of its label in /media and sets its mountPoint, also when
-  /// that fails. @return the mount command's status as system gives it
+  /// Mounts a partition on /media/LABEL and sets its mountPoint, even when mounting fails.
+  /// @return the mount command's status as system returns it; -1 when the command is too long
   static int MountLocal(UDiskInfo* info);
   /// Unmounts the partitions of mUdiskDevice, removes their directories, frees the list and clears
   /// the operator's mount point. @return 0; -1 without a list
@@ -93,16 +96,17 @@ class UDiskService {
  private:
   struct DiskParams {
     std::string letter;  ///< the mount point's first part
-    std::string label;   ///< its second
-    std::string name;    ///< what the remote side is told
+    std::string label;   ///< the mount point's second part
+    std::string name;    ///< the disk's name for the remote side
   };
 
   void Announce();
-  /// Empty where the text does not hold all three; takes "readOnly" over with them.
+  /// Reads "letter", "label" and "name" from JSON; all are empty unless all three are there. Then
+  /// it stores "readOnly", too.
   DiskParams ReadParams(const std::string& text);
 };
 
-/// Checks its arguments, nothing more.
+/// Only logs an error when an argument is null.
 void GetUdiskInfo(void* service, CpdDevice* device, UDiskOperator* udisk_operator);
 
 }  // namespace cpd

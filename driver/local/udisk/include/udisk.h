@@ -25,7 +25,7 @@ class UDiskDriver : public CpdRawDriver {
   /// @param device  not owned; outlives the driver
   /// @param policy  cut to 127 characters; may be null
   UDiskDriver(CpdDevice* device, const char* policy);
-  /// Stops nothing: Close does.
+  /// Does not stop the driver; Close does.
   ~UDiskDriver() override;
   UDiskDriver(const UDiskDriver&) = delete;
   UDiskDriver& operator=(const UDiskDriver&) = delete;
@@ -39,14 +39,14 @@ class UDiskDriver : public CpdRawDriver {
   std::string GetDriverKind() override;
   std::shared_ptr<DriverObj> GetDriverObj() override;
 
-  /// Starts worker and service. @return 0, or -1 with nothing left behind
+  /// Starts worker and service. @return 0, or -1 after undoing what was started
   /// @throws std::system_error  "thread constructor failed…" when the worker cannot be started
   int Init();
   /// The worker's loop.
   void DataEventHandle();
   /// @return 0 when `devId` is the device's id, else -1
   int OnEvent(signed char devId, int event, unsigned char* data, int len);
-  int policy_setting(const char* policy);  ///< nothing: 0
+  int policy_setting(const char* policy);  ///< does nothing: 0
 
  private:
   // Wakes the worker, which has been told to stop, and waits for its end. A request of many calls
@@ -65,7 +65,7 @@ class UDiskDriver : public CpdRawDriver {
   char mPolicy[128] = {};  // guarded by mMutex
   std::unique_ptr<std::thread> mWorker;
   std::unique_ptr<UDiskService> mService;
-  bool mAbandoned = false;  // guarded by mMutex; Init tells the worker to end, the stop flag unset
+  bool mAbandoned = false;       // guarded by mMutex; a failed Init ends the worker with it
   bool mWorkerEnded = false;     // guarded by mMutex
   std::condition_variable mEnd;  // of the worker
   std::mutex mClosing;           // held by Close, so that a second one waits for the first

@@ -26,7 +26,7 @@ consteval const char* BaseName(const char* path) {
   UDISK_LOG(5, "Debug:", __func__, message __VA_OPT__(, ) __VA_ARGS__)
 #define UDISK_ERROR(message, ...) \
   UDISK_LOG(7, "Error:", __func__, message __VA_OPT__(, ) __VA_ARGS__)
-/// For a step of a larger operation: the line names that one.
+/// For a step of a larger operation: the line names that operation, not the step.
 #define UDISK_DEBUG_OF(function, message, ...) \
   UDISK_LOG(5, "Debug:", #function, message __VA_OPT__(, ) __VA_ARGS__)
 #define UDISK_ERROR_OF(function, message, ...) \

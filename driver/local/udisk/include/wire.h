@@ -1,8 +1,9 @@
 // The wire protocol: every record that crosses between the remote side and this module, byte for
-// byte. All integers are little-endian and stand as stored, whatever the packet header's bigEndian
-// says. Texts carry no terminating NUL unless said. A request is a head, then the texts or data it
-// announces; a reply is the request's head with the result written into it, then what its row says.
-// Records are packed (alignment 1): read and write them with memcpy.
+// byte. All integers are little-endian, whatever the packet header's bigEndian says. Texts carry no
+// terminating NUL unless stated. A request is a head, followed by the texts or data that it
+// announces; a reply is the request's head with the result written into it. The comment of a head
+// names its commands and then what follows it, in the request and in the reply. Records are packed
+// (alignment 1): read and write them with memcpy.
 #pragma once
 
 #include <algorithm>
@@ -37,7 +38,7 @@ enum Command : uint16_t {
   kFileFlush = 119,
   kFileRelease = 120,
   kCheckDir = 121,
-  kSmallFileNotice = 122,  // module -> remote side: 123 is served; ignored when received
+  kSmallFileNotice = 122,  // module -> remote side: 123 is supported; ignored when received
   kSmallFileRead = 123,
   kMountResponse = 200,
   kBusReadBandwidth = 513,  // bus event: u32, the announced read bandwidth in kbps, 0 = no limit
@@ -85,11 +86,11 @@ constexpr const char* CommandName(uint16_t code) {
   return row != kCommandNames.end() && row->code == code ? row->name : nullptr;
 }
 
-/// The greatest length in bytes that 109 gives a file, unless its suffix is an unlimited one.
+/// The greatest length in bytes that 109 gives a file, unless it has one of the suffixes below.
 inline constexpr uint64_t kMostTruncateLength = 10 << 20;
 
-/// Suffixes of office and temporary files, which may have any length. What begins like one of them
-/// counts, so the longer ones are covered by the shorter.
+/// Suffixes of office and temporary files, which may have any length. A suffix that begins with one
+/// of these counts, so the shorter ones cover the longer.
 inline constexpr std::array<std::string_view, 10> kUnlimitedSuffixes{
     ".doc", ".xls", ".tmp", ".ppt", ".vsd", ".spp", ".docx", ".xlsx", ".pptx", ".vsdx"};
 
@@ -109,7 +110,7 @@ struct udisk_timespec {
   int64_t tv_nsec;
 };
 
-/// A file's attributes, as lstat gives them. The order is the protocol's own.
+/// A file's attributes, as lstat gives them, in the protocol's own order.
 struct udisk_stat {
   int64_t st_dev;  ///< sign-extended from 32 bits
   uint64_t st_ino;
@@ -135,7 +136,7 @@ static_assert(offsetof(udisk_stat, st_mode) == 104 && offsetof(udisk_stat, st_re
 struct udisk_statvfs {
   uint64_t f_bsize;
   uint64_t f_frsize;
-  uint64_t f_blocks;  ///< low 32 bits of the count; so are f_bfree and f_bavail
+  uint64_t f_blocks;  ///< low 32 bits of the count, as in f_bfree and f_bavail
   uint64_t f_bfree;
   uint64_t f_bavail;
   uint64_t f_files;
@@ -165,7 +166,7 @@ struct MountHead {
 };
 static_assert(sizeof(MountHead) == 2);
 
-/// 200: then the drive, then the label (crossed against the lengths). No reply.
+/// 200: then the drive, then the label (the lengths come in the opposite order). No reply.
 struct MountResponseHead {
   uint16_t label_length;
   uint16_t drive_length;
@@ -193,25 +194,26 @@ static_assert(sizeof(XattrHead) == 16 && offsetof(XattrHead, path_length) == 12)
 /// 113: then the path. Reply: head, path, any number of udisk_statvfs.
 struct StatvfsHead {
   uint32_t path_length;
-  uint32_t record_length;  ///< reply: 112, also when no record follows
+  uint32_t record_length;  ///< reply: 112, even when no record follows
 };
 static_assert(sizeof(StatvfsHead) == 8 && offsetof(StatvfsHead, record_length) == 4);
 
 // ---- Open files: 103, 109, 110, 111, 112, 119, 120 ----
-// Reply to all but the last two: head, path. The result is that of the local call, never an errno.
+// Reply to all but 119 and 120: head, path. The result is what the local call returned, never an
+// errno.
 
 /// 103: then the path.
 struct CreateHead {
   uint32_t path_length;
   uint32_t flags;  ///< not applied
   uint32_t mode;
-  int32_t result;  ///< reply: not negative, or -1
+  int32_t result;  ///< reply: 0 or more on success, else -1
 };
 static_assert(sizeof(CreateHead) == 16 && offsetof(CreateHead, result) == 12);
 
 /// 109: then the path.
 struct TruncateHead {
-  uint64_t length;  ///< kMostTruncateLength at most is applied; the reply echoes what was asked
+  uint64_t length;  ///< capped as kMostTruncateLength says; the reply echoes it uncapped
   uint32_t path_length;
   int32_t result;
 };
@@ -252,8 +254,8 @@ static_assert(sizeof(CloseHead) == 8 && offsetof(CloseHead, fd) == 4);
 // ---- Data: 105, 106, 123 ----
 
 /// 105: then the path. Reply: head, path, `size` bytes of data.
-/// 123: SmallReadHead, then so many of this head with its path. Reply: the same, each with `size`
-/// bytes of data behind its path; the fields not interpreted are 0 there.
+/// 123: SmallReadHead, then `count` times this head and its path. Reply: the same, with `size`
+/// bytes of data after each path; the fields that are not interpreted are 0.
 struct ReadHead {
   int64_t offset;
   uint32_t unread_8;  ///< not interpreted
@@ -264,14 +266,14 @@ struct ReadHead {
 static_assert(sizeof(ReadHead) == 24 && offsetof(ReadHead, size) == 12);
 static_assert(offsetof(ReadHead, path_length) == 16 && offsetof(ReadHead, unread_20) == 20);
 
-/// 123: how many ReadHead records follow, each with its path (of 1 byte at least).
+/// 123: then `count` ReadHead records, each followed by its path of at least 1 byte.
 struct SmallReadHead {
   uint32_t count;
 };
 static_assert(sizeof(SmallReadHead) == 4);
 
-/// 106: then the path, then `size` bytes: the data (single), or WritePieceHead records, each with
-/// its piece (batch). Reply, only where the markers are equal: head, path.
+/// 106: then the path, then `size` bytes: the data (single), or WritePieceHead records, each
+/// followed by its piece (batch). Reply, only when the markers are equal: head, path.
 struct WriteHead {
   int64_t offset;
   int32_t size;        ///< reply: 0 when anything failed
@@ -294,7 +296,7 @@ static_assert(sizeof(WritePieceHead) == 12 && offsetof(WritePieceHead, length) =
 // ---- Directories: 107, 121 ----
 
 /// 107: then the path. 121: then the path, then `buf_len` bytes of cached entries.
-/// Reply to both: head, path, the listing; 121 gets none when nothing changed.
+/// Reply to both: head, path, the listing; no reply to 121 when nothing changed.
 struct DirHead {
   uint8_t echoed[8];  ///< not interpreted
   uint32_t buf_len;   ///< length of the listing; 107's request: not read

@@ -23,9 +23,9 @@ namespace cpd {
 
 namespace {
 
-/// Keeps FIFOs and devices from holding the caller; means nothing to regular files.
+/// Keeps FIFOs and devices from blocking the caller.
 constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-/// What a file that does not know its size is taken for.
+/// The size assumed for a file that reports none, such as one in /proc.
 constexpr int64_t kUnknownSize = 1 << 20;
 
 struct FreeDeleter {
@@ -45,14 +45,14 @@ int LeftInFile(const struct stat& st, int64_t offset, int count) {
   return static_cast<int>(std::min<int64_t>(left, count));
 }
 
-/// Stores errno for the caller and gives its text.
+/// Stores errno for the caller and returns its text.
 const char* TakeError(uint32_t* err) {
   const int error = errno;
   *err = static_cast<uint32_t>(error);
   return std::strerror(error);
 }
 
-/// readdir that tells an error from the end. Callers see errno cleared by no one.
+/// Wraps readdir: logs an error, which then ends the listing; errno is otherwise untouched.
 const dirent* NextEntry(DIR* dir) {
   const int before = std::exchange(errno, 0);
   const dirent* entry = ::readdir(dir);
@@ -64,7 +64,7 @@ const dirent* NextEntry(DIR* dir) {
   return entry;
 }
 
-/// Whether an open would fail like the stat that left this errno.
+/// Whether `error`, from a stat that failed, means that an open would fail, too.
 bool LeadsNowhere(int error) {
   return error == ENOENT || error == ENOTDIR || error == EACCES || error == ELOOP ||
          error == ENAMETOOLONG;
@@ -106,12 +106,12 @@ int FileManagerLinux::UdiskReadFile(const char* path, int64_t offset, uint32_t* 
     return 0;
   }
   const ReadRoom room = make_room(fd.get());
-  // A negative count goes to the call as it is, which refuses it.
+  // The system call refuses a negative count.
   const auto result =
       static_cast<int>(::pread(fd.get(), room.data, static_cast<size_t>(room.count), offset));
   if (result == -1) {
     UDISK_ERROR("file_read failed res: %d, fd = %d errno: %s\n", result, fd.get(), TakeError(err));
-    return 0;  // where a failed write gives -1: kept
+    return 0;  // Contract: a failed read returns 0, although a failed write returns -1.
   }
   return result;
 }
@@ -242,7 +242,7 @@ int FileManagerLinux::UdiskGetStatvfs(const char* path, udisk_statvfs* out) {
   ::statvfs(file.c_str(), &vfs);
   ::statfs(file.c_str(), &fs);
   set_statvfs(&vfs, out);
-  // The counts pass through 32 bits, so a very large disk shows small: kept.
+  // Contract: the block counts are cut to 32 bits, so a very large disk looks small.
   out->f_bsize = static_cast<uint64_t>(fs.f_bsize);
   out->f_blocks = static_cast<uint32_t>(fs.f_blocks);
   out->f_bfree = static_cast<uint32_t>(fs.f_bfree);
@@ -263,8 +263,9 @@ int FileManagerLinux::MakeOneDir(const char* path, int mode) {
 
 int FileManagerLinux::UdiskMakeDir(const char* path, int mode, short make_last) {
   if (path == nullptr) return 0;
-  // Plain, the walk makes what it can of a path that is too long. Confined, such a path is refused
-  // at once, and separators in a row are one: neither may cost a step for every byte.
+  // In plain mode the walk makes as many directories of a long path as it can. In confined mode a
+  // path that is too long is refused at once, and consecutive separators count as one, so that a
+  // hostile path does not cost one step per byte.
   const bool confined = mPaths->confined();
   if (confined && std::strlen(path) >= PATH_MAX) {
     errno = ENAMETOOLONG;
@@ -273,7 +274,7 @@ int FileManagerLinux::UdiskMakeDir(const char* path, int mode, short make_last) 
   const std::unique_ptr<char, FreeDeleter> copy(::strdup(path));
   if (copy == nullptr) return 0;
   char* const text = copy.get();
-  // From 1, so that a leading slash makes nothing.
+  // Starts at 1 or later: there is no directory to make before a leading slash.
   for (size_t i = std::max<size_t>(mPaths->TrustedLength(text), 1);
        text[0] != '\0' && text[i] != '\0'; ++i) {
     if (text[i] != '/' && text[i] != '\\') continue;
@@ -296,7 +297,7 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
     UDISK_ERROR("dir_read opendir failed errno: %s", std::strerror(errno));
     return -1;
   }
-  // First pass: the size of one exact allocation.
+  // First pass: adds up the size of the buffer.
   uint32_t count = 0;
   uint32_t buf_len = 1;  // the spare byte
   while (const dirent* entry = NextEntry(dir.get())) {
@@ -313,11 +314,11 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
       static_cast<uint8_t*>(g_try_malloc0(buf_len)));  // g_malloc0 would abort
   if (buf == nullptr) return -1;
 
-  // Second pass. A directory that grew meanwhile is cut at the end of the buffer.
+  // Second pass: if the directory grew meanwhile, entries that do not fit the buffer are left out.
   std::string full = std::string(local.c_str()) + '/';
   const size_t prefix = full.size();
   struct stat st {
-  };  // deliberately outlives an entry: one whose lstat fails carries the last one's
+  };  // Contract: an entry whose lstat fails repeats the attributes of the entry before it.
   uint8_t* at = buf.get();
   const uint8_t* const end = at + buf_len - 1;
   for (uint32_t i = 0; i < count; ++i) {
@@ -328,7 +329,7 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
     if (static_cast<size_t>(end - at) < sizeof(udisk_dir_entry) + name_len) break;
     full.resize(prefix);
     full += entry->d_name;
-    // The one entry that may lead out of the disk.
+    // ".." is the only entry that can lead out of the disk.
     const bool is_parent = std::strcmp(entry->d_name, "..") == 0;
     ::lstat(is_parent ? mPaths->Entry((std::string(path) + "/..").c_str()).c_str() : full.c_str(),
             &st);

@@ -15,17 +15,18 @@
 namespace cpd {
 namespace {
 
-/// What stands behind the root in a path below it: empty, or with a leading slash.
+/// The part of `path` after `root`: empty, or with a leading slash. None when `path` is not below
+/// `root`.
 std::optional<std::string_view> Below(std::string_view root, std::string_view path) {
   if (root.empty() || !path.starts_with(root)) return std::nullopt;
   if (root.back() == '/') root.remove_suffix(1);
   path.remove_prefix(root.size());
-  // "/mnt/disk2" is no file of "/mnt/disk".
+  // "/mnt/disk2" is not below "/mnt/disk".
   if (!path.empty() && path.front() != '/') return std::nullopt;
   return path;
 }
 
-/// A path less the slashes at its end.
+/// A path without the slashes at its end.
 std::string_view WithoutSlashes(std::string_view path) {
   return path.substr(0, path.find_last_not_of('/') + 1);
 }
@@ -42,7 +43,7 @@ bool IsRegular(const Descriptor& file) {
 
 /// Opens a regular file for which O_NONBLOCK failed, and waits until another process has given up
 /// its lease on the file. Only a regular file: a FIFO or device could block for good.
-/// @param file  opened with O_PATH, which no lease holds up
+/// @param file  opened with O_PATH, which does not wait for a lease
 Descriptor OpenWhenLeaseEnds(const Descriptor& file, int flags) {
   if (IsRegular(file)) {
     return Descriptor(::open(ProcPath(file).c_str(), flags & ~(O_NONBLOCK | O_CREAT)));
@@ -51,7 +52,7 @@ Descriptor OpenWhenLeaseEnds(const Descriptor& file, int flags) {
   return Descriptor();
 }
 
-/// open that waits for a lease.
+/// Wraps open: waits for another process's lease on the file.
 Descriptor OpenPlain(const char* path, int flags, mode_t mode) {
   Descriptor file(::open(path, flags, mode));
   if (file.ok() || errno != EWOULDBLOCK) return file;
@@ -62,19 +63,20 @@ Descriptor OpenPlain(const char* path, int flags, mode_t mode) {
 Descriptor TryBeneath(const Descriptor& root, const char* relative, int flags, mode_t mode) {
   open_how how{};
   how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
-  how.mode = (flags & O_CREAT) != 0 ? mode & 07777 : 0;  // open cuts it, openat2 refuses it
+  how.mode = (flags & O_CREAT) != 0 ? mode & 07777 : 0;  // openat2 refuses other bits
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
   return Descriptor(
       static_cast<int>(::syscall(SYS_openat2, root.get(), relative, &how, sizeof how)));
 }
 
-/// The same until it is not disturbed, waiting for a lease. A way out reads as a missing file.
+/// Repeats TryBeneath while renames interfere, and waits for a lease. A path that leads out fails
+/// with ENOENT, as a missing file does.
 Descriptor OpenBeneath(const Descriptor& root, std::string_view below, int flags, mode_t mode = 0) {
-  if (!root.ok()) return Descriptor();  // errno tells already
+  if (!root.ok()) return Descriptor();  // errno is set already
   below.remove_prefix(std::min(below.find_first_not_of('/'), below.size()));
   const std::string relative(below.empty() ? "." : below);
   // EAGAIN has two meanings: another process holds a lease on the file, or something was renamed
-  // while ".." was resolved, and the kernel gave up. Only the first one leaves O_PATH alone.
+  // while ".." was resolved, and the kernel gave up. A lease does not make O_PATH fail.
   constexpr int kTries = 100;
   for (int i = 0; i < kTries; ++i) {
     Descriptor file = TryBeneath(root, relative.c_str(), flags, mode);
@@ -88,7 +90,8 @@ Descriptor OpenBeneath(const Descriptor& root, std::string_view below, int flags
   return Descriptor();
 }
 
-/// Whether the root of a mount is at `path`, beneath `directory` when it is relative. Asks no disk.
+/// Whether `path`, beneath `directory` if it is relative, is the root of a mount. Does not access
+/// the disk.
 bool IsMountRoot(int directory, const char* path) {
   struct statx st {};
   constexpr int kFlags = AT_EMPTY_PATH | AT_STATX_DONT_SYNC;
@@ -96,7 +99,7 @@ bool IsMountRoot(int directory, const char* path) {
          (st.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
 }
 
-/// Opens the mount point. A disk that was unmounted leaves its empty mount point: that is no disk.
+/// Opens the mount point. Fails when it was the root of a mount and the disk has been unmounted.
 Descriptor OpenDisk(const DiskRoot& root) {
   Descriptor disk(::open(root.path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!disk.ok() || !root.is_mount || IsMountRoot(disk.get(), "")) return disk;
@@ -104,7 +107,7 @@ Descriptor OpenDisk(const DiskRoot& root) {
   return Descriptor();
 }
 
-/// A path for `held`, which must stay, and for `name` below it.
+/// The path of `held` followed by `name`. The result keeps `held` open, which the path needs.
 LocalPath Held(Descriptor held, const std::string& name = "") {
   if (!held.ok()) return {Descriptor(), ""};
   std::string path = ProcPath(held) + name;
@@ -117,7 +120,7 @@ DiskRoot LocalPaths::RootAt(const std::string& path) const {
   return {path, confined() && IsMountRoot(AT_FDCWD, path.c_str())};
 }
 
-/// Confined, the kernel refuses a path that is too long before it looks at any of it.
+/// In confined mode, too, the kernel refuses a path that is too long before it resolves any of it.
 bool LocalPaths::PassesUnchanged(const char* path) const {
   return !confined() || std::strlen(path) >= PATH_MAX;
 }
@@ -152,7 +155,7 @@ LocalPath LocalPaths::Entry(const char* path) {
   Descriptor directory =
       OpenBeneath(*place.root, entry.substr(0, entry.size() - name.size()), O_PATH | O_DIRECTORY);
   struct stat st {};
-  // With its slash at the end a call would follow a link there, so that is followed here.
+  // With a slash at the end a call would follow a symbolic link, so it is followed here, confined.
   if (entry.size() < below.size() &&
       ::fstatat(directory.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
       !S_ISDIR(st.st_mode)) {
@@ -166,7 +169,7 @@ LocalPath LocalPaths::NewEntry(const char* path) {
   const Beneath place = Split(path, kFresh);
   const std::string_view entry = WithoutSlashes(place.below);
   const size_t name_at = entry.rfind('/') + 1;
-  // Nothing that is to be replaced is followed, not even with a slash at its end.
+  // An entry that is to be replaced is not followed, not even with a slash at its end.
   return Held(OpenBeneath(*place.root, entry.substr(0, name_at), O_PATH | O_DIRECTORY),
               '/' + place.below.substr(name_at));
 }
@@ -179,8 +182,8 @@ size_t LocalPaths::TrustedLength(const char* path) const {
 
 void LocalPaths::LetGo() { Keep({}); }
 
-/// Opening the mount point costs as much as opening a file. So it is kept for reads, but not for
-/// long: a disk that is back at its place is soon found. What changes the disk opens it anew.
+/// Opening the mount point costs as much as opening a file, so reads share one descriptor of it,
+/// but only briefly: a disk that is mounted again must soon be found. Other calls open it anew.
 LocalPaths::Beneath LocalPaths::Split(const char* path, Freshness freshness) {
   static const auto nowhere = std::make_shared<const Descriptor>();
   const DiskRoot root = confine_to_();
@@ -205,8 +208,8 @@ LocalPaths::OpenRoot LocalPaths::FindKept(const std::string& path) {
   return kept_.path == path && now - kept_.opened < kKeptFor ? kept_.root : nullptr;
 }
 
-/// Keeps another one, or none. The one before is closed after the lock is released: closing it
-/// may end an unmount that waits for the disk.
+/// Replaces the shared descriptor. The old one is closed after the lock is released, because
+/// closing it may complete an unmount, which waits for the disk.
 void LocalPaths::Keep(KeptRoot root) {
   const std::lock_guard lock(mutex_);
   std::swap(kept_, root);

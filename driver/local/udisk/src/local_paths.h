@@ -1,4 +1,4 @@
-// How the path of a request becomes a local file: the one place where that happens.
+// The one place where the path of a request becomes a local file.
 #pragma once
 
 #include <sys/types.h>
@@ -23,7 +23,7 @@ class Descriptor {
   Descriptor(Descriptor&& other) noexcept : fd_(other.Release()) {}
   ~Descriptor() {
     if (fd_ < 0) return;
-    const int error = errno;  // that of the call that the descriptor was for
+    const int error = errno;  // set by the last call on the descriptor; close must not change it
     ::close(fd_);
     errno = error;
   }
@@ -38,12 +38,12 @@ class Descriptor {
   int fd_;
 };
 
-/// A path that a system call can be given, for as long as this lives. One that leads out of the
-/// disk is empty, so that every call on it fails as on a missing file.
+/// A path for system calls, valid while this object lives. It is empty when it would lead out of
+/// the disk, so that every call on it fails as on a missing file.
 class LocalPath {
  public:
   explicit LocalPath(const char* plain) : plain_(plain) {}
-  /// @param holder  what `held`, a path through /proc, begins at
+  /// @param holder  the open file at which `held`, a path through /proc, starts
   LocalPath(Descriptor holder, std::string held)
       : holder_(std::move(holder)), held_(std::move(held)) {}
   [[nodiscard]] const char* c_str() const { return plain_ != nullptr ? plain_ : held_.c_str(); }
@@ -54,40 +54,41 @@ class LocalPath {
   std::string held_;
 };
 
-/// Plain, paths are used as they stand: ".." and symbolic links lead where they lead. Confined, the
-/// kernel resolves each beneath the mount point, in one step that no renaming can race with, and
-/// a FIFO or device is closed again before anything is read or written. What leads out fails with
-/// ENOENT, and so does everything while the mount point is empty, or no longer the root of a mount
-/// though it was one when it was named. A path of PATH_MAX bytes or more fails with ENAMETOOLONG. A
-/// kernel without openat2 fails all; /proc is needed. Callable from any thread.
+/// In plain mode paths are used unchanged: ".." and symbolic links may lead anywhere. In confined
+/// mode the kernel resolves each path beneath the mount point in one step, with which no rename can
+/// race, and a FIFO or device is closed again before anything is read or written. A path that leads
+/// out fails with ENOENT. So does every path while the mount point is empty, or if it was the
+/// root of a mount when the disk was set and no longer is. A path of PATH_MAX bytes or more fails
+/// with ENAMETOOLONG. Confined mode needs openat2 and /proc: without them every call fails.
+/// Callable from any thread.
 class LocalPaths {
  public:
-  /// The present mount point: what every path has to begin with.
+  /// Returns the current mount point, with which every path must begin.
   using Root = std::function<DiskRoot()>;
 
   /// @param confine_to  empty for plain paths
   explicit LocalPaths(Root confine_to) : confine_to_(std::move(confine_to)) {}
 
   [[nodiscard]] bool confined() const { return confine_to_ != nullptr; }
-  /// A mount point as it is now, for `Root` to give.
+  /// Examines a mount point, for `Root` to return later.
   [[nodiscard]] DiskRoot RootAt(const std::string& path) const;
-  /// As open; O_NONBLOCK does not keep it from waiting for another process's lease on a regular
-  /// file. errno tells why there is no descriptor.
+  /// As open, but waits for another process's lease on a regular file even with O_NONBLOCK. On
+  /// failure errno says why.
   [[nodiscard]] Descriptor Open(const char* path, int flags, mode_t mode = 0);
-  /// For calls on the file itself: a symbolic link at the end is followed.
+  /// For calls that act on the file itself: follows a symbolic link at the end of the path.
   [[nodiscard]] LocalPath Target(const char* path);
-  /// For calls on the entry in its directory: nothing at the end is followed.
+  /// For calls that act on the directory entry: does not follow a symbolic link at the end.
   [[nodiscard]] LocalPath Entry(const char* path);
-  /// For the entry that a call puts there: a slash at the end stays, as it asks for a directory.
+  /// For the entry that a call makes: keeps a slash at the end, which demands a directory.
   [[nodiscard]] LocalPath NewEntry(const char* path);
-  /// How many bytes at the front of `path` no request has a say in.
+  /// Length of the mount point at the front of `path`; 0 in plain mode.
   [[nodiscard]] size_t TrustedLength(const char* path) const;
-  /// Closes what is kept open between calls and would keep the disk from being unmounted.
+  /// Closes the mount point that Open keeps for later reads, so that the disk can be unmounted.
   void LetGo();
 
  private:
   using OpenRoot = std::shared_ptr<const Descriptor>;
-  /// The mount point, open, and what a path says below it.
+  /// The open mount point, and the rest of a path below it.
   struct Beneath {
     OpenRoot root;
     std::string below;
@@ -95,11 +96,11 @@ class LocalPaths {
   /// A mount point that is kept open between calls.
   struct KeptRoot {
     std::string path;
-    OpenRoot root;  ///< null when let go
+    OpenRoot root;  ///< null after LetGo
     std::chrono::steady_clock::time_point opened;
   };
   enum Freshness { kKept, kFresh };
-  /// Whether the kernel gets the path as it is.
+  /// Whether the path is passed to the kernel unchanged.
   [[nodiscard]] bool PassesUnchanged(const char* path) const;
   Beneath Split(const char* path, Freshness freshness);
   OpenRoot FindKept(const std::string& path);

@@ -1,10 +1,10 @@
 // The life of a request: the driver's worker thread takes it off the queue and calls EventHandle;
 // the command table below names its handler; the handler reads head and path (request.h), joins the
 // path to the mount point, makes one call of the file layer (file_manager_linux.h), writes the
-// result into the head, and sends head and path back (reply.h). The layouts of all heads stand in
+// result into the head, and sends head and path back (reply.h). The layouts of all heads are in
 // wire.h. A request that reaches past its own buffer is dropped with one Error line.
 //
-// Everything here runs on that worker thread, but for what the class comment names.
+// Everything here runs on that worker thread, except the functions that the class comment names.
 
 #include "operator.h"
 
@@ -51,7 +51,7 @@ struct HandlerRow {
 
 constexpr unsigned char kHeaderSize = CPD_PACKET_HEADER_SIZE;
 
-// A row without a handler is accepted and ignored.
+// A command without a handler is accepted and ignored.
 constexpr std::array kHandlers = std::to_array<HandlerRow>({
     {kMountRemote, &UDiskOperator::mount_remote, kHeaderSize},
     {kUmountRemote, &UDiskOperator::umount_remote, kHeaderSize},
@@ -110,7 +110,8 @@ int UDiskOperator::BusEventHandle(const std::shared_ptr<CpdPacket>& packet) {
   lastBwUpdateMs = static_cast<int64_t>(getCurrentTime());
   const auto now = static_cast<int64_t>(getCurrentTime());
   bwEventMs = now;
-  // The announced value, not the raised one, is compared: a rate below 1000 counts as a change.
+  // Contract: the announced rate is compared with the stored one. A rate below 1000 is stored as
+  // 1000, so it is never equal and always counts as a change.
   if (now - lastBwTraceMs >= 5001 && announced != readBwKbps) {
     lastBwTraceMs = now;  // first: the host may announce again from within the trace
     char message[sizeof "Udisk read bwinfo:4294967295"];
@@ -134,7 +135,8 @@ UDiskOperator::UDiskOperator(CpdDevice* device) : mDevice(device) {
   UDISK_DEBUG("[UDisk] throttle mode=%s, FORCE_BW=%s", legacyThrottle ? "LEGACY" : "TOKEN_BUCKET",
               force != nullptr ? force : "not set");
   const char* confine = std::getenv("TESSEL_CPD_CLIENT_CONFINE");
-  // Anything that is not plainly a no confines: a value that was misunderstood must not open up.
+  // Every value except an empty one and 0 confines: a value with a typo must not lift the
+  // restriction.
   if (confine == nullptr || *confine == '\0' || std::strcmp(confine, "0") == 0) {
     UDISK_DEBUG("[UDisk] CONFINE=%s: paths may lead out of the mount point",
                 confine != nullptr ? confine : "not set");
@@ -216,14 +218,14 @@ int UDiskOperator::SetRootPath(const char* letter, const char* label) {
   }
   UDISK_DEBUG("letter: %s, mMountPoint: %s, label: %s\n", letter, mount_point.c_str(), label);
   UDISK_DEBUG("==============letter:%s\n", mount_point.c_str());
-  // Outside the lock: a disk that hangs must not hold back who only asks for the mount point.
+  // Outside the lock: a disk that hangs must not block callers that only ask for the mount point.
   mFileManager->UdiskGetStatvfs(mount_point.c_str(), &record->stat);
   const std::lock_guard lock(mLock);
   mVolumes.push_back(record);
   return 0;
 }
 
-// ---- What all handlers use ----
+// ---- Shared by the handlers ----
 
 uint64_t getCurrentTime() {
   struct timeval now {};
@@ -249,13 +251,13 @@ int64_t UDiskOperator::Send(std::unique_ptr<CpdPacket> reply) {
 
 namespace {
 
-/// Refuses a request that does not fit its buffer. @return -1
+/// Logs that a request does not fit its buffer and is dropped. @return -1
 int64_t Dropped(const char* handler = __builtin_FUNCTION()) {
   UDISK_LOG(7, "Error:", handler, "%s dropped: the request reaches past its buffer", handler);
   return -1;
 }
 
-/// The answer of most requests: their own head, with the result in it, and their path.
+/// The reply to most requests: their own head, with the result in it, and their path.
 template <class Head>
 Reply EchoReply(unsigned char header_length, CpdPacket* request, PathRequest<Head>* in) {
   in->StoreHead();
@@ -264,14 +266,14 @@ Reply EchoReply(unsigned char header_length, CpdPacket* request, PathRequest<Hea
   return reply;
 }
 
-/// A trace message: where it comes from, then the text.
+/// A trace message: its place in the source, then the text.
 std::string Located(std::string_view text, const char* function = __builtin_FUNCTION(),
                     int line = __builtin_LINE()) {
   return std::string("[") + BaseName(__FILE__) + " " + function + "(" + std::to_string(line) +
          ")] " + std::string(text);
 }
 
-/// A listing and its buffer, as in a directory that cannot be opened until UdiskReadDir fills it.
+/// A listing that owns its buffer. It starts empty, and stays so when the directory cannot be read.
 struct Listing : _UDISK_DIR_ATTR {
   Listing() : _UDISK_DIR_ATTR{} {}
   ~Listing() { std::free(buf); }
@@ -296,7 +298,7 @@ void UDiskOperator::throttleRead(uint32_t bytes, BulkRead kind) {
     readBwKbps = static_cast<uint32_t>(forceBw);
     lastBwUpdateMs = when;
   };
-  // The two callers apply the rules in opposite order on purpose.
+  // Contract: the two bulk reads apply these rules in opposite order.
   if (kind == BulkRead::kFile) {
     lastReadMs = now;
     force(now);
@@ -318,7 +320,7 @@ void UDiskOperator::throttleRead(uint32_t bytes, BulkRead kind) {
 void UDiskOperator::throttleLegacy(uint32_t bytes, uint32_t kbps, BulkRead kind) {
   legacyBytes += bytes;
   const auto start = static_cast<int64_t>(getCurrentTime());
-  // The allowances are those of 512 and 51.2 ms: do not align them with the periods.
+  // Contract: the allowances are those of 512 and 51.2 ms, although the periods are 500 and 50 ms.
   const bool slow = kbps <= 10240;
   const int64_t period_ms = slow ? 500 : 50;
   const uint32_t allowance = slow ? (kbps >> 3) << 9 : ((kbps >> 3) << 10) / 20;
@@ -336,7 +338,7 @@ void UDiskOperator::throttleLegacy(uint32_t bytes, uint32_t kbps, BulkRead kind)
 
 namespace {
 
-/// 16 hexadecimal digits from a generator that lives for this one id.
+/// 16 hexadecimal digits, from a generator that is seeded for this one id.
 std::string MakeTraceId() {
   uint32_t seed = 0;
   try {
@@ -403,11 +405,12 @@ bool UDiskOperator::TraceFile(const char* event, bool success, const char* text,
 
 namespace {
 
-/// Where a disk of that name is mounted for the user that this process runs as.
+/// The directory in which the process's user finds a disk of that name.
 std::string LocalMountPath(const std::string& name) {
-  static std::mutex lock;  // getpwuid has one answer for the whole process
+  static std::mutex lock;  // getpwuid returns a buffer that all threads share
   const std::lock_guard guard(lock);
-  const auto user = static_cast<uint16_t>(getuid());  // 16 bits of it: kept
+  // Contract: the user id is cut to 16 bits, so 65536 counts as root.
+  const auto user = static_cast<uint16_t>(getuid());
   const struct passwd* entry = user != 0 ? getpwuid(user) : nullptr;
   const std::string home = entry != nullptr ? entry->pw_dir : "/media";
   return (home + "/" + name.substr(0, name.find('\0'))).substr(0, 255);
@@ -415,8 +418,8 @@ std::string LocalMountPath(const std::string& name) {
 
 }  // namespace
 
-// 100: name -> the same. Makes the directory, yet leaves no mount point behind: the one in force is
-// the service's, and comes with a label.
+// 100: name -> the same. Makes the directory. Contract: it also clears the mount point and the
+// volumes; only the service sets them.
 int64_t UDiskOperator::mount_remote(unsigned char header_length, CpdPacket* request) {
   PayloadReader in(request);
   MountHead head{};
@@ -428,7 +431,7 @@ int64_t UDiskOperator::mount_remote(unsigned char header_length, CpdPacket* requ
     const int made = mFileManager->MakeOneDir(path.c_str(), 0777);
     UDISK_DEBUG("mkdir res: %d", made);
   }
-  SetRootPath(path.c_str(), nullptr);  // clears the mount point: kept
+  SetRootPath(path.c_str(), nullptr);  // without a label: clears the mount point
   UDISK_DEBUG("mount path: %s\n", path.c_str());
 
   Reply reply(request, header_length, sizeof head + name.size());
@@ -443,7 +446,7 @@ int64_t UDiskOperator::umount_remote(unsigned char header_length, CpdPacket* req
   if (!in.Read(&head) || !in.ReadBytes(head.name_length, &name)) return Dropped();
 
   SetRootPath(nullptr, nullptr);
-  UDISK_DEBUG("umount path: %s\n", "");  // the path was always empty here: kept
+  UDISK_DEBUG("umount path: %s\n", "");  // Contract: the path in this line is always empty.
 
   Reply reply(request, header_length, sizeof head + name.size());
   return Send(reply.Append(head).Append(name).Take());
@@ -460,7 +463,7 @@ int64_t UDiskOperator::mount_response(unsigned char /*header_length*/, CpdPacket
       !in.ReadBytes(head.label_length, &label)) {
     return Dropped();
   }
-  // Both end at a NUL, if they hold one.
+  // Each text ends at its first NUL, if it has one.
   const std::string drive_text(drive.substr(0, drive.find('\0')));
   const std::string label_text(label.substr(0, label.find('\0')));
   UDISK_DEBUG("mount_response header_len: %d, label: %s, drive: %s\n",
@@ -476,8 +479,8 @@ int64_t UDiskOperator::mount_response(unsigned char /*header_length*/, CpdPacket
 
 // ---- Attributes: 102, 108, 113 ----
 
-// 102: head, path -> head with the attribute length, path, udisk_stat. The only request of its
-// family that refuses a NUL in its path, without a reply.
+// 102: head, path -> head with the attribute length, path, udisk_stat. A path with a NUL gets no
+// reply, unlike in 108 and 113.
 int64_t UDiskOperator::get_file_attr(unsigned char header_length, CpdPacket* request) {
   PathRequest<FileAttrHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped();
@@ -502,8 +505,8 @@ int64_t UDiskOperator::get_file_attr(unsigned char header_length, CpdPacket* req
   return Send(reply.Take());
 }
 
-// 108: head, path, name -> head with zeros, name. There are no extended attributes; no file is
-// looked at, and the path is not echoed.
+// 108: head, path, name -> head with zeros, name. Extended attributes are not supported: no file
+// is touched, and the path is not echoed.
 int64_t UDiskOperator::get_xattr(unsigned char header_length, CpdPacket* request) {
   PathRequest<XattrHead> in(request, CopyMountPoint());
   std::string_view name;
@@ -518,14 +521,14 @@ int64_t UDiskOperator::get_xattr(unsigned char header_length, CpdPacket* request
   in.head.value_length = 0;
   in.StoreHead();
 
-  // Room for the path too, though it is not echoed: kept.
+  // Contract: the reply's buffer has room for the path, too, although the path is not echoed.
   Reply reply(request, header_length, sizeof in.head + in.path.size() + name.size());
   return Send(reply.Append(in.head).Append(name).Take());
 }
 
-// 113: head, path -> head, path, statistics. The path's first component picks the volumes by the
-// beginning of their label. After a change all of them are refreshed and sent, else the first only:
-// deliberately unlike.
+// 113: head, path -> head, path, statistics. The path's first component selects the volumes whose
+// label begins with it. Contract: after a change all of them are refreshed and sent, otherwise only
+// the first is sent, as it is.
 int64_t UDiskOperator::get_statvfs(unsigned char header_length, CpdPacket* request) {
   const auto [mount_point, volumes] = CopyMount();
   PathRequest<StatvfsHead> in(request, mount_point);
@@ -538,7 +541,7 @@ int64_t UDiskOperator::get_statvfs(unsigned char header_length, CpdPacket* reque
   in.StoreHead();
 
   Reply reply(request, header_length, sizeof in.head + in.path.size() + sizeof(udisk_statvfs));
-  const int capacity = reply.capacity();  // as made; several records grow it
+  const int capacity = reply.capacity();  // for the log, before further records make it grow
   reply.Append(in.head).Append(in.path);
   for (const auto& volume : volumes) {
     if (std::strncmp(volume->label, label.c_str(), label.size()) != 0) continue;
@@ -546,7 +549,7 @@ int64_t UDiskOperator::get_statvfs(unsigned char header_length, CpdPacket* reque
       reply.Append(volume->stat);
       break;
     }
-    // On the current mount point, not the record's own: kept.
+    // Contract: each volume gets the statistics of the current mount point, not of its own.
     mFileManager->UdiskGetStatvfs(mount_point.c_str(), &volume->stat);
     reply.Append(volume->stat);
   }
@@ -563,7 +566,7 @@ std::pair<std::string, std::list<std::shared_ptr<VolumeRecord>>> UDiskOperator::
 
 // ---- Open files: 103, 104, 109 to 112, 119, 120 ----
 //
-// There are none: each request names its file by path and is one call of the file layer.
+// No file stays open: each request names its file by path and makes one call of the file layer.
 
 // 103: head, path -> head with a descriptor number or -1, path. The flags are not passed on.
 int64_t UDiskOperator::file_create(unsigned char header_length, CpdPacket* request) {
@@ -601,8 +604,8 @@ bool check_microsoft_suffix(const char* name) {
   return IsUnlimitedSuffix(suffix);
 }
 
-// 109: head, path -> head with the result, path. The head keeps the length that was asked for, also
-// where the file got the most that it may.
+// 109: head, path -> head with the result, path. Contract: the reply's head keeps the requested
+// length, even where the file got only kMostTruncateLength.
 int64_t UDiskOperator::file_truncate(unsigned char header_length, CpdPacket* request) {
   PathRequest<TruncateHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped();
@@ -639,7 +642,7 @@ int64_t UDiskOperator::file_fsync(unsigned char header_length, CpdPacket* reques
   return Send(reply.Take());
 }
 
-// 111: head, path -> head with the result, path. Free space stays: not `modified`.
+// 111: head, path -> head with the result, path. Free space does not change: `modified` stays.
 int64_t UDiskOperator::file_chmod(unsigned char header_length, CpdPacket* request) {
   PathRequest<ChmodHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped();
@@ -654,7 +657,7 @@ int64_t UDiskOperator::file_chmod(unsigned char header_length, CpdPacket* reques
   return Send(reply.Take());
 }
 
-// 112: head, path -> head with the result, path. Free space stays: not `modified`.
+// 112: head, path -> head with the result, path. Free space does not change: `modified` stays.
 int64_t UDiskOperator::file_chown(unsigned char header_length, CpdPacket* request) {
   PathRequest<ChownHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped();
@@ -681,7 +684,7 @@ bool CanBeCopied(const CpdPacket& request) {
 
 }  // namespace
 
-// 119: head, path -> the request itself. Flushes nothing: 110 and 120 do.
+// 119: head, path -> the request itself. Contract: 119 does not flush; 110 and 120 do.
 int64_t UDiskOperator::file_flush(unsigned char /*header_length*/, CpdPacket* request) {
   const PathRequest<CloseHead> in(request, CopyMountPoint());
   if (!in.ok() || !CanBeCopied(*request)) return Dropped();
@@ -689,7 +692,7 @@ int64_t UDiskOperator::file_flush(unsigned char /*header_length*/, CpdPacket* re
   return SendCopy(request);
 }
 
-// 120: head, path -> the request itself, whatever came of the sync.
+// 120: head, path -> the request itself, even when the sync failed.
 int64_t UDiskOperator::file_release(unsigned char /*header_length*/, CpdPacket* request) {
   const std::string mount_point = CopyMountPoint();
   const PathRequest<CloseHead> in(request, mount_point);
@@ -707,11 +710,11 @@ int64_t UDiskOperator::SendCopy(const CpdPacket* request) {
 
 // ---- Data: 105, 106, 123 ----
 
-// Room for so few bytes costs less than asking the file for its size.
+// Allocating up to this many bytes costs less than asking the file for its size.
 constexpr int kNotWorthAsking = 64 << 10;
 
 // 105: head, path -> head with the bytes read, path, data. The data is read straight into the
-// reply. A file that cannot be read is answered with 0 bytes and traced as a success.
+// reply. Contract: a read that fails is answered with 0 bytes and traced as a success.
 int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request) {
   PathRequest<ReadHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped();
@@ -732,7 +735,7 @@ int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request
   int result = mFileManager->UdiskReadFile(in.full_path.c_str(), in.head.offset, &error,
                                            std::ref(make_room));
   const char* const path = in.relative_path();
-  if (result == -1) {  // for a file layer that reports failure so; this one answers 0
+  if (result == -1) {  // for a file layer that returns -1 on failure; FileManagerLinux returns 0
     UDISK_ERROR("file_read failed res: %d, \n", result);
     if (TraceFile("UDISK_READ_FILE_FAIL", false, "udisk readFile fail", path)) {
       mDevice.load()->ReportReadFail(path);
@@ -749,8 +752,8 @@ int64_t UDiskOperator::file_read(unsigned char header_length, CpdPacket* request
   return Send(reply->Take());
 }
 
-// 106: head, path, data -> head with the size or 0, path; only where the markers are equal. A batch
-// that fails part-way has written its earlier pieces and does not tell how many: kept.
+// 106: head, path, data -> head with the size or 0, path; no reply when the markers differ.
+// Contract: a batch that fails part-way keeps the pieces it has written; its reply says only 0.
 int64_t UDiskOperator::file_write(unsigned char /*header_length*/, CpdPacket* request) {
   PathRequest<WriteHead> in(request, CopyMountPoint());
   const int size = in.head.size;
@@ -767,7 +770,7 @@ int64_t UDiskOperator::file_write(unsigned char /*header_length*/, CpdPacket* re
       static_cast<int64_t>(static_cast<uint64_t>(in.head.offset) + static_cast<uint32_t>(size));
 
   const char* const path = in.relative_path();
-  if (result == size) {  // so also a failed write of size -1: kept
+  if (result == size) {  // Contract: a failed write of size -1 counts as a success, too.
     TraceFile("UDISK_WRITE_FILE_SUCCESS", true, "udisk writeFile success", path);
   } else {
     in.head.size = 0;
@@ -787,8 +790,8 @@ int64_t UDiskOperator::file_write(unsigned char /*header_length*/, CpdPacket* re
   return Send(reply.Take());
 }
 
-/// Writes the pieces of a batch up to the first that fails or is broken.
-/// @return bytes of the batch dealt with, the broken piece's head included
+/// Writes the pieces of a batch up to the first that fails or reaches past the batch.
+/// @return bytes of the batch that were dealt with, including the head of a piece that failed
 int UDiskOperator::WriteBatch(const char* path, std::string_view batch, uint32_t* error) {
   int position = 0;
   auto remaining = static_cast<int>(batch.size());
@@ -818,16 +821,15 @@ int UDiskOperator::WriteBatch(const char* path, std::string_view batch, uint32_t
 namespace {
 
 struct SmallFileRecord {
-  std::string path;  ///< relative, as it came
+  std::string path;  ///< relative, as received
   std::string full_path;
   int64_t offset;
   uint32_t size;
   uint32_t path_length;
-  int count;  ///< how much to read: no more than the file can deliver
+  int count;  ///< bytes to read: no more than the file can deliver
 };
 
-/// The records of a small-file read.
-/// @return 0, or what the handler answers to a malformed one
+/// Reads the records of a 123. @return 0, or what the handler returns for a malformed request
 int ReadSmallFileRecords(PayloadReader* in, uint32_t remaining, uint32_t count,
                          const std::string& mount_point, const FileManagerLinux& files,
                          std::list<SmallFileRecord>* records) {
@@ -861,8 +863,8 @@ int ReadSmallFileRecords(PayloadReader* in, uint32_t remaining, uint32_t count,
 
 }  // namespace
 
-// 123: count, then so many heads with a path -> the same, each with its data. A malformed request
-// gets no reply, a file that cannot be read 0 bytes. No traces, unlike 105.
+// 123: count, then that many heads with a path -> the same, each with its data. A malformed request
+// gets no reply; a file that cannot be read gives 0 bytes. Unlike 105, it traces nothing.
 int64_t UDiskOperator::small_file_read(unsigned char /*header_length*/, CpdPacket* request) {
   PayloadReader in(request);
   SmallReadHead head{};
@@ -876,8 +878,8 @@ int64_t UDiskOperator::small_file_read(unsigned char /*header_length*/, CpdPacke
                                              CopyMountPoint(), *mFileManager, &records);
   if (malformed != 0) return malformed;
 
-  // The throttle is charged with what was asked for, in 32 bits and without the count; the buffer
-  // is made for what can come.
+  // Contract: the throttle is charged with the requested sizes, added up in 32 bits and without the
+  // count. The buffer is allocated for what the files can deliver.
   uint32_t planned = CPD_PACKET_HEADER_SIZE;
   size_t room = sizeof head;
   for (const SmallFileRecord& record : records) {
@@ -897,7 +899,7 @@ int64_t UDiskOperator::small_file_read(unsigned char /*header_length*/, CpdPacke
     out.path_length = record.path_length;
     uint32_t error = 0;
     int result = 0;
-    if (reply.ok()) {  // straight into the reply, behind head and path
+    if (reply.ok()) {  // straight into the reply, after head and path
       const ReadRoom into =
           FileManagerLinux::Overflows(record.offset, static_cast<int>(record.size))
               ? ReadRoom{nullptr, static_cast<int>(record.size)}
@@ -905,7 +907,7 @@ int64_t UDiskOperator::small_file_read(unsigned char /*header_length*/, CpdPacke
       result = mFileManager->UdiskReadFile(record.full_path.c_str(), into.data, record.offset,
                                            into.count, &error);
     }
-    if (result == -1) {  // for a file layer that reports failure so; this one answers 0
+    if (result == -1) {  // for a file layer that returns -1 on failure; FileManagerLinux returns 0
       UDISK_ERROR("file_read failed res: %d, \n", 0);
       result = 0;
     }
@@ -916,21 +918,21 @@ int64_t UDiskOperator::small_file_read(unsigned char /*header_length*/, CpdPacke
   if (!reply.ok()) return -1;
   throttleRead(planned, BulkRead::kSmallFiles);
   Send(reply.Trim().Take());
-  return 0;  // whatever the host said, unlike every other handler: kept
+  return 0;  // Contract: not SendPacket's result, which every other handler returns.
 }
 
 // ---- Directories: 107, 121 ----
 
 namespace {
 
-/// What a change of an entry shows in.
+/// The fields of an entry in which a change shows.
 struct ListedEntry {
   std::string_view name;  // up to its NUL
   int64_t size;
   int64_t seconds;  // of the modification time
 };
 
-/// The next entry of a listing that walks cleanly; advances `*at` behind it.
+/// Reads the entry at `*at`, in a listing that passed WalksCleanly, and moves `*at` past it.
 ListedEntry NextEntry(const char** at) {
   udisk_dir_entry head{};
   std::memcpy(&head, *at, sizeof head);
@@ -940,7 +942,7 @@ ListedEntry NextEntry(const char** at) {
   return entry;
 }
 
-/// Whether `listing` holds so many whole entries, each name with its NUL.
+/// Whether `listing` holds `count` whole entries, each with a NUL-terminated name.
 bool WalksCleanly(std::string_view listing, int count) {
   udisk_dir_entry head{};
   for (int i = 0; i < count; ++i) {
@@ -993,7 +995,8 @@ int64_t UDiskOperator::check_dir(unsigned char header_length, CpdPacket* request
   UDISK_DEBUG("check dir full path: %s\n", in.full_path.c_str());
   Listing listing;
   mFileManager->UdiskReadDir(in.full_path.c_str(), &listing);
-  // One that changed between the two passes of its reading need not walk cleanly either.
+  // The fresh listing is checked, too: it has fewer entries than it counts if the directory changed
+  // between the two passes of UdiskReadDir.
   if (WalksCleanly(cache, in.head.entry_count) &&
       WalksCleanly(listing.bytes(), static_cast<int>(listing.entry_count)) &&
       compare_cache(in.head.entry_count, static_cast<int>(listing.entry_count), cache.data(),
@@ -1009,7 +1012,7 @@ int64_t UDiskOperator::check_dir(unsigned char header_length, CpdPacket* request
 int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cached,
                                  const void* current) {
   if (cache_count != dir_count) return 0;
-  // The current entries by name, those of one name in the order of the listing.
+  // The current entries, sorted by name; equal names stay in the order of the listing.
   const auto count = static_cast<size_t>(std::max(dir_count, 0));
   std::vector<ListedEntry> entries;
   entries.reserve(count);
@@ -1017,8 +1020,8 @@ int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cac
   while (entries.size() < count) entries.push_back(NextEntry(&at));
   std::ranges::stable_sort(entries, {}, &ListedEntry::name);
 
-  // Names that stand there more than once make more matches than there are entries, up to the
-  // square: with so many it is settled that there is a change.
+  // Repeated names give more matches than there are entries, up to the square of their number. More
+  // than this many prove a change, so the count stops there.
   const int most_matches = std::max(cache_count, 1 << 17);
   int matches = 0;
   at = static_cast<const char*>(cached);
@@ -1027,7 +1030,7 @@ int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cac
     const int matches_before = matches;
     for (auto candidate = std::ranges::lower_bound(entries, entry.name, {}, &ListedEntry::name);
          candidate != entries.end() && candidate->name == entry.name; ++candidate) {
-      // Size and seconds only: a change of mode, owner or nanoseconds is deliberately not one.
+      // Contract: only size and seconds count; a change of mode, owner or nanoseconds does not.
       if (candidate->size != entry.size || candidate->seconds != entry.seconds) {
         UDISK_DEBUG("not found dirFileName:%s,cacheFileName:%s", candidate->name.data(),
                     entry.name.data());
@@ -1050,10 +1053,10 @@ int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cac
 
 // ---- Names: 114 to 118 ----
 //
-// Each may change free space, also when it fails: all set `modified`. Only 114, 115 and 118 trace
-// their failures: kept.
+// Each may change free space even when it fails, so all set `modified`. Contract: only 114, 115 and
+// 118 trace their failures.
 
-// 114: head, path -> head with the result, and as many bytes of the local path as the path has.
+// 114: head, path -> head with the result, and the local path cut to the length of the path.
 int64_t UDiskOperator::make_dir(unsigned char header_length, CpdPacket* request) {
   PathRequest<MakeDirHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped();
@@ -1064,7 +1067,7 @@ int64_t UDiskOperator::make_dir(unsigned char header_length, CpdPacket* request)
   if (in.head.result != 0) TraceError(Located("udisk make_dir fail"));
   UDISK_DEBUG("make dir resule: %d", int{in.head.result});
 
-  // The local path's beginning, not the path that was sent: kept.
+  // Contract: the reply echoes the beginning of the local path, not the path that was sent.
   in.path = std::string_view(in.full_path).substr(0, in.path.size());
   Reply reply = EchoReply(header_length, request, &in);
   UDISK_DEBUG("make dir send back size:%d", reply.capacity());
@@ -1088,7 +1091,7 @@ int64_t UDiskOperator::remove_dir(unsigned char header_length, CpdPacket* reques
   return Send(reply.Take());
 }
 
-// 116: head, existing path, new path -> head with the result, both paths. A hard link.
+// 116: head, existing path, new path -> head with the result, both paths. Makes a hard link.
 int64_t UDiskOperator::set_link(unsigned char header_length, CpdPacket* request) {
   TwoPathsRequest in(request, CopyMountPoint());
   if (!in.ok()) return Dropped();

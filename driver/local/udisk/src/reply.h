@@ -11,11 +11,11 @@
 
 namespace cpd {
 
-/// Out of memory leaves a reply without a packet to send; appending to it does nothing.
+/// When memory runs out, a reply has no packet to send, and appending to it does nothing.
 class Reply {
  public:
-  /// @param header_length  room for the packet header, which is never less than that takes
-  /// @param payload_size   room for the payload; more than fits grows as CpdPacket does
+  /// @param header_length  room for the packet header; raised to CPD_PACKET_HEADER_SIZE
+  /// @param payload_size   room for the payload; a longer one makes the packet grow
   Reply(const CpdPacket* request, unsigned char header_length, size_t payload_size)
       : packet_(std::make_unique<CpdPacket>(
             std::max<size_t>(header_length, CPD_PACKET_HEADER_SIZE) + payload_size)) {
@@ -38,16 +38,16 @@ class Reply {
     return *this;
   }
 
-  /// Where bytes go that stand `offset` behind what is appended; null without memory.
+  /// The place `offset` bytes after the end of what is appended; null without memory.
   [[nodiscard]] uint8_t* Room(size_t offset) {
     return ok() ? packet_->buffer->data + packet_->header->packetLen + offset : nullptr;
   }
-  /// Counts `size` bytes as appended that were put into that room.
+  /// Counts the next `size` bytes, which were written in place through Room, as appended.
   Reply& Commit(uint32_t size) {
     if (ok()) packet_->header->packetLen += size;
     return *this;
   }
-  /// Gives the rest of the buffer back.
+  /// Frees the unused rest of the buffer.
   Reply& Trim() {
     if (ok()) {
       packet_->buffer->Shrink(packet_->header->packetLen);

@@ -1,4 +1,4 @@
-// Reading a request: bounds-checked heads and texts, and the local path that a request means.
+// Reading a request: bounds-checked heads and texts, and the local path that they name.
 #pragma once
 
 #include <cstdint>
@@ -48,7 +48,7 @@ class PayloadReader {
   size_t left_ = 0;
 };
 
-/// The mount point followed by a request's path. A NUL in the path ends it; zeros fill the rest.
+/// The mount point followed by a request's path. After a NUL in the path the rest is zeros.
 inline std::string JoinPath(const std::string& mount_point, std::string_view path) {
   std::string full;
   full.reserve(mount_point.size() + path.size());
@@ -60,14 +60,15 @@ inline std::string JoinPath(const std::string& mount_point, std::string_view pat
 
 inline bool HasNul(std::string_view text) { return text.find('\0') != std::string_view::npos; }
 
-/// A path's first component: what stands before the first '/' in its first 256 characters; empty
-/// when there is none.
+/// A path's first component: what precedes the first '/'. Empty when there is no '/' in the first
+/// 256 characters.
 inline std::string_view FirstComponent(std::string_view path) {
   const size_t slash = path.substr(0, 256).find('/');
   return slash == std::string_view::npos ? std::string_view{} : path.substr(0, slash);
 }
 
-/// A request of a head with a `path_length`, and that path; what else follows is left to `rest`.
+/// A request that begins with a head and a path of the head's `path_length`; `rest` reads what
+/// follows them.
 template <class Head>
 class PathRequest {
  public:
@@ -81,7 +82,7 @@ class PathRequest {
 
   /// Whether the head and the path fit the request's buffer.
   [[nodiscard]] bool ok() const { return ok_; }
-  /// The path as it came, up to a NUL.
+  /// The path as received, up to a NUL.
   [[nodiscard]] const char* relative_path() const { return full_path.c_str() + mount_length_; }
   /// Writes the head, with the results in it, back into the request.
   void StoreHead() { std::memcpy(stored_head_, &head, sizeof head); }
@@ -108,7 +109,7 @@ class TwoPathsRequest : public PathRequest<TwoPathsHead> {
     ok_ = ok_ && rest.ReadBytes(head.new_path_length, &new_path);
     if (!ok_) return;
     new_full_path = JoinPath(mount_point, new_path);
-    path = {path.data(), path.size() + new_path.size()};  // echoed as one
+    path = {path.data(), path.size() + new_path.size()};  // the reply echoes both
   }
 
   std::string new_full_path;

@@ -51,12 +51,12 @@ namespace {
 
 constexpr size_t kMostTextBytes = 255;
 
-/// What a 255-character text buffer would hold of it.
+/// `text` up to its first NUL, and 255 bytes of it at most.
 std::string Cut(const std::string& text) {
   return text.substr(0, std::min(text.find('\0'), kMostTextBytes));
 }
 
-/// The parsed text; null when it is no JSON.
+/// The parsed text; null when it is not JSON.
 Json::Value ParseJson(const std::string& text) {
   Json::Value root;
   std::string errors;
@@ -104,7 +104,7 @@ void UDiskService::Announce() {
                  text.c_str());
   UDISK_DEBUG_OF(ServiceThread, "udisk soft client");
   const DiskParams params = ReadParams(text);
-  // The parameters stand where the path was meant: kept.
+  // Contract: this line shows all parameters under the word path.
   UDISK_DEBUG_OF(ServiceThread, "path: %s, lable: %s", Cut(text).c_str(), params.label.c_str());
   mOperator->SetRootPath(params.letter.c_str(), params.label.c_str());
   SetReadSmallFileTrubo();
@@ -170,7 +170,7 @@ int UDiskService::MountRemote(const char* name, CpdDevice* device) {
   packet->AppendPayload(&head, sizeof head);
   packet->AppendPayload(label.c_str(), static_cast<uint32_t>(label.size() + 1));
   packet->AppendPayload(&read_only, sizeof read_only);
-  // Under "header size" stands the width of the length prefix: kept.
+  // Contract: this line shows the width of the length prefix as the header size.
   UDISK_DEBUG("packet header size: %d, payload size: %d, packet size: %d\n",
               static_cast<int>(sizeof head), static_cast<int>(packet->PayloadSize()),
               packet->header != nullptr ? static_cast<int>(packet->header->packetLen) : 0);
@@ -193,22 +193,22 @@ void CopyToField(std::string_view text, char* field) {
 
 bool Contains(const char* text, const char* part) { return std::strstr(text, part) != nullptr; }
 
-/// The decimal number that a file of sysfs begins with; 0 when there is none.
+/// The decimal number of up to three digits at the start of a sysfs file; 0 when there is none.
 int ReadNumber(const std::string& path, size_t command_size) {
   CommandOutput output("cat " + ShellWord(path), command_size);
   std::array<char, 4> digits{};
   return output.ReadLine(&digits) ? std::atoi(digits.data()) : 0;
 }
 
-/// The last three characters but one, or those of them that exist: sdb of sdb1.
+/// The three characters before the last one, or as many of them as there are: sdb of sdb1.
 std::string MatchKey(std::string_view device) {
   device.remove_suffix(std::min<size_t>(device.size(), 1));
   device.remove_prefix(device.size() - std::min(device.size(), kDiskNameBytes));
   return std::string(device);
 }
 
-/// Reads a line of blkid. Keys are looked for as substrings, so that a PARTLABEL, PARTUUID or
-/// PTTYPE counts as the shorter one: kept.
+/// Reads a line of blkid. Contract: keys are found as substrings, so PARTLABEL counts as LABEL,
+/// PARTUUID as UUID and PTTYPE as TYPE.
 UDiskInfo ParsePartition(char* line) {
   UDiskInfo info{};
   char* rest = nullptr;
@@ -239,7 +239,7 @@ int UDiskService::GetString(const char* source, char* destination) {
 }
 
 int UDiskService::GetDeviceClass(const char* port) {
-  // The file holds two hexadecimal digits, which are read as decimal ones: kept.
+  // Contract: the two hexadecimal digits in the file are read as decimal ones, so 0e reads as 0.
   return ReadNumber("/sys/bus/usb/devices/" + std::string(port) + ":1.0/bInterfaceClass",
                     kCommandSize);
 }
@@ -279,12 +279,13 @@ int UDiskService::GetDeviceLabel(const char* device, UdiskDevice* out) {
   }
   if (found.empty()) return 0;
 
-  const auto count = static_cast<uint8_t>(found.size());  // 256 partitions count as none: kept
+  // Contract: the count is cut to 8 bits, so 256 partitions count as none.
+  const auto count = static_cast<uint8_t>(found.size());
   auto* const infos = static_cast<UDiskInfo*>(std::malloc(count * sizeof(UDiskInfo)));
   if (infos == nullptr) return -1;
   std::copy_n(found.begin(), count, infos);
   out->count = count;
-  out->infos = infos;  // what stood there is not freed: kept
+  out->infos = infos;  // Contract: the array that it held is not freed; it may be the host's.
   return 0;
 }
 
@@ -303,7 +304,7 @@ int UDiskService::MountLocal(UDiskInfo* info) {
       RunCommand(std::string(program) + " " + ShellWord(info->devName) + " " +
                  ShellWord(directory) + " -o dmask=0000 -o fmask=0000 -o iocharset=utf8");
   if (result != 0) UDISK_ERROR("udisk mount errno: %d", errno);
-  // A longer directory is cut, and UmountLocal then means the cut one: kept.
+  // Contract: the directory is cut to 31 bytes here, so UmountLocal acts on the cut name.
   CopyToField(directory, info->mountPoint);
   return result;
 }
@@ -312,7 +313,7 @@ int UDiskService::UmountLocal() {
   if (mUdiskDevice == nullptr) return -1;
   for (uint8_t i = 0; i < mUdiskDevice->count; ++i) {
     const std::string directory = ShellWord(mUdiskDevice->infos[i].mountPoint);
-    // Removed also where the unmount failed: kept.
+    // Contract: the directory is removed even when the unmount failed.
     for (const char* command : {"umount -l ", "rm -rf "}) CommandOutput{command + directory};
   }
   std::free(mUdiskDevice->infos);

@@ -1,4 +1,5 @@
-// Shell commands. A word of a command runs nothing; a command that its buffer would cut is not run.
+// Runs shell commands. Words are quoted, so that the shell runs nothing in them; a command that is
+// too long for its buffer is not run.
 #pragma once
 
 #include <array>
@@ -10,10 +11,10 @@
 
 namespace cpd {
 
-/// The buffer of most commands, terminator included.
+/// The buffer size of most commands, terminator included.
 constexpr size_t kCommandSize = 256;
 
-/// `text` as one word for the shell: as it is where the shell cannot mistake it, else in quotes.
+/// `text` as one word for the shell: unchanged when no character is special, else quoted.
 inline std::string ShellWord(std::string_view text) {
   static constexpr std::string_view kPlain =
       "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-+:@%,=/";
@@ -29,23 +30,23 @@ inline std::string ShellWord(std::string_view text) {
   return word + "'";
 }
 
-/// Runs a command to its end. @return as system; -1 too when it would be cut
+/// Runs a command to its end. @return what system returns; -1 when the command is too long
 inline int RunCommand(const std::string& command) {
   return command.size() < kCommandSize ? std::system(command.c_str()) : -1;
 }
 
-/// A running command's standard output. Its end waits for the command's.
+/// The standard output of a running command. The destructor waits for the command to end.
 class CommandOutput {
  public:
-  /// Longest line, with its line feed; what follows reads as a line of its own.
+  /// Holds a line, its line feed and a NUL. The rest of a longer line reads as the next line.
   using Line = std::array<char, 1024>;
 
-  /// Does not start a command that a buffer of `size` bytes would cut.
+  /// Does not start a command that is too long for a buffer of `size` bytes.
   explicit CommandOutput(const std::string& command, size_t size = kCommandSize)
       : pipe_(command.size() < size ? popen(command.c_str(), "re") : nullptr) {}
 
   [[nodiscard]] bool started() const { return pipe_ != nullptr; }
-  /// @return false at the end, or where nothing was started
+  /// @return false at the end, or when no command was started
   template <size_t N>
   bool ReadLine(std::array<char, N>* line) {
     return started() && std::fgets(line->data(), N, pipe_.get()) != nullptr;

@@ -81,7 +81,7 @@ int UDiskDriver::Init() {
   UDISK_DEBUG("client udisk init service\n");
   if (mService->StartLoop() == -1) {
     mService.reset();
-    // By a signal of its own: the stop flag stays clear on this way out.
+    // A flag of its own ends the worker: mStop stays false when Init fails.
     {
       const std::lock_guard lock(mMutex);
       mAbandoned = true;
@@ -110,11 +110,11 @@ int UDiskDriver::Close(signed char /*reason*/) {
   }
   ReleaseQueue();
   if (auto udisk_operator = CopyOperator(); udisk_operator != nullptr) {
-    udisk_operator->Idle();  // the worker, which would do that, is gone
+    udisk_operator->Idle();  // the worker, which used to call it, is gone
     udisk_operator->TryTrace("UDISK_DRIVER_CLOSE", "udisk driver close success");
     udisk_operator->LetGoOfDevice();  // the host may hold the operator longer than the device
     const std::lock_guard lock(mMutex);
-    mOperator.reset();  // this copy, or a bus event in flight, is the last holder
+    mOperator.reset();  // udisk_operator, or a bus event in flight, now holds it last
   }
   UDISK_DEBUG("udisk client close out\n");
   return 0;
@@ -171,7 +171,7 @@ void UDiskDriver::DataEventHandle() {
   }
 }
 
-// ---- What the host calls ----
+// ---- Called by the host ----
 
 int UDiskDriver::onEvent(std::unique_ptr<CpdPacket> packet, int /*flags*/) {
   if (packet == nullptr) return -1;
@@ -224,7 +224,7 @@ std::string UDiskDriver::GetDriverKind() { return "RawDrv"; }
 
 std::shared_ptr<DriverObj> UDiskDriver::GetDriverObj() { return CopyOperator(); }
 
-// ---- Beside the driver interface ----
+// ---- Not in the driver interface ----
 
 int UDiskDriver::OnEvent(signed char devId, int /*event*/, unsigned char* /*data*/, int /*len*/) {
   if (mDevice->GetDevId() == devId) return 0;
