@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <limits>
+#include <utility>
 
 namespace cpd::host {
 
@@ -22,10 +24,12 @@ class Backlog {
   /// Takes back work that is carried out.
   void Remove(size_t work) { work_ -= work; }
 
-  /// Learns how long the disk took for some work.
+  /// Learns how long the disk took for some work. A single slow answer may be a busy machine's
+  /// doing and does not count; a second one in a row does.
   void Measure(size_t work, std::chrono::nanoseconds took) {
     const double latest = static_cast<double>(took.count()) / static_cast<double>(work);
-    cost_ = cost_ == 0 ? latest : (cost_ + latest) / 2;
+    const double lately = std::min(latest, std::exchange(latest_, latest));
+    cost_ = cost_ == 0 ? lately : (cost_ + lately) / 2;
     const double in_time = kLongestWait / std::max(cost_, kLeastCost);
     most_ = in_time < kMost ? static_cast<size_t>(in_time) : kMost;
   }
@@ -38,7 +42,8 @@ class Backlog {
 
   size_t work_ = 0;
   size_t most_ = kMost;
-  double cost_ = 0;  // ns a byte; 0 = never measured
+  double latest_ = std::numeric_limits<double>::max();  // measured
+  double cost_ = 0;                                     // ns a byte; 0 = never measured
 };
 
 }  // namespace cpd::host

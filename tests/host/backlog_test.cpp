@@ -47,9 +47,17 @@ TEST(Backlog, OfADiskThatTakesLongerForOnePieceIsEmpty) {
 TEST(Backlog, FollowsADiskThatBecomesSlowerOrFaster) {
   Backlog backlog;
   for (int i = 0; i < 100; ++i) backlog.Measure(kPiece, 5us);
-  for (int i = 0; i < 2; ++i) backlog.Measure(kPiece, 5ms);
+  for (int i = 0; i < 3; ++i) backlog.Measure(kPiece, 5ms);
   EXPECT_FALSE(backlog.HasRoomFor(30 * kPiece));
   for (int i = 0; i < 20; ++i) backlog.Measure(kPiece, 5us);
+  EXPECT_TRUE(backlog.HasRoomFor(400 * kPiece));
+}
+
+TEST(Backlog, IgnoresASingleSlowAnswer) {
+  Backlog backlog;
+  backlog.Measure(kPiece, 5us);
+  backlog.Measure(kPiece, 50ms);
+  backlog.Measure(kPiece, 5us);
   EXPECT_TRUE(backlog.HasRoomFor(400 * kPiece));
 }
 
