@@ -313,21 +313,25 @@ TEST_F(LegacyThrottleTest, AClockThatIsSetBackDuringASleepIsNotAnOverrun) {
   EXPECT_EQ(udisk->legacyOverrunMs, 0);
 }
 
-TEST_F(LegacyThrottleTest, ABandwidthThatIsWithdrawnInTheMiddleOfAReadCostsNoSleep) {
-  // Read(1) is far below the allowance: it sleeps under no bandwidth that was ever announced.
+TEST_F(LegacyThrottleTest, ABandwidthThatIsWithdrawnInTheMiddleOfAReadHoldsForAllOfIt) {
   for (const BulkRead kind : {BulkRead::kFile, BulkRead::kSmallFiles}) {
-    for (int withdrawn_at = 1; withdrawn_at <= 3; ++withdrawn_at) {
-      SCOPED_TRACE(withdrawn_at);
-      MakeOperator();
-      Announce(16'000);
-      int reading = 0;
-      clock.OnReading([&] {
-        if (++reading == withdrawn_at) udisk->readBwKbps = 0;
-      });
-      EXPECT_EQ(kind == BulkRead::kFile ? Read(1) : ReadSmallFiles(1), Sleeps{});
-      clock.OnReading(nullptr);
-      EXPECT_GE(reading, 1);
-      EXPECT_EQ(udisk->legacyOverrunMs, 0);
+    // The clock is read once more by small files before the bandwidth is looked at.
+    const int looked_at_after = kind == BulkRead::kFile ? 1 : 2;
+    for (int withdrawn_at = 1; withdrawn_at <= looked_at_after + 2; ++withdrawn_at) {
+      for (const uint32_t bytes : {1U, 102'400U}) {  // below the allowance, and all of it
+        SCOPED_TRACE(withdrawn_at);
+        MakeOperator();
+        Announce(16'000);
+        int reading = 0;
+        clock.OnReading([&] {
+          if (++reading == withdrawn_at) udisk->readBwKbps = 0;
+        });
+        const Sleeps slept = kind == BulkRead::kFile ? Read(bytes) : ReadSmallFiles(bytes);
+        clock.OnReading(nullptr);
+        EXPECT_GE(reading, withdrawn_at);
+        const bool paced = withdrawn_at > looked_at_after && bytes > 1;
+        EXPECT_EQ(slept, paced ? Sleeps{50} : Sleeps{});
+      }
     }
   }
 }
