@@ -23,7 +23,7 @@ using Kind = Attempt::Kind;
 // still report some that it reserves for itself.
 constexpr uint64_t kHardlyFree = 128 << 10;
 // A file's blocks are numbered in 32 bits where they are not numbered in 64: on ext4, for one.
-constexpr uint64_t kMostBlocks = uint64_t{1} << 32;
+constexpr uint64_t kMostBlocks = (uint64_t{1} << 32) - 1;
 
 bool MakesName(Kind kind) {
   return kind == Kind::kMakeFile || kind == Kind::kMakeDirectory || kind == Kind::kLink ||
@@ -96,7 +96,7 @@ bool IsTooLarge(const Attempt& attempt, const Facts& facts) {
   const int64_t size = facts.file->st_size;
   if (attempt.end <= size) return false;
   if (size <= kLargestFatFile && attempt.end > kLargestFatFile) return true;
-  return facts.disk && end / std::max<uint64_t>(facts.disk->f_bsize, 1) >= kMostBlocks;
+  return facts.disk && end > kMostBlocks * std::max<uint64_t>(facts.disk->f_bsize, 1);
 }
 
 bool Owns(const User& user, const udisk_stat& file) {

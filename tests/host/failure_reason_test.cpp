@@ -218,18 +218,18 @@ TEST(FailureReason, IsEfbigForAWriteThatCrossesFourGibibytes) {
 }
 
 TEST(FailureReason, OfAWriteBeyondTheBlocksThatAFileCanHaveIsTheSize) {
-  constexpr int64_t kSixteenTebibytes = int64_t{16} << 40;
+  constexpr int64_t kMost = (int64_t{16} << 40) - 4096;
   auto facts = NothingWrong();
   facts.disk->f_bsize = 4096;
   facts.file->st_size = int64_t{5} << 30;
   const auto reason_of_end = [&](int64_t end) {
     return LikeliestReason({.kind = Kind::kWrite, .path = "/a", .end = end}, facts);
   };
-  EXPECT_EQ(reason_of_end(kSixteenTebibytes - 1), EIO);
-  EXPECT_EQ(reason_of_end(kSixteenTebibytes), EFBIG);
+  EXPECT_EQ(reason_of_end(kMost), EIO);
+  EXPECT_EQ(reason_of_end(kMost + 1), EFBIG);
   EXPECT_EQ(reason_of_end(INT64_MAX), EFBIG);
-  facts.file->st_size = kSixteenTebibytes;  // this disk has larger files
-  EXPECT_EQ(reason_of_end(kSixteenTebibytes), EIO);
+  facts.file->st_size = kMost + 1;  // this disk has larger files
+  EXPECT_EQ(reason_of_end(kMost + 1), EIO);
 }
 
 TEST(FailureReason, OfAWriteBeyondTheLimitOfThisProcessIsTheSize) {
