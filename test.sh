@@ -4,9 +4,9 @@
 #   ./test.sh             optimised, then under AddressSanitizer and UBSan, then ThreadSanitizer
 #   ./test.sh --quick     optimised only
 #   ./test.sh -R REGEX    only tests whose name matches
-#   ./test.sh --lint      only the linter, over all that is shipped
-#   ./test.sh --fuzz S    only the fuzzers, each for so many seconds
-#   ./test.sh --ci        all of it, from a build without warnings: every test, the linter, then the
+#   ./test.sh --lint      only the linter, over everything that is shipped
+#   ./test.sh --fuzz S    only the fuzzers, each for S seconds
+#   ./test.sh --ci        everything, with warnings as errors: every test, the linter, then the
 #                         fuzzers for a minute each
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/scripts/usage.sh"
@@ -52,7 +52,7 @@ sources_are_formatted() {
     xargs -0 clang-format --dry-run --Werror
 }
 
-# Five minutes on two cores. Tests, benches and fuzzers would take three times as long again.
+# Takes five minutes on two cores. Tests, benches and fuzzers would add three times as much.
 linter_is_content() {
   cmake --preset release -DBUILD_TESTING=ON >/dev/null &&
     find driver packet host examples -name '*.cpp' -print0 |
@@ -117,7 +117,8 @@ for preset in "${presets[@]}"; do
   cmake --build --preset "$preset" -j2 >"$scratch/build.log" 2>&1 ||
     { cat "$scratch/build.log"; exit 1; }
   case $preset in
-    # The slow tests copy whole trees and pace reads for half a minute: no races that others miss.
+    # The slow tests copy whole trees and pace reads for half a minute. They show no
+    # races that the other tests miss.
     tsan) run_tests "$preset" -LE slow ;;
     *) run_tests "$preset" ;;
   esac
@@ -129,8 +130,8 @@ if [[ ${#filter[@]} -eq 0 && ${#presets[@]} -gt 0 ]]; then
 fi
 
 if $lints; then
-  step "Asking the linter"
-  check "the linter is content" linter_is_content
+  step "Running the linter"
+  check "the linter finds nothing" linter_is_content
 fi
 
 if [[ $fuzz_seconds -gt 0 ]]; then

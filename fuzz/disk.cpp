@@ -17,7 +17,7 @@ namespace cpd::fuzz {
 
 namespace {
 
-bool g_changed = true;  // of the jail's thread, as is the next
+bool g_changed = true;  // used on the jail's thread only, as is the next
 size_t g_bytes = 0;
 
 void MakeFile(const std::string& path, std::string_view content) {

@@ -6,22 +6,22 @@
 
 namespace cpd::fuzz {
 
-/// The disk is mounted on this label of the directory "/".
+/// The disk's label. The letter is "/", so the disk is this directory in the jail's root.
 inline constexpr const char* kLabel = "DISK";
 /// What no answer may hold while paths are confined.
 inline constexpr const char* kSecret = "beside the disk, not on it";
 
-/// Makes a disk with some of everything and a file beside it, unless it is still as it was made.
+/// Makes a disk with every kind of file and a file beside it, unless the last one is unchanged.
 void MakeDisk();
-/// The disk may have changed, by a request of `bytes`.
+/// Records that a request of `bytes` bytes may have changed the disk.
 void DiskChanged(size_t bytes);
-/// The bytes of all requests that may have changed the disk since it was made: no directory has
-/// more entries, no file more pieces.
+/// The total size of the requests that may have changed the disk since it was made. No directory
+/// can have more entries than that, and no file more pieces.
 size_t BytesOnDisk();
 
-/// A text that differs once something beside the disk was changed, the disk's own entry included.
+/// A text that changes when anything beside the disk changes, including the disk's own entry.
 std::string StateBeside();
-/// How many descriptors this thread's table holds.
+/// The number of open descriptors in this thread's table.
 size_t OpenDescriptors();
 
 }  // namespace cpd::fuzz

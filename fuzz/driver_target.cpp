@@ -1,6 +1,6 @@
 // The driver with its queue, worker and service, as its host calls it. An input is a byte of
-// settings, then letters, each a step with its arguments; other bytes mean nothing. The worker
-// serves meanwhile, so what races with what differs from run to run; what is checked does not.
+// settings, then letters, each a step with its arguments; other bytes are skipped. The worker
+// serves requests meanwhile, so the timing differs from run to run; the checks do not depend on it.
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -25,7 +25,7 @@ namespace {
 
 using test::SentPacket;
 
-/// Request ids count from here, so that what the service sends unasked has others.
+/// The first request id. The packets that the service sends on its own have lower ones.
 constexpr uint32_t kFirstId = 1 << 16;
 
 /// A driver and its host, on the disk.
@@ -61,10 +61,10 @@ class Session {
   void PassTime(int64_t ms) { host_.clock.Advance(ms); }
   void DropDevice(int more) { host_.device.DropBase(more); }
 
-  /// Asks the driver for its operator, which may outlive what Close leaves of it.
+  /// Holds the driver's operator, which then outlives Close.
   void HoldOperator() { held_.push_back(driver_.GetDriverObj()); }
 
-  /// Waits until all requests so far were served. Nothing is after Close.
+  /// Waits until all requests so far have been served. Does nothing after Close.
   void Settle() {
     if (closed_) return;
     marker_ = kFirstId + static_cast<uint32_t>(asked_.size());
@@ -88,7 +88,7 @@ class Session {
   }
 
  private:
-  /// On the worker or the service.
+  /// Runs on the worker's or the service's thread.
   void Take(const SentPacket& packet) {
     Expect(!closed_, "nothing is sent after Close");
     if (packet.request_id < kFirstId) return;  // unasked
@@ -109,7 +109,7 @@ class Session {
   UDiskDriver driver_;
   std::mutex mutex_;
   std::vector<CpdPacketHeader> asked_;  // guarded by mutex_; only the jail's thread adds to it
-  size_t next_ = 0;                     // guarded by mutex_; number of the next answer, or later
+  size_t next_ = 0;                     // guarded by mutex_; least number of the next reply
   std::atomic<uint32_t> marker_ = 0;
   std::binary_semaphore served_{0};
   std::atomic<bool> closed_ = false;

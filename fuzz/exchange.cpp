@@ -33,7 +33,7 @@ using test::Request;
 
 constexpr size_t kMostBytes = 1 << 20;
 
-/// A packet of an image; null where that is none.
+/// The packet whose image this is; null when it is not the image of a packet.
 std::unique_ptr<CpdPacket> Parsed(std::string_view image) {
   std::string copy(image);
   auto packet = std::make_unique<CpdPacket>();
@@ -74,7 +74,7 @@ std::unique_ptr<CpdPacket> TakePacket(char kind, Input* in) {
   switch (kind) {
     case 'R':
       return TakeRequest(in);
-    case 'C': {  // one whose packetLen says anything
+    case 'C': {  // with any packetLen
       auto packet = TakeRequest(in);
       packet->header->packetLen = in->Take<uint32_t>();
       return packet;
@@ -107,7 +107,7 @@ std::shared_ptr<CpdPacket> TakeBusEvent(char kind, Input* in) {
 
 namespace {
 
-/// How to check a command's reply; null where it has none of its own.
+/// The check of a command's reply; null when the command has none.
 auto ReplyCheck(uint16_t cmd) {
   static const std::vector<test::NamedRequest> good = test::OneRequestPerCommand();
   const auto found = std::ranges::find(
@@ -115,7 +115,7 @@ auto ReplyCheck(uint16_t cmd) {
   return found != good.end() ? found->check_reply : nullptr;
 }
 
-/// A file that came with its directories leaves a descriptor open.
+/// A create that had to make directories leaves its descriptor open.
 void CloseCreated(const test::SentPacket& reply) {
   const int fd = test::CreateRequest::Reply::Decode(reply).result();
   if (fd >= 0) close(fd);
@@ -155,7 +155,7 @@ bool Changes(uint16_t cmd) {
     case kBusReadBandwidth:
       return false;
   }
-  return false;  // no command
+  return false;  // not a command
 }
 
 void CheckReply(const CpdPacketHeader& asked, const test::SentPacket& reply) {

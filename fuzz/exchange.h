@@ -1,4 +1,4 @@
-// What crosses between the fuzzed code and its host: packets of an input's making, and the answers.
+// The packets that an input describes, and the checks of the replies to them.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace cpd::fuzz {
 
-/// The host of a driver or an operator, and the rest of the machine, as the settings say.
+/// The host of a driver or an operator, with a clock and a user, configured by the settings.
 struct Host {
   /// @param settings  of settings.h
   explicit Host(uint8_t settings);
@@ -23,15 +23,16 @@ struct Host {
   test::FakeDevice device;
 };
 
-/// Takes a packet: a letter was taken before, which says of what kind.
-/// @return null when the letter, or what follows, means none
+/// Takes a packet from the input.
+/// @param kind  the letter before it, which was taken already
+/// @return null when the letter does not announce a packet, or when its bytes do not make one
 std::unique_ptr<CpdPacket> TakePacket(char kind, Input* in);
-/// Takes a bus event. @return null when the letter means none, or what follows is no packet
+/// As TakePacket, for a bus event.
 std::shared_ptr<CpdPacket> TakeBusEvent(char kind, Input* in);
 
-/// Whether a command may leave the disk another than it was.
+/// Whether a command may change the disk.
 bool Changes(uint16_t cmd);
-/// Checks that an answer is addressed like its request and as long as it says; closes the
+/// Checks that a reply is addressed like its request and that its lengths are true. Closes the
 /// descriptor that a retried create leaves open.
 void CheckReply(const CpdPacketHeader& asked, const test::SentPacket& reply);
 

@@ -35,7 +35,7 @@ constexpr rlim_t kMostFileBytes = 1 << 20;
 
 /// Whether the calling thread is in the jail.
 thread_local bool g_jailed = false;
-/// A task runs in the jail.
+/// Whether a task is running in the jail.
 std::atomic<bool> g_task_runs = false;
 
 void Check(bool worked, const char* what) {
@@ -210,7 +210,7 @@ class Jail {
   }
 
   const WayBack way_back_;
-  rlimit file_size_{};  // as the process came
+  rlimit file_size_{};  // the limit that the process started with
   std::binary_semaphore start_{0};
   std::binary_semaphore done_{0};
   const std::function<void()>* task_ = nullptr;
@@ -223,7 +223,8 @@ Jail& TheJail() {
   return jail;
 }
 
-/// On the jail's thread, or on one that a task has started: they share root and descriptors.
+/// For the jail's thread, and for those that a task has started, which share its root and
+/// descriptors. Does nothing on the main thread.
 void LeaveJail() {
   if (gettid() == getpid() || !g_task_runs.exchange(false)) return;
   TheJail().Leave();
@@ -268,7 +269,7 @@ void __sanitizer_malloc_hook(const volatile void* block, size_t size);
 void __asan_on_error() { cpd::fuzz::LeaveJail(); }
 void __ubsan_on_report() { cpd::fuzz::LeaveJail(); }
 
-/// Reports a larger allocation: no input is large enough to justify it.
+/// Reports an allocation of more than 512 MiB, which no input is large enough to justify.
 void __sanitizer_malloc_hook(const volatile void* /*block*/, size_t size) {
   constexpr size_t kMostBytes = size_t{1} << 29;
   if (size > kMostBytes) cpd::fuzz::Finding("allocates " + std::to_string(size) + " bytes at once");

@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 using namespace cpd;        // NOLINT(google-build-using-namespace)
 using namespace cpd::test;  // NOLINT(google-build-using-namespace)
 
-/// A text after its length.
+/// A text, preceded by its length.
 std::string Text(const std::string& text) {
   return BytesOf(static_cast<uint16_t>(text.size())) + text;
 }
@@ -57,8 +57,8 @@ std::string Step(const Request& request) {
   return "R" + BytesOf(request.cmd) + Text(request.payload);
 }
 
-/// Repeats a request, each time with another word of its heads at a limit of its range; the head of
-/// a batch's first piece is included. After each the disk is mounted again.
+/// Repeats a request, each time with another word of its heads at a limit of its range, including
+/// the head of a batch's first piece. The disk is mounted again after each request.
 std::string Extremes(const Request& request) {
   constexpr size_t kHeads = 48;
   std::string steps;
@@ -76,18 +76,18 @@ std::string Extremes(const Request& request) {
   return steps;
 }
 
-/// A step that delivers a request with another capacity than its message has.
+/// A step that delivers a request in a buffer that is `more` bytes longer than its message.
 std::string StepOfCapacity(const Request& request, int more) {
   return "V" + BytesOf(request.cmd) + Text(request.payload) + BytesOf(static_cast<int16_t>(more));
 }
 
-/// A step that delivers a long request: a beginning, then a text so many times.
+/// A step that delivers a long request: a beginning, then a text `times` times.
 std::string LongStep(uint16_t cmd, const std::string& begin, const std::string& text,
                      uint32_t times) {
   return "Z" + BytesOf(cmd) + Text(begin) + Text(text) + BytesOf(times);
 }
 
-/// Requests as large as they can be made, of many small parts.
+/// The largest possible requests, made of many small parts.
 std::vector<std::pair<std::string, std::string>> LongSteps() {
   constexpr uint32_t kMany = 200'000;
   constexpr uint16_t kMost = 0xffff;

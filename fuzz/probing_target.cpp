@@ -1,5 +1,5 @@
 // Probing and local mounting. An input is the output of the commands that the service runs. No
-// command is really run; instead, a shell must split each into exactly the words it was made of.
+// command is really run; instead, a shell's rules must split each into the words it was made of.
 #include <sys/stat.h>
 
 #include <cctype>
@@ -36,7 +36,7 @@ struct Output {
 Output g_output;
 std::vector<std::string> g_commands;
 
-/// The words into which a shell splits a command. A command that is more than words is a finding.
+/// The words into which a shell splits a command. Anything else that a shell acts on is a finding.
 Words Split(const std::string& command) {
   Words words(1);
   bool quoted = false;
@@ -61,7 +61,7 @@ Words Split(const std::string& command) {
   return words;
 }
 
-/// The commands since the last call of this, as words.
+/// The commands since the last call of this function, as words.
 std::vector<Words> TakeCommands() {
   std::vector<Words> all;
   for (const std::string& command : std::exchange(g_commands, {})) {

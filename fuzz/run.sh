@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Fuzzes the targets, two at a time, and reports the results.
 #
-#   fuzz/run.sh SECONDS             each of them for so many seconds
-#   fuzz/run.sh SECONDS TARGET...   only those: check_dir driver packet parameters probing requests
+#   fuzz/run.sh SECONDS             all of them, each for that many seconds
+#   fuzz/run.sh SECONDS TARGET...   only these: check_dir driver packet parameters probing requests
 #
 # Inputs that the fuzzer learns are stored in build/fuzz/corpus, for the next run. The input of a
 # finding is stored in build/fuzz/findings. Exits with 1 when there is a finding, with 77 on a
@@ -51,7 +51,7 @@ report() {
 }
 
 status=0
-# Waits for the fuzzer that was started first of those that still run.
+# Waits for the oldest of the running fuzzers, and reports its result.
 finish() {
   local target=${running[0]} process=${processes[0]}
   running=("${running[@]:1}") processes=("${processes[@]:1}")

@@ -13,7 +13,7 @@ namespace {
 constinit std::atomic<uint64_t> g_calls = 0;
 }  // namespace
 
-// clang takes the addresses of these functions, which the library has inlined only.
+// clang takes the addresses of these functions, but the library only has them inlined.
 template class std::allocator<char>;
 
 // Called where a function begins, by code that is compiled with -finstrument-functions.
@@ -35,7 +35,7 @@ uint64_t StepsSoFar() { return g_calls + test::Log().BytesEver(); }
 void ExpectLinear(uint64_t begin, size_t bytes) {
   // What a request of any size may cost, such as a long sleep in pieces.
   constexpr uint64_t kBase = 1 << 20;
-  // A path is cut at PATH_MAX, and each of its components may log all that stands before it.
+  // A path is cut at PATH_MAX, and each of its components may log everything before it.
   constexpr uint64_t kPerByte = 2 * PATH_MAX;
   const uint64_t steps = StepsSoFar() - begin;
   if (steps > kBase + kPerByte * bytes) {

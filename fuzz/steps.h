@@ -6,12 +6,12 @@
 
 namespace cpd::fuzz {
 
-/// The steps of this process so far: functions of driver and packet class that were called, inlined
-/// ones included, and bytes that were logged.
+/// The steps of this process so far: the calls of functions of the driver and the packet class,
+/// inlined ones included, plus the bytes that were logged.
 uint64_t StepsSoFar();
 
 /// Fails when more steps were made since `begin` than a linear algorithm needs.
-/// @param bytes  of the requests, and of those that filled the disk
+/// @param bytes  total size of the requests, and of those that filled the disk before
 void ExpectLinear(uint64_t begin, size_t bytes);
 
 }  // namespace cpd::fuzz

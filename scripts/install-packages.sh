@@ -43,7 +43,7 @@ done
 as_root=(env DEBIAN_FRONTEND=noninteractive)
 if [[ $(id -u) -ne 0 ]]; then
   if ! command -v sudo >/dev/null; then
-    echo "Packages are missing, without sudo. As root, run: apt-get install ${missing[*]}" >&2
+    echo "Packages are missing, and so is sudo. As root, run: apt-get install ${missing[*]}" >&2
     exit 1
   fi
   as_root=(sudo "${as_root[@]}")

@@ -1,4 +1,4 @@
-// How much may wait for the disk.
+// Limits how much work may wait for the disk.
 #pragma once
 
 #include <algorithm>
@@ -9,23 +9,22 @@
 
 namespace cpd::host {
 
-/// The work that was acknowledged and is not carried out yet. Everything that a program asks of the
-/// disk waits for it, so it is bounded: to what the disk does in about 100 ms, by its own measured
-/// speed.
+/// Counts the work that was acknowledged but is not carried out yet. Every later request waits for
+/// it, so it is limited to what the disk does in about 100 ms at its measured speed.
 ///
 /// Work is counted in bytes. Not synchronized: the owner's mutex guards it.
 class Backlog {
  public:
-  /// What writing pieces costs the disk: for each as much as 4 KiB, and its bytes.
+  /// The work of writing pieces: their bytes, and 4 KiB more for each piece.
   static constexpr size_t WorkOf(size_t pieces, size_t bytes) { return pieces * kPiece + bytes; }
 
   [[nodiscard]] bool HasRoomFor(size_t work) const { return work_ + work <= most_; }
   void Add(size_t work) { work_ += work; }
-  /// Takes back work that is carried out.
+  /// Removes work that has been carried out.
   void Remove(size_t work) { work_ -= work; }
 
-  /// Learns how long the disk took for some work. A single slow answer may be a busy machine's
-  /// doing and does not count; a second one in a row does.
+  /// Learns how long the disk took for some work. A single slow answer is ignored, because a
+  /// busy machine may have caused it; a second one in a row counts.
   void Measure(size_t work, std::chrono::nanoseconds took) {
     const double latest = static_cast<double>(took.count()) / static_cast<double>(work);
     const double lately = std::min(latest, std::exchange(latest_, latest));
@@ -36,14 +35,14 @@ class Backlog {
 
  private:
   static constexpr size_t kPiece = 4 << 10;
-  static constexpr size_t kMost = 2 << 20;       // how slow the disk may become is never known
+  static constexpr size_t kMost = 2 << 20;       // any disk may suddenly become slow
   static constexpr double kLongestWait = 100e6;  // ns
-  static constexpr double kLeastCost = 1e-3;     // ns a byte
+  static constexpr double kLeastCost = 1e-3;     // ns per byte
 
   size_t work_ = 0;
   size_t most_ = kMost;
-  double latest_ = std::numeric_limits<double>::max();  // measured
-  double cost_ = 0;                                     // ns a byte; 0 = never measured
+  double latest_ = std::numeric_limits<double>::max();  // ns per byte
+  double cost_ = 0;                                     // ns per byte; 0 = never measured
 };
 
 }  // namespace cpd::host

@@ -11,7 +11,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kMostContentBytes = 16 << 20;
-// How often a file is looked at that changes as fast as it is looked at.
+// How many times to look at a file that has changed at every look.
 constexpr int kMostTries = 100;
 
 }  // namespace
@@ -54,10 +54,10 @@ void CheckedReads::FetchAgain(const std::shared_ptr<Opening>& opening) {
   });
 }
 
-/// The size was another one than the kernel knows: asks what the path leads to now.
+/// The content does not match what the kernel knows, so asks what the path leads to now.
 void CheckedReads::LookAgain(const std::shared_ptr<Opening>& opening) {
   files_.GetAttributes(opening->path, [this, opening](const Result<udisk_stat>& result) {
-    if (Find(opening->node) != nullptr) return Finish(opening, 0);  // another program's
+    if (Find(opening->node) != nullptr) return Finish(opening, 0);  // fetched by another program
     if (result.error != 0) return Finish(opening, result.error);
     const auto& now = result.value;
     if (!note_(opening->node, now)) return Finish(opening, ESTALE);
@@ -71,7 +71,7 @@ void CheckedReads::LookAgain(const std::shared_ptr<Opening>& opening) {
   });
 }
 
-/// @return false when the bytes are not a whole file as the kernel knows it
+/// @return false when the bytes are not the whole file that the kernel knows
 bool CheckedReads::Keep(const Opening& opening) {
   const auto& bytes = opening.bytes;
   const auto attributes = nodes_.LastAttributes(opening.node);
@@ -125,7 +125,7 @@ struct CheckedReads::Reading {
   udisk_stat known;  ///< as the disk showed the file last
   int64_t offset;
   uint32_t size;
-  int64_t expected_end;  ///< at least, unless the file has become shorter
+  int64_t expected_end;  ///< the data goes this far unless the file is cut
   ReadDone done;
   int tries = 0;
   Result<FileData> result = {};
@@ -162,8 +162,8 @@ void CheckedReads::Send(const std::shared_ptr<Reading>& reading) {
   Check(reading->node, reading->path, std::move(covered));
 }
 
-/// Asks whether the path leads to the file. The answer comes after those of the reads that it
-/// covers, because they were sent before.
+/// Asks whether the path still leads to the file. The answer comes after those of the reads that it
+/// covers, because the reads were sent first.
 void CheckedReads::Check(NodeTable::Id node, const std::string& path, Readings covered) {
   files_.GetAttributes(
       path, [this, node, path, covered = std::move(covered)](const Result<udisk_stat>& result) {
@@ -193,8 +193,8 @@ void CheckedReads::Check(NodeTable::Id node, const std::string& path, Readings c
       });
 }
 
-/// A failed read looks like the end of the file: only the file's size tells. One that has just
-/// changed may have been away for a moment, and is read again.
+/// A failed read looks like the end of the file; only the file's size distinguishes the two. A file
+/// that has just changed may have been missing for a moment, so it is read again.
 void CheckedReads::Judge(const std::shared_ptr<Reading>& reading, const udisk_stat& now) {
   if (reading->result.error != 0) return Finish(*reading, reading->result.error);
   const auto bytes = reading->result.value.bytes;

@@ -24,17 +24,17 @@ namespace cpd::host {
 /// A small file is read whole when it is opened, by one request, which sees one file. Programs then
 /// read that content until the last of them closes the file.
 ///
-/// The reads of a larger file go out as they come. The data of each is held until an answer with
-/// the file's attributes, asked for after it, shows that the path still leads to the file. One such
-/// question covers all reads before it, and the next one leaves when it is answered, or when
-/// kWindow more reads wait for it: the more reads are under way, the fewer questions per read.
+/// Reads of a larger file are sent at once. The data of each is held until a later request for the
+/// file's attributes shows that the path still leads to the file. One such question covers all
+/// reads before it. The next question is sent when that one is answered, or when kWindow more reads
+/// wait for it: the more reads are under way, the fewer questions there are per read.
 ///
-/// Requests that follow from an answer name the file by the path of before. So no name may move
-/// until AwaitAnswers has returned. All operations are callable from any thread.
+/// A request that follows an answer names the file by its old path, so no name may move until
+/// AwaitAnswers has returned. All operations are callable from any thread.
 class CheckedReads {
  public:
   static constexpr size_t kWindow = 8;
-  /// Files up to this size are to be fetched.
+  /// The largest file to fetch, in bytes.
   static constexpr int64_t kLargestContent = 64 << 10;
 
   /// A whole file.
@@ -50,27 +50,28 @@ class CheckedReads {
   using Note = std::function<bool(NodeTable::Id node, const udisk_stat& attributes)>;
   /// Receives 0 or an errno.
   using Opened = std::function<void(int error)>;
-  /// Receives the bytes, fewer than wanted only at the file's end; they live as long as the call.
+  /// Receives the bytes, which are valid during the call; fewer than wanted only at the file's end.
   using ReadDone = std::function<void(int error, std::string_view bytes)>;
 
   CheckedReads(RemoteFiles& files, const NodeTable& nodes, Note note)
       : files_(files), nodes_(nodes), note_(std::move(note)) {}
 
-  /// Gets the content of a file, for those who are about to read it. Fails when the file is gone,
-  /// or was replaced under programs that use it; where it just cannot be read, reading it will
-  /// tell.
+  /// Fetches the content of a file that a program is about to read. Fails when the file is gone or
+  /// was replaced while programs use it. If it merely cannot be read, the program's own reads
+  /// report that.
   void Fetch(NodeTable::Id node, const NodeTable::File& file, Opened opened);
-  /// @return null when there is no content of the file as the kernel knows it
+  /// @return null when no content was fetched that matches the file as the kernel knows it
   [[nodiscard]] SharedContent Find(NodeTable::Id node) const;
-  /// Forgets a content. To be called before a change is answered, and with the last close.
+  /// Forgets a file's content. Must be called before a change of the file is answered, and when its
+  /// last handle is closed.
   void Forget(NodeTable::Id node);
 
   /// Ends with ESTALE when another file has taken the path, and with ENOENT when there is none.
   void Read(NodeTable::Id node, const NodeTable::File& file, int64_t offset, uint32_t size,
             ReadDone done);
 
-  /// Waits for the end of all that is under way. To be called while names move, so that nothing
-  /// begins; must not be called on the thread that delivers replies.
+  /// Waits until everything under way has ended. The caller holds a move, so that nothing new
+  /// begins. Must not be called on the thread that delivers replies.
   void AwaitAnswers();
 
  private:
@@ -78,9 +79,9 @@ class CheckedReads {
   struct Reading;
   using Openings = std::vector<std::shared_ptr<Opening>>;
   using Readings = std::vector<std::shared_ptr<Reading>>;
-  /// Of a file.
+  /// A file's reads that wait for a question, and its questions.
   struct Window {
-    Readings unchecked;  // sent, and no question after them
+    Readings unchecked;  // sent, with no question after them yet
     size_t checks = 0;   // questions under way
   };
 

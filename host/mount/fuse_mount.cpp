@@ -188,7 +188,7 @@ RenameGate::Pass FuseMount::Enter() {
 RenameGate::Move FuseMount::BeginMove() {
   auto move = gate_.BeginMove();
   writes_.Send();
-  // What follows from an answer names the file by its old path.
+  // A request that follows an answer names the file by its old path.
   writes_.AwaitAnswers();
   reads_.AwaitAnswers();
   return move;
@@ -238,16 +238,16 @@ void FuseMount::ReplyAttributes(fuse_req_t request, fuse_ino_t node, bool is_hid
   fuse_reply_attr(request, &attributes, kTrusted);
 }
 
-/// Whether programs are reading a file that was fetched a moment ago. Until its content is a second
-/// old, they see nothing else, and nor does anybody who asks for the file's attributes.
+/// Whether a file's fetched content is at most a second old but differs from what the disk shows
+/// now. Programs then still see that content and its attributes.
 bool FuseMount::IsBeingRead(fuse_ino_t node, const udisk_stat& attributes) const {
   const auto content = reads_.Find(node);
   return content != nullptr && !IsSameContent(content->attributes, attributes) &&
          NodeTable::Clock::now() - content->asked <= Prefetch::kTrusted;
 }
 
-/// A file that nobody has used goes with its name to the one that the client put in its place.
-/// Those who have read or written it must not get into another.
+/// If no program has used a file yet, its node moves on to the file that the client put in its
+/// place. A program that has read or written the old file must not reach the new one.
 bool FuseMount::Note(fuse_ino_t node, const udisk_stat& attributes) {
   if (IsBeingRead(node, attributes)) return true;
   if (!open_files_.IsUsed(node)) nodes_.Renew(node, attributes);
@@ -266,8 +266,8 @@ fuse_entry_param FuseMount::EntryOf(fuse_ino_t parent, const std::string& name,
   return ToEntry(nodes_.Lookup(parent, name, attributes), attributes);
 }
 
-/// Those who have the file open see it as it was, with no name. For everybody else, the kernel
-/// looks the name up anew.
+/// Programs that have the file open see its last attributes, with a link count of 0. For all
+/// others, the kernel looks the name up again.
 void FuseMount::ReplyLostFile(fuse_req_t request, fuse_ino_t node) {
   const auto last = nodes_.LastAttributes(node);
   if (!last || !(S_ISDIR(last->st_mode) || open_files_.IsOpen(node))) {

@@ -29,8 +29,9 @@ namespace cpd::host {
 class Session;
 
 /// A kernel request is read on one of libfuse's threads and sent as a packet. The thread that
-/// delivers the reply answers the kernel, so many requests may be under way. Only renames, and
-/// writes that must reach the disk first, make one of libfuse's threads wait.
+/// delivers the reply answers the kernel, so many requests may be under way. Only
+/// renames and removals, and calls that need earlier writes answered, make one of libfuse's threads
+/// wait.
 class FuseMount {
  public:
   /// Mounts.

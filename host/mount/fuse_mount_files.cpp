@@ -19,7 +19,7 @@ using Kind = Attempt::Kind;
 
 namespace {
 
-// Attributes of this age were asked for by the call that opens the file, and can be trusted.
+// Attributes of at most this age were requested by the same open call, and can be trusted.
 constexpr std::chrono::milliseconds kJustNow{20};
 
 bool IsSmall(const NodeTable::File& file) {
@@ -52,8 +52,8 @@ void FuseMount::Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle
   }
 }
 
-/// Whether a file can be opened without a look at the disk. One whose content a program is about to
-/// read is looked at all the same: the content comes at once, and reading it costs nothing more.
+/// Whether a file can be opened without asking the disk. A small file that is opened for reading is
+/// always fetched unless its content is there: that request costs no more, and saves the reads.
 bool FuseMount::IsFresh(fuse_ino_t node, const NodeTable::File& file, bool only_reads) const {
   const auto now = NodeTable::Clock::now();
   const auto content = reads_.Find(node);
@@ -62,7 +62,7 @@ bool FuseMount::IsFresh(fuse_ino_t node, const NodeTable::File& file, bool only_
   return now - file.told <= kJustNow;
 }
 
-/// Opens a small file with all that is in it.
+/// Opens a small file and fetches its content.
 void FuseMount::FetchContent(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
                              const fuse_file_info& handle) {
   reads_.Fetch(node, file, [this, request, node, handle, before = file.attributes](int error) {
@@ -72,15 +72,15 @@ void FuseMount::FetchContent(fuse_req_t request, fuse_ino_t node, const NodeTabl
   });
 }
 
-/// Opens a file if the disk still shows it. Where another has taken its place and the node cannot
-/// go along, the kernel looks the name up anew and opens what it finds.
+/// Opens a file if the disk still shows it. If another file has taken its place and the node cannot
+/// move on to it, ESTALE makes the kernel look the name up again and open what it finds.
 void FuseMount::CheckFile(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
                           const fuse_file_info& handle) {
   files_.GetAttributes(file.path, [this, request, node, handle,
                                    before = file.attributes](const Result<udisk_stat>& result) {
     const bool only_reads = (handle.flags & O_ACCMODE) == O_RDONLY;
     int error = result.error;
-    // What programs read that have the file open is nothing to write into.
+    // A writer needs the file that the disk has now, not the content that readers still see.
     if (error == 0 && !only_reads && IsBeingRead(node, result.value)) {
       error = nodes_.Update(node, result.value) ? 0 : ESTALE;
     } else if (error == 0) {
@@ -91,8 +91,8 @@ void FuseMount::CheckFile(fuse_req_t request, fuse_ino_t node, const NodeTable::
   });
 }
 
-/// Makes the kernel ask for a file's attributes anew if they are not what they were. Without
-/// invalidating data as well, it waits for nobody, so a thread that delivers replies may do it.
+/// Makes the kernel ask for a file's attributes again if they have changed. This leaves cached data
+/// alone and thus never waits, so a thread that delivers replies may call it.
 void FuseMount::InvalidateAttributes(fuse_ino_t node, const udisk_stat& before) {
   const auto now = nodes_.LastAttributes(node);
   if (!now || (IsSameContent(*now, before) && !nodes_.IsRenewed(node))) return;

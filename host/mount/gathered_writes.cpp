@@ -105,7 +105,7 @@ void GatheredWrites::WriteThrough(const NodeTable::File& file, int64_t offset,
   }
   files_.Write(file.path, offset, data,
                [this, size = data.size(), on_outcome = std::move(on_outcome)](Outcome outcome) {
-                 // Large writes are no measure of small ones.
+                 // Large writes do not show how long small ones take.
                  if (outcome == Outcome::kDone && size <= kLargestPiece) {
                    const std::lock_guard lock(mutex_);
                    backlog_.Measure(Backlog::WorkOf(1, size), files_.TimeOfAnswer());
@@ -139,8 +139,8 @@ void GatheredWrites::Send() {
   AskForStatistics();
 }
 
-/// Asks once everything that was counted is sent, and after a write, which makes the disk's side
-/// look at the disk anew. Nobody waits for the answer.
+/// Called when everything counted has been sent, and after a write, because only an answered change
+/// makes the module query the disk again. Nothing waits for the answer.
 void GatheredWrites::AskForStatistics() {
   {
     const std::lock_guard lock(mutex_);
@@ -263,8 +263,8 @@ void GatheredWrites::SendInTime(const std::stop_token& stop) {
       if (!changed_.wait(lock, stop, [this] { return has_gathered_; })) return;
       const auto due = due_;
       changed_.wait_until(lock, stop, due, [] { return false; });
-      // A disk that has not done yet what it was sent would only have more packets waiting for it:
-      // what is gathered meanwhile makes one larger packet.
+      // While a packet is unanswered, another would only lengthen the queue. What is gathered in
+      // the meantime leaves as one larger packet.
       changed_.wait(lock, stop, [this] { return unanswered_ == 0; });
     }
     const auto pass = gate_.Enter();

@@ -22,7 +22,8 @@
 
 namespace cpd::host {
 
-/// Gathers the small writes to each file for a few milliseconds and sends them as one batch.
+/// Gathers the small writes to each file for a few milliseconds, or longer while earlier ones are
+/// unanswered, and sends them as one batch.
 /// Requests are carried out in order: a caller that sends what is gathered before its own request
 /// finds every byte in the file.
 ///
@@ -36,16 +37,16 @@ class GatheredWrites {
   /// @param failed  called for a file that lost a write
   GatheredWrites(RemoteFiles& files, const NodeTable& nodes, RenameGate& gate, Failed failed);
 
-  /// Takes a small piece, which then counts as written. The one place that decides whether a write
-  /// may be acknowledged before it is carried out. To be called with a pass of the gate.
+  /// Takes a small piece, which then counts as written. This is the only place that decides whether
+  /// a write may be acknowledged before it is carried out. The caller must hold a pass of the gate.
   /// @param file_size  in bytes, before the write
-  /// @return false when it is to be written through
+  /// @return false when the caller must write it through
   bool Add(NodeTable::Id node, int64_t file_size, int64_t offset, std::string_view data);
-  /// Sends a write by itself, and learns from it what Add has to know. To be called with a pass of
-  /// the gate, once everything that was gathered is sent.
+  /// Sends a write by itself, and learns from it how fast the disk is and how much room it has. The
+  /// caller must hold a pass of the gate and have sent everything gathered.
   void WriteThrough(const NodeTable::File& file, int64_t offset, std::string_view data,
                     RemoteFiles::OnOutcome on_outcome);
-  /// Counts the room that a file takes which is about to be extended without a write.
+  /// Counts the room that a file may take when it is about to be extended without a write.
   void NoteExtension(const NodeTable::File& file, int64_t size);
   /// Notes why a change of the disk failed.
   /// @param error  an errno

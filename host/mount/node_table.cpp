@@ -11,8 +11,8 @@ namespace cpd::host {
 /// Whether a name still refers to the same file. A directory's inode does not matter, because only
 /// the names in it count. Neither does a file's if size and time are unchanged: file systems
 /// without inodes of their own, such as FAT, sometimes renumber files.
-/// File systems also give the inode of a removed file to the next one. A file that was written has
-/// one time for its last write and its last change, while a file that was renamed into place was
+/// File systems may also give the inode of a removed file to the next one. After a write, the times
+/// of a file's last write and last change are equal, whereas a file that was renamed into place was
 /// changed after it was written.
 bool NodeTable::IsSameFile(const Node& node, const udisk_stat& now) {
   const auto& before = node.attributes;

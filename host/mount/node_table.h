@@ -41,13 +41,14 @@ class NodeTable {
   /// Stores the attributes that the kernel is about to get.
   /// @return false when they are those of another file, which has taken this one's place
   bool Update(Id id, const udisk_stat& attributes);
-  /// Lets a node stand for the file that took the place of its own on the disk, so that whoever
-  /// looked it up gets the new one. Leaves a node alone that has several names, or that would turn
-  /// into another kind of file.
+  /// Moves a node on to the file that took its file's place on the disk, so that a program that has
+  /// looked the node up gets the new file. Does nothing if the node has several names, or if one of
+  /// the files is not a regular file.
   void Renew(Id id, const udisk_stat& attributes);
-  /// Whether the kernel may still have the attributes of the file before.
+  /// Whether the kernel may still have the attributes of the file that Renew replaced.
   [[nodiscard]] bool IsRenewed(Id id) const;
-  /// Notes that this mount changes a file's content: its times tell nothing any more.
+  /// Notes that this mount changes a file's content: from then on, its times do not show whether
+  /// another file has taken its place.
   void NoteChange(Id id);
   /// Raises a file's size to this one if it is smaller.
   void Grow(Id id, int64_t size);
@@ -55,7 +56,7 @@ class NodeTable {
   void SetMode(Id id, uint32_t mode);
   /// Empty for an id that the kernel was never given, and for a file without a name.
   [[nodiscard]] std::optional<File> Find(Id id) const;
-  /// As last told; also of a file that has lost its name.
+  /// The attributes that the kernel was last told, even if the file has lost its name.
   [[nodiscard]] std::optional<udisk_stat> LastAttributes(Id id) const;
   /// The path of a name in a directory.
   [[nodiscard]] std::optional<std::string> ChildPath(Id parent, const std::string& name) const;

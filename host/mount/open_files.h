@@ -49,7 +49,7 @@ class OpenFiles {
     if (const auto file = files_.find(node); file != files_.end()) file->second.is_used = true;
   }
 
-  /// Whether those who have the file open have used it.
+  /// Whether a program that has the file open has seen or changed its content.
   [[nodiscard]] bool IsUsed(NodeTable::Id node) const {
     const std::lock_guard lock(mutex_);
     const auto file = files_.find(node);

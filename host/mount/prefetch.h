@@ -21,11 +21,11 @@ namespace cpd::host {
 /// Watches what programs read. When one reads its way through the small files of a directory that
 /// it has listed, fetches the next ones together in one request.
 ///
-/// Content that was fetched is used once, and only if  - it was requested less than kTrusted ago: a
-/// change on the client then shows as soon as a    change of attributes, which the kernel trusts
-/// for the same time;  - the kernel knows the file as it was listed, and the content has the listed
-/// length;  - the file has not been changed through this mount since the request. Otherwise the
-/// file is read as without prefetch. All operations are callable from any thread.
+/// Fetched content is used once, and only under three conditions. It was requested less than
+/// kTrusted ago: a change on the client then shows as soon as a change of attributes, which the
+/// kernel trusts for the same time. The kernel knows the file as it was listed, and the content has
+/// the listed length. The file has not been changed through this mount since the request. Otherwise
+/// the file is read as without prefetch. All operations are callable from any thread.
 class Prefetch {
  public:
   static constexpr std::chrono::seconds kTrusted{1};

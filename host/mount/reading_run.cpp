@@ -33,8 +33,8 @@ void ReadingRun::Step(std::string_view name) {
   StepTo(&sorted_, static_cast<size_t>(found - by_name_.begin()));
 }
 
-/// A move by a few places forward is a step, a few places back count for nothing, and a longer move
-/// starts over.
+/// A move forward by a few places is a step, a move back by a few places is ignored, and a longer
+/// move starts over.
 void ReadingRun::StepTo(Order* order, size_t place) {
   const size_t distance = std::max(place, order->place) - std::min(place, order->place);
   if (order->steps == 0 || distance > kReach) {

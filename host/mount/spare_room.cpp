@@ -11,18 +11,19 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kBelieved = 1s;
-// Early enough for the answer to be there when the old one is no longer believed.
+// Early enough that the new answer arrives before the old one expires.
 constexpr auto kAskedAnewAfter = 500ms;
 constexpr auto kDistrust = 10s;
-// Stays free. A file system keeps some of what it counts as free, and needs blocks of its own.
+// This much stays free: file systems reserve some of what they report as free, and need blocks for
+// their own data.
 constexpr uint64_t kMargin = 16 << 20;
 
 bool IsOfTheDisk(int error) {
   return error == ENOSPC || error == EDQUOT || error == EROFS || error == EIO;
 }
 
-/// The counts have 32 bits; what is cut off only makes a large disk look smaller. Blocks that are
-/// reserved for root do not count, whoever the host runs for.
+/// The counts are cut to 32 bits, which only makes a large disk look smaller. Blocks that are
+/// reserved for root do not count, even if the host runs as root.
 uint64_t RoomOf(const udisk_statvfs& disk) {
   if ((disk.f_flag & ST_RDONLY) != 0) return 0;
   const uint64_t free = disk.f_bavail * disk.f_frsize;
@@ -57,7 +58,7 @@ void SpareRoom::NoteFailure(int error, Clock::time_point now) {
   if (IsOfTheDisk(error)) distrusted_until_ = now + kDistrust;
 }
 
-/// The write may begin in one block and end in another, and FAT fills the gap before it.
+/// The write may begin and end in the middle of a block, and FAT allocates the gap before it.
 uint64_t SpareRoom::MostUseOf(const Write& write) const {
   const int64_t gap = std::max<int64_t>(write.offset - write.file_size, 0);
   return static_cast<uint64_t>(gap) + write.size + 2 * block_;

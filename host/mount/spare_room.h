@@ -1,4 +1,4 @@
-// Whether the disk is known to take what is acknowledged before it is carried out.
+// Decides whether the disk is sure to take a write that is acknowledged before it is carried out.
 #pragma once
 
 #include <chrono>
@@ -11,26 +11,27 @@
 namespace cpd::host {
 
 /// Judges from the disk's statistics whether a write may be acknowledged before it is carried out.
-/// Many programs never look at the result of close: what they were promised must not fail. So a
-/// write is safe only while the disk is known to be writable and to have far more room than
-/// everything that was sent since could use.
+/// Many programs never look at the result of close, so a write that was acknowledged must not fail.
+/// Therefore a write is safe only while the disk is known to be writable, and to have more room
+/// than everything sent since that became known could use.
 ///
-/// What it cannot know is what the client's own programs write meanwhile; hence the short time that
-/// statistics are believed, and the margin.
+/// It cannot know what the client's own programs write in the meantime. That is why statistics
+/// expire soon, and why some room stays free.
 ///
-/// Not synchronized: the owner's mutex guards it. Times are handed in, none is asked for.
+/// Not synchronized: the owner's mutex guards it. The caller passes the time; this class reads no
+/// clock.
 class SpareRoom {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// The place of a write in its file. All in bytes.
+  /// The place of a write in its file. All fields are in bytes.
   struct Write {
     int64_t offset;
     size_t size;
     int64_t file_size;  ///< before the write, as far as it is known
   };
 
-  /// @param largest_file  size in bytes that the disk lets every file reach
+  /// @param largest_file  the size in bytes that a file can reach on every disk
   explicit SpareRoom(int64_t largest_file) : largest_file_(largest_file) {}
 
   /// Whether the write may be acknowledged before it is carried out.
@@ -42,10 +43,10 @@ class SpareRoom {
   [[nodiscard]] bool WantsStatistics(Clock::time_point now) const;
   /// Notes that the question is sent, after all writes that were counted.
   void NoteQuestion(Clock::time_point now) { question_ = {.asked = now, .used = used_}; }
-  /// Takes the answer to it.
+  /// Takes the answer to that question.
   /// @param statistics  empty when there is none
   void NoteAnswer(const std::optional<udisk_statvfs>& statistics);
-  /// Notes why a change failed. After a failure that is the disk's own, and not one file's, no
+  /// Notes why a change failed. After a failure of the disk itself, rather than of one file, no
   /// write is safe for some seconds.
   /// @param error  an errno
   void NoteFailure(int error, Clock::time_point now);

@@ -22,7 +22,7 @@ using Kind = Attempt::Kind;
 // Less free space than this counts as none: a file system that cannot store one more block may
 // still report some that it reserves for itself.
 constexpr uint64_t kHardlyFree = 128 << 10;
-// A file's blocks are numbered in 32 bits where they are not numbered in 64: on ext4, for one.
+// Some file systems, such as ext4, number a file's blocks with 32 bits, others with 64.
 constexpr uint64_t kMostBlocks = (uint64_t{1} << 32) - 1;
 
 bool MakesName(Kind kind) {

@@ -12,8 +12,8 @@ class RemoteFiles;
 /// In bytes; FAT keeps a file's size in 32 bits.
 inline constexpr int64_t kLargestFatFile = (int64_t{4} << 30) - 1;
 
-/// This process's limit of file sizes in bytes, under which the module writes, too. All ones when
-/// there is none.
+/// This process's limit of file sizes in bytes, which also applies to the module's writes. All ones
+/// when there is none.
 uint64_t SizeLimitOfThisProcess();
 
 /// The size in bytes that any disk lets a file of this process reach.

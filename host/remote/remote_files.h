@@ -136,8 +136,8 @@ class RemoteFiles {
   /// delivers replies.
   void WaitForChanges() const;
 
-  /// How long the disk's side took for the request whose answer is being delivered, without the
-  /// time that it waited for others. To be called from a Done or an OnOutcome only.
+  /// How long the module took for the request whose answer is being delivered, not counting the
+  /// time that the request waited for others. Must only be called from a Done or an OnOutcome.
   [[nodiscard]] std::chrono::nanoseconds TimeOfAnswer() const;
 
  private:

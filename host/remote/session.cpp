@@ -56,7 +56,7 @@ void Session::Receive(std::unique_ptr<CpdPacket> packet) {
       announcement_.notify_all();
       return;
     }
-    // An id out of range belongs to a request that was given up, or to none of this session's.
+    // An id out of range belongs to a request that was given up, or that this session never sent.
     const uint32_t place = header.requestId - first_id_;
     if (place >= outstanding_.size() || outstanding_[place].command != header.cmd) return;
 

@@ -89,7 +89,7 @@ int CpdPacket::AppendUint32(uint32_t value) {
     std::puts("please init header first");
     return -1;
   }
-  // Refuses a buffer of 16 to 19 bytes, which never held a word. A larger one that is full grows.
+  // Refuses a buffer of 16 to 19 bytes, which has no room for a word. A larger one grows if full.
   if ((buffer->capacity & ~uint64_t{3}) == CPD_PACKET_HEADER_SIZE) {
     std::puts("payload size larger than packet size");
     return -1;

@@ -40,7 +40,7 @@ namespace {
 
 int g_errors = 0;             ///< lines of level error
 char g_last_error[512] = "";  ///< the last one
-/// What this thread logged, at any level, since a test cleared it, as far as it fits.
+/// What this thread has logged, at any level, since a test cleared this; cut to its size.
 constinit thread_local char t_log[4096] = "";
 
 class FrugalFilter : public CpdPathFilter {
@@ -373,7 +373,7 @@ TEST(AllocationOutsideTheHandlers, RefusedToTheBufferOfTheAnnouncementIsLoggedAn
   EXPECT_EQ(without_buffer, 1);
 }
 
-TEST(AllocationBesideTheHandlers, RefusedToTheQueueRefusesThePacketAndNothingElse) {
+TEST(AllocationOutsideTheHandlers, RefusedToTheQueueRefusesThePacketAndNothingElse) {
   FrugalDevice device;
   const std::unique_ptr<CpdDriver> driver(udisk_open(&device, "policy"));
   ASSERT_NE(driver, nullptr);
@@ -400,7 +400,7 @@ TEST(AllocationBesideTheHandlers, RefusedToTheQueueRefusesThePacketAndNothingEls
   driver->Close(0);
 }
 
-TEST(AllocationBesideTheHandlers, APacketThatMeetsCloseIsFreedAtOnce) {
+TEST(AllocationOutsideTheHandlers, OfAPacketThatMeetsCloseIsFreedAtOnce) {
   FrugalDevice device;
   std::promise<void> held;
   std::promise<void> released;

@@ -50,7 +50,7 @@ class FaultTest : public OperatorTest {
     device.base().SetFilter(std::make_shared<FakeFilter>([](const std::string&) { return true; }));
   }
 
-  /// Switches to confined mode, in which nothing is served by a kernel without openat2.
+  /// Switches to confined mode, in which every call fails on a kernel without openat2.
   void Confine() {
     setenv("TESSEL_CPD_CLIENT_CONFINE", "1", 1);
     MakeOperator();
@@ -126,7 +126,7 @@ std::string ListingPayload(const Request& request, const std::string& path, uint
          listing;
 }
 
-/// A listing of the disk, with its entries as `change` leaves them.
+/// A listing of the disk, after `change` has edited its entries.
 std::string DiskListing(const Request& request, const TempDisk& disk,
                         const std::function<void(std::vector<DirEntry>*)>& change) {
   std::vector<DirEntry> entries = EntriesOf(disk.Local("/"));
@@ -748,7 +748,7 @@ TEST_F(GivenUpRequest, OfAListingOrItsCheckEndsBetweenTwoEntries) {
   Serve("lstat", CheckDirRequest{.path = kKnownDir});
 }
 
-TEST_F(GivenUpRequest, ForDirectoriesEndsBetweenTwoOfThem) {
+TEST_F(GivenUpRequest, ThatMakesDirectoriesEndsBetweenTwoOfThem) {
   Serve("mkdir", MakeDirRequest{.path = "/a/b/c/d/e"});
   EXPECT_TRUE(disk.Exists("/a/b/c"));
   EXPECT_FALSE(disk.Exists("/a/b/c/d"));

@@ -183,7 +183,7 @@ TEST_F(DiskThatHangs, MakesCloseWaitOnlyForTheCallInFlight) {
       << "only the request in flight is served";
 }
 
-TEST_F(DiskThatHangs, MakesCloseGiveARequestOfManyCallsUpAfterASecond) {
+TEST_F(DiskThatHangs, MakesCloseGiveUpARequestOfManyCallsAfterASecond) {
   driver = module.Open(&device, disk->path());
   ASSERT_NE(driver, nullptr);
   disk->Hang();

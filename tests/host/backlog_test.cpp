@@ -1,4 +1,4 @@
-// How much may wait for a disk.
+// The limit of the work that may wait for a disk.
 #include "mount/backlog.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 
 constexpr size_t kPiece = Backlog::WorkOf(1, 10);
 
-/// How many pieces of 10 bytes are taken until there is no room for more.
+/// Adds pieces of 10 bytes until there is no room for more. @return how many there are
 int Fill(Backlog* backlog) {
   int taken = 0;
   for (; backlog->HasRoomFor(kPiece); ++taken) backlog->Add(kPiece);

@@ -73,17 +73,17 @@ class MemoryDisk : public test::IdleDriver {
     const std::lock_guard lock(mutex_);
     return batches_;
   }
-  /// How many pieces have come to their end, in batches and by themselves.
+  /// How many pieces have been written or refused, in batches and by themselves.
   int pieces() const {
     const std::lock_guard lock(mutex_);
     return pieces_;
   }
-  /// How many requests wait for the one that is carried out.
+  /// How many requests wait for the one that is being carried out.
   size_t waiting() const {
     const std::lock_guard lock(mutex_);
     return requests_.size();
   }
-  /// How many questions for statistics have come.
+  /// How many requests for statistics have come.
   int questions() const {
     const std::lock_guard lock(mutex_);
     return questions_;
@@ -311,14 +311,14 @@ TEST_F(GatheredWritesTest, AreNeverMoreThanASlowDiskCarriesOutInATenthOfASecond)
     const int64_t offset = (taken + written_through) * 100;
     if (Add(offset, "0123456789")) {
       ++taken;
-      if (taken % 7 == 0) SendNow();  // as before a question of another program
+      if (taken % 7 == 0) SendNow();  // as any other request does
     } else {
       ASSERT_EQ(WriteThrough(offset, "0123456789"), Outcome::kDone);
       ++written_through;
     }
     most = std::max(most, taken + written_through - (disk.pieces() - before));
   }
-  EXPECT_LE(most, 21);  // the fast first write counts a thousandth
+  EXPECT_LE(most, 21);  // the fast first write still weighs a thousandth
   EXPECT_GT(taken, written_through);
 }
 
@@ -336,7 +336,7 @@ TEST_F(GatheredWritesTest, AskForStatisticsRarely) {
 
 TEST_F(GatheredWritesTest, AreWrittenThroughOnAFullDisk) {
   disk.Fill();
-  std::this_thread::sleep_for(600ms);  // until it is asked anew
+  std::this_thread::sleep_for(600ms);  // until statistics are requested again
   EXPECT_EQ(WriteThrough(0, "abc"), Outcome::kRefused);
   EXPECT_FALSE(Add(0, "abc"));
   EXPECT_EQ(failures, std::vector<int>{});

@@ -90,8 +90,8 @@ TEST_F(SpareRoomTest, IsUsedUpByWhatWasSentSinceItWasAskedFor) {
   EXPECT_FALSE(IsSafe(0));
 }
 
-TEST_F(SpareRoomTest, CountsWhatWasSentBehindTheQuestion) {
-  room.Count({.offset = 0, .size = 500 * kMiB, .file_size = 0});  // the answer knows of it
+TEST_F(SpareRoomTest, CountsWhatWasSentAfterTheQuestion) {
+  room.Count({.offset = 0, .size = 500 * kMiB, .file_size = 0});  // the answer includes it
   room.NoteQuestion(now);
   room.Count({.offset = 0, .size = 2 * kMiB, .file_size = 0});
   room.NoteAnswer(Free(18 * kMiB));

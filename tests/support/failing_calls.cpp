@@ -98,8 +98,8 @@ extern "C" int open(const char* path, int flags, ...) {
   return cpd::test::Fails("open") ? -1 : next(path, flags, mode);
 }
 
-// Calls that libc has no function for; only openat2 can fail. Like libc's, it always reads the
-// greatest number of arguments.
+// For the calls that have no function in libc; a fault can strike only openat2. Like libc's, this
+// always reads the greatest number of arguments.
 extern "C" __attribute__((no_sanitize("address"))) long syscall(long number, ...) noexcept {
   NEXT(syscall);
   va_list more;

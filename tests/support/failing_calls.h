@@ -16,7 +16,7 @@ struct CallFault {
   std::optional<size_t> at_most = {};  ///< pread, pwrite: transfers this many bytes, and no error
   int after = 0;                       ///< how many calls pass before the first affected one
   int times = INT_MAX;                 ///< how many calls are affected
-  std::function<void()> action = {};   ///< where there is one, it runs and the call goes through
+  std::function<void()> action = {};   ///< if set, it runs, and the call is then made as usual
 };
 
 /// While an instance exists, its fault strikes calls of the thread that made it. Several may

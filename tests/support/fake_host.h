@@ -49,7 +49,7 @@ class LogRecorder {
   [[nodiscard]] std::vector<std::string> Messages(std::optional<int> level = std::nullopt) const;
   [[nodiscard]] size_t Count(int level, const std::string& message) const;
   [[nodiscard]] bool Has(int level, const std::string& message) const;
-  /// Of all lines that were ever added. Clear does not change it.
+  /// The bytes of all lines that were ever added. Clear does not reset this.
   [[nodiscard]] uint64_t BytesEver() const;
 
  private:
@@ -97,7 +97,7 @@ class FakeBase : public CpdDeviceBase {
   /// Called within each trace, on the tracer's thread, without a lock held.
   void OnTrace(std::function<void(const Trace&)> action);
   [[nodiscard]] std::vector<Trace> Traces() const;
-  /// The traces of one event, whose name includes the prefix.
+  /// The traces of one event, whose name is given with the LOCAL_ prefix.
   [[nodiscard]] std::vector<Trace> Traces(const std::string& event) const;
 
  private:

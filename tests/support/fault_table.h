@@ -13,7 +13,7 @@ namespace cpd::test {
 struct FaultRow {
   std::string seen;    ///< by the remote side
   std::string logged;  ///< in the log
-  std::string lost;    ///< what the remote side believes to have and has not
+  std::string lost;    ///< what the remote side believes it has, but does not have
 };
 
 /// Expects the document to have the fault's row, word for word.

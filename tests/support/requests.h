@@ -1,5 +1,5 @@
-// Requests as the remote side builds them, and replies as it reads them. This does not use the test
-// framework, so that benches and fuzzers can include it.
+// Requests as the remote side builds them, and replies as it reads them. This file does not use the
+// test framework, so that benches and fuzzers can include it.
 #pragma once
 
 #include <array>

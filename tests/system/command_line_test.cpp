@@ -234,7 +234,7 @@ TEST_F(CommandLine, AllowOtherWithoutTheRightToItIsRefused) {
   EXPECT_FALSE(IsMounted(mount_point.path()));
 }
 
-TEST_F(CommandLine, TheForegroundMayBeAskedForThoughThereIsNothingElse) {
+TEST_F(CommandLine, TheForegroundOptionIsAcceptedAndChangesNothing) {
   WriteFile(disk / "file", "content");
   MountedDisk mounted(disk.path(), {"--foreground"});
   EXPECT_EQ(ReadFile(mounted / "file"), "content");

@@ -1,4 +1,4 @@
-// Programs that look at nothing after a write hear of a full disk all the same.
+// Programs that check nothing after a write still learn of a full disk.
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -34,8 +34,8 @@ class SmallDisk : public MountTest, public testing::WithParamInterface<const cha
   }
   std::string path() const { return place / "disk"; }
 
-  /// Fills the disk to its last block, from the disk's own side. A file system may find some more
-  /// when it has synced.
+  /// Fills the disk to its last block, from the disk's own side. A file system may find more
+  /// room when it has synced.
   void Fill() const {
     const std::string fill = "cd " + path() +
                              "; cat /dev/zero >>filling; i=0; while echo x >last$$.$i; do "
@@ -52,7 +52,7 @@ class SmallDisk : public MountTest, public testing::WithParamInterface<const cha
 INSTANTIATE_TEST_SUITE_P(Full, SmallDisk, testing::Values("ext4", "vfat", "tmpfs"),
                          [](const auto& type) { return std::string(type.param); });
 
-/// Each writes to the file "$1" and looks at nothing after that.
+/// Each writes to the file "$1" and checks nothing afterwards.
 constexpr const char* kPrograms[] = {
     R"(bash -c 'echo data >"$1"' bash "$1")",
     R"(bash -c 'echo data >>"$1"' bash "$1")",
@@ -87,7 +87,7 @@ TEST_P(SmallDisk, ThatIsFullShowsInEveryProgram) {
   }
 }
 
-/// Small writes are acknowledged early at first: there is room.
+/// Small writes are acknowledged early at first, because there is room.
 TEST_P(SmallDisk, ThatProgramsFillUpLosesNoLineThatWasTaken) {
   const MountedDisk mounted(path());
   const auto ended =

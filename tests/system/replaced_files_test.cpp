@@ -21,7 +21,7 @@ namespace {
 
 using ReplacedFiles = MountTest;
 
-/// Repeats something on the client until it goes.
+/// Repeats something on the client until destroyed.
 class Client {
  public:
   explicit Client(std::function<void(int round)> act)
@@ -52,7 +52,7 @@ void Save(const std::string& path, const std::string& content) {
   fs::rename(path + "~", path);
 }
 
-/// A line of one digit, of another length and another digit than in the round before.
+/// A line of one repeated digit. Digit and length differ from those of the round before.
 std::string Line(int round) {
   return std::string(100 + round * 37 % 3000, static_cast<char>('0' + round % 10)) + '\n';
 }
@@ -76,7 +76,7 @@ int ReadOn(int fd, std::string* content, size_t size) {
 
 // ---- Looked up anew ----
 
-TEST_F(ReplacedFiles, AreThereForEveryProgramThatComesAlong) {
+TEST_F(ReplacedFiles, AreSeenByEveryProgramThatOpensThem) {
   Save(disk / "file", Line(0));
   MountedDisk mounted(disk.path());
   const auto file = mounted / "file";
@@ -220,7 +220,7 @@ TEST_F(ReplacedFiles, AreNeverReadAsAMixture) {
   EXPECT_GT(whole, 0);
 }
 
-TEST_F(ReplacedFiles, AreToldFromThoseThatGrowOrAreWrittenInPlace) {
+TEST_F(ReplacedFiles, AreDistinguishedFromThoseThatGrowOrAreWrittenInPlace) {
   auto content = Bytes(kLarge);
   WriteFile(disk / "file", content);
   MountedDisk mounted(disk.path());
@@ -246,7 +246,7 @@ TEST_F(ReplacedFiles, AreToldFromThoseThatGrowOrAreWrittenInPlace) {
   close(fd);
 }
 
-TEST_F(ReplacedFiles, AreFoundOutByOneQuestionPerReadAtMost) {
+TEST_F(ReplacedFiles, AreNoticedWithAtMostOneQuestionPerRead) {
   WriteFile(disk / "file", Bytes(kLarge));
   MountedDisk mounted(disk.path());
   const auto dd = Shell("dd if=" + (mounted / "file") + " of=/dev/null bs=1M 2>&1");

@@ -35,11 +35,10 @@ namespace {
 //  - Not tried, because the mount refuses them: symbolic links, special files, extended attributes,
 // renames with flags, fallocate; and setting times, which it accepts without effect.
 //  - Not compared: times, inode numbers, allocated blocks; the size of directories.
-//  - Directories are not kept open, because a removed one has no attributes on the mount.
+//  - Directories are not kept open, because a removed one cannot be listed on the mount.
 //  - No directory is removed or replaced while a file that was removed from it is still open (see
 // HoldsAHiddenFile).
-//  - Set-user and set-group bits are not used: changes of owner or content may or may not clear
-// them.
+//  - Set-user-ID and set-group-ID bits are not used, because the mount never sets them.
 
 // ---- Operations ----
 

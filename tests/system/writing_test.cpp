@@ -113,7 +113,7 @@ class Fd {
 void ShowThatThereIsRoom(const MountedDisk& mounted) {
   Fd file(mounted / "room", O_WRONLY | O_CREAT);
   file.Write("a first write is carried out before it is acknowledged");
-  EXPECT_EQ(fsync(file.get()), 0) << strerror(errno);  // what the write made known is there by now
+  EXPECT_EQ(fsync(file.get()), 0) << strerror(errno);  // the disk's statistics have arrived by now
 }
 
 /// Every name in a directory, including hidden ones, without the dot entries.
@@ -210,7 +210,7 @@ TEST_F(SmallWrites, AreSentInFewPackets) {
   }
   const auto took = std::chrono::steady_clock::now() - begin;
   EXPECT_TRUE(ReadFile(disk / "file") == expected);
-  // Each leaves 3 ms after its first write, the last when the file is closed; and one came before.
+  // Each packet leaves 3 ms after its first write, the last at the close; one was sent before.
   EXPECT_LE(mounted.Unmount().Requests(106), 1 + took / 3ms + 1);
 }
 
@@ -432,7 +432,7 @@ TEST_F(Sizes, BeyondWhatTheDisksFilesCanHaveAreTooLarge) {
   const Fd bare(disk / "file", O_WRONLY | O_CREAT);
   const off_t far = off_t{1} << 58;
   if (ErrorOf([&] { return static_cast<int>(pwrite(bare.get(), "x", 1, far)); }) != EFBIG) {
-    GTEST_SKIP() << "this disk has files of any size";
+    GTEST_SKIP() << "this disk takes files of any size";
   }
   MountedDisk mounted(disk.path());
   Fd file(mounted / "file", O_WRONLY);

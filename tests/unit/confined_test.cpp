@@ -398,7 +398,7 @@ TEST_F(ConfinedTest, NoWayLeadsOut) {
   }
 }
 
-TEST_F(ConfinedTest, AllOfThemLeadOutWhenTheVariableIsUnsetEmptyOrZero) {
+TEST_F(ConfinedTest, EveryWayLeadsOutWhenTheVariableIsUnsetEmptyOrZero) {
   const std::vector<WayOut> ways = WaysOut();
   for (const char* value : {static_cast<const char*>(nullptr), "0", ""}) {
     MakePlain(value);
@@ -426,7 +426,7 @@ TEST_F(ConfinedTest, EveryOtherValueConfines) {
   }
 }
 
-TEST_F(ConfinedTest, UpAloneIsMissing) {
+TEST_F(ConfinedTest, TheDirectoriesAboveTheDiskAreMissing) {
   for (const char* up : {"/..", "/../", "/../.", "//..", "/./..", "/known/../..", "/..//..",
                          "/.."
                          "/../../../.."}) {
@@ -715,8 +715,6 @@ TEST_F(ConfinedTest, ALinkThatIsSwappedInMeanwhileDoesNotLeadOut) {
   EXPECT_EQ(std::distance(fs::directory_iterator(disk.letter()), fs::directory_iterator()), 3);
 }
 
-// ---- No mount point ----
-
 TEST_F(ConfinedTest, RenamesOnTheDiskDoNotDisturbPathsThatGoUp) {
   disk.MakeDir("/here");
   std::atomic<bool> ended = false;
@@ -736,6 +734,8 @@ TEST_F(ConfinedTest, RenamesOnTheDiskDoNotDisturbPathsThatGoUp) {
   storm.join();
   EXPECT_EQ(missed, 0);
 }
+
+// ---- No mount point ----
 
 TEST_F(ConfinedTest, EverythingIsMissingWhileTheMountPointIsEmpty) {
   const FakeUser user(1000, disk.letter() + "outside/empty");

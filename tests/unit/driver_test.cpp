@@ -508,7 +508,7 @@ TEST_F(DriverTest, ASecondCloseWaitsForTheFirst) {
   EXPECT_EQ(device.base().Traces("LOCAL_UDISK_DRIVER_CLOSE").size(), 1U);
 }
 
-TEST_F(DriverTest, APipeThatNobodyReadsIsAFailedWriteAndNoMoreOnEitherThread) {
+TEST_F(DriverTest, AWriteToAPipeThatNobodyReadsOnlyFailsOnEitherThread) {
   int pipe_ends[2] = {};
   ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
   close(pipe_ends[0]);
@@ -600,7 +600,7 @@ TEST_F(DriverTest, CloseRightAfterOpenIsClean) {
   }
 }
 
-// ---- All at once; these take long ----
+// ---- All at once; these tests are slow ----
 
 using DriverRace = DriverTest;
 

@@ -1,4 +1,4 @@
-// A host whose operations throw: it is its own request or event that fails, and nothing else.
+// A host whose operations throw: only the request or event for which one was called fails.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -19,10 +19,10 @@
 namespace cpd::test {
 namespace {
 
-/// What no std::exception is.
+/// An exception that is not derived from std::exception.
 struct HostsOwn {};
 
-/// The operations that throw, by name; any thread.
+/// The names of the operations that throw. Callable from any thread.
 class Throwing {
  public:
   void Set(std::set<std::string> operations) {
@@ -115,7 +115,7 @@ class HostExceptions : public ::testing::Test {
     driver.reset(udisk_open(&device, "policy"));
     ASSERT_NE(driver, nullptr);
   }
-  /// Opens with a host that behaves.
+  /// Opens the driver while no operation throws.
   void OpenInPeace() {
     Open();
     ASSERT_TRUE(device.WaitForPackets(2));
@@ -145,7 +145,7 @@ class HostExceptions : public ::testing::Test {
   std::unique_ptr<CpdDriver> driver;
 };
 
-TEST_F(HostExceptions, OfARequestCostThatRequest) {
+TEST_F(HostExceptions, DuringARequestCostOnlyThatRequest) {
   OpenInPeace();
   for (const char* operation :
        {"SendPacket", "getDevBase", "GetPathFilter", "MatchPath", "TraceEventDetail"}) {
@@ -159,7 +159,7 @@ TEST_F(HostExceptions, OfARequestCostThatRequest) {
   }
 }
 
-TEST_F(HostExceptions, OfTheAnnouncementCostTheAnnouncement) {
+TEST_F(HostExceptions, DuringTheAnnouncementCostOnlyTheAnnouncement) {
   for (const char* operation : {"getDevBase", "GetDeviceParams", "GetDevId", "SendPacket"}) {
     SCOPED_TRACE(operation);
     Log().Clear();
@@ -171,7 +171,7 @@ TEST_F(HostExceptions, OfTheAnnouncementCostTheAnnouncement) {
   }
 }
 
-TEST_F(HostExceptions, OfTheTracesOfOpeningAndClosingCostThoseTraces) {
+TEST_F(HostExceptions, DuringTheTracesOfOpenAndCloseCostOnlyThoseTraces) {
   device.throwing.Set({"TraceEvent"});
   Open();
   EXPECT_TRUE(Log().Has(kError, "UDISK_DRIVER_OPEN is not traced: an exception without a text"));
@@ -181,7 +181,7 @@ TEST_F(HostExceptions, OfTheTracesOfOpeningAndClosingCostThoseTraces) {
   EXPECT_EQ(driver->GetDriverObj(), nullptr);
 }
 
-TEST_F(HostExceptions, OfABusEventCostItsTrace) {
+TEST_F(HostExceptions, DuringABusEventCostOnlyItsTrace) {
   OpenInPeace();
   for (const char* operation : {"getDevBase", "TraceEvent"}) {
     device.throwing.Set({operation});
@@ -198,7 +198,7 @@ TEST_F(HostExceptions, OfABusEventCostItsTrace) {
             2U);
 }
 
-TEST_F(HostExceptions, OfTheDevicesIdRefuseThePacket) {
+TEST_F(HostExceptions, FromGetDevIdCostOnlyThePacket) {
   OpenInPeace();
   device.throwing.Set({"GetDevId"});
   EXPECT_EQ(Deliver(AttrRequest{.path = kKnownFile}), -1);

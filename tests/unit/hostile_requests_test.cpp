@@ -56,10 +56,10 @@ struct Shape {
   int64_t (UDiskOperator::*handler)(unsigned char, CpdPacket*);
   unsigned char header_length;
   size_t head;
-  /// None for 123, which has tests of its own, because its head counts records instead.
+  /// Empty for 123, whose head counts records instead; 123 has tests of its own.
   std::vector<LengthField> lengths;
   Answer answer = Answer::kReply;
-  bool makes_room_for_header = true;  ///< of the header length that is passed to the handler
+  bool makes_room_for_header = true;  ///< reserves the header length that it is given
 
   /// How many bytes of a payload its fields claim.
   [[nodiscard]] uint64_t Reach(const std::string& payload) const {

@@ -128,7 +128,7 @@ std::vector<Exchange> ParseExample(const Section& section) {
   return exchanges;
 }
 
-/// A request's payload, in which no byte may be left open.
+/// A request's payload, in which every byte must be given.
 std::string PayloadOf(const Bytes& request) {
   std::string payload;
   for (const auto byte : request) payload += static_cast<char>(byte.value());

@@ -315,7 +315,7 @@ TEST_F(LegacyThrottleTest, AClockThatIsSetBackDuringASleepIsNotAnOverrun) {
 
 TEST_F(LegacyThrottleTest, ABandwidthThatIsWithdrawnInTheMiddleOfAReadHoldsForAllOfIt) {
   for (const BulkRead kind : {BulkRead::kFile, BulkRead::kSmallFiles}) {
-    // The clock is read once more by small files before the bandwidth is looked at.
+    // Small files read the clock once more before they look at the bandwidth.
     const int looked_at_after = kind == BulkRead::kFile ? 1 : 2;
     for (int withdrawn_at = 1; withdrawn_at <= looked_at_after + 2; ++withdrawn_at) {
       for (const uint32_t bytes : {1U, 102'400U}) {  // below the allowance, and all of it

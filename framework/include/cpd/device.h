@@ -50,8 +50,8 @@ class CpdDeviceBase {
 };
 
 /// One redirected disk. The host keeps it alive until the driver is closed and destroyed.
-/// All operations are callable from any thread. What one of them throws costs the request, event or
-/// trace that it was called for.
+/// All operations are callable from any thread. If one of them throws, the driver loses only the
+/// request, event or trace for which it was called.
 class CpdDevice {
  public:
   /// Empty once the device is gone.

@@ -23,10 +23,10 @@ class CpdDriver {
 
   /// Takes a request packet from the remote side. Never waits for the request to be served.
   /// The packet's buffer must be exactly as long as the message, as CpdPacket::Parse makes it. The
-  /// driver checks lengths against the buffer: in a longer one, a hostile message reads what lies
-  /// behind it in the host's memory and has it sent back.
-  /// @return 0, or -1 when the packet is null or addressed to another device, or cannot be queued
-  ///         for lack of memory; the packet is destroyed then
+  /// driver checks lengths against the buffer: in a longer one, a hostile message could read the
+  /// host's memory after it and have that sent back.
+  /// @return 0, or -1 when the packet is null or addressed to another device, when GetDevId throws,
+  ///         or when there is no memory to queue the packet, which is then destroyed
   virtual int onEvent(std::unique_ptr<CpdPacket> packet, int flags) = 0;
 
   /// @return 0
@@ -42,15 +42,15 @@ class CpdDriver {
   virtual int Control(void* request, uint16_t* status) = 0;
 
   /// Stops the driver and waits for the request in flight; later packets are dropped. After a
-  /// second, a request of many calls is given up between two of them, without an answer. A second
-  /// Close, of any thread, waits for the first. The driver does not use its device any more when
-  /// this returns, nor does the object that GetDriverObj gave. @return 0
+  /// second, a request of many calls is given up between two of them, without a reply. A second
+  /// Close, on any thread, waits for the first. Once this returns, neither the driver nor the
+  /// object that GetDriverObj returned uses the device. @return 0
   virtual int Close(signed char reason) = 0;
 
   virtual std::string GetDriverKind() = 0;
 
-  /// The object that answers questions about the disk; empty once the driver is closed. It may be
-  /// kept and used after that, also when driver and device are gone.
+  /// The object that answers questions about the disk; null once the driver is closed. The host may
+  /// keep the object and use it even after the driver and the device are gone.
   virtual std::shared_ptr<DriverObj> GetDriverObj() = 0;
 };
 

@@ -60,9 +60,8 @@ class CpdPacket {
  public:
   /// An empty packet without a buffer, to be filled by Parse.
   CpdPacket() = default;
-  /// A packet for sending with room for `size` bytes, header included (16 at least).
-  /// When memory runs out, it prints a line; the packet has no header, and all operations on it
-  /// fail.
+  /// A packet for sending with room for `size` bytes, header included (16 at least). When memory
+  /// runs out, this prints a line, and the packet has no header; all operations on it then fail.
   explicit CpdPacket(size_t size);
 
   /// Fills in the header, except `packetLen`. Does nothing without a buffer.

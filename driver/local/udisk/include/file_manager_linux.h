@@ -38,7 +38,7 @@ struct ReadRoom {
   int count;  ///< bytes to read
 };
 
-/// What ends an operation of many calls between two of them, once it has been given up.
+/// Thrown by an operation of many calls, between two of them, once GiveUp has been called.
 struct GivenUp : std::exception {
   [[nodiscard]] const char* what() const noexcept override {
     return "given up, the disk is being closed";
@@ -88,9 +88,9 @@ class FileManagerLinux {
   static bool Overflows(int64_t offset, int count) {
     return count > 0 && offset > INT64_MAX - count;
   }
-  /// At most how many of `count` bytes at `offset` the file can deliver. A file of unknown size
-  /// (such as one in /proc) counts as 1 MiB, one that cannot be opened as empty. A negative count
-  /// is returned unchanged.
+  /// The most that the file can deliver of `count` bytes at `offset`. A file of unknown size (such
+  /// as one in /proc) counts as 1 MiB, and one that cannot be opened counts as empty. A negative
+  /// count is returned unchanged.
   static int Deliverable(int fd, int64_t offset, int count);
   int Deliverable(const char* path, int64_t offset, int count) const;
   /// Writes to an existing file. @param err  receives errno on failure only
@@ -126,8 +126,8 @@ class FileManagerLinux {
   /// Closes the mount point that confined reads keep open, so that the disk can be unmounted.
   void LetGo();
 
-  /// From now on listings, the making of missing directories, and whatever asks StopIfGivenUp, end
-  /// before their next call.
+  /// From now on a listing, the making of missing directories, and any caller of StopIfGivenUp
+  /// ends before its next system call. Any thread.
   void GiveUp() { mGivenUp = true; }
   /// @throws GivenUp  after GiveUp
   void StopIfGivenUp() const {

@@ -27,9 +27,9 @@ class CpdPacket;
 /// Wall-clock milliseconds.
 uint64_t getCurrentTime();
 
-/// A byte budget that is refilled every millisecond. A debt that takes 32 ms or more to refill is
-/// slept off.
-/// All times are wall-clock milliseconds, all amounts bytes. One thread at a time.
+/// A byte budget that grows with every millisecond. Once a debt takes 32 ms or more to refill,
+/// consume sleeps until it is paid off. All times are wall-clock milliseconds, all amounts are
+/// bytes. One thread at a time.
 struct TokenBucket {
   int64_t tokens = 0;             ///< the budget; negative = a debt
   int64_t capacity = 0;           ///< upper bound of tokens
@@ -87,7 +87,7 @@ struct TokenBucket {
   static constexpr int64_t kSummaryMs = 5000;
   /// The longest single sleep. Close waits for one of them at most, however large the debt is.
   static constexpr uint32_t kMostSleepUs = 1'000'000;
-  /// The most that a jump of the clock adds or takes: far above any budget, far below an overflow.
+  /// The most that a jump of the clock adds or removes: far above any budget, far below overflow.
   static constexpr int64_t kMostBytes = int64_t{1} << 60;
 
   void refill(int64_t elapsed_ms) {
@@ -118,7 +118,7 @@ struct TokenBucket {
   void summarize(int64_t now) {
     if (now - lastSummaryMs < kSummaryMs) return;
     if (lastSummaryMs >= 1) {
-      // In 128 bits: the product of a long period's bytes passes 64.
+      // In 128 bits, because the product can exceed 64 bits after a long period.
       const __int128 period_bytes = static_cast<__int128>(totalBytes) - summaryStartBytes;
       const __int128 throughput = period_bytes * 1000 / (now - lastSummaryMs) / 1024;
       UDISK_DEBUG_OF(
@@ -151,7 +151,8 @@ enum class BulkRead { kFile, kSmallFiles };
 
 /// Serves one disk: resolves request paths under the local mount point, runs the handlers, holds
 /// the throttle. Request handlers run on the driver's worker thread, one at a time; SetRootPath,
-/// BusEventHandle, TraceCpdDevice and the virtual operations may run on other threads meanwhile.
+/// BusEventHandle, TraceCpdDevice, TryTrace, GiveUp and the virtual operations may run on other
+/// threads meanwhile.
 class UDiskOperator : public UdiskOperatorInf {
  public:
   /// Reads the throttle's and the confined mode's settings from the environment.
@@ -172,11 +173,11 @@ class UDiskOperator : public UdiskOperatorInf {
 
   /// Hands a request to its handler; unknown commands are dropped. Worker thread only. @return 0
   int EventHandle(std::unique_ptr<CpdPacket> packet);
-  /// Closes what would keep the disk from being unmounted. The worker calls it when no request came
-  /// for a second, Close calls it once the worker has ended.
+  /// Closes what would keep the disk from being unmounted. The worker calls it when no request has
+  /// arrived for a second, and Close calls it once the worker has ended.
   void Idle();
-  /// Ends the request that is being served, if it takes many calls, between two of them and without
-  /// an answer, and every later one. Any thread.
+  /// Ends the current request and all later ones between two of their calls, without a reply. A
+  /// request of a single call is not affected. Any thread.
   void GiveUp();
   /// From now on the device is not used, as if there were none. When this returns, GetDeviceId does
   /// not use it on any thread either. The worker must have ended.
@@ -186,13 +187,13 @@ class UDiskOperator : public UdiskOperatorInf {
   /// Sets the mount point to `letter` followed by `label` and adds a volume; with a null argument,
   /// or more than 255 bytes together, clears both. Any thread. @return 0; -1 when cleared
   int SetRootPath(const char* letter, const char* label);
-  /// Hands a trace record to the host; dropped when the device is gone. Any thread.
+  /// Hands a trace record to the host, or drops it when the device is gone. Any thread.
   /// @param path   detail of the record; empty = none
   /// @param extra  not used
   void TraceCpdDevice(std::string event, CpdDevice* device, bool success, std::string message,
                       const std::string& path, const std::string& extra);
 
-  /// Traces a success. When that fails, logs it instead of throwing, as its callers must not fail.
+  /// Traces a success. Logs a failure to do so instead of throwing, as its callers must not fail.
   void TryTrace(const char* event, const char* message);
 
   /// Paces a bulk read of `bytes` to the announced bandwidth, by sleeping. Worker thread only.
@@ -270,8 +271,8 @@ class UDiskOperator : public UdiskOperatorInf {
   int64_t Send(std::unique_ptr<CpdPacket> reply);
   int64_t SendCopy(const CpdPacket* request);
 
-  /// The mount point of confined paths; empty until SetRootPath has set a disk. mMountPoint is not:
-  /// it starts as the directory in which disks are mounted. Guarded by mLock.
+  /// The mount point of confined paths; empty until SetRootPath has set a disk. (mMountPoint starts
+  /// as the directory in which disks are mounted.) Guarded by mLock.
   DiskRoot mDiskRoot;
   std::mutex mLock;
   std::mutex mDeviceLock;  // held while GetDeviceId uses the device

@@ -41,7 +41,7 @@ class UDiskService {
 
   /// Starts the thread. @return 0 or -1
   int StartLoop();
-  /// Keeps a thread that has not begun from announcing the disk, and joins it. @return 0
+  /// Joins the thread. If it has not begun yet, it does not announce the disk. @return 0
   int StopLoop();
   /// The thread's body. @param service  the UDiskService @return null
   static void* ServiceThread(void* service);
@@ -57,7 +57,7 @@ class UDiskService {
   // ---- Probing ----
 
   /// Copies the first double-quoted value of `source`, cut to 31 bytes. Writes a NUL after it only
-  /// when it met the closing quote or cut the value. @param destination  32 zeroed bytes
+  /// if the value was cut or has a closing quote. @param destination  32 zeroed bytes
   /// @return number of bytes copied
   static int GetString(const char* source, char* destination);
   /// @param port  of a USB device, such as 1-2

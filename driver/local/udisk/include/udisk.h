@@ -49,8 +49,8 @@ class UDiskDriver : public CpdRawDriver {
   int policy_setting(const char* policy);  ///< does nothing: 0
 
  private:
-  // Wakes the worker, which has been told to stop, and waits for its end. A request of many calls
-  // is given up after a second.
+  // Wakes the worker, which has been told to stop, and waits until it has ended. After a second it
+  // gives up a request of many calls.
   void JoinWorker();
   void ReleaseQueue();  // frees the queue, which is empty
   std::shared_ptr<UDiskOperator> CopyOperator();
@@ -67,7 +67,7 @@ class UDiskDriver : public CpdRawDriver {
   std::unique_ptr<UDiskService> mService;
   bool mAbandoned = false;       // guarded by mMutex; a failed Init ends the worker with it
   bool mWorkerEnded = false;     // guarded by mMutex
-  std::condition_variable mEnd;  // of the worker
+  std::condition_variable mEnd;  // notified when the worker ends
   std::mutex mClosing;           // held by Close, so that a second one waits for the first
 };
 

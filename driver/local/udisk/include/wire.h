@@ -50,7 +50,7 @@ struct CommandRow {
   const char* name;
 };
 
-/// Every command, by code. A bus event is not a command.
+/// Every command, sorted by code. A bus event is not a command.
 inline constexpr std::array kCommandNames = std::to_array<CommandRow>({
     {kMountRemote, "mount_remote"},
     {kUmountRemote, "umount_remote"},

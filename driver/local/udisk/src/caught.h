@@ -1,4 +1,4 @@
-// What a catch block knows of an exception of any type, the host's own ones included.
+// The text of a caught exception of any type, including types of the host's own.
 #pragma once
 
 #include <exception>

@@ -52,7 +52,7 @@ const char* TakeError(uint32_t* err) {
   return std::strerror(error);
 }
 
-/// Wraps readdir: logs an error, which then ends the listing; errno is otherwise untouched.
+/// Wraps readdir: logs an error, which ends the listing. Without an error errno is unchanged.
 const dirent* NextEntry(DIR* dir) {
   const int before = std::exchange(errno, 0);
   const dirent* entry = ::readdir(dir);

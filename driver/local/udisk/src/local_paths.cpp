@@ -41,8 +41,8 @@ bool IsRegular(const Descriptor& file) {
   return file.ok() && ::fstat(file.get(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
-/// Opens a regular file for which O_NONBLOCK failed, and waits until another process has given up
-/// its lease on the file. Only a regular file: a FIFO or device could block for good.
+/// Opens a regular file that could not be opened with O_NONBLOCK, and waits until another process
+/// has given up its lease on it. Opens nothing else, because a FIFO or device could block forever.
 /// @param file  opened with O_PATH, which does not wait for a lease
 Descriptor OpenWhenLeaseEnds(const Descriptor& file, int flags) {
   if (IsRegular(file)) {

@@ -55,11 +55,11 @@ class LocalPath {
 };
 
 /// In plain mode paths are used unchanged: ".." and symbolic links may lead anywhere. In confined
-/// mode the kernel resolves each path beneath the mount point in one step, with which no rename can
-/// race, and a FIFO or device is closed again before anything is read or written. A path that leads
-/// out fails with ENOENT. So does every path while the mount point is empty, or if it was the
-/// root of a mount when the disk was set and no longer is. A path of PATH_MAX bytes or more fails
-/// with ENAMETOOLONG. Confined mode needs openat2 and /proc: without them every call fails.
+/// mode the kernel resolves each path beneath the mount point in one step, so no rename can race
+/// with it, and a FIFO or device is closed again before anything is read or written. A path that
+/// leads out fails with ENOENT. So does every path while the mount point is empty, or if it was
+/// the root of a mount when the disk was set and no longer is. A path of PATH_MAX bytes or more
+/// fails with ENAMETOOLONG. Confined mode needs openat2 and /proc: without them every call fails.
 /// Callable from any thread.
 class LocalPaths {
  public:

@@ -4,7 +4,7 @@
 // result into the head, and sends head and path back (reply.h). The layouts of all heads are in
 // wire.h. A request that reaches past its own buffer is dropped with one Error line.
 //
-// Everything here runs on that worker thread, except the functions that the class comment names.
+// Everything here runs on that worker thread, unless operator.h says otherwise.
 
 #include "operator.h"
 
@@ -92,7 +92,7 @@ int UDiskOperator::EventHandle(std::unique_ptr<CpdPacket> packet) {
   if (row->handler == nullptr) return 0;
   try {
     (this->*row->handler)(row->header_length, packet.get());
-  } catch (...) {  // out of memory, or the host's: the request fails, the worker goes on
+  } catch (...) {  // no memory, given up, or thrown by the host: only this request fails
     UDISK_ERROR("%s failed: %s", CommandName(row->code), CaughtText());
   }
   return 0;
@@ -110,8 +110,8 @@ int UDiskOperator::BusEventHandle(const std::shared_ptr<CpdPacket>& packet) {
   lastBwUpdateMs = static_cast<int64_t>(getCurrentTime());
   const auto now = static_cast<int64_t>(getCurrentTime());
   bwEventMs = now;
-  // Contract: the announced rate is compared with the stored one. A rate below 1000 is stored as
-  // 1000, so it is never equal and always counts as a change.
+  // Contract: the announced rate is compared with the stored one. A rate from 1 to 999 is stored
+  // as 1000, so it is never equal and always counts as a change.
   if (now - lastBwTraceMs >= 5001 && announced != readBwKbps) {
     lastBwTraceMs = now;  // first: the host may announce again from within the trace
     char message[sizeof "Udisk read bwinfo:4294967295"];
@@ -307,7 +307,7 @@ void UDiskOperator::throttleRead(uint32_t bytes, BulkRead kind) {
     drop_stale();
     force(static_cast<int64_t>(getCurrentTime()));
   }
-  const uint32_t kbps = readBwKbps;  // once: what is announced from now on holds for later reads
+  const uint32_t kbps = readBwKbps;  // read once: later announcements hold for later reads
   if (kbps == 0) return;
   if (legacyThrottle) {
     throttleLegacy(bytes, kbps, kind);
@@ -676,7 +676,7 @@ int64_t UDiskOperator::file_chown(unsigned char header_length, CpdPacket* reques
 
 namespace {
 
-/// Whether a request that is its own answer can be copied for that.
+/// Whether a request whose reply is a copy of it can be copied.
 bool CanBeCopied(const CpdPacket& request) {
   const uint32_t length = request.header->packetLen;
   return length >= CPD_PACKET_HEADER_SIZE && length <= request.buffer->capacity;
@@ -1056,7 +1056,7 @@ int UDiskOperator::compare_cache(int cache_count, int dir_count, const void* cac
 // Each may change free space even when it fails, so all set `modified`. Contract: only 114, 115 and
 // 118 trace their failures.
 
-// 114: head, path -> head with the result, and the local path cut to the length of the path.
+// 114: head, path -> head with the result, and the local path cut to the request path's length.
 int64_t UDiskOperator::make_dir(unsigned char header_length, CpdPacket* request) {
   PathRequest<MakeDirHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped();

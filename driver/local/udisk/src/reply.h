@@ -1,4 +1,4 @@
-// Building a reply: addressed like its request, filled piece by piece.
+// Builds a reply: it is addressed like its request and filled piece by piece.
 #pragma once
 
 #include <algorithm>
@@ -38,7 +38,7 @@ class Reply {
     return *this;
   }
 
-  /// The place `offset` bytes after the end of what is appended; null without memory.
+  /// The place `offset` bytes after the bytes appended so far; null when memory ran out.
   [[nodiscard]] uint8_t* Room(size_t offset) {
     return ok() ? packet_->buffer->data + packet_->header->packetLen + offset : nullptr;
   }

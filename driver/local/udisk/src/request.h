@@ -1,4 +1,4 @@
-// Reading a request: bounds-checked heads and texts, and the local path that they name.
+// Reads a request: its heads and texts, checked against its buffer, and the local path it names.
 #pragma once
 
 #include <cstdint>

@@ -200,7 +200,7 @@ int ReadNumber(const std::string& path, size_t command_size) {
   return output.ReadLine(&digits) ? std::atoi(digits.data()) : 0;
 }
 
-/// The three characters before the last one, or as many of them as there are: sdb of sdb1.
+/// The three characters before the last one, such as sdb for sdb1; fewer if the name is shorter.
 std::string MatchKey(std::string_view device) {
   device.remove_suffix(std::min<size_t>(device.size(), 1));
   device.remove_prefix(device.size() - std::min(device.size(), kDiskNameBytes));

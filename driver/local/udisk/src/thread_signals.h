@@ -1,13 +1,14 @@
-// Signals that would end the process on account of a disk or a log, blocked on the module's
-// threads.
+// Blocks, on the module's threads, the signals by which a failed write to a disk or a log would end
+// the process.
 #pragma once
 
 #include <csignal>
 
 namespace cpd {
 
-/// Makes two things errors of the call, on the calling thread: a write past the process's limit of
-/// file sizes (SIGXFSZ), and one to a pipe that nobody reads, such as standard output (SIGPIPE).
+/// On the calling thread, makes two kinds of writes fail with an errno instead of a signal: those
+/// past the process's limit on file sizes (SIGXFSZ), and those to a pipe that nobody reads, which
+/// standard output may be (SIGPIPE).
 inline void BlockSignalsOfWrites() {
   sigset_t signals;
   sigemptyset(&signals);

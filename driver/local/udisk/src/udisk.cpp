@@ -17,13 +17,13 @@ namespace cpd {
 
 namespace {
 
-/// How long Close leaves a request of many calls alone.
+/// How long Close waits before it gives up a request of many calls.
 constexpr std::chrono::seconds kGraceOfRequests{1};
 
 struct FreeDeleter {
   void operator()(void* block) const { std::free(block); }
 };
-/// A link of the queue. From malloc, since GLib ends the process where it has no memory for one.
+/// A link of the queue. It comes from malloc, because GLib ends the process when memory runs out.
 using QueueLink = std::unique_ptr<GList, FreeDeleter>;
 
 std::unique_ptr<CpdPacket> PopHead(GQueue* queue) {
@@ -40,7 +40,7 @@ CpdDriver* udisk_open(CpdDevice* device, const std::string& policy) {
   try {
     auto driver = std::make_unique<UDiskDriver>(device, policy.c_str());
     if (driver->Init() != -1) return driver.release();
-  } catch (...) {  // no thread or no memory: none of it passes to the host
+  } catch (...) {  // for lack of a thread or memory: no exception may reach the host
   }
   UDISK_ERROR("udisk_open Init failed");
   return nullptr;
@@ -122,7 +122,7 @@ int UDiskDriver::Close(signed char /*reason*/) {
 
 void UDiskDriver::JoinWorker() {
   {
-    std::unique_lock lock(mMutex);  // else the worker could miss it between look and wait
+    std::unique_lock lock(mMutex);  // else the worker could miss the notification
     mWake.notify_one();
     if (!mEnd.wait_for(lock, kGraceOfRequests, [this] { return mWorkerEnded; })) {
       mOperator->GiveUp();
