@@ -137,14 +137,14 @@ void CheckedReads::Read(NodeTable::Id node, const NodeTable::File& file, int64_t
     const std::lock_guard lock(mutex_);
     ++under_way_;
   }
-  Send(std::make_shared<Reading>(
-      Reading{.node = node,
-              .path = file.path,
-              .known = file.attributes,
-              .offset = offset,
-              .size = size,
-              .expected_end = std::min<int64_t>(offset + size, file.attributes.st_size),
-              .done = std::move(done)}));
+  const int64_t known_size = file.attributes.st_size;
+  Send(std::make_shared<Reading>(Reading{.node = node,
+                                         .path = file.path,
+                                         .known = file.attributes,
+                                         .offset = offset,
+                                         .size = size,
+                                         .expected_end = std::min(offset + size, known_size),
+                                         .done = std::move(done)}));
 }
 
 void CheckedReads::Send(const std::shared_ptr<Reading>& reading) {
@@ -199,8 +199,8 @@ void CheckedReads::Judge(const std::shared_ptr<Reading>& reading, const udisk_st
   if (reading->result.error != 0) return Finish(*reading, reading->result.error);
   const auto bytes = reading->result.value.bytes;
   const int64_t end = reading->offset + static_cast<int64_t>(bytes.size());
-  if (end >= std::min<int64_t>(reading->expected_end, now.st_size))
-    return Finish(*reading, 0, bytes);
+  const int64_t present_size = now.st_size;  // a packed field, which nothing may refer to
+  if (end >= std::min(reading->expected_end, present_size)) return Finish(*reading, 0, bytes);
   const bool has_changed = !IsSameContent(reading->known, now);
   reading->known = now;
   if (!has_changed || ++reading->tries == kMostTries) return Finish(*reading, EIO);

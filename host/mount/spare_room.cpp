@@ -49,7 +49,9 @@ void SpareRoom::NoteAnswer(const std::optional<udisk_statvfs>& statistics) {
   known_.reset();
   if (statistics && question_) {
     known_ = {.question = *question_, .room = RoomOf(*statistics)};
-    block_ = std::max<uint64_t>(statistics->f_bsize, statistics->f_frsize);
+    const uint64_t block = statistics->f_bsize;  // packed fields, which nothing may refer to
+    const uint64_t fragment = statistics->f_frsize;
+    block_ = std::max(block, fragment);
   }
   question_.reset();
 }

@@ -96,7 +96,9 @@ bool IsTooLarge(const Attempt& attempt, const Facts& facts) {
   const int64_t size = facts.file->st_size;
   if (attempt.end <= size) return false;
   if (size <= kLargestFatFile && attempt.end > kLargestFatFile) return true;
-  return facts.disk && end > kMostBlocks * std::max<uint64_t>(facts.disk->f_bsize, 1);
+  if (!facts.disk) return false;
+  const uint64_t block_size = facts.disk->f_bsize;  // a packed field, which nothing may refer to
+  return end > kMostBlocks * std::max<uint64_t>(block_size, 1);
 }
 
 bool Owns(const User& user, const udisk_stat& file) {
