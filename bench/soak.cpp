@@ -177,6 +177,12 @@ Usage Measure() {
   return {resident, Entries("/proc/self/fd"), Entries("/proc/self/task")};
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 size_t MedianResident(std::vector<Usage> samples) {
   std::ranges::nth_element(samples, samples.begin() + samples.size() / 2, {}, &Usage::resident_kib);
   return samples[samples.size() / 2].resident_kib;
@@ -191,18 +197,18 @@ bool IsFlat(const std::vector<Usage>& samples, size_t drivers) {
   const auto most = [](const std::vector<Usage>& of, auto member) {
     return (*std::ranges::max_element(of, {}, member)).*member;
   };
-  constexpr size_t kSpareKib = 4096;
   bool flat = true;
   const auto check = [&](const char* what, size_t before, size_t after, size_t spare) {
     std::printf("%-12s middle %zu, last %zu\n", what, before, after);
     if (after > before + spare) flat = false;
   };
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  std::puts("resident     not judged: a sanitizer uses memory of its own");
-#else
-  const size_t before = MedianResident(middle);
-  check("resident KiB", before, MedianResident(last), before / 20 + kSpareKib);
-#endif
+  if (kSanitized) {
+    std::puts("resident     not judged: a sanitizer uses memory of its own");
+  } else {
+    constexpr size_t kSpareKib = 4096;
+    const size_t before = MedianResident(middle);
+    check("resident KiB", before, MedianResident(last), before / 20 + kSpareKib);
+  }
   // A request holds some descriptors, and a driver that starts has a second thread; the spare
   // covers these. Real leaks show at the end.
   check("descriptors", most(middle, &Usage::descriptors), most(last, &Usage::descriptors),
