@@ -80,10 +80,11 @@ prepare() {
   # As it stands, with what is not committed. Other files keep their times: they are not rebuilt.
   git ls-files -z --cached --others --exclude-standard |
     rsync -rlp --checksum --from0 --files-from=- --ignore-missing-args --delete-missing-args ./ "$tree"
-  local launcher=()
+  local launcher=() gold=()
+  command -v ld.gold >/dev/null && gold=(-fuse-ld=gold)
   command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
   cmake -S "$tree" -B "$build" -G Ninja -DBUILD_TESTING=ON -DCMAKE_BUILD_TYPE= \
-    ${launcher[@]+"${launcher[@]}"} >"$build.log" 2>&1 &&
+    -DCMAKE_EXE_LINKER_FLAGS="${gold[*]}" ${launcher[@]+"${launcher[@]}"} >"$build.log" 2>&1 &&
     ninja -C "$build" -j"$jobs" "${programs[@]}" cpd-host >>"$build.log" 2>&1 ||
     { tail -n 30 "$build.log"; exit 1; }
 }
@@ -98,26 +99,24 @@ run_part() {
     { [[ $status -eq 124 || $status -eq 137 ]] && echo "$program, which hangs" || echo "$program, which ends with $status"; }
 }
 
-# Prints the first test that fails; nothing when all pass.
-failing_test() {
+# Builds one test program after another and runs it. Prints "killed by" the first test that fails,
+# "did not build" or "lived".
+verdict() {
   local program part failed
   for program in "${programs[@]}"; do
+    ninja -C "$build" -j"$jobs" "$program" >"$results/build.log" 2>&1 || { echo "did not build"; return; }
     failed=$(for ((part = 0; part < jobs; ++part)); do run_part "$part" "$program" & done; wait)
-    [[ -z $failed ]] || { echo "${failed%%$'\n'*}"; return; }
+    [[ -z $failed ]] || { echo "killed by ${failed%%$'\n'*}"; return; }
   done
+  echo "lived"
 }
 
-# Prints "killed by TEST", "lived" or "did not build".
+# Prints the verdict on a mutant.
 try() {
-  local file=$tree/${files[$1]} failed
+  local file=$tree/${files[$1]}
   cp -p "$file" "$results/original"
   mutate "$results/original" "${fragments[$1]}" "${replacements[$1]}" >"$file"
-  if ninja -C "$build" -j"$jobs" "${programs[@]}" >"$results/build.log" 2>&1; then
-    failed=$(failing_test)
-    [[ -n $failed ]] && echo "killed by $failed" || echo "lived"
-  else
-    echo "did not build"
-  fi
+  verdict
   cp "$results/original" "$file"
   touch "$file"  # newer than the objects of the mutant
 }
@@ -137,8 +136,8 @@ if $check || [[ $misplaced -gt 0 ]]; then
 fi
 
 prepare
-broken=$(failing_test)
-[[ -z $broken ]] || { echo "fails without a mutant: $broken" >&2; exit 1; }
+unbroken=$(verdict)
+[[ $unbroken == lived ]] || { echo "without a mutant: $unbroken" >&2; exit 1; }
 
 killed=0 lived=0 unbuilt=0
 for i in "${!files[@]}"; do

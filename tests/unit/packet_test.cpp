@@ -249,8 +249,30 @@ TEST(PacketBufferWrite, ThatOneStepCannotHoldCopiesNothing) {
 TEST(PacketBufferWrite, WhoseEndOverflowsIsRefused) {
   PacketBuffer buffer(8);
   EXPECT_EQ(buffer.Write("abc", INT32_MAX, 3), -1);
+}
+
+TEST(PacketBufferWrite, OfANegativeOffsetOrLengthIsRefusedWithoutGrowing) {
+  PacketBuffer buffer(8);
   EXPECT_EQ(buffer.Write("abc", -1, 3), -1);
   EXPECT_EQ(buffer.Write("abc", 0, -1), -1);
+  EXPECT_EQ(buffer.capacity, 8U);
+}
+
+TEST(PacketBufferShrink, GivesBackWhatIsBeyondTheSize) {
+  PacketBuffer buffer(8);
+  std::memcpy(buffer.data, "abcdefgh", 8);
+  buffer.Shrink(3);
+  EXPECT_EQ(buffer.capacity, 3U);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data), 3), "abc");
+}
+
+TEST(PacketBufferShrink, ToNothingOrToMoreChangesNothing) {
+  PacketBuffer buffer(8);
+  for (const size_t size : {0, 8, 9}) {
+    buffer.Shrink(size);
+    EXPECT_NE(buffer.data, nullptr);
+    EXPECT_EQ(buffer.capacity, 8U);
+  }
 }
 
 // ---- Received packets ----
