@@ -85,7 +85,7 @@ struct Row {
   const char* target;   ///< on the disk
   double (*work)(const std::string& path);
   int operations;
-  double bound;  ///< below what one machine has shown; an accelerator that does nothing gains 1
+  double bound;  ///< less than was measured on one machine; 1 = no gain
 };
 
 /// Mounts anew for every turn, so that the kernel's caches are empty.
@@ -110,9 +110,9 @@ int Run(int turns) {
   const std::string directory = disk.Directory(kFiles, kFileBytes);
   PrintRatioHeader("without", "with");
   bool ok = PrintRow(
-      {"pieces of 100 bytes, 256 and an fsync", "--no-batch", "big", WritePieces, kPieces, 1.2},
+      {"256 pieces of 100 bytes, then an fsync", "--no-batch", "big", WritePieces, kPieces, 1.2},
       disk, turns);
-  ok &= PrintRow({"files of 4 KiB, 10 000 listed and read", "--no-prefetch", directory.c_str() + 1,
+  ok &= PrintRow({"10 000 files of 4 KiB, listed and read", "--no-prefetch", directory.c_str() + 1,
                   ReadFiles, kFiles, 1.7},
                  disk, turns);
   return ok ? 0 : 1;
