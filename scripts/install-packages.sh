@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are still missing: scripts/install-packages.sh build|test|fuzz
-# ... If nothing is missing, it uses neither the network nor the package lists.
+# Installs the Debian packages that are still missing:
+#   scripts/install-packages.sh build|test|fuzz ...
+# If nothing is missing, it uses neither the network nor the package lists.
 set -euo pipefail
 
 build=(

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Breaks driver and packet class in one place after another, and tells which of the breaks no test
-# notices. Works on a copy of the tree in build/mutants, two minutes for the first build and then
-# some ten seconds for each mutant.
+# Breaks the driver and the packet class in one place after another, and reports the breaks that no
+# test notices. Works on a copy of the tree in build/mutants. Takes two minutes for the first build
+# and then some ten seconds for each mutant.
 #
 #   scripts/mutants.sh                  every mutant of scripts/mutants.txt
 #   scripts/mutants.sh --only PATTERN   those whose file or text the regular expression matches
@@ -9,8 +9,8 @@
 #   scripts/mutants.sh --fresh          also those that an earlier run has killed
 #   scripts/mutants.sh --check          tells only whether each mutant still applies
 #
-# May be interrupted: the next run goes on where it stopped, and tries again what lived. Ends with
-# status 1 when a mutant lives, does not apply or does not build.
+# May be interrupted: the next run continues where it stopped, and tries again the mutants that
+# lived. Ends with status 1 when a mutant lives, does not apply or does not build.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/usage.sh"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -77,7 +77,8 @@ describe() { printf '%s: %s  ->  %s' "${files[$1]}" "${fragments[$1]//$'\n'/ / }
 
 prepare() {
   mkdir -p "$tree" "$results"
-  # As it stands, with what is not committed. Other files keep their times: they are not rebuilt.
+  # Copies the tree as it stands, including what is not committed. Unchanged files keep their times,
+  # so they are not compiled again.
   git ls-files -z --cached --others --exclude-standard |
     rsync -rlp --checksum --from0 --files-from=- --ignore-missing-args --delete-missing-args ./ "$tree"
   local launcher=() gold=()
@@ -89,7 +90,7 @@ prepare() {
     { tail -n 30 "$build.log"; exit 1; }
 }
 
-# One of as many parts of a test program. Prints the tests that failed.
+# Runs one of the $jobs parts into which a program's tests are divided. Prints the first that fails.
 run_part() {
   local part=$1 program=$2 status=0
   GTEST_TOTAL_SHARDS=$jobs GTEST_SHARD_INDEX=$part timeout -k 5 "$patience" \
