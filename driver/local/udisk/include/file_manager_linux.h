@@ -98,7 +98,7 @@ class FileManagerLinux {
   int UdiskWriteFile(const char* path, const void* buf, int64_t offset, int count, uint32_t* err);
   int UdiskFlushFile(const char* path);  ///< not implemented: -1
 
-  int set_stat(const struct stat* from, udisk_stat* out);  ///< 0
+  int set_stat(const struct stat* from, udisk_stat* out);  ///< returns 0
   /// Attributes of the file itself: a symbolic link is not followed. `out` is written on success.
   int UdiskGetFileInformation(const char* path, udisk_stat* out);
   int UdiskGetXattr(const char* path);  ///< extended attributes are not supported: -1
@@ -113,7 +113,7 @@ class FileManagerLinux {
   int UdiskFsync(const char* path);
   int UdiskFileChmod(const char* path, int mode);                   ///< 16 bits of mode
   int UdiskFileChown(const char* path, int uid, int gid);           ///< follows links
-  int set_statvfs(const struct statvfs* from, udisk_statvfs* out);  ///< 0
+  int set_statvfs(const struct statvfs* from, udisk_statvfs* out);  ///< returns 0
   /// A system call that fails leaves its fields zero. @return 0
   int UdiskGetStatvfs(const char* path, udisk_statvfs* out);
   int UdiskDeleteDirectory(const char* path);

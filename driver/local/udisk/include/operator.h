@@ -146,7 +146,8 @@ struct VolumeRecord {
 };
 static_assert(sizeof(VolumeRecord) == 368);
 
-/// Which of the two bulk reads asks for pacing; they apply the freshness rules in opposite order.
+/// Which of the two bulk reads asks for pacing. kFile applies a forced bandwidth before it drops a
+/// stale one, kSmallFiles afterwards.
 enum class BulkRead { kFile, kSmallFiles };
 
 /// Serves one disk: resolves request paths under the local mount point, runs the handlers, holds

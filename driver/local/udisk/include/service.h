@@ -101,8 +101,8 @@ class UDiskService {
   };
 
   void Announce();
-  /// Reads "letter", "label" and "name" from JSON; all are empty unless all three are there. Then
-  /// it stores "readOnly", too.
+  /// Reads "letter", "label" and "name" from JSON; all are empty unless all three are there. If
+  /// they are, stores "readOnly", too.
   DiskParams ReadParams(const std::string& text);
 };
 

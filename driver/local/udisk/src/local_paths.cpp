@@ -120,7 +120,8 @@ DiskRoot LocalPaths::RootAt(const std::string& path) const {
   return {path, confined() && IsMountRoot(AT_FDCWD, path.c_str())};
 }
 
-/// In confined mode, too, the kernel refuses a path that is too long before it resolves any of it.
+/// A path that is too long is passed on in confined mode, too: the kernel refuses it before it
+/// resolves any of it.
 bool LocalPaths::PassesUnchanged(const char* path) const {
   return !confined() || std::strlen(path) >= PATH_MAX;
 }

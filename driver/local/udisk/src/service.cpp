@@ -132,7 +132,7 @@ int UDiskService::UpdateReadOnly(uint8_t read_only) {
   return 0;
 }
 
-// ---- Packets sent unasked ----
+// ---- Unsolicited packets ----
 
 namespace {
 
