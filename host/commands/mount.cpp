@@ -41,8 +41,8 @@ std::string CheckedMountPoint(const std::string& path, const std::string& disk) 
   return mount_point;
 }
 
-/// Blocks the stop signals in this thread and all that it starts. FuseMount::Serve lets them in
-/// once everything that they end has been set up.
+/// Blocks the stop signals in this thread and all that it starts. FuseMount::Serve unblocks them
+/// once everything that they stop has been set up.
 sigset_t BlockStopSignals() {
   // A shell starts a script's background jobs with SIGINT ignored, but Ctrl-C on the script must
   // end the mount, too.
@@ -95,7 +95,8 @@ void AddMountCommand(CLI::App* app, CommandLine* line) {
                     "Partition to mount locally and use as DISK, such as sdb1");
   mount->add_option("--name", shown->name, "Name to announce [the directory's name]");
   mount->add_option("--label", shown->label, "Label on the remote side [the directory's name]");
-  mount->add_flag("--read-only", shown->read_only, "Refuse every change and announce that");
+  mount->add_flag("--read-only", shown->read_only,
+                  "Refuse every change, and announce the disk as read-only");
   mount->add_flag("--allow-other", shown->allow_other,
                   "Let other users use the mount; see README, Limits");
   mount->add_flag("!--no-batch", shown->batch, "Send small writes one by one");

@@ -13,7 +13,7 @@
 namespace cpd::host {
 namespace {
 
-constexpr size_t kLongestText = 255;  // the module cuts a path or a name to this
+constexpr size_t kLongestText = 255;  // the module refuses a longer path and cuts a longer name
 
 /// Matches every path, so that reads and writes of every file are traced.
 class EveryPath : public CpdPathFilter {

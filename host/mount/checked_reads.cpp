@@ -199,7 +199,8 @@ void CheckedReads::Judge(const std::shared_ptr<Reading>& reading, const udisk_st
   if (reading->result.error != 0) return Finish(*reading, reading->result.error);
   const auto bytes = reading->result.value.bytes;
   const int64_t end = reading->offset + static_cast<int64_t>(bytes.size());
-  const int64_t present_size = now.st_size;  // a packed field, which nothing may refer to
+  // A copy: min takes references, which cannot bind to packed fields.
+  const int64_t present_size = now.st_size;
   if (end >= std::min(reading->expected_end, present_size)) return Finish(*reading, 0, bytes);
   const bool has_changed = !IsSameContent(reading->known, now);
   reading->known = now;

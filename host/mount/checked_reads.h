@@ -29,8 +29,8 @@ namespace cpd::host {
 /// reads before it. The next question is sent when that one is answered, or when kWindow more reads
 /// wait for it: the more reads are under way, the fewer questions there are per read.
 ///
-/// A request that follows an answer names the file by its old path, so no name may move until
-/// AwaitAnswers has returned. All operations are callable from any thread.
+/// A follow-up request, sent when an answer arrives, names the file by its old path, so no name may
+/// move until AwaitAnswers has returned. All operations are callable from any thread.
 class CheckedReads {
  public:
   static constexpr size_t kWindow = 8;
@@ -46,7 +46,7 @@ class CheckedReads {
   using SharedContent = std::shared_ptr<const Content>;
 
   /// Notes what the disk shows at a node's path.
-  /// @return false when that is another file, and programs already use the one before
+  /// @return false when that is another file, and programs already use the previous one
   using Note = std::function<bool(NodeTable::Id node, const udisk_stat& attributes)>;
   /// Receives 0 or an errno.
   using Opened = std::function<void(int error)>;
@@ -79,9 +79,9 @@ class CheckedReads {
   struct Reading;
   using Openings = std::vector<std::shared_ptr<Opening>>;
   using Readings = std::vector<std::shared_ptr<Reading>>;
-  /// A file's reads that wait for a question, and its questions.
+  /// A file's reads that no question covers yet, and the questions under way.
   struct Window {
-    Readings unchecked;  // sent, with no question after them yet
+    Readings unchecked;  // sent, and no question sent after them
     size_t checks = 0;   // questions under way
   };
 

@@ -188,7 +188,7 @@ RenameGate::Pass FuseMount::Enter() {
 RenameGate::Move FuseMount::BeginMove() {
   auto move = gate_.BeginMove();
   writes_.Send();
-  // A request that follows an answer names the file by its old path.
+  // A follow-up request, sent when an answer arrives, names the file by its old path.
   writes_.AwaitAnswers();
   reads_.AwaitAnswers();
   return move;

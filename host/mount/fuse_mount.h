@@ -53,7 +53,7 @@ class FuseMount {
   };
 
   static fuse_lowlevel_ops Operations();
-  /// Hold the pass from looking a path up until the request with that path is sent.
+  /// Hold the pass from the lookup of a path until the request with that path is sent.
   [[nodiscard]] RenameGate::Pass Enter();
   [[nodiscard]] RenameGate::Move BeginMove();
   template <auto kHandler, class... Arguments>

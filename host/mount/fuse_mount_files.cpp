@@ -209,7 +209,7 @@ void FuseMount::Release(fuse_req_t request, fuse_ino_t node, fuse_file_info* han
   }
 }
 
-/// The last part of a change of attributes that failed.
+/// Of the parts of a change of attributes, the last one that failed.
 struct FuseMount::AttributeChange {
   Outcome outcome = Outcome::kDone;
   Attempt attempt = {};

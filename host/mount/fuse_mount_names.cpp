@@ -128,8 +128,8 @@ void FuseMount::MakeSymbolicLink(fuse_req_t request, const char* /*target*/, fus
   fuse_reply_err(request, ENOTSUP);
 }
 
-/// Replies with the attributes of what was made. If the client's umask gave it another mode than
-/// the program asked for, sets that mode first.
+/// Replies with the attributes of what was made. If the client's umask changed the mode that the
+/// program asked for, sets that mode first.
 void FuseMount::ShowMade(const std::shared_ptr<Making>& making) {
   files_.GetAttributes(making->path, [this, making](const Result<udisk_stat>& result) {
     if (making->outcome != Outcome::kDone) {
@@ -169,7 +169,7 @@ void FuseMount::Unlink(fuse_req_t request, fuse_ino_t parent, const char* name) 
 }
 
 /// Removes the last name of a file that programs have open: renames it on the disk to a hidden
-/// name, which goes when the last program closes the file.
+/// name, which is removed when the last program closes the file.
 void FuseMount::Hide(fuse_req_t request, fuse_ino_t parent, const std::string& name,
                      const RenameGate::Move& move) {
   const auto hidden_name = HiddenName();
@@ -217,7 +217,7 @@ void FuseMount::LiftHiddenFiles(fuse_ino_t parent, const std::string& name,
   }
 }
 
-/// Removes all hidden files; called at the end, when no program can have them open.
+/// Removes all hidden files; called at the end, when programs are no longer served.
 void FuseMount::RemoveHiddenFiles() {
   for (const auto& path : nodes_.HiddenPaths()) files_.Unlink(path, [](Outcome) {});
 }

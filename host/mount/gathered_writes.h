@@ -99,7 +99,7 @@ class GatheredWrites {
   bool has_gathered_ = false;  // guarded by mutex_
   Clock::time_point due_;      // guarded by mutex_; when gathered writes must be sent
   std::condition_variable_any changed_;
-  std::jthread sender_;  // last: joined before what it uses goes
+  std::jthread sender_;  // last: joined before what it uses is destroyed
 };
 
 }  // namespace cpd::host

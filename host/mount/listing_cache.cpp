@@ -34,7 +34,8 @@ bool HasHardLinks(const Listing& listing) {
 }  // namespace
 
 void ListingCache::List(const std::string& directory, RemoteFiles::Done<SharedListing> done) {
-  const auto question = NoteQuestion(directory);  // before Find: a change voids this or the listing
+  // Noted before Find, so that a change that overtakes the found listing ends the question, too.
+  const auto question = NoteQuestion(directory);
   const auto kept = Find(directory);
   if (kept == nullptr) return ListInFull(question, directory, std::move(done));
   files_.CheckDirectory(

@@ -34,7 +34,7 @@ class NodeTable {
   };
 
   /// Finds or makes the node of a name, and counts one reference of the kernel. If the attributes
-  /// are those of another file than before, the name moves to another node. Ids are never reused.
+  /// show that the name now belongs to another file, it gets another node. Ids are never reused.
   Id Lookup(Id parent, const std::string& name, const udisk_stat& attributes);
   /// Drops references that the kernel gives back.
   void Forget(Id id, uint64_t references);

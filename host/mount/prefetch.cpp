@@ -13,7 +13,7 @@ constexpr size_t kMostEntries = 200'000;  // in the listings of all runs
 constexpr size_t kMostBatches = 8;        // of 1 MiB at most
 
 /// Whether a file is as it was listed. Never true for a file with several names, which can change
-/// through one that is not followed here.
+/// through a name that this class does not track.
 bool IsAsListed(const udisk_stat& known, const udisk_stat& listed) {
   return known.st_ino == listed.st_ino && known.st_nlink == 1 && known.st_size == listed.st_size &&
          IsSameTime(known.st_mtim, listed.st_mtim);
@@ -87,7 +87,7 @@ bool Prefetch::Take(const std::string& path, const udisk_stat& known,
   if (found == places_.end()) return false;
   const auto [batch, index] = found->second;
   places_.erase(found);
-  // Do not wait for an answer that is on its way: a request for the file now is served as soon.
+  // Do not wait for an answer that is on its way: a request for the file is served just as soon.
   if (batch->data.bytes.empty() || batch->IsStale()) return false;
   const auto content = batch->data.bytes[index];
   if (static_cast<int64_t>(content.size()) != known.st_size) return false;

@@ -16,8 +16,8 @@ class RenameGate {
   /// A move lasts until its last copy is gone.
   using Move = std::shared_ptr<void>;
 
-  /// Waits for the end of a move. No move begins while the pass is held: hold it from looking a
-  /// path up until the request with that path is sent.
+  /// Waits for the end of a move. No move begins while the pass is held: hold it from the lookup of
+  /// a path until the request with that path is sent.
   [[nodiscard]] Pass Enter() {
     Pass pass(mutex_);
     ended_.wait(pass, [this] { return !moving_; });

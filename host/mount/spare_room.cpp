@@ -49,7 +49,8 @@ void SpareRoom::NoteAnswer(const std::optional<udisk_statvfs>& statistics) {
   known_.reset();
   if (statistics && question_) {
     known_ = {.question = *question_, .room = RoomOf(*statistics)};
-    const uint64_t block = statistics->f_bsize;  // packed fields, which nothing may refer to
+    // Copies: max takes references, which cannot bind to packed fields.
+    const uint64_t block = statistics->f_bsize;
     const uint64_t fragment = statistics->f_frsize;
     block_ = std::max(block, fragment);
   }

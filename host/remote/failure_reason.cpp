@@ -97,7 +97,8 @@ bool IsTooLarge(const Attempt& attempt, const Facts& facts) {
   if (attempt.end <= size) return false;
   if (size <= kLargestFatFile && attempt.end > kLargestFatFile) return true;
   if (!facts.disk) return false;
-  const uint64_t block_size = facts.disk->f_bsize;  // a packed field, which nothing may refer to
+  // A copy: max takes references, which cannot bind to packed fields.
+  const uint64_t block_size = facts.disk->f_bsize;
   return end > kMostBlocks * std::max<uint64_t>(block_size, 1);
 }
 

@@ -11,9 +11,9 @@
 namespace cpd::host {
 
 /// Makes a file readable and writable for its owner during the requests that are sent while this
-/// object lives. A program may go on writing to an open file whatever its mode becomes, and may
-/// create one read-only, but the module opens the file again for every request, and the mode
-/// applies.
+/// object lives. A program may go on writing to a file that it has open, even if the file's mode
+/// changes or was read-only from the start. But the module opens the file again for every request,
+/// and then the mode applies.
 class ModeGuard {
  public:
   ModeGuard(RemoteFiles& files, const std::string& path, uint32_t mode)

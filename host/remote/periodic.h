@@ -23,7 +23,7 @@ class Periodic {
  private:
   std::mutex mutex_;
   std::condition_variable_any wake_;
-  std::jthread thread_;  // last: joined before what it uses goes
+  std::jthread thread_;  // last: joined before what it uses is destroyed
 };
 
 }  // namespace cpd::host

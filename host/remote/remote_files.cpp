@@ -99,7 +99,8 @@ std::optional<std::vector<Listing::Entry>> Entries(std::string_view listing) {
   return entries;
 }
 
-/// Removes the set-id bits: they would lend a program's owner's rights to every user of the client.
+/// Removes the set-id bits: a program with them would run with its owner's rights, whoever starts
+/// it on the client.
 uint32_t WithoutSetId(uint32_t mode) { return mode & ~uint32_t{S_ISUID | S_ISGID}; }
 
 template <class Head>

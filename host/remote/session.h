@@ -52,7 +52,7 @@ class Session {
   void Tell(std::unique_ptr<CpdPacket> packet);
 
   Statistics statistics() const;
-  /// How long the driver took for the request whose Done runs, from the answer before it on.
+  /// How long the driver took for the request whose Done runs, measured from the previous answer.
   Clock::duration time_of_answer() const { return time_of_answer_; }
 
  private:
