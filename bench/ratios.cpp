@@ -37,7 +37,7 @@ struct Row {
   std::function<Load()> make_base;
   std::function<Load()> make_compared;
   enum Kind { kShareOfTheBasesRate, kTimesTheBasesTime } kind;
-  double bound;          ///< the least share, or the greatest factor
+  double bound;  ///< the lowest allowed share of the rate, or the highest multiple of the time
   bool one_core = true;  ///< pinned to one core, where no parallel work is measured
 };
 

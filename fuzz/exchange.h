@@ -15,7 +15,7 @@ namespace cpd::fuzz {
 
 /// The host of a driver or an operator, with a clock and a user, configured by the settings.
 struct Host {
-  /// @param settings  of settings.h
+  /// @param settings  bits of the enumeration in settings.h
   explicit Host(uint8_t settings);
 
   test::VirtualClock clock;

@@ -1,4 +1,4 @@
-// The first byte of an input of the requests target.
+// The bits of the first byte of an input of the requests target and of the driver target.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// How much work an input made, in a measure that is the same on every machine.
+// How much work an input caused, in a measure that is the same on every machine.
 #pragma once
 
 #include <cstddef>

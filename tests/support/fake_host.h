@@ -120,7 +120,7 @@ class FakeDevice : public CpdDevice {
   /// The device's base, even after DropBase.
   [[nodiscard]] FakeBase& base() const { return *base_; }
   void SetId(int id);
-  /// Makes getDevBase return null, from its call after the next `more` on.
+  /// Makes getDevBase return the base `more` more times, and then null.
   void DropBase(int more = 0);
   void SetSendResult(int result);
   /// Whether SendPacket keeps the packet or lets it be destroyed (the default).
