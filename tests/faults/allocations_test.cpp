@@ -258,15 +258,14 @@ std::vector<NamedRequest> OversizedReads() {
   constexpr uint32_t kMost = 0x7fffffff;
   constexpr uint32_t kNegative = 0x80000000;
   const SmallRead known{.path = kKnownFile, .size = kMost};
-  return {
-      {"file_read", ReadRequest{.path = kKnownFile, .size = kMost}},
-      {"file_read_behind_the_end", ReadRequest{.path = kKnownFile, .offset = 50, .size = kMost}},
-      {"file_read_of_a_missing_file", ReadRequest{.path = "/none", .size = kMost}},
-      {"file_read_of_a_negative_size", ReadRequest{.path = kKnownFile, .size = kNegative}},
-      {"small_file_read",
-       SmallReadRequest{.records = {known, {.path = "/none", .size = kMost}, known}}},
-      {"small_file_read_of_a_negative_size",
-       SmallReadRequest{.records = {{.path = kKnownFile, .size = kNegative}}}}};
+  return {{"file_read", ReadRequest{.path = kKnownFile, .size = kMost}},
+          {"file_read_past_the_end", ReadRequest{.path = kKnownFile, .offset = 50, .size = kMost}},
+          {"file_read_of_a_missing_file", ReadRequest{.path = "/none", .size = kMost}},
+          {"file_read_of_a_negative_size", ReadRequest{.path = kKnownFile, .size = kNegative}},
+          {"small_file_read",
+           SmallReadRequest{.records = {known, {.path = "/none", .size = kMost}, known}}},
+          {"small_file_read_of_a_negative_size",
+           SmallReadRequest{.records = {{.path = kKnownFile, .size = kNegative}}}}};
 }
 
 class OversizedRead : public FailingAllocation {};
@@ -312,7 +311,7 @@ TEST(AllocationOutsideTheHandlers, RefusedToABusEventCostsOnlyItsTrace) {
   });
 }
 
-TEST(AllocationOutsideTheHandlers, RefusedToTheCopyOfAPathMakesNoDirectoryAndIsNotAFailure) {
+TEST(AllocationOutsideTheHandlers, RefusedToTheCopyOfAPathMakesNoDirectoryAndReturnsZero) {
   const TempDisk disk;
   FileManagerLinux files;
   const std::string path = disk.Local("/made/below");

@@ -763,7 +763,7 @@ TEST_F(GivenUpRequest, ThatMakesDirectoriesEndsBetweenTwoOfThem) {
 
 class ShortTransfer : public FaultTest {};
 
-TEST_F(ShortTransfer, OfAReadIsRepliedAsItIs) {
+TEST_F(ShortTransfer, OfAReadIsAnsweredWithWhatWasRead) {
   const FailingCalls shortened({.call = "pread", .at_most = 5});
   const auto reply = Ask(ReadRequest{.path = kKnownFile});
   ASSERT_TRUE(reply);
@@ -773,7 +773,7 @@ TEST_F(ShortTransfer, OfAReadIsRepliedAsItIs) {
   EXPECT_EQ(Errors(), Texts{});
 }
 
-TEST_F(ShortTransfer, OfASmallReadIsRepliedAsItIs) {
+TEST_F(ShortTransfer, OfASmallReadIsAnsweredWithWhatWasRead) {
   ExpectFaultRow("a short transfer of a read, or of a small read",
                  {"what was read", "nothing", "nothing"});
   const FailingCalls shortened({.call = "pread", .at_most = 5, .times = 1});

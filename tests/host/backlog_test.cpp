@@ -38,7 +38,7 @@ TEST(Backlog, IsWhatTheDiskDoesInATenthOfASecond) {
   EXPECT_EQ(Fill(&backlog), 3);
 }
 
-TEST(Backlog, OfADiskThatTakesLongerForOnePieceIsEmpty) {
+TEST(Backlog, OfADiskThatTakesMoreThanATenthOfASecondForAPieceHasRoomForNone) {
   Backlog backlog;
   backlog.Measure(kPiece, 101ms);
   EXPECT_FALSE(backlog.HasRoomFor(kPiece));

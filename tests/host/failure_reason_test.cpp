@@ -217,7 +217,7 @@ TEST(FailureReason, IsEfbigForAWriteThatCrossesFourGibibytes) {
   EXPECT_EQ(LikeliestReason(attempt, facts), EIO);
 }
 
-TEST(FailureReason, OfAWriteBeyondTheBlocksThatAFileCanHaveIsTheSize) {
+TEST(FailureReason, IsEfbigForAWriteBeyondTheBlocksThatAFileCanHave) {
   constexpr int64_t kMost = (int64_t{16} << 40) - 4096;
   auto facts = NothingWrong();
   facts.disk->f_bsize = 4096;
@@ -232,7 +232,7 @@ TEST(FailureReason, OfAWriteBeyondTheBlocksThatAFileCanHaveIsTheSize) {
   EXPECT_EQ(reason_of_end(kMost + 1), EIO);
 }
 
-TEST(FailureReason, OfAWriteBeyondTheLimitOfThisProcessIsTheSize) {
+TEST(FailureReason, IsEfbigForAWriteBeyondTheLimitOfThisProcess) {
   auto facts = NothingWrong();
   facts.size_limit = 1000;
   facts.file->st_size = 2000;

@@ -130,7 +130,7 @@ TEST_F(SpareRoomTest, IsNoneForTenSecondsAfterTheDiskHasFailed) {
   }
 }
 
-TEST_F(SpareRoomTest, StaysWhenAFailureIsOneFilesOwn) {
+TEST_F(SpareRoomTest, StaysWhenAFailureConcernsOnlyOneFile) {
   Learn(Free(100 * kMiB));
   for (const int error : {ENOENT, ESTALE, EACCES, EFBIG}) room.NoteFailure(error, now);
   EXPECT_TRUE(IsSafe(0));

@@ -22,7 +22,7 @@ namespace {
 
 constexpr int kFiles = 300;
 constexpr size_t kSize = 4096;
-// Longer than content that was read ahead may be used.
+// Longer than the time for which content that was read ahead may be used.
 constexpr auto kTrustIsOver = 1300ms;
 
 std::string Padded(int number) {

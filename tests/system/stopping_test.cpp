@@ -130,7 +130,7 @@ TEST_F(Stopping, ATerminalThatGoesAwayEndsNeitherHostNorMount) {
   umount2(mount_point.c_str(), MNT_DETACH);
 }
 
-TEST_F(Stopping, AClosedPipeForTheTableIsAnErrorButUnmounts) {
+TEST_F(Stopping, AClosedPipeForTheTableIsAnErrorButTheDiskIsUnmounted) {
   const TempDir place;
   const std::string mount_point = place / "mnt";
   std::filesystem::create_directory(mount_point);

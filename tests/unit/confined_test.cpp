@@ -260,11 +260,11 @@ class ConfinedTest : public OperatorTest {
     for (int i = 0; i < 64; ++i) far_up += "/..";
     return {
         {"above the disk", "/../outside"},
-        {"two slashes behind", "/..//outside"},
+        {"two slashes after", "/..//outside"},
         {"two slashes before", "//../outside"},
         {"slashes all over", "////..////outside////"},
         {"dot before", "/./../outside"},
-        {"dot behind", "/.././outside"},
+        {"dot after", "/.././outside"},
         {"dot at the end", "/../outside/."},
         {"slash at the end", "/../outside/"},
         {"up at the end", "/../outside/dir/.."},
@@ -287,17 +287,17 @@ class ConfinedTest : public OperatorTest {
         {"relative link, down and up", "/relative/dir/.."},
         {"relative link, then up", "/relative/../outside"},
         {"link that ends with a slash", "/slashed"},
-        {"link with ways of its own", "/winding"},
+        {"link with detours of its own", "/winding"},
         {"link with an odd name", "/ odd\n\xff"},
         {"absolute link below", "/known/absolute"},
         {"relative link below", "/known/relative"},
-        {"link below, reached by ways", "/./known/deep/..//relative/."},
+        {"link below, reached by detours", "/./known/deep/..//relative/."},
         {"link to the parent", "/parent/outside"},
         {"link to the parent and in and out", "/parent/DISK/../outside"},
         {"link to the root", "/root" + outside.path},
         {"link in the middle", "/top/outside"},
         {"link in the middle, back in", "/top/DISK/known/../../outside"},
-        {"up behind a link inside", "/known/up/../outside"},
+        {"up after a link inside", "/known/up/../outside"},
         {"link to a sibling", "/sibling"},
         {"link through the disk", "/through"},
         {"chain of links", "/chain-1"},
@@ -787,7 +787,7 @@ TEST_F(ConfinedTest, EverythingIsMissingWhileTheDiskIsGone) {
 
 // ---- What stays inside ----
 
-TEST_F(ConfinedTest, LinksAndUpThatStayInsideWork) {
+TEST_F(ConfinedTest, LinksAndDotDotThatStayInsideWork) {
   disk.MakeFile("/known/deep/a.txt", "deep content");
   disk.MakeLink("/to-file", "known/deep/a.txt");
   disk.MakeLink("/to-dir", "known/deep");

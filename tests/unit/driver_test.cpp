@@ -52,7 +52,7 @@ std::shared_ptr<CpdPacket> BandwidthEvent(uint32_t kbps) {
   return Request{.cmd = kBusReadBandwidth, .payload = BytesOf(kbps)}.Packet();
 }
 
-/// A gate that blocks every thread that passes it until it is opened.
+/// A gate that blocks every thread that reaches it until it is opened.
 class Gate {
  public:
   void Pass() {
@@ -383,7 +383,7 @@ TEST_F(DriverTest, BusEventsWithoutAnOperatorOrPacketAreIgnored) {
   EXPECT_EQ(driver->onBusEvent(BandwidthEvent(5000)), 0);
 }
 
-TEST_F(DriverTest, APolicyMayBeNullLongOrHoldDirectivesOfPrintf) {
+TEST_F(DriverTest, APolicyMayBeNullOrLongOrContainPrintfDirectives) {
   const string longer_than_is_kept(1 << 20, 'p');
   for (const char* policy :
        {static_cast<const char*>(nullptr), "", "100%s%n", longer_than_is_kept.c_str()}) {
@@ -510,7 +510,7 @@ TEST_F(DriverTest, ASecondCloseWaitsForTheFirst) {
   EXPECT_EQ(device.base().Traces("LOCAL_UDISK_DRIVER_CLOSE").size(), 1U);
 }
 
-TEST_F(DriverTest, AWriteToAPipeThatNobodyReadsOnlyFailsOnEitherThread) {
+TEST_F(DriverTest, AWriteToAPipeWithoutAReaderFailsWithoutASignalOnEitherThread) {
   int pipe_ends[2] = {};
   ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
   close(pipe_ends[0]);
@@ -567,7 +567,7 @@ TEST_F(DriverTest, CloseWaitsForTheRequestInFlightAndDropsTheQueued) {
   EXPECT_TRUE(Log().Messages(kError).empty());
 }
 
-TEST_F(DriverTest, AWriteBeyondTheProcesssFileSizeLimitFailsAndDoesNoOtherHarm) {
+TEST_F(DriverTest, AWriteBeyondTheFileSizeLimitOfTheProcessFailsAndDoesNoOtherHarm) {
   ExpectFaultRow("a file that would pass the process's limit of file sizes",
                  {"a failure", "the failed call, `File too large`", "nothing"});
   Open();

@@ -337,7 +337,7 @@ TEST_F(FileManagerTest, DeliverableIsWhatTheFileHoldsFromTheOffset) {
   close(fd);
 }
 
-TEST_F(FileManagerTest, DeliverableOfAFileOfUnknownSizeIsUpToOneMegabyte) {
+TEST_F(FileManagerTest, DeliverableOfAFileOfUnknownSizeIsUpToOneMebibyte) {
   const int fd = open("/proc/self/status", O_RDONLY);
   ASSERT_GE(fd, 0);
   EXPECT_EQ(FileManagerLinux::Deliverable(fd, 0, 4096), 4096);
@@ -599,7 +599,7 @@ std::string Stretched(const std::string& parent, const std::string& name, size_t
   return parent + std::string(length - parent.size() - name.size(), '/') + name;
 }
 
-TEST_F(FileManagerTest, ReadDirGivesAnEntryWhoseLstatFailsTheAttributesOfTheEntryBefore) {
+TEST_F(FileManagerTest, ReadDirGivesTheAttributesOfTheEntryBeforeToOneWhoseLstatFails) {
   disk.MakeDir("/deep");
   for (const char* name : {"a", "b", "c", "too-long-1", "too-long-2", "too-long-3"}) {
     disk.MakeFile(std::string("/deep/") + name, name);
@@ -621,7 +621,7 @@ TEST_F(FileManagerTest, ReadDirGivesAnEntryWhoseLstatFailsTheAttributesOfTheEntr
   EXPECT_EQ(unseen, 4U);
 }
 
-TEST_F(FileManagerTest, ReadDirGivesAFirstEntryWhoseLstatFailsZeros) {
+TEST_F(FileManagerTest, ReadDirGivesZerosToAFirstEntryWhoseLstatFails) {
   disk.MakeDir("/deep");
   Listing listing;
   ASSERT_EQ(listing.Read(&files, Stretched(disk.root(), "deep", PATH_MAX - 1)), 0);
@@ -762,7 +762,7 @@ TEST_F(FileManagerTest, TruncateThatFailsLogsTheLength) {
             R"(truncate failed offset:21474836480 errno: No such file or directory\n)");
 }
 
-TEST_F(FileManagerTest, FsyncOfAMissingFileFailsReleaseDoesNot) {
+TEST_F(FileManagerTest, FsyncOfAMissingFileFailsAndReleaseDoesNot) {
   disk.MakeFile("/a", "");
   EXPECT_EQ(files.UdiskFsync(disk.Local("/a").c_str()), 0);
   EXPECT_EQ(files.UdiskRelease(disk.Local("/a").c_str()), 0);

@@ -438,7 +438,7 @@ TEST_F(PacedFileRead, ByTheTokenBucketCarriesASmallDebt) {
   EXPECT_EQ(SleepOf(1), 32);
 }
 
-TEST_F(PacedFileRead, OfAnyOtherKindIsNeverPaced) {
+TEST_F(PacedFileRead, LeavesRequestsOfOtherKindsUnpaced) {
   Announce(8000);
   udisk->legacyBytes = 1 << 30;
   Deliver(AttrRequest{.path = kKnownFile});

@@ -537,7 +537,7 @@ TEST_F(HostileRequests, SmallFileReadsOfAPacketLengthPastTheBufferOrWrappedAreAn
   }
 }
 
-TEST_F(HostileRequests, SmallFileReadsWithAPathThatOnlyThePacketLengthHoldsAreDropped) {
+TEST_F(HostileRequests, SmallFileReadsWithAPathWithinThePacketLengthButPastTheBufferAreDropped) {
   for (const Case& good : Cases(kSmallFileRead)) {
     const size_t last = 4 + 24 + strlen(kKnownFile) + 16;
     for (const uint32_t length : {11U, 1000U, 0x7fffffffU}) {
@@ -548,7 +548,7 @@ TEST_F(HostileRequests, SmallFileReadsWithAPathThatOnlyThePacketLengthHoldsAreDr
   }
 }
 
-TEST_F(HostileRequests, SmallFileReadsThatOnlyThePacketLengthHoldsAreDropped) {
+TEST_F(HostileRequests, SmallFileReadsWithRecordsWithinThePacketLengthButPastTheBufferAreDropped) {
   for (const Case& good : Cases(kSmallFileRead)) {
     for (const uint32_t count : {3U, 0xffffffffU}) {
       SCOPED_TRACE(count);

@@ -163,7 +163,7 @@ TEST_F(MountRemote, EchoesANameWithANulInFullButUsesOnlyThePartBeforeIt) {
   EXPECT_EQ(Log().Messages(), (Texts{"mkdir res: 0", "mount path: " + home + "/A\\n"}));
 }
 
-TEST_F(MountRemote, WhoseDirectoryCannotBeMadeLogsThatClearsTheMountPointAndReplies) {
+TEST_F(MountRemote, WhoseDirectoryCannotBeMadeLogsItsFailureClearsTheMountPointAndReplies) {
   const FakeUser user(kSomeUser, home);
   EXPECT_TRUE(Ask(MountRequest{.name = "missing/child"}));
   EXPECT_EQ(Log().Messages(),

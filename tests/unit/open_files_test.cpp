@@ -604,7 +604,7 @@ class ClosingRequests : public OpenFiles {
 TEST_F(ClosingRequests, AreAnsweredWithAByteForByteCopy) {
   for (Request request : Both(kKnownFile)) {
     request.request_id = 0xdeadbeef;
-    request.payload += "bytes behind the path";
+    request.payload += "bytes after the path";
     ExpectReply(AskRaw(request), request, request.payload, request.Bytes().size());
   }
 }

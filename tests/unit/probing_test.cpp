@@ -277,7 +277,7 @@ TEST_F(GetDevNameTest, OnlyTheNumberOneMeansRemovable) {
   EXPECT_EQ(Name(), "sdb");
 }
 
-TEST_F(GetDevNameTest, WithoutADiskThatMatchesNothingIsWritten) {
+TEST_F(GetDevNameTest, NothingIsWrittenWithoutAMatchingDisk) {
   for (const char* table : {"", "major minor  #blocks  name\n\n 254 0 268435456 vda\n", "sdb\n"}) {
     SetTable(table);
     EXPECT_EQ(Name(), "") << table;
@@ -299,7 +299,7 @@ TEST_F(GetDevNameTest, AShortNameIsCopiedWhole) {
   EXPECT_EQ(Name(), "");
 }
 
-TEST_F(GetDevNameTest, TakesTheLastWordOfALineThatHoldsTheLettersAnywhere) {
+TEST_F(GetDevNameTest, TakesTheLastWordOfALineThatContainsSdAnywhere) {
   SetTable("8 16 sd nvme0n1\n");
   EXPECT_EQ(Name(), "nvm");
 }

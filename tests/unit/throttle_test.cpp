@@ -163,14 +163,14 @@ TEST_F(FreshnessTest, AForcedBandwidthHoldsWhateverIsAnnounced) {
   EXPECT_EQ(Read(512'000), Sleeps{500});
 }
 
-TEST_F(FreshnessTest, AFileReadForcesWithItsOwnTime) {
+TEST_F(FreshnessTest, AFileReadForcesTheBandwidthAtItsOwnTime) {
   udisk->forceBw = 8000;
   clock.TickPerReading(1);
   Read(1);
   EXPECT_EQ(udisk->lastBwUpdateMs, udisk->lastReadMs);
 }
 
-TEST_F(FreshnessTest, SmallFilesDropFirstThenForceWithAFreshTime) {
+TEST_F(FreshnessTest, SmallFilesDropAStaleBandwidthAndThenForceOneAtAFreshTime) {
   udisk->forceBw = 8000;
   udisk->readBwKbps = 20'000;  // stale: nothing was ever announced
   const int64_t begin = clock.NowMs();
@@ -197,7 +197,7 @@ class LegacyThrottleTest : public ThrottleTest {
   }
 };
 
-TEST_F(LegacyThrottleTest, AllowsFullPeriodsBytesAtEachBandwidth) {
+TEST_F(LegacyThrottleTest, SleepsOnceTheAllowanceOfThePeriodIsUsedUpAtEachBandwidth) {
   ExpectPeriod(1000, 64'000, 500);
   ExpectPeriod(8000, 512'000, 500);
   ExpectPeriod(16'000, 102'400, 50);
