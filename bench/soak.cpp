@@ -1,8 +1,8 @@
 // udisk_soak [SECONDS [DRIVERS]]   by default 60 s and 64 drivers
 //
 // Many drivers in one process under mixed traffic, bandwidth announcements and policy changes,
-// opened and closed at random. Prints resident memory, descriptors and threads, and ends with 1
-// when they grow after the warm-up or do not go back at the end.
+// opened and closed at random. Prints resident memory, descriptors and threads. Ends with 1 when
+// they grow after the warm-up, or when descriptors and threads are left over at the end.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -188,7 +188,7 @@ size_t MedianResident(std::vector<Usage> samples) {
   return samples[samples.size() / 2].resident_kib;
 }
 
-/// @return whether the last third of a run needs no more than the middle third
+/// @return whether the last third of a run needs no more than the middle third, apart from a spare
 bool IsFlat(const std::vector<Usage>& samples, size_t drivers) {
   const auto third = static_cast<std::ptrdiff_t>(samples.size() / 3);
   if (third == 0) return true;

@@ -91,7 +91,7 @@ class Session {
   /// Runs on the worker's or the service's thread.
   void Take(const SentPacket& packet) {
     Expect(!closed_, "nothing is sent after Close");
-    if (packet.request_id < kFirstId) return;  // unasked
+    if (packet.request_id < kFirstId) return;  // unsolicited
     CpdPacketHeader asked{};
     {
       const std::lock_guard lock(mutex_);

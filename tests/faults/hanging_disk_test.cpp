@@ -146,7 +146,7 @@ TEST_F(DiskThatHangs, HoldsUpNeitherRequestsNorBusEventsNorPolicies) {
 
 TEST_F(DiskThatHangs, ServesEveryRequestInOrderWhenItResumes) {
   ExpectFaultRow("a disk that hangs",
-                 {"no answer until it goes on, then all in order; other disks are served",
+                 {"no answer until it resumes, then all in order; other disks are served",
                   "nothing", "nothing"});
   OpenAndHang();
   for (uint32_t id = 2; id <= 20; ++id) Send(id);
@@ -204,7 +204,7 @@ TEST_F(DiskThatHangs, MakesCloseGiveUpARequestOfManyCallsAfterASecond) {
 
 TEST_F(DiskThatHangs, WhileItIsOpenedHoldsUpItsAnnouncementAndClose) {
   ExpectFaultRow("a disk that hangs when it is opened",
-                 {"the announcement comes when it goes on", "nothing", "nothing"});
+                 {"the announcement comes when it resumes", "nothing", "nothing"});
   disk->Hang();
   const auto begin = std::chrono::steady_clock::now();
   driver = module.Open(&device, disk->path(), false);
