@@ -159,6 +159,7 @@ class FailingAllocation : public ::testing::TestWithParam<NamedRequest> {
     bool threw = false;
     int left_behind = 0;  ///< blocks that were not freed
     int replies = 0;
+    int headless = 0;  ///< replies without a header
     int errors = 0;
     std::string last_error;
   };
@@ -169,6 +170,7 @@ class FailingAllocation : public ::testing::TestWithParam<NamedRequest> {
   Outcome Serve(const Request& request, std::optional<int> refuse_after = std::nullopt) {
     FillDisk();
     device.replies = 0;
+    device.headless = 0;
     g_errors = 0;
     Outcome outcome;
     {
@@ -188,6 +190,7 @@ class FailingAllocation : public ::testing::TestWithParam<NamedRequest> {
       outcome.left_behind = allocations.Live();
     }
     outcome.replies = device.replies;
+    outcome.headless = device.headless;
     outcome.errors = g_errors;
     if (g_errors > 0) outcome.last_error = g_last_error;
     return outcome;
@@ -239,6 +242,7 @@ TEST_P(FailingAllocation, CostsNoMoreThanItsRequest) {
     EXPECT_FALSE(bad.threw);
     EXPECT_EQ(bad.left_behind, 0);
     EXPECT_LE(bad.replies, good.replies);
+    EXPECT_EQ(bad.headless, 0) << "a reply without a header was sent";
     EXPECT_LE(bad.errors, good.errors + 1);
     if (bad.replies < good.replies && !bad.last_error.ends_with("failed: std::bad_alloc\"")) {
       ++unlogged;

@@ -207,6 +207,19 @@ TEST_F(OperatorTest, ServesAHostThatKeepsReplies) {
   EXPECT_TRUE(StillServes());
 }
 
+TEST_F(OperatorTest, RequestsAreCarriedOutButNotAnsweredOnceTheDeviceIsGone) {
+  udisk->LetGoOfDevice();
+  for (const NamedRequest& good : OneRequestPerCommand()) {
+    EXPECT_EQ(Deliver(good.request), 0) << good.name;
+    Mount();  // 100 and 101 clear the mount point
+  }
+  Deliver(MakeDirRequest{.path = "/made"});
+  EXPECT_TRUE(disk.IsDir("/made"));
+  EXPECT_TRUE(device.Sent().empty());
+  EXPECT_TRUE(device.base().Traces().empty());
+  RemoveMountDirectory();
+}
+
 // ---- Mount point ----
 
 TEST_F(OperatorTest, SetRootPathJoinsLetterAndLabel) {
