@@ -730,8 +730,12 @@ class GivenUpRequest : public FaultTest {
   }
 };
 
-TEST_F(GivenUpRequest, OfSmallFilesEndsBetweenTwoReads) {
-  Serve("pread", SmallReadRequest{.records = std::vector<SmallRead>(9, {.path = kKnownFile})});
+TEST_F(GivenUpRequest, OfSmallFilesEndsBetweenTwoSizesAndBetweenTwoReads) {
+  const SmallReadRequest nine{.records = std::vector<SmallRead>(9, {.path = kKnownFile})};
+  Serve("pread", nine);
+  MakeOperator();
+  Mount();
+  Serve("stat", nine);  // for the sizes, before the first read
 }
 
 TEST_F(GivenUpRequest, OfABatchOfWritesEndsBetweenTwoPieces) {

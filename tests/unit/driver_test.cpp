@@ -474,6 +474,28 @@ TEST_F(DriverTest, TheDriverObjectOutlivesTheDevice) {
   EXPECT_EQ(object->BusEventHandle(BandwidthEvent(5000)), 0) << "and its trace is dropped";
 }
 
+/// A device whose id can be asked for only while a gate is open.
+class GatedDevice : public FakeDevice {
+ public:
+  int GetDevId() override {
+    gate.Pass();
+    return FakeDevice::GetDevId();
+  }
+  Gate gate;
+};
+
+TEST_F(DriverTest, TheDriverObjectLetsGoOfItsDeviceOnlyWhenNoThreadIsUsingIt) {
+  GatedDevice gated;
+  UDiskOperator udisk(&gated);
+  std::jthread asking([&] { EXPECT_EQ(udisk.GetDeviceId(), kDeviceId); });
+  ASSERT_TRUE(gated.gate.WaitForOne());
+  std::future<void> letting_go = std::async(std::launch::async, [&] { udisk.LetGoOfDevice(); });
+  EXPECT_EQ(letting_go.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  gated.gate.Open();
+  letting_go.wait();
+  EXPECT_EQ(udisk.GetDeviceId(), 0);
+}
+
 TEST_F(DriverTest, RequestsAreServedWhileCloseWaitsForTheService) {
   Gate gate;
   device.OnSend([&](const SentPacket& sent) {
