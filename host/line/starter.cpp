@@ -1,0 +1,426 @@
+#include "line/starter.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+#include "line/passed_message.h"
+#include "line/pidfd.h"
+
+namespace cpd::host {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+/// From SIGTERM to SIGKILL.
+constexpr auto kGrace = 1s;
+/// For the command that delivers the last words.
+constexpr auto kLastWordsLimit = 10s;
+/// Commands that run at the same time. One is the rule, and two while the older one still ends. The
+/// limit holds for a process that was taken over, too.
+constexpr size_t kMostCommands = 4;
+/// What became of a command whose starter was killed: SIGTERM, by PR_SET_PDEATHSIG.
+constexpr int kEndedWithStarter = 128 + SIGTERM;
+
+// ---- The messages to the starter: a request, and a text in kSay only ----
+
+enum class Task : uint32_t { kStart, kEnd, kUnmount, kSay, kRelease };
+
+struct Request {
+  Task task;
+  uint32_t id;  ///< of the command, in kStart and kEnd
+};
+
+/// The answer to kStart is the error number, 0 with three descriptors: of the command's output, of
+/// its input, and of its end.
+using Answer = int32_t;
+
+std::string Packed(Request request, std::string_view text = {}) {
+  std::string bytes(sizeof request, '\0');
+  std::memcpy(bytes.data(), &request, sizeof request);
+  return bytes.append(text);
+}
+
+/// waitpid, whatever signals arrive.
+int Reap(pid_t process) {
+  int status = 0;
+  while (waitpid(process, &status, 0) < 0 && errno == EINTR) {
+  }
+  return status;
+}
+
+// ---- Trees of processes ----
+
+pid_t ParentOf(pid_t process) {
+  std::ifstream file(fmt::format("/proc/{}/stat", process));
+  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  const size_t name_end = text.rfind(')');  // the name may contain anything
+  if (name_end == std::string::npos) return -1;
+  pid_t parent = -1;
+  char state = 0;
+  return std::sscanf(text.c_str() + name_end + 1, " %c %d", &state, &parent) == 2 ? parent : -1;
+}
+
+/// Appends the processes below one. They are held by descriptors: a number could come to mean
+/// another process. Without /proc/PID/task/TID/children in the kernel, none is found.
+void AppendDescendants(pid_t process, std::vector<Descriptor>* found) {
+  std::error_code error;
+  for (const auto& task : fs::directory_iterator(fmt::format("/proc/{}/task", process), error)) {
+    std::ifstream children(task.path() / "children");
+    for (pid_t child = 0; children >> child;) {
+      Descriptor held(pidfd_open(child, 0));
+      // If the number had been given to another process, that one would have another parent.
+      if (!held.ok() || ParentOf(child) != process) continue;
+      found->push_back(std::move(held));
+      AppendDescendants(child, found);
+    }
+  }
+}
+
+// ---- The starter's own process ----
+
+/// Standard input and output become /dev/null, and standard error if it is closed. Everything else
+/// is closed: the starter must not keep the mount's device, a pipe or a lock open.
+/// @return the socket's new descriptor
+Descriptor KeepOnly(Descriptor socket) {
+  Descriptor kept(fcntl(socket.get(), F_DUPFD_CLOEXEC, 3));
+  const int null = fcntl(open("/dev/null", O_RDWR | O_CLOEXEC), F_DUPFD_CLOEXEC, 3);
+  dup2(null, STDIN_FILENO);
+  dup2(null, STDOUT_FILENO);
+  // A descriptor that closes on exec is no standard error, but took the place of a closed one.
+  const int flags = fcntl(STDERR_FILENO, F_GETFD);
+  if (flags < 0 || (flags & FD_CLOEXEC) != 0) dup2(null, STDERR_FILENO);
+  socket.Release();
+  const auto number = static_cast<unsigned>(kept.get());
+  if (number > 3) close_range(3, number - 1, 0);
+  close_range(number + 1, ~0U, 0);
+  return kept;
+}
+
+class StarterProcess {
+ public:
+  StarterProcess(Descriptor socket, std::string command, std::string mount_point)
+      : socket_(std::move(socket)),
+        command_(std::move(command)),
+        mount_point_(std::move(mount_point)) {}
+
+  void Run() {
+    while (Step(socket_.get())) {
+      auto message = ReceivePassed(socket_.get(), sizeof(Request) + Starter::kLongestLastWords);
+      if (!message || message->bytes.size() < sizeof(Request)) break;
+      Handle(message->bytes);
+    }
+    if (unmounts_) Unmount();
+    EndAll();
+    if (!last_words_.empty()) SayLastWords();
+  }
+
+ private:
+  struct Command {
+    uint32_t id;
+    pid_t process;
+    Descriptor held;    ///< the process
+    Descriptor status;  ///< takes the status when the command has ended
+  };
+  /// Processes that were sent SIGTERM, then SIGKILL.
+  struct Ending {
+    std::vector<Descriptor> processes;
+    Clock::time_point deadline;
+    bool killed = false;
+  };
+  /// The ends of a new command's streams that it does not have itself.
+  struct Ends {
+    Descriptor output, input, status;
+  };
+
+  /// Waits for what happens next, and takes care of commands that end.
+  /// @param socket  -1 = is not waited for
+  /// @return whether the socket is what happened
+  bool Step(int socket) {
+    while (true) {
+      std::vector<pollfd> polled{{.fd = socket, .events = POLLIN, .revents = 0}};
+      auto deadline = Clock::time_point::max();
+      for (const Command& command : commands_) polled.push_back({command.held.get(), POLLIN, 0});
+      for (const Ending& ending : endings_) {
+        deadline = std::min(deadline, ending.deadline);
+        for (const Descriptor& process : ending.processes) {
+          polled.push_back({process.get(), POLLIN, 0});
+        }
+      }
+      const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
+      const bool forever = deadline == Clock::time_point::max();
+      poll(polled.data(), polled.size(),
+           forever ? -1 : static_cast<int>(std::max<int64_t>(left, 0)));
+      TakeEnded();
+      if (polled[0].revents != 0) return true;
+      if (socket < 0) return false;
+    }
+  }
+
+  static bool HasEnded(const Descriptor& process) {
+    return WaitReadable(process.get(), Clock::now());
+  }
+
+  void TakeEnded() {
+    std::erase_if(commands_, [](const Command& command) {
+      if (!HasEnded(command.held)) return false;
+      const int status = Reap(command.process);
+      const int shown = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+      (void)!write(command.status.get(), &shown, sizeof shown);  // nobody needs to want it
+      return true;
+    });
+    for (Ending& ending : endings_) {
+      std::erase_if(ending.processes, HasEnded);
+      if (ending.killed || Clock::now() < ending.deadline) continue;
+      Signal(ending.processes, SIGKILL);
+      ending.killed = true;
+      ending.deadline += kGrace;
+    }
+    // What SIGKILL does not end in time waits for a device, and is left alone.
+    std::erase_if(endings_, [](const Ending& ending) {
+      return ending.processes.empty() || Clock::now() >= ending.deadline;
+    });
+  }
+
+  void Handle(const std::string& bytes) {
+    Request request{};
+    std::memcpy(&request, bytes.data(), sizeof request);
+    switch (request.task) {
+      case Task::kStart: {
+        Ends ends;
+        const Answer answer = Launch(request.id, &ends);
+        std::string packed(sizeof answer, '\0');
+        std::memcpy(packed.data(), &answer, sizeof answer);
+        const std::array descriptors{ends.output.get(), ends.input.get(), ends.status.get()};
+        SendPassed(socket_.get(), packed,
+                   answer == 0 ? std::span<const int>(descriptors) : std::span<const int>());
+        break;
+      }
+      case Task::kEnd:
+        for (const Command& command : commands_) {
+          if (command.id == request.id) End(command);
+        }
+        break;
+      case Task::kUnmount:
+        unmounts_ = true;
+        break;
+      case Task::kSay:
+        last_words_ = bytes.substr(sizeof request);
+        break;
+      case Task::kRelease:
+        unmounts_ = false;
+        last_words_.clear();
+        break;
+    }
+  }
+
+  /// @return an error number, 0 if the command runs
+  int Launch(uint32_t id, Ends* ends) {
+    if (commands_.size() >= kMostCommands) return EAGAIN;
+    // Stream sockets move blocks of 1 MiB with half the processor time of pipes of that size. There
+    // is one for each direction: the programs of a pipeline would share the flags of a single one,
+    // and O_NONBLOCK, set by the first, would surprise the last.
+    std::array<int, 2> pair{};
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()) != 0) return errno;
+    Descriptor output(pair[0]);
+    const Descriptor command_output(pair[1]);
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()) != 0) return errno;
+    Descriptor input(pair[0]);
+    const Descriptor command_input(pair[1]);
+    if (pipe2(pair.data(), O_CLOEXEC) != 0) return errno;
+    Descriptor ended(pair[0]);
+    Descriptor status(pair[1]);
+
+    const std::array argv{"/bin/sh", "-c", command_.c_str(), static_cast<const char*>(nullptr)};
+    const pid_t process = Spawn(argv.data(), command_input.get(), command_output.get());
+    if (process < 0) return errno;
+    Descriptor held(pidfd_open(process, 0));
+    if (!held.ok()) {
+      const int error = errno;
+      kill(process, SIGKILL);
+      Reap(process);
+      return error;
+    }
+    commands_.push_back({id, process, std::move(held), std::move(status)});
+    *ends = {std::move(output), std::move(input), std::move(ended)};
+    return 0;
+  }
+
+  /// Starts a program that ends with this process.
+  /// @return its process, -1 with errno
+  [[nodiscard]] pid_t Spawn(const char* const* argv, int input, int output) const {
+    const pid_t starter = getpid();
+    const pid_t process = fork();
+    if (process != 0) return process;
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != starter) _exit(1);  // it ended before the call
+    for (int signal = 1; signal < NSIG; ++signal) (void)std::signal(signal, SIG_DFL);
+    // The terminal sends Ctrl-C to ssh as well, which stays in its process group to be able to ask
+    // for a password. The line must last until this side has said goodbye.
+    (void)std::signal(SIGINT, SIG_IGN);
+    if (ignores_hangup_) (void)std::signal(SIGHUP, SIG_IGN);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    dup2(input, STDIN_FILENO);
+    dup2(output, STDOUT_FILENO);
+    execvp(argv[0], const_cast<char* const*>(argv));
+    _exit(127);
+  }
+
+  static void Signal(const std::vector<Descriptor>& processes, int signal) {
+    for (const Descriptor& process : processes) {
+      pidfd_send_signal(process.get(), signal, nullptr, 0);
+    }
+  }
+
+  /// The shell replaces itself with a simple command, but waits for the programs of a pipeline. To
+  /// end those, too, their tree is collected while it still hangs together. A process group of its
+  /// own would be simpler, but could not ask for a password on the terminal.
+  void End(const Command& command) {
+    Ending ending{.processes = {}, .deadline = Clock::now() + kGrace};
+    ending.processes.emplace_back(fcntl(command.held.get(), F_DUPFD_CLOEXEC, 3));
+    AppendDescendants(command.process, &ending.processes);
+    Signal(ending.processes, SIGTERM);
+    endings_.push_back(std::move(ending));
+  }
+
+  /// Ends what runs, and waits for it.
+  void EndAll() {
+    for (const Command& command : commands_) End(command);
+    while (!endings_.empty()) Step(-1);
+  }
+
+  void Unmount() {
+    const int failed = umount2(mount_point_.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW);
+    if (failed == 0 || geteuid() == 0) return;
+    const std::array argv{
+        "fusermount3", "-u", "-z", "--", mount_point_.c_str(), static_cast<const char*>(nullptr)};
+    const pid_t process = Spawn(argv.data(), STDIN_FILENO, STDOUT_FILENO);
+    if (process > 0) Reap(process);
+  }
+
+  void SayLastWords() {
+    const auto deadline = Clock::now() + kLastWordsLimit;
+    Ends ends;
+    if (Launch(0, &ends) != 0) return;
+    (void)!write(ends.input.get(), last_words_.data(), last_words_.size());
+    ends.input.Close();
+    // Whatever the other side answers must not keep the command from ending.
+    std::array<char, 4096> unread{};
+    while (WaitReadable(ends.output.get(), deadline) &&
+           read(ends.output.get(), unread.data(), unread.size()) > 0) {
+    }
+    WaitReadable(ends.status.get(), deadline);
+    EndAll();
+  }
+
+  Descriptor socket_;
+  const std::string command_;
+  const std::string mount_point_;
+  /// As under nohup; the command then ignores it, too.
+  const bool ignores_hangup_ = std::signal(SIGHUP, SIG_IGN) == SIG_IGN;
+  bool unmounts_ = false;
+  std::string last_words_;
+  std::vector<Command> commands_;
+  std::vector<Ending> endings_;
+};
+
+[[noreturn]] void RunStarter(Descriptor socket, const std::string& command,
+                             const std::string& mount_point) {
+  prctl(PR_SET_NAME, "cpd-starter");
+  // It ends when the other process has ended, not earlier: then it is needed.
+  for (const int signal : {SIGINT, SIGTERM, SIGQUIT, SIGPIPE}) (void)std::signal(signal, SIG_IGN);
+  (void)std::signal(SIGCHLD, SIG_DFL);
+  try {
+    StarterProcess(KeepOnly(std::move(socket)), command, mount_point).Run();
+  } catch (const std::exception&) {
+    _exit(1);
+  }
+  _exit(0);
+}
+
+}  // namespace
+
+// ---- In the process that uses the line ----
+
+std::optional<int> StartedLine::Ended(milliseconds limit) {
+  if (!status_ && WaitReadable(ended_.get(), Clock::now() + limit)) {
+    int status = 0;
+    const bool told = read(ended_.get(), &status, sizeof status) == sizeof status;
+    status_ = told ? status : kEndedWithStarter;
+  }
+  return status_;
+}
+
+Starter::Starter(const std::string& command, const std::string& mount_point) {
+  std::array<int, 2> pair{};
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()) != 0) {
+    throw std::system_error(errno, std::generic_category(), "socketpair");
+  }
+  socket_ = Descriptor(pair[0]);
+  Descriptor other(pair[1]);
+  process_ = fork();
+  if (process_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
+  if (process_ == 0) RunStarter(std::move(other), command, mount_point);
+}
+
+Starter::~Starter() {
+  Release();
+  socket_.Close();
+  Reap(process_);
+}
+
+StartedLine Starter::Start() {
+  const std::lock_guard lock(starting_);
+  const uint32_t id = ++last_id_;
+  SendPassed(socket_.get(), Packed({Task::kStart, id}));
+  Answer error = 0;
+  auto answer = ReceivePassed(socket_.get(), sizeof error);
+  if (!answer || answer->bytes.size() != sizeof error) {
+    throw std::runtime_error("the process that starts the line has ended");
+  }
+  std::memcpy(&error, answer->bytes.data(), sizeof error);
+  if (error != 0) {
+    throw std::runtime_error(fmt::format("cannot start the line: {}", std::strerror(error)));
+  }
+  auto& ends = answer->descriptors;
+  if (ends.size() != 3) throw std::runtime_error("cannot start the line: too many open files");
+  return {id, std::move(ends[0]), std::move(ends[1]), std::move(ends[2])};
+}
+
+void Starter::End(const StartedLine& line) {
+  SendPassed(socket_.get(), Packed({Task::kEnd, line.id_}));
+}
+
+void Starter::UnmountOnDeath() { SendPassed(socket_.get(), Packed({Task::kUnmount, 0})); }
+
+void Starter::SayOnDeath(std::string_view text) {
+  if (text.size() > kLongestLastWords) throw std::length_error("last words are too long");
+  SendPassed(socket_.get(), Packed({Task::kSay, 0}, text));
+}
+
+void Starter::Release() { SendPassed(socket_.get(), Packed({Task::kRelease, 0})); }
+
+}  // namespace cpd::host
