@@ -28,6 +28,7 @@ struct CheckedReads::Opening {
   bool is_overtaken = false;  ///< by a change through this mount
   std::string bytes = {};
   bool is_whole = false;  ///< nothing was left to read after the bytes
+  SharedContent content = nullptr;
 };
 
 void CheckedReads::Fetch(NodeTable::Id node, const NodeTable::File& file, Opened opened) {
@@ -46,10 +47,11 @@ void CheckedReads::FetchAgain(const std::shared_ptr<Opening>& opening) {
   const auto size = static_cast<uint32_t>(opening->known.st_size) + 1;
   opening->asked = Clock::now();
   files_.Read(opening->path, 0, size, [this, opening, size](const Result<FileData>& result) {
-    if (result.error != 0 || Find(opening->node) != nullptr) return Finish(opening, 0);
+    opening->content = Find(opening->node);  // fetched by another program
+    if (result.error != 0 || opening->content != nullptr) return Finish(opening, 0);
     opening->bytes = result.value.bytes;
     opening->is_whole = opening->bytes.size() < size;
-    if (Keep(*opening)) return Finish(opening, 0);
+    if (Keep(opening)) return Finish(opening, 0);
     LookAgain(opening);
   });
 }
@@ -57,14 +59,15 @@ void CheckedReads::FetchAgain(const std::shared_ptr<Opening>& opening) {
 /// The content does not match what the kernel knows, so asks what the path leads to now.
 void CheckedReads::LookAgain(const std::shared_ptr<Opening>& opening) {
   files_.GetAttributes(opening->path, [this, opening](const Result<udisk_stat>& result) {
-    if (Find(opening->node) != nullptr) return Finish(opening, 0);  // fetched by another program
+    opening->content = Find(opening->node);  // fetched by another program
+    if (opening->content != nullptr) return Finish(opening, 0);
     if (result.error != 0) return Finish(opening, result.error);
     const auto& now = result.value;
     if (!note_(opening->node, now)) return Finish(opening, ESTALE);
     const bool is_unreadable = IsSameContent(opening->known, now);
     const bool is_large = now.st_size > kLargestContent;
     opening->known = now;
-    if (Keep(*opening) || is_unreadable || is_large || ++opening->tries == kMostTries) {
+    if (Keep(opening) || is_unreadable || is_large || ++opening->tries == kMostTries) {
       return Finish(opening, 0);
     }
     FetchAgain(opening);
@@ -72,18 +75,22 @@ void CheckedReads::LookAgain(const std::shared_ptr<Opening>& opening) {
 }
 
 /// @return false when the bytes are not the whole file that the kernel knows
-bool CheckedReads::Keep(const Opening& opening) {
-  const auto& bytes = opening.bytes;
-  const auto attributes = nodes_.LastAttributes(opening.node);
-  if (!attributes || !opening.is_whole) return false;
-  if (static_cast<int64_t>(bytes.size()) != attributes->st_size) return false;
+bool CheckedReads::Keep(const std::shared_ptr<Opening>& opening) {
+  const auto attributes = nodes_.LastAttributes(opening->node);
+  if (!attributes || !opening->is_whole) return false;
+  const size_t size = opening->bytes.size();
+  if (static_cast<int64_t>(size) != attributes->st_size) return false;
   const std::lock_guard lock(mutex_);
-  if (opening.is_overtaken || content_bytes_ + bytes.size() > kMostContentBytes) return true;
-  auto& content = contents_[opening.node];
-  if (content != nullptr) content_bytes_ -= content->bytes.size();
-  content_bytes_ += bytes.size();
-  content = std::make_shared<const Content>(
-      Content{.bytes = bytes, .attributes = *attributes, .asked = opening.asked});
+  if (content_bytes_ + size > kMostContentBytes) return true;
+  content_bytes_ += size;
+  opening->content = SharedContent(
+      new Content{
+          .bytes = std::move(opening->bytes), .attributes = *attributes, .asked = opening->asked},
+      [this, size](const Content* content) {
+        delete content;
+        content_bytes_ -= size;
+      });
+  if (!opening->is_overtaken) contents_[opening->node] = opening->content;
   return true;
 }
 
@@ -92,7 +99,7 @@ void CheckedReads::Finish(const std::shared_ptr<Opening>& opening, int error) {
     const std::lock_guard lock(mutex_);
     std::erase(openings_, opening);
   }
-  opening->opened(error);
+  opening->opened(error, std::move(opening->content));
   CountEnd();
 }
 
@@ -111,10 +118,7 @@ CheckedReads::SharedContent CheckedReads::Find(NodeTable::Id node) const {
 void CheckedReads::Forget(NodeTable::Id node) {
   const std::lock_guard lock(mutex_);
   for (const auto& opening : openings_) opening->is_overtaken |= opening->node == node;
-  const auto content = contents_.find(node);
-  if (content == contents_.end()) return;
-  content_bytes_ -= content->second->bytes.size();
-  contents_.erase(content);
+  contents_.erase(node);
 }
 
 // ---- Parts of files ----

@@ -1,6 +1,8 @@
 // Reads that never mix two files, though the protocol names a file by its path in every request.
 #pragma once
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -22,7 +24,7 @@ namespace cpd::host {
 /// Reads files that the client may replace at any moment.
 ///
 /// A small file is read whole when it is opened, by one request, which sees one file. Programs then
-/// read that content until the last of them closes the file.
+/// read that content until the last of them closes the file, or one of them changes it.
 ///
 /// Reads of a larger file are sent at once. The data of each is held until a later request for the
 /// file's attributes shows that the path still leads to the file. One such question covers all
@@ -37,19 +39,26 @@ class CheckedReads {
   /// The largest file to fetch, in bytes.
   static constexpr int64_t kLargestContent = 64 << 10;
 
-  /// A whole file.
+  /// A whole file. Must not outlive the object that fetched it.
   struct Content {
     std::string bytes;
     udisk_stat attributes;  ///< of the file as the kernel knew it
     std::chrono::steady_clock::time_point asked;
+
+    /// The bytes from an offset on, `size` at most.
+    [[nodiscard]] std::string_view Part(int64_t offset, size_t size) const {
+      return std::string_view(bytes).substr(
+          std::min<size_t>(static_cast<size_t>(offset), bytes.size()), size);
+    }
   };
   using SharedContent = std::shared_ptr<const Content>;
 
   /// Notes what the disk shows at a node's path.
   /// @return false when that is another file, and programs already use the previous one
   using Note = std::function<bool(NodeTable::Id node, const udisk_stat& attributes)>;
-  /// Receives 0 or an errno.
-  using Opened = std::function<void(int error)>;
+  /// Receives 0 or an errno, and the content, which is null if the file is not read whole. Find may
+  /// no longer give it: a program may have changed the file meanwhile.
+  using Opened = std::function<void(int error, SharedContent content)>;
   /// Receives the bytes, which are valid during the call; fewer than wanted only at the file's end.
   using ReadDone = std::function<void(int error, std::string_view bytes)>;
 
@@ -87,7 +96,7 @@ class CheckedReads {
 
   void FetchAgain(const std::shared_ptr<Opening>& opening);
   void LookAgain(const std::shared_ptr<Opening>& opening);
-  bool Keep(const Opening& opening);
+  bool Keep(const std::shared_ptr<Opening>& opening);
   void Finish(const std::shared_ptr<Opening>& opening, int error);
   void Send(const std::shared_ptr<Reading>& reading);
   void Check(NodeTable::Id node, const std::string& path, Readings covered);
@@ -99,8 +108,8 @@ class CheckedReads {
   const NodeTable& nodes_;
   const Note note_;
   mutable std::mutex mutex_;
+  std::atomic<size_t> content_bytes_ = 0;  // of all content that is in use
   std::unordered_map<NodeTable::Id, SharedContent> contents_;
-  size_t content_bytes_ = 0;
   Openings openings_;  // under way
   std::unordered_map<NodeTable::Id, Window> windows_;
   size_t under_way_ = 0;

@@ -233,21 +233,23 @@ void FuseMount::ReplyAttributes(fuse_req_t request, fuse_ino_t node, bool is_hid
                                 const Result<udisk_stat>& result) {
   if (result.error != 0) return void(fuse_reply_err(request, result.error));
   if (!Note(node, result.value)) return ReplyLostFile(request, node);
+  nodes_.NoteTold(node);
   struct stat attributes = ToStat(nodes_.LastAttributes(node).value_or(result.value));
   if (is_hidden) --attributes.st_nlink;
   fuse_reply_attr(request, &attributes, kTrusted);
 }
 
-/// Whether a file's fetched content is at most a second old but differs from what the disk shows
-/// now. Programs then still see that content and its attributes.
+/// Whether a file's fetched content is at most a second old but was changed in place on the client.
+/// Programs then still see that content and its attributes.
 bool FuseMount::IsBeingRead(fuse_ino_t node, const udisk_stat& attributes) const {
   const auto content = reads_.Find(node);
   return content != nullptr && !IsSameContent(content->attributes, attributes) &&
+         nodes_.IsSameFile(node, attributes) &&
          NodeTable::Clock::now() - content->asked <= Prefetch::kTrusted;
 }
 
 /// If no program has used a file yet, its node moves on to the file that the client put in its
-/// place. A program that has read or written the old file must not reach the new one.
+/// place. A program that has read the old file or can write to it must not reach the new one.
 bool FuseMount::Note(fuse_ino_t node, const udisk_stat& attributes) {
   if (IsBeingRead(node, attributes)) return true;
   if (!open_files_.IsUsed(node)) nodes_.Renew(node, attributes);
@@ -318,22 +320,23 @@ void FuseMount::GetExtendedAttribute(fuse_req_t request, fuse_ino_t node, const 
 // ---- Files ----
 
 void FuseMount::Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t offset,
-                     fuse_file_info* /*file*/) {
+                     fuse_file_info* handle) {
   auto pass = Enter();
   const auto file = nodes_.Find(node);
-  const auto content = reads_.Find(node);
+  auto content = reads_.Find(node);
+  if (!file && content == nullptr) content = ContentAtOpen(handle->fh);
   if (!file && content == nullptr) return void(fuse_reply_err(request, ESTALE));
   const auto wanted = static_cast<uint32_t>(std::min<size_t>(size, kLargestRead));
   open_files_.NoteUse(node);
   if (content != nullptr) {
-    const auto bytes = std::string_view(content->bytes)
-                           .substr(std::min<size_t>(offset, content->bytes.size()), wanted);
+    const auto bytes = content->Part(offset, wanted);
     fuse_reply_buf(request, bytes.data(), bytes.size());
   } else {
-    reads_.Read(node, *file, offset, wanted, [request](int error, std::string_view bytes) {
-      if (error != 0) return void(fuse_reply_err(request, error));
-      fuse_reply_buf(request, bytes.data(), bytes.size());
-    });
+    reads_.Read(
+        node, *file, offset, wanted,
+        [this, request, offset, wanted, handle = handle->fh](int error, std::string_view bytes) {
+          ReplyRead(request, handle, offset, wanted, error, bytes);
+        });
   }
   pass.unlock();
   if (!file) return;
@@ -341,6 +344,28 @@ void FuseMount::Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t off
   if (file_size <= ReadingRun::kLargestFile && offset + wanted >= file_size) {
     prefetch_.ReadToItsEnd(file->path);
   }
+}
+
+/// The content that a file had when a handle was opened, if that is at most a second ago. Programs
+/// get it when a change has made it outdated and the client has then replaced the file.
+CheckedReads::SharedContent FuseMount::ContentAtOpen(OpenFiles::Handle handle) const {
+  auto content = open_files_.ContentOf(handle);
+  const auto now = NodeTable::Clock::now();
+  return content != nullptr && now - content->asked <= Prefetch::kTrusted ? content : nullptr;
+}
+
+void FuseMount::ReplyRead(fuse_req_t request, OpenFiles::Handle handle, off_t offset,
+                          uint32_t wanted, int error, std::string_view bytes) {
+  const auto content = ContentAtOpen(handle);
+  if ((error == ESTALE || error == ENOENT) && content != nullptr) {
+    error = 0;
+    bytes = content->Part(offset, wanted);
+  } else if (error == 0 && content != nullptr &&
+             !bytes.starts_with(content->Part(offset, wanted))) {
+    open_files_.SetContent(handle, nullptr);  // would make a mixture with these bytes
+  }
+  if (error != 0) return void(fuse_reply_err(request, error));
+  fuse_reply_buf(request, bytes.data(), bytes.size());
 }
 
 // ---- Directories ----

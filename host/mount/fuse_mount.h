@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -66,7 +67,10 @@ class FuseMount {
   void Forget(fuse_req_t request, fuse_ino_t node, uint64_t references);
   void ForgetMany(fuse_req_t request, size_t count, fuse_forget_data* forgotten);
   void GetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* file);
-  void Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t offset, fuse_file_info* file);
+  void Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t offset, fuse_file_info* handle);
+  CheckedReads::SharedContent ContentAtOpen(OpenFiles::Handle handle) const;
+  void ReplyRead(fuse_req_t request, OpenFiles::Handle handle, off_t offset, uint32_t wanted,
+                 int error, std::string_view bytes);
   void OpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* file);
   void ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, off_t position,
                      fuse_file_info* file);
@@ -77,18 +81,23 @@ class FuseMount {
   // Files, in fuse_mount_files.cpp.
   void Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle);
   void ReplyOpened(fuse_req_t request, fuse_ino_t node, fuse_file_info handle, int error);
-  bool IsFresh(fuse_ino_t node, const NodeTable::File& file, bool only_reads) const;
+  bool IsFresh(fuse_ino_t node, const NodeTable::File& file, bool only_reads,
+               NodeTable::Clock::time_point looked_up) const;
   void FetchContent(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
                     const fuse_file_info& handle);
   void CheckFile(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
-                 const fuse_file_info& handle);
+                 const fuse_file_info& handle, bool is_retry);
   void InvalidateAttributes(fuse_ino_t node, const udisk_stat& before);
-  OpenFiles::Closed CloseHandle(fuse_ino_t node, OpenFiles::Handle handle);
+  void InvalidateAttributes(fuse_ino_t node);
+  OpenFiles::Closed CloseHandle(OpenFiles::Handle handle);
   bool StoreAhead(fuse_ino_t node, const NodeTable::File& file);
   void Write(fuse_req_t request, fuse_ino_t node, const char* data, size_t size, off_t offset,
              fuse_file_info* handle);
   /// @return false when the data needs a write request of its own
-  bool Gather(fuse_req_t request, fuse_ino_t node, std::string_view data, off_t offset);
+  bool Gather(fuse_req_t request, std::string_view data, off_t offset, OpenFiles::Handle handle);
+  std::future<Result<udisk_stat>> LookAt(const std::string& path);
+  void MoveOn(fuse_ino_t node, OpenFiles::Handle handle);
+  int64_t PlaceOf(OpenFiles::Handle handle, const NodeTable::File& file, off_t offset);
   void ReplyWritten(fuse_req_t request, fuse_ino_t node, size_t size, int64_t end);
   void Flush(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle);
   void Sync(fuse_req_t request, fuse_ino_t node, int data_only, fuse_file_info* handle);
@@ -150,10 +159,10 @@ class FuseMount {
   ListingCache listings_;
   Prefetch prefetch_;
   NodeTable nodes_;
-  OpenFiles open_files_;
   RenameGate gate_;
   GatheredWrites writes_;
   CheckedReads reads_;
+  OpenFiles open_files_;               // after reads_, whose content its handles hold
   std::atomic<uint64_t> changes_ = 0;  // made through this mount
   std::mutex mutex_;
   std::map<uint64_t, OpenDirectoryListing> directories_;  // guarded by mutex_

@@ -3,7 +3,9 @@
 
 #include <cerrno>
 #include <chrono>
+#include <future>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -36,6 +38,7 @@ void FuseMount::Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle
   handle->noflush = only_reads ? 1 : 0;
   handle->keep_cache = only_reads && StoreAhead(node, *file) ? 1 : 0;
   const bool is_ahead = handle->keep_cache != 0;
+  const auto looked_up = nodes_.TakeLookup(node);
   if (!is_ahead) prefetch_.Forget(file->path);
   handle->fh = open_files_.Open(node);
   if (is_ahead) {
@@ -43,48 +46,63 @@ void FuseMount::Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle
     pass.unlock();
     ReplyOpened(request, node, *handle, 0);
     prefetch_.ReadToItsEnd(file->path);
-  } else if (IsFresh(node, *file, only_reads)) {
+  } else if (IsFresh(node, *file, only_reads, looked_up)) {
+    open_files_.SetContent(handle->fh, reads_.Find(node));
     ReplyOpened(request, node, *handle, 0);
   } else if (only_reads && IsSmall(*file)) {
     FetchContent(request, node, *file, *handle);
   } else {
-    CheckFile(request, node, *file, *handle);
+    const bool is_retry = looked_up != NodeTable::Clock::time_point();
+    CheckFile(request, node, *file, *handle, is_retry);
   }
 }
 
 /// Whether a file can be opened without asking the disk. A small file that is opened for reading is
-/// always fetched unless its content is there: that request costs no more, and saves the reads.
-bool FuseMount::IsFresh(fuse_ino_t node, const NodeTable::File& file, bool only_reads) const {
+/// always fetched unless its content is there: that request costs no more, and saves the reads. A
+/// writer needs attributes that its own open call asked for: another program's may be outdated.
+bool FuseMount::IsFresh(fuse_ino_t node, const NodeTable::File& file, bool only_reads,
+                        NodeTable::Clock::time_point looked_up) const {
   const auto now = NodeTable::Clock::now();
   const auto content = reads_.Find(node);
+  // Content that programs read hides changes that were made in place.
   if (content != nullptr) return only_reads && now - content->asked <= Prefetch::kTrusted;
   if (only_reads && IsSmall(file)) return false;
-  return now - file.told <= kJustNow;
+  return now - (only_reads ? file.told : looked_up) <= kJustNow;
 }
 
 /// Opens a small file and fetches its content.
 void FuseMount::FetchContent(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
                              const fuse_file_info& handle) {
-  reads_.Fetch(node, file, [this, request, node, handle, before = file.attributes](int error) {
-    if (error == 0) open_files_.NoteUse(node);
-    InvalidateAttributes(node, before);
-    ReplyOpened(request, node, handle, error);
-  });
+  reads_.Fetch(node, file,
+               [this, request, node, handle, before = file.attributes](
+                   int error, CheckedReads::SharedContent content) {
+                 if (error == 0) open_files_.NoteUse(node);
+                 open_files_.SetContent(handle.fh, std::move(content));
+                 InvalidateAttributes(node, before);
+                 ReplyOpened(request, node, handle, error);
+               });
 }
 
 /// Opens a file if the disk still shows it. If another file has taken its place and the node cannot
-/// move on to it, ESTALE makes the kernel look the name up again and open what it finds.
+/// move on to it, ESTALE makes the kernel look the name up again and open what it finds. A writer
+/// also needs that if the file has another size: the kernel would append at the size that it knows.
+/// @param is_retry  the kernel has just looked the name up, and would not do that again
 void FuseMount::CheckFile(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
-                          const fuse_file_info& handle) {
-  files_.GetAttributes(file.path, [this, request, node, handle,
+                          const fuse_file_info& handle, bool is_retry) {
+  files_.GetAttributes(file.path, [this, request, node, handle, is_retry,
                                    before = file.attributes](const Result<udisk_stat>& result) {
     const bool only_reads = (handle.flags & O_ACCMODE) == O_RDONLY;
     int error = result.error;
-    // A writer needs the file that the disk has now, not the content that readers still see.
-    if (error == 0 && !only_reads && IsBeingRead(node, result.value)) {
-      error = nodes_.Update(node, result.value) ? 0 : ESTALE;
-    } else if (error == 0) {
+    if (error == 0 && only_reads) {
       error = Note(node, result.value) ? 0 : ESTALE;
+    } else if (error == 0) {
+      // A writer needs the file that the disk has now, not the content that readers still see.
+      const auto known = nodes_.Find(node);
+      const bool is_known = known && known->kernel_size == result.value.st_size;
+      const bool is_same = nodes_.Update(node, result.value);
+      const bool moves_on = (handle.flags & O_APPEND) != 0;  // with its first write
+      const bool is_good = is_retry ? is_same || moves_on : is_same && is_known;
+      error = is_good ? 0 : ESTALE;
     }
     InvalidateAttributes(node, before);
     ReplyOpened(request, node, handle, error);
@@ -96,18 +114,24 @@ void FuseMount::CheckFile(fuse_req_t request, fuse_ino_t node, const NodeTable::
 void FuseMount::InvalidateAttributes(fuse_ino_t node, const udisk_stat& before) {
   const auto now = nodes_.LastAttributes(node);
   if (!now || (IsSameContent(*now, before) && !nodes_.IsRenewed(node))) return;
+  InvalidateAttributes(node);
+}
+
+void FuseMount::InvalidateAttributes(fuse_ino_t node) {
   fuse_lowlevel_notify_inval_inode(fuse_.get(), node, -1, 0);
 }
 
 void FuseMount::ReplyOpened(fuse_req_t request, fuse_ino_t node, fuse_file_info handle, int error) {
+  // The node of a file that a program can write to must not move on to another file.
+  if (error == 0 && (handle.flags & O_ACCMODE) != O_RDONLY) open_files_.NoteUse(node);
   const bool is_open = error == 0 && fuse_reply_open(request, &handle) == 0;
-  if (!is_open) CloseHandle(node, handle.fh);
+  if (!is_open) CloseHandle(handle.fh);
   if (error != 0) fuse_reply_err(request, error);
 }
 
-OpenFiles::Closed FuseMount::CloseHandle(fuse_ino_t node, OpenFiles::Handle handle) {
+OpenFiles::Closed FuseMount::CloseHandle(OpenFiles::Handle handle) {
   const auto closed = open_files_.Close(handle);
-  if (closed.is_last) reads_.Forget(node);
+  if (closed.is_last) reads_.Forget(closed.node);
   return closed;
 }
 
@@ -124,35 +148,90 @@ bool FuseMount::StoreAhead(fuse_ino_t node, const NodeTable::File& file) {
 
 void FuseMount::Write(fuse_req_t request, fuse_ino_t node, const char* data, size_t size,
                       off_t offset, fuse_file_info* handle) {
-  open_files_.NoteUse(node);
-  reads_.Forget(node);
   // The kernel writes back pages of mapped files by itself. No program waits for such a write, so
   // it must not use up a failure that a program has yet to hear of.
-  if (handle->writepage == 0) {
+  const bool is_of_program = handle->writepage == 0;
+  const bool is_first = is_of_program && !open_files_.NoteWriteThrough(handle->fh);
+  const bool is_first_append = is_first && (handle->flags & O_APPEND) != 0;
+  if (is_first_append) MoveOn(node, handle->fh);
+  if (is_of_program) node = open_files_.NodeOf(handle->fh);
+  open_files_.NoteUse(node);
+  reads_.Forget(node);
+  if (is_of_program) {
     if (const int error = open_files_.TakeFailure(handle->fh); error != 0) {
       return void(fuse_reply_err(request, error));
     }
-    if (gathers_writes_ && Gather(request, node, {data, size}, offset)) return;
+    // A first append is sent at once, because another file may take this one's place at any moment.
+    if (gathers_writes_ && !is_first_append && Gather(request, {data, size}, offset, handle->fh)) {
+      return;
+    }
   }
   writes_.Drain(node);
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!file) return void(fuse_reply_err(request, ESTALE));
   const ModeGuard access(files_, file->path, file->attributes.st_mode);
+  if (is_of_program) offset = PlaceOf(handle->fh, *file, offset);
   const int64_t end = offset + static_cast<int64_t>(size);
   writes_.WriteThrough(*file, offset, {data, size},
                        [this, request, node, path = file->path, size, end](Outcome outcome) {
-                         if (outcome == Outcome::kDone)
+                         if (outcome == Outcome::kDone) {
                            return ReplyWritten(request, node, size, end);
+                         }
                          ReplyFailure(request, outcome,
                                       {.kind = Kind::kWrite, .path = path, .end = end});
                        });
 }
 
-bool FuseMount::Gather(fuse_req_t request, fuse_ino_t node, std::string_view data, off_t offset) {
+/// What the disk shows at a path now.
+std::future<Result<udisk_stat>> FuseMount::LookAt(const std::string& path) {
+  const auto answer = std::make_shared<std::promise<Result<udisk_stat>>>();
+  files_.GetAttributes(path, [answer](const auto& result) { answer->set_value(result); });
+  return answer->get_future();
+}
+
+/// Moves the handle of a program that is about to append for the first time on to the file that has
+/// taken its file's place, as if the program had opened it a moment later. The kernel checked only
+/// the old file's permissions, so the new one must have the same.
+void FuseMount::MoveOn(fuse_ino_t node, OpenFiles::Handle handle) {
+  auto pass = Enter();
+  if (const auto file = nodes_.Find(node); file) {
+    auto answer = LookAt(file->path);
+    pass.unlock();
+    const auto [error, now] = answer.get();
+    if (error != 0 || nodes_.Update(node, now)) return;
+    pass = Enter();
+  }
+  const auto before = nodes_.LastAttributes(node);
+  const auto name = nodes_.ReplacedName(node);
+  const auto path = name ? nodes_.ChildPath(name->first, name->second) : std::nullopt;
+  if (!before || !path) return;
+  const auto [error, now] = LookAt(*path).get();
+  if (error != 0 || now.st_mode != before->st_mode || now.st_uid != before->st_uid ||
+      now.st_gid != before->st_gid) {
+    return;
+  }
+  const auto new_node = nodes_.Lookup(name->first, name->second, now);
+  if (open_files_.MoveTo(handle, new_node)) reads_.Forget(node);
+}
+
+/// Where the data of a write goes. The kernel counts an append from the end of the file that it
+/// opened.
+int64_t FuseMount::PlaceOf(OpenFiles::Handle handle, const NodeTable::File& file, off_t offset) {
+  if (!open_files_.HasMoved(handle)) return offset;
+  const auto node = open_files_.NodeOf(handle);
+  nodes_.NoteUntold(node);
+  InvalidateAttributes(node);
+  return file.attributes.st_size;
+}
+
+bool FuseMount::Gather(fuse_req_t request, std::string_view data, off_t offset,
+                       OpenFiles::Handle handle) {
   const auto pass = gate_.Enter();
+  const auto node = open_files_.NodeOf(handle);
   const auto file = nodes_.Find(node);
   if (!file || ModeGuard::IsLackingIn(file->attributes.st_mode)) return false;
+  offset = PlaceOf(handle, *file, offset);
   if (!writes_.Add(node, file->attributes.st_size, offset, data)) return false;
   ReplyWritten(request, node, data.size(), offset + static_cast<int64_t>(data.size()));
   return true;
@@ -165,7 +244,8 @@ void FuseMount::ReplyWritten(fuse_req_t request, fuse_ino_t node, size_t size, i
   fuse_reply_write(request, size);
 }
 
-void FuseMount::Flush(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle) {
+void FuseMount::Flush(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* handle) {
+  const auto node = open_files_.NodeOf(handle->fh);
   writes_.Drain(node);
   if (const int error = open_files_.TakeFailure(handle->fh); error != 0) {
     return void(fuse_reply_err(request, error));
@@ -178,8 +258,9 @@ void FuseMount::Flush(fuse_req_t request, fuse_ino_t node, fuse_file_info* handl
   });
 }
 
-void FuseMount::Sync(fuse_req_t request, fuse_ino_t node, int /*data_only*/,
+void FuseMount::Sync(fuse_req_t request, fuse_ino_t /*node*/, int /*data_only*/,
                      fuse_file_info* handle) {
+  const auto node = open_files_.NodeOf(handle->fh);
   writes_.Drain(node);
   if (const int error = open_files_.TakeFailure(handle->fh); error != 0) {
     return void(fuse_reply_err(request, error));
@@ -194,10 +275,11 @@ void FuseMount::Sync(fuse_req_t request, fuse_ino_t node, int /*data_only*/,
   });
 }
 
-void FuseMount::Release(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle) {
+void FuseMount::Release(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* handle) {
   const auto pass = Enter();
-  const auto [is_last, is_written] = CloseHandle(node, handle->fh);
+  const auto [node, is_last, is_written, has_moved] = CloseHandle(handle->fh);
   const auto file = nodes_.Find(node);
+  if (has_moved) nodes_.Forget(node, 1);
   const auto done = [request](Outcome) { fuse_reply_err(request, 0); };
   if (file && file->is_hidden && is_last) {
     files_.Unlink(file->path, done);

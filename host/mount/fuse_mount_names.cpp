@@ -43,6 +43,7 @@ void FuseMount::Create(fuse_req_t request, fuse_ino_t parent, const char* name, 
   MakeFile(request, parent, name, mode,
            [this, request, handle = *handle](const fuse_entry_param& entry) mutable {
              handle.fh = open_files_.Open(entry.ino);
+             open_files_.NoteUse(entry.ino);
              const int error = fuse_reply_create(request, &entry, &handle);
              if (error != 0) open_files_.Close(handle.fh);
              return error;

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "remote/attributes.h"
@@ -28,16 +29,25 @@ bool NodeTable::IsSameFile(const Node& node, const udisk_stat& now) {
 NodeTable::Id NodeTable::Lookup(Id parent, const std::string& name, const udisk_stat& attributes) {
   const std::lock_guard lock(mutex_);
   const Id id = FindOrMakeLocked({parent, name}, attributes);
-  ++nodes_.at(id).references;
   SetAttributesLocked(id, attributes);
+  auto& node = nodes_.at(id);
+  ++node.references;
+  node.kernel_size = attributes.st_size;
+  node.looked_up = Clock::now();
   return id;
+}
+
+NodeTable::Clock::time_point NodeTable::TakeLookup(Id id) {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  return node == nodes_.end() ? Clock::time_point() : std::exchange(node->second.looked_up, {});
 }
 
 NodeTable::Id NodeTable::FindOrMakeLocked(const Name& name, const udisk_stat& attributes) {
   if (const auto child = children_.find(name); child != children_.end()) {
     const Id id = child->second;
     if (IsSameFile(nodes_.at(id), attributes)) return id;
-    RemoveNameLocked(name);
+    ReplaceLocked(id, name);
   }
   Id id = 0;
   if (const auto link = files_.find(InodeOf(attributes));
@@ -63,16 +73,25 @@ void NodeTable::SetAttributesLocked(Id id, const udisk_stat& attributes) {
 void NodeTable::AddNameLocked(Id id, const Name& name) {
   children_[name] = id;
   ++nodes_.at(name.first).references;
-  auto& names = nodes_.at(id).names;
-  names.insert(names.begin(), name);
+  auto& node = nodes_.at(id);
+  node.names.insert(node.names.begin(), name);
+  node.replaced_name.reset();
 }
 
 void NodeTable::RemoveNameLocked(const Name& name) {
   const auto child = children_.find(name);
   if (child == children_.end()) return;
-  std::erase(nodes_.at(child->second).names, name);
+  auto& node = nodes_.at(child->second);
+  std::erase(node.names, name);
+  node.replaced_name.reset();
   children_.erase(child);
   DropReferencesLocked(name.first, 1);
+}
+
+/// Takes a name from a node whose file no longer has it on the disk.
+void NodeTable::ReplaceLocked(Id id, Name name) {
+  RemoveNameLocked(name);
+  nodes_.at(id).replaced_name = std::move(name);
 }
 
 void NodeTable::Forget(Id id, uint64_t references) {
@@ -104,7 +123,7 @@ bool NodeTable::Update(Id id, const udisk_stat& attributes) {
   const auto node = nodes_.find(id);
   if (node == nodes_.end()) return true;
   if (id != kRoot && !IsSameFile(node->second, attributes)) {
-    if (!node->second.names.empty()) RemoveNameLocked(Name(node->second.names.front()));
+    if (!node->second.names.empty()) ReplaceLocked(id, node->second.names.front());
     return false;
   }
   SetAttributesLocked(id, attributes);
@@ -122,6 +141,12 @@ void NodeTable::Renew(Id id, const udisk_stat& attributes) {
   node.is_changed_here = false;
   node.renewed = Clock::now();
   SetAttributesLocked(id, attributes);
+}
+
+bool NodeTable::IsSameFile(Id id, const udisk_stat& attributes) const {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  return node != nodes_.end() && IsSameFile(node->second, attributes);
 }
 
 bool NodeTable::IsRenewed(Id id) const {
@@ -143,6 +168,19 @@ void NodeTable::Grow(Id id, int64_t size) {
   auto& attributes = node->second.attributes;
   node->second.is_changed_here = true;
   if (attributes.st_size < size) attributes.st_size = size;
+  auto& kernel_size = node->second.kernel_size;
+  if (kernel_size >= 0) kernel_size = std::max(kernel_size, size);
+}
+
+void NodeTable::NoteTold(Id id) {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  if (node != nodes_.end()) node->second.kernel_size = node->second.attributes.st_size;
+}
+
+void NodeTable::NoteUntold(Id id) {
+  const std::lock_guard lock(mutex_);
+  if (const auto node = nodes_.find(id); node != nodes_.end()) node->second.kernel_size = -1;
 }
 
 void NodeTable::SetMode(Id id, uint32_t mode) {
@@ -161,6 +199,7 @@ std::optional<NodeTable::File> NodeTable::Find(Id id) const {
   return File{.path = id == kRoot ? "/" : std::move(*path),
               .attributes = node.attributes,
               .told = node.told,
+              .kernel_size = node.kernel_size,
               .is_hidden = node.is_hidden};
 }
 
@@ -169,6 +208,13 @@ std::optional<udisk_stat> NodeTable::LastAttributes(Id id) const {
   const auto node = nodes_.find(id);
   if (node == nodes_.end()) return std::nullopt;
   return node->second.attributes;
+}
+
+std::optional<std::pair<NodeTable::Id, std::string>> NodeTable::ReplacedName(Id id) const {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  if (node == nodes_.end() || !node->second.names.empty()) return std::nullopt;
+  return node->second.replaced_name;
 }
 
 std::optional<std::string> NodeTable::ChildPath(Id parent, const std::string& name) const {

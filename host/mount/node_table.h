@@ -28,36 +28,49 @@ class NodeTable {
 
   struct File {
     std::string path;        ///< begins with '/'
-    udisk_stat attributes;   ///< as the kernel was last told
+    udisk_stat attributes;   ///< as the disk showed them last
     Clock::time_point told;  ///< when that was
+    int64_t kernel_size;     ///< where the kernel would append; -1 if unknown
     bool is_hidden = false;  ///< unlinked, but programs have it open
   };
 
   /// Finds or makes the node of a name, and counts one reference of the kernel. If the attributes
   /// show that the name now belongs to another file, it gets another node. Ids are never reused.
   Id Lookup(Id parent, const std::string& name, const udisk_stat& attributes);
+  /// When a node was last looked up; the epoch if that was before the last call. An open call looks
+  /// its file up first, unless the kernel remembers the name.
+  Clock::time_point TakeLookup(Id id);
   /// Drops references that the kernel gives back.
   void Forget(Id id, uint64_t references);
-  /// Stores the attributes that the kernel is about to get.
+  /// Stores the attributes that the disk shows.
   /// @return false when they are those of another file, which has taken this one's place
   bool Update(Id id, const udisk_stat& attributes);
   /// Moves a node on to the file that took its file's place on the disk, so that a program that has
   /// looked the node up gets the new file. Does nothing if the node has several names, or if one of
   /// the files is not a regular file.
   void Renew(Id id, const udisk_stat& attributes);
+  /// Whether these attributes can be those of the node's file, or if not, of another one.
+  [[nodiscard]] bool IsSameFile(Id id, const udisk_stat& attributes) const;
   /// Whether the kernel may still have the attributes of the file that Renew replaced.
   [[nodiscard]] bool IsRenewed(Id id) const;
   /// Notes that this mount changes a file's content: from then on, its times do not show whether
   /// another file has taken its place.
   void NoteChange(Id id);
-  /// Raises a file's size to this one if it is smaller.
+  /// Raises a file's size to this one if it is smaller, because the kernel has written that far.
   void Grow(Id id, int64_t size);
+  /// Notes that the kernel gets the stored attributes.
+  void NoteTold(Id id);
+  /// Notes that the kernel does not know of a change of the file.
+  void NoteUntold(Id id);
   /// Stores the permissions that a file is about to get.
   void SetMode(Id id, uint32_t mode);
   /// Empty for an id that the kernel was never given, and for a file without a name.
   [[nodiscard]] std::optional<File> Find(Id id) const;
-  /// The attributes that the kernel was last told, even if the file has lost its name.
+  /// The attributes that the disk showed last, even if the file has lost its name.
   [[nodiscard]] std::optional<udisk_stat> LastAttributes(Id id) const;
+  /// The directory and the name that a file had when another file took its place; empty if it has a
+  /// name, or lost its name through this mount.
+  [[nodiscard]] std::optional<std::pair<Id, std::string>> ReplacedName(Id id) const;
   /// The path of a name in a directory.
   [[nodiscard]] std::optional<std::string> ChildPath(Id parent, const std::string& name) const;
 
@@ -84,15 +97,18 @@ class NodeTable {
 
   struct Node {
     std::vector<Name> names;  // the one seen last comes first
-    uint64_t references;      // the kernel's, and one for each name below
+    std::optional<Name> replaced_name = {};
+    uint64_t references;  // the kernel's, and one for each name below
     udisk_stat attributes;
+    int64_t kernel_size = -1;
     Clock::time_point told = {};
+    Clock::time_point looked_up = {};  // for the next call of TakeLookup
     Clock::time_point renewed = {};
     bool is_changed_here = false;  // through this mount
     bool is_hidden = false;
   };
 
-  static bool IsSameFile(const Node& before, const udisk_stat& now);
+  static bool IsSameFile(const Node& node, const udisk_stat& now);
   static Inode InodeOf(const udisk_stat& attributes) {
     return {int64_t{attributes.st_dev}, uint64_t{attributes.st_ino}};  // copies of packed fields
   }
@@ -102,6 +118,7 @@ class NodeTable {
   void RenameLocked(const Name& name, const Name& new_name);
   void AddNameLocked(Id id, const Name& name);
   void RemoveNameLocked(const Name& name);
+  void ReplaceLocked(Id id, Name name);
   void DropReferencesLocked(Id id, uint64_t references);
   std::optional<std::string> PathLocked(Id id) const;
 

@@ -3,13 +3,16 @@
 #include <cstdint>
 #include <mutex>
 #include <unordered_map>
+#include <utility>
 
+#include "mount/checked_reads.h"
 #include "mount/node_table.h"
 
 namespace cpd::host {
 
 /// Tracks which nodes programs have open, which of those were written to, and which lost a write
-/// that a program believes done. The module keeps no file open between requests. All operations are
+/// that a program believes done. A handle refers to the node that was opened, or to the one that it
+/// has moved on to. The module keeps no file open between requests. All operations are
 /// callable from any thread.
 class OpenFiles {
  public:
@@ -24,18 +27,63 @@ class OpenFiles {
   }
 
   struct Closed {
+    NodeTable::Id node;
     bool is_last;
     bool is_written;  ///< since a handle of this node was last closed
+    bool has_moved;   ///< by MoveTo
   };
   Closed Close(Handle handle) {
     const std::lock_guard lock(mutex_);
-    const auto node = handles_.at(handle).node;
-    handles_.erase(handle);
+    const auto open = handles_.extract(handle);
+    const auto& [node, seen_failures, has_written, has_moved, content] = open.mapped();
     auto& file = files_.at(node);
-    const Closed closed{.is_last = --file.handles == 0, .is_written = file.is_written};
+    const Closed closed{.node = node,
+                        .is_last = --file.handles == 0,
+                        .is_written = file.is_written,
+                        .has_moved = has_moved};
     file.is_written = false;
     if (closed.is_last) files_.erase(node);
     return closed;
+  }
+
+  /// Moves a handle on to the node of another file. @return whether it was its node's last
+  bool MoveTo(Handle handle, NodeTable::Id node) {
+    const std::lock_guard lock(mutex_);
+    auto& open = handles_.at(handle);
+    const bool is_last = --files_.at(open.node).handles == 0;
+    if (is_last) files_.erase(open.node);
+    auto& file = files_[node];
+    ++file.handles;
+    open.node = node;
+    open.seen_failures = file.failures;
+    open.has_moved = true;
+    return is_last;
+  }
+  [[nodiscard]] bool HasMoved(Handle handle) const {
+    const std::lock_guard lock(mutex_);
+    return handles_.at(handle).has_moved;
+  }
+  /// The node of the file that a handle refers to.
+  [[nodiscard]] NodeTable::Id NodeOf(Handle handle) const {
+    const std::lock_guard lock(mutex_);
+    return handles_.at(handle).node;
+  }
+
+  /// Notes the content that a file had when the handle was opened.
+  void SetContent(Handle handle, CheckedReads::SharedContent content) {
+    const std::lock_guard lock(mutex_);
+    handles_.at(handle).content = std::move(content);
+  }
+  /// @return null if the file is not read whole
+  [[nodiscard]] CheckedReads::SharedContent ContentOf(Handle handle) const {
+    const std::lock_guard lock(mutex_);
+    return handles_.at(handle).content;
+  }
+
+  /// Notes that a program has written through a handle. @return whether that was so before
+  bool NoteWriteThrough(Handle handle) {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(handles_.at(handle).has_written, true);
   }
 
   [[nodiscard]] bool IsOpen(NodeTable::Id node) const {
@@ -79,10 +127,10 @@ class OpenFiles {
   /// The file's last failure if this handle has not reported it yet; otherwise 0.
   int TakeFailure(Handle handle) {
     const std::lock_guard lock(mutex_);
-    auto& [node, seen_failures] = handles_.at(handle);
-    const auto& file = files_.at(node);
-    if (seen_failures == file.failures) return 0;
-    seen_failures = file.failures;
+    auto& open = handles_.at(handle);
+    const auto& file = files_.at(open.node);
+    if (open.seen_failures == file.failures) return 0;
+    open.seen_failures = file.failures;
     return file.error;
   }
 
@@ -97,6 +145,9 @@ class OpenFiles {
   struct OpenHandle {
     NodeTable::Id node;
     uint64_t seen_failures;
+    bool has_written = false;
+    bool has_moved = false;
+    CheckedReads::SharedContent content = nullptr;
   };
 
   mutable std::mutex mutex_;

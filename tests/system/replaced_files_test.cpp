@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,12 +25,12 @@ using ReplacedFiles = MountTest;
 /// Repeats something on the client until destroyed.
 class Client {
  public:
-  explicit Client(std::function<void(int round)> act)
-      : mThread([this, act = std::move(act)] {
+  explicit Client(std::function<void(int round)> act, std::chrono::milliseconds pause = 5ms)
+      : mThread([this, act = std::move(act), pause] {
           for (int round = 0; !mStop; ++round) {
             act(round);
             ++mRounds;
-            std::this_thread::sleep_for(5ms);
+            std::this_thread::sleep_for(pause);
           }
         }) {}
   ~Client() {
@@ -149,6 +150,127 @@ TEST_F(ReplacedFiles, ThatWereJustLookedUpAreOpenedWithoutARequest) {
   // The directory and the two files, each of which a slow machine may look at once more.
   EXPECT_LE(ending.Requests(102), 6) << ending.out;
   EXPECT_EQ(ending.Requests(105), 1) << ending.out;
+}
+
+// ---- Read and appended to at once ----
+
+/// A line whose length follows from its digit.
+std::string LineOfDigit(int round) {
+  return std::string(500 * (round % 10 + 1), static_cast<char>('0' + round % 10)) + '\n';
+}
+
+/// Whether a file that began as a line of LineOfDigit, and was appended to, is complete and is not
+/// mixed with another. An append that was on its way when the file was replaced stands elsewhere.
+bool IsLineWithAppends(const std::string& text) {
+  const auto line = LineOfDigit(text.empty() ? 0 : text[0] - '0');
+  const std::string allowed = {line[0], 'x', '\n', '\0'};
+  return text.size() >= line.size() && text.find_first_not_of(allowed) == std::string::npos;
+}
+
+TEST_F(ReplacedFiles, AreReadAndAppendedToAtOnceWithoutAnError) {
+  Save(disk / "file", LineOfDigit(0));
+  MountedDisk mounted(disk.path());
+  const auto file = mounted / "file";
+  Client client([&](int round) { Save(disk / "file", LineOfDigit(round)); }, 300ms);
+  std::atomic<bool> stop = false;
+  std::thread reader([&] {
+    while (!stop) {
+      const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+      EXPECT_GE(fd, 0) << errno;
+      std::string content;
+      EXPECT_EQ(ReadOn(fd, &content, 1 << 20), 0);
+      EXPECT_TRUE(IsLineWithAppends(content)) << content;
+      close(fd);
+    }
+  });
+  int appends = 0;
+  while (client.rounds() < 20) {
+    const int fd = open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    EXPECT_GE(fd, 0) << errno;
+    EXPECT_EQ(write(fd, "x\n", 2), 2) << errno;
+    EXPECT_EQ(close(fd), 0) << errno;
+    ++appends;
+  }
+  stop = true;
+  reader.join();
+  EXPECT_GT(appends, 20);
+}
+
+TEST_F(ReplacedFiles, AreAppendedToAtTheirOwnEnd) {
+  MountedDisk mounted(disk.path());
+  const auto file = mounted / "file";
+  for (const auto& content : {Bytes(5000, 1), Bytes(3000, 2), Bytes(9000, 3)}) {
+    Save(disk / "file", content);
+    EXPECT_EQ(Shell("echo line >>" + file).output, "");
+    EXPECT_EQ(ReadFile(disk / "file"), content + "line\n");
+    EXPECT_EQ(ReadFile(file), content + "line\n");
+  }
+}
+
+class ReplacedWhileOpen : public MountTest {
+ protected:
+  void SetUp() override {
+    MountTest::SetUp();
+    if (IsSkipped()) return;
+    Save(disk / "file", "old\n");
+    WriteFile(disk / "file~", "new content\n");
+    mounted.emplace(disk.path());
+  }
+  int Open(int flags) const { return open((*mounted / "file").c_str(), flags | O_CLOEXEC); }
+  void Replace() const {
+    std::this_thread::sleep_for(50ms);  // longer than a tick of the file system's clock
+    fs::rename(disk / "file~", disk / "file");
+  }
+  std::optional<MountedDisk> mounted;
+};
+
+TEST_F(ReplacedWhileOpen, MakesAFirstAppendGoToTheNewFile) {
+  const int fd = Open(O_WRONLY | O_APPEND);
+  Replace();
+  EXPECT_EQ(write(fd, "one\n", 4), 4) << errno;
+  EXPECT_EQ(write(fd, "two\n", 4), 4) << errno;
+  EXPECT_EQ(fsync(fd), 0) << errno;
+  EXPECT_EQ(ReadFile(disk / "file"), "new content\none\ntwo\n");
+  EXPECT_EQ(ReadFile(*mounted / "file"), "new content\none\ntwo\n");
+  EXPECT_EQ(Shell("echo three >>" + (*mounted / "file")).output, "");
+  EXPECT_EQ(write(fd, "four\n", 5), 5) << errno;
+  EXPECT_EQ(close(fd), 0) << errno;
+  EXPECT_EQ(ReadFile(disk / "file"), "new content\none\ntwo\nthree\nfour\n");
+}
+
+TEST_F(ReplacedWhileOpen, MakesAFirstAppendFailIfTheNewFileHasOtherPermissions) {
+  const int fd = Open(O_WRONLY | O_APPEND);
+  chmod((disk / "file~").c_str(), 0400);
+  Replace();
+  EXPECT_EQ(write(fd, "one\n", 4), -1);
+  EXPECT_EQ(errno, ESTALE);
+  close(fd);
+  EXPECT_EQ(ReadFile(disk / "file"), "new content\n");
+}
+
+TEST_F(ReplacedWhileOpen, MakesOtherWritesFail) {
+  const int appending = Open(O_WRONLY | O_APPEND);
+  const int writing = Open(O_WRONLY);
+  ASSERT_EQ(write(appending, "line\n", 5), 5);
+  Replace();
+  EXPECT_EQ(Shell("cat " + (*mounted / "file")).output, "new content\n");
+  for (const int fd : {appending, writing}) {
+    EXPECT_EQ(write(fd, "more\n", 5), -1);
+    EXPECT_EQ(errno, ESTALE);
+    close(fd);
+  }
+  EXPECT_EQ(ReadFile(disk / "file"), "new content\n");
+}
+
+TEST_F(ReplacedWhileOpen, LeavesAReaderWhatItOpenedThoughThatWasAppendedTo) {
+  const int fd = Open(O_RDONLY);
+  EXPECT_EQ(Shell("echo line >>" + (*mounted / "file")).output, "");
+  Replace();
+  EXPECT_EQ(Shell("echo line >>" + (*mounted / "file")).output, "");
+  std::string content;
+  EXPECT_EQ(ReadOn(fd, &content, 100), 0);
+  EXPECT_EQ(content.substr(0, 4), "old\n");
+  close(fd);
 }
 
 // ---- Never a mixture ----
