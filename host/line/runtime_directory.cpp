@@ -71,18 +71,17 @@ bool IsStill(int file, int directory, const std::string& name) {
 
 }  // namespace
 
-RuntimeDirectory::RuntimeDirectory() {
-  const std::string path = Place();
-  if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) Refuse(path, std::strerror(errno));
-  fd_ = Descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+RuntimeDirectory::RuntimeDirectory() : path_(Place()) {
+  if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) Refuse(path_, std::strerror(errno));
+  fd_ = Descriptor(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!fd_.ok()) {
     const bool strange = errno == ENOTDIR || errno == ELOOP;
-    Refuse(path, strange ? "it is not a directory" : std::strerror(errno));
+    Refuse(path_, strange ? "it is not a directory" : std::strerror(errno));
   }
   struct stat status {};
-  if (fstat(fd_.get(), &status) != 0) Refuse(path, std::strerror(errno));
-  if (status.st_uid != geteuid()) Refuse(path, "it belongs to another user");
-  if ((status.st_mode & 077) != 0) Refuse(path, "other users have access to it");
+  if (fstat(fd_.get(), &status) != 0) Refuse(path_, std::strerror(errno));
+  if (status.st_uid != geteuid()) Refuse(path_, "it belongs to another user");
+  if ((status.st_mode & 077) != 0) Refuse(path_, "other users have access to it");
   // systemd-tmpfiles removes old files from /tmp, but not from a directory that somebody locks.
   (void)flock(fd_.get(), LOCK_SH | LOCK_NB);
 }

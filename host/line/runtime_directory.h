@@ -19,10 +19,12 @@ class RuntimeDirectory {
   /// @throws std::runtime_error that names the directory when it cannot be used
   RuntimeDirectory();
   [[nodiscard]] int fd() const { return fd_.get(); }
+  [[nodiscard]] const std::string& path() const { return path_; }
   /// A path to a file in it that is short enough for a socket's address, valid in this process.
   [[nodiscard]] std::string PathOf(const std::string& name) const;
 
  private:
+  std::string path_;
   Descriptor fd_;
 };
 

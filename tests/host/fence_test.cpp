@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "line/sandbox.h"
 #include "support/child_process.h"
 
 namespace cpd::host {
@@ -117,6 +119,20 @@ TEST_F(RuntimeDirectoryTest, IsInTmpWhenTheVariableNamesNoDirectoryOfTheUser) {
   if (!was_there) fs::remove(other);
 }
 
+// systemd-tmpfiles takes this lock before it removes old files.
+TEST_F(RuntimeDirectoryTest, IsLockedAgainstBeingCleanedUp) {
+  const auto can_be_cleaned = [&] {
+    const Descriptor opened(open(place().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return flock(opened.get(), LOCK_EX | LOCK_NB) == 0;
+  };
+  {
+    const RuntimeDirectory directory;
+    const RuntimeDirectory second;
+    EXPECT_FALSE(can_be_cleaned());
+  }
+  EXPECT_TRUE(can_be_cleaned());
+}
+
 class FenceTest : public RuntimeDirectoryTest {
  protected:
   [[nodiscard]] fs::path file() const { return place() / kName; }
@@ -205,12 +221,18 @@ TEST_F(FenceTest, FollowsNoLink) {
   EXPECT_THROW((void)fence.Enter(kSession, 0s), std::runtime_error);
 }
 
-TEST_F(FenceTest, WorksForAProcessThatMayStartNothing) {
+TEST_F(FenceTest, WorksForAProcessInItsSandbox) {
+  ChildProcess older([&] {
+    static Fence fence(directory);
+    ASSERT_TRUE(fence.Enter(kSession, 0s));
+  });
+  std::thread reaper([&] { EXPECT_EQ(WTERMSIG(older.End(0)), SIGTERM); });
   EXPECT_TRUE(ChildProcess::Succeeds([&] {
     Fence fence(directory);
-    test::ForbidProcessesAndSockets();
-    EXPECT_TRUE(fence.Enter(kSession, 0s));
+    EnterSandbox({.writable = {directory.path()}, .ends_processes = true});
+    EXPECT_TRUE(fence.Enter(kSession, 10s));
   }));
+  reaper.join();
   EXPECT_TRUE(fs::is_empty(place()));
 }
 

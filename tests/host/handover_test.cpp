@@ -20,6 +20,7 @@
 #include <string>
 
 #include "line/passed_message.h"
+#include "line/sandbox.h"
 #include "support/child_process.h"
 
 namespace cpd::host {
@@ -275,7 +276,7 @@ TEST_F(HandoverTest, TakesNoLineFromAnotherUser) {
   EXPECT_FALSE(listener.Accept());
 }
 
-TEST_F(HandoverTest, WorksForAProcessThatMayMakeNoSocket) {
+TEST_F(HandoverTest, WorksForAProcessInItsSandbox) {
   EXPECT_TRUE(ChildProcess::Succeeds([&] {
     const HandoverListener listener(*directory, mount_point);
     std::array<int, 2> ready{};
@@ -288,7 +289,7 @@ TEST_F(HandoverTest, WorksForAProcessThatMayMakeNoSocket) {
           OfferLine(*directory, mount_point, input.reader.get(), output.writer.get(), "hello", 10s);
       _exit(answer && answer->verdict == Verdict::kAdopted ? 0 : 1);
     }
-    test::ForbidProcessesAndSockets();
+    EnterSandbox({.writable = {directory->path()}});
     ASSERT_EQ(write(ready[1], "!", 1), 1);
     Accept(listener).Answer(Verdict::kAdopted);
     int status = -1;

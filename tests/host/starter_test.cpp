@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "line/sandbox.h"
 #include "support/child_process.h"
 
 namespace cpd::host {
@@ -346,10 +346,10 @@ TEST_F(StarterTest, HoldsNothingOfTheOtherProcessOpen) {
   EXPECT_TRUE(WaitReadable(reader.get(), Clock::now() + 10s)) << "no end of file";
 }
 
-TEST_F(StarterTest, WorksForAProcessThatMayStartNothing) {
+TEST_F(StarterTest, WorksForAProcessInItsSandbox) {
   EXPECT_TRUE(ChildProcess::Succeeds([] {
     Starter starter("cat", "/no/such/mount");
-    test::ForbidProcessesAndSockets();
+    EnterSandbox({});
     auto line = starter.Start();
     WriteAll(line.out.get(), "from the sandbox\n");
     EXPECT_EQ(ReadLine(line.in.get()), "from the sandbox");

@@ -1,23 +1,16 @@
-// Processes of a test's own: what happens in one, what is left of it, and what it may not do.
+// Processes of a test's own.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
 #include <csignal>
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <functional>
-#include <set>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -105,28 +98,5 @@ class ChildProcess {
 
   pid_t pid_ = -1;
 };
-
-/// The system calls with these numbers end this process with SIGSYS from now on.
-inline void Forbid(const std::set<int>& calls) {
-  std::vector<sock_filter> filter{BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
-  for (const int call : calls) {
-    filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(call), 0, 1));
-    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS));
-  }
-  filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-  const sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
-  ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-  ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
-}
-
-/// Calls that a process in its sandbox has no use for: new processes, programs and sockets.
-inline void ForbidProcessesAndSockets() {
-  Forbid({SYS_clone, SYS_clone3, SYS_execve, SYS_execveat, SYS_socket, SYS_socketpair, SYS_bind,
-          SYS_listen, SYS_connect, SYS_mount, SYS_umount2, SYS_ptrace, SYS_kill,
-#ifdef SYS_fork
-          SYS_fork, SYS_vfork
-#endif
-  });
-}
 
 }  // namespace cpd::test
