@@ -443,6 +443,12 @@ TEST_F(TokenBucketTest, ADeficitOf37856BytesSleeps76Milliseconds) {
   EXPECT_EQ(bucket.lastRefillMs, clock.NowMs());
 }
 
+TEST_F(TokenBucketTest, ADeficitAtTheLowestRateSleepsAMillisecondForEachByte) {
+  bucket.updateRate(1);
+  EXPECT_EQ(Consume(262'144 + 50), Sleeps{50});
+  EXPECT_EQ(bucket.tokens, 0);
+}
+
 TEST_F(TokenBucketTest, ADeficitOf15000BytesIsCarried) {
   EXPECT_EQ(Consume(262'144 + 15'000), Sleeps{});
   EXPECT_EQ(bucket.tokens, -15'000);
