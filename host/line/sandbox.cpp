@@ -23,6 +23,7 @@
 #include <system_error>
 #include <thread>
 
+#include "line/descriptor.h"
 #include "module/standard_error.h"
 
 namespace cpd::host {
@@ -39,20 +40,6 @@ int Check(long result, const std::string& what) {
   if (result < 0) Fail(errno, what);
   return static_cast<int>(result);
 }
-
-class OpenPath {
- public:
-  explicit OpenPath(const std::string& path)
-      : fd_(Check(::open(path.c_str(), O_PATH | O_CLOEXEC), path)) {}
-  explicit OpenPath(int fd) : fd_(fd) {}
-  ~OpenPath() { ::close(fd_); }
-  OpenPath(const OpenPath&) = delete;
-  OpenPath& operator=(const OpenPath&) = delete;
-  [[nodiscard]] int get() const { return fd_; }
-
- private:
-  const int fd_;
-};
 
 /// ThreadSanitizer runs a thread of its own, which never leaves the sanitizer's code.
 void CheckForThreads() {
@@ -164,8 +151,8 @@ Restrictions RestrictionsOf(int version) {
   return all;
 }
 
-void AllowBeneath(const OpenPath& rules, const std::string& path, uint64_t rights) {
-  const OpenPath place(path);
+void AllowBeneath(const Descriptor& rules, const std::string& path, uint64_t rights) {
+  const Descriptor place(Check(::open(path.c_str(), O_PATH | O_CLOEXEC), path));
   const landlock_path_beneath_attr rule{.allowed_access = rights, .parent_fd = place.get()};
   Check(::syscall(SYS_landlock_add_rule, rules.get(), LANDLOCK_RULE_PATH_BENEATH, &rule, 0), path);
 }
@@ -185,7 +172,7 @@ void RestrictFiles(const Sandbox& sandbox, int newest) {
   }
   Restrictions asked = RestrictionsOf(version);
   if (sandbox.ends_processes) asked.scopes &= ~kScopeSignals;
-  const OpenPath rules(
+  const Descriptor rules(
       Check(::syscall(SYS_landlock_create_ruleset, &asked, sizeof asked, 0), "Landlock"));
   if (!sandbox.disk.empty()) {
     const uint64_t rights = changes ? kReading | kChanging : kReading;
@@ -353,14 +340,12 @@ struct Conditional {
 scmp_arg_cmp Bits(unsigned argument, uint32_t mask, uint32_t value) {
   return {.arg = argument, .op = SCMP_CMP_MASKED_EQ, .datum_a = mask, .datum_b = value};
 }
-scmp_arg_cmp Int(unsigned argument, int64_t value) {
-  return Bits(argument, UINT32_MAX, static_cast<uint32_t>(value));
-}
+scmp_arg_cmp Int(unsigned argument, uint32_t value) { return Bits(argument, UINT32_MAX, value); }
 
 std::vector<Conditional> ConditionalCalls(const Sandbox& sandbox) {
   constexpr uint32_t kNamespaces = CLONE_NEWNS | CLONE_NEWCGROUP | CLONE_NEWUTS | CLONE_NEWIPC |
                                    CLONE_NEWUSER | CLONE_NEWPID | CLONE_NEWNET;
-  const pid_t self = ::getpid();
+  const auto self = static_cast<uint32_t>(::getpid());
   std::vector<Conditional> calls = {
       {"clone", {Bits(0, CLONE_THREAD | kNamespaces, CLONE_THREAD)}},  // threads, not processes
       // What asks a terminal or a pipe, and nothing that types into one.
@@ -372,14 +357,7 @@ std::vector<Conditional> ConditionalCalls(const Sandbox& sandbox) {
       {"tgkill", {Int(0, self)}},
       {"pidfd_send_signal", {Int(1, 0)}},
   };
-  if (sandbox.ends_processes) {
-    // One process each: a negative number would stand for many, 0 for the own group.
-    const scmp_arg_cmp one_process = Bits(0, 0x80000000U, 0);
-    for (const int signal : {0, SIGTERM, SIGKILL}) {
-      calls.push_back({"kill", {one_process, Int(1, signal)}});
-      if (signal != 0) calls.push_back({"pidfd_send_signal", {Int(1, signal)}});
-    }
-  }
+  if (sandbox.ends_processes) calls.push_back({"pidfd_send_signal", {Int(1, SIGTERM)}});
   return calls;
 }
 

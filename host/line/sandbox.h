@@ -15,8 +15,8 @@ struct Sandbox {
   bool read_only = false;
   /// Directories for files of its own, such as locks.
   std::vector<std::string> writable = {};
-  /// It may send SIGTERM and SIGKILL to other processes of its user. Otherwise it can send signals
-  /// only to itself.
+  /// It may send SIGTERM to other processes of its user, by pidfd_send_signal. Otherwise it can
+  /// send signals only to itself.
   bool ends_processes = false;
 };
 

@@ -42,6 +42,9 @@
 #include <utility>
 #include <vector>
 
+#include "line/descriptor.h"
+#include "line/fence.h"
+#include "line/runtime_directory.h"
 #include "module/host_device.h"
 #include "module/module.h"
 #include "module/trace_file.h"
@@ -387,12 +390,14 @@ TEST_F(SandboxTest, StartsThreadsButNoProcesses) {
   });
 }
 
-/// A process that only waits.
+/// A process in a group of its own, which waits for its end.
 class Sleeper {
  public:
-  Sleeper() : pid_(::fork()) {
+  /// @param before  what it does first; the process ends when this throws
+  explicit Sleeper(const std::function<void()>& before = [] {}) noexcept : pid_(::fork()) {
     if (pid_ == 0) {
       ::setpgid(0, 0);
+      before();
       for (;;) ::pause();
     }
     ::setpgid(pid_, pid_);  // here as well, so that it is done whoever runs first
@@ -424,20 +429,46 @@ TEST_F(SandboxTest, SendsSignalsToItselfOnly) {
   EXPECT_EQ(::waitpid(other.pid(), nullptr, WNOHANG), 0) << "it is alive";
 }
 
-TEST_F(SandboxTest, EndsOneProcessAtATimeWhereThatIsAllowed) {
+TEST_F(SandboxTest, AsksAProcessToEndWhereThatIsAllowed) {
   const Sleeper other;
   InSandbox({.ends_processes = true}, [&other] {
-    EXPECT_NE(ErrorOf(::kill(-other.pid(), SIGTERM)), 0);
-    EXPECT_NE(ErrorOf(::kill(other.pid(), SIGSTOP)), 0);
-    EXPECT_EQ(ErrorOf(::kill(other.pid(), 0)), 0);
-    const long process = ::syscall(SYS_pidfd_open, other.pid(), 0);
-    EXPECT_NE(ErrorOf(::syscall(SYS_pidfd_send_signal, process, SIGSTOP, nullptr, 0)), 0);
-    EXPECT_EQ(ErrorOf(::syscall(SYS_pidfd_send_signal, process, SIGTERM, nullptr, 0)), 0);
+    EXPECT_NE(ErrorOf(::kill(other.pid(), SIGTERM)), 0) << "-1 would stand for all processes";
+    const Descriptor process(static_cast<int>(::syscall(SYS_pidfd_open, other.pid(), 0)));
+    const auto send = [&process](int signal) {
+      return ErrorOf(::syscall(SYS_pidfd_send_signal, process.get(), signal, nullptr, 0));
+    };
+    EXPECT_NE(send(SIGSTOP), 0);
+    EXPECT_NE(send(SIGKILL), 0);
+    EXPECT_EQ(send(SIGTERM), 0);
   });
   if (HasFailure()) return;  // it may be alive
   siginfo_t ended{};
   EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(other.pid()), &ended, WEXITED | WNOWAIT), 0);
   EXPECT_EQ(ended.si_status, SIGTERM);
+}
+
+TEST_F(SandboxTest, LetsANewerProcessTakeASessionFromAnOlderOne) {
+  ASSERT_EQ(::setenv("XDG_RUNTIME_DIR", elsewhere.root().c_str(), 1), 0);
+  const RuntimeDirectory directory;
+  const Sandbox sandbox{
+      .disk = disk.root(), .writable = {directory.PathOf(".")}, .ends_processes = true};
+  std::array<int, 2> entered{};
+  ASSERT_EQ(::pipe2(entered.data(), O_CLOEXEC), 0);
+  const Sleeper older([&] {
+    EnterSandbox(sandbox);
+    Fence fence(directory);
+    if (!fence.Enter({}, 10s) || ::write(entered[1], "", 1) != 1) ::_exit(1);
+    for (;;) ::pause();
+  });
+  ::close(entered[1]);
+  char byte = 0;
+  ASSERT_EQ(::read(entered[0], &byte, 1), 1);
+  ::close(entered[0]);
+  InSandbox(sandbox, [&directory] {
+    Fence fence(directory);
+    EXPECT_TRUE(fence.Enter({}, 10s));
+  });
+  ::unsetenv("XDG_RUNTIME_DIR");
 }
 
 TEST_F(SandboxTest, TypesNothingIntoATerminal) {
