@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <deque>
 #include <future>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -255,9 +255,11 @@ class FetchedFiles : public CheckedReadsTest {
   FetchedFiles() { Put(1, "content"), nodes.Update(node, disk.attributes); }
 
   void Fetch() {
-    reads.Fetch(node, *nodes.Find(node), [this](int error, CheckedReads::SharedContent content) {
-      answers.push_back({.error = error, .bytes = content == nullptr ? "none" : content->bytes});
-    });
+    reads.Fetch(node, *nodes.Find(node),
+                [this](int error, const CheckedReads::SharedContent& content) {
+                  answers.push_back(
+                      {.error = error, .bytes = content == nullptr ? "none" : content->bytes});
+                });
   }
 };
 
