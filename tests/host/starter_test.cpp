@@ -207,7 +207,7 @@ TEST_F(StarterTest, LetsACommandIgnoreTheInterruptAndNothingElse) {
   pthread_sigmask(SIG_BLOCK, &blocked, &before);
   const auto old_pipe = std::signal(SIGPIPE, SIG_IGN);
   const auto old_child = std::signal(SIGCHLD, SIG_IGN);
-  std::optional<Starter> starter(std::in_place, "cat /proc/self/status", "");
+  std::optional<Starter> starter(std::in_place, "cat /proc/self/status; exit 7", "");
   (void)std::signal(SIGCHLD, old_child);
   (void)std::signal(SIGPIPE, old_pipe);
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
@@ -216,7 +216,7 @@ TEST_F(StarterTest, LetsACommandIgnoreTheInterruptAndNothingElse) {
   const std::string status = ReadAll(line.in.get());
   EXPECT_EQ(SignalSet(status, "SigIgn"), "0000000000000002");
   EXPECT_EQ(SignalSet(status, "SigBlk"), "0000000000000000");
-  EXPECT_EQ(line.Ended(10s), 0);
+  EXPECT_EQ(line.Ended(10s), 7) << "SIGCHLD is still ignored";
 }
 
 TEST_F(StarterTest, LeavesHangupIgnoredForACommandUnderNohup) {
@@ -339,10 +339,12 @@ TEST_F(StarterTest, HoldsNothingOfTheOtherProcessOpen) {
   std::array<int, 2> pipe_ends{};
   ASSERT_EQ(pipe2(pipe_ends.data(), O_CLOEXEC), 0);
   const Descriptor reader(pipe_ends[0]);
-  Descriptor writer(pipe_ends[1]);
+  Descriptor low(pipe_ends[1]);
+  Descriptor high(fcntl(pipe_ends[1], F_DUPFD_CLOEXEC, 200));
   Starter starter("cat", "");
   auto line = starter.Start();
-  writer.Close();
+  low.Close();
+  high.Close();
   EXPECT_TRUE(WaitReadable(reader.get(), Clock::now() + 10s)) << "no end of file";
 }
 
