@@ -543,6 +543,16 @@ TEST_F(CompareCache, ComparesEachDuplicateInTheListing) {
   EXPECT_EQ(Log().Messages(), (Texts{Found("a"), "not found dirFileName:a,cacheFileName:a"}));
 }
 
+TEST_F(CompareCache, ComparesTheDuplicatesInTheOrderOfTheListing) {
+  const std::vector<DirEntry> cached(40, Entry("a"));
+  std::vector<DirEntry> current = cached;
+  std::fill(current.begin() + 20, current.end(), Entry("a", 2));
+  EXPECT_EQ(Compare(cached, current), 0);
+  Texts expected(20, Found("a"));
+  expected.emplace_back("not found dirFileName:a,cacheFileName:a");
+  EXPECT_EQ(Log().Messages(), expected);
+}
+
 TEST_F(CompareCache, StopsAtAMissingNameAfterADuplicateInTheListing) {
   EXPECT_EQ(Compare({Entry("a"), Entry("b")}, {Entry("a"), Entry("a")}), 0);
   EXPECT_EQ(Log().Messages(), (Texts{Found("a"), Found("a"), "found name:b,not found"}));

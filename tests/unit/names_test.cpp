@@ -465,13 +465,17 @@ TEST_F(Names, ALocalPathEndsAtItsFirstNulButTheReplyHasAllOfIt) {
   EXPECT_EQ(disk.ReadBack("/b"), "a");
 }
 
-TEST_F(Names, ADirectoryWhosePathHasManyNulsIsEchoedWithZeros) {
-  const std::string path = "/m" + std::string(disk.root().size() + 5, '\0');
-  const auto reply = Ask(MakeDirRequest{.path = path});
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(reply->result(), 0);
-  EXPECT_EQ(reply->path, (disk.root() + path).substr(0, path.size()));
-  EXPECT_TRUE(disk.Exists("/m"));
+TEST_F(Names, ADirectoryWhosePathHasANulIsEchoedWithZerosAfterIt) {
+  const size_t more = disk.root().size() + 5;
+  for (const std::string& path :
+       {"/m" + std::string(more, '\0'), std::string("/n\0", 3) + std::string(more, 'x')}) {
+    const auto reply = Ask(MakeDirRequest{.path = path});
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result(), 0);
+    const std::string name = path.substr(0, 2);
+    EXPECT_EQ(reply->path, (disk.root() + name + std::string(more, '\0')).substr(0, path.size()));
+    EXPECT_TRUE(disk.IsDir(name));
+  }
 }
 
 TEST_F(Names, PathsOfTheGreatestLengthAreAccepted) {
