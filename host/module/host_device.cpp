@@ -67,18 +67,19 @@ std::string DeviceParams(const DiskOptions& options) {
 
 }  // namespace
 
-HostDevice::HostDevice(const DiskOptions& options, Session& session, TraceFile& trace)
+HostDevice::HostDevice(const DiskOptions& options, Deliver deliver, TraceFile& trace)
     : base_(std::make_shared<DeviceBase>(
           DeviceParams(options), options.trace_reads ? std::make_shared<EveryPath>() : nullptr,
           trace)),
-      session_(session) {}
+      deliver_(std::move(deliver)) {}
 
 std::shared_ptr<CpdDeviceBase> HostDevice::getDevBase() { return base_; }
 
 int HostDevice::GetDevId() { return Session::kDeviceId; }
 
 int HostDevice::SendPacket(std::unique_ptr<CpdPacket> packet, int /*flags*/) {
-  session_.Receive(std::move(packet));
+  if (packet == nullptr || packet->header == nullptr) return -1;
+  deliver_(std::move(packet));
   return 0;
 }
 

@@ -1,6 +1,7 @@
 // The device that the host hands to the module, one per redirected disk.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -9,15 +10,17 @@
 
 namespace cpd::host {
 
-class Session;
 class TraceFile;
 
-/// Hands the module's packets to the session and its trace events to the trace file.
+/// Hands over the module's packets, and records its trace events.
 class HostDevice : public CpdDevice {
  public:
-  /// Session and trace must outlive the device.
+  using Deliver = std::function<void(std::unique_ptr<CpdPacket> packet)>;
+
+  /// @param deliver  takes the module's packets, on the module's threads
+  /// @param trace    must outlive the device
   /// @throws std::runtime_error when the disk's path or name is too long for the module
-  HostDevice(const DiskOptions& options, Session& session, TraceFile& trace);
+  HostDevice(const DiskOptions& options, Deliver deliver, TraceFile& trace);
 
   std::shared_ptr<CpdDeviceBase> getDevBase() override;
   int GetDevId() override;
@@ -26,7 +29,7 @@ class HostDevice : public CpdDevice {
 
  private:
   std::shared_ptr<CpdDeviceBase> base_;
-  Session& session_;
+  const Deliver deliver_;
 };
 
 }  // namespace cpd::host

@@ -1,13 +1,12 @@
-// One redirected disk: the module, its driver, and the session with it, from start to close.
+// A disk that is redirected within this process: the module, and the session with it.
 #pragma once
 
-#include <memory>
+#include <future>
 
-#include "module/host_device.h"
-#include "module/module.h"
+#include "module/served_disk.h"
 #include "module/trace_file.h"
 #include "options.h"
-#include "remote/periodic.h"
+#include "remote/channel.h"
 #include "remote/session.h"
 
 namespace cpd::host {
@@ -24,16 +23,13 @@ class Redirection {
   Session& session() { return session_; }
 
  private:
-  void AnnounceBandwidth(uint32_t kbps);
-  void AnswerAnnouncement(const DiskOptions& options);
-
   // Each member uses the ones above it, so the last is destroyed first.
-  TraceFile trace_;
   Session session_;
-  HostDevice device_;
-  Module module_;
-  Driver driver_;
-  std::unique_ptr<Periodic> bandwidth_;
+  std::promise<void> announced_;
+  bool is_announced_ = false;  // used by the thread that announces
+  TraceFile trace_;
+  ServedDisk disk_;
+  DriverChannel channel_;
 };
 
 }  // namespace cpd::host

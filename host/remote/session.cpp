@@ -1,8 +1,11 @@
 #include "remote/session.h"
 
+#include <algorithm>
+#include <cstring>
+#include <iterator>
 #include <utility>
 
-#include "wire.h"
+#include "remote/recovery.h"
 
 namespace cpd::host {
 namespace {
@@ -23,45 +26,133 @@ std::unique_ptr<CpdPacket> Probe() {
   return probe;
 }
 
+std::unique_ptr<CpdPacket> AttributesRequest(std::string_view path) {
+  FileAttrHead head{};
+  head.path_length = static_cast<uint16_t>(path.size());
+  auto request = std::make_unique<CpdPacket>(CPD_PACKET_HEADER_SIZE + sizeof head + path.size());
+  request->InitHeader(Session::kDeviceId, kGetFileAttr, 0);
+  request->AppendPayload(&head, sizeof head);
+  request->AppendPayload(path.data(), head.path_length);
+  return request;
+}
+
+/// The attributes in a reply to a request for them; empty if there is no such file.
+/// @return false when the reply is missing or malformed
+bool ReadAttributes(const CpdPacket* reply, std::optional<udisk_stat>* attributes) {
+  FileAttrHead head;
+  if (reply == nullptr || reply->PayloadSize() < sizeof head) return false;
+  const uint8_t* const payload = reply->GetPayload();
+  std::memcpy(&head, payload, sizeof head);
+  if (head.attr_length == 0) return true;
+  const size_t offset = sizeof head + head.path_length;
+  if (reply->PayloadSize() < offset + sizeof(udisk_stat)) return false;
+  std::memcpy(&attributes->emplace(), payload + offset, sizeof(udisk_stat));
+  return true;
+}
+
 }  // namespace
 
-Session::Session(std::chrono::seconds time_limit)
-    : time_limit_(time_limit + kPacingAllowance), watch_(100ms, [this] { Watch(); }) {}
+Session::Session(std::chrono::seconds time_limit, std::chrono::seconds patience)
+    : time_limit_(time_limit + kPacingAllowance), patience_(patience) {}
 
-void Session::Start(CpdDriver* driver) {
+// ---- The channel ----
+
+void Session::Start(Channel* channel) {
   const std::lock_guard lock(mutex_);
-  driver_ = driver;
+  if (watch_ == nullptr) watch_ = std::make_unique<Periodic>(100ms, [this] { Watch(); });
+  channel_ = channel;
+  broken_.reset();
+  is_refusing_ = false;
+  if (!lost_.empty()) return LookIntoLocked();
+  SendWaitingLocked();
+}
+
+void Session::Break() {
+  Requests given_up;
+  {
+    const std::lock_guard lock(mutex_);
+    if (channel_ == nullptr) return;
+    channel_ = nullptr;
+    for (auto& request : outstanding_) {
+      if (!request.is_question) lost_.push_back(std::move(request));
+    }
+    first_id_ += static_cast<uint32_t>(outstanding_.size());
+    outstanding_.clear();
+    doubts_.clear();
+    probing_ = false;
+    broken_ = Clock::now();
+    if (!waits_) given_up = TakeAllLocked();
+  }
+  GiveUp(std::move(given_up));
+}
+
+void Session::StopWaiting() {
+  Requests given_up;
+  {
+    const std::lock_guard lock(mutex_);
+    waits_ = false;
+    if (channel_ == nullptr) given_up = TakeAllLocked();
+  }
+  GiveUp(std::move(given_up));
+}
+
+void Session::Proceed() {
+  const std::lock_guard lock(mutex_);
+  SendWaitingLocked();
 }
 
 void Session::Stop() {
-  std::vector<Outstanding> given_up;
+  Requests given_up;
   {
     const std::lock_guard lock(mutex_);
-    driver_ = nullptr;
-    TakeFront(outstanding_.size(), &given_up);
+    is_stopped_ = true;
+    channel_ = nullptr;
+    given_up = TakeAllLocked();
   }
-  for (auto& request : given_up) request.done(nullptr);
+  GiveUp(std::move(given_up));
   for (int others = delivering_; others != 0; others = delivering_) delivering_.wait(others);
+}
+
+// ---- Requests and replies ----
+
+void Session::Ask(std::unique_ptr<CpdPacket> request, Done done,
+                  const std::optional<udisk_stat>& before) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (!is_stopped_ && !is_refusing_ && request->header != nullptr) {
+      waiting_.push_back({.command = request->header->cmd,
+                          .packet = std::move(request),
+                          .done = std::move(done),
+                          .before = before,
+                          .sent = {}});
+      return SendWaitingLocked();
+    }
+  }
+  done(nullptr);
+}
+
+void Session::Tell(std::unique_ptr<CpdPacket> packet) {
+  const std::lock_guard lock(mutex_);
+  if (channel_ == nullptr || packet->header == nullptr) return;
+  auto& counters = statistics_[packet->header->cmd];
+  ++counters.requests;
+  counters.bytes += packet->header->packetLen;
+  channel_->Send(std::move(packet));
 }
 
 void Session::Receive(std::unique_ptr<CpdPacket> packet) {
   if (packet == nullptr || packet->header == nullptr) return;
   const CpdPacketHeader header = *packet->header;
-  std::vector<Outstanding> silent;
+  Requests silent;
   Done done;
   {
     const std::lock_guard lock(mutex_);
-    if (header.cmd == kMountRemote) {
-      announced_ = true;
-      announcement_.notify_all();
-      return;
-    }
     // An id out of range belongs to a request that was given up, or that this session never sent.
     const uint32_t place = header.requestId - first_id_;
     if (place >= outstanding_.size() || outstanding_[place].command != header.cmd) return;
 
     const auto now = Clock::now();
-    TakeFront(place, &silent);
+    TakeFrontLocked(place, &silent);
     auto& answered = outstanding_.front();
     auto& counters = statistics_[header.cmd];
     ++counters.replies;
@@ -73,6 +164,7 @@ void Session::Receive(std::unique_ptr<CpdPacket> packet) {
     time_of_answer_ = now - waiting_since_;
     waiting_since_ = now;
     ++delivering_;
+    if (outstanding_.empty()) SendWaitingLocked();
   }
   for (auto& request : silent) request.done(nullptr);
   done(std::move(packet));
@@ -80,49 +172,39 @@ void Session::Receive(std::unique_ptr<CpdPacket> packet) {
   delivering_.notify_all();
 }
 
-bool Session::WaitForAnnouncement(std::chrono::seconds limit) {
-  std::unique_lock lock(mutex_);
-  return announcement_.wait_for(lock, limit, [this] { return announced_; });
-}
-
-void Session::Ask(std::unique_ptr<CpdPacket> request, Done done) {
-  {
-    const std::lock_guard lock(mutex_);
-    if (driver_ != nullptr && request->header != nullptr) {
-      AskLocked(std::move(request), std::move(done));
-      return;
-    }
-  }
-  done(nullptr);
-}
-
-void Session::Tell(std::unique_ptr<CpdPacket> packet) {
-  const std::lock_guard lock(mutex_);
-  if (driver_ != nullptr && packet->header != nullptr) Send(std::move(packet));
-}
-
 Statistics Session::statistics() const {
   const std::lock_guard lock(mutex_);
   return statistics_;
 }
 
-void Session::Send(std::unique_ptr<CpdPacket> packet) {
-  auto& counters = statistics_[packet->header->cmd];
-  ++counters.requests;
-  counters.bytes += packet->header->packetLen;
-  driver_->onEvent(std::move(packet), 0);
+void Session::SendWaitingLocked() {
+  if (channel_ == nullptr || !lost_.empty()) return;
+  while (!waiting_.empty()) {
+    const auto& next = waiting_.front();
+    if (channel_->CanBreak() && IsSentAlone(next.command) && !outstanding_.empty()) return;
+    if (!channel_->HasRoom(next.packet->header->packetLen)) return;
+    auto request = std::move(waiting_.front());
+    waiting_.pop_front();
+    SendLocked(std::move(request));
+  }
 }
 
-// The request goes to the driver under the lock, so that outstanding_ has the driver's order.
-void Session::AskLocked(std::unique_ptr<CpdPacket> request, Done done) {
+// The request goes to the channel under the lock, so that outstanding_ has the driver's order.
+void Session::SendLocked(Request request) {
   const auto now = Clock::now();
   if (outstanding_.empty()) waiting_since_ = now;
-  request->header->requestId = first_id_ + static_cast<uint32_t>(outstanding_.size());
-  outstanding_.push_back({request->header->cmd, now, std::move(done)});
-  Send(std::move(request));
+  const auto packet = request.packet;
+  packet->header->requestId = first_id_ + static_cast<uint32_t>(outstanding_.size());
+  auto& counters = statistics_[request.command];
+  ++counters.requests;
+  counters.bytes += packet->header->packetLen;
+  request.sent = now;
+  if (!channel_->CanBreak()) request.packet.reset();
+  outstanding_.push_back(std::move(request));
+  channel_->Send(packet);
 }
 
-void Session::TakeFront(size_t count, std::vector<Outstanding>* taken) {
+void Session::TakeFrontLocked(size_t count, Requests* taken) {
   for (; count > 0; --count) {
     taken->push_back(std::move(outstanding_.front()));
     outstanding_.pop_front();
@@ -130,27 +212,126 @@ void Session::TakeFront(size_t count, std::vector<Outstanding>* taken) {
   }
 }
 
-void Session::Watch() {
-  std::vector<Outstanding> given_up;
-  {
-    const std::lock_guard lock(mutex_);
-    if (driver_ == nullptr || outstanding_.empty()) return;
-    const auto waited = Clock::now() - waiting_since_;
-    if (waited >= time_limit_) {
-      TakeFront(outstanding_.size(), &given_up);
-      ++delivering_;
-    } else if (waited >= kProbeAfter && !probing_) {
-      probing_ = true;
-      AskLocked(Probe(), [this](const std::unique_ptr<CpdPacket>&) {
-        const std::lock_guard relock(mutex_);
-        probing_ = false;
-      });
-    }
-  }
-  if (given_up.empty()) return;
-  for (auto& request : given_up) request.done(nullptr);
+Session::Requests Session::TakeAllLocked() {
+  Requests all = std::exchange(lost_, {});
+  TakeFrontLocked(outstanding_.size(), &all);
+  std::ranges::move(waiting_, std::back_inserter(all));
+  waiting_.clear();
+  doubts_.clear();
+  if (broken_) is_refusing_ = true;
+  if (!all.empty()) ++delivering_;
+  return all;
+}
+
+/// Gives up what TakeAllLocked has taken.
+void Session::GiveUp(Requests requests) {
+  if (requests.empty()) return;
+  for (auto& request : requests) request.done(nullptr);
   --delivering_;
   delivering_.notify_all();
+}
+
+// ---- After a break ----
+
+/// Asks what became of the lost requests that must not be sent twice.
+void Session::LookIntoLocked() {
+  doubts_.clear();
+  for (const auto& request : lost_) {
+    auto& doubt = doubts_.emplace_back();
+    if (!IsUnrepeatable(request.command)) continue;
+    const auto paths = PathsToLookAt(*request.packet);
+    doubt = std::make_shared<Doubt>(Doubt{
+        .found = std::vector<std::optional<udisk_stat>>(paths.size()), .unanswered = paths.size()});
+    for (size_t i = 0; i < paths.size(); ++i) AskForLocked(doubt, i, paths[i]);
+  }
+  (void)SettleLocked();  // if there was nothing to ask
+}
+
+void Session::AskForLocked(const std::shared_ptr<Doubt>& doubt, size_t index,
+                           std::string_view path) {
+  const auto note = [this, doubt, index](const std::unique_ptr<CpdPacket>& reply) {
+    Concluded concluded;
+    {
+      const std::lock_guard lock(mutex_);
+      if (!ReadAttributes(reply.get(), &doubt->found[index])) doubt->is_unknown = true;
+      --doubt->unanswered;
+      concluded = SettleLocked();
+    }
+    for (auto& [done, answer] : concluded) done(std::move(answer));
+  };
+  SendLocked({.command = kGetFileAttr,
+              .packet = AttributesRequest(path),
+              .done = note,
+              .before = {},
+              .sent = {},
+              .is_question = true});
+}
+
+/// Once everything is known about the lost requests: puts those that were not carried out in front
+/// of the waiting ones.
+/// @return the others, with their replies
+Session::Concluded Session::SettleLocked() {
+  if (std::ranges::any_of(doubts_,
+                          [](const auto& doubt) { return doubt && doubt->unanswered > 0; })) {
+    return {};
+  }
+  Concluded concluded;
+  Requests again;
+  for (size_t i = 0; i < doubts_.size(); ++i) {
+    auto& request = lost_[i];
+    const auto& doubt = doubts_[i];
+    auto reply = doubt == nullptr || doubt->is_unknown
+                     ? nullptr
+                     : LostReply(*request.packet, request.before, doubt->found);
+    if (reply == nullptr) {
+      again.push_back(std::move(request));
+    } else {
+      concluded.emplace_back(std::move(request.done), std::move(reply));
+    }
+  }
+  waiting_.insert(waiting_.begin(), std::move_iterator(again.begin()),
+                  std::move_iterator(again.end()));
+  lost_.clear();
+  doubts_.clear();
+  SendWaitingLocked();
+  return concluded;
+}
+
+// ---- Time limits ----
+
+void Session::Watch() {
+  Requests given_up;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto now = Clock::now();
+    if (broken_) {
+      if (now - *broken_ >= patience_) given_up = TakeAllLocked();
+    } else if (channel_ != nullptr && !outstanding_.empty()) {
+      const auto waited = now - waiting_since_;
+      if (waited >= time_limit_) {
+        given_up = TakeAllLocked();
+      } else if (waited >= kProbeAfter && !probing_) {
+        SendProbeLocked();
+      }
+    }
+  }
+  GiveUp(std::move(given_up));
+}
+
+void Session::SendProbeLocked() {
+  auto probe = Probe();
+  if (!channel_->HasRoom(probe->header->packetLen)) return;
+  probing_ = true;
+  SendLocked({.command = kGetXattr,
+              .packet = std::move(probe),
+              .done =
+                  [this](const std::unique_ptr<CpdPacket>&) {
+                    const std::lock_guard lock(mutex_);
+                    probing_ = false;
+                  },
+              .before = {},
+              .sent = {},
+              .is_question = true});
 }
 
 }  // namespace cpd::host

@@ -9,12 +9,16 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string_view>
+#include <utility>
 #include <vector>
 
-#include "cpd/driver.h"
 #include "cpd/packet.h"
+#include "remote/channel.h"
 #include "remote/periodic.h"
 #include "remote/statistics.h"
+#include "wire.h"
 
 namespace cpd::host {
 
@@ -24,6 +28,10 @@ namespace cpd::host {
 /// proves that the unanswered requests before it will never get one. If a request has waited for a
 /// second, the session sends a probe, to which every driver replies. A time limit ends the wait for
 /// a driver that has stopped replying.
+///
+/// The channel to the driver may break, and another one may take its place. Requests wait
+/// meanwhile; what was unanswered is asked again, except what was carried out and must not be twice
+/// (see recovery.h).
 class Session {
  public:
   using Clock = std::chrono::steady_clock;
@@ -33,22 +41,32 @@ class Session {
   /// where it holds up every later request, so it must not wait.
   using Done = std::function<void(std::unique_ptr<CpdPacket> reply)>;
 
-  explicit Session(std::chrono::seconds time_limit);
+  /// @param time_limit  for a driver that does not reply
+  /// @param patience    how long requests wait for a channel that broke; then they are given up,
+  /// and
+  ///                    so are new ones until there is a channel
+  explicit Session(std::chrono::seconds time_limit, std::chrono::seconds patience = {});
 
-  /// Sets the driver, which must live until Stop has returned.
-  void Start(CpdDriver* driver);
+  /// Sets the channel, which must live until Break or Stop has returned. Requests wait until then.
+  void Start(Channel* channel);
+  /// The channel is gone. Requests wait for the next Start.
+  void Break();
+  /// From now on, requests do not wait for another channel.
+  void StopWaiting();
+  /// There is room in the channel again.
+  void Proceed();
   /// Gives up all outstanding requests and refuses new ones. No Done runs after it has returned.
   void Stop();
 
   /// Takes a packet from the driver.
   void Receive(std::unique_ptr<CpdPacket> packet);
-  /// Waits until the driver has announced its disk. @return false when it did not in time
-  bool WaitForAnnouncement(std::chrono::seconds limit);
 
   /// Sends a request; the session sets its id. `done` runs exactly once, possibly before Ask
   /// returns.
-  void Ask(std::unique_ptr<CpdPacket> request, Done done);
-  /// Sends a packet that has no reply.
+  /// @param before  attributes that the request's first path has, if they are known
+  void Ask(std::unique_ptr<CpdPacket> request, Done done,
+           const std::optional<udisk_stat>& before = std::nullopt);
+  /// Sends a packet that has no reply; does nothing without a channel.
   void Tell(std::unique_ptr<CpdPacket> packet);
 
   Statistics statistics() const;
@@ -56,31 +74,55 @@ class Session {
   Clock::duration time_of_answer() const { return time_of_answer_; }
 
  private:
-  struct Outstanding {
-    uint16_t command;
-    Clock::time_point sent;
+  struct Request {
+    uint16_t command = 0;
+    std::shared_ptr<CpdPacket> packet;  // null once sent through a channel that cannot break
     Done done;
+    std::optional<udisk_stat> before;
+    Clock::time_point sent;
+    bool is_question = false;  // of this session itself: not asked again after a break
   };
+  using Requests = std::deque<Request>;
+  /// An unrepeatable request without a reply, and what its paths lead to now.
+  struct Doubt {
+    std::vector<std::optional<udisk_stat>> found;
+    size_t unanswered = 0;
+    bool is_unknown = false;  // a question went without an answer
+  };
+  using Concluded = std::vector<std::pair<Done, std::unique_ptr<CpdPacket>>>;
 
-  void Send(std::unique_ptr<CpdPacket> packet);
-  void AskLocked(std::unique_ptr<CpdPacket> request, Done done);
-  void TakeFront(size_t count, std::vector<Outstanding>* taken);
+  void SendWaitingLocked();
+  void SendLocked(Request request);
+  void TakeFrontLocked(size_t count, Requests* taken);
+  Requests TakeAllLocked();
+  void LookIntoLocked();
+  void AskForLocked(const std::shared_ptr<Doubt>& doubt, size_t index, std::string_view path);
+  Concluded SettleLocked();
+  void SendProbeLocked();
+  void GiveUp(Requests requests);
   void Watch();
 
   const Clock::duration time_limit_;
+  const Clock::duration patience_;
   mutable std::mutex mutex_;
-  CpdDriver* driver_ = nullptr;
-  bool announced_ = false;
-  std::condition_variable announcement_;
-  // In the order in which they were sent, with consecutive ids that begin with first_id_.
-  std::deque<Outstanding> outstanding_;
+  Channel* channel_ = nullptr;  // null before Start and after Break
+  bool is_refusing_ = false;    // requests are given up at once
+  bool is_stopped_ = false;
+  std::optional<Clock::time_point> broken_;  // when, if requests wait for a channel
+  bool waits_ = true;                        // for a channel that broke
+  // Sent, with consecutive ids that begin with first_id_.
+  Requests outstanding_;
+  Requests waiting_;                            // to be sent, after those in lost_
+  Requests lost_;                               // sent through a channel that broke
+  std::vector<std::shared_ptr<Doubt>> doubts_;  // about lost_, null where there is none
   uint32_t first_id_ = 1;
   Clock::time_point waiting_since_;  // when the front request became the oldest
   bool probing_ = false;
   Statistics statistics_;
   std::atomic<Clock::duration> time_of_answer_{};
   std::atomic<int> delivering_ = 0;  // threads that are running Done functions
-  Periodic watch_;
+  std::unique_ptr<Periodic> watch_;  // from the first Start on, so that making a session starts no
+                                     // thread
 };
 
 }  // namespace cpd::host

@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <deque>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -105,7 +105,7 @@ class CheckedReadsTest : public testing::Test {
   };
 
   CheckedReadsTest() {
-    session.Start(&disk);
+    session.Start(&channel);
     Put(1, std::string(100 * kPiece, 'a'));
     node = nodes.Lookup(NodeTable::kRoot, "file", disk.attributes);
   }
@@ -134,6 +134,7 @@ class CheckedReadsTest : public testing::Test {
 
   Session session{30s};
   OneFile disk{session};
+  DriverChannel channel{disk};
   RemoteFiles files{session};
   NodeTable nodes;
   CheckedReads reads{files, nodes, [this](NodeTable::Id id, const udisk_stat& attributes) {
@@ -255,11 +256,9 @@ class FetchedFiles : public CheckedReadsTest {
   FetchedFiles() { Put(1, "content"), nodes.Update(node, disk.attributes); }
 
   void Fetch() {
-    reads.Fetch(node, *nodes.Find(node),
-                [this](int error, const CheckedReads::SharedContent& content) {
-                  answers.push_back(
-                      {.error = error, .bytes = content == nullptr ? "none" : content->bytes});
-                });
+    reads.Fetch(node, *nodes.Find(node), [this](int error, CheckedReads::SharedContent content) {
+      answers.push_back({.error = error, .bytes = content == nullptr ? "none" : content->bytes});
+    });
   }
 };
 

@@ -194,7 +194,7 @@ class MemoryDisk : public test::IdleDriver {
 class GatheredWritesTest : public testing::Test {
  protected:
   GatheredWritesTest() {
-    session.Start(&disk);
+    session.Start(&channel);
     udisk_stat attributes{};
     attributes.st_mode = S_IFREG | 0644;
     node = nodes.Lookup(NodeTable::kRoot, "file", attributes);
@@ -227,6 +227,7 @@ class GatheredWritesTest : public testing::Test {
 
   Session session{5s};
   MemoryDisk disk{session};
+  DriverChannel channel{disk};
   RemoteFiles files{session};
   NodeTable nodes;
   RenameGate gate;

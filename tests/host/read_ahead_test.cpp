@@ -95,7 +95,8 @@ class ReadAhead : public testing::Test {
 
   void Answer(FakeDriver::Answer answer) {
     driver_ = std::make_unique<FakeDriver>(session_, std::move(answer));
-    session_.Start(driver_.get());
+    channel_.emplace(*driver_);
+    session_.Start(&*channel_);
   }
   /// Replies until there are no more requests.
   void Work() {
@@ -109,6 +110,7 @@ class ReadAhead : public testing::Test {
 
   Session session_{30s};
   std::unique_ptr<FakeDriver> driver_;
+  std::optional<DriverChannel> channel_;
   RemoteFiles files_{session_};
 };
 

@@ -30,7 +30,7 @@ class RecordingDriver : public test::IdleDriver {
 
 class RemoteRequests : public testing::Test {
  protected:
-  RemoteRequests() { session_.Start(&driver_); }
+  RemoteRequests() { session_.Start(&channel_); }
   ~RemoteRequests() override { session_.Stop(); }
 
   /// The head of the last request.
@@ -42,6 +42,7 @@ class RemoteRequests : public testing::Test {
   }
 
   RecordingDriver driver_;
+  DriverChannel channel_{driver_};
   Session session_{30s};
   RemoteFiles files_{session_};
 };

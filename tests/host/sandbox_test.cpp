@@ -45,9 +45,8 @@
 #include "line/descriptor.h"
 #include "line/fence.h"
 #include "line/runtime_directory.h"
-#include "module/host_device.h"
 #include "module/module.h"
-#include "module/trace_file.h"
+#include "module/redirection.h"
 #include "remote/session.h"
 #include "support/requests.h"
 #include "support/temp_disk.h"
@@ -637,23 +636,16 @@ TEST_F(SandboxTest, EndsWithTheStatusThatTheProcessAsksFor) {
 
 // ---- The module ----
 
-/// The module as serve uses it: loaded before the sandbox is entered, opened afterwards.
+/// A disk whose module was loaded before the sandbox was entered, as serve does it.
 class ServedDisk {
  public:
-  ServedDisk(const Module& module, const std::string& root)
-      : device_(OptionsOf(root), session_, trace_), driver_(module.Open(&device_, "")) {
-    session_.Start(driver_.get());
-    EXPECT_TRUE(session_.WaitForAnnouncement(10s));
-  }
-  ~ServedDisk() { session_.Stop(); }
-  ServedDisk(const ServedDisk&) = delete;
-  ServedDisk& operator=(const ServedDisk&) = delete;
+  explicit ServedDisk(const std::string& root) : redirection_(OptionsOf(root)) {}
 
   /// @return the answer, or null if there is none
   std::future<std::unique_ptr<CpdPacket>> Ask(test::Request request) {
     request.dev_id = Session::kDeviceId;
     auto answer = std::make_shared<std::promise<std::unique_ptr<CpdPacket>>>();
-    session_.Ask(request.Packet(), [answer](std::unique_ptr<CpdPacket> reply) {
+    redirection_.session().Ask(request.Packet(), [answer](std::unique_ptr<CpdPacket> reply) {
       answer->set_value(std::move(reply));
     });
     return answer->get_future();
@@ -663,14 +655,12 @@ class ServedDisk {
   static DiskOptions OptionsOf(const std::string& root) {
     DiskOptions options;
     options.disk = root;
+    options.module = UDISK_MODULE;
     options.trace_reads = true;
     return options;
   }
 
-  TraceFile trace_{""};
-  Session session_{30s};
-  HostDevice device_;
-  Driver driver_;
+  Redirection redirection_;
 };
 
 struct Answer {
@@ -680,8 +670,8 @@ struct Answer {
 
 /// The answers to a request of each kind. Those with descriptors, times, inodes and free space are
 /// represented by their lengths.
-std::vector<Answer> AnswersTo(const Module& module, const TempDisk& disk) {
-  ServedDisk served(module, disk.root());
+std::vector<Answer> AnswersTo(const TempDisk& disk) {
+  ServedDisk served(disk.root());
   auto requests = test::OneRequestPerCommand();
   // The first two make the module forget where its disk is.
   std::rotate(requests.begin(), requests.begin() + 2, requests.end());
@@ -718,9 +708,9 @@ class ServingTest : public SandboxTest {
       ::setenv("TESSEL_CPD_CLIENT_CONFINE", "1", 1);
       const Module module(UDISK_MODULE);
       ASSERT_EQ(::setresuid(user, user, user), 0);
-      const std::vector<Answer> outside = AnswersTo(module, twin);
+      const std::vector<Answer> outside = AnswersTo(twin);
       EnterSandbox({.disk = disk.root()});
-      const std::vector<Answer> inside = AnswersTo(module, disk);
+      const std::vector<Answer> inside = AnswersTo(disk);
       ASSERT_EQ(inside.size(), outside.size());
       for (size_t i = 0; i < inside.size(); ++i) {
         EXPECT_EQ(inside[i].payload, outside[i].payload) << inside[i].name;
@@ -756,8 +746,7 @@ TEST_F(ServingTest, KeepsEvenAnUnconfinedModuleOnTheDisk) {
     ::unsetenv("TESSEL_CPD_CLIENT_CONFINE");
     const Module module(UDISK_MODULE);
     const auto read = [&] {
-      const auto reply =
-          ServedDisk(module, disk.root()).Ask(test::ReadRequest{.path = way_out}).get();
+      const auto reply = ServedDisk(disk.root()).Ask(test::ReadRequest{.path = way_out}).get();
       return test::ReadReply::Decode(test::SentPacket(*reply)).data;
     };
     EXPECT_EQ(read(), "secret");
