@@ -1,7 +1,5 @@
 #include "mount/fuse_mount.h"
 
-#include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -9,15 +7,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
-#include "cpd/log.h"
 #include "mount/fuse_reply.h"
 #include "remote/attributes.h"
 #include "remote/session.h"
@@ -25,42 +19,24 @@
 namespace cpd::host {
 namespace {
 
-constexpr unsigned kLargestRead = 1U << 20;
 constexpr unsigned kMostBackground = 64;
 constexpr ino_t kUnknownInode = 0xffffffff;  // 0 would mark a deleted entry
 
 void Initialise(void* /*mount*/, fuse_conn_info* connection) {
-  connection->max_readahead = kLargestRead;
+  connection->max_readahead = FuseMount::kLargestRead;
   connection->max_background = kMostBackground;
   // Without this capability the kernel sends a truncating open as two requests, so that only
   // SetAttributes truncates.
   connection->want &= ~FUSE_CAP_ATOMIC_O_TRUNC;
 }
 
-void LogLibraryMessage(fuse_log_level /*level*/, const char* format, va_list arguments) {
-  char message[512] = "";
-  (void)std::vsnprintf(message, sizeof message, format, arguments);
-  message[std::string_view(message).find_last_not_of('\n') + 1] = '\0';
-  tesselLogPrint(0, 7, "FUSE", "%s", message);
-}
-
-/// Raises the kernel's read-ahead to the size of the largest read. Only root may do this; for other
-/// users it stays at the kernel's 128 KiB. Takes effect with the first request.
-void RaiseReadAhead(const std::string& mount_point) {
-  struct statx where {};
-  // No attributes are requested, so the kernel does not ask the mount, which is not served yet.
-  if (statx(AT_FDCWD, mount_point.c_str(), AT_STATX_DONT_SYNC, 0, &where) != 0) return;
-  std::ofstream(
-      fmt::format("/sys/class/bdi/{}:{}/read_ahead_kb", where.stx_dev_major, where.stx_dev_minor))
-      << kLargestRead / 1024;
-}
-
 }  // namespace
 
 // ---- Life ----
 
-FuseMount::FuseMount(Session& session, const DiskOptions& options, const std::string& mount_point)
-    : session_(session),
+FuseMount::FuseMount(Session& session, const DiskOptions& options, KernelMount& kernel)
+    : kernel_(kernel),
+      session_(session),
       read_only_(options.read_only),
       gathers_writes_(options.batch),
       files_(session,
@@ -75,67 +51,42 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, const std::st
       reads_(files_, nodes_, [this](NodeTable::Id node, const udisk_stat& attributes) {
         return Note(node, attributes);
       }) {
-  fuse_set_log_func(LogLibraryMessage);
-  std::string mount_options = "default_permissions,nosuid,nodev,subtype=udisk";
-  if (read_only_) mount_options += ",ro";
-  if (options.allow_other) mount_options += ",allow_other";
-  // An unescaped comma in the disk's path would end the option.
-  mount_options += ",fsname=";
-  for (const char c : options.disk) {
-    if (c == ',' || c == '\\') mount_options += '\\';
-    mount_options += c;
-  }
-  std::string program = "cpd-host";
-  std::string option_flag = "-o";
-  char* arguments[] = {program.data(), option_flag.data(), mount_options.data()};
-  fuse_args args = FUSE_ARGS_INIT(3, arguments);
-  const fuse_lowlevel_ops operations = Operations();
-  fuse_.reset(fuse_session_new(&args, &operations, sizeof operations, this));
-  fuse_opt_free_args(&args);
-  if (fuse_ == nullptr || fuse_session_mount(fuse_.get(), mount_point.c_str()) != 0) {
-    throw std::runtime_error(
-        fmt::format("cannot mount on {}{}", mount_point,
-                    options.allow_other && geteuid() != 0
-                        ? "; --allow-other needs root or user_allow_other in /etc/fuse.conf"
-                        : ""));
-  }
-  RaiseReadAhead(mount_point);
+  kernel_.set_server(this);
 }
 
-FuseMount::~FuseMount() { fuse_session_unmount(fuse_.get()); }
-
 void FuseMount::Serve(const sigset_t& stop_signals) {
-  if (fuse_set_signal_handlers(fuse_.get()) != 0) {
+  if (fuse_set_signal_handlers(kernel_.session()) != 0) {
     throw std::runtime_error("cannot set the signal handlers");
   }
   pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
 
   const std::unique_ptr<fuse_loop_config, decltype(&fuse_loop_cfg_destroy)> config(
       fuse_loop_cfg_create(), &fuse_loop_cfg_destroy);
-  const int result = fuse_session_loop_mt(fuse_.get(), config.get());
+  const int result = fuse_session_loop_mt(kernel_.session(), config.get());
 
   // Everything under way is answered before the unmount, so that nothing replies to a mount that is
   // gone. The signals are blocked, so that a second one does not interrupt this.
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+  session_.StopWaiting();
   writes_.Drain();
   RemoveHiddenFiles();
   files_.WaitForChanges();
   session_.Stop();
-  fuse_session_unmount(fuse_.get());
-  fuse_remove_signal_handlers(fuse_.get());
+  kernel_.Unmount();
+  fuse_remove_signal_handlers(kernel_.session());
   if (result < 0) throw std::runtime_error("the connection to the kernel failed");
 }
 
 template <auto kHandler, class... Arguments>
 void FuseMount::Call(fuse_req_t request, Arguments... arguments) {
-  auto* mount = static_cast<FuseMount*>(fuse_req_userdata(request));
+  auto* mount = static_cast<KernelMount*>(fuse_req_userdata(request))->server_;
   (mount->*kHandler)(request, arguments...);
 }
 
 // The kernel itself refuses changes to a read-only mount, unless somebody has remounted it.
 template <auto kHandler, class... Arguments>
 void FuseMount::CallChange(fuse_req_t request, Arguments... arguments) {
-  auto* mount = static_cast<FuseMount*>(fuse_req_userdata(request));
+  auto* mount = static_cast<KernelMount*>(fuse_req_userdata(request))->server_;
   if (mount->read_only_) return void(fuse_reply_err(request, EROFS));
   (mount->*kHandler)(request, arguments...);
 }

@@ -16,6 +16,7 @@
 
 #include "mount/checked_reads.h"
 #include "mount/gathered_writes.h"
+#include "mount/kernel_mount.h"
 #include "mount/listing_cache.h"
 #include "mount/node_table.h"
 #include "mount/open_files.h"
@@ -35,11 +36,11 @@ class Session;
 /// wait.
 class FuseMount {
  public:
-  /// Mounts.
-  /// @throws std::runtime_error when that fails
-  FuseMount(Session& session, const DiskOptions& options, const std::string& mount_point);
-  /// Unmounts, unless somebody has done that already.
-  ~FuseMount();
+  /// The largest read that the kernel asks for, in bytes.
+  static constexpr unsigned kLargestRead = 1U << 20;
+
+  /// @param kernel  the mount to serve; must outlive this
+  FuseMount(Session& session, const DiskOptions& options, KernelMount& kernel);
   FuseMount(const FuseMount&) = delete;
   FuseMount& operator=(const FuseMount&) = delete;
 
@@ -48,12 +49,10 @@ class FuseMount {
   ///                      while it serves
   void Serve(const sigset_t& stop_signals);
 
- private:
-  struct DestroySession {
-    void operator()(fuse_session* session) const { fuse_session_destroy(session); }
-  };
-
+  /// What the kernel calls.
   static fuse_lowlevel_ops Operations();
+
+ private:
   /// Hold the pass from the lookup of a path until the request with that path is sent.
   [[nodiscard]] RenameGate::Pass Enter();
   [[nodiscard]] RenameGate::Move BeginMove();
@@ -152,6 +151,7 @@ class FuseMount {
                            const udisk_stat& attributes);
   void ReplyLostFile(fuse_req_t request, fuse_ino_t node);
 
+  KernelMount& kernel_;
   Session& session_;
   const bool read_only_;
   const bool gathers_writes_;
@@ -167,7 +167,6 @@ class FuseMount {
   std::mutex mutex_;
   std::map<uint64_t, OpenDirectoryListing> directories_;  // guarded by mutex_
   uint64_t last_directory_ = 0;                           // guarded by mutex_
-  std::unique_ptr<fuse_session, DestroySession> fuse_;
 };
 
 }  // namespace cpd::host

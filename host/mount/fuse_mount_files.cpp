@@ -118,7 +118,7 @@ void FuseMount::InvalidateAttributes(fuse_ino_t node, const udisk_stat& before) 
 }
 
 void FuseMount::InvalidateAttributes(fuse_ino_t node) {
-  fuse_lowlevel_notify_inval_inode(fuse_.get(), node, -1, 0);
+  fuse_lowlevel_notify_inval_inode(kernel_.session(), node, -1, 0);
 }
 
 void FuseMount::ReplyOpened(fuse_req_t request, fuse_ino_t node, fuse_file_info handle, int error) {
@@ -142,7 +142,7 @@ bool FuseMount::StoreAhead(fuse_ino_t node, const NodeTable::File& file) {
   return prefetch_.Take(file.path, file.attributes, [&](std::string_view content) {
     fuse_bufvec buffer = FUSE_BUFVEC_INIT(content.size());
     buffer.buf[0].mem = const_cast<char*>(content.data());
-    return fuse_lowlevel_notify_store(fuse_.get(), node, 0, &buffer, {}) == 0;
+    return fuse_lowlevel_notify_store(kernel_.session(), node, 0, &buffer, {}) == 0;
   });
 }
 
