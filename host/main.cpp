@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "commands/command.h"
+#include "commands/line_command.h"
 #include "module/host_log.h"
 #include "module/standard_error.h"
 
@@ -23,6 +24,9 @@ int Run(int argc, char** argv) {
   });
   CommandLine line;
   AddMountCommand(&app, &line);
+  AddRedirectCommand(&app, &line);
+  AddServeCommand(&app, &line);
+  AddAttachCommand(&app, &line);
   AddDisksCommand(&app, &line);
   AddLsCommand(&app, &line);
   AddCatCommand(&app, &line);
@@ -46,6 +50,9 @@ int Run(int argc, char** argv) {
 int main(int argc, char** argv) {
   try {
     return cpd::host::Run(argc, argv);
+  } catch (const cpd::host::OtherSideError& error) {
+    cpd::host::PrintError(fmt::format("cpd-host: the other side: {}\n", error.what()));
+    return 2;
   } catch (const std::exception& error) {
     cpd::host::PrintError(fmt::format("cpd-host: {}\n", error.what()));
     return 1;

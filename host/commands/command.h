@@ -20,6 +20,9 @@ struct CommandLine {
 
 // Each adds one command, which owns its options.
 void AddMountCommand(CLI::App* app, CommandLine* line);
+void AddServeCommand(CLI::App* app, CommandLine* line);
+void AddAttachCommand(CLI::App* app, CommandLine* line);
+void AddRedirectCommand(CLI::App* app, CommandLine* line);
 void AddDisksCommand(CLI::App* app, CommandLine* line);
 void AddLsCommand(CLI::App* app, CommandLine* line);
 void AddCatCommand(CLI::App* app, CommandLine* line);
@@ -27,6 +30,14 @@ void AddDfCommand(CLI::App* app, CommandLine* line);
 
 /// Adds DISK and the options of every command that opens a disk.
 void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line);
+/// Adds --log and --log-level.
+void AddLogOptions(CLI::App* command, CommandLine* line);
+/// Adds --timeout.
+void AddTimeoutOption(CLI::App* command, DiskOptions* disk);
+/// Adds how the disk is shown.
+void AddMountOptions(CLI::App* command, DiskOptions* disk);
+/// Adds how the disk is announced: --name, --label, --read-only.
+void AddNamingOptions(CLI::App* command, DiskOptions* disk);
 /// Checks the disk's path, fills in missing names, and sets the environment variable that makes the
 /// module confine paths. Must be called before the module opens the disk.
 /// @throws std::runtime_error when the path is not a directory

@@ -26,25 +26,48 @@ void SetConfinement(const DiskOptions& options) {
 
 }  // namespace
 
-void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line) {
+void AddLogOptions(CLI::App* command, CommandLine* line) {
   static const std::map<std::string, LogLevel> levels = {
       {"debug", LogLevel::kDebug}, {"error", LogLevel::kError}, {"off", LogLevel::kOff}};
-  command->add_option("DISK", disk->disk, "Directory to redirect, such as a mounted USB disk");
-  command->add_option("--module", disk->module, "Driver module [../lib/udisk-redir.so]");
-  command->add_option("--policy", disk->policy, "Policy text for the module");
-  command->add_option("--bandwidth", disk->bandwidth_kbps, "Read bandwidth to announce, in kbps")
-      ->type_name("KBPS");
+  command->add_option("--log", line->log_file, "Log file [standard error]");
+  command->add_option("--log-level", line->log_level, "debug, error or off [error]")
+      ->transform(CLI::Transformer(levels, CLI::ignore_case));
+}
+
+void AddTimeoutOption(CLI::App* command, DiskOptions* disk) {
   command
       ->add_option("--timeout", disk->time_limit,
                    "Time limit for a reply; 10 s are added for pacing [30]")
       ->type_name("SECONDS")
       ->check(CLI::NonNegativeNumber);
-  command->add_option("--log", line->log_file, "Log file [standard error]");
-  command->add_option("--log-level", line->log_level, "debug, error or off [error]")
-      ->transform(CLI::Transformer(levels, CLI::ignore_case));
+}
+
+void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line) {
+  command->add_option("DISK", disk->disk, "Directory to redirect, such as a mounted USB disk");
+  command->add_option("--module", disk->module, "Driver module [../lib/udisk-redir.so]");
+  command->add_option("--policy", disk->policy, "Policy text for the module");
+  command->add_option("--bandwidth", disk->bandwidth_kbps, "Read bandwidth to announce, in kbps")
+      ->type_name("KBPS");
+  AddTimeoutOption(command, disk);
   command->add_option("--trace", disk->trace, "File for trace events, one JSON object per line");
   command->add_flag("--trace-reads", disk->trace_reads, "Trace every read and write");
   command->add_flag("--unconfined", disk->unconfined, "Follow paths and links that leave the disk");
+  AddLogOptions(command, line);
+}
+
+void AddNamingOptions(CLI::App* command, DiskOptions* disk) {
+  command->add_option("--name", disk->name, "Name to announce [the directory's name]");
+  command->add_option("--label", disk->label, "Label on the remote side [the directory's name]");
+  command->add_flag("--read-only", disk->read_only,
+                    "Refuse every change, and announce the disk as read-only");
+}
+
+void AddMountOptions(CLI::App* command, DiskOptions* disk) {
+  command->add_flag("--allow-other", disk->allow_other,
+                    "Let other users use the mount; see README, Limits");
+  command->add_flag("!--no-batch", disk->batch, "Send small writes one by one");
+  command->add_flag("!--no-prefetch", disk->prefetch, "Do not read small files ahead");
+  command->add_flag("!--no-dir-cache", disk->dir_cache, "List directories in full every time");
 }
 
 std::string CanonicalDirectory(const std::string& path, const char* what) {

@@ -19,10 +19,16 @@ double Microseconds(std::chrono::nanoseconds duration) {
   return std::chrono::duration<double, std::micro>(duration).count();
 }
 
+std::string Describe(const LineState& line) {
+  if (!line.is_up) return "line down  ";
+  return fmt::format("line up, {:.1f} ms  ", Microseconds(line.round_trip) / 1e3);
+}
+
 }  // namespace
 
-StatusLine::StatusLine(const Session& session, uint32_t announced_kbps)
-    : session_(session), announced_kbps_(announced_kbps) {
+StatusLine::StatusLine(const Session& session, uint32_t announced_kbps,
+                       std::function<LineState()> line)
+    : session_(session), announced_kbps_(announced_kbps), line_(std::move(line)) {
   if (isatty(STDERR_FILENO) != 0) print_ = std::make_unique<Periodic>(1s, [this] { Print(); });
 }
 
@@ -49,9 +55,10 @@ void StatusLine::Print() {
   };
   const std::string announced =
       announced_kbps_ == 0 ? "no limit" : fmt::format("{} kbps", announced_kbps_);
-  PrintError(fmt::format("\r\x1b[K{:.0f} requests/s  {:.1f} MB/s  read {:.0f} kbps (announced: {})",
-                         rate(&Totals::requests), rate(&Totals::bytes) / 1e6,
-                         rate(&Totals::read_bytes) * 8 / 1e3, announced));
+  PrintError(
+      fmt::format("\r\x1b[K{}{:.0f} requests/s  {:.1f} MB/s  read {:.0f} kbps (announced: {})",
+                  line_ == nullptr ? "" : Describe(line_()), rate(&Totals::requests),
+                  rate(&Totals::bytes) / 1e6, rate(&Totals::read_bytes) * 8 / 1e3, announced));
   last_ = now;
 }
 

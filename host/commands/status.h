@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 
+#include "line/line_keeper.h"
 #include "remote/periodic.h"
 #include "remote/session.h"
 
@@ -12,7 +14,9 @@ namespace cpd::host {
 /// A status line that is rewritten every second; nothing if standard error is not a terminal.
 class StatusLine {
  public:
-  StatusLine(const Session& session, uint32_t announced_kbps);
+  /// @param line  tells what the line to the disk is doing; empty = the disk is in this process
+  StatusLine(const Session& session, uint32_t announced_kbps,
+             std::function<LineState()> line = nullptr);
   /// Erases the line.
   ~StatusLine();
   StatusLine(const StatusLine&) = delete;
@@ -29,6 +33,7 @@ class StatusLine {
 
   const Session& session_;
   const uint32_t announced_kbps_;
+  const std::function<LineState()> line_;
   Session::Clock::time_point last_time_ = Session::Clock::now();
   Totals last_;
   std::unique_ptr<Periodic> print_;

@@ -45,7 +45,7 @@ constexpr int kEndedWithStarter = 128 + SIGTERM;
 
 // ---- The messages to the starter: a request, and a text in kSay only ----
 
-enum class Task : uint32_t { kStart, kEnd, kUnmount, kSay, kRelease };
+enum class Task : uint32_t { kStart, kEnd, kUnmountNow, kUnmount, kSay, kRelease };
 
 struct Request {
   Task task;
@@ -53,7 +53,7 @@ struct Request {
 };
 
 /// The answer to kStart is the error number, 0 with three descriptors: of the command's output, of
-/// its input, and of its end.
+/// its input, and of its end. The answer to kUnmountNow is 0. There is no other.
 using Answer = int32_t;
 
 std::string Packed(Request request, std::string_view text = {}) {
@@ -222,6 +222,13 @@ class StarterProcess {
           if (command.id == request.id) End(command);
         }
         break;
+      case Task::kUnmountNow: {
+        Unmount();
+        unmounts_ = false;
+        constexpr Answer kDone = 0;
+        SendPassed(socket_.get(), {reinterpret_cast<const char*>(&kDone), sizeof kDone});
+        break;
+      }
       case Task::kUnmount:
         unmounts_ = true;
         break;
@@ -412,6 +419,12 @@ StartedLine Starter::Start() {
 
 void Starter::End(const StartedLine& line) {
   SendPassed(socket_.get(), Packed({Task::kEnd, line.id_}));
+}
+
+void Starter::Unmount() {
+  const std::lock_guard lock(starting_);
+  SendPassed(socket_.get(), Packed({Task::kUnmountNow, 0}));
+  (void)ReceivePassed(socket_.get(), sizeof(Answer));
 }
 
 void Starter::UnmountOnDeath() { SendPassed(socket_.get(), Packed({Task::kUnmount, 0})); }

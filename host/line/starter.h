@@ -52,7 +52,8 @@ class Starter {
   /// Forks. Call it before any other thread exists, so that the new process inherits no lock that
   /// another thread holds.
   /// @param command  the line, for /bin/sh -c
-  /// @param mount_point  absolute path, for UnmountOnDeath; may be empty if that is never called
+  /// @param mount_point  absolute path, for Unmount and UnmountOnDeath; may be empty if neither is
+  /// called
   /// @throws std::system_error when there is no further process or descriptor
   Starter(const std::string& command, const std::string& mount_point);
   /// Ends the commands that still run, without what was asked for OnDeath, and waits for the
@@ -70,6 +71,10 @@ class Starter {
   /// line's Ended waits. Callable from any thread.
   void End(const StartedLine& line);
 
+  /// Unmounts the mount point, on behalf of a process that may not. Waits for it. Callable from any
+  /// thread.
+  void Unmount();
+
   // ---- What happens if this process ends without having called Release ----
   // Callable from any thread. A running command is ended in any case.
 
@@ -84,7 +89,7 @@ class Starter {
  private:
   pid_t process_ = -1;
   Descriptor socket_;
-  std::mutex starting_;  // held from a request for a command to its answer
+  std::mutex starting_;  // held from a request that is answered to its answer
   uint32_t last_id_ = 0;
 };
 

@@ -1,0 +1,60 @@
+#include "commands/line_command.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdint>
+#include <exception>
+#include <optional>
+
+namespace cpd::host {
+
+void Connect(LineKeeper& keeper, const StopSignals& signals) {
+  const MortalWhile mortal(signals);
+  try {
+    keeper.Connect();
+  } catch (const std::exception& error) {
+    throw OtherSideError(error.what());
+  }
+}
+
+bool KeepUntilStopped(LineKeeper& keeper, const StopSignals& signals) {
+  const auto stop = signals.MakeDescriptor();
+  const Descriptor ended(eventfd(0, EFD_CLOEXEC));
+  std::optional<Ending> ending;
+  keeper.Keep([&](const Ending& how) {
+    ending = how;
+    const uint64_t one = 1;
+    (void)!write(ended.get(), &one, sizeof one);
+  });
+  std::array<pollfd, 2> events{{{.fd = stop.get(), .events = POLLIN, .revents = 0},
+                                {.fd = ended.get(), .events = POLLIN, .revents = 0}}};
+  while (poll(events.data(), events.size(), -1) < 0) continue;
+  const bool is_up = keeper.state().is_up;
+  keeper.Finish(Farewell::kDone, "");
+  if (events[1].revents == 0) return is_up;
+  CheckEnding(*ending);
+  return true;
+}
+
+void CheckEnding(const Ending& ending) {
+  if (ending.kind == Ending::Kind::kFarewell && ending.farewell == Farewell::kDone) return;
+  throw OtherSideError(ending.text);
+}
+
+void Refuse(LineSource& source, Role role, const std::string& why) {
+  Connection connection(source.Next(), {.magic = kHelloMagic,
+                                        .version = kStreamVersion,
+                                        .role = role,
+                                        .is_ended = 0,
+                                        .largest = 0,
+                                        .window = 0,
+                                        .session = {},
+                                        .disk = {},
+                                        .life = {}});
+  connection.SayGoodbye(Farewell::kFailed, why);
+}
+
+}  // namespace cpd::host

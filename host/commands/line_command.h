@@ -1,0 +1,39 @@
+// Shared by the commands that work over a line.
+#pragma once
+
+#include <chrono>
+#include <stdexcept>
+#include <string>
+
+#include "commands/stop_signals.h"
+#include "line/line_keeper.h"
+#include "line/line_source.h"
+
+namespace cpd::host {
+
+/// The other side refused, failed, or is gone. The program's exit status is 2 then.
+class OtherSideError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// How long the first hello may take: somebody may have to type a password.
+inline constexpr std::chrono::seconds kFirstHelloLimit{120};
+
+/// Connects; the stop signals end the process meanwhile.
+/// @throws OtherSideError when there is no line
+void Connect(LineKeeper& keeper, const StopSignals& signals);
+
+/// Keeps the line up until a stop signal, or until it ends for good.
+/// @return whether the other side knows that the session has ended
+/// @throws OtherSideError when the other side failed
+bool KeepUntilStopped(LineKeeper& keeper, const StopSignals& signals);
+
+/// Throws if a line ended for another reason than that its user wanted it to.
+void CheckEnding(const Ending& ending);
+
+/// Tells the other side why this one cannot begin.
+/// @param role  of this side
+void Refuse(LineSource& source, Role role, const std::string& why);
+
+}  // namespace cpd::host

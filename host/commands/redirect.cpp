@@ -1,0 +1,82 @@
+#include <fmt/format.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "commands/command.h"
+#include "commands/line_command.h"
+#include "commands/line_options.h"
+#include "commands/stop_signals.h"
+#include "line/dialer.h"
+#include "line/disk_end.h"
+#include "line/disk_identity.h"
+#include "line/line_keeper.h"
+#include "line/sandbox.h"
+
+namespace cpd::host {
+namespace {
+
+struct RedirectOptions {
+  DiskOptions disk;
+  LineOptions line;
+  std::string place;  ///< [USER@]HOST:MOUNTPOINT
+};
+
+/// What the program on the other machine is started with.
+std::vector<std::string> AttachArguments(const RedirectOptions& options,
+                                         const std::string& mount_point) {
+  std::vector<std::string> arguments{"attach", mount_point,
+                                     fmt::format("--window={}", options.line.window),
+                                     fmt::format("--reconnect={}", options.line.reconnect.count())};
+  if (!options.line.sandbox) arguments.emplace_back("--no-sandbox");
+  return arguments;
+}
+
+std::string LineCommand(const RedirectOptions& options) {
+  if (options.line.via.empty() == options.place.empty()) {
+    throw std::runtime_error("give one of [USER@]HOST:MOUNTPOINT and --via");
+  }
+  if (!options.line.via.empty()) return options.line.via;
+  const auto place = ParseRemotePlace(options.place);
+  if (!place) {
+    throw std::runtime_error(
+        fmt::format("{} does not name another machine: write [USER@]HOST:MOUNTPOINT, or use mount",
+                    options.place));
+  }
+  return RemoteCommand(options.line, place->host, AttachArguments(options, place->path));
+}
+
+void Redirect(RedirectOptions options) {
+  const StopSignals stop_signals;
+  const auto command = LineCommand(options);
+  CompleteOptions(&options.disk);
+  Dialer source(command);
+  DiskEnd disk({.disk = options.disk, .window = options.line.window, .session = RandomId()});
+  source.SayGoodbyeOnDeath(disk.OwnHello());
+  if (options.line.sandbox) {
+    EnterSandbox({.disk = options.disk.disk, .read_only = options.disk.read_only});
+  }
+  LineKeeper keeper(source, disk, kFirstHelloLimit, options.line.reconnect.count() != 0);
+  Connect(keeper, stop_signals);
+  const bool was_told = KeepUntilStopped(keeper, stop_signals);
+  // Otherwise the mount would wait for another line: the starter tells the other side.
+  if (was_told) source.starter().Release();
+}
+
+}  // namespace
+
+void AddRedirectCommand(CLI::App* app, CommandLine* line) {
+  auto* redirect =
+      app->add_subcommand("redirect", "Show a disk of this machine on another machine");
+  const auto options = std::make_shared<RedirectOptions>();
+  AddDiskOptions(redirect, &options->disk, line);
+  redirect->add_option("PLACE", options->place, "[USER@]HOST:MOUNTPOINT, where to mount it");
+  AddNamingOptions(redirect, &options->disk);
+  AddStreamOptions(redirect, &options->line);
+  AddDialOptions(redirect, &options->line);
+  redirect->callback([line, options] { line->run = [options] { Redirect(*options); }; });
+}
+
+}  // namespace cpd::host

@@ -1,0 +1,387 @@
+#include "line/connection.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <system_error>
+#include <utility>
+#include <variant>
+
+namespace cpd::host {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPingInterval = 3s;
+/// A line on which nothing arrives for this long is dead: four pings went without a pong.
+constexpr auto kDeadAfter = 12s;
+constexpr auto kGoodbyeLimit = 1500ms;
+constexpr size_t kMostChunks = 64;  // per system call
+
+void MakeNonBlocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
+
+/// The text of the other side, made fit for a terminal.
+std::string Printable(std::string text) {
+  std::ranges::replace_if(
+      text, [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
+  return text;
+}
+
+}  // namespace
+
+Connection::Connection(Line line, const Hello& own)
+    : in_(std::move(line.in)),
+      out_(std::move(line.out)),
+      wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      window_(own.window),
+      reader_(own.largest) {
+  reader_.Put(line.received);
+  MakeNonBlocking(in_.get());
+  MakeNonBlocking(out_.get());
+  const auto hello = std::make_shared<Hello>(own);
+  const std::lock_guard lock(mutex_);
+  pending_.push_back({hello, reinterpret_cast<const char*>(hello.get()), sizeof *hello});
+  WriteLocked();
+}
+
+Connection::~Connection() { Close(); }
+
+void Connection::Close() {
+  if (!thread_.joinable()) return;
+  {
+    const std::lock_guard lock(mutex_);
+    if (!closes_) closes_ = Clock::now();
+  }
+  Wake();
+  thread_.join();
+}
+
+// ---- Beginning ----
+
+Hello Connection::AwaitHello(std::chrono::milliseconds limit) {
+  const auto hello = std::get<Hello>(AwaitFrame(limit));
+  if (hello.version != kStreamVersion) {
+    throw StreamError(
+        fmt::format("the other side has version {} of the stream, and this side has version {}",
+                    uint16_t{hello.version}, kStreamVersion));
+  }
+  const std::lock_guard lock(mutex_);
+  // A side that claims a large window must not make this one keep as much for it.
+  their_window_ = std::min<uint64_t>(hello.window, window_);
+  their_largest_ = hello.largest;
+  return hello;
+}
+
+std::unique_ptr<CpdPacket> Connection::AwaitPacket(std::chrono::milliseconds limit) {
+  const auto end = Clock::now() + limit;
+  for (;;) {
+    auto frame = AwaitFrame(std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()));
+    if (auto* const packet = std::get_if<std::unique_ptr<CpdPacket>>(&frame)) {
+      const std::lock_guard lock(mutex_);
+      HoldLocked(**packet);
+      return std::move(*packet);
+    }
+    HandleControl(std::get<ControlFrame>(frame));
+    if (ending_) throw StreamError(ending_->text);
+  }
+}
+
+FrameReader::Frame Connection::AwaitFrame(std::chrono::milliseconds limit) {
+  const auto end = Clock::now() + limit;
+  for (;;) {
+    if (auto frame = reader_.Next()) return *std::move(frame);
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+    if (left <= 0ms) throw StreamError("the other side does not answer");
+    std::array<pollfd, 2> events{{{.fd = in_.get(), .events = POLLIN, .revents = 0},
+                                  {.fd = wake_.get(), .events = POLLIN, .revents = 0}}};
+    if (poll(events.data(), events.size(), static_cast<int>(left.count())) <= 0) continue;
+    {
+      const std::lock_guard lock(mutex_);
+      if (closes_ || is_given_up_) throw StreamError("closed");
+    }
+    if (events[1].revents != 0) DrainWake();
+    if (events[0].revents != 0 && !Receive()) throw StreamError("the line closed");
+  }
+}
+
+void Connection::Start(Handlers handlers) {
+  handlers_ = std::move(handlers);
+  heard_ = Clock::now();
+  thread_ = std::thread([this] { Run(); });
+}
+
+// ---- Sending ----
+
+uint32_t Connection::their_largest() {
+  const std::lock_guard lock(mutex_);
+  return their_largest_;
+}
+
+bool Connection::HasRoom(size_t packet_length) {
+  const std::lock_guard lock(mutex_);
+  const bool has_room = HasRoomLocked(ChargeOf(packet_length));
+  if (!has_room) is_awaiting_room_ = true;
+  return has_room;
+}
+
+/// A packet larger than the window may go when half of the window is free. Otherwise it would wait
+/// for ever, since small amounts are not reported as taken.
+bool Connection::HasRoomLocked(uint64_t charge) const {
+  return charge <= their_window_ - std::min(untaken_, their_window_) ||
+         untaken_ <= their_window_ / 2;
+}
+
+void Connection::Send(std::shared_ptr<const CpdPacket> packet) {
+  const std::lock_guard lock(mutex_);
+  if (!is_ended_) SendLocked(std::move(packet));
+}
+
+bool Connection::SendWhenRoom(std::shared_ptr<const CpdPacket> packet) {
+  const uint64_t length = packet->header->packetLen;
+  std::unique_lock lock(mutex_);
+  room_.wait(lock, [&] { return is_ended_ || HasRoomLocked(ChargeOf(length)); });
+  if (!is_ended_) SendLocked(std::move(packet));
+  return !is_ended_;
+}
+
+void Connection::SendLocked(std::shared_ptr<const CpdPacket> packet) {
+  const size_t length = packet->header->packetLen;
+  const auto* const data = reinterpret_cast<const char*>(packet->buffer->data);
+  untaken_ += ChargeOf(length);
+  unwritten_ += ChargeOf(length);
+  pending_.push_back({std::move(packet), data, length, ChargeOf(length)});
+  if (pending_.size() == 1) WriteLocked();
+}
+
+void Connection::Taken(uint64_t charge) {
+  const std::lock_guard lock(mutex_);
+  unreported_ += charge;
+  if (pending_.empty()) WriteLocked();
+}
+
+void Connection::SayGoodbye(Farewell farewell, std::string text) {
+  text.resize(std::min(text.size(), kLongestText));
+  {
+    const std::lock_guard lock(mutex_);
+    if (closes_) return;
+    AppendControlLocked(Control::kBye, static_cast<uint64_t>(farewell), text);
+    closes_ = Clock::now() + kGoodbyeLimit;
+    WriteLocked();
+  }
+  Wake();
+}
+
+void Connection::GiveUp() {
+  {
+    const std::lock_guard lock(mutex_);
+    is_given_up_ = true;
+  }
+  Wake();
+}
+
+void Connection::AppendControlLocked(Control kind, uint64_t value, std::string_view text) {
+  const ControlHead head{.magic = kControlMagic,
+                         .kind = kind,
+                         .length = static_cast<uint16_t>(text.size()),
+                         .reserved = 0,
+                         .value = value};
+  const auto frame = std::make_shared<std::string>(sizeof head, '\0');
+  std::memcpy(frame->data(), &head, sizeof head);
+  frame->append(text);
+  pending_.push_back({frame, frame->data(), frame->size()});
+}
+
+/// Few of these are ever pending, whatever the other side asks for.
+void Connection::AppendDueControlsLocked() {
+  if (closes_) return;
+  if (unreported_ >= window_ / 4) {
+    held_ -= unreported_;
+    AppendControlLocked(Control::kTaken, std::exchange(unreported_, 0));
+  }
+  if (pong_) AppendControlLocked(Control::kPong, *std::exchange(pong_, std::nullopt));
+}
+
+/// Writes what the line takes. The rest stays pending, and the connection's thread goes on.
+void Connection::WriteLocked() {
+  for (;;) {
+    if (pending_.empty()) AppendDueControlsLocked();
+    if (pending_.empty()) return;
+    std::array<iovec, kMostChunks> chunks;
+    size_t count = 0;
+    for (const auto& chunk : pending_) {
+      chunks[count++] = {const_cast<char*>(chunk.data), chunk.size};
+      if (count == chunks.size()) break;
+    }
+    const ssize_t result = writev(out_.get(), chunks.data(), static_cast<int>(count));
+    if (result < 0 && errno == EINTR) continue;
+    if (result < 0) {
+      // A broken line shows when it is read, too.
+      if (errno != EAGAIN) pending_.clear();
+      return Wake();
+    }
+    auto written = static_cast<size_t>(result);
+    while (!pending_.empty() && written >= pending_.front().size) {
+      written -= pending_.front().size;
+      unwritten_ -= pending_.front().charge;
+      pending_.pop_front();
+    }
+    if (written > 0) {
+      pending_.front().data += written;
+      pending_.front().size -= written;
+    }
+  }
+}
+
+void Connection::Wake() {
+  const uint64_t one = 1;
+  (void)!write(wake_.get(), &one, sizeof one);
+}
+
+void Connection::DrainWake() {
+  uint64_t wakes = 0;
+  (void)!read(wake_.get(), &wakes, sizeof wakes);
+}
+
+// ---- The connection's thread ----
+
+void Connection::Run() {
+  try {
+    HandleFrames();  // those that came with the hello
+    while (!ending_) Poll();
+  } catch (const StreamError& error) {
+    End(Ending::Kind::kFarewell, fmt::format("the other side sent nonsense: {}", error.what()),
+        Farewell::kFailed);
+  } catch (const std::exception& error) {
+    End(Ending::Kind::kDropped, error.what());
+  }
+  {
+    const std::lock_guard lock(mutex_);
+    is_ended_ = true;
+    pending_.clear();
+  }
+  room_.notify_all();
+  in_.Close();
+  out_.Close();
+  handlers_.ended(*ending_);
+}
+
+void Connection::End(Ending::Kind kind, std::string text, Farewell farewell) {
+  if (!ending_) ending_ = {.kind = kind, .farewell = farewell, .text = std::move(text)};
+}
+
+void Connection::Poll() {
+  std::array<pollfd, 3> events{{{.fd = in_.get(), .events = POLLIN, .revents = 0},
+                                {.fd = wake_.get(), .events = POLLIN, .revents = 0},
+                                {.fd = -1, .events = POLLOUT, .revents = 0}}};
+  std::optional<Clock::time_point> closes;
+  {
+    const std::lock_guard lock(mutex_);
+    if (!pending_.empty()) events[2].fd = out_.get();
+    closes = closes_;
+    if (is_given_up_) return End(Ending::Kind::kDropped, "a newer line takes its place");
+    if (closes && (pending_.empty() || Clock::now() >= *closes)) {
+      return End(Ending::Kind::kClosed, "");
+    }
+  }
+  const auto patience = closes ? std::max<Clock::duration>(*closes - Clock::now(), 0s) : 1s;
+  if (poll(events.data(), events.size(),
+           static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(patience).count())) < 0) {
+    if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
+    return;
+  }
+  if (events[1].revents != 0) DrainWake();
+  if (events[0].revents != 0) {
+    if (!Receive()) return End(Ending::Kind::kDropped, "the line closed");
+    heard_ = Clock::now();
+    HandleFrames();
+  }
+  if (events[2].revents != 0) {
+    const std::lock_guard lock(mutex_);
+    WriteLocked();
+  }
+  KeepAlive();
+}
+
+/// Reads what has arrived. @return false at the end of the stream
+bool Connection::Receive() {
+  auto space = reader_.Space();
+  const ssize_t count = readv(in_.get(), space.data(), static_cast<int>(space.size()));
+  if (count < 0) return errno == EAGAIN || errno == EINTR;
+  reader_.Arrived(static_cast<size_t>(count));
+  return count > 0;
+}
+
+void Connection::HandleFrames() {
+  while (auto frame = reader_.Next()) {
+    if (auto* const packet = std::get_if<std::unique_ptr<CpdPacket>>(&*frame)) {
+      {
+        const std::lock_guard lock(mutex_);
+        HoldLocked(**packet);
+      }
+      handlers_.packet(std::move(*packet));
+    } else {
+      HandleControl(std::get<ControlFrame>(*frame));
+    }
+  }
+}
+
+/// Counts a packet that has arrived.
+void Connection::HoldLocked(const CpdPacket& packet) {
+  const uint64_t charge = ChargeOf(packet.header->packetLen);
+  if (held_ + charge > window_ && held_ > window_ / 2) throw StreamError("more than its window");
+  held_ += charge;
+}
+
+void Connection::HandleControl(const ControlFrame& frame) {
+  switch (frame.kind) {
+    case Control::kPing: {
+      const std::lock_guard lock(mutex_);
+      pong_ = frame.value;
+      if (pending_.empty()) WriteLocked();
+      return;
+    }
+    case Control::kPong:
+      round_trip_ = Clock::now().time_since_epoch() -
+                    std::chrono::nanoseconds(static_cast<int64_t>(frame.value));
+      return;
+    case Control::kTaken: {
+      bool was_awaited = false;
+      {
+        const std::lock_guard lock(mutex_);
+        if (frame.value > untaken_ - unwritten_) throw StreamError("it took more than it got");
+        untaken_ -= frame.value;
+        was_awaited = std::exchange(is_awaiting_room_, false);
+      }
+      room_.notify_all();
+      if (was_awaited && handlers_.room) handlers_.room();
+      return;
+    }
+    case Control::kBye:
+      return End(Ending::Kind::kFarewell, Printable(frame.text),
+                 static_cast<Farewell>(frame.value));
+  }
+  throw StreamError(fmt::format("a control frame of kind {}", static_cast<int>(frame.kind)));
+}
+
+void Connection::KeepAlive() {
+  const auto now = Clock::now();
+  if (now - heard_ >= kDeadAfter) return End(Ending::Kind::kDropped, "the line is dead");
+  if (now - pinged_ < kPingInterval) return;
+  pinged_ = now;
+  const std::lock_guard lock(mutex_);
+  // While the line takes nothing, a ping could not leave. What the other side sends shows then
+  // whether it is there.
+  if (!pending_.empty() || closes_) return;
+  AppendControlLocked(Control::kPing, static_cast<uint64_t>(now.time_since_epoch().count()));
+  WriteLocked();
+}
+
+}  // namespace cpd::host

@@ -1,0 +1,151 @@
+// One line that is up: packets both ways over a pair of descriptors, with flow control and pings.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "cpd/packet.h"
+#include "line/descriptor.h"
+#include "line/frame_reader.h"
+#include "line/line_source.h"
+#include "line/stream.h"
+
+namespace cpd::host {
+
+/// How a connection ended.
+struct Ending {
+  enum class Kind {
+    kDropped,   ///< the line is gone; another one can take its place
+    kFarewell,  ///< the other side has ended the session
+    kClosed,    ///< this side has
+  };
+  Kind kind;
+  Farewell farewell = Farewell::kDone;  ///< of the other side
+  std::string text;                     ///< why, in words fit for a terminal
+};
+
+/// Speaks the stream with the other side.
+///
+/// Whatever the other side does, a connection holds no more than its window, one packet on its way
+/// in, and a fixed amount. Callers write to the line themselves while it takes their bytes; a
+/// thread of the connection reads, and writes what the line did not take at once.
+class Connection {
+ public:
+  struct Handlers {
+    /// Receives a packet. Runs on the connection's thread. The packet counts against the window
+    /// until it is reported with Taken.
+    std::function<void(std::unique_ptr<CpdPacket> packet)> packet;
+    /// There is room again after HasRoom was false. Runs on the connection's thread.
+    std::function<void()> room;
+    /// The connection has ended; the last call, on the connection's thread.
+    std::function<void(const Ending& ending)> ended;
+  };
+
+  /// Takes the descriptors, makes them non-blocking, and sends this side's hello.
+  Connection(Line line, const Hello& own);
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  /// Waits for the other side's hello. To be called once, before Start. A goodbye ends it.
+  /// @throws StreamError when there is none in time, or it is not from a fitting side
+  Hello AwaitHello(std::chrono::milliseconds limit);
+  /// Waits for the next packet, on the caller's thread. To be called before Start.
+  /// @throws StreamError when there is none in time, or the other side says goodbye
+  std::unique_ptr<CpdPacket> AwaitPacket(std::chrono::milliseconds limit);
+  /// Starts the connection's thread.
+  void Start(Handlers handlers);
+
+  /// Whether the other side accepts a packet of this length now.
+  [[nodiscard]] bool HasRoom(size_t packet_length);
+  /// Sends a packet whether there is room or not; never waits. Does nothing when the connection has
+  /// ended.
+  void Send(std::shared_ptr<const CpdPacket> packet);
+  /// Waits until there is room, then sends. @return false when the connection has ended
+  bool SendWhenRoom(std::shared_ptr<const CpdPacket> packet);
+  /// Reports that a received packet is no longer held.
+  /// @param charge  ChargeOf its length
+  void Taken(uint64_t charge);
+  /// Ends the session: everything sent so far goes out, then the farewell, then the line closes.
+  /// After a second and a half it closes in any case.
+  void SayGoodbye(Farewell farewell, std::string text);
+  /// Ends the connection as dropped. Callable from any thread.
+  void GiveUp();
+  /// Waits for the end of a goodbye, otherwise closes at once. No handler runs after it has
+  /// returned. Must not be called on the connection's thread.
+  void Close();
+
+  /// The longest packet that the other side takes.
+  [[nodiscard]] uint32_t their_largest();
+  /// Of the last ping; zero before the first.
+  [[nodiscard]] std::chrono::nanoseconds round_trip() const { return round_trip_; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  /// Bytes to be written, and what holds them.
+  struct Chunk {
+    std::shared_ptr<const void> owner;
+    const char* data;
+    size_t size;
+    uint64_t charge = 0;  // of a packet
+  };
+
+  FrameReader::Frame AwaitFrame(std::chrono::milliseconds limit);
+  void Run();
+  void Poll();
+  bool Receive();
+  void HandleFrames();
+  void HandleControl(const ControlFrame& frame);
+  void HoldLocked(const CpdPacket& packet);
+  void KeepAlive();
+  void End(Ending::Kind kind, std::string text, Farewell farewell = Farewell::kDone);
+  [[nodiscard]] bool HasRoomLocked(uint64_t charge) const;
+  void SendLocked(std::shared_ptr<const CpdPacket> packet);
+  void AppendControlLocked(Control kind, uint64_t value, std::string_view text = {});
+  void AppendDueControlsLocked();
+  void WriteLocked();
+  void Wake();
+  void DrainWake();
+
+  Descriptor in_;
+  Descriptor out_;
+  Descriptor wake_;
+  const uint64_t window_;  // this side's
+  FrameReader reader_;
+  Handlers handlers_;
+  std::atomic<std::chrono::nanoseconds> round_trip_{};
+
+  // The connection's thread alone uses these.
+  Clock::time_point heard_ = Clock::now();
+  Clock::time_point pinged_{};
+  std::optional<Ending> ending_;
+
+  std::mutex mutex_;
+  std::condition_variable room_;
+  std::deque<Chunk> pending_;  // guarded by mutex_, like all that follows
+  uint64_t their_window_ = 0;
+  uint32_t their_largest_ = 0;
+  uint64_t untaken_ = 0;    // charge that was sent and not reported as taken
+  uint64_t unwritten_ = 0;  // of it, the charge of packets in pending_
+  bool is_awaiting_room_ = false;
+  uint64_t held_ = 0;             // charge that was received and not reported as taken
+  uint64_t unreported_ = 0;       // of it, what is no longer held
+  std::optional<uint64_t> pong_;  // to be sent
+  bool is_ended_ = false;
+  bool is_given_up_ = false;
+  std::optional<Clock::time_point> closes_;  // when to close, after a goodbye
+  std::thread thread_;
+};
+
+}  // namespace cpd::host

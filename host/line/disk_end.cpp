@@ -1,0 +1,115 @@
+#include "line/disk_end.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "cpd/log.h"
+#include "line/asked_data.h"
+#include "line/disk_identity.h"
+#include "line/stream.h"
+#include "remote/session.h"
+#include "wire.h"
+
+namespace cpd::host {
+namespace {
+
+constexpr uint32_t kProbeId = 0x50524f42;
+
+/// A request for an empty extended attribute: every driver answers it without touching the disk.
+std::unique_ptr<CpdPacket> Probe() {
+  const XattrHead head{};
+  auto probe = std::make_unique<CpdPacket>(CPD_PACKET_HEADER_SIZE + sizeof head);
+  probe->InitHeader(Session::kDeviceId, kGetXattr, kProbeId);
+  probe->AppendPayload(&head, sizeof head);
+  return probe;
+}
+
+}  // namespace
+
+// The lock is held while the request goes to the driver, so that requests_ has the driver's order.
+// The driver only queues it.
+void Intake::HandOver(std::unique_ptr<CpdPacket> request, CpdDriver& driver) {
+  const std::lock_guard lock(mutex_);
+  const auto add = [&](std::unique_ptr<CpdPacket> packet, bool is_probe, uint64_t charge) {
+    requests_.push_back({.command = packet->header->cmd,
+                         .id = packet->header->requestId,
+                         .charge = charge,
+                         .is_probe = is_probe});
+    driver.onEvent(std::move(packet), 0);
+  };
+  const uint64_t charge = ChargeOf(request->header->packetLen);
+  add(std::move(request), false, charge);
+  since_probe_ += charge;
+  if (since_probe_ < threshold_) return;
+  since_probe_ = 0;
+  add(Probe(), true, 0);
+}
+
+bool Intake::NoteReply(const CpdPacket& reply) {
+  uint64_t charge = 0;
+  bool is_probe = false;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto answered = std::ranges::find_if(requests_, [&](const Request& request) {
+      return request.command == reply.header->cmd && request.id == reply.header->requestId;
+    });
+    if (answered == requests_.end()) return true;
+    is_probe = answered->is_probe;
+    const auto end = std::next(answered);
+    for (auto request = requests_.begin(); request != end; ++request) charge += request->charge;
+    requests_.erase(requests_.begin(), end);
+  }
+  taken_(charge);
+  return !is_probe;
+}
+
+Hello DiskEnd::OwnHello() const {
+  const auto identity = IdentityOf(options_.disk.disk);
+  return {.magic = kHelloMagic,
+          .version = kStreamVersion,
+          .role = Role::kDisk,
+          .is_ended = 0,
+          .largest = kLargestPacket,
+          .window = options_.window,
+          .session = options_.session,
+          .disk = identity.disk,
+          .life = identity.life};
+}
+
+void DiskEnd::Begin(Connection& connection, const Hello& theirs,
+                    std::function<void(const Ending&)> ended) {
+  options_.enter(theirs.session);
+  const auto intake = std::make_shared<Intake>(
+      [&connection](uint64_t charge) { connection.Taken(charge); }, options_.window / 8);
+  // Runs on the module's worker. While the line takes nothing, the worker waits here, and so does
+  // everything that is queued for it.
+  disk_.emplace(options_.disk, trace_, [&connection, intake](std::unique_ptr<CpdPacket> packet) {
+    if (!intake->NoteReply(*packet)) return;
+    if (packet->header->packetLen > std::min(connection.their_largest(), kLargestPacket)) {
+      tesselLogPrint(0, 7, "CPD_HOST", "a reply of %u bytes to a %u is too long for the line",
+                     packet->header->packetLen, packet->header->cmd);
+      return;
+    }
+    connection.SendWhenRoom(std::move(packet));
+  });
+  connection.Start({.packet =
+                        [this, intake](std::unique_ptr<CpdPacket> packet) {
+                          const uint64_t asked = DataAskedFor(*packet);
+                          if (asked > kMostData) {
+                            throw StreamError(fmt::format("a request for {} bytes", asked));
+                          }
+                          intake->HandOver(std::move(packet), disk_->driver());
+                        },
+                    .room = [] {},
+                    .ended = std::move(ended)});
+}
+
+// The connection uses the driver, and the driver the connection: first one stops, then the other.
+void DiskEnd::End(Connection& connection) {
+  connection.Close();
+  disk_.reset();
+}
+
+}  // namespace cpd::host

@@ -1,0 +1,82 @@
+// The disk's side of one connection: requests to the module, its packets to the line.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#include "cpd/driver.h"
+#include "cpd/packet.h"
+#include "line/connection.h"
+#include "line/line_keeper.h"
+#include "line/stream.h"
+#include "module/module.h"
+#include "module/served_disk.h"
+#include "module/trace_file.h"
+#include "options.h"
+
+namespace cpd::host {
+
+/// Hands requests to a driver, and finds out which of them it has taken off its queue, although it
+/// leaves some without a reply. Replies come in the order of the requests, so each one shows that
+/// those before are done. Now and then a probe is added, to which every driver replies.
+class Intake {
+ public:
+  /// @param taken      called with the charge of requests that the driver no longer holds
+  /// @param threshold  charge after which a probe is added
+  Intake(std::function<void(uint64_t charge)> taken, uint64_t threshold)
+      : taken_(std::move(taken)), threshold_(threshold) {}
+
+  void HandOver(std::unique_ptr<CpdPacket> request, CpdDriver& driver);
+  /// Notes a packet of the driver. @return false when it answers a probe: it is not for the line
+  bool NoteReply(const CpdPacket& reply);
+
+ private:
+  struct Request {
+    uint16_t command;
+    uint32_t id;
+    uint64_t charge;
+    bool is_probe;
+  };
+
+  const std::function<void(uint64_t charge)> taken_;
+  const uint64_t threshold_;
+  std::mutex mutex_;
+  std::deque<Request> requests_;  // guarded by mutex_; handed over and not known to be done
+  uint64_t since_probe_ = 0;      // guarded by mutex_; charge
+};
+
+/// The module is loaded and the disk opened anew for each line, so that nothing of an earlier one
+/// is still being carried out.
+class DiskEnd : public LineUser {
+ public:
+  struct Options {
+    DiskOptions disk;
+    uint64_t window = kDefaultWindow;
+    Id128 session{};  ///< of a side that sets the line up; zeros otherwise
+    /// Called with the session that the other side has set up, before the disk is opened. Throws
+    /// when an older process of this session does not end.
+    std::function<void(const Id128& session)> enter = [](const Id128&) {};
+  };
+
+  explicit DiskEnd(Options options)
+      : options_(std::move(options)), trace_(options_.disk.trace), module_(options_.disk.module) {}
+
+  [[nodiscard]] Hello OwnHello() const override;
+  /// @throws std::runtime_error when the disk cannot be opened
+  void Begin(Connection& connection, const Hello& theirs,
+             std::function<void(const Ending&)> ended) override;
+  void End(Connection& connection) override;
+
+ private:
+  const Options options_;
+  TraceFile trace_;
+  const Module module_;  // stays loaded, since a process in its sandbox cannot load it again
+  std::optional<ServedDisk> disk_;  // while there is a line
+};
+
+}  // namespace cpd::host

@@ -1,0 +1,82 @@
+#include "line/disk_identity.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <linux/magic.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/sysmacros.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <string_view>
+#include <system_error>
+
+namespace cpd::host {
+namespace {
+
+/// The UUID that udev has read from a block device; empty if it has none.
+std::string UuidOf(unsigned major, unsigned minor) {
+  constexpr std::string_view kKey = "E:ID_FS_UUID=";
+  std::ifstream database(fmt::format("/run/udev/data/b{}:{}", major, minor));
+  for (std::string line; std::getline(database, line);) {
+    if (line.starts_with(kKey)) return line.substr(kKey.size());
+  }
+  return {};
+}
+
+std::string BootId() {
+  std::ifstream file("/proc/sys/kernel/random/boot_id");
+  std::string id;
+  std::getline(file, id);
+  return id;
+}
+
+/// Two independent 64-bit FNV-1a hashes. The ids tell honest disks apart; a side that lies about
+/// them harms nobody but its own user.
+Id128 Digest(std::string_view text) {
+  Id128 digest;
+  for (size_t half = 0; half < 2; ++half) {
+    uint64_t hash = 0xcbf29ce484222325 + half;
+    for (const unsigned char c : text) hash = (hash ^ c) * 0x100000001b3;
+    std::memcpy(digest.data() + half * sizeof hash, &hash, sizeof hash);
+  }
+  return digest;
+}
+
+/// On FAT, a directory's inode number changes with every mount.
+bool HasStableInodes(const struct statfs& file_system) {
+  constexpr long kExfatMagic = 0x2011bab0;
+  return file_system.f_type != MSDOS_SUPER_MAGIC && file_system.f_type != kExfatMagic;
+}
+
+}  // namespace
+
+DiskIdentity IdentityOf(const std::string& directory) {
+  struct statx status {};
+  struct statfs file_system {};
+  if (statx(AT_FDCWD, directory.c_str(), 0, STATX_INO | STATX_MNT_ID, &status) != 0 ||
+      statfs(directory.c_str(), &file_system) != 0) {
+    throw std::system_error(errno, std::generic_category(), directory);
+  }
+  std::string disk = UuidOf(status.stx_dev_major, status.stx_dev_minor);
+  if (disk.empty()) {
+    disk = fmt::format("{:x} {:x}", file_system.f_fsid.__val[0], file_system.f_fsid.__val[1]);
+  }
+  if (HasStableInodes(file_system)) disk += fmt::format(" {}", uint64_t{status.stx_ino});
+  return {.disk = Digest(disk),
+          .life = Digest(fmt::format("{} {}", BootId(), uint64_t{status.stx_mnt_id}))};
+}
+
+Id128 RandomId() {
+  Id128 id;
+  if (getrandom(id.data(), id.size(), 0) != static_cast<ssize_t>(id.size())) {
+    throw std::system_error(errno, std::generic_category(), "random bytes");
+  }
+  return id;
+}
+
+}  // namespace cpd::host

@@ -1,0 +1,157 @@
+#include "line/line_keeper.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include "cpd/log.h"
+
+namespace cpd::host {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kLaterLimit = 30s;
+constexpr std::chrono::milliseconds kFirstPause = 500ms;
+constexpr std::chrono::milliseconds kLongestPause = 10s;
+
+void Log(std::string what, const std::string& why) {
+  if (!why.empty()) what += "; " + why;
+  tesselLogPrint(0, 7, "CPD_HOST", "%s", what.c_str());
+}
+
+}  // namespace
+
+LineKeeper::LineKeeper(LineSource& source, LineUser& user, std::chrono::seconds first_limit,
+                       bool reconnects)
+    : source_(source), user_(user), first_limit_(first_limit), reconnects_(reconnects) {}
+
+LineKeeper::~LineKeeper() { Finish(Farewell::kDone, ""); }
+
+void LineKeeper::Connect() {
+  try {
+    SetUp(first_limit_);
+  } catch (const std::exception& error) {
+    const auto why = Drop();
+    throw std::runtime_error(why.empty() ? error.what() : fmt::format("{}; {}", error.what(), why));
+  }
+}
+
+void LineKeeper::Keep(std::function<void(const Ending&)> on_end) {
+  on_end_ = std::move(on_end);
+  keeper_ = std::thread([this] { KeepUp(); });
+}
+
+void LineKeeper::Finish(Farewell farewell, const std::string& text) {
+  {
+    const std::lock_guard lock(mutex_);
+    is_finished_ = true;
+    if (connection_ != nullptr) connection_->SayGoodbye(farewell, text);
+  }
+  changed_.notify_all();
+  source_.Stop();
+  if (keeper_.joinable()) keeper_.join();
+  Drop();
+}
+
+void LineKeeper::GiveUpLine() {
+  const std::lock_guard lock(mutex_);
+  if (connection_ != nullptr) connection_->GiveUp();
+}
+
+LineState LineKeeper::state() const {
+  const std::lock_guard lock(mutex_);
+  return {.is_up = is_up_,
+          .round_trip = is_up_ ? connection_->round_trip() : std::chrono::nanoseconds{},
+          .drops = drops_};
+}
+
+void LineKeeper::SetUp(std::chrono::milliseconds greeting_limit) {
+  auto line = source_.Next();
+  const auto connection = std::make_shared<Connection>(std::move(line), user_.OwnHello());
+  {
+    const std::lock_guard lock(mutex_);
+    connection_ = connection;
+    ending_.reset();
+    if (is_finished_) throw std::runtime_error("stopped");
+  }
+  const auto theirs = connection->AwaitHello(greeting_limit);
+  try {
+    if (theirs.role == user_.OwnHello().role) throw StreamError("both sides have the same role");
+    user_.Begin(*connection, theirs, [this](const Ending& ending) {
+      {
+        const std::lock_guard lock(mutex_);
+        ending_ = ending;
+        is_up_ = false;
+      }
+      changed_.notify_all();
+    });
+  } catch (const std::exception& error) {
+    connection->SayGoodbye(Farewell::kFailed, error.what());
+    const std::lock_guard lock(mutex_);
+    // What the other side says of its end explains more than that it has ended.
+    if (ending_ && ending_->kind == Ending::Kind::kFarewell)
+      throw std::runtime_error(ending_->text);
+    throw;
+  }
+  const std::lock_guard lock(mutex_);
+  is_up_ = !ending_;
+}
+
+/// Lets go of the line, if there is one. @return why it ended, as far as its source knows
+std::string LineKeeper::Drop() {
+  std::shared_ptr<Connection> connection;
+  {
+    const std::lock_guard lock(mutex_);
+    connection = std::exchange(connection_, nullptr);
+    is_up_ = false;
+  }
+  if (connection == nullptr) return {};
+  user_.End(*connection);
+  connection->Close();
+  return source_.Finish();
+}
+
+// ---- The keeper's thread ----
+
+void LineKeeper::KeepUp() {
+  while (const auto ending = AwaitEnd()) {
+    const auto why = Drop();
+    if (ending->kind != Ending::Kind::kDropped || !reconnects_) return on_end_(*ending);
+    Log(fmt::format("the line dropped: {}", ending->text), why);
+    if (!SetUpAnew()) return;
+  }
+}
+
+/// Waits for the end of the line. @return empty when Finish was called
+std::optional<Ending> LineKeeper::AwaitEnd() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [this] { return is_finished_ || ending_; });
+  return is_finished_ ? std::nullopt : ending_;
+}
+
+/// Tries until there is a line. @return false when Finish was called
+bool LineKeeper::SetUpAnew() {
+  {
+    const std::lock_guard lock(mutex_);
+    ++drops_;
+  }
+  auto pause = 0ms;
+  for (;;) {
+    try {
+      SetUp(kLaterLimit);
+      return true;
+    } catch (const std::exception& error) {
+      const auto why = Drop();
+      Log(fmt::format("no line yet: {}", error.what()), why);
+    }
+    pause = std::clamp(pause * 2, kFirstPause, kLongestPause);
+    std::unique_lock lock(mutex_);
+    if (changed_.wait_for(lock, pause, [this] { return is_finished_; })) return false;
+  }
+}
+
+}  // namespace cpd::host

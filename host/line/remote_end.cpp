@@ -1,0 +1,74 @@
+#include "line/remote_end.h"
+
+#include <utility>
+
+#include "remote/announcement.h"
+
+namespace cpd::host {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kAnnouncementLimit = 10s;
+
+AnnouncedDisk AwaitAnnouncement(Connection& connection) {
+  for (;;) {
+    const auto packet = connection.AwaitPacket(kAnnouncementLimit);
+    connection.Taken(ChargeOf(packet->header->packetLen));
+    if (auto disk = ReadAnnouncement(*packet)) return *std::move(disk);
+  }
+}
+
+}  // namespace
+
+RemoteEnd::RemoteEnd(RemoteEndOptions options)
+    : options_(std::move(options)), session_(options_.time_limit, options_.patience) {}
+
+AnnouncedDisk RemoteEnd::disk() const {
+  const std::lock_guard lock(mutex_);
+  return disk_;
+}
+
+Hello RemoteEnd::OwnHello() const {
+  return {.magic = kHelloMagic,
+          .version = kStreamVersion,
+          .role = Role::kRemote,
+          .is_ended = 0,
+          .largest = kLargestPacket,
+          .window = options_.window,
+          .session = options_.session,
+          .disk = {},
+          .life = {}};
+}
+
+void RemoteEnd::Begin(Connection& connection, const Hello& theirs,
+                      std::function<void(const Ending&)> ended) {
+  NoteDisk(theirs, AwaitAnnouncement(connection));
+  connection.Start({.packet =
+                        [this, &connection](std::unique_ptr<CpdPacket> packet) {
+                          const uint64_t charge = ChargeOf(packet->header->packetLen);
+                          session_.Receive(std::move(packet));
+                          connection.Taken(charge);
+                        },
+                    .room = [this] { session_.Proceed(); },
+                    .ended = std::move(ended)});
+  connection.Send(MountResponse(options_.drive, disk().name));
+  channel_.emplace(connection);
+  session_.Start(&*channel_);
+}
+
+void RemoteEnd::End(Connection& /*connection*/) { session_.Break(); }
+
+void RemoteEnd::NoteDisk(const Hello& theirs, const AnnouncedDisk& disk) {
+  std::optional<Hello> before;
+  {
+    const std::lock_guard lock(mutex_);
+    before = std::exchange(before_, theirs);
+    disk_ = disk;
+  }
+  if (!before) return options_.on_first(disk);
+  if (before->disk != theirs.disk) return options_.on_renewal(Renewal::kDisk);
+  if (before->life != theirs.life) options_.on_renewal(Renewal::kLife);
+}
+
+}  // namespace cpd::host
