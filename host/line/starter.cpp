@@ -40,6 +40,8 @@ constexpr auto kLastWordsLimit = 10s;
 /// Commands that run at the same time. One is the rule, and two while the older one still ends. The
 /// limit holds for a process that was taken over, too.
 constexpr size_t kMostCommands = 4;
+/// What a stream holds that its reader has not taken, in bytes.
+constexpr int kStreamRoom = 2 << 20;
 /// What became of a command whose starter was killed: SIGTERM, by PR_SET_PDEATHSIG.
 constexpr int kEndedWithStarter = 128 + SIGTERM;
 
@@ -60,6 +62,15 @@ std::string Packed(Request request, std::string_view text = {}) {
   std::string bytes(sizeof request, '\0');
   std::memcpy(bytes.data(), &request, sizeof request);
   return bytes.append(text);
+}
+
+/// Lets a stream hold a whole packet of the usual size, so that a thread that sends one does not wait
+/// for the reader several times. Without privilege, the system's limit holds.
+void Widen(int socket) {
+  const int bytes = kStreamRoom;
+  if (setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0) {
+    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+  }
 }
 
 /// waitpid, whatever signals arrive.
@@ -255,6 +266,9 @@ class StarterProcess {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()) != 0) return errno;
     Descriptor input(pair[0]);
     const Descriptor command_input(pair[1]);
+    for (const int end : {output.get(), command_output.get(), input.get(), command_input.get()}) {
+      Widen(end);
+    }
     if (pipe2(pair.data(), O_CLOEXEC) != 0) return errno;
     Descriptor ended(pair[0]);
     Descriptor status(pair[1]);
