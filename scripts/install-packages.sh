@@ -7,7 +7,7 @@ set -euo pipefail
 build=(
   g++ cmake ninja-build pkg-config
   libglib2.0-dev libjsoncpp-dev # the module
-  libfuse3-dev fuse3 libcli11-dev libfmt-dev libseccomp-dev # the host
+  libfuse3-dev fuse3 libcli11-dev libfmt-dev libseccomp-dev libudev-dev # the host
 )
 test=(
   libgtest-dev libbenchmark-dev libumockdev-dev librapidcheck-dev umockdev

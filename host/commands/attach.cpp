@@ -1,6 +1,7 @@
 #include <csignal>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <utility>
@@ -27,6 +28,7 @@ struct AttachOptions {
   DiskOptions disk;
   LineOptions line;
   std::string mount_point;
+  bool makes_directory = false;
 };
 
 /// Gives the line to the process that holds the mount, if there is one.
@@ -55,6 +57,7 @@ void Attach(AttachOptions options) {
     std::memcpy(&hello, line.received.data(), sizeof hello);
     if (HandOver(directory, options, line) || hello.is_ended != 0) return;
   }
+  if (options.makes_directory) std::filesystem::create_directories(options.mount_point);
   const auto mount_point = CheckedMountPoint(options.mount_point);
   Starter starter("", mount_point);
   const HandoverListener listener(directory, options.mount_point);
@@ -81,6 +84,8 @@ void AddAttachCommand(CLI::App* app, CommandLine* line) {
       "attach", "Mount the disk that standard input and output lead to; `redirect` starts this");
   const auto options = std::make_shared<AttachOptions>();
   attach->add_option("MOUNTPOINT", options->mount_point, "Where to mount")->required();
+  attach->add_flag("--make-directory", options->makes_directory,
+                   "Make MOUNTPOINT if it is missing; it stays");
   AddLogOptions(attach, line);
   AddMountOptions(attach, &options->disk);
   AddStreamOptions(attach, &options->line);

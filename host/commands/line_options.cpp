@@ -12,7 +12,7 @@ void AddStreamOptions(CLI::App* command, LineOptions* options) {
   command
       ->add_option("--window", options->window,
                    "Bytes that may be on their way to each side [16777216]")
-      ->check(CLI::Range(uint64_t{1} << 20, uint64_t{1} << 30))
+      ->check(CLI::Range(uint64_t{1} << 20, uint64_t{1} << 30).description(""))
       ->type_name("BYTES");
   command->add_flag("!--no-sandbox", options->sandbox,
                     "Do not shut this process in; for debugging");

@@ -3,12 +3,14 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "commands/command.h"
 #include "commands/line_command.h"
 #include "commands/line_options.h"
 #include "commands/stop_signals.h"
+#include "commands/usb_redirection.h"
 #include "line/dialer.h"
 #include "line/disk_end.h"
 #include "line/disk_identity.h"
@@ -22,6 +24,9 @@ struct RedirectOptions {
   DiskOptions disk;
   LineOptions line;
   std::string place;  ///< [USER@]HOST:MOUNTPOINT
+  bool makes_directory = false;
+  bool usb = false;
+  std::string match;
 };
 
 /// What the program on the other machine is started with.
@@ -30,6 +35,7 @@ std::vector<std::string> AttachArguments(const RedirectOptions& options,
   std::vector<std::string> arguments{"attach", mount_point,
                                      fmt::format("--window={}", options.line.window),
                                      fmt::format("--reconnect={}", options.line.reconnect.count())};
+  if (options.makes_directory) arguments.emplace_back("--make-directory");
   if (!options.line.sandbox) arguments.emplace_back("--no-sandbox");
   return arguments;
 }
@@ -65,6 +71,34 @@ void Redirect(RedirectOptions options) {
   if (was_told) source.starter().Release();
 }
 
+/// What each USB disk is redirected with: the options that were given, but for those of the disks.
+std::vector<std::string> ArgumentsOfEach(const CLI::App& redirect) {
+  std::vector<std::string> arguments;
+  for (const auto* const option : redirect.get_options()) {
+    const auto& name = option->get_name();
+    if (option->count() == 0 || option->get_positional() || name == "--usb" || name == "--match") {
+      continue;
+    }
+    arguments.push_back(name);
+    if (option->get_items_expected() > 0) arguments.push_back(option->as<std::string>());
+  }
+  return arguments;
+}
+
+void RedirectUsb(const RedirectOptions& options, std::vector<std::string> arguments) {
+  if (!options.disk.disk.empty() && !options.place.empty()) {
+    throw std::runtime_error("give either --usb or DISK, not both");
+  }
+  const StopSignals stop_signals;
+  const auto& place = options.disk.disk;  // the only place given
+  if (!ParseRemotePlace(place)) {
+    throw std::runtime_error(
+        fmt::format("{} does not name another machine: write [USER@]HOST:DIRECTORY", place));
+  }
+  RedirectUsbDisks({.match = options.match, .place = place, .arguments = std::move(arguments)},
+                   stop_signals);
+}
+
 }  // namespace
 
 void AddRedirectCommand(CLI::App* app, CommandLine* line) {
@@ -76,7 +110,18 @@ void AddRedirectCommand(CLI::App* app, CommandLine* line) {
   AddNamingOptions(redirect, &options->disk);
   AddStreamOptions(redirect, &options->line);
   AddDialOptions(redirect, &options->line);
-  redirect->callback([line, options] { line->run = [options] { Redirect(*options); }; });
+  redirect->add_flag("--make-directory", options->makes_directory,
+                     "Make MOUNTPOINT there if it is missing; it stays");
+  redirect->add_flag("--usb", options->usb,
+                     "Redirect every USB disk that is plugged in, to HOST:DIRECTORY/LABEL");
+  redirect->add_option("--match", options->match, "With --usb: only the disk of this label or UUID")
+      ->type_name("LABEL|UUID");
+  redirect->callback([redirect, line, options] {
+    line->run = [redirect, options] {
+      if (options->usb) return RedirectUsb(*options, ArgumentsOfEach(*redirect));
+      Redirect(*options);
+    };
+  });
 }
 
 }  // namespace cpd::host
