@@ -164,14 +164,14 @@ void Connection::SendLocked(std::shared_ptr<const CpdPacket> packet) {
 void Connection::Taken(uint64_t charge) {
   const std::lock_guard lock(mutex_);
   unreported_ += charge;
-  if (pending_.empty()) WriteLocked();
+  if (!is_ended_ && pending_.empty()) WriteLocked();
 }
 
 void Connection::SayGoodbye(Farewell farewell, std::string text) {
   text.resize(std::min(text.size(), kLongestText));
   {
     const std::lock_guard lock(mutex_);
-    if (closes_) return;
+    if (closes_ || is_ended_) return;
     AppendControlLocked(Control::kBye, static_cast<uint64_t>(farewell), text);
     closes_ = Clock::now() + kGoodbyeLimit;
     WriteLocked();
@@ -266,10 +266,10 @@ void Connection::Run() {
     const std::lock_guard lock(mutex_);
     is_ended_ = true;
     pending_.clear();
+    in_.Close();
+    out_.Close();
   }
   room_.notify_all();
-  in_.Close();
-  out_.Close();
   handlers_.ended(*ending_);
 }
 

@@ -120,6 +120,7 @@ void Session::Ask(std::unique_ptr<CpdPacket> request, Done done,
   {
     const std::lock_guard lock(mutex_);
     if (!is_stopped_ && !is_refusing_ && request->header != nullptr) {
+      if (outstanding_.empty() && waiting_.empty()) waiting_since_ = Clock::now();
       waiting_.push_back({.command = request->header->cmd,
                           .packet = std::move(request),
                           .done = std::move(done),
@@ -306,7 +307,7 @@ void Session::Watch() {
     const auto now = Clock::now();
     if (broken_) {
       if (now - *broken_ >= patience_) given_up = TakeAllLocked();
-    } else if (channel_ != nullptr && !outstanding_.empty()) {
+    } else if (channel_ != nullptr && !(outstanding_.empty() && waiting_.empty())) {
       const auto waited = now - waiting_since_;
       if (waited >= time_limit_) {
         given_up = TakeAllLocked();
