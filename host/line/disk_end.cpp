@@ -7,7 +7,6 @@
 
 #include "cpd/log.h"
 #include "line/asked_data.h"
-#include "line/disk_identity.h"
 #include "line/stream.h"
 #include "remote/session.h"
 #include "wire.h"
@@ -66,7 +65,7 @@ bool Intake::NoteReply(const CpdPacket& reply) {
 }
 
 Hello DiskEnd::OwnHello() const {
-  const auto identity = IdentityOf(options_.disk.disk);
+  const auto identity = identifier_.Now();
   return {.magic = kHelloMagic,
           .version = kStreamVersion,
           .role = Role::kDisk,

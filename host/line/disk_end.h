@@ -12,6 +12,7 @@
 #include "cpd/driver.h"
 #include "cpd/packet.h"
 #include "line/connection.h"
+#include "line/disk_identity.h"
 #include "line/line_keeper.h"
 #include "line/stream.h"
 #include "module/module.h"
@@ -64,7 +65,10 @@ class DiskEnd : public LineUser {
   };
 
   explicit DiskEnd(Options options)
-      : options_(std::move(options)), trace_(options_.disk.trace), module_(options_.disk.module) {}
+      : options_(std::move(options)),
+        identifier_(options_.disk.disk),
+        trace_(options_.disk.trace),
+        module_(options_.disk.module) {}
 
   [[nodiscard]] Hello OwnHello() const override;
   /// @throws std::runtime_error when the disk cannot be opened
@@ -74,6 +78,7 @@ class DiskEnd : public LineUser {
 
  private:
   const Options options_;
+  const DiskIdentifier identifier_;
   TraceFile trace_;
   const Module module_;  // stays loaded, since a process in its sandbox cannot load it again
   std::optional<ServedDisk> disk_;  // while there is a line

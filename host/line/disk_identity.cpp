@@ -14,14 +14,16 @@
 #include <fstream>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 namespace cpd::host {
 namespace {
 
 /// The UUID that udev has read from a block device; empty if it has none.
-std::string UuidOf(unsigned major, unsigned minor) {
+/// @param device  "major:minor"
+std::string UuidOf(const std::string& device) {
   constexpr std::string_view kKey = "E:ID_FS_UUID=";
-  std::ifstream database(fmt::format("/run/udev/data/b{}:{}", major, minor));
+  std::ifstream database("/run/udev/data/b" + device);
   for (std::string line; std::getline(database, line);) {
     if (line.starts_with(kKey)) return line.substr(kKey.size());
   }
@@ -47,6 +49,18 @@ Id128 Digest(std::string_view text) {
   return digest;
 }
 
+struct statx Look(const std::string& directory) {
+  struct statx status {};
+  if (statx(AT_FDCWD, directory.c_str(), 0, STATX_INO | STATX_MNT_ID, &status) != 0) {
+    throw std::system_error(errno, std::generic_category(), directory);
+  }
+  return status;
+}
+
+std::string DeviceOf(const struct statx& status) {
+  return fmt::format("{}:{}", status.stx_dev_major, status.stx_dev_minor);
+}
+
 /// On FAT, a directory's inode number changes with every mount.
 bool HasStableInodes(const struct statfs& file_system) {
   constexpr long kExfatMagic = 0x2011bab0;
@@ -55,20 +69,26 @@ bool HasStableInodes(const struct statfs& file_system) {
 
 }  // namespace
 
-DiskIdentity IdentityOf(const std::string& directory) {
-  struct statx status {};
+DiskIdentifier::DiskIdentifier(std::string directory)
+    : directory_(std::move(directory)),
+      boot_(BootId()),
+      device_(DeviceOf(Look(directory_))),
+      uuid_(UuidOf(device_)) {}
+
+DiskIdentity DiskIdentifier::Now() const {
+  const auto status = Look(directory_);
   struct statfs file_system {};
-  if (statx(AT_FDCWD, directory.c_str(), 0, STATX_INO | STATX_MNT_ID, &status) != 0 ||
-      statfs(directory.c_str(), &file_system) != 0) {
-    throw std::system_error(errno, std::generic_category(), directory);
+  if (statfs(directory_.c_str(), &file_system) != 0) {
+    throw std::system_error(errno, std::generic_category(), directory_);
   }
-  std::string disk = UuidOf(status.stx_dev_major, status.stx_dev_minor);
+  const auto device = DeviceOf(status);
+  std::string disk = device == device_ ? uuid_ : UuidOf(device);
   if (disk.empty()) {
     disk = fmt::format("{:x} {:x}", file_system.f_fsid.__val[0], file_system.f_fsid.__val[1]);
   }
   if (HasStableInodes(file_system)) disk += fmt::format(" {}", uint64_t{status.stx_ino});
   return {.disk = Digest(disk),
-          .life = Digest(fmt::format("{} {}", BootId(), uint64_t{status.stx_mnt_id}))};
+          .life = Digest(fmt::format("{} {}", boot_, uint64_t{status.stx_mnt_id}))};
 }
 
 Id128 RandomId() {

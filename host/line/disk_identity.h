@@ -14,9 +14,23 @@ struct DiskIdentity {
                ///< data that was not synced may then be lost
 };
 
-/// @param directory  an absolute path
-/// @throws std::system_error when it cannot be looked at
-DiskIdentity IdentityOf(const std::string& directory);
+/// Finds out which disk is at a directory. What a sandbox hides is read when this is made.
+class DiskIdentifier {
+ public:
+  /// @param directory  an absolute path
+  /// @throws std::system_error when it cannot be looked at
+  explicit DiskIdentifier(std::string directory);
+
+  /// The disk that is there now.
+  /// @throws std::system_error when the directory cannot be looked at
+  [[nodiscard]] DiskIdentity Now() const;
+
+ private:
+  const std::string directory_;
+  const std::string boot_;
+  const std::string device_;  // where the directory was
+  const std::string uuid_;    // of the file system there; empty if it has none
+};
 
 /// 16 bytes that nobody can guess.
 Id128 RandomId();
