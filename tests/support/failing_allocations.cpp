@@ -1,5 +1,7 @@
 #include "support/failing_allocations.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
@@ -68,8 +70,13 @@ void* __wrap_calloc(size_t count, size_t size) {
 }
 void* __wrap_realloc(void* block, size_t size) {
   if (Refused(size)) return nullptr;
-  void* const moved = __real_realloc(block, size);
-  return block == nullptr ? Made(moved) : moved;
+  if (!t_counting) return __real_realloc(block, size);
+  if (block == nullptr) return Made(__real_malloc(size));
+  // Always moves the block, as realloc may, so that a pointer into the old one shows.
+  void* const moved = __real_malloc(size);
+  std::memcpy(moved, block, std::min(size, malloc_usable_size(block)));
+  __real_free(block);
+  return moved;
 }
 char* __wrap_strdup(const char* text) {
   return Refused(std::strlen(text) + 1) ? nullptr : static_cast<char*>(Made(__real_strdup(text)));

@@ -38,6 +38,13 @@ class Shims {
     Write(program + ".output", output);
     Put(program, "/bin/cat '" + File(program + ".output") + "'", status);
   }
+  /// A program that runs until Release.
+  void AddWaiting(const std::string& program) {
+    if (mkfifo(File("gate").c_str(), 0600) != 0) throw std::runtime_error("cannot make a FIFO");
+    Put(program, ": <'" + File("gate") + "'", 0);
+  }
+  /// Lets a program that AddWaiting added end; waits until it has been called.
+  void Release() const { std::ofstream(File("gate")); }
   /// Replaces cat by one that finds only the files that SetFile makes.
   void AddCat() { Put("cat", "/bin/cat '" + File("root") + "'\"$1\" 2>/dev/null", 0); }
   void SetFile(const std::string& path, const std::string& content) {

@@ -1,8 +1,10 @@
 // Mounting and unmounting partitions: the shell commands that the service runs.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -196,6 +198,18 @@ TEST_F(MountLocalTest, ACommandThatWouldBeCutIsNotRun) {
   EXPECT_EQ(info.mountPoint, ("/media/" + label_of_quotes).substr(0, 31));
 }
 
+TEST_F(MountLocalTest, ACommandOf255BytesRunsAndALongerOneDoesNot) {
+  // Each quote becomes four characters in the command.
+  const std::string device(31, '\'');
+  const std::string label = "no/" + std::string(15, '\'') + "dd";
+  UDiskInfo fits = Partition(device, label, "ntfs");
+  EXPECT_EQ(service.MountLocal(&fits), 0);
+  EXPECT_EQ(shims.Calls().size(), 2U);
+  UDiskInfo longer = Partition(device, label + "d", "ntfs");
+  EXPECT_EQ(service.MountLocal(&longer), -1);
+  EXPECT_EQ(shims.Calls().size(), 3U) << "only umount has run";
+}
+
 // ---- UmountLocal ----
 
 class UmountLocalTest : public LocalMountTest {
@@ -226,6 +240,13 @@ TEST_F(UmountLocalTest, UnmountsLazilyAndRemovesOneDirectoryAfterTheOther) {
   EXPECT_EQ(service.UmountLocal(), 0);
   EXPECT_EQ(shims.CommandLines(), (Lines{"umount -l /media/A", "rm -rf /media/A",
                                          "umount -l /media/B", "rm -rf /media/B"}));
+}
+
+TEST_F(UmountLocalTest, WaitsForEachCommandToEnd) {
+  SetList({"/media/A"});
+  EXPECT_EQ(service.UmountLocal(), 0);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a command runs, or nobody waited for its end";
+  EXPECT_EQ(errno, ECHILD);
 }
 
 TEST_F(UmountLocalTest, ForgetsTheListAndTheMountPoint) {

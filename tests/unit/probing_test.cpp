@@ -1,10 +1,17 @@
 // Finding USB disks: what the service reads from sysfs, the partition table and blkid.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <set>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -357,6 +364,37 @@ class GetDeviceLabelTest : public ProbingTest {
     return {{"/dev/sdb1", label, type}};
   }
 };
+
+/// The pipes that this process has open.
+std::set<int> OpenPipes() {
+  std::set<int> pipes;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const std::string target = std::filesystem::read_symlink(entry.path(), gone);
+    if (target.starts_with("pipe:")) pipes.insert(std::stoi(entry.path().filename()));
+  }
+  return pipes;
+}
+
+TEST_F(GetDeviceLabelTest, TheOutputOfItsCommandIsNotPassedToOtherPrograms) {
+  shims.AddWaiting("blkid");
+  const std::set<int> before = OpenPipes();
+  auto probing = std::async(std::launch::async, [] {
+    UdiskDevice found{};
+    return UDiskService::GetDeviceLabel("sdb1", &found);
+  });
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  while (shims.Calls().empty() && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+  int seen = 0;
+  for (const int pipe : OpenPipes()) {
+    if (before.count(pipe) != 0) continue;
+    ++seen;
+    EXPECT_EQ(fcntl(pipe, F_GETFD), FD_CLOEXEC);
+  }
+  EXPECT_EQ(seen, 1);
+  shims.Release();
+  EXPECT_EQ(probing.get(), 0);
+}
 
 TEST_F(GetDeviceLabelTest, ListsThePartitionsOfTheDiskInTheirOrder) {
   EXPECT_EQ(Find(R"(/dev/vda: UUID="1" TYPE="ext4"
