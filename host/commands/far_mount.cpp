@@ -55,7 +55,10 @@ void MountOverLine(LineSource& source, FarMount far, const StopSignals& stop_sig
                        // From here on, what the other side sends has a meaning.
                        if (far.line.sandbox) EnterSandbox({.writable = far.OwnDirectories()});
                      },
-                 .on_renewal = [](Renewal) {}});
+                 .on_renewal =
+                     [&](Renewal renewal) {
+                       if (renewal == Renewal::kLife) mount->NoteLoss();
+                     }});
   LineKeeper keeper(source, end, kFirstHelloLimit, far.line.reconnect.count() != 0);
   Connect(keeper, stop_signals);
   mount.emplace(end.session(), far.disk, *kernel);

@@ -49,6 +49,11 @@ class FuseMount {
   ///                      while it serves
   void Serve(const sigset_t& stop_signals);
 
+  /// The disk may have lost what was answered but not synced: another line leads to it, and its
+  /// machine was booted or it was mounted anew in between. To be called before requests go over
+  /// that line; callable from any thread.
+  void NoteLoss() { open_files_.LoseUnsynced(); }
+
   /// What the kernel calls.
   static fuse_lowlevel_ops Operations();
 

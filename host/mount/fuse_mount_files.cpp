@@ -247,45 +247,56 @@ void FuseMount::ReplyWritten(fuse_req_t request, fuse_ino_t node, size_t size, i
 void FuseMount::Flush(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* handle) {
   const auto node = open_files_.NodeOf(handle->fh);
   writes_.Drain(node);
-  if (const int error = open_files_.TakeFailure(handle->fh); error != 0) {
+  if (const int error = open_files_.TakeFailureOrLoss(handle->fh); error != 0) {
     return void(fuse_reply_err(request, error));
   }
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!file || !open_files_.IsWritten(node)) return void(fuse_reply_err(request, 0));
-  files_.Flush(file->path, [request](Outcome outcome) {
-    fuse_reply_err(request, outcome == Outcome::kDone ? 0 : EIO);
+  files_.Flush(file->path, [this, request, handle = handle->fh](Outcome outcome) {
+    // The answer may have come over another line than the answers to the writes.
+    const int error = open_files_.TakeFailureOrLoss(handle);
+    fuse_reply_err(request, outcome == Outcome::kDone ? error : EIO);
   });
 }
 
 void FuseMount::Sync(fuse_req_t request, fuse_ino_t /*node*/, int /*data_only*/,
                      fuse_file_info* handle) {
   const auto node = open_files_.NodeOf(handle->fh);
+  const auto last_write = open_files_.LastWrite();
   writes_.Drain(node);
-  if (const int error = open_files_.TakeFailure(handle->fh); error != 0) {
+  if (const int error = open_files_.TakeFailureOrLoss(handle->fh); error != 0) {
     return void(fuse_reply_err(request, error));
   }
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!file) return void(fuse_reply_err(request, ESTALE));
   const ModeGuard access(files_, file->path, file->attributes.st_mode);
-  files_.Sync(file->path, [this, request, path = file->path](Outcome outcome) {
-    if (outcome == Outcome::kDone) return void(fuse_reply_err(request, 0));
+  files_.Sync(file->path, [this, request, node, handle = handle->fh, last_write,
+                           path = file->path](Outcome outcome) {
+    if (outcome == Outcome::kDone) {
+      open_files_.NoteSynced(node, last_write);
+      // The answer may have come over another line than the answers to the writes.
+      return void(fuse_reply_err(request, open_files_.TakeFailureOrLoss(handle)));
+    }
     ReplyFailure(request, outcome, {.kind = Kind::kSync, .path = path});
   });
 }
 
 void FuseMount::Release(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* handle) {
   const auto pass = Enter();
-  const auto [node, is_last, is_written, has_moved] = CloseHandle(handle->fh);
-  const auto file = nodes_.Find(node);
-  if (has_moved) nodes_.Forget(node, 1);
-  const auto done = [request](Outcome) { fuse_reply_err(request, 0); };
-  if (file && file->is_hidden && is_last) {
-    files_.Unlink(file->path, done);
-  } else if (file && is_written) {
+  const auto closed = CloseHandle(handle->fh);
+  const auto file = nodes_.Find(closed.node);
+  if (closed.has_moved) nodes_.Forget(closed.node, 1);
+  if (file && file->is_hidden && closed.is_last) {
+    files_.Unlink(file->path, [request](Outcome) { fuse_reply_err(request, 0); });
+  } else if (file && closed.is_written) {
     const ModeGuard access(files_, file->path, file->attributes.st_mode);
-    files_.Release(file->path, done);
+    files_.Release(file->path, [this, request, node = closed.node,
+                                last_write = open_files_.LastWrite()](Outcome outcome) {
+      if (outcome == Outcome::kDone) open_files_.NoteSynced(node, last_write);
+      fuse_reply_err(request, 0);
+    });
   } else {
     fuse_reply_err(request, 0);
   }
@@ -339,6 +350,7 @@ void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* 
       return SetLargeSize(files_, path, size,
                           [this, request, node, file = *file, change](int error) {
                             if (error != 0) return void(fuse_reply_err(request, error));
+                            open_files_.NoteWrite(node);
                             ReplyChangedAttributes(request, node, file, change);
                           });
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <mutex>
 #include <unordered_map>
@@ -11,9 +13,9 @@
 namespace cpd::host {
 
 /// Tracks which nodes programs have open, which of those were written to, and which lost a write
-/// that a program believes done. A handle refers to the node that was opened, or to the one that it
-/// has moved on to. The module keeps no file open between requests. All operations are
-/// callable from any thread.
+/// that a program believes done, or may have lost it because it was not synced. A handle refers to
+/// the node that was opened, or to the one that it has moved on to. The module keeps no file open
+/// between requests. All operations are callable from any thread.
 class OpenFiles {
  public:
   using Handle = uint64_t;
@@ -22,7 +24,9 @@ class OpenFiles {
     const std::lock_guard lock(mutex_);
     auto& file = files_[node];
     ++file.handles;
-    handles_.emplace(++last_, OpenHandle{.node = node, .seen_failures = file.failures});
+    handles_.emplace(
+        ++last_,
+        OpenHandle{.node = node, .seen_failures = file.failures, .seen_losses = file.losses});
     return last_;
   }
 
@@ -35,14 +39,14 @@ class OpenFiles {
   Closed Close(Handle handle) {
     const std::lock_guard lock(mutex_);
     const auto open = handles_.extract(handle);
-    const auto& [node, seen_failures, has_written, has_moved, content] = open.mapped();
-    auto& file = files_.at(node);
-    const Closed closed{.node = node,
+    const auto& handle_state = open.mapped();
+    auto& file = files_.at(handle_state.node);
+    const Closed closed{.node = handle_state.node,
                         .is_last = --file.handles == 0,
                         .is_written = file.is_written,
-                        .has_moved = has_moved};
+                        .has_moved = handle_state.has_moved};
     file.is_written = false;
-    if (closed.is_last) files_.erase(node);
+    if (closed.is_last) files_.erase(closed.node);
     return closed;
   }
 
@@ -56,6 +60,7 @@ class OpenFiles {
     ++file.handles;
     open.node = node;
     open.seen_failures = file.failures;
+    open.seen_losses = file.losses;
     open.has_moved = true;
     return is_last;
   }
@@ -104,9 +109,35 @@ class OpenFiles {
     return file != files_.end() && file->second.is_used;
   }
 
+  /// Notes that a program is about to hear that a write is done.
   void NoteWrite(NodeTable::Id node) {
     const std::lock_guard lock(mutex_);
-    if (const auto file = files_.find(node); file != files_.end()) file->second.is_written = true;
+    const auto file = files_.find(node);
+    if (file == files_.end()) return;
+    file->second.is_written = true;
+    file->second.last_write = ++last_write_;
+  }
+
+  /// The number of the latest write to any file.
+  [[nodiscard]] uint64_t LastWrite() const {
+    const std::lock_guard lock(mutex_);
+    return last_write_;
+  }
+  /// Notes that a file's writes are safe on the disk.
+  /// @param last  LastWrite before the request was sent that made them safe
+  void NoteSynced(NodeTable::Id node, uint64_t last) {
+    const std::lock_guard lock(mutex_);
+    const auto file = files_.find(node);
+    if (file != files_.end()) file->second.synced = std::max(file->second.synced, last);
+  }
+  /// The disk may have lost what was not synced: every handle of a file with such writes reports
+  /// that once.
+  void LoseUnsynced() {
+    const std::lock_guard lock(mutex_);
+    for (auto& [node, file] : files_) {
+      if (file.last_write > file.synced) ++file.losses;
+      file.synced = last_write_;
+    }
   }
 
   [[nodiscard]] bool IsWritten(NodeTable::Id node) const {
@@ -134,6 +165,17 @@ class OpenFiles {
     return file.error;
   }
 
+  /// The same at a sync or at the end, where a handle also reports that writes may be lost. A loss
+  /// does not make a write fail: a program that went on would then never learn of it.
+  int TakeFailureOrLoss(Handle handle) {
+    const int failure = TakeFailure(handle);
+    const std::lock_guard lock(mutex_);
+    auto& open = handles_.at(handle);
+    const auto& file = files_.at(open.node);
+    const bool has_lost = std::exchange(open.seen_losses, file.losses) != file.losses;
+    return failure == 0 && has_lost ? EIO : failure;
+  }
+
  private:
   struct File {
     unsigned handles = 0;
@@ -141,10 +183,14 @@ class OpenFiles {
     bool is_written = false;
     uint64_t failures = 0;
     int error = 0;
+    uint64_t last_write = 0;  // its number
+    uint64_t synced = 0;      // the writes up to this number are safe
+    uint64_t losses = 0;
   };
   struct OpenHandle {
     NodeTable::Id node;
     uint64_t seen_failures;
+    uint64_t seen_losses;
     bool has_written = false;
     bool has_moved = false;
     CheckedReads::SharedContent content = nullptr;
@@ -154,6 +200,7 @@ class OpenFiles {
   std::unordered_map<NodeTable::Id, File> files_;
   std::unordered_map<Handle, OpenHandle> handles_;
   Handle last_ = 0;
+  uint64_t last_write_ = 0;  // writes to all files are numbered, so that the numbers outlive a File
 };
 
 }  // namespace cpd::host
