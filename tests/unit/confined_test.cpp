@@ -964,8 +964,9 @@ TEST_F(ConfinedTest, APathThatIsTooLongIsRefusedBeforeItIsWalked) {
   // Paths of slashes, and of components that all exist.
   std::string dots;
   while (dots.size() < 1 << 20) dots += "/.";
-  for (const std::string& path : {std::string(1 << 20, '/'), Backslashed(std::string(1 << 20, '/')),
-                                  dots, std::string(PATH_MAX, '/') + "new/file"}) {
+  for (const std::string& path :
+       {std::string(1 << 20, '/'), Backslashed(std::string(1 << 20, '/')), dots,
+        std::string(PATH_MAX, '/') + "new/file", std::string(PATH_MAX - disk.root().size(), '/')}) {
     Log().Clear();
     EXPECT_EQ(Ask(CreateRequest{.path = path})->result(), -1);
     EXPECT_EQ(Log().Messages(kError), Texts{"file_create failed errno: File name too long\\n"});

@@ -334,7 +334,17 @@ TEST_F(FileManagerTest, DeliverableIsWhatTheFileHoldsFromTheOffset) {
   EXPECT_EQ(FileManagerLinux::Deliverable(fd, 10, 4), 0);
   EXPECT_EQ(FileManagerLinux::Deliverable(fd, INT64_MAX, 4), 0);
   EXPECT_EQ(FileManagerLinux::Deliverable(fd, 0, -1), -1);
+  EXPECT_EQ(FileManagerLinux::Deliverable(fd, -1, 4), 0);
   close(fd);
+}
+
+TEST_F(FileManagerTest, DeliverableOfAPathThatLeadsNowhereIsZero) {
+  disk.MakeFile("/a", "0123456789");
+  disk.MakeLink("/loop", "loop");
+  for (const std::string& path : {std::string("/missing"), std::string("/a/below"),
+                                  std::string("/loop"), "/" + std::string(NAME_MAX + 1, 'n')}) {
+    EXPECT_EQ(files.Deliverable(disk.Local(path).c_str(), 0, 4), 0) << path;
+  }
 }
 
 TEST_F(FileManagerTest, DeliverableOfAFileOfUnknownSizeIsUpToOneMebibyte) {
@@ -643,6 +653,27 @@ TEST_F(FileManagerTest, ReadDirOfADirectoryThatGrowsStaysWithinItsBuffer) {
   EXPECT_EQ(listing.attr.entry_count, 3U);
   EXPECT_EQ(listing.attr.buf_len, 3U * 122 + 2 + 3 + 2 + 1);
   EXPECT_EQ(listing.attr.buf[listing.attr.buf_len - 1], 0);
+}
+
+TEST_F(FileManagerTest, ReadDirLeavesOutALastEntryThatIsAByteTooLong) {
+  disk.MakeDir("/dir");
+  disk.MakeFile("/dir/a", "");
+  const BetweenPasses grows([&] {
+    disk.Remove("/dir/a");
+    disk.MakeFile("/dir/bc", "");
+  });
+  Listing listing;
+  ASSERT_EQ(listing.Read(&files, disk.Local("/dir")), 0);
+  EXPECT_EQ(listing.attr.entry_count, 3U);
+  const size_t last = 122 + NamesInOrder(disk.Local("/dir")).back().size() + 1;
+  EXPECT_EQ(listing.Bytes().substr(listing.attr.buf_len - last), std::string(last, '\0'));
+}
+
+TEST_F(FileManagerTest, ReadDirThatSucceedsLeavesErrnoAlone) {
+  Listing listing;
+  errno = EXDEV;
+  ASSERT_EQ(listing.Read(&files, disk.root()), 0);
+  EXPECT_EQ(errno, EXDEV);
 }
 
 TEST_F(FileManagerTest, ReadDirOfADirectoryThatShrinksLeavesTheRestZero) {
