@@ -20,10 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kPingInterval = 3s;
-/// A line on which nothing arrives for this long is dead: four pings went without a pong.
-constexpr auto kDeadAfter = 12s;
-constexpr auto kGoodbyeLimit = 1500ms;
+constexpr auto kLongestPoll = 1s;
 constexpr size_t kMostChunks = 64;  // per system call
 
 void MakeNonBlocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
@@ -37,12 +34,13 @@ std::string Printable(std::string text) {
 
 }  // namespace
 
-Connection::Connection(Line line, const Hello& own)
+Connection::Connection(Line line, const Hello& own, const LineTimes& times)
     : in_(std::move(line.in)),
       out_(std::move(line.out)),
       wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      window_(own.window),
-      reader_(own.largest) {
+      times_(times),
+      reader_(own.largest),
+      window_(own.window) {
   reader_.Put(line.received);
   MakeNonBlocking(in_.get());
   MakeNonBlocking(out_.get());
@@ -55,11 +53,13 @@ Connection::Connection(Line line, const Hello& own)
 Connection::~Connection() { Close(); }
 
 void Connection::Close() {
-  if (!thread_.joinable()) return;
   {
     const std::lock_guard lock(mutex_);
     if (!closes_) closes_ = Clock::now();
+    is_ended_ = is_ended_ || !thread_.joinable();
   }
+  room_.notify_all();
+  if (!thread_.joinable()) return;
   Wake();
   thread_.join();
 }
@@ -74,8 +74,9 @@ Hello Connection::AwaitHello(std::chrono::milliseconds limit) {
                     uint16_t{hello.version}, kStreamVersion));
   }
   const std::lock_guard lock(mutex_);
-  // A side that claims a large window must not make this one keep as much for it.
-  their_window_ = std::min<uint64_t>(hello.window, window_);
+  // A side that claims a large window must not make this one keep as much for it. Both sides count
+  // with the smaller one: otherwise the sender could wait for a report that is not due yet.
+  window_ = std::min<uint64_t>(hello.window, window_);
   their_largest_ = hello.largest;
   return hello;
 }
@@ -135,8 +136,7 @@ bool Connection::HasRoom(size_t packet_length) {
 /// A packet larger than the window may go when half of the window is free. Otherwise it would wait
 /// for ever, since small amounts are not reported as taken.
 bool Connection::HasRoomLocked(uint64_t charge) const {
-  return charge <= their_window_ - std::min(untaken_, their_window_) ||
-         untaken_ <= their_window_ / 2;
+  return charge <= window_ - std::min(untaken_, window_) || untaken_ <= window_ / 2;
 }
 
 void Connection::Send(std::shared_ptr<const CpdPacket> packet) {
@@ -173,7 +173,7 @@ void Connection::SayGoodbye(Farewell farewell, std::string text) {
     const std::lock_guard lock(mutex_);
     if (closes_ || is_ended_) return;
     AppendControlLocked(Control::kBye, static_cast<uint64_t>(farewell), text);
-    closes_ = Clock::now() + kGoodbyeLimit;
+    closes_ = Clock::now() + times_.goodbye;
     WriteLocked();
   }
   Wake();
@@ -202,7 +202,7 @@ void Connection::AppendControlLocked(Control kind, uint64_t value, std::string_v
 /// Few of these are ever pending, whatever the other side asks for.
 void Connection::AppendDueControlsLocked() {
   if (closes_) return;
-  if (unreported_ >= window_ / 4) {
+  if (unreported_ > 0 && unreported_ >= window_ / 4) {
     held_ -= unreported_;
     AppendControlLocked(Control::kTaken, std::exchange(unreported_, 0));
   }
@@ -291,7 +291,8 @@ void Connection::Poll() {
       return End(Ending::Kind::kClosed, "");
     }
   }
-  const auto patience = closes ? std::max<Clock::duration>(*closes - Clock::now(), 0s) : 1s;
+  const auto patience = closes ? std::max<Clock::duration>(*closes - Clock::now(), 0s)
+                               : std::min<Clock::duration>(times_.ping_interval, kLongestPoll);
   if (poll(events.data(), events.size(),
            static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(patience).count())) < 0) {
     if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
@@ -331,12 +332,20 @@ void Connection::HandleFrames() {
       HandleControl(std::get<ControlFrame>(*frame));
     }
   }
+  // A packet that must not come is not waited for.
+  const std::lock_guard lock(mutex_);
+  if (reader_.begun() != 0) CheckWindowLocked(ChargeOf(reader_.begun()));
+}
+
+/// @throws StreamError when the other side may not send a packet of that charge now
+void Connection::CheckWindowLocked(uint64_t charge) const {
+  if (held_ + charge > window_ && held_ > window_ / 2) throw StreamError("more than its window");
 }
 
 /// Counts a packet that has arrived.
 void Connection::HoldLocked(const CpdPacket& packet) {
   const uint64_t charge = ChargeOf(packet.header->packetLen);
-  if (held_ + charge > window_ && held_ > window_ / 2) throw StreamError("more than its window");
+  CheckWindowLocked(charge);
   held_ += charge;
 }
 
@@ -348,10 +357,15 @@ void Connection::HandleControl(const ControlFrame& frame) {
       if (pending_.empty()) WriteLocked();
       return;
     }
-    case Control::kPong:
-      round_trip_ = Clock::now().time_since_epoch() -
-                    std::chrono::nanoseconds(static_cast<int64_t>(frame.value));
+    case Control::kPong: {
+      const std::chrono::nanoseconds now = Clock::now().time_since_epoch();
+      const uint64_t elapsed = static_cast<uint64_t>(now.count()) - frame.value;
+      // Otherwise it answers no ping of this side.
+      if (elapsed <= static_cast<uint64_t>(now.count())) {
+        round_trip_ = std::chrono::nanoseconds(static_cast<int64_t>(elapsed));
+      }
       return;
+    }
     case Control::kTaken: {
       bool was_awaited = false;
       {
@@ -373,8 +387,8 @@ void Connection::HandleControl(const ControlFrame& frame) {
 
 void Connection::KeepAlive() {
   const auto now = Clock::now();
-  if (now - heard_ >= kDeadAfter) return End(Ending::Kind::kDropped, "the line is dead");
-  if (now - pinged_ < kPingInterval) return;
+  if (now - heard_ >= times_.dead_after) return End(Ending::Kind::kDropped, "the line is dead");
+  if (now - pinged_ < times_.ping_interval) return;
   pinged_ = now;
   const std::lock_guard lock(mutex_);
   // While the line takes nothing, a ping could not leave. What the other side sends shows then

@@ -34,6 +34,14 @@ struct Ending {
   std::string text;                     ///< why, in words fit for a terminal
 };
 
+/// How long a connection waits for the other side. The defaults find a dead line within 15 s.
+struct LineTimes {
+  std::chrono::milliseconds ping_interval{3000};
+  /// A line on which nothing arrives for this long is dead: four pings went without a pong.
+  std::chrono::milliseconds dead_after{12000};
+  std::chrono::milliseconds goodbye{1500};  ///< what is sent last may take this long to leave
+};
+
 /// Speaks the stream with the other side.
 ///
 /// Whatever the other side does, a connection holds no more than its window, one packet on its way
@@ -52,7 +60,7 @@ class Connection {
   };
 
   /// Takes the descriptors, makes them non-blocking, and sends this side's hello.
-  Connection(Line line, const Hello& own);
+  Connection(Line line, const Hello& own, const LineTimes& times = {});
   ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -77,7 +85,7 @@ class Connection {
   /// @param charge  ChargeOf its length
   void Taken(uint64_t charge);
   /// Ends the session: everything sent so far goes out, then the farewell, then the line closes.
-  /// After a second and a half it closes in any case.
+  /// After LineTimes::goodbye it closes in any case.
   void SayGoodbye(Farewell farewell, std::string text);
   /// Ends the connection as dropped. Callable from any thread.
   void GiveUp();
@@ -107,6 +115,7 @@ class Connection {
   bool Receive();
   void HandleFrames();
   void HandleControl(const ControlFrame& frame);
+  void CheckWindowLocked(uint64_t charge) const;
   void HoldLocked(const CpdPacket& packet);
   void KeepAlive();
   void End(Ending::Kind kind, std::string text, Farewell farewell = Farewell::kDone);
@@ -121,7 +130,7 @@ class Connection {
   Descriptor in_;
   Descriptor out_;
   Descriptor wake_;
-  const uint64_t window_;  // this side's
+  const LineTimes times_;
   FrameReader reader_;
   Handlers handlers_;
   std::atomic<std::chrono::nanoseconds> round_trip_{};
@@ -134,7 +143,7 @@ class Connection {
   std::mutex mutex_;
   std::condition_variable room_;
   std::deque<Chunk> pending_;  // guarded by mutex_, like all that follows
-  uint64_t their_window_ = 0;
+  uint64_t window_;            // the smaller one of the two sides', once both are known
   uint32_t their_largest_ = 0;
   uint64_t untaken_ = 0;    // charge that was sent and not reported as taken
   uint64_t unwritten_ = 0;  // of it, the charge of packets in pending_

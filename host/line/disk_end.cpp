@@ -80,8 +80,9 @@ Hello DiskEnd::OwnHello() const {
 void DiskEnd::Begin(Connection& connection, const Hello& theirs,
                     std::function<void(const Ending&)> ended) {
   options_.enter(theirs.session);
-  const auto intake = std::make_shared<Intake>(
-      [&connection](uint64_t charge) { connection.Taken(charge); }, options_.window / 8);
+  const auto intake =
+      std::make_shared<Intake>([&connection](uint64_t charge) { connection.Taken(charge); },
+                               std::min<uint64_t>(options_.window, theirs.window) / 8);
   // Runs on the module's worker. While the line takes nothing, the worker waits here, and so does
   // everything that is queued for it.
   disk_.emplace(options_.disk, trace_, [&connection, intake](std::unique_ptr<CpdPacket> packet) {

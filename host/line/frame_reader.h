@@ -53,8 +53,8 @@ class FrameReader {
   /// The next complete frame. The first one is a hello, all others are packets or control frames.
   /// @throws StreamError when the stream is malformed; then it must not be used any more
   std::optional<Frame> Next();
-  /// Whether the stream may end here: not within a frame.
-  [[nodiscard]] bool IsBetweenFrames() const { return body_.data == nullptr && begin_ == end_; }
+  /// The length that the packet claims of which a part has arrived; 0 when there is none.
+  [[nodiscard]] size_t begun() const { return body_.length; }
 
  private:
   struct FreeDeleter {

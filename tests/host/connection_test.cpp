@@ -1,0 +1,471 @@
+// A line's rules, over a socket pair whose other end the test plays.
+#include "line/connection.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/child_process.h"
+#include "support/line_peer.h"
+
+namespace cpd::host {
+namespace {
+
+using namespace std::chrono_literals;
+using test::BytesOfPacket;
+using test::BytesOfRecord;
+using test::ControlBytes;
+using test::Eventually;
+using test::HelloOf;
+using test::LinePeer;
+using test::PacketOf;
+
+constexpr uint64_t kWindow = 1 << 20;
+constexpr size_t kQuarter = kWindow / 4 - 256;  // packets that fill the window by four
+
+constexpr LineTimes kShort{.ping_interval = 20ms, .dead_after = 200ms, .goodbye = 100ms};
+
+class ConnectionTest : public testing::Test {
+ protected:
+  ~ConnectionTest() override { connection.reset(); }
+
+  void Make(uint64_t window = kWindow, const LineTimes& times = {}) {
+    connection.emplace(peer.TakeLine(), HelloOf(Role::kDisk, window), times);
+  }
+  /// Starts the connection with a peer that has said hello.
+  void Start(uint64_t their_window = kWindow, uint64_t window = kWindow,
+             const LineTimes& times = {}) {
+    Make(window, times);
+    peer.Send(BytesOfRecord(HelloOf(Role::kRemote, their_window)));
+    EXPECT_EQ(connection->AwaitHello(10s).role, Role::kRemote);
+    EXPECT_TRUE(peer.NextOf<Hello>());
+    connection->Start({.packet =
+                           [this](std::unique_ptr<CpdPacket> packet) {
+                             if (on_packet) on_packet(*packet);
+                             const std::lock_guard lock(mutex);
+                             received.push_back(BytesOfPacket(*packet));
+                           },
+                       .room = [this] { ++rooms; },
+                       .ended = [this](const Ending& how) { ended.set_value(how); }});
+  }
+  size_t Received() {
+    const std::lock_guard lock(mutex);
+    return received.size();
+  }
+  Ending AwaitEnding() {
+    auto future = ended.get_future();
+    if (future.wait_for(10s) != std::future_status::ready) throw std::runtime_error("no ending");
+    return future.get();
+  }
+  void ExpectNonsense(const std::string& why) {
+    const auto how = AwaitEnding();
+    EXPECT_EQ(how.kind, Ending::Kind::kFarewell);
+    EXPECT_EQ(how.farewell, Farewell::kFailed);
+    EXPECT_EQ(how.text, "the other side sent nonsense: " + why);
+    EXPECT_TRUE(peer.IsClosed());
+  }
+
+  LinePeer peer;
+  std::mutex mutex;
+  std::vector<std::string> received;
+  std::function<void(const CpdPacket&)> on_packet;
+  std::atomic<int> rooms = 0;
+  std::promise<Ending> ended;
+  std::optional<Connection> connection;
+};
+
+// ---- Beginning ----
+
+TEST_F(ConnectionTest, SaysHelloAtOnceAndTellsTheOtherOnes) {
+  Make();
+  const auto own = peer.NextOf<Hello>();
+  ASSERT_TRUE(own);
+  EXPECT_EQ(BytesOfRecord(*own), BytesOfRecord(HelloOf(Role::kDisk, kWindow)));
+  auto hello = HelloOf(Role::kRemote, 99);
+  hello.largest = 1234;
+  hello.session.fill(7);
+  peer.Send(BytesOfRecord(hello));
+  EXPECT_EQ(BytesOfRecord(connection->AwaitHello(10s)), BytesOfRecord(hello));
+  EXPECT_EQ(connection->their_largest(), 1234U);
+}
+
+TEST_F(ConnectionTest, GivesUpOnAHelloThatDoesNotCome) {
+  Make();
+  EXPECT_THROW((void)connection->AwaitHello(20ms), StreamError);
+}
+
+TEST_F(ConnectionTest, GivesUpOnAHelloThatComesTooSlowly) {
+  Make();
+  const auto begin = std::chrono::steady_clock::now();
+  const auto hello = BytesOfRecord(HelloOf(Role::kRemote));
+  auto waiting = std::async(std::launch::async, [&] { return connection->AwaitHello(200ms); });
+  for (size_t i = 0; i < 20 && waiting.wait_for(30ms) != std::future_status::ready; ++i) {
+    peer.Send(hello.substr(i, 1));
+  }
+  EXPECT_THROW(waiting.get(), StreamError);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
+}
+
+TEST_F(ConnectionTest, RefusesAnotherVersionByItsNumber) {
+  Make();
+  auto hello = HelloOf(Role::kRemote);
+  hello.version = 7;
+  peer.Send(BytesOfRecord(hello));
+  try {
+    (void)connection->AwaitHello(10s);
+    FAIL();
+  } catch (const StreamError& error) {
+    EXPECT_STREQ(error.what(),
+                 "the other side has version 7 of the stream, and this side has version 1");
+  }
+}
+
+TEST_F(ConnectionTest, NoticesThatTheLineClosesBeforeTheHello) {
+  Make();
+  peer.Send(
+      "\x89"
+      "cpd");
+  peer.Close();
+  EXPECT_THROW((void)connection->AwaitHello(10s), StreamError);
+}
+
+TEST_F(ConnectionTest, StopsWaitingForAHelloWhenItIsGivenUp) {
+  Make();
+  auto waiting = std::async(std::launch::async, [&] { return connection->AwaitHello(60s); });
+  connection->GiveUp();
+  EXPECT_THROW(waiting.get(), StreamError);
+}
+
+TEST_F(ConnectionTest, TellsTheGoodbyeThatComesInsteadOfAPacket) {
+  Make();
+  peer.Send(BytesOfRecord(HelloOf(Role::kRemote)) + ControlBytes(Control::kPing, 1) +
+            ControlBytes(Control::kBye, 1, "no such disk"));
+  (void)connection->AwaitHello(10s);
+  try {
+    (void)connection->AwaitPacket(10s);
+    FAIL();
+  } catch (const StreamError& error) {
+    EXPECT_STREQ(error.what(), "no such disk");
+  }
+}
+
+// A side that refuses has a window of zero, and no thread.
+TEST_F(ConnectionTest, LeavesARefusalOnTheLine) {
+  Make(0);
+  connection->SayGoodbye(Farewell::kFailed, "no such disk");
+  connection.reset();
+  EXPECT_TRUE(peer.NextOf<Hello>());
+  const auto frame = peer.Next();
+  ASSERT_TRUE(frame && std::holds_alternative<ControlFrame>(*frame));
+  const auto& bye = std::get<ControlFrame>(*frame);
+  EXPECT_EQ(bye.kind, Control::kBye);
+  EXPECT_EQ(bye.value, 1U);
+  EXPECT_EQ(bye.text, "no such disk");
+  EXPECT_TRUE(peer.IsClosed());
+}
+
+TEST_F(ConnectionTest, EndsAWaitForRoomWhenItIsClosedBeforeItHasStarted) {
+  Make();
+  peer.Send(BytesOfRecord(HelloOf(Role::kRemote)));
+  (void)connection->AwaitHello(10s);
+  connection->Send(PacketOf(2 * kWindow));
+  auto waiting =
+      std::async(std::launch::async, [&] { return connection->SendWhenRoom(PacketOf(100)); });
+  EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
+  connection->Close();
+  EXPECT_FALSE(waiting.get());
+}
+
+// ---- Credit ----
+
+TEST_F(ConnectionTest, SendsUpToTheWindowAndGoesOnWhenThePacketsAreTaken) {
+  Start();
+  for (int i = 0; i < 4; ++i) EXPECT_TRUE(connection->SendWhenRoom(PacketOf(kQuarter)));
+  auto fifth =
+      std::async(std::launch::async, [&] { return connection->SendWhenRoom(PacketOf(kQuarter)); });
+  for (int i = 0; i < 4; ++i) EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
+  EXPECT_FALSE(peer.NextOf<std::unique_ptr<CpdPacket>>(50ms));
+  EXPECT_EQ(fifth.wait_for(0s), std::future_status::timeout);
+  EXPECT_FALSE(connection->HasRoom(kQuarter));
+  peer.Send(ControlBytes(Control::kTaken, kWindow / 4));
+  EXPECT_TRUE(fifth.get());
+  EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
+}
+
+TEST_F(ConnectionTest, TellsWhenThereIsRoomAgainOnlyToACallerThatFoundNone) {
+  Start();
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_TRUE(connection->HasRoom(kQuarter));
+    connection->Send(PacketOf(kQuarter));
+    EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
+  }
+  peer.Send(ControlBytes(Control::kTaken, 1) + ControlBytes(Control::kPing, 5));
+  EXPECT_TRUE(peer.NextControl(Control::kPong));
+  EXPECT_EQ(rooms, 0);
+  EXPECT_FALSE(connection->HasRoom(kQuarter));
+  peer.Send(ControlBytes(Control::kTaken, 1) + ControlBytes(Control::kTaken, 1) +
+            ControlBytes(Control::kPing, 6));
+  EXPECT_TRUE(peer.NextControl(Control::kPong));
+  EXPECT_EQ(rooms, 1);
+}
+
+TEST_F(ConnectionTest, SendsAPacketLargerThanTheWindowWhenHalfOfItIsFree) {
+  Start();
+  EXPECT_TRUE(connection->HasRoom(3 * kWindow));
+  connection->Send(PacketOf(kQuarter));
+  connection->Send(PacketOf(kQuarter));
+  EXPECT_TRUE(connection->HasRoom(3 * kWindow));
+  connection->Send(PacketOf(CPD_PACKET_HEADER_SIZE));
+  EXPECT_FALSE(connection->HasRoom(3 * kWindow));
+  EXPECT_TRUE(connection->HasRoom(100));
+}
+
+TEST_F(ConnectionTest, ReportsWhatIsTakenOnceItIsAQuarterOfTheWindow) {
+  Start();
+  peer.Send(BytesOfPacket(*PacketOf(kQuarter)));
+  EXPECT_TRUE(Eventually([&] { return Received() == 1; }));
+  connection->Taken(kWindow / 4 - 1);
+  peer.Send(ControlBytes(Control::kPing, 5));
+  auto frame = peer.NextOf<ControlFrame>();
+  while (frame && frame->kind == Control::kPing) frame = peer.NextOf<ControlFrame>();
+  ASSERT_TRUE(frame);
+  EXPECT_EQ(frame->kind, Control::kPong);
+  connection->Taken(1);
+  frame = peer.NextControl(Control::kTaken);
+  ASSERT_TRUE(frame);
+  EXPECT_EQ(frame->value, kWindow / 4);
+}
+
+// Otherwise the side with the smaller window would wait for a report that the other one's larger
+// window does not make due yet.
+TEST_F(ConnectionTest, CountsWithTheSmallerOneOfTheTwoWindows) {
+  Start(kWindow, 16 * kWindow);
+  for (int i = 0; i < 4; ++i) connection->Send(PacketOf(kQuarter));
+  EXPECT_FALSE(connection->HasRoom(kQuarter));
+  peer.Send(BytesOfPacket(*PacketOf(kQuarter)));
+  EXPECT_TRUE(Eventually([&] { return Received() == 1; }));
+  connection->Taken(kWindow / 4);
+  EXPECT_TRUE(peer.NextControl(Control::kTaken));
+}
+
+TEST_F(ConnectionTest, SendsOnePacketAtATimeToASideWithoutAWindow) {
+  Start(0);
+  EXPECT_TRUE(connection->SendWhenRoom(PacketOf(100)));
+  EXPECT_FALSE(connection->HasRoom(100));
+  EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
+  peer.Send(ControlBytes(Control::kTaken, ChargeOf(100)));
+  EXPECT_TRUE(connection->SendWhenRoom(PacketOf(100)));
+  EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
+}
+
+TEST_F(ConnectionTest, WaitsForAPeerThatDoesNotReadWithoutHoldingUpOthers) {
+  Start();
+  for (int i = 0; i < 4; ++i) {
+    ASSERT_TRUE(connection->SendWhenRoom(PacketOf(kQuarter, 105, i)));
+  }
+  peer.Send(BytesOfPacket(*PacketOf(100)));
+  EXPECT_TRUE(Eventually([&] { return Received() == 1; }));
+  for (uint32_t i = 0; i < 4; ++i) {
+    const auto packet = peer.NextOf<std::unique_ptr<CpdPacket>>();
+    ASSERT_TRUE(packet);
+    EXPECT_EQ((*packet)->header->requestId, i);
+    EXPECT_EQ(BytesOfPacket(**packet), BytesOfPacket(*PacketOf(kQuarter, 105, i)));
+  }
+}
+
+// ---- A peer that breaks the rules ----
+
+TEST_F(ConnectionTest, EndsWhenThePeerSendsMoreThanTheWindow) {
+  Start();
+  for (int i = 0; i < 4; ++i) peer.Send(BytesOfPacket(*PacketOf(kQuarter)));
+  EXPECT_TRUE(Eventually([&] { return Received() == 4; }));
+  peer.Send(BytesOfPacket(*PacketOf(CPD_PACKET_HEADER_SIZE)));
+  ExpectNonsense("more than its window");
+  EXPECT_EQ(Received(), 4U);
+}
+
+TEST_F(ConnectionTest, DoesNotTakeInAPacketThatMustNotCome) {
+  Start();
+  for (int i = 0; i < 3; ++i) peer.Send(BytesOfPacket(*PacketOf(kQuarter)));
+  peer.Send(BytesOfPacket(*PacketOf(kWindow)).substr(0, CPD_PACKET_HEADER_SIZE));
+  ExpectNonsense("more than its window");
+}
+
+TEST_F(ConnectionTest, TakesAPacketLargerThanTheWindowWhenHalfOfItIsFree) {
+  Start();
+  peer.Send(BytesOfPacket(*PacketOf(kWindow / 2 - 256)));
+  peer.Send(BytesOfPacket(*PacketOf(2 * kWindow)));
+  EXPECT_TRUE(Eventually([&] { return Received() == 2; }));
+}
+
+TEST_F(ConnectionTest, EndsWhenThePeerTakesMoreThanItGot) {
+  Start();
+  connection->Send(PacketOf(100));
+  EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
+  peer.Send(ControlBytes(Control::kTaken, ChargeOf(100) + 1));
+  ExpectNonsense("it took more than it got");
+}
+
+TEST_F(ConnectionTest, EndsWhenThePeerTakesWhatIsNotWrittenYet) {
+  Start();
+  for (int i = 0; i < 4; ++i) connection->Send(PacketOf(kQuarter));  // more than a socket takes
+  peer.Send(ControlBytes(Control::kTaken, kWindow));
+  ExpectNonsense("it took more than it got");
+}
+
+TEST_F(ConnectionTest, EndsAtAControlFrameOfAnUnknownKind) {
+  Start();
+  peer.Send(ControlBytes(static_cast<Control>(9), 0));
+  ExpectNonsense("a control frame of kind 9");
+}
+
+TEST_F(ConnectionTest, EndsWhenAHandlerRefusesAPacket) {
+  on_packet = [](const CpdPacket&) { throw StreamError("a request for too much"); };
+  Start();
+  peer.Send(BytesOfPacket(*PacketOf(100)));
+  ExpectNonsense("a request for too much");
+  EXPECT_FALSE(connection->SendWhenRoom(PacketOf(100)));
+}
+
+TEST_F(ConnectionTest, AnswersOnlyTheLastPingsOfAPeerThatDoesNotRead) {
+  Start();
+  for (int i = 0; i < 4; ++i) connection->Send(PacketOf(kQuarter));  // more than a socket takes
+  constexpr uint64_t kPings = 20000;
+  std::string pings;
+  for (uint64_t i = 1; i <= kPings; ++i) pings += ControlBytes(Control::kPing, i);
+  peer.Send(pings);
+  peer.Send(BytesOfPacket(*PacketOf(100)));
+  EXPECT_TRUE(Eventually([&] { return Received() == 1; })) << "it reads on";
+  for (int i = 0; i < 4; ++i) EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
+  const auto pong = peer.NextControl(Control::kPong);
+  ASSERT_TRUE(pong);
+  EXPECT_EQ(pong->value, kPings);
+}
+
+TEST_F(ConnectionTest, DoesNotBelieveAPongToAPingThatItNeverSent) {
+  Start();
+  for (const uint64_t value : {~uint64_t{0}, uint64_t{1} << 63, (uint64_t{1} << 63) - 1}) {
+    peer.Send(ControlBytes(Control::kPong, value));
+  }
+  peer.Send(ControlBytes(Control::kPing, 1));
+  EXPECT_TRUE(peer.NextControl(Control::kPong));
+  EXPECT_EQ(connection->round_trip(), 0ns);
+}
+
+// ---- Pings ----
+
+TEST_F(ConnectionTest, MeasuresTheRoundTripWithItsFirstPing) {
+  Start();
+  const auto ping = peer.NextControl(Control::kPing);
+  ASSERT_TRUE(ping);
+  peer.Send(ControlBytes(Control::kPong, ping->value));
+  EXPECT_TRUE(Eventually([&] { return connection->round_trip() > 0ns; }));
+  EXPECT_LT(connection->round_trip(), 10s);
+}
+
+TEST_F(ConnectionTest, GivesUpALineOnWhichNothingArrives) {
+  Start(kWindow, kWindow, kShort);
+  const auto how = AwaitEnding();
+  EXPECT_EQ(how.kind, Ending::Kind::kDropped);
+  EXPECT_EQ(how.text, "the line is dead");
+  int pings = 0;
+  while (peer.NextControl(Control::kPing, 0ms)) ++pings;
+  EXPECT_GE(pings, 3);
+}
+
+TEST_F(ConnectionTest, KeepsALineOnWhichPongsArrive) {
+  Start(kWindow, kWindow, kShort);
+  for (const auto end = std::chrono::steady_clock::now() + 500ms;
+       std::chrono::steady_clock::now() < end;) {
+    const auto ping = peer.NextControl(Control::kPing);
+    ASSERT_TRUE(ping);
+    peer.Send(ControlBytes(Control::kPong, ping->value));
+  }
+  EXPECT_TRUE(connection->SendWhenRoom(PacketOf(100)));
+  EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
+}
+
+// ---- Ends ----
+
+TEST_F(ConnectionTest, TellsTheOtherSidesGoodbye) {
+  Start();
+  peer.Send(ControlBytes(Control::kBye, 0, "the user ended it \x1b[2J"));
+  const auto how = AwaitEnding();
+  EXPECT_EQ(how.kind, Ending::Kind::kFarewell);
+  EXPECT_EQ(how.farewell, Farewell::kDone);
+  EXPECT_EQ(how.text, "the user ended it ?[2J");
+}
+
+TEST_F(ConnectionTest, SaysGoodbyeAfterAllThatWasSent) {
+  Start();
+  for (int i = 0; i < 4; ++i) connection->Send(PacketOf(kQuarter));
+  connection->SayGoodbye(Farewell::kDone, std::string(kLongestText + 10, 'b'));
+  connection->SayGoodbye(Farewell::kFailed, "a second one");
+  auto closed = std::async(std::launch::async, [&] { connection->Close(); });
+  for (int i = 0; i < 4; ++i) EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
+  const auto bye = peer.NextControl(Control::kBye);
+  ASSERT_TRUE(bye);
+  EXPECT_EQ(bye->value, 0U);
+  EXPECT_EQ(bye->text, std::string(kLongestText, 'b'));
+  closed.get();
+  EXPECT_EQ(AwaitEnding().kind, Ending::Kind::kClosed);
+  EXPECT_TRUE(peer.IsClosed());
+}
+
+TEST_F(ConnectionTest, ClosesInAnyCaseWhenThePeerDoesNotReadTheGoodbye) {
+  Start(kWindow, kWindow, {.goodbye = 50ms});
+  for (int i = 0; i < 4; ++i) connection->Send(PacketOf(kQuarter));
+  connection->SayGoodbye(Farewell::kDone, "");
+  EXPECT_EQ(AwaitEnding().kind, Ending::Kind::kClosed);
+}
+
+TEST_F(ConnectionTest, DropsTheLineWhenItIsGivenUp) {
+  Start();
+  connection->GiveUp();
+  EXPECT_EQ(AwaitEnding().kind, Ending::Kind::kDropped);
+  EXPECT_TRUE(peer.IsClosed());
+}
+
+TEST_F(ConnectionTest, NoticesThatTheLineCloses) {
+  Start();
+  peer.Send(BytesOfPacket(*PacketOf(100)).substr(0, 50));
+  peer.Close();
+  const auto how = AwaitEnding();
+  EXPECT_EQ(how.kind, Ending::Kind::kDropped);
+  EXPECT_EQ(how.text, "the line closed");
+  EXPECT_EQ(Received(), 0U);
+}
+
+TEST_F(ConnectionTest, EndsAWaitForRoomWhenItIsClosed) {
+  Start();
+  connection->Send(PacketOf(2 * kWindow));
+  auto waiting =
+      std::async(std::launch::async, [&] { return connection->SendWhenRoom(PacketOf(100)); });
+  EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
+  connection->Close();
+  EXPECT_FALSE(waiting.get());
+  EXPECT_EQ(AwaitEnding().kind, Ending::Kind::kClosed);
+}
+
+TEST_F(ConnectionTest, DoesNothingWhenAskedToAfterItsEnd) {
+  Start();
+  peer.Close();
+  AwaitEnding();
+  connection->Send(PacketOf(100));
+  connection->Taken(kWindow);
+  connection->SayGoodbye(Farewell::kDone, "");
+  connection->GiveUp();
+  EXPECT_FALSE(connection->SendWhenRoom(PacketOf(100)));
+}
+
+}  // namespace
+}  // namespace cpd::host
