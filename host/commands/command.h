@@ -36,7 +36,7 @@ void AddLogOptions(CLI::App* command, CommandLine* line);
 void AddTimeoutOption(CLI::App* command, DiskOptions* disk);
 /// Adds how the disk is shown.
 void AddMountOptions(CLI::App* command, DiskOptions* disk);
-/// Adds how the disk is announced: --name, --label, --read-only.
+/// Adds how the disk is announced: --name, --read-only.
 void AddNamingOptions(CLI::App* command, DiskOptions* disk);
 /// Checks the disk's path, fills in missing names, and sets the environment variable that makes the
 /// module confine paths. Must be called before the module opens the disk.

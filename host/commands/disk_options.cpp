@@ -57,12 +57,12 @@ void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line) {
 
 void AddNamingOptions(CLI::App* command, DiskOptions* disk) {
   command->add_option("--name", disk->name, "Name to announce [the directory's name]");
-  command->add_option("--label", disk->label, "Label on the remote side [the directory's name]");
   command->add_flag("--read-only", disk->read_only,
                     "Refuse every change, and announce the disk as read-only");
 }
 
 void AddMountOptions(CLI::App* command, DiskOptions* disk) {
+  command->add_option("--label", disk->label, "Label on the remote side [the directory's name]");
   command->add_flag("--allow-other", disk->allow_other,
                     "Let other users use the mount; see README, Limits");
   command->add_flag("!--no-batch", disk->batch, "Send small writes one by one");

@@ -45,6 +45,7 @@ void MountOverLine(LineSource& source, FarMount far, const StopSignals& stop_sig
                  .window = far.line.window,
                  .session = far.session,
                  .drive = far.mount_point,
+                 .label = far.disk.label,
                  .on_first =
                      [&](const AnnouncedDisk& announced) {
                        far.disk.disk = far.shown.empty() ? announced.name : far.shown;

@@ -52,7 +52,8 @@ void RemoteEnd::Begin(Connection& connection, const Hello& theirs,
                         },
                     .room = [this] { session_.Proceed(); },
                     .ended = std::move(ended)});
-  connection.Send(MountResponse(options_.drive, disk().name));
+  connection.Send(
+      MountResponse(options_.drive, options_.label.empty() ? disk().name : options_.label));
   channel_.emplace(connection);
   session_.Start(&*channel_);
 }

@@ -28,6 +28,7 @@ struct RemoteEndOptions {
   uint64_t window = kDefaultWindow;
   Id128 session{};    ///< of a side that sets the line up; zeros otherwise
   std::string drive;  ///< the remote side's name for the disk
+  std::string label;  ///< the remote side's label for it; empty = the announced name
   /// Called with the disk that the first line announces, before this side starts a thread. May
   /// throw: then the line is of no use.
   std::function<void(const AnnouncedDisk& disk)> on_first = [](const AnnouncedDisk&) {};
