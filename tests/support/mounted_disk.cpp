@@ -7,9 +7,11 @@
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <random>
+#include <set>
 #include <sstream>
 
 namespace system_test {
@@ -25,10 +27,40 @@ std::vector<char*> Pointers(const std::vector<std::string>& texts) {
   return pointers;
 }
 
+/// The words before the command that serves the disk; nullptr when the disk is mounted in one
+/// process.
+const char* LinePrefix() { return getenv("CPD_TEST_LINE"); }
+
+/// Whether an option concerns the disk, so that over a line the serving process takes it. The log
+/// that tests read is the module's, and the module is there.
+bool IsForServe(const std::string& option) {
+  static const std::set<std::string> options{
+      "--module",      "--policy",     "--bandwidth", "--trace",     "--log",
+      "--trace-reads", "--unconfined", "--name",      "--log-level", "--read-only"};
+  return options.contains(option);
+}
+
 std::vector<std::string> HostCommand(const std::string& disk, const std::string& mount_point,
                                      const std::vector<std::string>& options) {
-  std::vector<std::string> argv{CPD_HOST, "mount", disk, mount_point};
-  argv.insert(argv.end(), options.begin(), options.end());
+  std::vector<std::string> argv{CPD_HOST, "mount"};
+  const char* const prefix = LinePrefix();
+  if (prefix == nullptr) {
+    argv.insert(argv.end(), {disk, mount_point});
+    argv.insert(argv.end(), options.begin(), options.end());
+    return argv;
+  }
+  std::string serve = std::string(prefix) + " " + Quoted(CPD_HOST) + " serve " + Quoted(disk);
+  bool is_for_serve = false;
+  for (const auto& option : options) {
+    // A value goes where its option went.
+    if (option.starts_with("--")) is_for_serve = IsForServe(option);
+    if (is_for_serve) {
+      serve += " " + Quoted(option);
+    } else {
+      argv.push_back(option);
+    }
+  }
+  argv.insert(argv.end(), {"--via", serve, mount_point});
   return argv;
 }
 
@@ -166,6 +198,8 @@ bool IsMounted(const std::string& path) {
   }
   return false;
 }
+
+bool IsOverLine() { return LinePrefix() != nullptr; }
 
 const std::string& WhyNoFuse() {
   static const std::string problem = FindFuseProblem();

@@ -88,6 +88,8 @@ bool Eventually(Condition condition, std::chrono::milliseconds limit = kHang) {
   return true;
 }
 
+/// Whether disks are mounted over a line; see MountedDisk.
+bool IsOverLine();
 /// Why FUSE cannot mount anything on this machine; empty when it can.
 const std::string& WhyNoFuse();
 
@@ -102,6 +104,10 @@ struct Ending {
 };
 
 /// A directory mounted by `cpd-host mount` for as long as the object lives.
+///
+/// In one process, unless the environment variable CPD_TEST_LINE is set: then over a line to a
+/// `cpd-host serve`, to which the options that concern the disk go. The variable's value are the
+/// words before that command: `exec`, or a program that passes the bytes on.
 class MountedDisk {
  public:
   /// Mounts `disk` on a new mount point and waits until it is mounted; fails the test otherwise.
