@@ -254,6 +254,8 @@ void Session::AskForLocked(const std::shared_ptr<Doubt>& doubt, size_t index,
     Concluded concluded;
     {
       const std::lock_guard lock(mutex_);
+      // The channel broke meanwhile: the next one asks anew.
+      if (std::ranges::find(doubts_, doubt) == doubts_.end()) return;
       if (!ReadAttributes(reply.get(), &doubt->found[index])) doubt->is_unknown = true;
       --doubt->unanswered;
       concluded = SettleLocked();
