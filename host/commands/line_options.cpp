@@ -3,10 +3,20 @@
 #include <fmt/format.h>
 
 #include <stdexcept>
-
-#include "commands/shown_name.h"
+#include <string_view>
 
 namespace cpd::host {
+namespace {
+
+/// A word for any shell. What is shown to a user may be quoted more nicely, but not every shell
+/// understands that.
+std::string Word(std::string_view text) {
+  std::string word = "'";
+  for (const char c : text) word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return word + "'";
+}
+
+}  // namespace
 
 void AddStreamOptions(CLI::App* command, LineOptions* options) {
   command
@@ -59,14 +69,14 @@ std::string RemoteCommand(const LineOptions& options, const std::string& host,
                           const std::vector<std::string>& arguments) {
   // The shell of the other machine reads the words once more.
   std::string remote = options.remote_program;
-  for (const auto& argument : arguments) remote += ' ' + QuotedForShell(argument);
+  for (const auto& argument : arguments) remote += ' ' + Word(argument);
   std::string command = "exec " + options.rsh;
   // No terminal, no forwarding: the line carries this stream only.
   if (options.rsh == "ssh") command += " -T -x -a -o ClearAllForwardings=yes";
-  if (!options.port.empty()) command += " -p " + QuotedForShell(options.port);
-  if (!options.config.empty()) command += " -F " + QuotedForShell(options.config);
-  if (!options.identity.empty()) command += " -i " + QuotedForShell(options.identity);
-  return command + ' ' + QuotedForShell(host) + ' ' + QuotedForShell(remote);
+  if (!options.port.empty()) command += " -p " + Word(options.port);
+  if (!options.config.empty()) command += " -F " + Word(options.config);
+  if (!options.identity.empty()) command += " -i " + Word(options.identity);
+  return command + ' ' + Word(host) + ' ' + Word(remote);
 }
 
 }  // namespace cpd::host
