@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -28,6 +29,7 @@
 #include <sstream>
 #include <thread>
 
+#include "file_manager_linux.h"
 #include "support/expectations.h"
 #include "support/fake_user.h"
 #include "support/operator_fixture.h"
@@ -457,6 +459,14 @@ TEST_F(ConfinedTest, APathWithoutALeadingSlashDoesNotReachASibling) {
   EXPECT_EQ(Ask(MakeDirRequest{.path = "3/made"})->head.result, -1);
   EXPECT_EQ(Ask(CreateRequest{.path = "3"})->result(), -1);
   EXPECT_TRUE(Snapshot(disk.letter()) == before);
+}
+
+TEST_F(ConfinedTest, APathWithoutALeadingSlashIsServedIfTheMountPointEndsWithOne) {
+  const std::string root = disk.root() + "/";
+  udisk->SetRootPath(root.c_str(), "");
+  EXPECT_EQ(Read("known.txt"), "known content");
+  EXPECT_EQ(Read(kKnownFile), "known content");
+  EXPECT_EQ(Read("../outside/secret.txt"), "");
 }
 
 TEST_F(ConfinedTest, ALinkToAFileOutsideIsNotOpened) {
@@ -1105,6 +1115,23 @@ TEST_F(ConfinedTest, AnotherDiskAtTheSamePlaceIsReadWithin100Milliseconds) {
   disk.MakeFile(kKnownFile, "another's content");
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_EQ(Read(kKnownFile), "another's content");
+}
+
+TEST_F(ConfinedTest, AnotherMountPointIsReadAtOnce) {
+  const TempDisk another;
+  another.MakeFile(kKnownFile, "another's content");
+  std::string mount_point = disk.root();
+  FileManagerLinux files([&] { return DiskRoot{.path = mount_point}; });
+  const auto read = [&] {
+    std::array<char, 64> buffer{};
+    uint32_t error = 0;
+    files.UdiskReadFile((mount_point + kKnownFile).c_str(), buffer.data(), 0, buffer.size(),
+                        &error);
+    return std::string(buffer.data());
+  };
+  EXPECT_EQ(read(), "known content");
+  mount_point = another.root();
+  EXPECT_EQ(read(), "another's content");
 }
 
 TEST_F(ConfinedTest, AfterAnIdleSecondTheDiskCanBeUnmounted) {
