@@ -1223,17 +1223,30 @@ TEST_F(ConfinedTest, OneDebugLineSaysWhetherItIsOn) {
   EXPECT_EQ(Log().Count(kDebug, "[UDisk] CONFINE=1: no path leads out of the mount point"), 1U);
 }
 
-TEST_F(ConfinedTest, TheOpenMountPointIsNotPassedToOtherPrograms) {
-  Read(kKnownFile);
-  int seen = 0;
+/// The descriptors on which this process has `path` open.
+std::vector<int> DescriptorsOf(const std::string& path) {
+  std::vector<int> descriptors;
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
-    if (fs::read_symlink(entry.path(), gone) != disk.root()) continue;
-    ++seen;
-    EXPECT_EQ(fcntl(std::stoi(entry.path().filename()), F_GETFD), FD_CLOEXEC);
+    if (fs::read_symlink(entry.path(), gone) != path) continue;
+    descriptors.push_back(std::stoi(entry.path().filename()));
   }
-  EXPECT_EQ(seen, 1);
+  return descriptors;
+}
+
+TEST_F(ConfinedTest, TheOpenMountPointIsNotPassedToOtherPrograms) {
+  Read(kKnownFile);
+  const std::vector<int> open = DescriptorsOf(disk.root());
+  ASSERT_EQ(open.size(), 1U);
+  EXPECT_EQ(fcntl(open[0], F_GETFD), FD_CLOEXEC);
   udisk->Idle();
+}
+
+TEST_F(ConfinedTest, TheMountPointIsClosedWhenItIsCleared) {
+  Read(kKnownFile);
+  EXPECT_EQ(DescriptorsOf(disk.root()).size(), 1U);
+  udisk->SetRootPath(nullptr, nullptr);
+  EXPECT_TRUE(DescriptorsOf(disk.root()).empty());
 }
 
 TEST_F(ConfinedTest, TheVariableIsReadOnlyOnce) {
