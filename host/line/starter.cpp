@@ -64,8 +64,8 @@ std::string Packed(Request request, std::string_view text = {}) {
   return bytes.append(text);
 }
 
-/// Lets a stream hold a whole packet of the usual size, so that a thread that sends one does not wait
-/// for the reader several times. Without privilege, the system's limit holds.
+/// Lets a stream hold a whole packet of the usual size, so that a thread that sends one does not
+/// wait for the reader several times. Without privilege, the system's limit holds.
 void Widen(int socket) {
   const int bytes = kStreamRoom;
   if (setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0) {
@@ -353,7 +353,7 @@ class StarterProcess {
     while (WaitReadable(ends.output.get(), deadline) &&
            read(ends.output.get(), unread.data(), unread.size()) > 0) {
     }
-    WaitReadable(ends.status.get(), deadline);
+    if (!commands_.empty()) WaitReadable(commands_.back().held.get(), deadline);
     EndAll();
   }
 

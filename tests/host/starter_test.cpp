@@ -394,6 +394,25 @@ TEST_F(StarterTest, EndsTheRunningLineBeforeTheLastWords) {
   EXPECT_EQ(ContentOf(log), "start\nend\nstart\nwords\nclosed\n");
 }
 
+TEST_F(StarterTest, EndsAsSoonAsTheLastWordsAreTaken) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe(ends.data()), 0);
+  ChildProcess process([&] {
+    static Starter starter("cat", "");
+    starter.SayOnDeath("words");
+    const pid_t child = ChildrenOf(getpid()).front();
+    ASSERT_EQ(write(ends[1], &child, sizeof child), static_cast<ssize_t>(sizeof child));
+  });
+  pid_t starter_process = 0;
+  ASSERT_EQ(read(ends[0], &starter_process, sizeof starter_process),
+            static_cast<ssize_t>(sizeof starter_process));
+  for (const int end : ends) close(end);
+  const auto before = Clock::now();
+  process.End(SIGKILL);
+  EXPECT_TRUE(Eventually([&] { return !Runs(starter_process); }));
+  EXPECT_LT(Clock::now() - before, 5s);
+}
+
 TEST_F(StarterTest, SaysNothingOnceReleased) {
   const fs::path file = directory / "words";
   pid_t starter_process = 0;
