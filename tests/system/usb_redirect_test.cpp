@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/mounted_disk.h"
@@ -50,6 +51,7 @@ class UsbRedirect : public testing::Test {
       host->Signal(SIGTERM);
       EXPECT_EQ(host->Wait(), 0) << Said();
     }
+    if (!loop_device.empty()) Shell("losetup -d " + loop_device);
     for (const auto& label : labels) {
       EXPECT_FALSE(IsMounted("/media/" + label));
       EXPECT_FALSE(IsMounted(Far(label)));
@@ -159,6 +161,7 @@ class UsbRedirect : public testing::Test {
 
   const TempDir place;
   std::vector<std::string> labels;
+  std::string loop_device;
   std::map<std::string, std::string> partitions;  // what blkid says, by disk
   const std::unique_ptr<UMockdevTestbed, decltype(&g_object_unref)> testbed{umockdev_testbed_new(),
                                                                             g_object_unref};
@@ -347,6 +350,37 @@ TEST_F(UsbRedirect, RedirectsTheOtherDiskIfALabelCannotBeADirectory) {
       << Said();
 }
 
+TEST_F(UsbRedirect, RedirectsARealNtfsDiskAndLetsGoOfItWhenItIsPulled) {
+  for (const char* program : {"blkid", "losetup", "mkntfs", "ntfs-3g", "ntfscat"}) {
+    if (Shell(std::string("command -v ") + program).status != 0) {
+      GTEST_SKIP() << program << " is not installed";
+    }
+  }
+  const auto label = Label("NTFS");
+  const auto image = place / "image";
+  const auto made = Shell("truncate -s 20M " + image + " && mkntfs -qF -L " + label + " " + image +
+                          " && losetup -f --show " + image);
+  if (made.status != 0) GTEST_SKIP() << "no NTFS on a loop device here: " + made.output;
+  const auto device = made.output.substr(0, made.output.find('\n'));
+  // The real one, in the real machine, with a cache of its own.
+  AddProgram("blkid", "BLKID_FILE=" + (place / "blkid.tab") +
+                          " exec env -u LD_PRELOAD PATH=" + Quoted(getenv("PATH")) + " blkid");
+  loop_device = device;
+  AddDevice(device.substr(std::string("/dev/").size()));
+  Start();
+  ASSERT_TRUE(Eventually([&] { return IsMounted(Far(label)); }, kSoon)) << Said();
+  const auto content = Bytes(5 << 20);
+  WriteFile(place / "original", content);
+  WriteFile(Far(label) + "/copy", content);
+  EXPECT_TRUE(ReadFile("/media/" + label + "/copy") == content) << Said();
+  Pull(device.substr(std::string("/dev/").size()));
+  EXPECT_TRUE(Goes(label)) << Said();
+  // Nothing uses the device any more: it goes at once.
+  Shell("losetup -d " + std::exchange(loop_device, {}));
+  EXPECT_TRUE(Eventually([&] { return Shell("losetup -j " + image).output.empty(); }, kSoon));
+  EXPECT_EQ(Shell("ntfscat " + image + " copy | cmp - " + Quoted(place / "original")).status, 0);
+}
+
 TEST_F(UsbRedirect, NeedsRootAndAnotherMachine) {
   const std::string redirect = std::string(CPD_HOST) + " redirect --usb ";
   const auto local = Shell(redirect + "/mnt");
@@ -359,6 +393,39 @@ TEST_F(UsbRedirect, NeedsRootAndAnotherMachine) {
   const auto user = Shell("setpriv --reuid=65534 --clear-groups " + redirect + "host:/mnt");
   EXPECT_EQ(user.status, 1);
   EXPECT_EQ(user.output, "cpd-host: mounting USB disks needs root\n");
+}
+
+// ---- The unit for systemd ----
+
+/// The unit, with this build's program.
+std::string Unit() {
+  auto unit = ReadFile(USB_UNIT);
+  const std::string installed = "/usr/local/bin/cpd-host";
+  const auto at = unit.find(installed);
+  return at == std::string::npos ? "" : unit.replace(at, installed.size(), CPD_HOST);
+}
+
+TEST(UsbUnit, HasACommandThatTheHostUnderstands) {
+  const auto unit = Unit();
+  const std::string key = "\nExecStart=";
+  const auto begin = unit.find(key) + key.size();
+  auto command = unit.substr(begin, unit.find('\n', begin) - begin);
+  ASSERT_NE(command.find(" ${PLACE} "), std::string::npos) << unit;
+  // The shell splits the command like systemd, and the host gets as far as the place.
+  const auto result = Shell("PLACE=nowhere OPTIONS='--read-only --match STICK'; " + command);
+  EXPECT_EQ(result.output,
+            "cpd-host: nowhere does not name another machine: write [USER@]HOST:DIRECTORY\n");
+}
+
+TEST(UsbUnit, IsAcceptedBySystemd) {
+  if (Shell("command -v systemd-analyze").status != 0) {
+    GTEST_SKIP() << "systemd-analyze is not installed";
+  }
+  const TempDir place;
+  WriteFile(place / "cpd-host-usb@.service", Unit());
+  const auto result = Shell("systemd-analyze verify --man=no " + (place / "cpd-host-usb@.service"));
+  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_EQ(result.output.find("cpd-host-usb"), std::string::npos) << result.output;
 }
 
 }  // namespace
