@@ -49,7 +49,7 @@ class UsbRedirect : public testing::Test {
   void TearDown() override {
     if (host) {
       host->Signal(SIGTERM);
-      EXPECT_EQ(host->Wait(), 0) << Said();
+      EXPECT_EQ(host->Wait(kFewSeconds), 0) << Said();
     }
     if (!loop_device.empty()) Shell("losetup -d " + loop_device);
     for (const auto& label : labels) {
@@ -290,6 +290,26 @@ TEST_F(UsbRedirect, EndsWithinSecondsAfterCtrlCWithTwoDisks) {
   EXPECT_TRUE(IsGone(first));
   EXPECT_TRUE(IsGone(second));
   EXPECT_EQ(TimesSaid("trying again"), 0U) << Said();
+}
+
+TEST_F(UsbRedirect, KillsTheProcessOfADiskThatDoesNotEnd) {
+  const auto stuck = Label("STUCK");
+  const auto other = Label("OTHER");
+  Plug("sdb", stuck);
+  Plug("sdc", other);
+  Start();
+  ASSERT_TRUE(Comes(stuck) && Comes(other)) << Said();
+  for (const auto process : OwnProcessNumbers()) {
+    const auto line = ReadFile("/proc/" + std::to_string(process) + "/cmdline");
+    const auto name = ReadFile("/proc/" + std::to_string(process) + "/comm");
+    if (line.find("redirect") != std::string::npos && name != "cpd-starter\n" &&
+        line.find("/media/" + stuck) != std::string::npos) {
+      kill(process, SIGSTOP);
+    }
+  }
+  Pull("sdb");
+  EXPECT_TRUE(Goes(stuck)) << Said();
+  EXPECT_FALSE(IsGone(other));
 }
 
 TEST_F(UsbRedirect, LeavesNothingMountedWhenItIsKilled) {
