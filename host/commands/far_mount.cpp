@@ -58,7 +58,8 @@ void MountOverLine(LineSource& source, FarMount far, const StopSignals& stop_sig
                      },
                  .on_renewal =
                      [&](Renewal renewal) {
-                       if (renewal == Renewal::kLife) mount->NoteLoss();
+                       if (renewal == Renewal::kDisk) return mount->ChangeDisk();
+                       mount->NoteLoss();
                      }});
   LineKeeper keeper(source, end, kFirstHelloLimit, far.line.reconnect.count() != 0);
   Connect(keeper, stop_signals);

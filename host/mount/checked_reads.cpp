@@ -121,6 +121,11 @@ void CheckedReads::Forget(NodeTable::Id node) {
   contents_.erase(node);
 }
 
+void CheckedReads::ForgetAll() {
+  const std::lock_guard lock(mutex_);
+  contents_.clear();
+}
+
 // ---- Parts of files ----
 
 struct CheckedReads::Reading {

@@ -74,6 +74,8 @@ class CheckedReads {
   /// Forgets a file's content. Must be called before a change of the file is answered, and when its
   /// last handle is closed.
   void Forget(NodeTable::Id node);
+  /// Forgets the content of all files. Nothing may be under way.
+  void ForgetAll();
 
   /// Ends with ESTALE when another file has taken the path, and with ENOENT when there is none.
   void Read(NodeTable::Id node, const NodeTable::File& file, int64_t offset, uint32_t size,

@@ -77,6 +77,40 @@ void FuseMount::Serve(const sigset_t& stop_signals) {
   if (result < 0) throw std::runtime_error("the connection to the kernel failed");
 }
 
+// While the session refuses requests, every thread that serves the kernel goes on at once. So this
+// waits for none of them long, neither for the pass nor for the kernel's locks.
+void FuseMount::ChangeDisk() {
+  session_.GiveUpWhile([this] {
+    NodeTable::Known known;
+    {
+      const auto pass = gate_.Enter();  // no request with an old path is sent after this
+      writes_.LoseDisk();
+      known = nodes_.ForgetDisk();
+      open_files_.LoseDisk();
+      reads_.ForgetAll();
+      listings_.Forget("/");
+      prefetch_.Forget("/");
+      ++changes_;
+      const std::lock_guard lock(mutex_);
+      for (auto& [handle, directory] : directories_) directory = {};
+    }
+    InvalidateAll(known);
+  });
+}
+
+/// Makes the kernel forget what it has cached.
+void FuseMount::InvalidateAll(const NodeTable::Known& known) {
+  auto* const session = kernel_.session();
+  // When the mount is no longer served, programs hold the kernel's locks until it is gone.
+  const auto is_served = [session] { return fuse_session_exited(session) == 0; };
+  for (const auto& [directory, name] : known.names) {
+    if (is_served()) fuse_lowlevel_notify_inval_entry(session, directory, name.data(), name.size());
+  }
+  for (const auto node : known.nodes) {
+    if (is_served()) fuse_lowlevel_notify_inval_inode(session, node, 0, 0);
+  }
+}
+
 template <auto kHandler, class... Arguments>
 void FuseMount::Call(fuse_req_t request, Arguments... arguments) {
   auto* mount = static_cast<KernelMount*>(fuse_req_userdata(request))->server_;
@@ -341,6 +375,7 @@ void FuseMount::ReleaseDirectory(fuse_req_t request, fuse_ino_t /*node*/, fuse_f
 /// The directory is listed when it is read from its start; the rest comes from that listing.
 void FuseMount::ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, off_t position,
                               fuse_file_info* file) {
+  const auto pass = Enter();
   OpenDirectoryListing open;
   {
     const std::lock_guard lock(mutex_);
@@ -350,7 +385,6 @@ void FuseMount::ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, 
   if (position != 0 && open.listing != nullptr) {
     return ReplyWithEntries(request, node, open, first, size);
   }
-  const auto pass = Enter();
   const auto directory = nodes_.Find(node);
   if (!directory) return void(fuse_reply_err(request, ESTALE));
   // The changes so far are noted, because a later change may be missing in the reply.

@@ -53,6 +53,11 @@ class FuseMount {
   /// machine was booted or it was mounted anew in between. To be called before requests go over
   /// that line; callable from any thread.
   void NoteLoss() { open_files_.LoseUnsynced(); }
+  /// Another line leads to another disk. Every request that is under way fails, files and
+  /// directories that programs have open are stale (ESTALE), and names lead to the new disk. To be
+  /// called before requests go over that line, not on a thread that delivers replies; callable from
+  /// any other.
+  void ChangeDisk();
 
   /// What the kernel calls.
   static fuse_lowlevel_ops Operations();
@@ -93,6 +98,7 @@ class FuseMount {
                  const fuse_file_info& handle, bool is_retry);
   void InvalidateAttributes(fuse_ino_t node, const udisk_stat& before);
   void InvalidateAttributes(fuse_ino_t node);
+  void InvalidateAll(const NodeTable::Known& known);
   OpenFiles::Closed CloseHandle(OpenFiles::Handle handle);
   bool StoreAhead(fuse_ino_t node, const NodeTable::File& file);
   void Write(fuse_req_t request, fuse_ino_t node, const char* data, size_t size, off_t offset,

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -123,6 +124,12 @@ void GatheredWrites::NoteExtension(const NodeTable::File& file, int64_t size) {
 void GatheredWrites::NoteFailure(int error) {
   const std::lock_guard lock(mutex_);
   room_.NoteFailure(error, Clock::now());
+}
+
+void GatheredWrites::LoseDisk() {
+  Send();
+  const std::lock_guard lock(mutex_);
+  room_.NoteAnswer(std::nullopt);
 }
 
 void GatheredWrites::Send() {

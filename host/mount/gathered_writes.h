@@ -51,6 +51,9 @@ class GatheredWrites {
   /// Notes why a change of the disk failed.
   /// @param error  an errno
   void NoteFailure(int error);
+  /// The disk is gone, and another one has taken its place: everything gathered fails. The caller
+  /// must hold a pass of the gate, and the session must refuse requests.
+  void LoseDisk();
   /// Sends everything gathered. The caller must hold a pass of the gate, or a move.
   void Send();
   /// Sends everything gathered, then waits until all writes to one file are answered. Must not be

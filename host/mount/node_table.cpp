@@ -280,6 +280,18 @@ void NodeTable::Show(Id parent, const std::string& hidden_name, const std::strin
   if (child != children_.end()) nodes_.at(child->second).is_hidden = false;
 }
 
+NodeTable::Known NodeTable::ForgetDisk() {
+  const std::lock_guard lock(mutex_);
+  Known known;
+  for (const auto& [id, node] : nodes_) known.nodes.push_back(id);
+  for (const auto& [name, id] : children_) known.names.push_back(name);
+  children_.clear();
+  files_.clear();
+  nodes_.clear();
+  nodes_.emplace(kRoot, Node{.names = {}, .references = 1, .attributes = {}});
+  return known;
+}
+
 std::vector<std::string> NodeTable::HiddenPaths() const {
   const std::lock_guard lock(mutex_);
   std::vector<std::string> paths;

@@ -88,6 +88,15 @@ class NodeTable {
   void Hide(Id parent, const std::string& name, const std::string& hidden_name);
   /// Undoes Hide.
   void Show(Id parent, const std::string& hidden_name, const std::string& name);
+  /// What the kernel may remember of a disk.
+  struct Known {
+    std::vector<Id> nodes;
+    std::vector<std::pair<Id, std::string>> names;  ///< directory and name in it
+  };
+  /// Forgets everything but the root, because the names now lead to another disk. The kernel may go
+  /// on using the nodes: there are no files for them any more.
+  /// @return what was known, the root included
+  Known ForgetDisk();
   /// The paths of all hidden files.
   [[nodiscard]] std::vector<std::string> HiddenPaths() const;
 

@@ -146,6 +146,17 @@ class OpenFiles {
     return file != files_.end() && file->second.is_written;
   }
 
+  /// Another disk has taken the place of the one with these files: what was not synced is lost, as
+  /// is the content that handles hold.
+  void LoseDisk() {
+    LoseUnsynced();
+    const std::lock_guard lock(mutex_);
+    for (auto& [handle, open] : handles_) {
+      open.seen_failures = files_.at(open.node).failures;  // a loss says as much
+      open.content = nullptr;
+    }
+  }
+
   /// Notes that a write failed after the program was told that it was done.
   void NoteFailure(NodeTable::Id node, int error) {
     const std::lock_guard lock(mutex_);

@@ -86,6 +86,20 @@ void Session::Break() {
   GiveUp(std::move(given_up));
 }
 
+void Session::GiveUpWhile(const std::function<void()>& change) {
+  Requests given_up;
+  {
+    const std::lock_guard lock(mutex_);
+    is_refusing_ = true;
+    given_up = TakeAllLocked();
+  }
+  GiveUp(std::move(given_up));
+  AwaitDelivery();
+  change();
+  const std::lock_guard lock(mutex_);
+  is_refusing_ = !waits_;
+}
+
 void Session::StopWaiting() {
   Requests given_up;
   {
@@ -110,7 +124,7 @@ void Session::Stop() {
     given_up = TakeAllLocked();
   }
   GiveUp(std::move(given_up));
-  for (int others = delivering_; others != 0; others = delivering_) delivering_.wait(others);
+  AwaitDelivery();
 }
 
 // ---- Requests and replies ----
@@ -230,6 +244,11 @@ void Session::GiveUp(Requests requests) {
   for (auto& request : requests) request.done(nullptr);
   --delivering_;
   delivering_.notify_all();
+}
+
+/// Waits until no thread runs Done functions.
+void Session::AwaitDelivery() const {
+  for (int others = delivering_; others != 0; others = delivering_) delivering_.wait(others);
 }
 
 // ---- After a break ----

@@ -51,6 +51,10 @@ class Session {
   void Start(Channel* channel);
   /// The channel is gone. Requests wait for the next Start.
   void Break();
+  /// For a channel that will lead to another disk: gives up every request, also those that are
+  /// asked while `change` runs. No Done runs meanwhile, except in Ask. To be called between Break
+  /// and Start, not from a Done; does not wait for the driver.
+  void GiveUpWhile(const std::function<void()>& change);
   /// From now on, requests do not wait for another channel.
   void StopWaiting();
   /// There is room in the channel again.
@@ -100,6 +104,7 @@ class Session {
   Concluded SettleLocked();
   void SendProbeLocked();
   void GiveUp(Requests requests);
+  void AwaitDelivery() const;
   void Watch();
 
   const Clock::duration time_limit_;

@@ -254,6 +254,50 @@ TEST_F(BrokenChannel, GivesUpAndRefusesAfterItsPatienceAndWorksAgainWithAChannel
   EXPECT_EQ(given_up, 3);
 }
 
+TEST_F(BrokenChannel, AsksAnotherDiskNothingThatWasMeantForTheFirst) {
+  Ask(ReadRequest{.path = "/a"});
+  Ask(UnlinkRequest{.path = "/b"});
+  Break();
+  Ask(CreateRequest{.path = "/c"});
+  EXPECT_EQ(answers, (std::vector<std::string>{"", "", ""}));
+  session.GiveUpWhile([this] {
+    EXPECT_EQ(answers, (std::vector<std::string>{"none", "none", "none"}));
+    Ask(TruncateRequest{.path = "/d"});
+    EXPECT_EQ(answers.back(), "none");
+  });
+  session.Start(&channel);
+  EXPECT_TRUE(channel.sent.empty());
+  EXPECT_EQ(answers.size(), 4U);
+}
+
+TEST_F(BrokenChannel, AsksAnotherDiskNothingThatFollowsARequestToTheFirst) {
+  session.Ask(Request(LinkRequest{.path = "/a", .new_path = "/b"}).Packet(),
+              [this](const std::unique_ptr<CpdPacket>&) {
+                Ask(RenameRequest{.path = "/a", .new_path = "/b"});
+              });
+  Break();
+  session.GiveUpWhile([] {});
+  session.Start(&channel);
+  EXPECT_EQ(answers, std::vector<std::string>{"none"});
+  EXPECT_TRUE(channel.sent.empty());
+}
+
+TEST_F(BrokenChannel, AsksAnotherDiskWhatComesOnceTheFirstIsForgotten) {
+  Break();
+  session.GiveUpWhile([] {});
+  Ask(ReadRequest{.path = "/a"});
+  EXPECT_EQ(answers.front(), "");
+  session.Start(&channel);
+  EXPECT_EQ(Sent(), (std::vector<uint16_t>{kFileRead}));
+}
+
+TEST_F(BrokenChannel, WaitsForNoOtherDiskOnceItHasStoppedWaiting) {
+  Break();
+  session.GiveUpWhile([this] { session.StopWaiting(); });
+  Ask(ReadRequest{.path = "/a"});
+  EXPECT_EQ(answers.front(), "none");
+}
+
 // The answer to a question may be on its way through the session when the channel breaks.
 TEST_F(BrokenChannel, ForgetsNothingWhenABreakAndAnAnswerMeet) {
   for (int round = 0; round < 300; ++round) {

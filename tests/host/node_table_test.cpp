@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <string>
+#include <utility>
 
 namespace cpd::host {
 namespace {
@@ -200,6 +202,37 @@ TEST_F(Nodes, WithOnlyOneNameAreDistinguishedFromThoseWithMore) {
   nodes.Lookup(kRoot, "two", File(1, 2));
   EXPECT_EQ(nodes.NodeIfOnlyName(kRoot, "one"), std::nullopt);
   EXPECT_EQ(nodes.NodeIfOnlyName(kRoot, "none"), std::nullopt);
+}
+
+TEST_F(Nodes, OfAnotherDiskAreOtherNodes) {
+  const auto directory = nodes.Lookup(kRoot, "directory", Directory(10));
+  const auto file = nodes.Lookup(directory, "file", File(11));
+  const auto linked = nodes.Lookup(kRoot, "linked", File(12, 2));
+  nodes.Lookup(kRoot, "removed", File(13));
+  nodes.Hide(kRoot, "removed", "hidden");
+  const auto known = nodes.ForgetDisk();
+  for (const auto node : {directory, file, linked}) {
+    EXPECT_EQ(PathOf(node), "none");
+    EXPECT_FALSE(nodes.LastAttributes(node));
+  }
+  EXPECT_TRUE(nodes.HiddenPaths().empty());
+  EXPECT_EQ(PathOf(kRoot), "/");
+  EXPECT_EQ(known.nodes.size(), 5U);
+  EXPECT_EQ(std::ranges::count(known.names, std::pair(directory, std::string("file"))), 1);
+  EXPECT_EQ(known.names.size(), 4U);
+
+  EXPECT_NE(nodes.Lookup(kRoot, "directory", Directory(10)), directory);
+  // Inodes of different disks may have equal numbers.
+  EXPECT_NE(nodes.Lookup(kRoot, "other", File(12, 2)), linked);
+}
+
+TEST_F(Nodes, OfAnEarlierDiskMayBeForgotten) {
+  const auto directory = nodes.Lookup(kRoot, "directory", Directory(10));
+  nodes.ForgetDisk();
+  const auto now = nodes.Lookup(kRoot, "directory", Directory(10));
+  nodes.Forget(directory, 1);
+  EXPECT_EQ(PathOf(now), "/directory");
+  EXPECT_EQ(PathOf(kRoot), "/");
 }
 
 }  // namespace

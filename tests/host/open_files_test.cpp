@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <memory>
 
 namespace cpd::host {
 namespace {
@@ -115,6 +116,23 @@ TEST_F(Losses, StayWithTheFileThatAHandleLeaves) {
   files.LoseUnsynced();
   files.MoveTo(writer, kOther);
   EXPECT_EQ(files.TakeFailureOrLoss(writer), 0);
+}
+
+TEST_F(Losses, OfAWholeDiskAreReportedInsteadOfItsFailedWrites) {
+  const auto writer = files.Open(kFile);
+  files.NoteWrite(kFile);
+  files.NoteFailure(kFile, ENOSPC);
+  files.LoseDisk();
+  EXPECT_EQ(files.TakeFailure(writer), 0);
+  EXPECT_EQ(files.TakeFailureOrLoss(writer), EIO);
+  EXPECT_EQ(files.TakeFailureOrLoss(writer), 0);
+}
+
+TEST_F(Losses, OfAWholeDiskTakeTheContentThatHandlesHold) {
+  const auto reader = files.Open(kFile);
+  files.SetContent(reader, std::make_shared<CheckedReads::Content>());
+  files.LoseDisk();
+  EXPECT_EQ(files.ContentOf(reader), nullptr);
 }
 
 }  // namespace

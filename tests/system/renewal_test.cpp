@@ -3,12 +3,15 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -44,6 +47,13 @@ class OpenFile {
     struct stat status {};
     return fstat(mFd, &status) == 0 ? 0 : errno;
   }
+  int Names() const {
+    std::vector<char> names(4096);
+    return syscall(SYS_getdents64, mFd, names.data(), names.size()) < 0 ? errno : 0;
+  }
+  int Make(const std::string& name) const {
+    return mkdirat(mFd, name.c_str(), 0755) == 0 ? 0 : errno;
+  }
   int Close() { return close(std::exchange(mFd, -1)) == 0 ? 0 : errno; }
 
  private:
@@ -74,9 +84,10 @@ class Renewal : public testing::Test {
 
   void Mount(const std::string& directory) {
     Lead(directory);
-    const std::string line = "echo $$ > " + place / "serving" + ".new && mv " + place / "serving" +
-                             ".new " + place / "serving" + " && exec " + CPD_HOST + " serve " +
-                             place / "disk";
+    const std::string line = "while [ -e " + place / "hold" +
+                             " ]; do sleep 0.02; done; echo $$ > " + place / "serving" +
+                             ".new && mv " + place / "serving" + ".new " + place / "serving" +
+                             " && exec " + CPD_HOST + " serve " + place / "disk";
     host =
         std::make_unique<Process>(std::vector<std::string>{CPD_HOST, "mount", "--via", line, mnt},
                                   place / "out", place / "err");
@@ -84,11 +95,15 @@ class Renewal : public testing::Test {
     ASSERT_TRUE(IsMounted(mnt)) << ReadFile(place / "err");
   }
 
+  /// From now on there is no line until LetLinesGo.
+  void HoldLines() const { WriteFile(place / "hold", ""); }
+  void LetLinesGo() const { fs::remove(place / "hold"); }
   /// Ends the serving process as a crash would. The next line leads to `directory`.
+  void Cut() const { ASSERT_EQ(kill(std::stoi(ReadFile(place / "serving")), SIGKILL), 0); }
   void CutAndLeadTo(const std::string& directory) {
     const auto serving = ReadFile(place / "serving");
     Lead(directory);
-    ASSERT_EQ(kill(std::stoi(serving), SIGKILL), 0);
+    Cut();
     ASSERT_TRUE(Eventually([&] { return ReadFile(place / "serving") != serving; }));
   }
 
@@ -159,6 +174,128 @@ TEST_F(RemountedDisk, FailsNothingWhenOnlyTheLineDropped) {
   CutAndLeadTo(lives[0]);
   EXPECT_EQ(file.Sync(), 0);
   EXPECT_EQ(file.Close(), 0);
+}
+
+/// A line that leads to another disk the second time.
+class OtherDisk : public Renewal {
+ protected:
+  void SetUp() override {
+    Renewal::SetUp();
+    if (IsSkipped()) return;
+    for (const auto& disk : {old_disk, new_disk}) {
+      fs::create_directories(disk + "/directory");
+      WriteFile(disk + "/removed", "something");
+    }
+    WriteFile(old_disk + "/which", "old");
+    WriteFile(new_disk + "/which", "new");
+    WriteFile(old_disk + "/directory/old", "");
+    WriteFile(new_disk + "/directory/new", "");
+    WriteFile(old_disk + "/file", "content of old");
+    WriteFile(new_disk + "/file", "content of new");
+    Mount(old_disk);
+  }
+
+  void AwaitNewDisk() const {
+    ASSERT_TRUE(Eventually([&] { return ReadFile(*this / "which") == "new"; }));
+  }
+  void ChangeDisk() {
+    CutAndLeadTo(new_disk);
+    AwaitNewDisk();
+  }
+
+  const std::string old_disk = place / "old";
+  const std::string new_disk = place / "new";
+};
+
+TEST_F(OtherDisk, MakesOpenFilesStale) {
+  const OpenFile writer(*this / "file", O_RDWR);
+  const OpenFile reader(*this / "file", O_RDONLY);
+  const OpenFile directory(*this / "directory", O_RDONLY | O_DIRECTORY);
+  EXPECT_EQ(reader.Read(), 0);
+  ChangeDisk();
+  EXPECT_EQ(reader.Read(), ESTALE);
+  EXPECT_EQ(reader.Attributes(), ESTALE);
+  EXPECT_EQ(writer.Read(), ESTALE);
+  EXPECT_EQ(writer.Write("X"), ESTALE);
+  EXPECT_EQ(writer.Sync(), ESTALE);
+  EXPECT_EQ(directory.Names(), ESTALE);
+  EXPECT_EQ(directory.Make("made"), ESTALE);
+  EXPECT_EQ(ReadFile(new_disk + "/file"), "content of new");
+  EXPECT_FALSE(fs::exists(new_disk + "/directory/made"));
+}
+
+TEST_F(OtherDisk, FailsTheNextSyncOfWhatWasNotSynced) {
+  const OpenFile file(*this / "file", O_RDWR);
+  EXPECT_EQ(file.Write("X"), 0);
+  ChangeDisk();
+  EXPECT_EQ(file.Write("X"), ESTALE);
+  EXPECT_EQ(file.Sync(), EIO);
+  EXPECT_EQ(file.Sync(), ESTALE);
+  EXPECT_EQ(ReadFile(new_disk + "/file"), "content of new");
+}
+
+TEST_F(OtherDisk, FailsTheCloseOfWhatWasNotSynced) {
+  OpenFile unsynced(*this / "file", O_RDWR);
+  OpenFile synced(*this / "removed", O_RDWR);
+  EXPECT_EQ(unsynced.Write("X"), 0);
+  EXPECT_EQ(synced.Write("X"), 0);
+  EXPECT_EQ(synced.Sync(), 0);
+  ChangeDisk();
+  EXPECT_EQ(unsynced.Close(), EIO);
+  EXPECT_EQ(synced.Close(), 0);
+}
+
+TEST_F(OtherDisk, ShowsItsNamesAndContentAtOnce) {
+  EXPECT_EQ(ReadFile(*this / "file"), "content of old");
+  EXPECT_EQ(Shell("ls " + *this / "directory").output, "old\n");
+  ChangeDisk();
+  EXPECT_EQ(ReadFile(*this / "file"), "content of new");
+  EXPECT_EQ(Shell("ls " + *this / "directory").output, "new\n");
+  EXPECT_EQ(Shell("rm " + *this / "file").status, 0);
+  EXPECT_FALSE(fs::exists(new_disk + "/file"));
+  EXPECT_TRUE(fs::exists(old_disk + "/file"));
+}
+
+TEST_F(OtherDisk, GetsNothingThatWasMeantForTheFirst) {
+  const OpenFile file(*this / "file", O_RDWR);
+  const OpenFile hidden(*this / "hidden", O_RDWR | O_CREAT);
+  EXPECT_EQ(unlink((*this / "hidden").c_str()), 0);
+  EXPECT_EQ(file.Write("Y"), 0);
+  EXPECT_EQ(file.Sync(), 0);
+  HoldLines();
+  Cut();
+  Lead(new_disk);
+  std::atomic<int> removal = -1;
+  std::thread remover([&] { removal = unlink((*this / "removed").c_str()) == 0 ? 0 : errno; });
+  std::atomic<int> writing = -1;
+  std::thread writer([&] { writing = file.Write(std::string(100'000, 'X')); });
+  EXPECT_FALSE(Eventually([&] { return removal != -1 || writing != -1; }, 300ms));
+  LetLinesGo();
+  remover.join();
+  writer.join();
+  EXPECT_EQ(removal, EIO);
+  EXPECT_EQ(writing, EIO);
+  AwaitNewDisk();
+  EXPECT_EQ(ReadFile(new_disk + "/removed"), "something");
+  EXPECT_EQ(ReadFile(new_disk + "/file"), "content of new");
+  EXPECT_EQ(ReadFile(old_disk + "/file"), "Yontent of old");
+}
+
+TEST_F(OtherDisk, GetsNoSmallWritesThatWereMeantForTheFirst) {
+  OpenFile file(*this / "file", O_RDWR);
+  EXPECT_EQ(file.Write("Y"), 0);
+  EXPECT_EQ(file.Sync(), 0);
+  HoldLines();
+  Cut();
+  Lead(new_disk);
+  std::thread writer([&] {
+    for (int i = 0; i < 100; ++i) file.Write("X", i);
+  });
+  usleep(100'000);
+  LetLinesGo();
+  writer.join();
+  AwaitNewDisk();
+  EXPECT_EQ(ReadFile(new_disk + "/file"), "content of new");
 }
 
 }  // namespace
