@@ -317,6 +317,26 @@ TEST(AllocationOutsideTheHandlers, RefusedToABusEventCostsOnlyItsTrace) {
   });
 }
 
+TEST(AllocationOfAReply, RefusedToSmallFilesIsNotPaced) {
+  RefuseEach([](int before) {
+    FrugalDevice device;
+    UDiskOperator udisk(&device);
+    udisk.legacyThrottle = true;
+    udisk.forceBw = 1'000'000;  // far more than is read, so that nothing sleeps
+    const auto request =
+        Request(SmallReadRequest{.records = {{.path = "/none", .size = 4}}}).Packet();
+    Allocations allocations;
+    allocations.RefuseOneAfter(before);
+    try {
+      udisk.small_file_read(CPD_PACKET_HEADER_SIZE, request.get());
+    } catch (const std::bad_alloc&) {
+    }
+    const bool refused = allocations.StopRefusing();
+    EXPECT_EQ(udisk.legacyBytes > 0, device.replies == 1) << "only what is sent is paced";
+    return refused;
+  });
+}
+
 TEST(AllocationOutsideTheHandlers, RefusedToTheCopyOfAPathMakesNoDirectoryAndReturnsZero) {
   const TempDisk disk;
   FileManagerLinux files;
