@@ -1,5 +1,7 @@
-// udisk_mount_bench [TURNS]   compares the mount with each of its accelerators to the mount without
-//                             it
+// udisk_mount_bench [TURNS]          compares the mount with each of its accelerators to the mount
+//                                    without it
+// udisk_mount_bench --line [TURNS]   compares a mount over a line without delay to the mount in one
+//                                    process
 //
 // Prints a table as udisk_bench --ratios does.
 #include <dirent.h>
@@ -13,6 +15,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ratio_table.h"
@@ -79,6 +82,42 @@ double ReadFiles(const std::string& path) {
   });
 }
 
+/// Reads a file from its start to its end, past the kernel's cache if asked.
+template <size_t kSize, int kFlags = 0>
+double ReadThrough(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | kFlags);
+  Expect(fd >= 0, "open failed");
+  void* buffer = nullptr;
+  Expect(posix_memalign(&buffer, 4096, kSize) == 0, "no memory");
+  const double seconds = SecondsOf([&] {
+    size_t sum = 0;
+    while (const ssize_t count = read(fd, buffer, kSize)) {
+      Expect(count > 0, "read failed");
+      sum += static_cast<size_t>(count);
+    }
+    Expect(sum == SampleDisk::kBigFileSize, "bytes are missing");
+  });
+  free(buffer);
+  close(fd);
+  return seconds;
+}
+
+/// Writes a new file of the same size, and syncs it.
+template <size_t kSize>
+double WriteThrough(const std::string& path) {
+  const std::string block(kSize, 'w');
+  const int fd = open((path + ".new").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  Expect(fd >= 0, "open failed");
+  const double seconds = SecondsOf([&] {
+    for (size_t done = 0; done < SampleDisk::kBigFileSize; done += kSize) {
+      Expect(write(fd, block.data(), kSize) == ssize_t{kSize}, "write failed");
+    }
+    Expect(fsync(fd) == 0, "fsync failed");
+  });
+  close(fd);
+  return seconds;
+}
+
 struct Row {
   const char* name;
   const char* without;  ///< the option that switches the accelerator off
@@ -105,6 +144,45 @@ bool PrintRow(const Row& row, const SampleDisk& disk, int turns) {
   return PrintRatioRow(row.name, taken, {.is_most = false, .value = row.bound});
 }
 
+/// What the line costs. Mounts anew for every turn, as above.
+bool PrintLineRow(const char* name, double (*work)(const std::string& path), const SampleDisk& disk,
+                  int turns) {
+  constexpr double kMegabytes = SampleDisk::kBigFileSize / 1e6;
+  Turns taken;
+  for (int i = 0; i < turns; ++i) {
+    const auto seconds = [&](const char* line) {
+      if (line == nullptr) {
+        unsetenv("CPD_TEST_LINE");
+      } else {
+        setenv("CPD_TEST_LINE", line, 1);
+      }
+      MountedDisk mount(disk.root());
+      return work(mount / disk.big_file().substr(1));
+    };
+    const double near = seconds(nullptr);
+    const double far = seconds("exec");
+    taken.base_rates.push_back(kMegabytes / near);
+    taken.rates.push_back(kMegabytes / far);
+    taken.ratios.push_back(near / far);
+  }
+  return PrintRatioRow(name, taken, {.is_most = false, .value = 0.8});
+}
+
+int RunLine(int turns) {
+  const SampleDisk disk("/dev/shm");
+  PrintRatioHeader("in one process, MB", "over a line, MB");
+  bool ok = PrintLineRow("read 64 MiB, 64 KiB each", ReadThrough<64 << 10>, disk, turns);
+  ok &= PrintLineRow("the same past the kernel's cache", ReadThrough<64 << 10, O_DIRECT>, disk,
+                     turns);
+  ok &= PrintLineRow("read 64 MiB, 1 MiB each", ReadThrough<1 << 20>, disk, turns);
+  ok &= PrintLineRow("the same past the kernel's cache, 1 MiB each", ReadThrough<1 << 20, O_DIRECT>,
+                     disk, turns);
+  ok &=
+      PrintLineRow("write 64 MiB, 64 KiB each, then an fsync", WriteThrough<64 << 10>, disk, turns);
+  ok &= PrintLineRow("write 64 MiB, 1 MiB each, then an fsync", WriteThrough<1 << 20>, disk, turns);
+  return ok ? 0 : 1;
+}
+
 int Run(int turns) {
   SampleDisk disk("/dev/shm");
   const std::string directory = disk.Directory(kFiles, kFileBytes);
@@ -123,7 +201,10 @@ int Run(int turns) {
 
 int main(int argc, char** argv) {
   try {
-    return cpd::bench::Run(argc > 1 ? std::atoi(argv[1]) : 9);
+    const bool is_line = argc > 1 && std::string_view(argv[1]) == "--line";
+    const int place = is_line ? 2 : 1;
+    const int turns = argc > place ? std::atoi(argv[place]) : 9;
+    return is_line ? cpd::bench::RunLine(turns) : cpd::bench::Run(turns);
   } catch (const std::exception& error) {
     (void)std::fprintf(stderr, "udisk_mount_bench: %s\n", error.what());
     return 2;

@@ -54,6 +54,8 @@ measure() {
   "$bench" --ratios || [[ $? -eq 1 ]]  # 1: a ratio is out of its bound, as its row says
   printf '\n### What the accelerators of a mount gain\n\n'
   "$mount_bench" || [[ $? -eq 1 ]]
+  printf '\n### What a line without delay costs\n\n'
+  "$mount_bench" --line || [[ $? -eq 1 ]]
   printf '\n### System calls of an unpaced read\n\n'
   system_calls
   printf '\n### Resident memory\n\n'
