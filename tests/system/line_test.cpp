@@ -1,0 +1,288 @@
+// A disk over a line that drops, stalls or spoils what it carries.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/mounted_disk.h"
+
+namespace system_test {
+namespace fs = std::filesystem;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// A disk over a line that does what the test says; see cut_line.cpp.
+class BadLine : public MountTest {
+ protected:
+  ~BadLine() override { unsetenv("CPD_TEST_LINE"); }
+
+  MountedDisk Mount(const std::string& line_options = "",
+                    std::vector<std::string> options = {}) const {
+    const auto prefix = "exec " CUT_LINE " --control " + control + " " + line_options + " --";
+    setenv("CPD_TEST_LINE", prefix.c_str(), 1);
+    return MountedDisk(disk.path(), options);
+  }
+  /// The line does this now, or when it sees the request with that code.
+  void Order(const std::string& word, int request = 0) const {
+    const auto next = place / "next";
+    WriteFile(next, word + (request == 0 ? "" : " " + std::to_string(request)));
+    fs::rename(next, control);
+  }
+  /// How often the line has done what it was told to.
+  size_t Done() const {
+    const auto done = ReadFile(control + ".done");
+    return static_cast<size_t>(std::ranges::count(done, '\n'));
+  }
+
+  const TempDir place;
+  const std::string control = place / "control";
+};
+
+// ---- Copies ----
+
+TEST_F(BadLine, ACopyOverTenDroppedLinesEndsWithEqualFilesAndNoError) {
+  const TempDir source;
+  for (int i = 0; i < 300; ++i) {
+    const auto directory = source / ("directory" + std::to_string(i % 10));
+    fs::create_directory(directory);
+    WriteFile(directory + "/" + std::to_string(i), Bytes(i % 20 == 0 ? 3'000'000 : 300 * i, i));
+  }
+  const auto mounted = Mount();
+  auto copy = std::async(std::launch::async, [&] {
+    return Shell("for i in 1 2 3 4 5; do cp -r " + source.path() + " " + (mounted / "copy$i") +
+                 " || exit 1; done");
+  });
+  for (size_t i = 1; i <= 12 && copy.wait_for(100ms) != std::future_status::ready; ++i) {
+    Order("cut");
+    EXPECT_TRUE(Eventually([&] { return Done() >= i; }));
+  }
+  const auto result = copy.get();
+  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_EQ(result.output, "");
+  EXPECT_GE(Done(), 10U) << "the copy was too fast to be disturbed";
+  for (int i = 1; i <= 5; ++i) {
+    const auto diff = Shell("diff -r " + source.path() + " " + (disk / "copy") + std::to_string(i));
+    EXPECT_EQ(diff.output, "");
+  }
+}
+
+// ---- Each kind of request ----
+
+struct Request {
+  const char* name;
+  int code;
+  /// Makes the request. @return 0, or errno
+  std::function<int(const MountedDisk& mounted)> ask;
+  /// Shell command that succeeds on the disk, before the request is carried out and after it.
+  const char* before;
+  const char* after;
+};
+
+int ErrorOf(int64_t result) { return result < 0 ? errno : 0; }
+
+int WithOpenFile(const std::string& path, int flags, const std::function<int(int fd)>& use) {
+  const int fd = open(path.c_str(), flags | O_CLOEXEC, 0644);
+  if (fd < 0) return errno;
+  const int error = use(fd);
+  close(fd);
+  return error;
+}
+
+const std::vector<Request>& Requests() {
+  static const std::vector<Request> requests{
+      {"Attributes", 102,
+       [](const auto& mounted) {
+         struct stat status {};
+         return ErrorOf(stat((mounted / "file").c_str(), &status));
+       },
+       "true", "true"},
+      {"Create", 103,
+       [](const auto& mounted) {
+         return WithOpenFile(mounted / "new", O_WRONLY | O_CREAT | O_EXCL, [](int) { return 0; });
+       },
+       "test ! -e new", "test -f new -a ! -s new"},
+      {"Read", 105,
+       [](const auto& mounted) {
+         return WithOpenFile(mounted / "file", O_RDONLY, [](int fd) {
+           std::string bytes(100'000, '\0');
+           const int error = ErrorOf(read(fd, bytes.data(), bytes.size()));
+           return error != 0 || bytes == Bytes(100'000) ? error : EILSEQ;
+         });
+       },
+       "true", "true"},
+      {"Write", 106,
+       [](const auto& mounted) {
+         return WithOpenFile(mounted / "file", O_WRONLY, [](int fd) {
+           return ErrorOf(pwrite(fd, std::string(20'000, 'x').data(), 20'000, 100'000));
+         });
+       },
+       "test $(wc -c <file) = 100000", "test $(tail -c +100001 file | tr -d -c x | wc -c) = 20000"},
+      {"Append", 106,
+       [](const auto& mounted) {
+         return WithOpenFile(mounted / "empty", O_WRONLY | O_APPEND, [](int fd) {
+           return ErrorOf(write(fd, std::string(20'000, 'x').data(), 20'000));
+         });
+       },
+       "test ! -s empty", "test $(wc -c <empty) = 20000"},
+      {"List", 107,
+       [](const auto& mounted) {
+         std::error_code error;
+         const auto names = std::distance(fs::directory_iterator(mounted / "full", error), {});
+         return error ? error.value() : names == 2 ? 0 : EILSEQ;
+       },
+       "true", "true"},
+      {"Truncate", 109,
+       [](const auto& mounted) { return ErrorOf(truncate((mounted / "file").c_str(), 1000)); },
+       "test $(wc -c <file) = 100000", "test $(wc -c <file) = 1000"},
+      {"Sync", 110,
+       [](const auto& mounted) {
+         return WithOpenFile(mounted / "empty", O_WRONLY, [](int fd) {
+           const int error = ErrorOf(write(fd, "synced\n", 7));
+           return error != 0 ? error : ErrorOf(fsync(fd));
+         });
+       },
+       "true", "grep -q synced empty"},
+      {"ChangeMode", 111,
+       [](const auto& mounted) { return ErrorOf(chmod((mounted / "file").c_str(), 0600)); },
+       "test $(stat -c %a file) = 644", "test $(stat -c %a file) = 600"},
+      {"ChangeOwner", 112,
+       [](const auto& mounted) {
+         return ErrorOf(chown((mounted / "file").c_str(), geteuid(), getegid()));
+       },
+       "true", "true"},
+      {"Statistics", 113,
+       [](const auto& mounted) {
+         struct statvfs statistics {};
+         return ErrorOf(statvfs(mounted.path().c_str(), &statistics));
+       },
+       "true", "true"},
+      {"MakeDirectory", 114,
+       [](const auto& mounted) { return ErrorOf(mkdir((mounted / "new").c_str(), 0755)); },
+       "test ! -e new", "test -d new"},
+      {"RemoveDirectory", 115,
+       [](const auto& mounted) { return ErrorOf(rmdir((mounted / "directory").c_str())); },
+       "test -d directory", "test ! -e directory"},
+      {"Link", 116,
+       [](const auto& mounted) {
+         return ErrorOf(link((mounted / "file").c_str(), (mounted / "new").c_str()));
+       },
+       "test ! -e new", "test file -ef new"},
+      {"Unlink", 117,
+       [](const auto& mounted) { return ErrorOf(unlink((mounted / "file").c_str())); },
+       "test -e file", "test ! -e file"},
+      {"Rename", 118,
+       [](const auto& mounted) {
+         return ErrorOf(rename((mounted / "file").c_str(), (mounted / "empty").c_str()));
+       },
+       "test -s file -a ! -s empty", "test ! -e file -a -s empty"},
+  };
+  return requests;
+}
+
+class EachRequest : public BadLine, public testing::WithParamInterface<Request> {
+ protected:
+  void SetUp() override {
+    BadLine::SetUp();
+    for (const char* name : {"directory", "full"}) fs::create_directory(disk / name);
+    for (const char* name : {"full/one", "full/two", "empty"}) WriteFile(disk / name, "");
+    WriteFile(disk / "file", Bytes(100'000));
+    fs::permissions(disk / "file", fs::perms(0644));
+  }
+  bool IsSo(const std::string& condition) const {
+    return Shell("cd " + disk.path() + " && " + condition).status == 0;
+  }
+  bool WasDone() const { return IsSo(GetParam().after); }
+  bool WasNotDone() const { return IsSo(GetParam().before); }
+};
+
+TEST_P(EachRequest, IsCarriedOutWhenTheLineDroppedBefore) {
+  const auto mounted = Mount();
+  Order("cut");
+  ASSERT_TRUE(Eventually([&] { return Done() == 1; }));
+  EXPECT_EQ(GetParam().ask(mounted), 0);
+  EXPECT_TRUE(WasDone());
+}
+
+TEST_P(EachRequest, IsAskedAgainWhenItGetsLostOnItsWay) {
+  const auto mounted = Mount();
+  Order("mute", GetParam().code);
+  EXPECT_EQ(GetParam().ask(mounted), 0);
+  EXPECT_EQ(Done(), 1U) << "there was no such request";
+  EXPECT_TRUE(WasDone());
+}
+
+TEST_P(EachRequest, SucceedsOnceWhenItsAnswerGetsLost) {
+  const auto mounted = Mount();
+  Order("deaf", GetParam().code);
+  EXPECT_EQ(GetParam().ask(mounted), 0);
+  EXPECT_EQ(Done(), 1U) << "there was no such request";
+  EXPECT_TRUE(WasDone());
+}
+
+TEST_P(EachRequest, FailsWhenTheLineStaysDownAndTheMountComesBackAfterwards) {
+  const auto mounted = Mount("", {"--reconnect", "2"});
+  Order("down");
+  ASSERT_TRUE(Eventually([&] { return Done() == 1; }));
+  const auto start = Clock::now();
+  EXPECT_EQ(GetParam().ask(mounted), EIO);
+  EXPECT_LT(Clock::now() - start, 10s);
+  EXPECT_TRUE(WasNotDone());
+  Order("");
+  EXPECT_TRUE(Eventually([&] { return GetParam().ask(mounted) == 0; })) << "is still failing";
+  EXPECT_TRUE(WasDone());
+}
+
+INSTANTIATE_TEST_SUITE_P(Over, EachRequest, testing::ValuesIn(Requests()),
+                         [](const auto& request) { return std::string(request.param.name); });
+
+// ---- Silence and nonsense ----
+
+class StalledLine : public BadLine {
+ protected:
+  void StallFor(std::chrono::milliseconds idle) {
+    WriteFile(disk / "file", "content");
+    const auto mounted = Mount();
+    Order("stall");
+    ASSERT_TRUE(Eventually([&] { return Done() == 1; }));
+    const auto start = Clock::now();
+    std::this_thread::sleep_for(idle);
+    EXPECT_EQ(ReadFile(mounted / "file"), "content");
+    EXPECT_LT(Clock::now() - start, std::max<Clock::duration>(15s, idle + 1s));
+  }
+};
+
+TEST_F(StalledLine, IsReplacedWhileAProgramWaits) { StallFor(0ms); }
+
+TEST_F(StalledLine, IsReplacedWhileNothingIsAsked) { StallFor(15s); }
+
+TEST_F(BadLine, AGarbledAnswerEndsTheMountWithAClearMessageAndShowsNoWrongData) {
+  WriteFile(disk / "file", Bytes(2'000'000));
+  auto mounted = Mount();
+  Order("garble");
+  const auto read = Shell("cat " + (mounted / "file"), kHang);
+  EXPECT_NE(read.status, 0);
+  EXPECT_EQ(Done(), 1U);
+  const auto ending = mounted.WaitForEnd();
+  EXPECT_EQ(ending.status, 2);
+  EXPECT_NE(ending.err.find("cpd-host: the other side: the other side sent nonsense"),
+            std::string::npos)
+      << ending.err;
+  EXPECT_FALSE(IsMounted(mounted.path()));
+}
+
+}  // namespace
+}  // namespace system_test
