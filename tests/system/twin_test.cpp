@@ -1,6 +1,8 @@
 // The same random operations run in step on a mounted disk and on a plain directory. Every call
 // must have the same outcome on both, and both must hold the same tree.
 //
+// The same over a line that drops again and again.
+//
 // TWIN_OPERATIONS sets the number of operations; TWIN_SEED repeats a run, given its printed seed.
 #include <fcntl.h>
 #include <rapidcheck.h>
@@ -463,14 +465,17 @@ bool IsPermittedToDiffer(const Operation& operation, const std::string& disk) {
 }
 
 /// Runs the operations on both sides. @return the first difference, in words
+/// @param disturb  called before each operation
 std::string RunInStep(const std::vector<Operation>& operations, const std::string& disk,
-                      const std::string& mount_point, const std::string& plain) {
+                      const std::string& mount_point, const std::string& plain,
+                      const std::function<void(const Operation&)>& disturb) {
   Side mounted_side(mount_point);
   Side plain_side(plain);
   for (size_t i = 0; i < operations.size(); ++i) {
     const auto& operation = operations[i];
     if (!IsPermittedToDiffer(operation, disk)) {
       const auto want = plain_side.Do(operation);
+      disturb(operation);
       const auto got = mounted_side.Do(operation);
       if (got != want) {
         std::ostringstream text;
@@ -486,22 +491,54 @@ std::string RunInStep(const std::vector<Operation>& operations, const std::strin
   return "";
 }
 
-size_t WantedOperations() {
+size_t WantedOperations(size_t otherwise) {
   const char* const wanted = getenv("TWIN_OPERATIONS");
-  return wanted == nullptr ? 20'000 : std::stoul(wanted);
+  return wanted == nullptr ? otherwise : std::stoul(wanted);
 }
 
 // Differs from the umask of the programs on the mount, whose modes must not depend on it.
 constexpr mode_t kUmaskOfHost = 022;
 
+/// Spoils the line before one in a hundred operations: the line drops at once, or swallows a
+/// request or its answer before.
+class Disturber {
+ public:
+  Disturber() {
+    const auto prefix = "exec " CUT_LINE " --control " + control_ + " --";
+    setenv("CPD_TEST_LINE", prefix.c_str(), 1);
+  }
+  ~Disturber() { unsetenv("CPD_TEST_LINE"); }
+  Disturber(const Disturber&) = delete;
+  Disturber& operator=(const Disturber&) = delete;
+
+  void operator()(const Operation& operation) const {
+    if (operation.content % 100 != 0) return;
+    constexpr std::array<const char*, 3> words{"cut", "mute", "deaf"};
+    const auto next = place_ / "next";
+    WriteFile(next, words.at(operation.content / 100 % words.size()));
+    fs::rename(next, control_);
+  }
+  /// How often the line has dropped.
+  [[nodiscard]] size_t drops() const {
+    const auto done = ReadFile(control_ + ".done");
+    return static_cast<size_t>(std::ranges::count(done, '\n'));
+  }
+
+ private:
+  const TempDir place_;
+  const std::string control_ = place_ / "control";
+};
+
 /// @return the first difference, in words
-std::string CompareOnNewDisk(const std::vector<Operation>& operations) {
+std::string CompareOnNewDisk(
+    const std::vector<Operation>& operations,
+    const std::function<void(const Operation&)>& disturb = [](const Operation&) {}) {
   const TempDir disk;
   const TempDir plain;
   umask(kUmaskOfHost);
   MountedDisk mounted(disk.path());
   umask(0);
-  auto difference = RunInStep(operations, disk.path(), mounted.path(), plain.path());
+  auto difference = RunInStep(operations, disk.path(), mounted.path(), plain.path(), disturb);
   if (!difference.empty()) return difference;
   const auto ending = mounted.Unmount();
   if (ending.status != 0) return "the host failed: " + ending.err;
@@ -511,10 +548,13 @@ std::string CompareOnNewDisk(const std::vector<Operation>& operations) {
 
 using Twins = MountTest;
 
-TEST_F(Twins, StayEqualThroughRandomOperations) {
+/// @param compare  runs operations on a new disk and returns the first difference, in words
+void ExpectEqualTwins(
+    size_t operations,
+    const std::function<std::string(const std::vector<Operation>& operations)>& compare) {
   // Work in memory: thousands of syncs and removed trees would wear the machine's own disk.
   if (access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 0);
-  const size_t disks = (WantedOperations() + kOperationsPerDisk - 1) / kOperationsPerDisk;
+  const size_t disks = (operations + kOperationsPerDisk - 1) / kOperationsPerDisk;
   const char* const seed = getenv("TWIN_SEED");
   const std::string parameters = "max_success=" + std::to_string(disks) +
                                  (seed == nullptr ? "" : " seed=" + std::string(seed));
@@ -522,13 +562,31 @@ TEST_F(Twins, StayEqualThroughRandomOperations) {
   const mode_t umask_before = umask(0);
   bool is_first = true;
   EXPECT_TRUE(rc::check("a mounted disk and a plain directory stay equal", [&] {
-    const auto difference = CompareOnNewDisk(*Operations());
+    const auto difference = compare(*Operations());
     if (difference.empty()) return;
     // Shrinking takes a while and may find another difference, so print the first one now.
     if (std::exchange(is_first, false)) std::cerr << difference << '\n';
     RC_FAIL(difference);
   }));
   umask(umask_before);
+}
+
+TEST_F(Twins, StayEqualThroughRandomOperations) {
+  ExpectEqualTwins(WantedOperations(20'000),
+                   [](const auto& operations) { return CompareOnNewDisk(operations); });
+}
+
+TEST_F(Twins, StayEqualOverALineThatDropsAtRandomMoments) {
+  const size_t operations = WantedOperations(2'000);
+  size_t drops = 0;
+  ExpectEqualTwins(operations, [&](const auto& sequence) {
+    const Disturber disturber;
+    const auto difference = CompareOnNewDisk(sequence, std::ref(disturber));
+    drops += disturber.drops();
+    return difference;
+  });
+  std::cout << drops << " drops\n";
+  EXPECT_GE(drops, operations / 400);
 }
 
 }  // namespace
