@@ -92,6 +92,20 @@ class LinePeer {
       bytes.remove_prefix(static_cast<size_t>(sent));
     }
   }
+  /// The next bytes, as they stand; not to be mixed with Next. Fewer when the line is closed or no
+  /// more come in ten seconds.
+  [[nodiscard]] std::string TakeBytes(size_t count) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    std::string bytes;
+    while (bytes.size() < count && host::WaitReadable(fd_.get(), deadline)) {
+      std::array<char, 4096> buffer;
+      const ssize_t got =
+          read(fd_.get(), buffer.data(), std::min(buffer.size(), count - bytes.size()));
+      if (got <= 0) break;
+      bytes.append(buffer.data(), static_cast<size_t>(got));
+    }
+    return bytes;
+  }
   /// The next frame; empty when none comes in time or the line is closed.
   std::optional<Frame> Next(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
