@@ -9,7 +9,7 @@
 #include <system_error>
 
 #include "commands/command.h"
-#include "commands/line_command.h"
+#include "line/frame_reader.h"
 #include "module/host_log.h"
 #include "module/standard_error.h"
 
@@ -50,8 +50,8 @@ int Run(int argc, char** argv) {
 int main(int argc, char** argv) {
   try {
     return cpd::host::Run(argc, argv);
-  } catch (const cpd::host::OtherSideError& error) {
-    cpd::host::PrintError(fmt::format("cpd-host: the other side: {}\n", error.what()));
+  } catch (const cpd::host::StreamError& error) {
+    cpd::host::PrintError(fmt::format("cpd-host: {}\n", error.what()));
     return 2;
   } catch (const std::exception& error) {
     cpd::host::PrintError(fmt::format("cpd-host: {}\n", error.what()));

@@ -51,14 +51,20 @@ void Attach(AttachOptions options) {
   Line line = standard.Next();
   const RuntimeDirectory directory;
   Hello hello;
-  {
-    const MortalWhile mortal(stop_signals);
-    line.received = ReadHello(line.in.get(), kFirstHelloLimit);
-    std::memcpy(&hello, line.received.data(), sizeof hello);
-    if (HandOver(directory, options, line) || hello.is_ended != 0) return;
+  std::string mount_point;
+  try {
+    {
+      const MortalWhile mortal(stop_signals);
+      line.received = ReadHello(line.in.get(), kFirstHelloLimit);
+      std::memcpy(&hello, line.received.data(), sizeof hello);
+      if (HandOver(directory, options, line) || hello.is_ended != 0) return;
+    }
+    if (options.makes_directory) std::filesystem::create_directories(options.mount_point);
+    mount_point = CheckedMountPoint(options.mount_point);
+  } catch (const std::exception& error) {
+    Refuse(std::move(line), Role::kRemote, error.what());
+    throw;
   }
-  if (options.makes_directory) std::filesystem::create_directories(options.mount_point);
-  const auto mount_point = CheckedMountPoint(options.mount_point);
   Starter starter("", mount_point);
   const HandoverListener listener(directory, options.mount_point);
   OfferedLines source(std::move(line), hello, listener);

@@ -32,7 +32,9 @@ std::string CheckedMountPoint(const std::string& path) {
     throw std::runtime_error(fmt::format("mount point {} is in use: it has a mount already", path));
   }
   if (access("/dev/fuse", R_OK | W_OK) != 0) {
-    throw std::runtime_error(fmt::format("/dev/fuse: {}", std::strerror(errno)));
+    throw std::runtime_error(
+        fmt::format("/dev/fuse: {}; mounting needs the package fuse3 and the kernel module fuse",
+                    std::strerror(errno)));
   }
   return mount_point;
 }

@@ -38,7 +38,7 @@ struct FarMount {
 };
 
 /// Mounts, and serves until a stop signal, an unmount or the end of the session. Prints the table.
-/// @throws OtherSideError when the other side failed
+/// @throws StreamError when the other side failed
 void MountOverLine(LineSource& source, FarMount far, const StopSignals& stop_signals);
 
 }  // namespace cpd::host

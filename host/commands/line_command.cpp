@@ -6,18 +6,16 @@
 
 #include <array>
 #include <cstdint>
-#include <exception>
 #include <optional>
+#include <utility>
+
+#include "line/frame_reader.h"
 
 namespace cpd::host {
 
 void Connect(LineKeeper& keeper, const StopSignals& signals) {
   const MortalWhile mortal(signals);
-  try {
-    keeper.Connect();
-  } catch (const std::exception& error) {
-    throw OtherSideError(error.what());
-  }
+  keeper.Connect();
 }
 
 bool KeepUntilStopped(LineKeeper& keeper, const StopSignals& signals) {
@@ -41,19 +39,19 @@ bool KeepUntilStopped(LineKeeper& keeper, const StopSignals& signals) {
 
 void CheckEnding(const Ending& ending) {
   if (ending.kind == Ending::Kind::kFarewell && ending.farewell == Farewell::kDone) return;
-  throw OtherSideError(ending.text);
+  throw StreamError(ending.text);
 }
 
-void Refuse(LineSource& source, Role role, const std::string& why) {
-  Connection connection(source.Next(), {.magic = kHelloMagic,
-                                        .version = kStreamVersion,
-                                        .role = role,
-                                        .is_ended = 0,
-                                        .largest = 0,
-                                        .window = 0,
-                                        .session = {},
-                                        .disk = {},
-                                        .life = {}});
+void Refuse(Line line, Role role, const std::string& why) {
+  Connection connection(std::move(line), {.magic = kHelloMagic,
+                                          .version = kStreamVersion,
+                                          .role = role,
+                                          .is_ended = 0,
+                                          .largest = kLargestPacket,
+                                          .window = 0,
+                                          .session = {},
+                                          .disk = {},
+                                          .life = {}});
   connection.SayGoodbye(Farewell::kFailed, why);
 }
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <chrono>
-#include <stdexcept>
 #include <string>
 
 #include "commands/stop_signals.h"
@@ -11,22 +10,17 @@
 
 namespace cpd::host {
 
-/// The other side refused, failed, or is gone. The program's exit status is 2 then.
-class OtherSideError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
 /// How long the first hello may take: somebody may have to type a password.
 inline constexpr std::chrono::seconds kFirstHelloLimit{120};
 
 /// Connects; the stop signals end the process meanwhile.
-/// @throws OtherSideError when there is no line
+/// @throws StreamError when there is no line to the other side
+/// @throws std::exception when this side cannot begin
 void Connect(LineKeeper& keeper, const StopSignals& signals);
 
 /// Keeps the line up until a stop signal, or until it ends for good.
 /// @return whether the other side knows that the session has ended
-/// @throws OtherSideError when the other side failed
+/// @throws StreamError when the other side failed
 bool KeepUntilStopped(LineKeeper& keeper, const StopSignals& signals);
 
 /// Throws if a line ended for another reason than that its user wanted it to.
@@ -34,6 +28,6 @@ void CheckEnding(const Ending& ending);
 
 /// Tells the other side why this one cannot begin.
 /// @param role  of this side
-void Refuse(LineSource& source, Role role, const std::string& why);
+void Refuse(Line line, Role role, const std::string& why);
 
 }  // namespace cpd::host

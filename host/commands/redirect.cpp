@@ -60,12 +60,13 @@ void Redirect(RedirectOptions options) {
   CompleteOptions(&options.disk);
   Dialer source(command);
   DiskEnd disk({.disk = options.disk, .window = options.line.window, .session = RandomId()});
-  source.SayGoodbyeOnDeath(disk.OwnHello());
   if (options.line.sandbox) {
     EnterSandbox({.disk = options.disk.disk, .read_only = options.disk.read_only});
   }
   LineKeeper keeper(source, disk, kFirstHelloLimit, options.line.reconnect.count() != 0);
   Connect(keeper, stop_signals);
+  // Not earlier: whoever gives up at ssh's prompt does not want another one.
+  source.SayGoodbyeOnDeath(disk.OwnHello());
   const bool was_told = KeepUntilStopped(keeper, stop_signals);
   // Otherwise the mount would wait for another line: the starter tells the other side.
   if (was_told) source.starter().Release();

@@ -48,7 +48,7 @@ void Serve(ServeOptions options) {
                     .ends_processes = true});
     }
   } catch (const std::exception& error) {
-    Refuse(source, Role::kDisk, error.what());
+    Refuse(source.Next(), Role::kDisk, error.what());
     throw;
   }
   LineKeeper keeper(source, *disk, kFirstHelloLimit, false);

@@ -15,6 +15,8 @@
 #include <utility>
 #include <variant>
 
+#include "line/signals_blocked.h"
+
 namespace cpd::host {
 namespace {
 
@@ -69,9 +71,10 @@ void Connection::Close() {
 Hello Connection::AwaitHello(std::chrono::milliseconds limit) {
   const auto hello = std::get<Hello>(AwaitFrame(limit));
   if (hello.version != kStreamVersion) {
-    throw StreamError(
-        fmt::format("the other side has version {} of the stream, and this side has version {}",
-                    uint16_t{hello.version}, kStreamVersion));
+    throw StreamError(fmt::format(
+        "the other side has version {} of the stream, and this side has version {}: install "
+        "the same cpd-host on both",
+        uint16_t{hello.version}, kStreamVersion));
   }
   const std::lock_guard lock(mutex_);
   // A side that claims a large window must not make this one keep as much for it. Both sides count
@@ -109,13 +112,14 @@ FrameReader::Frame Connection::AwaitFrame(std::chrono::milliseconds limit) {
       if (closes_ || is_given_up_) throw StreamError("closed");
     }
     if (events[1].revents != 0) DrainWake();
-    if (events[0].revents != 0 && !Receive()) throw StreamError("the line closed");
+    if (events[0].revents != 0 && !Receive()) throw LineClosed();
   }
 }
 
 void Connection::Start(Handlers handlers) {
   handlers_ = std::move(handlers);
   heard_ = Clock::now();
+  const SignalsBlocked blocked;
   thread_ = std::thread([this] { Run(); });
 }
 
@@ -379,7 +383,9 @@ void Connection::HandleControl(const ControlFrame& frame) {
       return;
     }
     case Control::kBye:
-      return End(Ending::Kind::kFarewell, Printable(frame.text),
+      return End(Ending::Kind::kFarewell,
+                 frame.text.empty() ? "the other side has ended the session"
+                                    : "the other side: " + Printable(frame.text),
                  static_cast<Farewell>(frame.value));
   }
   throw StreamError(fmt::format("a control frame of kind {}", static_cast<int>(frame.kind)));

@@ -21,12 +21,13 @@ std::string Explain(int status) {
     case 0:
       return {};
     case kNotFound:
-      return "the command was not found: is cpd-host installed there, and in the PATH of a shell "
-             "without a terminal? --remote-program gives its path";
+      return "the line's command was not found: if that is cpd-host on the other machine, install it "
+             "there, or give its path with --remote-program";
     case kNotExecutable:
-      return "the command cannot be executed";
+      return "the line's command may not be executed: if that is cpd-host on the other machine, check "
+             "its permissions there";
     case kSshFailed:
-      return "the connection failed: what ssh says above is the reason";
+      return "no connection, for the reason that ssh gives above: check that ssh alone gets there";
     default:
       return fmt::format("the line's command ended with status {}", status);
   }

@@ -7,6 +7,7 @@
 
 #include "cpd/log.h"
 #include "line/asked_data.h"
+#include "line/signals_blocked.h"
 #include "line/stream.h"
 #include "remote/session.h"
 #include "wire.h"
@@ -85,6 +86,7 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
                                std::min<uint64_t>(options_.window, theirs.window) / 8);
   // Runs on the module's worker. While the line takes nothing, the worker waits here, and so does
   // everything that is queued for it.
+  const SignalsBlocked blocked;
   disk_.emplace(options_.disk, trace_, [&connection, intake](std::unique_ptr<CpdPacket> packet) {
     if (!intake->NoteReply(*packet)) return;
     if (packet->header->packetLen > std::min(connection.their_largest(), kLargestPacket)) {

@@ -87,7 +87,7 @@ std::optional<FrameReader::Frame> FrameReader::TakeHello() {
   // A line that prints something else, such as a shell's error message, is told by its first bytes.
   const auto begun = std::min(buffered.size(), kHelloMagic.size());
   if (std::memcmp(buffered.data(), kHelloMagic.data(), begun) != 0) {
-    throw StreamError("the other side does not speak this protocol");
+    throw StreamError(kNoHello);
   }
   if (buffered.size() < sizeof(Hello)) return std::nullopt;
   const auto hello = Copy<Hello>(buffered);

@@ -20,11 +20,22 @@
 
 namespace cpd::host {
 
-/// The other side broke the rules of the stream. Its text is fit for a terminal.
+/// The other side broke the rules of the stream, refused, or is gone. Its text is fit for a
+/// terminal.
 class StreamError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+/// The line closed before the other side said anything; what sets lines up may know why.
+class LineClosed : public StreamError {
+ public:
+  LineClosed() : StreamError("the line closed before the other side said anything") {}
+};
+
+inline constexpr const char* kNoHello =
+    "the other side does not begin as cpd-host does: a start-up file of its shell may print "
+    "something";
 
 struct ControlFrame {
   Control kind;

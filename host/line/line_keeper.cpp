@@ -34,9 +34,13 @@ LineKeeper::~LineKeeper() { Finish(Farewell::kDone, ""); }
 void LineKeeper::Connect() {
   try {
     SetUp(first_limit_);
-  } catch (const std::exception& error) {
+  } catch (const LineClosed&) {
     const auto why = Drop();
-    throw std::runtime_error(why.empty() ? error.what() : fmt::format("{}; {}", error.what(), why));
+    if (why.empty()) throw;
+    throw StreamError(why);
+  } catch (...) {
+    Drop();
+    throw;
   }
 }
 
@@ -93,8 +97,7 @@ void LineKeeper::SetUp(std::chrono::milliseconds greeting_limit) {
     connection->SayGoodbye(Farewell::kFailed, error.what());
     const std::lock_guard lock(mutex_);
     // What the other side says of its end explains more than that it has ended.
-    if (ending_ && ending_->kind == Ending::Kind::kFarewell)
-      throw std::runtime_error(ending_->text);
+    if (ending_ && ending_->kind == Ending::Kind::kFarewell) throw StreamError(ending_->text);
     throw;
   }
   const std::lock_guard lock(mutex_);
@@ -118,8 +121,9 @@ std::string LineKeeper::Drop() {
 // ---- The keeper's thread ----
 
 void LineKeeper::KeepUp() {
-  while (const auto ending = AwaitEnd()) {
+  while (auto ending = AwaitEnd()) {
     const auto why = Drop();
+    if (ending->kind == Ending::Kind::kDropped && !reconnects_ && !why.empty()) ending->text = why;
     if (ending->kind != Ending::Kind::kDropped || !reconnects_) return on_end_(*ending);
     Log(fmt::format("the line dropped: {}", ending->text), why);
     if (!SetUpAnew()) return;

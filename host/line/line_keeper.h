@@ -51,7 +51,8 @@ class LineKeeper {
   LineKeeper& operator=(const LineKeeper&) = delete;
 
   /// Sets up the first line.
-  /// @throws std::runtime_error when that fails, in words for the user
+  /// @throws StreamError when the other side refuses, fails or cannot be reached
+  /// @throws std::exception when this side cannot begin, in words for the user
   void Connect();
   /// From now on keeps a line up. To be called once, after Connect.
   /// @param on_end  called once, on a thread of the keeper, when there will be no other line,

@@ -113,13 +113,13 @@ std::string ReadHello(int fd, std::chrono::milliseconds limit) {
     if (!WaitReadable(fd, deadline)) throw StreamError("the other side does not say hello");
     std::array<char, sizeof(Hello)> buffer;
     const ssize_t count = read(fd, buffer.data(), sizeof(Hello) - bytes.size());
-    if (count <= 0) throw StreamError("the line closed before the other side said hello");
+    if (count <= 0) throw LineClosed();
     bytes.append(buffer.data(), static_cast<size_t>(count));
     if (!std::ranges::equal(
             std::string_view(bytes).substr(0, kHelloMagic.size()),
             std::span(kHelloMagic).first(std::min(bytes.size(), kHelloMagic.size())), {},
             [](char c) { return static_cast<uint8_t>(c); })) {
-      throw StreamError("the other side does not speak this protocol");
+      throw StreamError(kNoHello);
     }
   }
   return bytes;
