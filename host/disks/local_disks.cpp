@@ -157,10 +157,14 @@ LocalMount::LocalMount(const std::string& device) {
 LocalMount::~LocalMount() {
   // The service removes the directory with everything in it, even when it could not unmount it. If
   // nothing is mounted there, or a second mount covers the first, it would delete somebody's files.
-  if (CountMounts(directory_) == 1 && umount2(directory_.c_str(), MNT_DETACH) == 0) {
+  const int count = CountMounts(directory_);
+  if (count == 1 && umount2(directory_.c_str(), MNT_DETACH) == 0) {
     service_->UmountLocal();
     return;
   }
+  // Somebody has unmounted it, before pulling the disk for one. An empty directory can go.
+  std::error_code error;
+  if (count == 0 && (fs::remove(directory_, error) || !error)) return;
   PrintError(fmt::format("cpd-host: leaving {} alone: not mounted exactly once, or busy\n",
                          directory_.string()));
 }

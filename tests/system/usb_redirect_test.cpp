@@ -243,6 +243,18 @@ TEST_F(UsbRedirect, TakesADiskDownWhileAFarProgramHasAFileOpen) {
   EXPECT_TRUE(Goes(label)) << Said();
 }
 
+TEST_F(UsbRedirect, LeavesNoDirectoryOfADiskThatWasUnmountedBeforeItIsPulled) {
+  const auto label = Label("CAREFUL");
+  Plug("sdb", label);
+  Start();
+  ASSERT_TRUE(Comes(label)) << Said();
+  // The module lets go of a disk that nobody uses.
+  EXPECT_TRUE(Eventually([&] { return Shell("umount /media/" + label).status == 0; }, kSoon));
+  Pull("sdb");
+  EXPECT_TRUE(Goes(label)) << Said();
+  EXPECT_EQ(TimesSaid("leaving"), 0U) << Said();
+}
+
 TEST_F(UsbRedirect, MatchesALabel) {
   const auto wanted = Label("WANTED");
   const auto other = Label("OTHER");
