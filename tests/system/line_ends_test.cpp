@@ -1,0 +1,206 @@
+// However one of a line's processes ends, the others end or go on as they should, and nothing is
+// left.
+#include <signal.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/mounted_disk.h"
+
+namespace system_test {
+namespace fs = std::filesystem;
+
+namespace {
+
+/// The other side is alive, so cleaning up takes no longer.
+constexpr auto kSoon = 2s;
+
+class LineEnds : public MountTest {
+ protected:
+  void SetUp() override {
+    MountTest::SetUp();
+    fs::create_directory(mount_point);
+    WriteFile(disk / "file", "content");
+  }
+  ~LineEnds() override {
+    if (IsMounted(mount_point)) umount2(mount_point.c_str(), MNT_DETACH);
+  }
+
+  /// Starts a command of the host's, and waits for the mount.
+  void Start(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), CPD_HOST);
+    host.emplace(arguments, place / "out", place / "err");
+    EXPECT_TRUE(Eventually([&] { return IsMounted(mount_point); })) << ReadFile(place / "err");
+    EXPECT_EQ(ReadFile(file), "content");
+  }
+  // The shell stays, because it has something left to do.
+  void StartMount() {
+    Start({"mount", "--via", CPD_HOST " serve " + disk.path() + "; exit $?", mount_point});
+  }
+  void StartRedirect() {
+    Start({"redirect", disk.path(), "--via", CPD_HOST " attach " + mount_point + "; exit $?"});
+  }
+
+  /// The processes that have this word as their second and name the disk or the mount point.
+  std::vector<pid_t> ProcessesOf(const std::string& word) const {
+    std::vector<pid_t> found;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+      const std::string name = entry.path().filename();
+      pid_t pid = 0;
+      if (std::from_chars(name.data(), name.data() + name.size(), pid).ptr == name.data()) continue;
+      const auto command = ReadFile(entry.path() / "cmdline");
+      const bool is_ours = command.find(disk.path()) != std::string::npos ||
+                           command.find(mount_point) != std::string::npos;
+      if (is_ours && command.find('\0' + word) != std::string::npos) found.push_back(pid);
+    }
+    return found;
+  }
+  /// Kills the first process of a kind: the one that started the others of its name.
+  void Kill(const std::string& word) const {
+    const auto processes = ProcessesOf(word);
+    ASSERT_FALSE(processes.empty()) << word;
+    kill(std::ranges::min(processes), SIGKILL);
+  }
+  bool IsClean() const { return !IsMounted(mount_point) && ProcessesOf("").empty(); }
+  void ExpectCleanSoon() const {
+    EXPECT_TRUE(Eventually([&] { return IsClean(); }, kSoon))
+        << (IsMounted(mount_point) ? "mounted, " : "") << ProcessesOf("").size()
+        << " processes left";
+  }
+  void ExpectServed() const {
+    EXPECT_TRUE(Eventually([&] { return Shell("cat " + file, kHang).output == "content"; }, 5s));
+  }
+  void ExpectEndsWhenAsked() {
+    host->Signal(SIGTERM);
+    EXPECT_EQ(host->Wait(5s), 0) << ReadFile(place / "err");
+    ExpectCleanSoon();
+  }
+
+  const TempDir place;
+  const std::string mount_point = place / "mnt";
+  const std::string file = mount_point + "/file";
+  std::optional<Process> host;
+};
+
+TEST_F(LineEnds, AKilledMountLeavesNothing) {
+  StartMount();
+  host->Signal(SIGKILL);
+  EXPECT_EQ(host->Wait(), 128 + SIGKILL);
+  ExpectCleanSoon();
+}
+
+TEST_F(LineEnds, AKilledServeIsReplaced) {
+  StartMount();
+  const auto serve = ProcessesOf("serve");
+  Kill("serve");
+  ExpectServed();
+  EXPECT_NE(ProcessesOf("serve"), serve);
+  ExpectEndsWhenAsked();
+}
+
+TEST_F(LineEnds, AKilledShellOfAMountIsReplacedOrGoesUnnoticed) {
+  StartMount();
+  Kill("-c");
+  ExpectServed();
+  ExpectEndsWhenAsked();
+}
+
+TEST_F(LineEnds, AKilledRedirectLeavesNothing) {
+  StartRedirect();
+  host->Signal(SIGKILL);
+  EXPECT_EQ(host->Wait(), 128 + SIGKILL);
+  ExpectCleanSoon();
+}
+
+TEST_F(LineEnds, AKilledAttachIsReplaced) {
+  StartRedirect();
+  Kill("attach");
+  ExpectServed();
+  ExpectEndsWhenAsked();
+}
+
+TEST_F(LineEnds, AKilledShellOfARedirectIsReplacedOrGoesUnnoticed) {
+  StartRedirect();
+  Kill("-c");
+  ExpectServed();
+  ExpectEndsWhenAsked();
+}
+
+TEST_F(LineEnds, ATerminatedMountEndsItsServe) {
+  StartMount();
+  ExpectEndsWhenAsked();
+}
+
+TEST_F(LineEnds, ATerminatedRedirectEndsItsAttach) {
+  StartRedirect();
+  ExpectEndsWhenAsked();
+}
+
+TEST_F(LineEnds, AnUnmountEndsBothSidesOfAMount) {
+  StartMount();
+  EXPECT_EQ(Shell("fusermount3 -u " + mount_point).status, 0);
+  EXPECT_EQ(host->Wait(kSoon), 0) << ReadFile(place / "err");
+  ExpectCleanSoon();
+}
+
+TEST_F(LineEnds, AnUnmountEndsBothSidesOfARedirect) {
+  StartRedirect();
+  EXPECT_EQ(Shell("fusermount3 -u " + mount_point).status, 0);
+  EXPECT_EQ(host->Wait(kSoon), 0) << ReadFile(place / "err");
+  ExpectCleanSoon();
+}
+
+TEST_F(LineEnds, AServeThatIsTerminatedEndsTheMount) {
+  StartMount();
+  for (const pid_t serve : ProcessesOf("serve")) kill(serve, SIGTERM);
+  EXPECT_EQ(host->Wait(kSoon), 0) << ReadFile(place / "err");
+  ExpectCleanSoon();
+}
+
+TEST_F(LineEnds, AMountWithoutReconnectionEndsWithItsLine) {
+  Start({"mount", "--via", "exec " CPD_HOST " serve " + disk.path(), mount_point, "--reconnect",
+         "0"});
+  Kill("serve");
+  EXPECT_EQ(host->Wait(kSoon), 2);
+  EXPECT_NE(ReadFile(place / "err").find("cpd-host: the line's command ended with status 137"),
+            std::string::npos)
+      << ReadFile(place / "err");
+  ExpectCleanSoon();
+}
+
+TEST_F(LineEnds, AMountOfAMissingDiskFailsOnTheOtherSide) {
+  const auto mount = Shell(CPD_HOST " mount --via 'exec " CPD_HOST " serve " + (disk / "missing") +
+                           "' " + mount_point);
+  EXPECT_EQ(mount.status, 2);
+  EXPECT_NE(mount.output.find("cpd-host: the other side: disk " + (disk / "missing")),
+            std::string::npos)
+      << mount.output;
+}
+
+TEST_F(LineEnds, AMountOnAMissingMountPointFailsHere) {
+  const auto mount = Shell(CPD_HOST " mount --via 'exec " CPD_HOST " serve " + disk.path() + "' " +
+                           (place / "missing"));
+  EXPECT_EQ(mount.status, 1);
+}
+
+TEST_F(LineEnds, ARedirectToAMissingMountPointFailsOnTheOtherSide) {
+  const auto redirect = Shell(CPD_HOST " redirect " + disk.path() +
+                              " --via 'exec " CPD_HOST " attach " + (place / "missing") + "'");
+  EXPECT_EQ(redirect.status, 2) << redirect.output;
+}
+
+TEST_F(LineEnds, ALineThatCannotBeStartedIsExplained) {
+  const auto mount = Shell(CPD_HOST " mount --via 'exec /no/such/program' " + mount_point);
+  EXPECT_EQ(mount.status, 2);
+  EXPECT_NE(mount.output.find("the line's command was not found"), std::string::npos)
+      << mount.output;
+}
+
+}  // namespace
+}  // namespace system_test
