@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <future>
@@ -20,8 +21,10 @@
 #include <thread>
 #include <vector>
 
+#include "file_manager_linux.h"
 #include "operator.h"
 #include "service.h"
+#include "support/between_passes.h"
 #include "support/failing_threads.h"
 #include "support/fake_host.h"
 #include "support/fault_table.h"
@@ -550,6 +553,28 @@ TEST_F(DriverTest, AWriteToAPipeWithoutAReaderFailsWithoutASignalOnEitherThread)
   EXPECT_EQ(broken, 3);
 }
 
+TEST_F(DriverTest, SignalsThatTheHostBlocksStayBlockedOnEitherThread) {
+  sigset_t hosts = {};
+  sigset_t before = {};
+  sigemptyset(&hosts);
+  sigaddset(&hosts, SIGUSR1);
+  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &hosts, &before), 0);
+  std::atomic<int> blocked = 0;
+  device.OnSend([&](const SentPacket&) {
+    sigset_t now = {};
+    pthread_sigmask(SIG_BLOCK, nullptr, &now);
+    if (sigismember(&now, SIGUSR1) == 1) ++blocked;
+  });
+  driver.reset(static_cast<UDiskDriver*>(udisk_open(&device, "policy")));
+  EXPECT_EQ(pthread_sigmask(SIG_SETMASK, &before, nullptr), 0);
+  ASSERT_NE(driver, nullptr);
+  ASSERT_TRUE(device.WaitForPackets(2));
+  Deliver(kGetKnown);
+  ASSERT_TRUE(device.WaitForPackets(3));
+  driver->Close(0);
+  EXPECT_EQ(blocked, 3);
+}
+
 TEST_F(DriverTest, CloseOfADriverThatNeverStartedOnlyLogs) {
   driver = std::make_unique<UDiskDriver>(&device, "policy");
   EXPECT_EQ(driver->Close(0), 0);
@@ -587,6 +612,53 @@ TEST_F(DriverTest, CloseWaitsForTheRequestInFlightAndDropsTheQueued) {
   closer.join();
   EXPECT_EQ(SentIds(), std::vector<uint32_t>{1});
   EXPECT_TRUE(Log().Messages(kError).empty());
+}
+
+TEST_F(DriverTest, CloseGivesARequestOfManyCallsTimeToEnd) {
+  Open();
+  Gate gate;
+  const BetweenPasses listing([&] { gate.Pass(); });
+  Deliver(DirReadRequest{.path = kKnownDir});
+  ASSERT_TRUE(gate.WaitForOne());
+  const std::shared_ptr<UDiskOperator> udisk = Operator();
+  std::thread closer([&] { driver->Close(0); });
+  while (!udisk->tokenBucket.stopping) std::this_thread::yield();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // Close waits for the worker by now
+  gate.Open();
+  closer.join();
+  EXPECT_EQ(device.Sent().size(), 1U);
+  EXPECT_TRUE(Log().Messages(kError).empty());
+}
+
+TEST_F(DriverTest, AfterCloseInitStartsAfresh) {
+  Open();
+  driver->Close(0);
+  ASSERT_EQ(driver->Init(), 0);
+  ASSERT_TRUE(device.WaitForPackets(2));
+  Deliver(kGetKnown);
+  EXPECT_TRUE(device.WaitForPackets(3)) << "notice, announcement, reply";
+
+  Gate gate;
+  const BetweenPasses listing([&] { gate.Pass(); });
+  Deliver(DirReadRequest{.path = kKnownDir});
+  ASSERT_TRUE(gate.WaitForOne());
+  const std::shared_ptr<UDiskOperator> udisk = Operator();
+  std::thread closer([&] { driver->Close(0); });
+  const auto given_up = [&] {
+    try {
+      udisk->mFileManager->StopIfGivenUp();
+      return false;
+    } catch (const GivenUp&) {
+      return true;
+    }
+  };
+  const auto end = Clock::now() + kPatience;
+  while (!given_up() && Clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_TRUE(given_up()) << "the request is stuck for more than a second";
+  gate.Open();
+  closer.join();
 }
 
 TEST_F(DriverTest, AWriteBeyondTheFileSizeLimitOfTheProcessFailsAndDoesNoOtherHarm) {
