@@ -61,11 +61,12 @@ trap clean_up EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-# mount_sample MOUNTPOINT [OPTION...]: fails if nothing can be mounted here.
+# mount_sample MOUNTPOINT ARGUMENT...: mounts what the arguments name. Fails if nothing can be
+# mounted here.
 mount_sample() {
   local mount_point=$1; shift
   mkdir -p "$mount_point"
-  "$host" mount "$disk" "$mount_point" --name Sample --trace "$place/trace" "$@" \
+  "$host" mount "$@" "$mount_point" --name Sample --trace "$place/trace" \
     >"$place/host.out" 2>"$place/host.err" &
   host_pid=$!
   for _ in $(seq 100); do
@@ -127,7 +128,7 @@ if [[ ! -r /dev/fuse || ! -w /dev/fuse ]]; then
   echo "/dev/fuse is missing or not usable, so nothing can be mounted."
   tour_by_packets
   exit
-elif ! mount_sample "$place/remote"; then
+elif ! mount_sample "$place/remote" "$disk"; then
   echo "Nothing can be mounted here: $(cat "$place/host.err")"
   tour_by_packets
   exit
@@ -153,8 +154,15 @@ cat "$place/host.out"
 show_traces
 
 step "Mounting again with an announced bandwidth of 8000 kbit/s, and reading"
-mount_sample "$remote" --bandwidth 8000 || { cat "$place/host.err" >&2; exit 1; }
+mount_sample "$remote" "$disk" --bandwidth 8000 || { cat "$place/host.err" >&2; exit 1; }
 rate 4 read_direct 4 "$remote/clip.mp4"
 unmount
+
+step "Mounting over a line: another process serves the disk, as \`serve\` on another machine would"
+mount_sample "$remote" --via "exec '$host' serve '$disk'" || { cat "$place/host.err" >&2; exit 1; }
+cat "$remote/hello.txt"
+rate 20 read_direct 20 "$remote/film.mp4"
+unmount
+cat "$place/host.out"
 
 step "Done: everything is unmounted and removed"

@@ -19,9 +19,9 @@ double Microseconds(std::chrono::nanoseconds duration) {
   return std::chrono::duration<double, std::micro>(duration).count();
 }
 
-std::string Describe(const LineState& line) {
-  if (!line.is_up) return "line down  ";
-  return fmt::format("line up, {:.1f} ms  ", Microseconds(line.round_trip) / 1e3);
+std::string DropsAndRoundTrip(const LineState& line) {
+  return fmt::format("{} {}, round trip {:.2f} ms", line.drops, line.drops == 1 ? "drop" : "drops",
+                     Microseconds(line.round_trip) / 1e3);
 }
 
 }  // namespace
@@ -53,12 +53,17 @@ void StatusLine::Print() {
                ? static_cast<double>(now.*counter - last_.*counter) / elapsed.count()
                : 0.0;
   };
+  std::string line;
+  if (line_ != nullptr) {
+    const auto state = line_();
+    line = fmt::format("line {}, {}  ", state.is_up ? "up" : "down", DropsAndRoundTrip(state));
+  }
   const std::string announced =
       announced_kbps_ == 0 ? "no limit" : fmt::format("{} kbps", announced_kbps_);
   PrintError(
       fmt::format("\r\x1b[K{}{:.0f} requests/s  {:.1f} MB/s  read {:.0f} kbps (announced: {})",
-                  line_ == nullptr ? "" : Describe(line_()), rate(&Totals::requests),
-                  rate(&Totals::bytes) / 1e6, rate(&Totals::read_bytes) * 8 / 1e3, announced));
+                  line, rate(&Totals::requests), rate(&Totals::bytes) / 1e6,
+                  rate(&Totals::read_bytes) * 8 / 1e3, announced));
   last_ = now;
 }
 
@@ -72,5 +77,7 @@ void PrintTable(const Statistics& statistics) {
                Microseconds(counters.durations.Quantile(0.99)), counters.bytes);
   }
 }
+
+void PrintLine(const LineState& line) { fmt::print("line: {}\n", DropsAndRoundTrip(line)); }
 
 }  // namespace cpd::host

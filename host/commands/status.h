@@ -41,5 +41,7 @@ class StatusLine {
 
 /// Prints one row per command to standard output.
 void PrintTable(const Statistics& statistics);
+/// Prints how the line did to standard output.
+void PrintLine(const LineState& line);
 
 }  // namespace cpd::host

@@ -69,7 +69,7 @@ void LineKeeper::GiveUpLine() {
 LineState LineKeeper::state() const {
   const std::lock_guard lock(mutex_);
   return {.is_up = is_up_,
-          .round_trip = is_up_ ? connection_->round_trip() : std::chrono::nanoseconds{},
+          .round_trip = is_up_ ? connection_->round_trip() : round_trip_,
           .drops = drops_};
 }
 
@@ -110,6 +110,9 @@ std::string LineKeeper::Drop() {
   {
     const std::lock_guard lock(mutex_);
     connection = std::exchange(connection_, nullptr);
+    if (connection != nullptr && connection->round_trip() != 0ns) {
+      round_trip_ = connection->round_trip();
+    }
     is_up_ = false;
   }
   if (connection == nullptr) return {};

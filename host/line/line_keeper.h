@@ -35,7 +35,7 @@ class LineUser {
 /// What the line is doing, for the status line.
 struct LineState {
   bool is_up = false;
-  std::chrono::nanoseconds round_trip{};
+  std::chrono::nanoseconds round_trip{};  ///< the last one measured; zero before the first
   unsigned drops = 0;
 };
 
@@ -86,6 +86,7 @@ class LineKeeper {
   bool is_up_ = false;
   bool is_finished_ = false;
   unsigned drops_ = 0;
+  std::chrono::nanoseconds round_trip_{};  // of the line before
   std::thread keeper_;
 };
 

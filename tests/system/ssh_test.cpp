@@ -404,6 +404,19 @@ TEST_P(SshBothWays, AHostKeyIsAskedForOnTheTerminal) {
   EXPECT_TRUE(Eventually([&] { return server_.IsIdle(); }, kCleanUp));
 }
 
+TEST_F(Ssh, TheTerminalAndTheTableShowTheLine) {
+  OnTerminal terminal(Command(From::kMountPoint));
+  EXPECT_TRUE(terminal.Shows("line up, 0 drops, round trip ")) << terminal.Shown();
+  server_.Drop();
+  EXPECT_TRUE(terminal.Shows("line up, 1 drop, round trip ")) << terminal.Shown();
+  Lstat(mount_point_ + "/.");
+  terminal.Type("\x03");
+  EXPECT_EQ(terminal.Wait(kCleanUp), 0) << terminal.Shown();
+  EXPECT_NE(terminal.Shown().find("\nline: 1 drop, round trip "), std::string::npos)
+      << terminal.Shown();
+  EXPECT_EQ(terminal.Shown().find("round trip 0.00 ms\r\n"), std::string::npos) << terminal.Shown();
+}
+
 TEST_P(SshBothWays, CtrlCAtAQuestionOfSshEndsEverything) {
   server_.WriteConfig("user_key", "known-later", "StrictHostKeyChecking ask\n");
   OnTerminal terminal(Command(GetParam()));
