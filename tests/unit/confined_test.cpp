@@ -1249,6 +1249,19 @@ TEST_F(ConfinedTest, TheMountPointIsClosedWhenItIsCleared) {
   EXPECT_TRUE(DescriptorsOf(disk.root()).empty());
 }
 
+TEST_F(ConfinedTest, TheMountPointIsClosedByCloseAlthoughTheHostHoldsTheOperator) {
+  device.base().SetParams(DeviceParams(disk.root()));
+  const Confine on("1");
+  const std::unique_ptr<CpdDriver> driver(udisk_open(&device, "policy"));
+  ASSERT_NE(driver, nullptr);
+  ASSERT_TRUE(device.WaitForPackets(2));
+  driver->onEvent(Request(ReadRequest{.path = kKnownFile}).Packet(), 0);
+  EXPECT_TRUE(device.WaitForPackets(3)) << "notice, announcement, reply";
+  const std::shared_ptr<DriverObj> held = driver->GetDriverObj();
+  driver->Close(0);
+  EXPECT_TRUE(DescriptorsOf(disk.root()).empty());
+}
+
 TEST_F(ConfinedTest, TheVariableIsReadOnlyOnce) {
   const Confine off("0");
   EXPECT_EQ(Read("/../outside/secret.txt"), "");
