@@ -135,10 +135,9 @@ TEST(FrameReader, TakesBytesThatWereReadBefore) {
 }
 
 TEST(FrameReader, RefusesAnythingButAHelloAtItsFirstWrongByte) {
-  EXPECT_EQ(WhyRefused("s"), "the other side does not speak this protocol");
-  EXPECT_EQ(WhyRefused("sh: cpd-host: not found\n"), "the other side does not speak this protocol");
-  EXPECT_EQ(WhyRefused(BytesOfPacket(*PacketOf(20))),
-            "the other side does not speak this protocol");
+  EXPECT_EQ(WhyRefused("s"), kNoHello);
+  EXPECT_EQ(WhyRefused("sh: cpd-host: not found\n"), kNoHello);
+  EXPECT_EQ(WhyRefused(BytesOfPacket(*PacketOf(20))), kNoHello);
   for (size_t i = 0; i < kHelloMagic.size(); ++i) {
     auto hello = HelloBytes().substr(0, i + 1);
     EXPECT_EQ(WhyRefused(hello), "") << i;
