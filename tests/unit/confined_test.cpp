@@ -1250,6 +1250,7 @@ TEST_F(ConfinedTest, TheMountPointIsClosedWhenItIsCleared) {
 }
 
 TEST_F(ConfinedTest, TheMountPointIsClosedByCloseAlthoughTheHostHoldsTheOperator) {
+  udisk->Idle();  // else it has the mount point open, too
   device.base().SetParams(DeviceParams(disk.root()));
   const Confine on("1");
   const std::unique_ptr<CpdDriver> driver(udisk_open(&device, "policy"));
