@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "line/stream.h"
 #include "settings.h"
 #include "support/requests.h"
 
@@ -284,6 +285,72 @@ void MakeCheckDir(const Corpus& corpus) {
              'P' + (kFiles + std::string(kFiles, '\0')) + (kFiles + std::string(kFiles, '\xf9')));
 }
 
+std::string HelloOf(host::Role role) {
+  host::Hello hello{};
+  hello.magic = host::kHelloMagic;
+  hello.version = host::kStreamVersion;
+  hello.role = role;
+  hello.largest = host::kLargestPacket;
+  hello.window = host::kDefaultWindow;
+  return BytesOf(hello);
+}
+
+std::string ControlOf(host::Control kind, uint64_t value, const std::string& text = "") {
+  return BytesOf(host::ControlHead{.magic = host::kControlMagic,
+                                   .kind = kind,
+                                   .length = static_cast<uint16_t>(text.size()),
+                                   .reserved = 0,
+                                   .value = value}) +
+         text;
+}
+
+void MakeStreams(const Corpus& corpus) {
+  const std::string whole = Text("");
+  const std::string small_pieces = Text(std::string("\0\x01\x0e\x0f\x10\xff", 6));
+  std::string requests = HelloOf(host::Role::kRemote) + ControlOf(host::Control::kPing, 42);
+  for (const NamedRequest& named : OneRequestPerCommand()) requests += named.request.Bytes();
+  requests += ControlOf(host::Control::kBye, 0, "the user ended it");
+  corpus.Add("requests", whole + requests);
+  corpus.Add("requests-in-pieces", small_pieces + requests);
+
+  const Request announcement{
+      .cmd = kMountRemote,
+      .payload = BytesOf(MountHead{.name_length = 4}) + "DISK" + std::string(2, '\0'),
+      .request_id = 1234};
+  const std::string disk = HelloOf(host::Role::kDisk) + announcement.Bytes() +
+                           ControlOf(host::Control::kTaken, 4 << 20) +
+                           ControlOf(host::Control::kPong, 42);
+  corpus.Add("announcement", whole + disk);
+  corpus.Add("announcement-in-pieces", small_pieces + disk);
+  corpus.Add("refusal", whole + HelloOf(host::Role::kDisk) +
+                            ControlOf(host::Control::kBye, 1, "no such disk"));
+  corpus.Add("no-hello", whole + "sh: 1: cpd-host: not found\n");
+  corpus.Add("across-the-buffer",
+             whole + HelloOf(host::Role::kRemote) +
+                 ControlOf(host::Control::kPong, 1, std::string(4000, 'p')) +
+                 Request{.cmd = kFileWrite, .payload = std::string(61'400, 'w')}.Bytes() +
+                 ControlOf(host::Control::kBye, 1, std::string(4096, 'b')));
+  Request claim{.cmd = kFileRead};
+  for (const uint32_t length : {0U, 15U, 2U << 20, (2U << 20) + 1, 0xffffffffU}) {
+    corpus.Add("claim-" + std::to_string(length),
+               whole + HelloOf(host::Role::kRemote) +
+                   Patched(claim.Bytes(), offsetof(CpdPacketHeader, packetLen), length));
+  }
+  corpus.Add("big-endian",
+             whole + HelloOf(host::Role::kRemote) +
+                 Patched(claim.Bytes(), offsetof(CpdPacketHeader, bigEndian), uint8_t{1}));
+  corpus.Add("small-reads-of-4-GiB",
+             whole + HelloOf(host::Role::kRemote) +
+                 Request{.cmd = kSmallFileRead,
+                         .payload = BytesOf(SmallReadHead{.count = 0xffffffff}) +
+                                    BytesOf(ReadHead{.offset = 0,
+                                                     .unread_8 = 0,
+                                                     .size = 0xffffffff,
+                                                     .path_length = 0xffffffff,
+                                                     .unread_20 = 0})}
+                     .Bytes());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -300,6 +367,7 @@ int main(int argc, char** argv) {
     MakeParameters({mode, root / "parameters"});
     MakeProbing({mode, root / "probing"});
     MakeRequests({mode, root / "requests"});
+    MakeStreams({mode, root / "stream"});
   } catch (const std::exception& error) {
     return std::fprintf(stderr, "make_corpus: %s\n", error.what()), 1;
   }
