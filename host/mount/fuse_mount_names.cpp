@@ -159,14 +159,16 @@ void FuseMount::Unlink(fuse_req_t request, fuse_ino_t parent, const char* name) 
   if (const auto node = nodes_.NodeIfOnlyName(parent, name); node && open_files_.IsOpen(*node)) {
     return Hide(request, parent, name, move);
   }
-  files_.Unlink(*path, [this, move, request, parent, name = std::string(name),
-                        path = *path](Outcome outcome) {
-    if (outcome != Outcome::kDone) {
-      return ReplyFailure(request, outcome, {.kind = Kind::kUnlink, .path = path});
-    }
-    nodes_.Unlink(parent, name);
-    ReplyDone(request);
-  });
+  files_.Unlink(
+      *path,
+      [this, move, request, parent, name = std::string(name), path = *path](Outcome outcome) {
+        if (outcome != Outcome::kDone) {
+          return ReplyFailure(request, outcome, {.kind = Kind::kUnlink, .path = path});
+        }
+        nodes_.Unlink(parent, name);
+        ReplyDone(request);
+      },
+      nodes_.CurrentAttributes(parent, name));
 }
 
 /// Removes the last name of a file that programs have open: renames it on the disk to a hidden
@@ -177,14 +179,16 @@ void FuseMount::Hide(fuse_req_t request, fuse_ino_t parent, const std::string& n
   const auto path = nodes_.ChildPath(parent, name);
   const auto hidden_path = nodes_.ChildPath(parent, hidden_name);
   if (!path || !hidden_path) return void(fuse_reply_err(request, ESTALE));
-  files_.Rename(*path, *hidden_path,
-                [this, move, request, parent, name, hidden_name, path = *path](Outcome outcome) {
-                  if (outcome != Outcome::kDone) {
-                    return ReplyFailure(request, outcome, {.kind = Kind::kUnlink, .path = path});
-                  }
-                  nodes_.Hide(parent, name, hidden_name);
-                  ReplyDone(request);
-                });
+  files_.Rename(
+      *path, *hidden_path,
+      [this, move, request, parent, name, hidden_name, path = *path](Outcome outcome) {
+        if (outcome != Outcome::kDone) {
+          return ReplyFailure(request, outcome, {.kind = Kind::kUnlink, .path = path});
+        }
+        nodes_.Hide(parent, name, hidden_name);
+        ReplyDone(request);
+      },
+      nodes_.CurrentAttributes(parent, name));
 }
 
 void FuseMount::RemoveDirectory(fuse_req_t request, fuse_ino_t parent, const char* name) {
@@ -192,14 +196,16 @@ void FuseMount::RemoveDirectory(fuse_req_t request, fuse_ino_t parent, const cha
   const auto path = nodes_.ChildPath(parent, name);
   if (!path) return void(fuse_reply_err(request, ESTALE));
   LiftHiddenFiles(parent, name, move);
-  files_.RemoveDirectory(*path, [this, move, request, parent, name = std::string(name),
-                                 path = *path](Outcome outcome) {
-    if (outcome != Outcome::kDone) {
-      return ReplyFailure(request, outcome, {.kind = Kind::kRemoveDirectory, .path = path});
-    }
-    nodes_.Unlink(parent, name);
-    ReplyDone(request);
-  });
+  files_.RemoveDirectory(
+      *path,
+      [this, move, request, parent, name = std::string(name), path = *path](Outcome outcome) {
+        if (outcome != Outcome::kDone) {
+          return ReplyFailure(request, outcome, {.kind = Kind::kRemoveDirectory, .path = path});
+        }
+        nodes_.Unlink(parent, name);
+        ReplyDone(request);
+      },
+      nodes_.CurrentAttributes(parent, name));
 }
 
 /// Moves a directory's hidden files to its parent, so that the directory can be removed.
@@ -285,7 +291,7 @@ void FuseMount::HideTarget(const std::shared_ptr<Renaming>& renaming) {
 }
 
 void FuseMount::FinishRename(const std::shared_ptr<Renaming>& renaming) {
-  files_.Rename(renaming->path, renaming->new_path, [this, renaming](Outcome outcome) {
+  const auto finish = [this, renaming](Outcome outcome) {
     if (outcome == Outcome::kDone) {
       nodes_.Rename(renaming->parent, renaming->name, renaming->new_parent, renaming->new_name);
       return ReplyDone(renaming->request);
@@ -293,7 +299,9 @@ void FuseMount::FinishRename(const std::shared_ptr<Renaming>& renaming) {
     if (!renaming->hidden_path.empty()) UndoHiding(*renaming);
     ReplyFailure(renaming->request, outcome,
                  {.kind = Kind::kRename, .path = renaming->path, .new_path = renaming->new_path});
-  });
+  };
+  files_.Rename(renaming->path, renaming->new_path, finish,
+                nodes_.CurrentAttributes(renaming->parent, renaming->name));
 }
 
 void FuseMount::UndoHiding(const Renaming& renaming) {

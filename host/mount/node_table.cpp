@@ -66,6 +66,7 @@ void NodeTable::SetAttributesLocked(Id id, const udisk_stat& attributes) {
   const auto before = files_.find(InodeOf(node.attributes));
   if (before != files_.end() && before->second == id) files_.erase(before);
   node.attributes = attributes;
+  node.is_outdated = false;
   node.told = Clock::now();
   if (!S_ISDIR(attributes.st_mode)) files_[InodeOf(attributes)] = id;
 }
@@ -85,6 +86,7 @@ void NodeTable::RemoveNameLocked(const Name& name) {
   std::erase(node.names, name);
   node.replaced_name.reset();
   children_.erase(child);
+  nodes_.at(name.first).is_outdated = true;
   DropReferencesLocked(name.first, 1);
 }
 
@@ -158,7 +160,10 @@ bool NodeTable::IsRenewed(Id id) const {
 
 void NodeTable::NoteChange(Id id) {
   const std::lock_guard lock(mutex_);
-  if (const auto node = nodes_.find(id); node != nodes_.end()) node->second.is_changed_here = true;
+  const auto node = nodes_.find(id);
+  if (node == nodes_.end()) return;
+  node->second.is_changed_here = true;
+  node->second.is_outdated = true;
 }
 
 void NodeTable::Grow(Id id, int64_t size) {
@@ -167,6 +172,7 @@ void NodeTable::Grow(Id id, int64_t size) {
   if (node == nodes_.end()) return;
   auto& attributes = node->second.attributes;
   node->second.is_changed_here = true;
+  node->second.is_outdated = true;
   if (attributes.st_size < size) attributes.st_size = size;
   auto& kernel_size = node->second.kernel_size;
   if (kernel_size >= 0) kernel_size = std::max(kernel_size, size);
@@ -208,6 +214,14 @@ std::optional<udisk_stat> NodeTable::LastAttributes(Id id) const {
   const auto node = nodes_.find(id);
   if (node == nodes_.end()) return std::nullopt;
   return node->second.attributes;
+}
+
+std::optional<udisk_stat> NodeTable::CurrentAttributes(Id parent, const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  const auto child = children_.find({parent, name});
+  if (child == children_.end()) return std::nullopt;
+  const auto& node = nodes_.at(child->second);
+  return node.is_outdated ? std::nullopt : std::optional(node.attributes);
 }
 
 std::optional<std::pair<NodeTable::Id, std::string>> NodeTable::ReplacedName(Id id) const {

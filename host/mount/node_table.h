@@ -68,6 +68,9 @@ class NodeTable {
   [[nodiscard]] std::optional<File> Find(Id id) const;
   /// The attributes that the disk showed last, even if the file has lost its name.
   [[nodiscard]] std::optional<udisk_stat> LastAttributes(Id id) const;
+  /// The attributes of a name's file, if the disk has shown them since this mount changed the file.
+  [[nodiscard]] std::optional<udisk_stat> CurrentAttributes(Id parent,
+                                                            const std::string& name) const;
   /// The directory and the name that a file had when another file took its place; empty if it has a
   /// name, or lost its name through this mount.
   [[nodiscard]] std::optional<std::pair<Id, std::string>> ReplacedName(Id id) const;
@@ -114,6 +117,7 @@ class NodeTable {
     Clock::time_point looked_up = {};  // for the next call of TakeLookup
     Clock::time_point renewed = {};
     bool is_changed_here = false;  // through this mount
+    bool is_outdated = false;      // the attributes are: changed here since the disk showed them
     bool is_hidden = false;
   };
 

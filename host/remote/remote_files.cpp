@@ -284,16 +284,19 @@ void RemoteFiles::HasExtendedAttribute(const std::string& path, const std::strin
 // ---- What changes the disk ----
 
 template <class Head, class IsDone>
-void RemoteFiles::Change(std::unique_ptr<CpdPacket> request, IsDone is_done, OnOutcome on_outcome) {
+void RemoteFiles::Change(std::unique_ptr<CpdPacket> request, IsDone is_done, OnOutcome on_outcome,
+                         const std::optional<udisk_stat>& before) {
   ++unanswered_;
-  session_.Ask(std::move(request), [this, is_done, on_outcome = std::move(on_outcome)](
-                                       const std::unique_ptr<CpdPacket>& reply) {
-    const auto answer = Reader(reply.get()).Take<Head>();
-    on_outcome(!answer            ? Outcome::kUnanswered
-               : is_done(*answer) ? Outcome::kDone
-                                  : Outcome::kRefused);
-    if (--unanswered_ == 0) unanswered_.notify_all();
-  });
+  session_.Ask(
+      std::move(request),
+      [this, is_done, on_outcome = std::move(on_outcome)](const std::unique_ptr<CpdPacket>& reply) {
+        const auto answer = Reader(reply.get()).Take<Head>();
+        on_outcome(!answer            ? Outcome::kUnanswered
+                   : is_done(*answer) ? Outcome::kDone
+                                      : Outcome::kRefused);
+        if (--unanswered_ == 0) unanswered_.notify_all();
+      },
+      before);
 }
 
 void RemoteFiles::Create(const std::string& path, uint32_t mode, OnOutcome on_outcome) {
@@ -359,21 +362,23 @@ void RemoteFiles::MakeDirectory(const std::string& path, uint32_t mode, OnOutcom
                       ThenForget(path, std::move(on_outcome)));
 }
 
-void RemoteFiles::RemoveDirectory(const std::string& path, OnOutcome on_outcome) {
-  Remove(kRemoveDir, path, std::move(on_outcome));
+void RemoteFiles::RemoveDirectory(const std::string& path, OnOutcome on_outcome,
+                                  const std::optional<udisk_stat>& before) {
+  Remove(kRemoveDir, path, std::move(on_outcome), before);
 }
 
-void RemoteFiles::Unlink(const std::string& path, OnOutcome on_outcome) {
-  Remove(kSetUnlink, path, std::move(on_outcome));
+void RemoteFiles::Unlink(const std::string& path, OnOutcome on_outcome,
+                         const std::optional<udisk_stat>& before) {
+  Remove(kSetUnlink, path, std::move(on_outcome), before);
 }
 
 void RemoteFiles::Link(const std::string& path, const std::string& new_path, OnOutcome on_outcome) {
-  LinkOrRename(kSetLink, path, new_path, std::move(on_outcome));
+  LinkOrRename(kSetLink, path, new_path, std::move(on_outcome), std::nullopt);
 }
 
-void RemoteFiles::Rename(const std::string& path, const std::string& new_path,
-                         OnOutcome on_outcome) {
-  LinkOrRename(kSetRename, path, new_path, std::move(on_outcome));
+void RemoteFiles::Rename(const std::string& path, const std::string& new_path, OnOutcome on_outcome,
+                         const std::optional<udisk_stat>& before) {
+  LinkOrRename(kSetRename, path, new_path, std::move(on_outcome), before);
 }
 
 void RemoteFiles::Flush(const std::string& path, OnOutcome on_outcome) {
@@ -408,16 +413,18 @@ void RemoteFiles::WaitForChanges() const {
 
 std::chrono::nanoseconds RemoteFiles::TimeOfAnswer() const { return session_.time_of_answer(); }
 
-void RemoteFiles::Remove(uint16_t command, const std::string& path, OnOutcome on_outcome) {
+void RemoteFiles::Remove(uint16_t command, const std::string& path, OnOutcome on_outcome,
+                         const std::optional<udisk_stat>& before) {
   RemoveHead head{};
   if (!Fits<decltype(head.path_length)>(path)) return on_outcome(Outcome::kRefused);
   head.path_length = static_cast<uint16_t>(path.size());
   Change<RemoveHead>(Request(command, head, path), IsDone<RemoveHead>,
-                     ThenForget(path, std::move(on_outcome)));
+                     ThenForget(path, std::move(on_outcome)), before);
 }
 
 void RemoteFiles::LinkOrRename(uint16_t command, const std::string& path,
-                               const std::string& new_path, OnOutcome on_outcome) {
+                               const std::string& new_path, OnOutcome on_outcome,
+                               const std::optional<udisk_stat>& before) {
   TwoPathsHead head{};
   if (!Fits<decltype(head.path_length)>(path) || !Fits<decltype(head.new_path_length)>(new_path)) {
     return on_outcome(Outcome::kRefused);
@@ -425,7 +432,7 @@ void RemoteFiles::LinkOrRename(uint16_t command, const std::string& path,
   head.path_length = static_cast<uint16_t>(path.size());
   head.new_path_length = static_cast<uint16_t>(new_path.size());
   Change<TwoPathsHead>(Request(command, head, path, new_path), IsDone<TwoPathsHead>,
-                       ThenForget(path, ThenForget(new_path, std::move(on_outcome))));
+                       ThenForget(path, ThenForget(new_path, std::move(on_outcome))), before);
 }
 
 void RemoteFiles::FlushOrRelease(uint16_t command, const std::string& path, OnOutcome on_outcome) {

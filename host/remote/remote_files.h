@@ -124,10 +124,15 @@ class RemoteFiles {
   void ChangeOwner(const std::string& path, uint32_t owner, uint32_t group, OnOutcome on_outcome);
   /// An existing directory counts as done. The module takes a backslash for a separator.
   void MakeDirectory(const std::string& path, uint32_t mode, OnOutcome on_outcome);
-  void RemoveDirectory(const std::string& path, OnOutcome on_outcome);
+  /// @param before  here and below: the attributes of what the path leads to, if they are known.
+  ///                They show what became of the request if its reply is lost.
+  void RemoveDirectory(const std::string& path, OnOutcome on_outcome,
+                       const std::optional<udisk_stat>& before = std::nullopt);
   void Link(const std::string& path, const std::string& new_path, OnOutcome on_outcome);
-  void Unlink(const std::string& path, OnOutcome on_outcome);
-  void Rename(const std::string& path, const std::string& new_path, OnOutcome on_outcome);
+  void Unlink(const std::string& path, OnOutcome on_outcome,
+              const std::optional<udisk_stat>& before = std::nullopt);
+  void Rename(const std::string& path, const std::string& new_path, OnOutcome on_outcome,
+              const std::optional<udisk_stat>& before = std::nullopt);
   /// Changes nothing; its reply proves that every request before it is done.
   void Flush(const std::string& path, OnOutcome on_outcome);
   /// Syncs the file's data to the disk. The reply does not say whether that worked.
@@ -144,12 +149,14 @@ class RemoteFiles {
   /// Sends a request whose reply repeats its head, with the result in it.
   /// @param is_done  whether a reply's head reports success
   template <class Head, class IsDone>
-  void Change(std::unique_ptr<CpdPacket> request, IsDone is_done, OnOutcome on_outcome);
+  void Change(std::unique_ptr<CpdPacket> request, IsDone is_done, OnOutcome on_outcome,
+              const std::optional<udisk_stat>& before = std::nullopt);
   void Write(WriteHead head, const std::string& path, std::string_view data, OnOutcome on_outcome);
   OnOutcome ThenForget(const std::string& path, OnOutcome on_outcome) const;
-  void Remove(uint16_t command, const std::string& path, OnOutcome on_outcome);
+  void Remove(uint16_t command, const std::string& path, OnOutcome on_outcome,
+              const std::optional<udisk_stat>& before);
   void LinkOrRename(uint16_t command, const std::string& path, const std::string& new_path,
-                    OnOutcome on_outcome);
+                    OnOutcome on_outcome, const std::optional<udisk_stat>& before);
   void FlushOrRelease(uint16_t command, const std::string& path, OnOutcome on_outcome);
 
   Session& session_;

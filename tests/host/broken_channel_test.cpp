@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "remote/recovery.h"
+#include "remote/remote_files.h"
 #include "remote/session.h"
 #include "support/child_process.h"
 #include "support/requests.h"
@@ -323,6 +324,45 @@ TEST_F(BrokenChannel, ForgetsNothingWhenABreakAndAnAnswerMeet) {
     racing.StopWaiting();
     ASSERT_EQ(answered, 1) << "round " << round;
   }
+}
+
+// Somebody may have made a new file of a name while there was no channel.
+TEST_F(BrokenChannel, RemovesNoOtherFileThanTheOneThatTheNameHad) {
+  RemoteFiles files(session);
+  std::vector<Outcome> outcomes;
+  const auto note = [&](Outcome outcome) { outcomes.push_back(outcome); };
+  files.Unlink("/a", note, FileWith(1, 10, 1000));
+  BreakAndStart();
+  Show(0, FileWith(2, 20, 2000));
+  EXPECT_EQ(outcomes, std::vector(1, Outcome::kDone));
+  EXPECT_EQ(channel.sent.size(), 1U);
+
+  channel.sent.clear();
+  files.RemoveDirectory("/a", note, FileWith(1, 10, 1000));
+  BreakAndStart();
+  Show(0, FileWith(2, 20, 2000));
+  EXPECT_EQ(outcomes, std::vector(2, Outcome::kDone));
+  EXPECT_EQ(channel.sent.size(), 1U);
+}
+
+TEST_F(BrokenChannel, RenamesNoOtherFileThanTheOneThatTheNameHad) {
+  RemoteFiles files(session);
+  std::vector<Outcome> outcomes;
+  files.Rename(
+      "/a", "/b", [&](Outcome outcome) { outcomes.push_back(outcome); }, FileWith(1, 10, 1000));
+  BreakAndStart();
+  Show(0, FileWith(2, 20, 2000));
+  Show(1, FileWith(1, 10, 1000));
+  EXPECT_EQ(outcomes, std::vector(1, Outcome::kDone));
+  EXPECT_EQ(channel.sent.size(), 2U);
+}
+
+TEST_F(BrokenChannel, RemovesWhatIsThereWhenNothingIsKnownOfTheFile) {
+  RemoteFiles files(session);
+  files.Unlink("/a", [](Outcome) {});
+  BreakAndStart();
+  Show(0, FileWith(2, 20, 2000));
+  EXPECT_EQ(Sent(), (std::vector<uint16_t>{kGetFileAttr, kSetUnlink}));
 }
 
 // ---- What became of a request ----

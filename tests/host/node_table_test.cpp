@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -233,6 +235,30 @@ TEST_F(Nodes, OfAnEarlierDiskMayBeForgotten) {
   nodes.Forget(directory, 1);
   EXPECT_EQ(PathOf(now), "/directory");
   EXPECT_EQ(PathOf(kRoot), "/");
+}
+
+TEST_F(Nodes, HaveCurrentAttributesUntilTheMountChangesTheFile) {
+  const auto file = nodes.Lookup(kRoot, "file", File(10));
+  const auto inode = [this](const std::string& name) {
+    const auto attributes = nodes.CurrentAttributes(kRoot, name);
+    return attributes ? std::optional<uint64_t>(attributes->st_ino) : std::nullopt;
+  };
+  EXPECT_EQ(inode("file"), 10U);
+  EXPECT_EQ(inode("other"), std::nullopt);
+  nodes.Grow(file, 1);
+  EXPECT_EQ(inode("file"), std::nullopt);
+  nodes.Update(file, File(10));
+  EXPECT_EQ(inode("file"), 10U);
+  nodes.NoteChange(file);
+  EXPECT_EQ(inode("file"), std::nullopt);
+}
+
+TEST_F(Nodes, OfDirectoriesHaveCurrentAttributesUntilTheyLoseAName) {
+  const auto directory = nodes.Lookup(kRoot, "directory", Directory(10));
+  nodes.Lookup(directory, "file", File(11));
+  EXPECT_TRUE(nodes.CurrentAttributes(kRoot, "directory"));
+  nodes.Unlink(directory, "file");
+  EXPECT_FALSE(nodes.CurrentAttributes(kRoot, "directory"));
 }
 
 }  // namespace

@@ -298,5 +298,53 @@ TEST_F(OtherDisk, GetsNoSmallWritesThatWereMeantForTheFirst) {
   EXPECT_EQ(ReadFile(new_disk + "/file"), "content of new");
 }
 
+/// A disk whose line is cut while a request is on its way.
+class RequestOnItsWay : public Renewal {
+ protected:
+  void SetUp() override {
+    Renewal::SetUp();
+    if (IsSkipped()) return;
+    fs::create_directory(files);
+    WriteFile(files + "/file", "ours");
+    Mount(files);
+    Lstat(*this / "file");
+  }
+
+  /// Cuts the line after `request` was sent and before anything reads it, and then lets `meanwhile`
+  /// happen before the next line. @return the request's error
+  template <class Request, class Meanwhile>
+  int CutDuring(Request request, Meanwhile meanwhile) {
+    const int serving = std::stoi(ReadFile(place / "serving"));
+    kill(serving, SIGSTOP);
+    HoldLines();
+    std::atomic<int> error = -1;
+    std::thread program([&] { error = request() == 0 ? 0 : errno; });
+    EXPECT_FALSE(Eventually([&] { return error != -1; }, 300ms));
+    kill(serving, SIGKILL);
+    meanwhile();
+    LetLinesGo();
+    program.join();
+    return error;
+  }
+  void MakeAnotherFile() const {
+    WriteFile(files + "/new", "somebody else's");
+    fs::rename(files + "/new", files + "/file");
+  }
+
+  const std::string files = place / "files";
+};
+
+TEST_F(RequestOnItsWay, RemovesNoFileThatTheClientMadeMeanwhile) {
+  EXPECT_EQ(CutDuring([&] { return unlink((*this / "file").c_str()); }, [&] { MakeAnotherFile(); }),
+            0);
+  EXPECT_EQ(ReadFile(files + "/file"), "somebody else's");
+  EXPECT_EQ(ReadFile(*this / "file"), "somebody else's");
+}
+
+TEST_F(RequestOnItsWay, IsCarriedOutOverTheNextLine) {
+  EXPECT_EQ(CutDuring([&] { return unlink((*this / "file").c_str()); }, [] {}), 0);
+  EXPECT_FALSE(fs::exists(files + "/file"));
+}
+
 }  // namespace
 }  // namespace system_test
