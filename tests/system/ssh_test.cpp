@@ -259,8 +259,8 @@ class Ssh : public MountTest {
 /// With each side setting the line up.
 class SshBothWays : public Ssh, public testing::WithParamInterface<From> {};
 INSTANTIATE_TEST_SUITE_P(From, SshBothWays, testing::Values(From::kDisk, From::kMountPoint),
-                         [](const auto& info) {
-                           return info.param == From::kDisk ? "TheDisk" : "TheMountPoint";
+                         [](const auto& from) {
+                           return from.param == From::kDisk ? "TheDisk" : "TheMountPoint";
                          });
 
 TEST_P(SshBothWays, FilesAreReadAndWrittenUntilCtrlC) {
