@@ -24,6 +24,7 @@
 
 #include "line/passed_message.h"
 #include "line/pidfd.h"
+#include "line/signals_blocked.h"
 
 namespace cpd::host {
 namespace {
@@ -292,6 +293,8 @@ class StarterProcess {
   /// @return its process, -1 with errno
   [[nodiscard]] pid_t Spawn(const char* const* argv, int input, int output) const {
     const pid_t starter = getpid();
+    // A signal that arrives before the new process stops ignoring it must not be lost.
+    const SignalsBlocked blocked;
     const pid_t process = fork();
     if (process != 0) return process;
     prctl(PR_SET_PDEATHSIG, SIGTERM);

@@ -125,7 +125,8 @@ TEST_F(ConnectionTest, RefusesAnotherVersionByItsNumber) {
     FAIL();
   } catch (const StreamError& error) {
     EXPECT_STREQ(error.what(),
-                 "the other side has version 7 of the stream, and this side has version 1");
+                 "the other side has version 7 of the stream, and this side has version 1: install "
+                 "the same cpd-host on both");
   }
 }
 
@@ -154,7 +155,7 @@ TEST_F(ConnectionTest, TellsTheGoodbyeThatComesInsteadOfAPacket) {
     (void)connection->AwaitPacket(10s);
     FAIL();
   } catch (const StreamError& error) {
-    EXPECT_STREQ(error.what(), "no such disk");
+    EXPECT_STREQ(error.what(), "the other side: no such disk");
   }
 }
 
@@ -402,7 +403,7 @@ TEST_F(ConnectionTest, TellsTheOtherSidesGoodbye) {
   const auto how = AwaitEnding();
   EXPECT_EQ(how.kind, Ending::Kind::kFarewell);
   EXPECT_EQ(how.farewell, Farewell::kDone);
-  EXPECT_EQ(how.text, "the user ended it ?[2J");
+  EXPECT_EQ(how.text, "the other side: the user ended it ?[2J");
 }
 
 TEST_F(ConnectionTest, SaysGoodbyeAfterAllThatWasSent) {
