@@ -363,6 +363,7 @@ TEST_F(BrokenChannel, RemovesWhatIsThereWhenNothingIsKnownOfTheFile) {
   BreakAndStart();
   Show(0, FileWith(2, 20, 2000));
   EXPECT_EQ(Sent(), (std::vector<uint16_t>{kGetFileAttr, kSetUnlink}));
+  Reply(1, BytesOf(RemoveHead{}));  // so that nothing is under way when `files` goes
 }
 
 // ---- What became of a request ----
