@@ -154,7 +154,7 @@ TEST_F(LineKeeperTest, EndsWhenTheOtherSideSaysGoodbye) {
   first.Send(ControlBytes(Control::kBye, 0, "unmounted"));
   const auto how = ended.get_future().get();
   EXPECT_EQ(how.kind, Ending::Kind::kFarewell);
-  EXPECT_EQ(how.text, "unmounted");
+  EXPECT_EQ(how.text, "the other side: unmounted");
   EXPECT_EQ(user.begun, 1);
 }
 
@@ -176,13 +176,13 @@ TEST_F(LineKeeperTest, ExplainsWhyThereIsNoFirstLine) {
     keeper.Connect();
     FAIL();
   } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "the other side does not answer; the command ended");
+    EXPECT_STREQ(error.what(), "the other side does not answer");
   }
 }
 
 TEST_F(LineKeeperTest, TellsTheOtherSideWhyItCannotBegin) {
   user.is_unable = true;
-  EXPECT_EQ(WhyNotConnected(), "the disk cannot be opened; the command ended");
+  EXPECT_EQ(WhyNotConnected(), "the disk cannot be opened");
   const auto bye = first.NextControl(Control::kBye);
   ASSERT_TRUE(bye);
   EXPECT_EQ(bye->value, static_cast<uint64_t>(Farewell::kFailed));

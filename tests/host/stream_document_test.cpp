@@ -109,7 +109,7 @@ TEST_F(StreamDocument, HasTheGoodbyeOfTheOtherSide) {
   const auto how = ended.get_future().get();
   EXPECT_EQ(how.kind, Ending::Kind::kFarewell);
   EXPECT_EQ(how.farewell, Farewell::kDone);
-  EXPECT_EQ(how.text, "");
+  EXPECT_EQ(how.text, "the other side has ended the session");
 }
 
 }  // namespace
