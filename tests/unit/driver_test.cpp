@@ -590,10 +590,15 @@ TEST_F(DriverTest, CloseTwiceTracesOnce) {
 }
 
 TEST_F(DriverTest, ClosesWithoutWaitingOutTheWorkersSecond) {
-  Open();
-  const auto begin = Clock::now();
-  driver->Close(0);
-  EXPECT_LT(Clock::now() - begin, kAWorkersSecond);
+  // Several times: on a busy machine the worker's second may be nearly over when Close begins.
+  Clock::duration closing{};
+  for (int round = 0; round < 5; ++round) {
+    Open();
+    const auto begin = Clock::now();
+    driver->Close(0);
+    closing += Clock::now() - begin;
+  }
+  EXPECT_LT(closing, 2 * kAWorkersSecond);
 }
 
 TEST_F(DriverTest, CloseWaitsForTheRequestInFlightAndDropsTheQueued) {
