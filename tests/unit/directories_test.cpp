@@ -384,6 +384,10 @@ TEST_F(CheckDir, WithACacheThatDoesNotWalkCleanlyGetsAFullReply) {
   ExpectListing(request);  // a name of no bytes has no NUL
 
   request = good;
+  request.cached.replace(last_entry + 120, 2, std::string(2, '\0'));
+  ExpectListing(request);  // not even if the name stands after the last entry
+
+  request = good;
   request.cached[last_entry + 122 + 1] = 'x';
   ExpectListing(request);  // a name without its NUL
 

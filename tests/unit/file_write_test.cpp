@@ -327,6 +327,11 @@ TEST_F(FileWriteMarkers, ThatDifferHideAFailureFromTheRemoteSideToo) {
   ExpectOneTrace("UDISK_WRITE_FILE_FAIL", false, "udisk writeFile fail", "/none");
 }
 
+TEST_F(FileWriteMarkers, DifferWhicheverOfThemIsGreater) {
+  EXPECT_FALSE(AskRaw(WriteRequest{.path = kKnownFile, .data = "x", .marker_a = 5, .marker_b = 3}));
+  EXPECT_FALSE(AskRaw(WriteRequest{.path = kKnownFile, .data = "x", .marker_a = 3, .marker_b = 5}));
+}
+
 TEST_F(FileWriteMarkers, ThatAreEqualRequestAReplyWhateverTheirValue) {
   for (const uint8_t marker : {0, 1, 127, 255}) {
     udisk->modified = 0;

@@ -193,6 +193,20 @@ TEST_F(FileCreate, ResetsTheEndOfTheLastWriteOnSuccessOnly) {
   EXPECT_EQ(udisk->lastWriteEnd, 0);
 }
 
+TEST_F(FileCreate, SucceedsWithDescriptorZeroWhenStandardInputIsClosed) {
+  udisk->lastWriteEnd = 4711;
+  const int standard_input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+  ASSERT_NE(standard_input, -1);
+  close(STDIN_FILENO);
+  const auto reply = Ask(CreateRequest{.path = "/new.txt"});
+  EXPECT_EQ(dup2(standard_input, STDIN_FILENO), STDIN_FILENO);
+  close(standard_input);
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->result(), 0);
+  EXPECT_EQ(udisk->lastWriteEnd, 0);
+  ExpectRedirErrors(0);
+}
+
 TEST_F(FileCreate, SetsModifiedOnSuccessAndOnFailure) {
   for (const char* path : {"/new.txt", kKnownDir}) {
     udisk->modified = 0;
