@@ -629,8 +629,10 @@ TEST_F(DriverTest, CloseGivesARequestOfManyCallsTimeToEnd) {
   std::thread closer([&] { driver->Close(0); });
   while (!udisk->tokenBucket.stopping) std::this_thread::yield();
   std::this_thread::sleep_for(std::chrono::milliseconds(20));  // Close waits for the worker by now
+  const auto opened = Clock::now();
   gate.Open();
   closer.join();
+  EXPECT_LT(Clock::now() - opened, kAWorkersSecond) << "the worker waits for another request";
   EXPECT_EQ(device.Sent().size(), 1U);
   EXPECT_TRUE(Log().Messages(kError).empty());
 }
