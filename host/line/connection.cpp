@@ -94,7 +94,7 @@ std::unique_ptr<CpdPacket> Connection::AwaitPacket(std::chrono::milliseconds lim
       return std::move(*packet);
     }
     HandleControl(std::get<ControlFrame>(frame));
-    if (ending_) throw StreamError(ending_->text);
+    if (ending_) throw FarewellError(*ending_);
   }
 }
 

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "cpd/packet.h"
 #include "line/descriptor.h"
@@ -42,6 +43,16 @@ struct LineTimes {
   std::chrono::milliseconds goodbye{1500};  ///< what is sent last may take this long to leave
 };
 
+/// The other side has ended the session before it began on this line.
+class FarewellError : public StreamError {
+ public:
+  explicit FarewellError(Ending ending) : StreamError(ending.text), ending_(std::move(ending)) {}
+  [[nodiscard]] const Ending& ending() const { return ending_; }
+
+ private:
+  Ending ending_;
+};
+
 /// Speaks the stream with the other side.
 ///
 /// Whatever the other side does, a connection holds no more than its window, one packet on its way
@@ -69,7 +80,7 @@ class Connection {
   /// @throws StreamError when there is none in time, or it is not from a fitting side
   Hello AwaitHello(std::chrono::milliseconds limit);
   /// Waits for the next packet, on the caller's thread. To be called before Start.
-  /// @throws StreamError when there is none in time, or the other side says goodbye
+  /// @throws StreamError when there is none in time; FarewellError when the other side says goodbye
   std::unique_ptr<CpdPacket> AwaitPacket(std::chrono::milliseconds limit);
   /// Starts the connection's thread.
   void Start(Handlers handlers);

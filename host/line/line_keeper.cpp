@@ -97,7 +97,7 @@ void LineKeeper::SetUp(std::chrono::milliseconds greeting_limit) {
     connection->SayGoodbye(Farewell::kFailed, error.what());
     const std::lock_guard lock(mutex_);
     // What the other side says of its end explains more than that it has ended.
-    if (ending_ && ending_->kind == Ending::Kind::kFarewell) throw StreamError(ending_->text);
+    if (ending_ && ending_->kind == Ending::Kind::kFarewell) throw FarewellError(*ending_);
     throw;
   }
   const std::lock_guard lock(mutex_);
@@ -140,7 +140,8 @@ std::optional<Ending> LineKeeper::AwaitEnd() {
   return is_finished_ ? std::nullopt : ending_;
 }
 
-/// Tries until there is a line. @return false when Finish was called
+/// Tries until there is a line. @return false when Finish was called, or the other side has ended
+/// the session
 bool LineKeeper::SetUpAnew() {
   {
     const std::lock_guard lock(mutex_);
@@ -151,6 +152,13 @@ bool LineKeeper::SetUpAnew() {
     try {
       SetUp(kLaterLimit);
       return true;
+    } catch (const FarewellError& error) {
+      Drop();
+      if (error.ending().farewell == Farewell::kDone) {
+        on_end_(error.ending());
+        return false;
+      }
+      Log(fmt::format("no line yet: {}", error.what()), "");
     } catch (const std::exception& error) {
       const auto why = Drop();
       Log(fmt::format("no line yet: {}", error.what()), why);

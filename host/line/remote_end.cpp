@@ -12,8 +12,11 @@ using namespace std::chrono_literals;
 constexpr auto kAnnouncementLimit = 10s;
 
 AnnouncedDisk AwaitAnnouncement(Connection& connection) {
+  using std::chrono::ceil, std::chrono::milliseconds, std::chrono::steady_clock;
+  const auto deadline = steady_clock::now() + kAnnouncementLimit;
   for (;;) {
-    const auto packet = connection.AwaitPacket(kAnnouncementLimit);
+    const auto left = ceil<milliseconds>(deadline - steady_clock::now());
+    const auto packet = connection.AwaitPacket(left);
     connection.Taken(ChargeOf(packet->header->packetLen));
     if (auto disk = ReadAnnouncement(*packet)) return *std::move(disk);
   }
