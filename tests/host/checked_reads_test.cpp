@@ -256,9 +256,11 @@ class FetchedFiles : public CheckedReadsTest {
   FetchedFiles() { Put(1, "content"), nodes.Update(node, disk.attributes); }
 
   void Fetch() {
-    reads.Fetch(node, *nodes.Find(node), [this](int error, CheckedReads::SharedContent content) {
-      answers.push_back({.error = error, .bytes = content == nullptr ? "none" : content->bytes});
-    });
+    reads.Fetch(node, *nodes.Find(node),
+                [this](int error, const CheckedReads::SharedContent& content) {
+                  answers.push_back(
+                      {.error = error, .bytes = content == nullptr ? "none" : content->bytes});
+                });
   }
 };
 

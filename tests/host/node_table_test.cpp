@@ -102,6 +102,41 @@ TEST_F(Nodes, LoseTheirNameWhenTheyGetAnotherFilesAttributes) {
   EXPECT_EQ(PathOf(node), "none");
 }
 
+TEST_F(Nodes, RememberTheNameThatAnotherFileTookFromThem) {
+  const auto directory = nodes.Lookup(kRoot, "dir", Directory(9));
+  const auto file = nodes.Lookup(directory, "file", File(1));
+  const auto unlinked = nodes.Lookup(directory, "unlinked", File(2));
+  EXPECT_EQ(nodes.ReplacedName(file), std::nullopt);
+  EXPECT_FALSE(nodes.Update(file, File(3)));
+  EXPECT_EQ(nodes.ReplacedName(file), std::pair(directory, std::string("file")));
+  nodes.Unlink(directory, "unlinked");
+  EXPECT_EQ(nodes.ReplacedName(unlinked), std::nullopt);
+}
+
+TEST_F(Nodes, KnowWhereTheKernelWouldAppend) {
+  const auto kernel_size = [this](NodeTable::Id node) { return nodes.Find(node)->kernel_size; };
+  const auto node = nodes.Lookup(kRoot, "a", File(1, 1, 100));
+  EXPECT_EQ(kernel_size(node), 100);
+  nodes.Update(node, File(1, 1, 500));  // the kernel does not hear of this
+  EXPECT_EQ(kernel_size(node), 100);
+  nodes.NoteTold(node);
+  EXPECT_EQ(kernel_size(node), 500);
+  nodes.Grow(node, 600);
+  EXPECT_EQ(kernel_size(node), 600);
+  nodes.NoteUntold(node);
+  nodes.Grow(node, 700);
+  EXPECT_EQ(kernel_size(node), -1);
+}
+
+TEST_F(Nodes, GiveEachLookupOutOnce) {
+  const auto never = NodeTable::Clock::time_point();
+  const auto node = nodes.Lookup(kRoot, "a", File(1));
+  EXPECT_NE(nodes.TakeLookup(node), never);
+  EXPECT_EQ(nodes.TakeLookup(node), never);
+  nodes.Lookup(kRoot, "a", File(1));
+  EXPECT_NE(nodes.TakeLookup(node), never);
+}
+
 TEST_F(Nodes, StayTheSameWhenTheDiskOnlyRenumbersThem) {
   const auto node = nodes.Lookup(kRoot, "a", File(1, 1, 500));
   auto renumbered = File(1, 1, 500);

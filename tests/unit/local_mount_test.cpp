@@ -200,12 +200,12 @@ TEST_F(MountLocalTest, ACommandThatWouldBeCutIsNotRun) {
 
 TEST_F(MountLocalTest, ACommandOf255BytesRunsAndALongerOneDoesNot) {
   // Each quote becomes four characters in the command.
-  const std::string device(31, '\'');
+  const std::string quotes(31, '\'');
   const std::string label = "no/" + std::string(15, '\'') + "dd";
-  UDiskInfo fits = Partition(device, label, "ntfs");
+  UDiskInfo fits = Partition(quotes, label, "ntfs");
   EXPECT_EQ(service.MountLocal(&fits), 0);
   EXPECT_EQ(shims.Calls().size(), 2U);
-  UDiskInfo longer = Partition(device, label + "d", "ntfs");
+  UDiskInfo longer = Partition(quotes, label + "d", "ntfs");
   EXPECT_EQ(service.MountLocal(&longer), -1);
   EXPECT_EQ(shims.Calls().size(), 3U) << "only umount has run";
 }
