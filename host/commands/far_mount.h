@@ -27,7 +27,8 @@ struct FarMount {
   Id128 session{};          ///< of a side that sets the line up; zeros otherwise
   /// Unmounts on behalf of this process, which cannot do it in its sandbox.
   Starter* starter = nullptr;
-  /// Directory for files of this process's own that its sandbox leaves it; empty = none.
+  /// A directory for files of its own, which the process can still use in its sandbox; empty =
+  /// none.
   std::string runtime_directory = {};
   [[nodiscard]] std::vector<std::string> OwnDirectories() const {
     if (runtime_directory.empty()) return {};

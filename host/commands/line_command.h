@@ -23,7 +23,7 @@ void Connect(LineKeeper& keeper, const StopSignals& signals);
 /// @throws StreamError when the other side failed
 bool KeepUntilStopped(LineKeeper& keeper, const StopSignals& signals);
 
-/// Throws if a line ended for another reason than that its user wanted it to.
+/// Throws unless the line ended because a user of the other side wanted it to.
 void CheckEnding(const Ending& ending);
 
 /// Tells the other side why this one cannot begin.

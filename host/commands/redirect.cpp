@@ -72,7 +72,8 @@ void Redirect(RedirectOptions options) {
   if (was_told) source.starter().Release();
 }
 
-/// What each USB disk is redirected with: the options that were given, but for those of the disks.
+/// The options that each USB disk is redirected with: those that were given, except --usb and
+/// --match.
 std::vector<std::string> ArgumentsOfEach(const CLI::App& redirect) {
   std::vector<std::string> arguments;
   for (const auto* const option : redirect.get_options()) {

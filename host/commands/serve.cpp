@@ -19,7 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// It may be carrying out a request that takes long.
+/// How long an older process may take to end: it may be carrying out a request that takes long.
 constexpr auto kOlderProcessLimit = 20s;
 
 struct ServeOptions {

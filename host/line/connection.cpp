@@ -137,8 +137,8 @@ bool Connection::HasRoom(size_t packet_length) {
   return has_room;
 }
 
-/// A packet larger than the window may go when half of the window is free. Otherwise it would wait
-/// for ever, since small amounts are not reported as taken.
+/// A packet that does not fit may still go when half of the window is free. Otherwise one that is
+/// larger than the window would wait for ever, since small amounts are not reported as taken.
 bool Connection::HasRoomLocked(uint64_t charge) const {
   return charge <= window_ - std::min(untaken_, window_) || untaken_ <= window_ / 2;
 }
@@ -397,8 +397,8 @@ void Connection::KeepAlive() {
   if (now - pinged_ < times_.ping_interval) return;
   pinged_ = now;
   const std::lock_guard lock(mutex_);
-  // While the line takes nothing, a ping could not leave. What the other side sends shows then
-  // whether it is there.
+  // While the line takes nothing, a ping could not leave. Then only what the other side sends shows
+  // that it is still there.
   if (!pending_.empty() || closes_) return;
   AppendControlLocked(Control::kPing, static_cast<uint64_t>(now.time_since_epoch().count()));
   WriteLocked();

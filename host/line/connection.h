@@ -35,7 +35,7 @@ struct Ending {
   std::string text;                     ///< why, in words fit for a terminal
 };
 
-/// How long a connection waits for the other side. The defaults find a dead line within 15 s.
+/// How long a connection waits for the other side. The defaults find a dead line within 13 s.
 struct LineTimes {
   std::chrono::milliseconds ping_interval{3000};
   /// A line on which nothing arrives for this long is dead: four pings went without a pong.
@@ -76,8 +76,9 @@ class Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  /// Waits for the other side's hello. To be called once, before Start. A goodbye ends it.
-  /// @throws StreamError when there is none in time, or it is not from a fitting side
+  /// Waits for the other side's hello. To be called once, before Start. SayGoodbye, GiveUp and
+  /// Close end the wait.
+  /// @throws StreamError when there is none in time, or it has another version
   Hello AwaitHello(std::chrono::milliseconds limit);
   /// Waits for the next packet, on the caller's thread. To be called before Start.
   /// @throws StreamError when there is none in time; FarewellError when the other side says goodbye

@@ -22,9 +22,9 @@
 
 namespace cpd::host {
 
-/// Hands requests to a driver, and finds out which of them it has taken off its queue, although it
-/// leaves some without a reply. Replies come in the order of the requests, so each one shows that
-/// those before are done. Now and then a probe is added, to which every driver replies.
+/// Hands requests to a driver, and finds out which of them the driver no longer holds, although
+/// some get no reply. Replies come in the order of the requests, so each one shows that the
+/// requests before its own are done. Now and then a probe is added, to which every driver replies.
 class Intake {
  public:
   /// @param taken      called with the charge of requests that the driver no longer holds
@@ -51,8 +51,8 @@ class Intake {
   uint64_t since_probe_ = 0;      // guarded by mutex_; charge
 };
 
-/// The module is loaded and the disk opened anew for each line, so that nothing of an earlier one
-/// is still being carried out.
+/// The disk is opened anew for each line, so that no request of an earlier line is still being
+/// carried out.
 class DiskEnd : public LineUser {
  public:
   struct Options {

@@ -8,10 +8,12 @@ namespace cpd::host {
 
 /// What a hello says of a disk.
 struct DiskIdentity {
-  Id128
-      disk;  ///< the same for one directory of one file system, wherever and whenever it is mounted
-  Id128 life;  ///< changes when the machine is booted or the file system is mounted anew: written
-               ///< data that was not synced may then be lost
+  /// That of a directory of a file system, wherever and whenever it is mounted. On FAT, all
+  /// directories of the file system have the same.
+  Id128 disk;
+  /// Changes when the machine is booted or the file system is mounted anew: written data that was
+  /// not synced may then be lost.
+  Id128 life;
 };
 
 /// Finds out which disk is at a directory. What a sandbox hides is read when this is made.

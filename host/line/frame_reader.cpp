@@ -84,7 +84,8 @@ std::optional<FrameReader::Frame> FrameReader::Next() {
 
 std::optional<FrameReader::Frame> FrameReader::TakeHello() {
   const auto buffered = Buffered();
-  // A line that prints something else, such as a shell's error message, is told by its first bytes.
+  // The first bytes already show a line that prints something else, such as a shell's error
+  // message.
   const auto begun = std::min(buffered.size(), kHelloMagic.size());
   if (std::memcmp(buffered.data(), kHelloMagic.data(), begun) != 0) {
     throw StreamError(kNoHello);

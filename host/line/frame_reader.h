@@ -59,12 +59,12 @@ class FrameReader {
   /// until the next call.
   std::array<iovec, 2> Space();
   void Arrived(size_t count);
-  /// Takes bytes that were read elsewhere, before anything else: kLongestText at most.
+  /// Takes bytes that were read elsewhere: kLongestText at most. To be called before anything else.
   void Put(std::string_view bytes);
   /// The next complete frame. The first one is a hello, all others are packets or control frames.
   /// @throws StreamError when the stream is malformed; then it must not be used any more
   std::optional<Frame> Next();
-  /// The length that the packet claims of which a part has arrived; 0 when there is none.
+  /// The length that a packet claims of which only a part has arrived; 0 without such a packet.
   [[nodiscard]] size_t begun() const { return body_.length; }
 
  private:

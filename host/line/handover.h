@@ -11,7 +11,7 @@
 
 namespace cpd::host {
 
-/// What the holder of a mount says to a line that it is offered.
+/// What the holder of a mount answers when it is offered a line.
 enum class Verdict : uint8_t {
   kAdopted,   ///< it uses the line from now on
   kRefused,   ///< it has another session

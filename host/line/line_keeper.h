@@ -55,11 +55,11 @@ class LineKeeper {
   /// @throws std::exception when this side cannot begin, in words for the user
   void Connect();
   /// From now on keeps a line up. To be called once, after Connect.
-  /// @param on_end  called once, on a thread of the keeper, when there will be no other line,
-  /// unless
-  ///                Finish was called before
+  /// @param on_end  called once, on a thread of the keeper, when there will be no other line; not
+  ///                after Finish has returned
   void Keep(std::function<void(const Ending& ending)> on_end);
-  /// Says goodbye to the other side and lets go of the line. Returns within two seconds.
+  /// Says goodbye to the other side and lets go of the line. Takes two seconds at most, or five if
+  /// the line's command does not end by itself.
   void Finish(Farewell farewell, const std::string& text);
 
   /// Gives the present line up as dropped: the source has a newer one. Callable from any thread.

@@ -40,7 +40,7 @@ struct LockHolder {
 /// The lock belongs to the process, not to a thread or object: do not take the same one twice.
 class LockFile {
  public:
-  /// @param holder  set when another process holds the lock, unless it gives it up at this moment
+  /// @param holder  set to the process that holds the lock; empty if that lets go of it just now
   /// @return nothing when another process holds the lock
   /// @throws std::runtime_error when the file cannot be opened
   static std::optional<LockFile> Try(const RuntimeDirectory& directory, const std::string& name,

@@ -41,7 +41,8 @@ int Check(long result, const std::string& what) {
   return static_cast<int>(result);
 }
 
-/// ThreadSanitizer runs a thread of its own, which never leaves the sanitizer's code.
+/// Fails if another thread runs. ThreadSanitizer has one of its own, which never leaves the
+/// sanitizer's code.
 void CheckForThreads() {
 #ifndef __SANITIZE_THREAD__
   // unshare leaves a process with one thread unchanged. Some containers refuse it to every process.
@@ -310,8 +311,8 @@ constexpr auto kRefused = std::to_array<std::string_view>({
     "ioperm",
 });
 
-/// Landlock does not see who changes modes and owners, so only a process that may change its disk
-/// can.
+/// Landlock does not restrict changes of modes and owners, so these calls are left only to a
+/// process that may change its disk.
 constexpr auto kChangingModes = std::to_array<std::string_view>({
     "chmod",
     "fchmod",
@@ -325,7 +326,8 @@ constexpr auto kChangingModes = std::to_array<std::string_view>({
     "lchown32",
 });
 
-/// Has its flags where the filter cannot look. The C library uses clone where it does not exist.
+/// Takes its flags from memory, where the filter cannot look. Where this call does not exist, the C
+/// library uses clone.
 constexpr std::string_view kUnfilterable = "clone3";
 
 /// A call that is allowed if its arguments meet all conditions of a row. Every other call of that
@@ -348,7 +350,7 @@ std::vector<Conditional> ConditionalCalls(const Sandbox& sandbox) {
   const auto self = static_cast<uint32_t>(::getpid());
   std::vector<Conditional> calls = {
       {"clone", {Bits(0, CLONE_THREAD | kNamespaces, CLONE_THREAD)}},  // threads, not processes
-      // What asks a terminal or a pipe, and nothing that types into one.
+      // Those that ask a terminal or a pipe for something; none that types into a terminal.
       {"ioctl", {Int(1, TCGETS)}},
       {"ioctl", {Int(1, TIOCGWINSZ)}},
       {"ioctl", {Int(1, FIONREAD)}},

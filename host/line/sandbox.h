@@ -35,7 +35,7 @@ inline constexpr int kNewestLandlock = 6;
 ///
 /// Must be called while the process has a single thread, because Landlock and capabilities belong
 /// to the thread that calls, and to those that it starts later.
-/// @param landlock  use no newer version of Landlock than this; tests use it to resemble older
+/// @param landlock  use no newer version of Landlock than this; tests use it to imitate older
 ///                  kernels
 /// @throws std::system_error  when a part of the sandbox cannot be set up; others may hold already,
 ///                            so all that the process can do is end

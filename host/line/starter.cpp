@@ -56,7 +56,7 @@ struct Request {
 };
 
 /// The answer to kStart is the error number, 0 with three descriptors: of the command's output, of
-/// its input, and of its end. The answer to kUnmountNow is 0. There is no other.
+/// its input, and of its end. The answer to kUnmountNow is 0. The other requests get none.
 using Answer = int32_t;
 
 std::string Packed(Request request, std::string_view text = {}) {
@@ -112,7 +112,7 @@ void AppendDescendants(pid_t process, std::vector<Descriptor>* found) {
 
 // ---- The starter's own process ----
 
-/// Standard input and output become /dev/null, and standard error if it is closed. Everything else
+/// Standard input and output become /dev/null, and so does standard error if it is closed. All else
 /// is closed: the starter must not keep the mount's device, a pipe or a lock open.
 /// @return the socket's new descriptor
 Descriptor KeepOnly(Descriptor socket) {
@@ -168,7 +168,7 @@ class StarterProcess {
 
   /// Waits for what happens next, and takes care of commands that end.
   /// @param socket  -1 = is not waited for
-  /// @return whether the socket is what happened
+  /// @return whether there is something to read on the socket
   bool Step(int socket) {
     while (true) {
       std::vector<pollfd> polled{{.fd = socket, .events = POLLIN, .revents = 0}};
@@ -199,7 +199,7 @@ class StarterProcess {
       if (!HasEnded(command.held)) return false;
       const int status = Reap(command.process);
       const int shown = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-      (void)!write(command.status.get(), &shown, sizeof shown);  // nobody needs to want it
+      (void)!write(command.status.get(), &shown, sizeof shown);  // perhaps nobody asks for it
       return true;
     });
     for (Ending& ending : endings_) {
@@ -374,7 +374,7 @@ class StarterProcess {
 [[noreturn]] void RunStarter(Descriptor socket, const std::string& command,
                              const std::string& mount_point) {
   prctl(PR_SET_NAME, "cpd-starter");
-  // It ends when the other process has ended, not earlier: then it is needed.
+  // This process must outlive the other one, to clean up when that has been killed.
   for (const int signal : {SIGINT, SIGTERM, SIGQUIT, SIGPIPE}) (void)std::signal(signal, SIG_IGN);
   (void)std::signal(SIGCHLD, SIG_DFL);
   try {

@@ -56,8 +56,8 @@ class Starter {
   /// called
   /// @throws std::system_error when there is no further process or descriptor
   Starter(const std::string& command, const std::string& mount_point);
-  /// Ends the commands that still run, without what was asked for OnDeath, and waits for the
-  /// process: up to a second if a command ignores SIGTERM.
+  /// Releases, ends the commands that still run, and waits for the process: up to a second if a
+  /// command ignores SIGTERM.
   ~Starter();
   Starter(const Starter&) = delete;
   Starter& operator=(const Starter&) = delete;
@@ -89,7 +89,7 @@ class Starter {
  private:
   pid_t process_ = -1;
   Descriptor socket_;
-  std::mutex starting_;  // held from a request that is answered to its answer
+  std::mutex starting_;  // held while a request waits for its answer
   uint32_t last_id_ = 0;
 };
 

@@ -76,7 +76,7 @@ static_assert(offsetof(ControlHead, length) == 2 && offsetof(ControlHead, value)
 
 inline constexpr size_t kLongestText = 4096;
 inline constexpr uint64_t kDefaultWindow = 16 << 20;
-/// Listings and small files come in packets of any size. This holds 100 000 names.
+/// Listings and small files come in packets of any size. A listing of 100 000 names fits this one.
 inline constexpr uint32_t kLargestPacket = 24 << 20;
 /// Most file data that a request (105, or all files of a 123) may ask for, in bytes.
 inline constexpr uint32_t kMostData = 4 << 20;

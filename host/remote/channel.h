@@ -17,8 +17,8 @@ class Channel {
   /// Whether packets can get lost on the way, so that the session keeps them until they are
   /// answered.
   [[nodiscard]] virtual bool CanBreak() const = 0;
-  /// Whether a packet of this length can be sent now. After a false, the channel calls
-  /// Session::Proceed when that has changed.
+  /// Whether a packet of this length can be sent now. After it has returned false,
+  /// Session::Proceed is called as soon as there is room.
   [[nodiscard]] virtual bool HasRoom(size_t packet_length) = 0;
   /// A channel that cannot break may take the packet's buffer.
   virtual void Send(const std::shared_ptr<CpdPacket>& packet) = 0;

@@ -30,8 +30,8 @@ namespace cpd::host {
 /// a driver that has stopped replying.
 ///
 /// The channel to the driver may break, and another one may take its place. Requests wait
-/// meanwhile; what was unanswered is asked again, except what was carried out and must not be twice
-/// (see recovery.h).
+/// meanwhile; what was unanswered is asked again, except requests that must not be carried out
+/// twice and turn out to have been (see recovery.h).
 class Session {
  public:
   using Clock = std::chrono::steady_clock;
@@ -42,9 +42,9 @@ class Session {
   using Done = std::function<void(std::unique_ptr<CpdPacket> reply)>;
 
   /// @param time_limit  for a driver that does not reply
-  /// @param patience    how long requests wait for a channel that broke; then they are given up,
-  /// and
-  ///                    so are new ones until there is a channel
+  /// @param patience    how long requests wait after a channel broke; then they are given up, and
+  /// so
+  ///                    are new ones until there is a channel
   explicit Session(std::chrono::seconds time_limit, std::chrono::seconds patience = {});
 
   /// Sets the channel, which must live until Break or Stop has returned. Requests wait until then.
