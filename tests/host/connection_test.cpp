@@ -159,7 +159,7 @@ TEST_F(ConnectionTest, TellsTheGoodbyeThatComesInsteadOfAPacket) {
   }
 }
 
-// A side that refuses has a window of zero, and no thread.
+// A side that refuses has a window of zero, and starts no thread that could send the rest later.
 TEST_F(ConnectionTest, LeavesARefusalOnTheLine) {
   Make(0);
   connection->SayGoodbye(Farewell::kFailed, "no such disk");

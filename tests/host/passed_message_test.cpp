@@ -84,7 +84,7 @@ TEST_F(PassedMessageTest, IsDroppedWithItsDescriptorsWhenTheyAreTooMany) {
   EXPECT_EQ(CountOpen(), before);
 }
 
-// The kernel reports that as a reset connection before it gives out the message.
+// The kernel first reports a reset connection, and only then delivers the message.
 TEST_F(PassedMessageTest, ArrivesFromAPeerThatEndedWithAMessageUnread) {
   ASSERT_TRUE(SendPassed(one.get(), "unread"));
   ASSERT_TRUE(SendPassed(other.get(), "last"));

@@ -1,4 +1,5 @@
-// The sandbox of serve and attach. A process cannot leave it, so each test enters it in a child.
+// The sandbox of the commands that work over a line. A process cannot leave it, so each test enters
+// it in a child.
 #include "line/sandbox.h"
 
 #include <dirent.h>
@@ -59,8 +60,7 @@ using test::TempDisk;
 
 constexpr uid_t kOtherUser = 65534;
 
-/// @return the wait status of a child that ends after `action`: 0 unless an expectation failed
-/// there
+/// Runs `action` in a child. @return its wait status: 0 unless an expectation in it failed
 int StatusOf(const std::function<void()>& action) {
   (void)std::fflush(nullptr);
   const pid_t child = ::fork();
@@ -399,7 +399,7 @@ class Sleeper {
       before();
       for (;;) ::pause();
     }
-    ::setpgid(pid_, pid_);  // here as well, so that it is done whoever runs first
+    ::setpgid(pid_, pid_);  // in both, because either may run first
   }
   ~Sleeper() {
     ::kill(pid_, SIGKILL);
@@ -440,7 +440,7 @@ TEST_F(SandboxTest, AsksAProcessToEndWhereThatIsAllowed) {
     EXPECT_NE(send(SIGKILL), 0);
     EXPECT_EQ(send(SIGTERM), 0);
   });
-  if (HasFailure()) return;  // it may be alive
+  if (HasFailure()) return;  // the process may still run
   siginfo_t ended{};
   EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(other.pid()), &ended, WEXITED | WNOWAIT), 0);
   EXPECT_EQ(ended.si_status, SIGTERM);

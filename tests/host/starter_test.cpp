@@ -45,7 +45,7 @@ std::vector<pid_t> ChildrenOf(pid_t process) {
   return {std::istream_iterator<pid_t>(file), {}};
 }
 
-/// Whether the process has not ended. The one that inherited it may take its time to reap it.
+/// Whether a process still runs. One that has ended counts as such before its new parent reaps it.
 bool Runs(pid_t process) {
   const std::string stat = ContentOf("/proc/" + std::to_string(process) + "/stat");
   return !stat.empty() && stat.find(") Z ") == std::string::npos;

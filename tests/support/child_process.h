@@ -28,8 +28,8 @@ inline bool Eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-/// A process that runs `prepare` and then waits to be ended. The constructor returns when
-/// `prepare` has; the test fails if that throws or an expectation in it fails.
+/// A process that runs `prepare` and then waits to be ended. The constructor returns once `prepare`
+/// has returned; the test fails if `prepare` throws or an expectation in it fails.
 class ChildProcess {
  public:
   explicit ChildProcess(const std::function<void()>& prepare) {
@@ -67,7 +67,7 @@ class ChildProcess {
     return status;
   }
 
-  /// Runs `body` in so many processes at once.
+  /// Runs `body` in several processes at once.
   /// @return whether it returned in each of them and no expectation of it failed
   static bool Succeeds(const std::function<void()>& body, int count = 1) {
     std::vector<pid_t> processes;

@@ -5,18 +5,17 @@
 //
 // --delay      each byte arrives that much later
 // --cut-every  cuts after random times, of that length on average
-// --control    does what the first word in the file says, as soon as it says so. A number after the
-//              word is the code of a request: then not before the first request with that code
-//              comes by. What was done is appended to FILE.done, a line each, and the file emptied.
+// --control    does what the first word in the file says: at once, or if a number follows the word,
+//              when the next request with this code comes by. Then appends the word to FILE.done,
+//              a line each, and empties the file.
 //
-//     cut     cuts
-//     mute    nothing more reaches the command, from the request on; cuts a moment later
-//     deaf    nothing more comes from the command, which still gets the request; cuts a moment
-//     later stall   everything vanishes, both ways, and nothing closes garble  inverts a byte of
-//     what comes from the command down    cuts, and so does every new line at once, until the file
-//     is emptied
-//
-// To cut is to kill the command and to close both directions.
+// The words:
+// - cut: kills the command and closes both directions
+// - mute: nothing more reaches the command, from the request on; cuts a moment later
+// - deaf: nothing more comes from the command, which still gets the request; cuts a moment later
+// - stall: everything vanishes, both ways, and nothing closes
+// - garble: inverts a byte of what comes from the command
+// - down: cuts, and so does every new line at once, until the file is emptied
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -95,7 +94,7 @@ struct Order {
 /// Finds requests among the bytes that go to the command.
 class Requests {
  public:
-  /// @return where the next bytes have the end of a header with this code; empty if they have none
+  /// @return where in the next bytes a header with this code ends; empty if there is none
   std::optional<size_t> Find(const std::string& bytes, int code) {
     std::optional<size_t> found;
     for (size_t at = 0; at < bytes.size();) {
@@ -219,7 +218,7 @@ class Line {
     return order;
   }
 
-  /// Carries an order out whose time has come.
+  /// Carries out an order whose time has come.
   void Carry(const Order& order) {
     const auto& [word, request] = order;
     if (word.empty()) return;
@@ -252,14 +251,14 @@ class Line {
     out_.pieces.push_back({Clock::now() + options_.delay, std::move(bytes)});
   }
 
-  /// Takes what comes on a way whose end is closed, and forgets it.
+  /// Reads what still comes in a direction whose other end is closed, and drops it.
   static void Deafen(Way& way) {
     way.pieces.clear();
     way.is_over = true;
   }
 
   [[noreturn]] void Stall() const {
-    // Takes what is sent, as a network does that loses it. Ends when nobody is left to send.
+    // Reads and drops what is sent, like a network that loses it. Ends when nobody is left to send.
     std::array<char, 65536> bytes{};
     while (read(in_.from, bytes.data(), bytes.size()) > 0) {
     }

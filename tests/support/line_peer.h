@@ -92,8 +92,8 @@ class LinePeer {
       bytes.remove_prefix(static_cast<size_t>(sent));
     }
   }
-  /// The next bytes, as they stand; not to be mixed with Next. Fewer when the line is closed or no
-  /// more come in ten seconds.
+  /// The next bytes, as they stand: fewer if the line closes or no more come within ten seconds.
+  /// Not to be used together with Next.
   [[nodiscard]] std::string TakeBytes(size_t count) const {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     std::string bytes;
@@ -118,7 +118,7 @@ class LinePeer {
       reader_.Arrived(static_cast<size_t>(count));
     }
   }
-  /// The next frame of a type, past others.
+  /// The next frame of a type; frames before it are dropped.
   template <class Type>
   std::optional<Type> NextOf(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -130,7 +130,7 @@ class LinePeer {
       if (auto* const found = std::get_if<Type>(&*frame)) return std::move(*found);
     }
   }
-  /// The next control frame of a kind, past all other frames.
+  /// The next control frame of a kind; frames before it are dropped.
   std::optional<host::ControlFrame> NextControl(
       host::Control kind, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     for (;;) {
@@ -138,7 +138,7 @@ class LinePeer {
       if (!frame || frame->kind == kind) return frame;
     }
   }
-  /// Whether the other end is closed, past all frames.
+  /// Whether the other end is closed; frames before that are dropped.
   bool IsClosed() {
     while (Next()) continue;
     std::array<char, 1> byte;

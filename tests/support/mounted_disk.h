@@ -105,9 +105,9 @@ struct Ending {
 
 /// A directory mounted by `cpd-host mount` for as long as the object lives.
 ///
-/// In one process, unless the environment variable CPD_TEST_LINE is set: then over a line to a
-/// `cpd-host serve`, to which the options that concern the disk go. The variable's value are the
-/// words before that command: `exec`, or a program that passes the bytes on.
+/// One process serves and mounts it, unless the environment variable CPD_TEST_LINE is set: then it
+/// is mounted over a line to a `cpd-host serve`, which gets the options that concern the disk. The
+/// variable holds the words before that command: `exec`, or a program that passes the bytes on.
 class MountedDisk {
  public:
   /// Mounts `disk` on a new mount point and waits until it is mounted; fails the test otherwise.

@@ -49,7 +49,7 @@ inline std::vector<Section> ReadSections(const std::string& chapter) {
   return sections;
 }
 
-/// The section whose heading begins so.
+/// The section whose heading begins like this.
 inline const Section& Find(const std::vector<Section>& sections,
                            const std::string& begin_of_heading) {
   const auto found = std::ranges::find_if(sections, [&](const Section& section) {
@@ -139,7 +139,7 @@ inline std::vector<Exchange> ParseExample(const Section& section) {
   return exchanges;
 }
 
-/// Bytes of which every one must be given.
+/// Bytes none of which may be left open.
 inline std::string Given(const Bytes& bytes) {
   std::string given;
   for (const auto byte : bytes) given += static_cast<char>(byte.value());

@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// The other side is alive, so cleaning up takes no longer.
+/// How long cleaning up may take. The other side is alive, so nothing has to time out.
 constexpr auto kSoon = 2s;
 
 class LineEnds : public MountTest {
@@ -39,7 +39,7 @@ class LineEnds : public MountTest {
     EXPECT_TRUE(Eventually([&] { return IsMounted(mount_point); })) << ReadFile(place / "err");
     EXPECT_EQ(ReadFile(file), "content");
   }
-  // The shell stays, because it has something left to do.
+  // The shell stays instead of becoming cpd-host, because it has something left to do.
   void StartMount() {
     Start({"mount", "--via", CPD_HOST " serve " + disk.path() + "; exit $?", mount_point});
   }
@@ -47,7 +47,7 @@ class LineEnds : public MountTest {
     Start({"redirect", disk.path(), "--via", CPD_HOST " attach " + mount_point + "; exit $?"});
   }
 
-  /// The processes that have this word as their second and name the disk or the mount point.
+  /// The processes with this argument whose command line names the disk or the mount point.
   std::vector<pid_t> ProcessesOf(const std::string& word) const {
     std::vector<pid_t> found;
     for (const auto& entry : fs::directory_iterator("/proc")) {

@@ -36,7 +36,7 @@ class BadLine : public MountTest {
     setenv("CPD_TEST_LINE", prefix.c_str(), 1);
     return MountedDisk(disk.path(), options);
   }
-  /// The line does this now, or when it sees the request with that code.
+  /// Tells the line to do this: at once, or when the next request with that code comes by.
   void Order(const std::string& word, int request = 0) const {
     const auto next = place / "next";
     WriteFile(next, word + (request == 0 ? "" : " " + std::to_string(request)));

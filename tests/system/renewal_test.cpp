@@ -114,7 +114,7 @@ class Renewal : public testing::Test {
   std::unique_ptr<Process> host;
 };
 
-/// One directory that is mounted twice, as a disk is that was unmounted and mounted again.
+/// One directory that is mounted twice, like a disk that was unmounted and mounted again.
 class RemountedDisk : public Renewal {
  protected:
   void SetUp() override {

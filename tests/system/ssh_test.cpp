@@ -256,7 +256,7 @@ class Ssh : public MountTest {
   const std::string mount_point_ = place_ / "mnt";
 };
 
-/// With each side setting the line up.
+/// Runs each test twice: each side sets the line up once.
 class SshBothWays : public Ssh, public testing::WithParamInterface<From> {};
 INSTANTIATE_TEST_SUITE_P(From, SshBothWays, testing::Values(From::kDisk, From::kMountPoint),
                          [](const auto& from) {

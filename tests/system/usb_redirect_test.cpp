@@ -25,7 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-/// A disk gets time to settle, and one that did not show by an event is noticed a little later.
+/// How soon a disk is redirected: it gets time to settle, and without an event it is noticed later.
 constexpr auto kSoon = 8s;
 /// Both ends clean up within this time.
 constexpr auto kFewSeconds = 5s;
@@ -98,7 +98,7 @@ class UsbRedirect : public testing::Test {
     const auto path = "/sys" + DevicePath(disk);
     if (with_event) umockdev_testbed_uevent(testbed.get(), path.c_str(), "remove");
     umockdev_testbed_remove_device(testbed.get(), path.c_str());
-    fs::remove(Root() + "/sys/block/" + disk);  // it is left there
+    fs::remove(Root() + "/sys/block/" + disk);  // umockdev leaves it
   }
 
   void Start(const std::vector<std::string>& options = {}) {
