@@ -6,8 +6,8 @@
 // --delay      each byte arrives that much later
 // --cut-every  cuts after random times, of that length on average
 // --control    does what the first word in the file says: at once, or if a number follows the word,
-//              when the next request with this code comes by. Then appends the word to FILE.done,
-//              a line each, and empties the file.
+//              when the next request with this code comes by. Appends the word to FILE.done, a line
+//              each, and empties the file, except for `down`.
 //
 // The words:
 // - cut: kills the command and closes both directions
