@@ -1,4 +1,5 @@
-// cpd-host: redirects a directory through the driver module and plays the remote side.
+// cpd-host: serves a disk through the driver module and plays the remote side, in one process or on
+// two machines.
 
 #include <fmt/format.h>
 

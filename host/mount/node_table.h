@@ -49,7 +49,7 @@ class NodeTable {
   /// looked the node up gets the new file. Does nothing if the node has several names, or if one of
   /// the files is not a regular file.
   void Renew(Id id, const udisk_stat& attributes);
-  /// Whether these attributes can be those of the node's file, or if not, of another one.
+  /// Whether these attributes can be those of the node's file. If not, they are another file's.
   [[nodiscard]] bool IsSameFile(Id id, const udisk_stat& attributes) const;
   /// Whether the kernel may still have the attributes of the file that Renew replaced.
   [[nodiscard]] bool IsRenewed(Id id) const;
