@@ -69,7 +69,7 @@ void Redirect(RedirectOptions options) {
   source.SayGoodbyeOnDeath(disk.OwnHello());
   const bool was_told = KeepUntilStopped(keeper, stop_signals);
   // Otherwise the mount would wait for another line: the starter tells the other side.
-  if (was_told) source.starter().Release();
+  if (!was_told) source.starter().ActAtEnd();
 }
 
 /// The options that each USB disk is redirected with: those that were given, except --usb and

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "line/signals_blocked.h"
 #include "remote/announcement.h"
 
 namespace cpd::host {
@@ -58,6 +59,7 @@ void RemoteEnd::Begin(Connection& connection, const Hello& theirs,
   connection.Send(
       MountResponse(options_.drive, options_.label.empty() ? disk().name : options_.label));
   channel_.emplace(connection);
+  const SignalsBlocked blocked;  // for the thread that the session starts
   session_.Start(&*channel_);
 }
 

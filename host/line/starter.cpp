@@ -411,7 +411,7 @@ Starter::Starter(const std::string& command, const std::string& mount_point) {
 }
 
 Starter::~Starter() {
-  Release();
+  if (!acts_at_end_) Release();
   socket_.Close();
   Reap(process_);
 }

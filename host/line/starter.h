@@ -85,9 +85,12 @@ class Starter {
   void SayOnDeath(std::string_view text);
   /// Takes both back.
   void Release();
+  /// Lets both happen when this is destroyed. The destructor waits for them.
+  void ActAtEnd() { acts_at_end_ = true; }
 
  private:
   pid_t process_ = -1;
+  bool acts_at_end_ = false;
   Descriptor socket_;
   std::mutex starting_;  // held while a request waits for its answer
   uint32_t last_id_ = 0;

@@ -142,6 +142,31 @@ TEST_F(LineEnds, ATerminatedRedirectEndsItsAttach) {
   ExpectEndsWhenAsked();
 }
 
+TEST_F(LineEnds, ARedirectThatIsTerminatedWhileItsLineIsDownEndsItsAttach) {
+  // As on another machine, the attach is no descendant of the line's command, and outlives it.
+  const auto down = Quoted(place / "down");
+  const auto relay = place / "relay";
+  Start({"redirect", disk.path(), "--via",
+         "test -e " + down + " && exit 1; sh -c 'echo $$ >" + relay +
+             "; exec cat' | { exec 3<&0; (setsid " CPD_HOST " attach " + mount_point +
+             " <&3 &) }"});
+  WriteFile(place / "down", "");
+  kill(std::stoi(ReadFile(relay)), SIGKILL);
+  // By now the next attempt is seconds away.
+  const auto attempts = [&] {
+    const auto log = ReadFile(place / "err");
+    int count = 0;
+    for (size_t at = 0; (at = log.find("no line yet", at)) != std::string::npos; ++at) ++count;
+    return count;
+  };
+  ASSERT_TRUE(Eventually([&] { return attempts() >= 3; })) << ReadFile(place / "err");
+  EXPECT_TRUE(IsMounted(mount_point));
+  fs::remove(place / "down");
+  host->Signal(SIGTERM);
+  EXPECT_EQ(host->Wait(), 0) << ReadFile(place / "err");
+  ExpectCleanSoon();
+}
+
 TEST_F(LineEnds, AnUnmountEndsBothSidesOfAMount) {
   StartMount();
   EXPECT_EQ(Shell("fusermount3 -u " + mount_point).status, 0);
