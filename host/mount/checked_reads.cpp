@@ -74,9 +74,11 @@ void CheckedReads::LookAgain(const std::shared_ptr<Opening>& opening) {
   });
 }
 
-/// @return false when the bytes are not the whole file that the kernel knows
+/// @return false when the bytes are not the whole file that the kernel knows, or when its
+/// attributes
+///         are older than a write through this mount: they would pass for a change on the client
 bool CheckedReads::Keep(const std::shared_ptr<Opening>& opening) {
-  const auto attributes = nodes_.LastAttributes(opening->node);
+  const auto attributes = nodes_.CurrentAttributes(opening->node);
   if (!attributes || !opening->is_whole) return false;
   const size_t size = opening->bytes.size();
   if (static_cast<int64_t>(size) != attributes->st_size) return false;

@@ -216,6 +216,13 @@ std::optional<udisk_stat> NodeTable::LastAttributes(Id id) const {
   return node->second.attributes;
 }
 
+std::optional<udisk_stat> NodeTable::CurrentAttributes(Id id) const {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  if (node == nodes_.end() || node->second.is_outdated) return std::nullopt;
+  return node->second.attributes;
+}
+
 std::optional<udisk_stat> NodeTable::CurrentAttributes(Id parent, const std::string& name) const {
   const std::lock_guard lock(mutex_);
   const auto child = children_.find({parent, name});

@@ -68,7 +68,9 @@ class NodeTable {
   [[nodiscard]] std::optional<File> Find(Id id) const;
   /// The attributes that the disk showed last, even if the file has lost its name.
   [[nodiscard]] std::optional<udisk_stat> LastAttributes(Id id) const;
-  /// The attributes of a name's file, if the disk has shown them since this mount changed the file.
+  /// The attributes of a file, if the disk has shown them since this mount changed the file.
+  [[nodiscard]] std::optional<udisk_stat> CurrentAttributes(Id id) const;
+  /// The same for a name's file.
   [[nodiscard]] std::optional<udisk_stat> CurrentAttributes(Id parent,
                                                             const std::string& name) const;
   /// The directory and the name that a file had when another file took its place; empty if it has a

@@ -665,6 +665,20 @@ TEST_F(Modes, OfALinksTargetAreNotChangedThroughTheLink) {
   EXPECT_EQ(Lstat(disk / "file").st_uid, geteuid());
 }
 
+TEST_F(Modes, AnOwnerShowsAfterTheFileWasWrittenAndRead) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+  WriteFile(disk / "file", Bytes(10'000));
+  usleep(20'000);  // the write changes the file's time
+  MountedDisk mounted(disk.path());
+  const int writer = open((mounted / "file").c_str(), O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(writer, 0);
+  ASSERT_EQ(pwrite(writer, Bytes(10'000, 2).data(), 10'000, 0), 10'000);
+  EXPECT_EQ(ReadFile(mounted / "file"), Bytes(10'000, 2));
+  ASSERT_EQ(chown((mounted / "file").c_str(), 1234, 1234), 0);
+  EXPECT_EQ(Lstat(mounted / "file").st_uid, 1234U);
+  close(writer);
+}
+
 TEST_F(Modes, TimesAreAcceptedButNotSet) {
   MountedDisk mounted(disk.path());
   WriteFile(mounted / "file", "content");
