@@ -29,7 +29,7 @@ void Feed(FrameReader* reader, std::string_view* bytes, size_t most) {
   size_t count = 0;
   for (const auto& space : reader->Space()) {
     const size_t part = std::min({space.iov_len, bytes->size(), most - count});
-    std::memcpy(space.iov_base, bytes->data(), part);
+    std::ranges::copy(bytes->substr(0, part), static_cast<char*>(space.iov_base));
     bytes->remove_prefix(part);
     count += part;
   }
