@@ -45,7 +45,7 @@ bool HandOver(const RuntimeDirectory& directory, const AttachOptions& options, c
   return handover->verdict == Verdict::kAdopted;
 }
 
-void Attach(AttachOptions options) {
+void Attach(const AttachOptions& options) {
   const StopSignals stop_signals;
   StandardLine standard;
   Line line = standard.Next();

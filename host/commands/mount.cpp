@@ -99,8 +99,9 @@ void MountFar(const MountOptions& options, const std::string& command, const std
                 stop_signals);
 }
 
-void Run(MountOptions options) {
+void Run(const MountOptions& given) {
   const StopSignals stop_signals;
+  auto options = given;
   auto& [disk, line, mount_point, device] = options;
   if (!device.empty() || !line.via.empty()) {
     if (!mount_point.empty()) {
