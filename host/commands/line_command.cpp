@@ -43,15 +43,7 @@ void CheckEnding(const Ending& ending) {
 }
 
 void Refuse(Line line, Role role, const std::string& why) {
-  Connection connection(std::move(line), {.magic = kHelloMagic,
-                                          .version = kStreamVersion,
-                                          .role = role,
-                                          .is_ended = 0,
-                                          .largest = kLargestPacket,
-                                          .window = 0,
-                                          .session = {},
-                                          .disk = {},
-                                          .life = {}});
+  Connection connection(std::move(line), {.role = role, .window = 0});
   connection.SayGoodbye(Farewell::kFailed, why);
 }
 

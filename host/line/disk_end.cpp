@@ -17,15 +17,6 @@ namespace {
 
 constexpr uint32_t kProbeId = 0x50524f42;
 
-/// A request for an empty extended attribute: every driver answers it without touching the disk.
-std::unique_ptr<CpdPacket> Probe() {
-  const XattrHead head{};
-  auto probe = std::make_unique<CpdPacket>(CPD_PACKET_HEADER_SIZE + sizeof head);
-  probe->InitHeader(Session::kDeviceId, kGetXattr, kProbeId);
-  probe->AppendPayload(&head, sizeof head);
-  return probe;
-}
-
 }  // namespace
 
 // The lock is held while the request goes to the driver, so that requests_ has the driver's order.
@@ -44,7 +35,7 @@ void Intake::HandOver(std::unique_ptr<CpdPacket> request, CpdDriver& driver) {
   since_probe_ += charge;
   if (since_probe_ < threshold_) return;
   since_probe_ = 0;
-  add(Probe(), true, 0);
+  add(Session::Probe(kProbeId), true, 0);
 }
 
 bool Intake::NoteReply(const CpdPacket& reply) {
@@ -67,11 +58,7 @@ bool Intake::NoteReply(const CpdPacket& reply) {
 
 Hello DiskEnd::OwnHello() const {
   const auto identity = identifier_.Now();
-  return {.magic = kHelloMagic,
-          .version = kStreamVersion,
-          .role = Role::kDisk,
-          .is_ended = 0,
-          .largest = kLargestPacket,
+  return {.role = Role::kDisk,
           .window = options_.window,
           .session = options_.session,
           .disk = identity.disk,

@@ -34,15 +34,7 @@ AnnouncedDisk RemoteEnd::disk() const {
 }
 
 Hello RemoteEnd::OwnHello() const {
-  return {.magic = kHelloMagic,
-          .version = kStreamVersion,
-          .role = Role::kRemote,
-          .is_ended = 0,
-          .largest = kLargestPacket,
-          .window = options_.window,
-          .session = options_.session,
-          .disk = {},
-          .life = {}};
+  return {.role = Role::kRemote, .window = options_.window, .session = options_.session};
 }
 
 void RemoteEnd::Begin(Connection& connection, const Hello& theirs,

@@ -23,20 +23,23 @@ enum class Role : uint8_t {
 /// An id that two machines never share by chance.
 using Id128 = std::array<uint8_t, 16>;
 
+/// Listings and small files come in packets of any size. A listing of 100 000 names fits this one.
+inline constexpr uint32_t kLargestPacket = 24 << 20;
+
 #pragma pack(push, 1)
 
 /// The first record each way. Both sides send it without waiting for the other's.
 struct Hello {
-  std::array<uint8_t, 8> magic;
-  uint16_t version;  ///< both sides must have the same
-  Role role;         ///< the two sides must differ
-  uint8_t is_ended;  ///< 1: the session named below has ended, and nothing follows
-  uint32_t largest;  ///< longest packet that this side takes, in bytes
-  uint64_t window;   ///< charge that this side accepts beyond what it has reported as taken
-  Id128 session;     ///< chosen by the side that sets the line up, the same for each of its lines;
-                     ///< zeros from the other side
-  Id128 disk;        ///< kDisk: differs from that of any other disk; kRemote: zeros
-  Id128 life;        ///< kDisk: changes when the machine is booted or the disk is mounted anew
+  std::array<uint8_t, 8> magic = kHelloMagic;
+  uint16_t version = kStreamVersion;  ///< both sides must have the same
+  Role role;                          ///< the two sides must differ
+  uint8_t is_ended = 0;               ///< 1: the session named below has ended, and nothing follows
+  uint32_t largest = kLargestPacket;  ///< longest packet that this side takes, in bytes
+  uint64_t window;  ///< charge that this side accepts beyond what it has reported as taken
+  Id128 session{};  ///< chosen by the side that sets the line up, the same for each of its lines;
+                    ///< zeros from the other side
+  Id128 disk{};     ///< kDisk: differs from that of any other disk; kRemote: zeros
+  Id128 life{};     ///< kDisk: changes when the machine is booted or the disk is mounted anew
 };
 static_assert(sizeof(Hello) == 72 && alignof(Hello) == 1);
 static_assert(offsetof(Hello, version) == 8 && offsetof(Hello, role) == 10);
@@ -76,8 +79,6 @@ static_assert(offsetof(ControlHead, length) == 2 && offsetof(ControlHead, value)
 
 inline constexpr size_t kLongestText = 4096;
 inline constexpr uint64_t kDefaultWindow = 16 << 20;
-/// Listings and small files come in packets of any size. A listing of 100 000 names fits this one.
-inline constexpr uint32_t kLargestPacket = 24 << 20;
 /// Most file data that a request (105, or all files of a 123) may ask for, in bytes.
 inline constexpr uint32_t kMostData = 4 << 20;
 

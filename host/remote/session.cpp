@@ -17,15 +17,6 @@ constexpr auto kProbeAfter = 1s;
 // lowest rate.
 constexpr auto kPacingAllowance = 10s;
 
-/// A request for an empty extended attribute: every driver answers it without touching the disk.
-std::unique_ptr<CpdPacket> Probe() {
-  const XattrHead head{};
-  auto probe = std::make_unique<CpdPacket>(CPD_PACKET_HEADER_SIZE + sizeof head);
-  probe->InitHeader(Session::kDeviceId, kGetXattr, 0);
-  probe->AppendPayload(&head, sizeof head);
-  return probe;
-}
-
 std::unique_ptr<CpdPacket> AttributesRequest(std::string_view path) {
   FileAttrHead head{};
   head.path_length = static_cast<uint16_t>(path.size());
@@ -51,6 +42,14 @@ bool ReadAttributes(const CpdPacket* reply, std::optional<udisk_stat>* attribute
 }
 
 }  // namespace
+
+std::unique_ptr<CpdPacket> Session::Probe(uint32_t id) {
+  const XattrHead head{};
+  auto probe = std::make_unique<CpdPacket>(CPD_PACKET_HEADER_SIZE + sizeof head);
+  probe->InitHeader(kDeviceId, kGetXattr, id);
+  probe->AppendPayload(&head, sizeof head);
+  return probe;
+}
 
 Session::Session(std::chrono::seconds time_limit, std::chrono::seconds patience)
     : time_limit_(time_limit + kPacingAllowance), patience_(patience) {}
@@ -341,7 +340,7 @@ void Session::Watch() {
 }
 
 void Session::SendProbeLocked() {
-  auto probe = Probe();
+  auto probe = Probe(0);
   if (!channel_->HasRoom(probe->header->packetLen)) return;
   probing_ = true;
   SendLocked({.command = kGetXattr,

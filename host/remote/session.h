@@ -41,6 +41,9 @@ class Session {
   /// where it holds up every later request, so it must not wait.
   using Done = std::function<void(std::unique_ptr<CpdPacket> reply)>;
 
+  /// A request for an empty extended attribute: every driver answers it without touching the disk.
+  static std::unique_ptr<CpdPacket> Probe(uint32_t id);
+
   /// @param time_limit  for a driver that does not reply
   /// @param patience    how long requests wait after a channel broke; then they are given up, and
   /// so
