@@ -82,7 +82,7 @@ void Session::Break() {
     broken_ = Clock::now();
     if (!waits_) given_up = TakeAllLocked();
   }
-  GiveUp(std::move(given_up));
+  GiveUp(given_up);
 }
 
 void Session::GiveUpWhile(const std::function<void()>& change) {
@@ -92,7 +92,7 @@ void Session::GiveUpWhile(const std::function<void()>& change) {
     is_refusing_ = true;
     given_up = TakeAllLocked();
   }
-  GiveUp(std::move(given_up));
+  GiveUp(given_up);
   AwaitDelivery();
   change();
   const std::lock_guard lock(mutex_);
@@ -106,7 +106,7 @@ void Session::StopWaiting() {
     waits_ = false;
     if (channel_ == nullptr) given_up = TakeAllLocked();
   }
-  GiveUp(std::move(given_up));
+  GiveUp(given_up);
 }
 
 void Session::Proceed() {
@@ -122,7 +122,7 @@ void Session::Stop() {
     channel_ = nullptr;
     given_up = TakeAllLocked();
   }
-  GiveUp(std::move(given_up));
+  GiveUp(given_up);
   AwaitDelivery();
 }
 
@@ -134,7 +134,8 @@ void Session::Ask(std::unique_ptr<CpdPacket> request, Done done,
     const std::lock_guard lock(mutex_);
     if (!is_stopped_ && !is_refusing_ && request->header != nullptr) {
       if (outstanding_.empty() && waiting_.empty()) waiting_since_ = Clock::now();
-      waiting_.push_back({.command = request->header->cmd,
+      const uint16_t command = request->header->cmd;
+      waiting_.push_back({.command = command,
                           .packet = std::move(request),
                           .done = std::move(done),
                           .before = before,
@@ -238,9 +239,9 @@ Session::Requests Session::TakeAllLocked() {
 }
 
 /// Gives up what TakeAllLocked has taken.
-void Session::GiveUp(Requests requests) {
+void Session::GiveUp(const Requests& requests) {
   if (requests.empty()) return;
-  for (auto& request : requests) request.done(nullptr);
+  for (const auto& request : requests) request.done(nullptr);
   --delivering_;
   delivering_.notify_all();
 }
@@ -336,7 +337,7 @@ void Session::Watch() {
       }
     }
   }
-  GiveUp(std::move(given_up));
+  GiveUp(given_up);
 }
 
 void Session::SendProbeLocked() {

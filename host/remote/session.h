@@ -106,7 +106,7 @@ class Session {
   void AskForLocked(const std::shared_ptr<Doubt>& doubt, size_t index, std::string_view path);
   Concluded SettleLocked();
   void SendProbeLocked();
-  void GiveUp(Requests requests);
+  void GiveUp(const Requests& requests);
   void AwaitDelivery() const;
   void Watch();
 
