@@ -7,7 +7,7 @@
 #   scripts/mutants.sh --only PATTERN   those whose file or text the regular expression matches
 #   scripts/mutants.sh --jobs N         N compilers and N test programs at a time (2)
 #   scripts/mutants.sh --fresh          also those that an earlier run has killed
-#   scripts/mutants.sh --check          tells only whether each mutant still applies
+#   scripts/mutants.sh --check          checks only whether each mutant still applies
 #
 # May be interrupted: the next run continues where it stopped, and tries again the mutants that
 # lived. Ends with status 1 when a mutant lives, does not apply or does not build.
@@ -38,7 +38,7 @@ patience=180
 
 # ---- The list ----
 
-# A mutant is a file, a fragment that stands there once, and its replacement.
+# A mutant is a file, a fragment that occurs in it once, and the fragment's replacement.
 files=() fragments=() replacements=()
 
 read_list() {
@@ -64,7 +64,7 @@ read_list() {
   done <scripts/mutants.txt
 }
 
-# Prints a file with the fragment replaced; fails unless that stands there exactly once.
+# Prints a file with the fragment replaced; fails unless the fragment occurs exactly once.
 mutate() {
   FRAGMENT=$2 REPLACEMENT=$3 perl -0777 -ne '
     my $at = index($_, $ENV{FRAGMENT});

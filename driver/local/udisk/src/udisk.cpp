@@ -114,7 +114,7 @@ int UDiskDriver::Close(signed char /*reason*/) {
     udisk_operator->TryTrace("UDISK_DRIVER_CLOSE", "udisk driver close success");
     udisk_operator->LetGoOfDevice();  // the host may hold the operator longer than the device
     const std::lock_guard lock(mMutex);
-    mOperator.reset();  // udisk_operator, or a bus event in flight, now holds it last
+    mOperator.reset();  // not destroyed under the lock: udisk_operator still holds it
   }
   UDISK_DEBUG("udisk client close out\n");
   return 0;
