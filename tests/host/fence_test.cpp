@@ -20,6 +20,7 @@
 
 #include "line/sandbox.h"
 #include "support/child_process.h"
+#include "support/own_runtime_directory.h"
 
 namespace cpd::host {
 namespace {
@@ -34,21 +35,8 @@ constexpr Fence::SessionId kSession{0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0x
                                     0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};
 constexpr const char* kName = "serve-0123456789abcdef0011223344556677";
 
-/// Sets $XDG_RUNTIME_DIR to a directory of the test's own.
 class RuntimeDirectoryTest : public testing::Test {
  protected:
-  RuntimeDirectoryTest() {
-    std::string name = (fs::temp_directory_path() / "runtime-test-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp");
-    runtime = name;
-    if (const char* set = std::getenv("XDG_RUNTIME_DIR")) before = set;
-    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
-  }
-  ~RuntimeDirectoryTest() override {
-    before.empty() ? unsetenv("XDG_RUNTIME_DIR") : setenv("XDG_RUNTIME_DIR", before.c_str(), 1);
-    std::error_code ignored;
-    fs::remove_all(runtime, ignored);
-  }
   [[nodiscard]] fs::path place() const { return runtime / "cpd-host"; }
 
   static std::string Refusal() {
@@ -60,8 +48,8 @@ class RuntimeDirectoryTest : public testing::Test {
     return "";
   }
 
-  fs::path runtime;
-  std::string before;
+  const test::OwnRuntimeDirectory own;
+  const fs::path runtime = own.path();
 };
 
 TEST_F(RuntimeDirectoryTest, IsMadeForItsUserAlone) {

@@ -11,7 +11,6 @@
 #include <array>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <iterator>
@@ -22,6 +21,7 @@
 #include "line/passed_message.h"
 #include "line/sandbox.h"
 #include "support/child_process.h"
+#include "support/own_runtime_directory.h"
 
 namespace cpd::host {
 namespace {
@@ -44,25 +44,10 @@ struct Pipe {
 
 class HandoverTest : public testing::Test {
  protected:
-  HandoverTest() {
-    std::string name = (fs::temp_directory_path() / "handover-test-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp");
-    scratch = name;
-    if (const char* set = std::getenv("XDG_RUNTIME_DIR")) before = set;
-    setenv("XDG_RUNTIME_DIR", name.c_str(), 1);
-    directory.emplace();
-  }
-  ~HandoverTest() override {
-    before.empty() ? unsetenv("XDG_RUNTIME_DIR") : setenv("XDG_RUNTIME_DIR", before.c_str(), 1);
-    std::error_code ignored;
-    fs::remove_all(scratch, ignored);
-  }
-
   /// Offers the line on a thread of its own.
   [[nodiscard]] std::future<std::optional<Handover>> Offer(const std::string& hello = "hello") {
     return std::async(std::launch::async, [this, hello] {
-      return OfferLine(*directory, mount_point, input.reader.get(), output.writer.get(), hello,
-                       10s);
+      return OfferLine(directory, mount_point, input.reader.get(), output.writer.get(), hello, 10s);
     });
   }
   [[nodiscard]] static OfferedLine Accept(const HandoverListener& listener) {
@@ -73,11 +58,11 @@ class HandoverTest : public testing::Test {
   }
   /// A connection to the listener that offers nothing yet.
   [[nodiscard]] Descriptor Connect() const {
-    for (const auto& entry : fs::directory_iterator(directory->PathOf("."))) {
+    for (const auto& entry : fs::directory_iterator(directory.PathOf("."))) {
       if (!entry.is_socket()) continue;
       sockaddr_un address{};
       address.sun_family = AF_UNIX;
-      directory->PathOf(entry.path().filename().string())
+      directory.PathOf(entry.path().filename().string())
           .copy(address.sun_path, sizeof address.sun_path - 1);
       Descriptor made(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
       EXPECT_EQ(connect(made.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
@@ -86,12 +71,12 @@ class HandoverTest : public testing::Test {
     throw std::runtime_error("no socket");
   }
   [[nodiscard]] auto Files() const {
-    return std::distance(fs::directory_iterator(directory->PathOf(".")), fs::directory_iterator());
+    return std::distance(fs::directory_iterator(directory.PathOf(".")), fs::directory_iterator());
   }
 
-  fs::path scratch;
-  std::string before;
-  std::optional<RuntimeDirectory> directory;
+  const test::OwnRuntimeDirectory own;
+  const fs::path scratch = own.path();
+  const RuntimeDirectory directory;
   const std::string mount_point = "/tmp/no such mount point";
   Pipe input;
   Pipe output;
@@ -103,7 +88,7 @@ TEST_F(HandoverTest, IsRefusedByNobodyWhenNobodyHoldsTheMount) {
 }
 
 TEST_F(HandoverTest, PassesTheLineAndWhatWasReadFromIt) {
-  const HandoverListener listener(*directory, mount_point);
+  const HandoverListener listener(directory, mount_point);
   std::string hello(kLongestHello, 'h');
   hello[7] = '\0';
   auto offer = Offer(hello);
@@ -120,7 +105,7 @@ TEST_F(HandoverTest, PassesTheLineAndWhatWasReadFromIt) {
 }
 
 TEST_F(HandoverTest, TellsEachVerdict) {
-  const HandoverListener listener(*directory, mount_point);
+  const HandoverListener listener(directory, mount_point);
   for (const Verdict verdict : {Verdict::kAdopted, Verdict::kRefused, Verdict::kTakeOver}) {
     auto offer = Offer();
     Accept(listener).Answer(verdict);
@@ -129,14 +114,14 @@ TEST_F(HandoverTest, TellsEachVerdict) {
 }
 
 TEST_F(HandoverTest, TakesAVerdictOfALaterVersionForARefusal) {
-  const HandoverListener listener(*directory, mount_point);
+  const HandoverListener listener(directory, mount_point);
   auto offer = Offer();
   Accept(listener).Answer(static_cast<Verdict>(200));
   EXPECT_EQ(offer.get()->verdict, Verdict::kRefused);
 }
 
 TEST_F(HandoverTest, LastsUntilTheHolderIsDoneWithTheLine) {
-  const HandoverListener listener(*directory, mount_point);
+  const HandoverListener listener(directory, mount_point);
   auto offer = Offer();
   std::optional<OfferedLine> line = Accept(listener);
   line->Answer(Verdict::kAdopted);
@@ -148,7 +133,7 @@ TEST_F(HandoverTest, LastsUntilTheHolderIsDoneWithTheLine) {
 }
 
 TEST_F(HandoverTest, LeavesNoFile) {
-  { const HandoverListener listener(*directory, mount_point); }
+  { const HandoverListener listener(directory, mount_point); }
   EXPECT_EQ(Files(), 0);
 }
 
@@ -156,10 +141,10 @@ TEST_F(HandoverTest, KnowsAMountPointByEveryPathToItsDirectory) {
   fs::create_directory(scratch / "real");
   fs::create_directory_symlink("real", scratch / "link");
   const auto place = scratch.string();
-  const HandoverListener listener(*directory, place + "/real/mount");
+  const HandoverListener listener(directory, place + "/real/mount");
   const auto offer = [&](const std::string& path) {
     auto answer = std::async(std::launch::async, [&, path] {
-      return OfferLine(*directory, path, input.reader.get(), output.writer.get(), "hello", 10s);
+      return OfferLine(directory, path, input.reader.get(), output.writer.get(), "hello", 10s);
     });
     if (WaitReadable(listener.fd(), Clock::now() + 100ms)) {
       Accept(listener).Answer(Verdict::kAdopted);
@@ -181,34 +166,34 @@ TEST_F(HandoverTest, KnowsAMountPointByEveryPathToItsDirectory) {
 TEST_F(HandoverTest, DoesNotLookAtTheMountPoint) {
   const auto place = (scratch / "mount").string();
   fs::create_symlink("mount", place);
-  const HandoverListener listener(*directory, place);
+  const HandoverListener listener(directory, place);
   EXPECT_GE(listener.fd(), 0);
 }
 
 TEST_F(HandoverTest, HasOneHolderAMountPoint) {
-  ChildProcess holder([&] { static HandoverListener listener(*directory, mount_point); });
+  ChildProcess holder([&] { static HandoverListener listener(directory, mount_point); });
   try {
-    const HandoverListener second(*directory, mount_point);
+    const HandoverListener second(directory, mount_point);
     FAIL() << "two listen";
   } catch (const std::runtime_error& error) {
     EXPECT_NE(std::string(error.what()).find(std::to_string(holder.pid())), std::string::npos)
         << error.what();
   }
-  const HandoverListener other(*directory, mount_point + "2");
+  const HandoverListener other(directory, mount_point + "2");
 }
 
 TEST_F(HandoverTest, TakesThePlaceOfAKilledHolder) {
-  ChildProcess([&] { static HandoverListener listener(*directory, mount_point); }).End(SIGKILL);
+  ChildProcess([&] { static HandoverListener listener(directory, mount_point); }).End(SIGKILL);
   EXPECT_EQ(Files(), 2);
   EXPECT_FALSE(Offer().get()) << "nobody listens any more";
-  const HandoverListener listener(*directory, mount_point);
+  const HandoverListener listener(directory, mount_point);
   auto offer = Offer();
   Accept(listener).Answer(Verdict::kAdopted);
   EXPECT_TRUE(offer.get());
 }
 
 TEST_F(HandoverTest, FindsNobodyWhenTheHolderEndsBeforeItAnswers) {
-  std::optional<HandoverListener> listener(std::in_place, *directory, mount_point);
+  std::optional<HandoverListener> listener(std::in_place, directory, mount_point);
   auto offer = Offer();
   { const OfferedLine dropped = Accept(*listener); }
   EXPECT_FALSE(offer.get());
@@ -219,19 +204,19 @@ TEST_F(HandoverTest, FindsNobodyWhenTheHolderEndsBeforeItAnswers) {
 }
 
 TEST_F(HandoverTest, GivesUpOnAHolderThatDoesNotAnswer) {
-  const HandoverListener listener(*directory, mount_point);
-  EXPECT_THROW((void)OfferLine(*directory, mount_point, input.reader.get(), output.writer.get(),
+  const HandoverListener listener(directory, mount_point);
+  EXPECT_THROW((void)OfferLine(directory, mount_point, input.reader.get(), output.writer.get(),
                                "hello", 50ms),
                std::runtime_error);
 }
 
 TEST_F(HandoverTest, DoesNotWaitForAnOfferThatNobodyMakes) {
-  const HandoverListener listener(*directory, mount_point);
+  const HandoverListener listener(directory, mount_point);
   EXPECT_FALSE(listener.Accept());
 }
 
 TEST_F(HandoverTest, DropsOffersThatMakeNoSense) {
-  const HandoverListener listener(*directory, mount_point);
+  const HandoverListener listener(directory, mount_point);
   const int fd = input.reader.get();
   const auto accepts = [&](const std::string& bytes, std::span<const int> descriptors) {
     const Descriptor connection = Connect();
@@ -250,7 +235,7 @@ TEST_F(HandoverTest, DropsOffersThatMakeNoSense) {
 }
 
 TEST_F(HandoverTest, DropsAConnectionThatStaysSilentForASecond) {
-  const HandoverListener listener(*directory, mount_point);
+  const HandoverListener listener(directory, mount_point);
   const Descriptor silent = Connect();
   const auto begin = Clock::now();
   EXPECT_FALSE(listener.Accept());
@@ -261,7 +246,7 @@ TEST_F(HandoverTest, DropsAConnectionThatStaysSilentForASecond) {
 // The directory keeps other users out. This opens it, to see what the socket does by itself.
 TEST_F(HandoverTest, TakesNoLineFromAnotherUser) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root, to become another user";
-  const HandoverListener listener(*directory, mount_point);
+  const HandoverListener listener(directory, mount_point);
   for (const fs::path& path : {scratch, scratch / "cpd-host"}) chmod(path.c_str(), 0777);
   for (const auto& entry : fs::directory_iterator(scratch / "cpd-host")) {
     chmod(entry.path().c_str(), 0777);
@@ -278,7 +263,7 @@ TEST_F(HandoverTest, TakesNoLineFromAnotherUser) {
 
 TEST_F(HandoverTest, WorksForAProcessInItsSandbox) {
   EXPECT_TRUE(ChildProcess::Succeeds([&] {
-    const HandoverListener listener(*directory, mount_point);
+    const HandoverListener listener(directory, mount_point);
     std::array<int, 2> ready{};
     ASSERT_EQ(pipe(ready.data()), 0);
     const pid_t newer = fork();
@@ -286,10 +271,10 @@ TEST_F(HandoverTest, WorksForAProcessInItsSandbox) {
       char byte = 0;
       (void)!read(ready[0], &byte, 1);
       const auto answer =
-          OfferLine(*directory, mount_point, input.reader.get(), output.writer.get(), "hello", 10s);
+          OfferLine(directory, mount_point, input.reader.get(), output.writer.get(), "hello", 10s);
       _exit(answer && answer->verdict == Verdict::kAdopted ? 0 : 1);
     }
-    EnterSandbox({.writable = {directory->path()}});
+    EnterSandbox({.writable = {directory.path()}});
     ASSERT_EQ(write(ready[1], "!", 1), 1);
     Accept(listener).Answer(Verdict::kAdopted);
     int status = -1;

@@ -49,6 +49,7 @@
 #include "module/module.h"
 #include "module/redirection.h"
 #include "remote/session.h"
+#include "support/own_runtime_directory.h"
 #include "support/requests.h"
 #include "support/temp_disk.h"
 
@@ -56,6 +57,7 @@ namespace cpd::host {
 namespace {
 
 using namespace std::chrono_literals;
+using test::OwnRuntimeDirectory;
 using test::TempDisk;
 
 constexpr uid_t kOtherUser = 65534;
@@ -447,7 +449,7 @@ TEST_F(SandboxTest, AsksAProcessToEndWhereThatIsAllowed) {
 }
 
 TEST_F(SandboxTest, LetsANewerProcessTakeASessionFromAnOlderOne) {
-  ASSERT_EQ(::setenv("XDG_RUNTIME_DIR", elsewhere.root().c_str(), 1), 0);
+  const OwnRuntimeDirectory own;
   const RuntimeDirectory directory;
   const Sandbox sandbox{
       .disk = disk.root(), .writable = {directory.PathOf(".")}, .ends_processes = true};
@@ -467,7 +469,6 @@ TEST_F(SandboxTest, LetsANewerProcessTakeASessionFromAnOlderOne) {
     Fence fence(directory);
     EXPECT_TRUE(fence.Enter({}, 10s));
   });
-  ::unsetenv("XDG_RUNTIME_DIR");
 }
 
 TEST_F(SandboxTest, TypesNothingIntoATerminal) {

@@ -24,6 +24,7 @@
 
 #include "line/sandbox.h"
 #include "support/child_process.h"
+#include "support/own_runtime_directory.h"
 
 namespace cpd::host {
 namespace {
@@ -97,17 +98,8 @@ std::string SignalSet(const std::string& status, const std::string& name) {
 
 class StarterTest : public testing::Test {
  protected:
-  StarterTest() {
-    std::string name = (fs::temp_directory_path() / "starter-test-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp");
-    directory = name;
-  }
-  ~StarterTest() override {
-    std::error_code ignored;
-    fs::remove_all(directory, ignored);
-  }
-
-  fs::path directory;
+  const test::ScratchDirectory scratch;
+  const fs::path directory = scratch.path();
 };
 
 // ---- Lines ----
