@@ -34,9 +34,10 @@ void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line);
 void AddLogOptions(CLI::App* command, CommandLine* line);
 /// Adds --timeout.
 void AddTimeoutOption(CLI::App* command, DiskOptions* disk);
-/// Adds how the disk is shown.
+/// Adds the options of the mount itself: --label, --allow-other, --no-batch, --no-prefetch,
+/// --no-dir-cache.
 void AddMountOptions(CLI::App* command, DiskOptions* disk);
-/// Adds how the disk is announced: --name, --read-only.
+/// Adds the options that the announcement carries: --name, --read-only.
 void AddNamingOptions(CLI::App* command, DiskOptions* disk);
 /// Checks the disk's path, fills in missing names, and sets the environment variable that makes the
 /// module confine paths. Must be called before the module opens the disk.

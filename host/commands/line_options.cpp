@@ -8,8 +8,7 @@
 namespace cpd::host {
 namespace {
 
-/// A word for any shell. What is shown to a user may be quoted more nicely, but not every shell
-/// understands that.
+/// A word for any shell. QuotedForShell is easier to read, but not every shell understands $''.
 std::string Word(std::string_view text) {
   std::string word = "'";
   for (const char c : text) word += c == '\'' ? std::string("'\\''") : std::string(1, c);
@@ -49,7 +48,7 @@ void AddDialOptions(CLI::App* command, LineOptions* options) {
 }
 
 std::optional<RemotePlace> ParseRemotePlace(const std::string& text) {
-  // An IPv6 address stands in brackets, perhaps after a user.
+  // An IPv6 address is in brackets, perhaps after a user.
   const size_t bracket = text.find('[');
   const bool is_bracketed =
       bracket != std::string::npos && (bracket == 0 || text[bracket - 1] == '@');

@@ -24,11 +24,11 @@ struct LineOptions {
   bool sandbox = true;
 };
 
-/// Adds what both ends of a line have: --window, --no-sandbox.
+/// Adds the options of both ends of a line: --window, --no-sandbox.
 void AddStreamOptions(CLI::App* command, LineOptions* options);
 /// Adds --reconnect.
 void AddReconnectOption(CLI::App* command, LineOptions* options);
-/// Adds how the line is set up, and --reconnect.
+/// Adds the options of the end that sets the line up, and --reconnect.
 void AddDialOptions(CLI::App* command, LineOptions* options);
 
 /// A place on another machine, as rsync and scp write it: [USER@]HOST:PATH.
@@ -36,7 +36,8 @@ struct RemotePlace {
   std::string host;  ///< with the user
   std::string path;
 };
-/// @return empty if the text names a local path: it has no colon, or a slash before the first one
+/// @return empty if the text names a local path: it has no colon, begins with one, or has a slash
+///         before the first one
 /// @throws std::runtime_error when the host would be taken for an option
 std::optional<RemotePlace> ParseRemotePlace(const std::string& text);
 

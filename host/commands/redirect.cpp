@@ -65,10 +65,10 @@ void Redirect(RedirectOptions options) {
   }
   LineKeeper keeper(source, disk, kFirstHelloLimit, options.line.reconnect.count() != 0);
   Connect(keeper, stop_signals);
-  // Not earlier: whoever gives up at ssh's prompt does not want another one.
+  // Not earlier: a user who gives up at ssh's prompt does not want to see a second prompt.
   source.SayGoodbyeOnDeath(disk.OwnHello());
   const bool was_told = KeepUntilStopped(keeper, stop_signals);
-  // Otherwise the mount would wait for another line: the starter tells the other side.
+  // Without a goodbye, the mount would wait for another line. So the starter dials once more.
   if (!was_told) source.starter().ActAtEnd();
 }
 

@@ -14,7 +14,7 @@ namespace cpd::host {
 /// A status line that is rewritten every second; nothing if standard error is not a terminal.
 class StatusLine {
  public:
-  /// @param line  tells what the line to the disk is doing; empty = the disk is in this process
+  /// @param line  gives the state of the line to the disk; empty = the disk is in this process
   StatusLine(const Session& session, uint32_t announced_kbps,
              std::function<LineState()> line = nullptr);
   /// Erases the line.
@@ -41,7 +41,7 @@ class StatusLine {
 
 /// Prints one row per command to standard output.
 void PrintTable(const Statistics& statistics);
-/// Prints how the line did to standard output.
+/// Prints the line's drops and round trip to standard output.
 void PrintLine(const LineState& line);
 
 }  // namespace cpd::host

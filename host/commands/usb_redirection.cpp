@@ -43,9 +43,9 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kSettling = 300ms;
 /// How often to look without an event: for children that have ended, and for events that got lost.
 constexpr auto kLookInterval = 2s;
-/// Before a disk whose redirection failed is tried again.
+/// How long a disk whose redirection failed waits before it is tried again.
 constexpr auto kRetryPause = 10s;
-/// A line of a child's standard error that is longer is cut, in bytes.
+/// In bytes. A longer line of a child's standard error is passed on in pieces.
 constexpr size_t kLongestLine = 64 << 10;
 /// How long a child may take to say goodbye before it is killed.
 constexpr auto kEndLimit = 4s;
@@ -55,8 +55,8 @@ void Print(const std::string& text) {
   (void)std::fflush(stdout);  // a service's log shows it at once
 }
 
-/// This program, redirecting one disk. What it says of itself is held back for the caller; the rest
-/// of its standard error, such as the log, goes where this process's own goes.
+/// This program, redirecting one disk. Its own messages are kept for the caller (see words). The
+/// rest of its standard error, such as the log, is passed on to this process's standard error.
 class Child {
  public:
   explicit Child(const std::vector<std::string>& arguments) {
@@ -81,7 +81,7 @@ class Child {
     execv("/proc/self/exe", argv.data());
     _exit(127);
   }
-  /// Ends the process, and waits for it. One that a device holds is left alone.
+  /// Ends the process, and waits for it. If a hung device keeps it from ending, leaves it alone.
   ~Child() {
     TellToEnd();
     for (const int signal : {SIGTERM, SIGKILL}) {
@@ -142,7 +142,7 @@ class Child {
   std::string words_;
 };
 
-/// A disk that is mounted here and redirected. The child goes first.
+/// A disk that is mounted here and redirected. The destructor ends the child, then unmounts.
 struct RedirectedDisk {
   RedirectedDisk(std::string disk_label, std::unique_ptr<LocalMount> local,
                  const std::vector<std::string>& arguments)
@@ -155,7 +155,7 @@ struct RedirectedDisk {
 
   const std::string label;
   std::unique_ptr<LocalMount> mount;
-  Starter unmounter;  // if this process is killed
+  Starter unmounter;  // unmounts if this process is killed
   Child child;
   bool is_silent = false;  // the child will say nothing more
 };
@@ -174,7 +174,7 @@ std::set<std::string> BlockDevices() {
 class UsbRedirection {
  public:
   explicit UsbRedirection(const UsbOptions& options) : options_(options) {}
-  /// All disks end at the same time.
+  /// Tells all children to end before it waits for the first of them.
   ~UsbRedirection() {
     for (const auto& [device, disk] : disks_) disk->child.TellToEnd();
   }
@@ -257,7 +257,8 @@ class UsbRedirection {
     if (!status) return false;
     disk.child.PassOn();
     if (*status == 0) {
-      // As its user wanted: unmounted there, for one. It comes back when it is plugged in again.
+      // A user has ended it, for example by unmounting the disk there. The disk is redirected again
+      // when it is plugged in again.
       Print(fmt::format("{} {}: ended", device, QuotedForShell(disk.label)));
       ended_[device] = {.label = disk.label, .why = {}, .next = Clock::time_point::max()};
     } else {
@@ -287,7 +288,7 @@ class UsbRedirection {
                                          target, "--make-directory"};
       std::ranges::copy(options_.arguments, std::back_inserter(arguments));
       disks_[device] = std::make_unique<RedirectedDisk>(label, std::move(mount), arguments);
-      if (ended_.contains(device)) return;  // it has been said
+      if (ended_.contains(device)) return;  // another try: the failure's line has announced it
       Print(fmt::format("{} {}: redirecting to {}", device, QuotedForShell(label), target));
     } catch (const std::exception& error) {
       NoteFailure(device, label, error.what());
