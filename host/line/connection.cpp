@@ -77,8 +77,9 @@ Hello Connection::AwaitHello(std::chrono::milliseconds limit) {
         uint16_t{hello.version}, kStreamVersion));
   }
   const std::lock_guard lock(mutex_);
-  // A side that claims a large window must not make this one keep as much for it. Both sides count
-  // with the smaller one: otherwise the sender could wait for a report that is not due yet.
+  // A side that claims a large window must not make this one queue that much for it. Both sides
+  // count with the smaller window: otherwise the sender could wait for a report that is not due
+  // yet.
   window_ = std::min<uint64_t>(hello.window, window_);
   their_largest_ = hello.largest;
   return hello;
@@ -336,7 +337,7 @@ void Connection::HandleFrames() {
       HandleControl(std::get<ControlFrame>(*frame));
     }
   }
-  // A packet that must not come is not waited for.
+  // A packet that exceeds the window is refused as soon as its header is there.
   const std::lock_guard lock(mutex_);
   if (reader_.begun() != 0) CheckWindowLocked(ChargeOf(reader_.begun()));
 }
@@ -364,7 +365,7 @@ void Connection::HandleControl(const ControlFrame& frame) {
     case Control::kPong: {
       const std::chrono::nanoseconds now = Clock::now().time_since_epoch();
       const uint64_t elapsed = static_cast<uint64_t>(now.count()) - frame.value;
-      // Otherwise it answers no ping of this side.
+      // A larger value is not from a ping of this side.
       if (elapsed <= static_cast<uint64_t>(now.count())) {
         round_trip_ = std::chrono::nanoseconds(static_cast<int64_t>(elapsed));
       }

@@ -95,7 +95,8 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
                     .ended = std::move(ended)});
 }
 
-// The connection uses the driver, and the driver the connection: first one stops, then the other.
+// Each uses the other. Closing the connection first stops its use of the driver, and ends the
+// driver's wait for room, so that the driver can be closed, too.
 void DiskEnd::End(Connection& connection) {
   connection.Close();
   disk_.reset();

@@ -27,7 +27,7 @@ class StreamError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The line closed before the other side said anything; what sets lines up may know why.
+/// The line closed before the other side said anything. The line's source may know why.
 class LineClosed : public StreamError {
  public:
   LineClosed() : StreamError("the line closed before the other side said anything") {}

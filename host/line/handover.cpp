@@ -92,7 +92,7 @@ HandoverListener::HandoverListener(const RuntimeDirectory& directory,
       lock_(LockFor(directory, name_, mount_point)),
       socket_(NewSocket(SOCK_NONBLOCK)) {
   // The socket gets its name when it listens, in one step, in place of one that a killed process
-  // has left. So whoever finds the name and is refused knows that nobody listens.
+  // has left. So a refused connection to that name means that no process listens any more.
   const std::string unnamed = name_ + ".new";
   unlinkat(directory.fd(), unnamed.c_str(), 0);
   const sockaddr_un address = AddressOf(directory, unnamed);
@@ -132,7 +132,8 @@ std::optional<Handover> OfferLine(const RuntimeDirectory& directory, const std::
   Descriptor connection = NewSocket(0);
   const sockaddr_un address = AddressOf(directory, SocketName(mount_point));
   if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    // The name of a killed process is left to the next HandoverListener, which has the lock.
+    // A socket that a killed process has left is replaced by the next HandoverListener, under the
+    // lock.
     if (errno == ENOENT || errno == ECONNREFUSED) return std::nullopt;
     throw std::runtime_error(
         fmt::format("cannot ask for the mount on {}: {}", mount_point, std::strerror(errno)));

@@ -96,7 +96,7 @@ void LineKeeper::SetUp(std::chrono::milliseconds greeting_limit) {
   } catch (const std::exception& error) {
     connection->SayGoodbye(Farewell::kFailed, error.what());
     const std::lock_guard lock(mutex_);
-    // What the other side says of its end explains more than that it has ended.
+    // If Begin failed because the other side said goodbye, the reason given there explains more.
     if (ending_ && ending_->kind == Ending::Kind::kFarewell) throw FarewellError(*ending_);
     throw;
   }

@@ -91,7 +91,7 @@ void KeepCapabilities(uint64_t kept) {
 
 // ---- Files: Landlock ----
 
-// Those that Debian 12's headers lack.
+// The rights that Debian 12's headers lack.
 constexpr uint64_t kTruncate = Bit(14);
 constexpr uint64_t kIoctlOfDevice = Bit(15);
 constexpr uint64_t kBindTcp = Bit(0);
@@ -242,7 +242,7 @@ constexpr auto kRefused = std::to_array<std::string_view>({
     "bind",
     "listen",
     "socketcall",
-    // files by other ways than those that Landlock and the module know
+    // files, in ways that Landlock does not restrict or the module does not need
     "open_by_handle_at",
     "name_to_handle_at",
     "mknod",

@@ -102,7 +102,7 @@ void AppendDescendants(pid_t process, std::vector<Descriptor>* found) {
     std::ifstream children(task.path() / "children");
     for (pid_t child = 0; children >> child;) {
       Descriptor held(pidfd_open(child, 0));
-      // If the number had been given to another process, that one would have another parent.
+      // If the number now belonged to another process, that would have another parent.
       if (!held.ok() || ParentOf(child) != process) continue;
       found->push_back(std::move(held));
       AppendDescendants(child, found);
@@ -161,13 +161,13 @@ class StarterProcess {
     Clock::time_point deadline;
     bool killed = false;
   };
-  /// The ends of a new command's streams that it does not have itself.
+  /// The other ends of a new command's streams, for the process that uses the line.
   struct Ends {
     Descriptor output, input, status;
   };
 
   /// Waits for what happens next, and takes care of commands that end.
-  /// @param socket  -1 = is not waited for
+  /// @param socket  -1 = none: returns when a command has ended or a deadline has passed
   /// @return whether there is something to read on the socket
   bool Step(int socket) {
     while (true) {
@@ -300,8 +300,8 @@ class StarterProcess {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != starter) _exit(1);  // it ended before the call
     for (int signal = 1; signal < NSIG; ++signal) (void)std::signal(signal, SIG_DFL);
-    // The terminal sends Ctrl-C to ssh as well, which stays in its process group to be able to ask
-    // for a password. The line must last until this side has said goodbye.
+    // The terminal sends Ctrl-C to ssh as well, which stays in the foreground process group to be
+    // able to ask for a password. But the line must last until this side has said goodbye.
     (void)std::signal(SIGINT, SIG_IGN);
     if (ignores_hangup_) (void)std::signal(SIGHUP, SIG_IGN);
     sigset_t none;
@@ -320,8 +320,9 @@ class StarterProcess {
   }
 
   /// The shell replaces itself with a simple command, but waits for the programs of a pipeline. To
-  /// end those, too, their tree is collected while it still hangs together. A process group of its
-  /// own would be simpler, but could not ask for a password on the terminal.
+  /// end those, too, their tree is collected first: once a process has ended, its children cannot
+  /// be found. A process group of its own would be simpler, but could not ask for a password on the
+  /// terminal.
   void End(const Command& command) {
     Ending ending{.processes = {}, .deadline = Clock::now() + kGrace};
     ending.processes.emplace_back(fcntl(command.held.get(), F_DUPFD_CLOEXEC, 3));

@@ -39,8 +39,8 @@ class StartedLine {
 };
 
 /// Owns the process "cpd-starter". A process in its sandbox can start no program; this one is
-/// forked before the sandbox and can. It runs a single command, which is fixed when it is forked:
-/// a process that was taken over in its sandbox gains no other from it.
+/// forked before the sandbox and can. It runs a single command, which is fixed when it is forked: a
+/// process that was taken over in its sandbox cannot make it run another.
 ///
 /// After the construction no call here needs a new socket, process or program; sendmsg, recvmsg,
 /// poll, read, close and wait4 suffice.
@@ -52,12 +52,11 @@ class Starter {
   /// Forks. Call it before any other thread exists, so that the new process inherits no lock that
   /// another thread holds.
   /// @param command  the line, for /bin/sh -c
-  /// @param mount_point  absolute path, for Unmount and UnmountOnDeath; may be empty if neither is
-  /// called
+  /// @param mount_point  absolute path, for Unmount and UnmountOnDeath; empty if neither is called
   /// @throws std::system_error when there is no further process or descriptor
   Starter(const std::string& command, const std::string& mount_point);
-  /// Releases, ends the commands that still run, and waits for the process: up to a second if a
-  /// command ignores SIGTERM.
+  /// Releases, unless ActAtEnd was called. Ends the commands that still run, and waits for the
+  /// process: up to a second if a command ignores SIGTERM, and for what ActAtEnd lets happen.
   ~Starter();
   Starter(const Starter&) = delete;
   Starter& operator=(const Starter&) = delete;
