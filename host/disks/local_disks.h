@@ -26,7 +26,7 @@ struct LocalDisk {
   std::vector<Partition> partitions;
 };
 
-/// The block devices on USB, sorted by name. Partitions without label and UUID are left out.
+/// The block devices on USB, sorted by name. Partitions with neither label nor UUID are left out.
 std::vector<LocalDisk> FindDisks();
 
 /// A partition that is mounted in /media while this object lives.

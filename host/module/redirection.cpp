@@ -22,7 +22,7 @@ Redirection::Redirection(const DiskOptions& options)
       trace_(options.trace),
       disk_(options, trace_,
             [this](std::unique_ptr<CpdPacket> packet) {
-              // A module that announces its disk twice is no reason to fail.
+              // A second announcement is ignored: it changes nothing.
               if (packet->header->cmd != kMountRemote) return session_.Receive(std::move(packet));
               if (!std::exchange(is_announced_, true)) announced_.set_value();
             }),

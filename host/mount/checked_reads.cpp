@@ -74,9 +74,9 @@ void CheckedReads::LookAgain(const std::shared_ptr<Opening>& opening) {
   });
 }
 
-/// @return false when the bytes are not the whole file that the kernel knows, or when its
-/// attributes
-///         are older than a write through this mount: they would pass for a change on the client
+/// Keeps the bytes, if there is room for them.
+/// @return false when they are not the whole file that the kernel knows, or when its attributes are
+///         older than a write through this mount: the write would look like a change on the client
 bool CheckedReads::Keep(const std::shared_ptr<Opening>& opening) {
   const auto attributes = nodes_.CurrentAttributes(opening->node);
   if (!attributes || !opening->is_whole) return false;

@@ -12,8 +12,8 @@ namespace cpd::host {
 
 /// Judges from the disk's statistics whether a write may be acknowledged before it is carried out.
 /// Many programs never look at the result of close, so a write that was acknowledged must not fail.
-/// Therefore a write is safe only while the disk is known to be writable, and to have had more
-/// room, when that became known, than everything sent since then could use.
+/// Therefore a write is safe only while the disk is known to be writable, and while the room that
+/// it last reported is more than everything sent since then can use.
 ///
 /// It cannot know what the client's own programs write in the meantime. That is why statistics
 /// expire soon, and why some room stays free.

@@ -39,7 +39,7 @@ bool WasLinked(const Found& target, const Found& name) {
 bool WasRenamed(const Found& before, const Found& old_name, const Found& new_name) {
   if (!new_name) return false;
   if (!old_name) return true;
-  // Somebody else can have made a new file of the old name meanwhile.
+  // Somebody else may have made a new file with the old name meanwhile.
   return before && IsSameFile(*before, *new_name) && !IsSameFile(*before, *old_name);
 }
 

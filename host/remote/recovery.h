@@ -18,8 +18,8 @@ namespace cpd::host {
 /// Whether a request must not be carried out twice.
 bool IsUnrepeatable(uint16_t command);
 
-/// Whether a request must be alone on its way: those before it are answered when it is sent. If it
-/// is lost, every other request can then be asked again with the paths that it had.
+/// Whether a request is sent only when all those before it are answered. Then every other request
+/// that is lost with it was sent after it, and can be asked again with the same paths.
 bool IsSentAlone(uint16_t command);
 
 /// The paths whose attributes show what became of an unrepeatable request; they point into it.

@@ -45,18 +45,18 @@ class Session {
   static std::unique_ptr<CpdPacket> Probe(uint32_t id);
 
   /// @param time_limit  for a driver that does not reply
-  /// @param patience    how long requests wait after a channel broke; then they are given up, and
-  /// so
-  ///                    are new ones until there is a channel
+  /// @param patience    how long requests wait after a channel broke. Then they are given up; new
+  ///                    ones are given up at once until there is a channel.
   explicit Session(std::chrono::seconds time_limit, std::chrono::seconds patience = {});
 
-  /// Sets the channel, which must live until Break or Stop has returned. Requests wait until then.
+  /// Sets the channel, which must live until Break or Stop has returned. Requests that were asked
+  /// before Start wait for it.
   void Start(Channel* channel);
   /// The channel is gone. Requests wait for the next Start.
   void Break();
-  /// For a channel that will lead to another disk: gives up every request, also those that are
-  /// asked while `change` runs. No Done runs meanwhile, except in Ask. To be called between Break
-  /// and Start, not from a Done; does not wait for the driver.
+  /// For a channel that will lead to another disk: gives up every request, then calls `change`.
+  /// Requests that are asked while it runs are given up at once, by Ask; no other Done runs then.
+  /// To be called between Break and Start, not from a Done; does not wait for the driver.
   void GiveUpWhile(const std::function<void()>& change);
   /// From now on, requests do not wait for another channel.
   void StopWaiting();
