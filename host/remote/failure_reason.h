@@ -33,7 +33,9 @@ struct Attempt {
   int64_t end = 0;            ///< of a write: the offset where it would have ended
 };
 
-/// The user whose permissions count: the module opens files with the rights of this process.
+/// The user whose permissions count. A module in this process opens files with its rights. Over a
+/// line, the other process may have other rights, which are not known here: then the reason for a
+/// refusal may stay unexplained.
 struct User {
   uint32_t id = 0;
   std::vector<uint32_t> groups = {};

@@ -12,8 +12,8 @@ class RemoteFiles;
 /// In bytes; FAT keeps a file's size in 32 bits.
 inline constexpr int64_t kLargestFatFile = (int64_t{4} << 30) - 1;
 
-/// This process's limit of file sizes in bytes, which also applies to the module's writes. All ones
-/// when there is none.
+/// This process's limit of file sizes in bytes; all ones when there is none. It also applies to the
+/// writes of a module in this process. The limit at the other end of a line is not known here.
 uint64_t SizeLimitOfThisProcess();
 
 /// The size in bytes that any disk lets a file of this process reach.

@@ -37,8 +37,9 @@ class Session {
   using Clock = std::chrono::steady_clock;
   /// The device id of every packet: a session has one disk.
   static constexpr uint8_t kDeviceId = 1;
-  /// Receives the reply, or null if there is none. Usually runs on the driver's worker thread,
-  /// where it holds up every later request, so it must not wait.
+  /// Receives the reply, or null if there is none. Usually runs on the thread that delivers replies
+  /// (the driver's worker, or that of the connection), where it holds up every later one, so it
+  /// must not wait.
   using Done = std::function<void(std::unique_ptr<CpdPacket> reply)>;
 
   /// A request for an empty extended attribute: every driver answers it without touching the disk.
