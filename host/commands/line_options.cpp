@@ -23,14 +23,13 @@ void AddStreamOptions(CLI::App* command, LineOptions* options) {
                    "Bytes that may be on their way to each side [16777216]")
       ->check(CLI::Range(uint64_t{1} << 20, uint64_t{1} << 30).description(""))
       ->type_name("BYTES");
-  command->add_flag("!--no-sandbox", options->sandbox,
-                    "Do not shut this process in; for debugging");
+  command->add_flag("!--no-sandbox", options->sandbox, "Run without the sandbox; for debugging");
 }
 
 void AddReconnectOption(CLI::App* command, LineOptions* options) {
   command
       ->add_option("--reconnect", options->reconnect,
-                   "How long requests wait for a line that dropped; 0 = end then [300]")
+                   "How long requests wait for a line that dropped; 0: end with it [300]")
       ->type_name("SECONDS")
       ->check(CLI::NonNegativeNumber);
 }

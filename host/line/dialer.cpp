@@ -24,7 +24,7 @@ std::string Explain(int status) {
       return "the line's command was not found: if that is cpd-host on the other machine, install it "
              "there, or give its path with --remote-program";
     case kNotExecutable:
-      return "the line's command may not be executed: if that is cpd-host on the other machine, check "
+      return "the line's command cannot be executed: if that is cpd-host on the other machine, check "
              "its permissions there";
     case kSshFailed:
       return "no connection, for the reason that ssh gives above: check that ssh alone gets there";

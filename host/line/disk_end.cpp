@@ -77,7 +77,8 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
   disk_.emplace(options_.disk, trace_, [&connection, intake](std::unique_ptr<CpdPacket> packet) {
     if (!intake->NoteReply(*packet)) return;
     if (packet->header->packetLen > std::min(connection.their_largest(), kLargestPacket)) {
-      tesselLogPrint(0, 7, "CPD_HOST", "a reply of %u bytes to a %u is too long for the line",
+      tesselLogPrint(0, 7, "CPD_HOST",
+                     "a reply of %u bytes to command %u is longer than the other side takes",
                      packet->header->packetLen, packet->header->cmd);
       return;
     }

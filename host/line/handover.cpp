@@ -36,7 +36,7 @@ std::string SocketName(const std::string& mount_point) {
     path = path.parent_path();
   }
   if (!path.has_filename() || path.filename() == "..") {
-    throw std::runtime_error(fmt::format("mount point {}: give its name", mount_point));
+    throw std::runtime_error(fmt::format("mount point {} does not end with a name", mount_point));
   }
   std::error_code error;
   const fs::path parent = fs::canonical(path.parent_path(), error);
