@@ -89,7 +89,7 @@ inline Bytes ParseWord(const std::string& word) {
   const bool any = byte == "..";
   const bool hex = byte.size() == 2 && byte.find_first_not_of("0123456789abcdef") == byte.npos;
   if ((!any && !hex) || (!times.empty() && times[0] != '*')) {
-    throw std::runtime_error("no byte: " + word);
+    throw std::runtime_error("not a byte: " + word);
   }
   std::optional<uint8_t> value;
   if (hex) value = static_cast<uint8_t>(std::stoi(byte, nullptr, 16));
@@ -139,7 +139,7 @@ inline std::vector<Exchange> ParseExample(const Section& section) {
   return exchanges;
 }
 
-/// Bytes none of which may be left open.
+/// The bytes as a text. None of them may be left open.
 inline std::string Given(const Bytes& bytes) {
   std::string given;
   for (const auto byte : bytes) given += static_cast<char>(byte.value());
@@ -162,7 +162,7 @@ inline void ExpectBytes(const Bytes& expected, const std::string& actual) {
                                [](std::optional<uint8_t> byte, char sent) {
                                  return !byte || *byte == static_cast<uint8_t>(sent);
                                });
-  EXPECT_TRUE(same) << "sent was " << ToHex(actual);
+  EXPECT_TRUE(same) << "these bytes were sent: " << ToHex(actual);
 }
 
 /// Expects each table of fields to have no gap.

@@ -152,8 +152,9 @@ TEST_F(GetXattr, ZeroesWhatTheRequestHeldInItsResultFields) {
   EXPECT_EQ(device.Sent()[0].payload, Head(10, 6) + "user.x");
 }
 
-TEST_F(GetXattr, LogsTheFullPathAndNeverTouchesTheDisk) {
+TEST_F(GetXattr, OfAMissingFileRepliesAndLogsTheFullPath) {
   const std::string path = "/not/there";
+  ASSERT_FALSE(disk.Exists(path));
   ASSERT_TRUE(Ask(XattrRequest{.path = path, .name = "user.x"}));
   EXPECT_EQ(Log().Messages(), Texts{"get_xattr full path: " + disk.Local(path) + "\\n"});
   EXPECT_EQ(Log().Lines()[0].level, kDebug);

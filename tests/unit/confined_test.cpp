@@ -88,17 +88,17 @@ struct WayOut {
   std::string path;
 };
 
-/// The parts of a reply that concern a file, and that must be the same for all missing files.
-struct Told {
+/// What a reply says of a file. It must be the same for all missing files.
+struct Answer {
   uint16_t cmd = 0;
   uint32_t packet_len = 0;
   std::string payload;
-  bool operator==(const Told&) const = default;
+  bool operator==(const Answer&) const = default;
 };
 
-std::ostream& operator<<(std::ostream& out, const Told& told) {
-  return out << told.cmd << ", " << told.packet_len
-             << " bytes: " << ::testing::PrintToString(told.payload);
+std::ostream& operator<<(std::ostream& out, const Answer& answer) {
+  return out << answer.cmd << ", " << answer.packet_len
+             << " bytes: " << ::testing::PrintToString(answer.payload);
 }
 
 std::string Replaced(std::string text, const std::string& from, const std::string& to) {
@@ -280,7 +280,7 @@ class ConfinedTest : public OperatorTest {
         {"two up", "/../../" + Parent() + "/outside"},
         {"far up", far_up + outside.path},
         {"no slash in front: a sibling", "2/../outside"},
-        {"no slash in front: a sibling's own", "2/dir/.."},
+        {"no slash in front: down and up in a sibling", "2/dir/.."},
         {"absolute link", "/absolute"},
         {"absolute link with a slash", "/absolute/"},
         {"absolute link with a dot", "/absolute/."},
@@ -314,7 +314,7 @@ class ConfinedTest : public OperatorTest {
 
   /// An operator's reply, if there is one, without statistics of the file system and without the
   /// local path that 114 echoes.
-  std::optional<Told> TellOf(UDiskOperator* served, const Request& request) {
+  std::optional<Answer> AnswerOf(UDiskOperator* served, const Request& request) {
     device.TakeSent();
     served->EventHandle(request.Packet());
     const std::vector<SentPacket> sent = device.TakeSent();
@@ -323,7 +323,7 @@ class ConfinedTest : public OperatorTest {
     std::string payload = sent[0].payload;
     if (request.cmd == kGetStatvfs) payload.resize(request.payload.size());
     if (request.cmd == kMakeDir) payload.resize(sizeof(MakeDirHead));
-    return Told{sent[0].cmd, request.cmd == kGetStatvfs ? 0 : sent[0].packet_len, payload};
+    return Answer{sent[0].cmd, request.cmd == kGetStatvfs ? 0 : sent[0].packet_len, payload};
   }
 
   /// Expects the confined operator to answer every request for the directory `at` as the plain one
@@ -339,13 +339,13 @@ class ConfinedTest : public OperatorTest {
     const auto references = requests_on(missing);
     for (size_t i = 0; i < requests.size(); ++i) {
       SCOPED_TRACE(requests[i].name);
-      std::optional<Told> told = TellOf(udisk.get(), requests[i].request);
-      const std::optional<Told> expected = TellOf(plain.get(), references[i].request);
-      if (told) {
-        told->payload =
-            Replaced(Replaced(told->payload, at, missing), Backslashed(at), Backslashed(missing));
+      std::optional<Answer> answer = AnswerOf(udisk.get(), requests[i].request);
+      const std::optional<Answer> expected = AnswerOf(plain.get(), references[i].request);
+      if (answer) {
+        answer->payload =
+            Replaced(Replaced(answer->payload, at, missing), Backslashed(at), Backslashed(missing));
       }
-      EXPECT_EQ(told, expected);
+      EXPECT_EQ(answer, expected);
     }
     EXPECT_TRUE(Snapshot(disk.letter()) == before) << "something was touched";
   }
@@ -363,12 +363,12 @@ class ConfinedTest : public OperatorTest {
 
  private:
   /// The working directory and an open directory of the process, for the links through /proc.
-  class StandsIn {
+  class WorkingDirectory {
    public:
-    explicit StandsIn(const fs::path& path) { fs::current_path(path); }
-    ~StandsIn() { fs::current_path(before_); }
-    StandsIn(const StandsIn&) = delete;
-    StandsIn& operator=(const StandsIn&) = delete;
+    explicit WorkingDirectory(const fs::path& path) { fs::current_path(path); }
+    ~WorkingDirectory() { fs::current_path(before_); }
+    WorkingDirectory(const WorkingDirectory&) = delete;
+    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
 
    private:
     const fs::path before_ = fs::current_path();
@@ -385,7 +385,7 @@ class ConfinedTest : public OperatorTest {
    private:
     const int fd_;
   };
-  const StandsIn stands_in_{disk.letter()};
+  const WorkingDirectory working_directory_{disk.letter()};
   const OpenDirectory descriptor_{outside.path};
 };
 
@@ -407,8 +407,8 @@ TEST_F(ConfinedTest, EveryWayLeadsOutWhenTheVariableIsUnsetEmptyOrZero) {
     for (const WayOut& way : ways) {
       SCOPED_TRACE(way.name + ": " + way.path + ", " + (value != nullptr ? value : "unset"));
       EXPECT_EQ(Read(plain.get(), way.path + "/secret.txt").substr(0, 6), "SECRET");
-      const auto made =
-          TellOf(plain.get(), static_cast<Request>(MakeDirRequest{.path = way.path + "/empty/x"}));
+      const auto made = AnswerOf(
+          plain.get(), static_cast<Request>(MakeDirRequest{.path = way.path + "/empty/x"}));
       ASSERT_TRUE(made);
       EXPECT_EQ(made->payload.substr(0, 4), std::string(4, '\0'));
       EXPECT_EQ(fs::remove(outside.path + "/empty/x") + fs::remove(disk.letter() + "DISK2/empty/x"),
@@ -452,8 +452,8 @@ TEST_F(ConfinedTest, APathWithoutALeadingSlashDoesNotReachASibling) {
   EXPECT_EQ(Read(plain.get(), "2/secret.txt"), kSecret);
   const auto before = Snapshot(disk.letter());
   for (const NamedRequest& named : RequestsIn("2")) {
-    const std::optional<Told> told = TellOf(udisk.get(), named.request);
-    EXPECT_FALSE(told && told->payload.find("SECRET") != std::string::npos) << named.name;
+    const std::optional<Answer> answer = AnswerOf(udisk.get(), named.request);
+    EXPECT_FALSE(answer && answer->payload.find("SECRET") != std::string::npos) << named.name;
   }
   EXPECT_EQ(Ask(AttrRequest{.path = "2"})->attr_length, 0);
   EXPECT_EQ(Ask(MakeDirRequest{.path = "3/made"})->head.result, -1);
@@ -544,16 +544,19 @@ TEST_F(ConfinedTest, AListingOfTheDiskShowsNothingOfTheDirectoryAbove) {
   struct stat above {};
   ASSERT_EQ(stat(disk.letter().c_str(), &above), 0);
   for (const char* path : {"", "/", "/.", "/known/.."}) {
-    for (const DirEntry& entry : Ask(DirReadRequest{.path = path})->Entries()) {
+    const std::vector<DirEntry> entries = Ask(DirReadRequest{.path = path})->Entries();
+    EXPECT_EQ(entries.size(), 5U) << path;
+    for (const DirEntry& entry : entries) {
       EXPECT_NE(entry.stat.st_ino, above.st_ino) << path << ": " << entry.name;
     }
   }
   // One level down, ".." is the disk itself, and is shown.
   struct stat top {};
   ASSERT_EQ(stat(disk.root().c_str(), &top), 0);
-  for (const DirEntry& entry : Ask(DirReadRequest{.path = kKnownDir})->Entries()) {
-    EXPECT_TRUE(entry.name != ".." || entry.stat.st_ino == top.st_ino);
-  }
+  const std::vector<DirEntry> below = Ask(DirReadRequest{.path = kKnownDir})->Entries();
+  const auto up = std::ranges::find(below, "..", &DirEntry::name);
+  ASSERT_NE(up, below.end());
+  EXPECT_EQ(+up->stat.st_ino, top.st_ino);
 }
 
 // ---- Special files ----
@@ -771,7 +774,7 @@ TEST_F(ConfinedTest, EverythingIsMissingWhileTheMountPointIsEmpty) {
   no_mount("too long");
 }
 
-TEST_F(ConfinedTest, EverythingIsMissingUntilTheDiskIsNamed) {
+TEST_F(ConfinedTest, EverythingIsMissingUntilADiskIsSet) {
   const Confine confine("1");
   MakeOperator();
   EXPECT_EQ(udisk->GetLocalMountPoint(), "/media/") << "the parent of mount points, not a disk";
@@ -864,7 +867,7 @@ TEST_F(ConfinedTest, ASlashAfterANewNameDemandsADirectoryAsInPlainMode) {
 
 TEST_F(ConfinedTest, ModesAreThoseOfPlainModeWithoutTheSetIdBits) {
   const auto mode_of = [&](UDiskOperator* served, const Request& request, const std::string& path) {
-    TellOf(served, request);
+    AnswerOf(served, request);
     struct stat st {};
     EXPECT_EQ(lstat(disk.Local(path).c_str(), &st), 0) << path;
     return st.st_mode;
@@ -938,9 +941,9 @@ TEST_F(ConfinedTest, OrdinaryRequestsAreAnsweredAsInPlainMode) {
   other.MakeFile(kKnownFile, "known content");
   other.MakeDir(kKnownDir);
   disk.Remove("/known/deep");
-  const auto told = [&](UDiskOperator* served, const TempDisk& on, const Request& request) {
+  const auto answer = [&](UDiskOperator* served, const TempDisk& on, const Request& request) {
     served->SetRootPath(on.letter().c_str(), on.label().c_str());
-    std::optional<Told> reply = TellOf(served, request);
+    std::optional<Answer> reply = AnswerOf(served, request);
     // Inode and descriptor numbers, times, and the order of entries may differ.
     if (reply &&
         (request.cmd == kGetFileAttr || request.cmd == kDirRead || request.cmd == kCheckDir)) {
@@ -955,7 +958,7 @@ TEST_F(ConfinedTest, OrdinaryRequestsAreAnsweredAsInPlainMode) {
     return reply;
   };
   for (const NamedRequest& named : OneRequestPerCommand()) {
-    EXPECT_EQ(told(udisk.get(), disk, named.request), told(plain.get(), other, named.request))
+    EXPECT_EQ(answer(udisk.get(), disk, named.request), answer(plain.get(), other, named.request))
         << named.name;
   }
   EXPECT_EQ(disk.ReadBack(kKnownFile), other.ReadBack(kKnownFile));
@@ -992,10 +995,10 @@ TEST_F(ConfinedTest, APathThatIsTooLongIsAnsweredAsInPlainMode) {
   for (const NamedRequest& named : RequestsIn(at)) {
     SCOPED_TRACE(named.name);
     Log().Clear();
-    const std::optional<Told> expected = TellOf(plain.get(), named.request);
+    const std::optional<Answer> expected = AnswerOf(plain.get(), named.request);
     const Texts errors = Log().Messages(kError);
     Log().Clear();
-    EXPECT_EQ(TellOf(udisk.get(), named.request), expected);
+    EXPECT_EQ(AnswerOf(udisk.get(), named.request), expected);
     EXPECT_EQ(Log().Messages(kError), errors);
   }
 }
@@ -1085,7 +1088,7 @@ TEST_F(ConfinedTest, EverythingIsMissingWhileTheDiskIsUnmounted) {
   EXPECT_EQ(Ask(DirReadRequest{.path = "/"})->entry_count, 0);
   for (const NamedRequest& named : OneRequestPerCommand()) {
     if (named.request.cmd == kMountRemote || named.request.cmd == kUmountRemote) continue;
-    TellOf(udisk.get(), named.request);
+    AnswerOf(udisk.get(), named.request);
   }
   EXPECT_TRUE(Snapshot(disk.letter()) == before) << "the mount point was changed";
 
@@ -1206,7 +1209,7 @@ size_t LinesAboutConfining() {
   }));
 }
 
-TEST_F(ConfinedTest, OneDebugLineSaysWhetherItIsOn) {
+TEST_F(ConfinedTest, OneDebugLineSaysWhetherPathsAreConfined) {
   for (const auto& [value, shown] : {std::pair{static_cast<const char*>(nullptr), "not set"},
                                      std::pair{"", ""}, std::pair{"0", "0"}}) {
     Log().Clear();
@@ -1263,7 +1266,7 @@ TEST_F(ConfinedTest, TheMountPointIsClosedByCloseAlthoughTheHostHoldsTheOperator
   EXPECT_TRUE(DescriptorsOf(disk.root()).empty());
 }
 
-TEST_F(ConfinedTest, TheVariableIsReadOnlyOnce) {
+TEST_F(ConfinedTest, ChangingTheVariableLaterChangesNothing) {
   const Confine off("0");
   EXPECT_EQ(Read("/../outside/secret.txt"), "");
   setenv(kVariable, "1", 1);

@@ -345,6 +345,7 @@ TEST_F(DriverTest, ANullPacketIsRefused) {
 TEST_F(DriverTest, APacketBeforeInitIsDropped) {
   driver = std::make_unique<UDiskDriver>(&device, "policy");
   EXPECT_EQ(Deliver(kGetKnown), 0);
+  EXPECT_TRUE(device.Sent().empty());
   EXPECT_TRUE(Log().Lines().empty());
 }
 
@@ -382,6 +383,7 @@ TEST_F(DriverTest, BusEventsWithoutAnOperatorOrPacketAreIgnored) {
   EXPECT_EQ(driver->onBusEvent(BandwidthEvent(5000)), 0);
   Open();
   EXPECT_EQ(driver->onBusEvent(nullptr), 0);
+  EXPECT_EQ(Operator()->readBwKbps, 0U);
   driver->Close(0);
   EXPECT_EQ(driver->onBusEvent(BandwidthEvent(5000)), 0);
 }

@@ -406,7 +406,7 @@ TEST_F(PacedFileRead, IsStillPaced5000MsAfterTheAnnouncementAndNoLongerAt5001) {
   EXPECT_EQ(udisk->readBwKbps, 0U);
 }
 
-TEST_F(PacedFileRead, OfAForcedBandwidthStaysPacedWithoutAnnouncements) {
+TEST_F(PacedFileRead, AtAForcedBandwidthStaysPacedWithoutAnnouncements) {
   setenv("TESSEL_CPD_CLIENT_FORCE_BW", "8000", 1);
   MakeOperator();
   unsetenv("TESSEL_CPD_CLIENT_FORCE_BW");

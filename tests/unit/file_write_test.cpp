@@ -327,7 +327,7 @@ TEST_F(FileWriteMarkers, ThatDifferHideAFailureFromTheRemoteSideToo) {
   ExpectOneTrace("UDISK_WRITE_FILE_FAIL", false, "udisk writeFile fail", "/none");
 }
 
-TEST_F(FileWriteMarkers, DifferWhicheverOfThemIsGreater) {
+TEST_F(FileWriteMarkers, CountAsDifferentWhicheverIsGreater) {
   EXPECT_FALSE(AskRaw(WriteRequest{.path = kKnownFile, .data = "x", .marker_a = 5, .marker_b = 3}));
   EXPECT_FALSE(AskRaw(WriteRequest{.path = kKnownFile, .data = "x", .marker_a = 3, .marker_b = 5}));
 }
@@ -590,7 +590,7 @@ TEST_F(FileWriteTrace, IsNotSentAfterTheDeviceIsGoneButTheReplyIs) {
   }
 }
 
-TEST_F(FileWriteTrace, IsNotAReportOfAFailedRead) {
+TEST_F(FileWriteTrace, OfAFailedWriteIsNotAlsoReportedAsAFailedRead) {
   MatchAll();
   Deliver(WriteRequest{.path = "/none", .data = "x"});
   EXPECT_EQ(device.ReportedReadFails(), Texts{});

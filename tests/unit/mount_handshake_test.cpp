@@ -239,22 +239,22 @@ TEST_F(UmountRemote, ReturnsWhatSendPacketReturned) {
 
 // ---- 200 ----
 
-class MountResponded : public MountHandshake {};
+class MountResponseTest : public MountHandshake {};
 
-TEST_F(MountResponded, StoresTheDriveAndSendsNothing) {
+TEST_F(MountResponseTest, StoresTheDriveAndSendsNothing) {
   EXPECT_EQ(AskRaw(MountResponse{.drive = "U:", .label = "STICK"}), std::nullopt);
   EXPECT_EQ(udisk->GetRemoteMountPoint(), "U:");
   EXPECT_EQ(udisk->GetDrvName(), "U:");
   EXPECT_EQ(udisk->GetLocalMountPoint(), disk.root());
 }
 
-TEST_F(MountResponded, UsesTheFirstLengthForTheSecondText) {
+TEST_F(MountResponseTest, UsesTheFirstLengthForTheSecondText) {
   Deliver(Request{.cmd = 200, .payload = std::string("\5\0\2\0U:STICK", 11)});
   EXPECT_EQ(udisk->GetRemoteMountPoint(), "U:");
   EXPECT_TRUE(Log().Has(kDebug, "mount_response header_len: 4, label: STICK, drive: U:\\n"));
 }
 
-TEST_F(MountResponded, LogsTheVirtualMachineThenItsTextsThenTheTracesMountPoint) {
+TEST_F(MountResponseTest, LogsTheVirtualMachineThenItsTextsThenTheTracesMountPoint) {
   udisk->mVmId = 42;
   Deliver(MountResponse{.drive = "U:", .label = "STICK"});
   EXPECT_EQ(Log().Messages(kDebug),
@@ -265,7 +265,7 @@ TEST_F(MountResponded, LogsTheVirtualMachineThenItsTextsThenTheTracesMountPoint)
   EXPECT_EQ(Log().Lines().front().function, "mount_response");
 }
 
-TEST_F(MountResponded, TracesDeviceOpenWithTheDriveAndWhereItHappened) {
+TEST_F(MountResponseTest, TracesDeviceOpenWithTheDriveAndWhereItHappened) {
   Deliver(MountResponse{.drive = "U:", .label = "STICK"});
   const std::vector<Trace> traces = device.base().Traces();
   ASSERT_EQ(traces.size(), 1U);
@@ -278,7 +278,7 @@ TEST_F(MountResponded, TracesDeviceOpenWithTheDriveAndWhereItHappened) {
                         {"status", "success"}, {"success", "true"}, {"productName", disk.root()}}));
 }
 
-TEST_F(MountResponded, WithTwoEmptyTextsStoresAnEmptyDriveAndStillTraces) {
+TEST_F(MountResponseTest, WithTwoEmptyTextsStoresAnEmptyDriveAndStillTraces) {
   Deliver(MountResponse{.drive = "U:"});
   EXPECT_EQ(AskRaw(MountResponse{.drive = "", .label = ""}), std::nullopt);
   EXPECT_EQ(udisk->GetRemoteMountPoint(), "");
@@ -288,25 +288,25 @@ TEST_F(MountResponded, WithTwoEmptyTextsStoresAnEmptyDriveAndStillTraces) {
       traces[1].fields.at("message").ends_with(")] udisk create success RemoteMountPoint:"));
 }
 
-TEST_F(MountResponded, ReplacesTheDriveEachTime) {
+TEST_F(MountResponseTest, ReplacesTheDriveEachTime) {
   Deliver(MountResponse{.drive = "a rather long name of a drive"});
   Deliver(MountResponse{.drive = "V:"});
   EXPECT_EQ(udisk->GetRemoteMountPoint(), "V:");
 }
 
-TEST_F(MountResponded, EndsTheDriveAtItsFirstNul) {
+TEST_F(MountResponseTest, EndsTheDriveAtItsFirstNul) {
   Deliver(MountResponse{.drive = std::string("U:\0x", 4), .label = "STICK"});
   EXPECT_EQ(udisk->GetRemoteMountPoint(), "U:");
 }
 
-TEST_F(MountResponded, AfterTheDeviceIsGoneStoresTheDriveWithoutATrace) {
+TEST_F(MountResponseTest, AfterTheDeviceIsGoneStoresTheDriveWithoutATrace) {
   device.DropBase();
   Deliver(MountResponse{.drive = "U:"});
   EXPECT_EQ(udisk->GetRemoteMountPoint(), "U:");
   EXPECT_TRUE(device.base().Traces().empty());
 }
 
-TEST_F(MountResponded, ReturnsMinusOne) {
+TEST_F(MountResponseTest, ReturnsMinusOne) {
   const auto packet = Request(MountResponse{.drive = "U:"}).Packet();
   EXPECT_EQ(udisk->mount_response(0, packet.get()), -1);
   EXPECT_TRUE(device.Sent().empty());

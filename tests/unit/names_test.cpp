@@ -166,7 +166,7 @@ TEST_F(RemoveDir, OfAnEmptyDirectoryRemovesItAndRepliesWithResultZero) {
   ExpectNoTrace();
 }
 
-TEST_F(RemoveDir, ThatIsNotEmptyRepliesWith0xffffIn16BitsAndIsTraced) {
+TEST_F(RemoveDir, OfANonEmptyDirectoryRepliesWith0xffffIn16BitsAndIsTraced) {
   disk.MakeFile("/known/a", "");
   const Request request = RemoveDirRequest{.path = kKnownDir};
   ExpectReply(AskRaw(request), request, Patched(request.payload, 2, kFailed16), 16 + 6 + 4);
@@ -424,7 +424,7 @@ TEST_F(Names, RequestsSetModifiedOnSuccessAndOnFailure) {
   }
 }
 
-TEST_F(Names, TheNextStatisticsAfterAnyOfThemAreFresh) {
+TEST_F(Names, TheNextStatisticsAfterAnyOfTheRequestsAreFresh) {
   const Request requests[] = {MakeDirRequest{.path = "/made"}, RemoveDirRequest{.path = "/made"},
                               LinkRequest{.path = kKnownFile, .new_path = "/linked"},
                               UnlinkRequest{.path = "/linked"},

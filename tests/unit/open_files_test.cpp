@@ -133,9 +133,14 @@ TEST_F(FileCreate, BelowARegularFileRepliesWithMinusOneAndIsTraced) {
 }
 
 TEST_F(FileCreate, IsTracedOnFailureWhateverTheFilterSays) {
-  device.base().SetFilter(nullptr);
-  Deliver(CreateRequest{.path = kKnownDir});
-  ExpectRedirErrors(1);
+  size_t traces = 0;
+  for (const auto& filter :
+       {std::shared_ptr<FakeFilter>(), std::make_shared<FakeFilter>(Texts{"/other"}),
+        std::make_shared<FakeFilter>(Texts{kKnownDir})}) {
+    device.base().SetFilter(filter);
+    Deliver(CreateRequest{.path = kKnownDir});
+    ExpectRedirErrors(++traces);
+  }
 }
 
 TEST_F(FileCreate, AfterTheDeviceIsGoneFailsWithoutATraceButReplies) {
@@ -578,7 +583,7 @@ TEST_F(OpenFiles, ChmodAndChownDoNotSetModified) {
   EXPECT_EQ(udisk->modified, 0);
 }
 
-TEST_F(OpenFiles, WriteTheResultIntoTheRequest) {
+TEST_F(OpenFiles, ResultsAreWrittenIntoTheRequest) {
   struct Case {
     Request request;
     int64_t (UDiskOperator::*handler)(unsigned char, CpdPacket*);

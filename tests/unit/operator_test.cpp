@@ -54,7 +54,7 @@ TEST(OperatorLife, ReadsTheClockAsWallClockMilliseconds) {
   EXPECT_EQ(getCurrentTime(), 1'234'567'890'123U);
 }
 
-TEST_F(OperatorTest, HasNoIdsOfItsOwn) {
+TEST_F(OperatorTest, HasNoIdsOfItsOwnAndIgnoresStop) {
   EXPECT_EQ(udisk->GetCID(), 0);
   EXPECT_EQ(udisk->GetVid(), 0);
   EXPECT_EQ(udisk->GetPid(), 0);
@@ -94,7 +94,7 @@ void RemoveMountDirectory() {
   }
 }
 
-TEST_F(OperatorTest, OnlyServedCommandsAnswer) {
+TEST_F(OperatorTest, OnlyServedCommandsAreAnswered) {
   std::map<int, Request> served;
   for (const NamedRequest& good : OneRequestPerCommand()) served[good.request.cmd] = good.request;
   ASSERT_EQ(served.size(), 23U);
@@ -157,7 +157,7 @@ TEST_F(OperatorTest, OnlyCommandsHaveNames) {
   for (const uint16_t code : {0, 99, 124, 199, 201, 513}) EXPECT_EQ(CommandName(code), nullptr);
 }
 
-TEST_F(OperatorTest, Command200ReachesTheMountResponse) {
+TEST_F(OperatorTest, Command200IsHandledAsAMountResponse) {
   EXPECT_EQ(Deliver(MountResponse{.drive = "U:", .label = "DISK"}), 0);
   EXPECT_EQ(udisk->mMountDrive, "U:");
   EXPECT_TRUE(device.Sent().empty());

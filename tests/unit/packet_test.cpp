@@ -55,7 +55,7 @@ size_t ImpossibleSize() {
 
 // ---- Packets for sending ----
 
-TEST(Packet, OfSizeZeroOrFiveHoldsOnlyAHeader) {
+TEST(Packet, OfSixteenBytesOrFewerHoldsOnlyAHeader) {
   for (const size_t size : {0, 5, 15, 16}) {
     const CpdPacket packet(size);
     ASSERT_NE(packet.header, nullptr);

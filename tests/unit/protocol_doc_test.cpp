@@ -63,7 +63,7 @@ TEST_F(ProtocolDocument, HasTheCommandsOfTheCommandTableInTheOrderOfTheirCodes) 
   EXPECT_EQ(headings, commands);
 }
 
-TEST_F(ProtocolDocument, DescribesEachInTheSameFivePartsInTheSameOrder) {
+TEST_F(ProtocolDocument, DescribesEachMessageInTheSameFivePartsInTheSameOrder) {
   for (const Section& section : MessageSections()) {
     Texts things;
     for (const std::string& line : section.lines) {

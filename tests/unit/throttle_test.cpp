@@ -105,7 +105,7 @@ TEST_F(FreshnessTest, WithoutABandwidthNothingIsPaced) {
   EXPECT_EQ(udisk->legacyBytes, 0U);
 }
 
-TEST_F(FreshnessTest, AnUnpacedReadReadsTheClockOnceAndNothingElse) {
+TEST_F(FreshnessTest, AnUnpacedReadReadsTheClockOnce) {
   Read(1);
   EXPECT_EQ(clock.Readings(), 1);
 }
@@ -130,7 +130,7 @@ TEST_F(FreshnessTest, ABandwidthIsDroppedAfter5001Milliseconds) {
   EXPECT_EQ(udisk->legacyBytes, 0U);
 }
 
-TEST_F(FreshnessTest, TheSameHoldsForSmallFiles) {
+TEST_F(FreshnessTest, ABandwidthHoldsAsLongForSmallFiles) {
   Announce(8000);
   clock.Advance(5000);
   EXPECT_EQ(ReadSmallFiles(512'000), Sleeps{500});
@@ -228,7 +228,7 @@ TEST_F(LegacyThrottleTest, AFileReadThatSleptCountsTowardsTheNextPeriod) {
   EXPECT_EQ(udisk->legacyBytes, 20'000U);
 }
 
-TEST_F(LegacyThrottleTest, SmallFilesThatSleptDoNot) {
+TEST_F(LegacyThrottleTest, SmallFilesThatSleptDoNotCountTowardsTheNextPeriod) {
   Announce(8000);
   ReadSmallFiles(500'000);
   EXPECT_EQ(ReadSmallFiles(20'000), Sleeps{500});
@@ -662,7 +662,8 @@ TEST_F(TokenBucketReadTest, PacesSmallFilesInTheSameWay) {
 TEST_F(TokenBucketReadTest, ALongSleepEndsWithinASecondOnceTheDiskIsClosed) {
   Announce(1000);
   EXPECT_EQ(Read(262'144 + 125 * 2'500), (Sleeps{1000, 1000, 500}));
-  udisk->tokenBucket.stopping = true;
+  clock.OnSleep([&] { udisk->tokenBucket.stopping = true; });
+  EXPECT_EQ(Read(125 * 2'500), Sleeps{1000}) << "it was closed during the first second";
   EXPECT_EQ(Read(500'000'000), Sleeps{});
 }
 
