@@ -31,9 +31,8 @@ namespace cpd::host {
 class Session;
 
 /// A kernel request is read on one of libfuse's threads and sent as a packet. The thread that
-/// delivers the reply answers the kernel, so many requests may be under way. Only
-/// renames and removals, and calls that need earlier writes answered, make one of libfuse's threads
-/// wait.
+/// delivers the reply answers the kernel, so many requests may be under way. Only renames and
+/// removals, and calls that need earlier writes answered, make one of libfuse's threads wait.
 class FuseMount {
  public:
   /// The largest read that the kernel asks for, in bytes.

@@ -23,9 +23,8 @@
 namespace cpd::host {
 
 /// Gathers the small writes to each file for a few milliseconds, or longer while earlier ones are
-/// unanswered, and sends them as one batch.
-/// Requests are carried out in order: a caller that sends what is gathered before its own request
-/// finds every byte in the file.
+/// unanswered, and sends them as one batch. Requests are carried out in order: a caller that sends
+/// what is gathered before its own request finds every byte in the file.
 ///
 /// Every batch asks for a reply, because a failure would otherwise go unnoticed. The pieces of a
 /// batch that failed are written again one by one, and so are those of the batches sent after it,

@@ -28,8 +28,8 @@ struct _UDISK_DIR_ATTR {
 /// The mount point of a disk.
 struct DiskRoot {
   std::string path;  ///< empty when there is no disk
-  bool is_mount =
-      false;  ///< it was the root of a mount when the disk was set, so it must still be one
+  /// It was the root of a mount when the disk was set, so it must still be one.
+  bool is_mount = false;
 };
 
 /// Where a read puts its data.

@@ -317,8 +317,8 @@ int FileManagerLinux::UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out) {
   // Second pass: if the directory grew meanwhile, entries that do not fit the buffer are left out.
   std::string full = std::string(local.c_str()) + '/';
   const size_t prefix = full.size();
-  struct stat st {
-  };  // Contract: an entry whose lstat fails repeats the attributes of the entry before it.
+  // Contract: an entry whose lstat fails repeats the attributes of the entry before it.
+  struct stat st {};
   uint8_t* at = buf.get();
   const uint8_t* const end = at + buf_len - 1;
   for (uint32_t i = 0; i < count; ++i) {
