@@ -423,7 +423,7 @@ std::vector<Case> Cases() {
 class FailingCall : public FaultTest,
                     public ::testing::WithParamInterface<std::tuple<Case, Errno>> {
  protected:
-  void ExpectTold(const Case& c, const CallFault& fault) {
+  void ExpectReported(const Case& c, const CallFault& fault) {
     SettleAccessTime(disk.root());  // listing the disk must not change what is compared
     std::optional<SentPacket> sent;
     {
@@ -456,7 +456,7 @@ TEST_P(FailingCall, IsReportedToTheRemoteSideAndInTheLog) {
   const auto& [c, error] = GetParam();
   CallFault fault = c.fault;
   fault.error = error.value;
-  ExpectTold(c, fault);
+  ExpectReported(c, fault);
 }
 
 INSTANTIATE_TEST_SUITE_P(, FailingCall,
@@ -482,7 +482,7 @@ TEST_P(ConfinedFailingCall, IsReportedToTheRemoteSideAndInTheLog) {
   const auto& [c, error] = GetParam();
   CallFault fault = c.fault;
   fault.error = error.value;
-  ExpectTold(c, fault);
+  ExpectReported(c, fault);
 }
 
 /// The cases in which no call concerns a file outside the disk.
@@ -528,9 +528,10 @@ TEST(FaultTable, HasARowForEachOfTheseFaults) {
 
 // ---- Calls whose failure has an effect of its own ----
 
-class FailingCallOfItsOwn : public FaultTest, public ::testing::WithParamInterface<Errno> {};
+class FailingCallWithItsOwnEffect : public FaultTest,
+                                    public ::testing::WithParamInterface<Errno> {};
 
-TEST_P(FailingCallOfItsOwn, StatisticsWhoseStatvfsAndStatfsFailAreZero) {
+TEST_P(FailingCallWithItsOwnEffect, StatisticsWhoseStatvfsAndStatfsFailAreZero) {
   ExpectFaultRow("statistics whose statvfs and statfs fail", {"zeros", "nothing", "nothing"});
   const StatvfsRequest request{.path = "/"};
   udisk->modified = 1;  // otherwise the statistics are not refreshed
@@ -544,7 +545,7 @@ TEST_P(FailingCallOfItsOwn, StatisticsWhoseStatvfsAndStatfsFailAreZero) {
   EXPECT_EQ(Errors(), Texts{});
 }
 
-TEST_P(FailingCallOfItsOwn, AMountWhoseMkdirFailsIsAcknowledged) {
+TEST_P(FailingCallWithItsOwnEffect, AMountWhoseMkdirFailsIsAcknowledged) {
   ExpectFaultRow("a mount whose mkdir fails",
                  {"its acknowledgement", "`mkdir res: -1`", "nothing"});
   const FakeUser user(1000, disk.root());
@@ -557,7 +558,7 @@ TEST_P(FailingCallOfItsOwn, AMountWhoseMkdirFailsIsAcknowledged) {
   EXPECT_TRUE(Log().Has(kDebug, "mkdir res: -1"));
 }
 
-TEST_P(FailingCallOfItsOwn, ACreateWhoseFirstOpenFailsSucceedsAndLeavesItsDescriptorOpen) {
+TEST_P(FailingCallWithItsOwnEffect, ACreateWhoseFirstOpenFailsSucceedsAndLeavesItsDescriptorOpen) {
   ExpectFaultRow(
       "a create whose first open fails",
       {"a descriptor number: the second one succeeded, and stays open unless paths are confined",
@@ -571,7 +572,7 @@ TEST_P(FailingCallOfItsOwn, ACreateWhoseFirstOpenFailsSucceedsAndLeavesItsDescri
   EXPECT_EQ(close(reply->result()), 0) << "it was closed already";
 }
 
-TEST_P(FailingCallOfItsOwn, TheErrorOfAReadIsNotThatOfTheCloseAfterIt) {
+TEST_P(FailingCallWithItsOwnEffect, TheErrorOfAReadIsNotThatOfTheCloseAfterIt) {
   const FailingCalls pread({.call = "pread", .error = GetParam().value});
   const FailingCalls close({.call = "close", .error = EBADF});
   ASSERT_TRUE(Ask(ReadRequest{.path = kKnownFile}));
@@ -580,7 +581,7 @@ TEST_P(FailingCallOfItsOwn, TheErrorOfAReadIsNotThatOfTheCloseAfterIt) {
                             std::string(std::strerror(GetParam().value)) + R"(\n)"});
 }
 
-TEST_P(FailingCallOfItsOwn, TheErrorOfAWriteIsNotThatOfTheCloseAfterIt) {
+TEST_P(FailingCallWithItsOwnEffect, TheErrorOfAWriteIsNotThatOfTheCloseAfterIt) {
   const FailingCalls pwrite({.call = "pwrite", .error = GetParam().value});
   const FailingCalls close({.call = "close", .error = EBADF});
   ASSERT_TRUE(Ask(WriteRequest{.path = kKnownFile, .data = "data"}));
@@ -590,7 +591,7 @@ TEST_P(FailingCallOfItsOwn, TheErrorOfAWriteIsNotThatOfTheCloseAfterIt) {
   EXPECT_EQ(Traced(), WriteFailure(GetParam().value));
 }
 
-TEST_P(FailingCallOfItsOwn, TheErrorOfAConfinedUnlinkIsNotThatOfTheCloseAfterIt) {
+TEST_P(FailingCallWithItsOwnEffect, TheErrorOfAConfinedUnlinkIsNotThatOfTheCloseAfterIt) {
   Confine();
   if (!StillServes()) GTEST_SKIP() << "this kernel has no openat2";
   const FailingCalls unlink({.call = "unlink", .error = GetParam().value});
@@ -601,7 +602,7 @@ TEST_P(FailingCallOfItsOwn, TheErrorOfAConfinedUnlinkIsNotThatOfTheCloseAfterIt)
             Texts{"set_unlink: set unlink error: " + std::string(std::strerror(GetParam().value))});
 }
 
-TEST_P(FailingCallOfItsOwn, ALargeReadWhoseFstatFailsGetsItsData) {
+TEST_P(FailingCallWithItsOwnEffect, ALargeReadWhoseFstatFailsGetsItsData) {
   ExpectFaultRow("a large read whose fstat fails",
                  {"its data, 1 MiB at most", "nothing", "nothing"});
   const FailingCalls failing({.call = "fstat", .error = GetParam().value});
@@ -611,7 +612,7 @@ TEST_P(FailingCallOfItsOwn, ALargeReadWhoseFstatFailsGetsItsData) {
   EXPECT_EQ(reply->data, "known content");
 }
 
-TEST_P(FailingCallOfItsOwn, ASmallReadWhoseStatFailsGetsItsDataUnlessAccessIsDenied) {
+TEST_P(FailingCallWithItsOwnEffect, ASmallReadWhoseStatFailsGetsItsDataUnlessAccessIsDenied) {
   ExpectFaultRow(
       "a small read whose stat fails",
       {"its data, 1 MiB at most; for EACCES 0 bytes in that record", "nothing", "nothing"});
@@ -625,7 +626,7 @@ TEST_P(FailingCallOfItsOwn, ASmallReadWhoseStatFailsGetsItsDataUnlessAccessIsDen
   EXPECT_EQ(Errors(), Texts{});
 }
 
-TEST_P(FailingCallOfItsOwn, ACloseIsAnsweredOnceTheSyncHasBeenTried) {
+TEST_P(FailingCallWithItsOwnEffect, ACloseIsAnsweredOnceTheSyncHasBeenTried) {
   const FailingCalls failing({.call = "fsync", .error = GetParam().value});
   int synced_before = -1;
   device.OnSend([&](const SentPacket&) { synced_before = failing.Affected(); });
@@ -633,10 +634,10 @@ TEST_P(FailingCallOfItsOwn, ACloseIsAnsweredOnceTheSyncHasBeenTried) {
   EXPECT_EQ(synced_before, 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(, FailingCallOfItsOwn, ::testing::ValuesIn(kErrors),
+INSTANTIATE_TEST_SUITE_P(, FailingCallWithItsOwnEffect, ::testing::ValuesIn(kErrors),
                          [](const auto& test) { return test.param.name; });
 
-// ---- Files whose size is not known ----
+// ---- Sizes that are not known ----
 
 class EndlessDirectory : public FaultTest {};
 

@@ -62,7 +62,7 @@ class HangingDisk {
     hangs_ = false;
   }
   [[nodiscard]] bool WaitForHangingCall() const {
-    return system_test::Eventually([&] { return Told('b') > 0; });
+    return system_test::Eventually([&] { return CountOf('b') > 0; });
   }
 
  private:
@@ -70,14 +70,14 @@ class HangingDisk {
     std::filesystem::create_directory(path);
     return path;
   }
-  [[nodiscard]] long Told(char letter) const {
+  [[nodiscard]] long CountOf(char letter) const {
     const std::string told = system_test::ReadFile(place_ / "out");
     return std::count(told.begin(), told.end(), letter);
   }
   void Tell(int signal, char answer) {
-    const long before = Told(answer);
+    const long before = CountOf(answer);
     process_.Signal(signal);
-    EXPECT_TRUE(system_test::Eventually([&] { return Told(answer) > before; }));
+    EXPECT_TRUE(system_test::Eventually([&] { return CountOf(answer) > before; }));
     hangs_ = signal == SIGUSR1;
   }
 
