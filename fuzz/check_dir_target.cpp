@@ -113,7 +113,7 @@ void CheckRequest(Input in, UDiskOperator* udisk, test::FakeDevice* device) {
   const bool refused = path.find('\0') != std::string::npos;
   Expect(listed.has_value() != refused, "a listing is refused for a NUL in its path only");
   if (refused) {
-    Expect(!changed, "so is a check");
+    Expect(!changed, "a check is refused for a NUL in its path, too");
     return;
   }
   const auto current = test::DirReply::Decode(*listed);

@@ -58,7 +58,7 @@ void Append(CpdPacket* packet, std::string_view bytes) {
   if (length < CPD_PACKET_HEADER_SIZE) return;  // a false length: the header is overwritten
   Expect(new_length == length + bytes.size() && new_length <= after.size(),
          "packetLen counts what was appended");
-  Expect(after.substr(length, bytes.size()) == bytes, "the bytes stand where the payload ended");
+  Expect(after.substr(length, bytes.size()) == bytes, "the bytes follow the payload");
 }
 
 void ReadWord(CpdPacket* packet) {
@@ -73,7 +73,7 @@ void ReadWord(CpdPacket* packet) {
   uint32_t stored = 0;
   std::memcpy(&stored, payload, sizeof stored);
   if (packet->header->bigEndian != 0) stored = bswap_32(stored);
-  Expect(word == stored, "the word is what stands there");
+  Expect(word == stored, "the word is what is stored there");
 }
 
 /// Replaces the packet by its clone, if there is one.
