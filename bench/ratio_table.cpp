@@ -17,8 +17,8 @@ double Median(std::vector<double> values) {
 }  // namespace
 
 void PrintRatioHeader(const std::string& base, const std::string& measured) {
-  std::printf("| what | %s, a second | %s, a second | ratio | range | bound | |\n", base.c_str(),
-              measured.c_str());
+  std::printf("| what | %s, per second | %s, per second | ratio | range | bound | |\n",
+              base.c_str(), measured.c_str());
   std::puts("|---|--:|--:|--:|--:|--:|---|");
 }
 
