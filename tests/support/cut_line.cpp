@@ -4,10 +4,10 @@
 //   cut_line [--delay MS] [--cut-every MS --seed N] [--control FILE] -- COMMAND...
 //
 // --delay      each byte arrives that much later
-// --cut-every  cuts after random times, of that length on average
+// --cut-every  cuts after a random time, of that length on average
 // --control    does what the first word in the file says: at once, or if a number follows the word,
-//              when the next request with this code comes by. Appends the word to FILE.done, a line
-//              each, and empties the file, except for `down`.
+//              when the next request with this code comes by. Appends the word to FILE.done, as
+//              a line, and empties the file, except for `down`.
 //
 // The words:
 // - cut: kills the command and closes both directions
@@ -251,7 +251,7 @@ class Line {
     out_.pieces.push_back({Clock::now() + options_.delay, std::move(bytes)});
   }
 
-  /// Reads what still comes in a direction whose other end is closed, and drops it.
+  /// Ends a direction whose other end is closed, and drops what is under way in it.
   static void Deafen(Way& way) {
     way.pieces.clear();
     way.is_over = true;

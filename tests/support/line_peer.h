@@ -92,7 +92,7 @@ class LinePeer {
       bytes.remove_prefix(static_cast<size_t>(sent));
     }
   }
-  /// The next bytes, as they stand: fewer if the line closes or no more come within ten seconds.
+  /// The next bytes, undecoded: fewer if the line closes or no more come within ten seconds.
   /// Not to be used together with Next.
   [[nodiscard]] std::string TakeBytes(size_t count) const {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);

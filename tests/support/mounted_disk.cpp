@@ -31,8 +31,8 @@ std::vector<char*> Pointers(const std::vector<std::string>& texts) {
 /// process.
 const char* LinePrefix() { return getenv("CPD_TEST_LINE"); }
 
-/// Whether an option concerns the disk: over a line, the serving process gets it. So it is for the
-/// log, because tests read the module's, and the serving process has the module.
+/// Whether an option concerns the disk: over a line, the serving process gets it. It also gets the
+/// options of the log, because tests read the module's lines, and it has the module.
 bool IsForServe(const std::string& option) {
   static const std::set<std::string> options{
       "--module",      "--policy",     "--bandwidth", "--trace",     "--log",

@@ -143,7 +143,7 @@ TEST_F(LineEnds, ATerminatedRedirectEndsItsAttach) {
 }
 
 TEST_F(LineEnds, ARedirectThatIsTerminatedWhileItsLineIsDownEndsItsAttach) {
-  // As on another machine, the attach is no descendant of the line's command, and outlives it.
+  // As on another machine, the attach is not a descendant of the line's command, and outlives it.
   const auto down = Quoted(place / "down");
   const auto relay = place / "relay";
   Start({"redirect", disk.path(), "--via",

@@ -56,7 +56,7 @@ class Prefetch : public MountTest {
 };
 
 // Without prefetch each file costs a request 105. With prefetch only a few do, and some more on a
-// slow machine, where content expires before it is used: at most half of the files.
+// slow machine, where content expires before it is used: the tests allow a quarter or half of them.
 
 TEST_F(Prefetch, FilesReadByNameAreFetchedTogether) {
   MakeFiles();

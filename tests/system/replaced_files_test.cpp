@@ -160,7 +160,8 @@ std::string LineOfDigit(int round) {
 }
 
 /// Whether a file that began as a line of LineOfDigit, and was appended to, is complete and is not
-/// mixed with another. An append that was on its way when the file was replaced stands elsewhere.
+/// mixed with another. An append that was on its way when the file was replaced is at another
+/// place.
 bool IsLineWithAppends(const std::string& text) {
   const auto line = LineOfDigit(text.empty() ? 0 : text[0] - '0');
   const std::string allowed = {line[0], 'x', '\n', '\0'};

@@ -308,20 +308,20 @@ TEST_P(SshBothWays, ACopyGoesOnOverConnectionsThatAreKilled) {
   EXPECT_GT(drops, 0);
   EXPECT_EQ(copy.Wait(120s), 0) << ReadFile(place_ / "copy.err");
   EXPECT_EQ(ReadFile(disk / "copy"), content);
-  // The attach that holds the mount got each new line; a serve has each line for itself.
+  // One attach holds the mount and gets each new line, but each line has a serve of its own.
   EXPECT_EQ(NameOf(far), GetParam() == From::kDisk ? "cpd-host" : "");
   host->Signal(SIGINT);
   ExpectCleanEnd(*host);
   EXPECT_TRUE(Eventually([&] { return NameOf(far).empty(); }, kCleanUp));
 }
 
-TEST_P(SshBothWays, AMissingProgramIsSaid) {
+TEST_P(SshBothWays, AMissingProgramIsReported) {
   ExpectFailure(Command(GetParam(), "/nonexistent/cpd-host"),
                 "the line's command was not found: if that is cpd-host on the other machine, "
                 "install it there, or give its path with --remote-program");
 }
 
-TEST_P(SshBothWays, AnotherVersionIsSaid) {
+TEST_P(SshBothWays, AnotherVersionIsReported) {
   const auto role = GetParam() == From::kDisk ? "\\002" : "\\001";
   WriteFile(place_ / "program", "printf '\\211cpd\\r\\n\\032\\n\\002\\000" + std::string(role) +
                                     "\\000'; head -c 60 /dev/zero; exec cat >/dev/null\n");
@@ -330,13 +330,13 @@ TEST_P(SshBothWays, AnotherVersionIsSaid) {
                 "the same cpd-host on both");
 }
 
-TEST_P(SshBothWays, AShellThatPrintsSomethingIsSaid) {
+TEST_P(SshBothWays, AShellThatPrintsSomethingIsReported) {
   ExpectFailure(Command(GetParam(), "echo Welcome; exec " CPD_HOST),
                 "the other side does not begin as cpd-host does: a start-up file of its shell may "
                 "print something");
 }
 
-TEST_P(SshBothWays, ARefusedKeyIsSaidAfterSshsOwnWords) {
+TEST_P(SshBothWays, ARefusedKeyIsReportedAfterSshsOwnWords) {
   server_.WriteConfig("other_key", "known", "BatchMode yes\n");
   ExpectFailure(Command(GetParam()),
                 "no connection, for the reason that ssh gives above: check that ssh alone gets "
@@ -344,7 +344,7 @@ TEST_P(SshBothWays, ARefusedKeyIsSaidAfterSshsOwnWords) {
   EXPECT_NE(Errors().find("Permission denied"), std::string::npos) << Errors();
 }
 
-TEST_P(SshBothWays, AMachineThatCannotBeReachedIsSaidAfterSshsOwnWords) {
+TEST_P(SshBothWays, AMachineThatCannotBeReachedIsReportedAfterSshsOwnWords) {
   auto argv = Command(GetParam());
   argv.insert(argv.end(), {"-p", "1"});
   ExpectFailure(argv,
@@ -353,18 +353,18 @@ TEST_P(SshBothWays, AMachineThatCannotBeReachedIsSaidAfterSshsOwnWords) {
   EXPECT_NE(Errors().find("Connection refused"), std::string::npos) << Errors();
 }
 
-TEST_F(Ssh, ADiskThatIsMissingAtTheFarEndIsSaid) {
+TEST_F(Ssh, ADiskThatIsMissingAtTheFarEndIsReported) {
   ExpectFailure(Command(From::kMountPoint, CPD_HOST, "/nonexistent/disk"),
                 "the other side: disk /nonexistent/disk: No such file or directory");
 }
 
-TEST_F(Ssh, AMountPointThatIsMissingAtTheFarEndIsSaid) {
+TEST_F(Ssh, AMountPointThatIsMissingAtTheFarEndIsReported) {
   fs::remove(mount_point_);
   ExpectFailure(Command(From::kDisk),
                 "the other side: mount point " + mount_point_ + ": No such file or directory");
 }
 
-TEST_F(Ssh, AMountPointInUseAtTheFarEndIsSaid) {
+TEST_F(Ssh, AMountPointInUseAtTheFarEndIsReported) {
   const auto host = Start(From::kDisk);
   Process second(Command(From::kDisk), place_ / "second.out", place_ / "second.err");
   EXPECT_EQ(second.Wait(), 2);
@@ -379,7 +379,7 @@ TEST_F(Ssh, AMountPointInUseAtTheFarEndIsSaid) {
   ExpectCleanEnd(*host);
 }
 
-TEST_F(Ssh, AMachineWithoutFuseIsSaid) {
+TEST_F(Ssh, AMachineWithoutFuseIsReported) {
   const std::string hide = "unshare -m sh -c 'mount -t tmpfs none /dev && mknod /dev/null c 1 3'";
   if (Shell(hide).status != 0) GTEST_SKIP() << "devices can only be hidden by root";
   WriteFile(

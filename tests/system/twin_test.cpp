@@ -1,7 +1,7 @@
 // The same random operations run in step on a mounted disk and on a plain directory. Every call
 // must have the same outcome on both, and both must hold the same tree.
 //
-// The same over a line that drops again and again.
+// A second test does this over a line that drops again and again.
 //
 // TWIN_OPERATIONS sets the number of operations; TWIN_SEED repeats a run, given its printed seed.
 #include <fcntl.h>
@@ -499,8 +499,8 @@ size_t WantedOperations(size_t otherwise) {
 // Differs from the umask of the programs on the mount, whose modes must not depend on it.
 constexpr mode_t kUmaskOfHost = 022;
 
-/// Spoils the line before one in a hundred operations: the line drops at once, or swallows a
-/// request or its answer before.
+/// Spoils the line before one in a hundred operations: it drops at once, or first swallows a
+/// request or its answer.
 class Disturber {
  public:
   Disturber() {

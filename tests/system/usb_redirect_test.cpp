@@ -25,7 +25,8 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-/// How soon a disk is redirected: it gets time to settle, and without an event it is noticed later.
+/// How soon a disk is redirected, or its pull noticed. A new disk gets time to settle, and a change
+/// without an event is noticed only after a while.
 constexpr auto kSoon = 8s;
 /// Both ends clean up within this time.
 constexpr auto kFewSeconds = 5s;
@@ -76,7 +77,7 @@ class UsbRedirect : public testing::Test {
   }
   std::string Far(const std::string& label) const { return place / "far/" + label; }
 
-  /// A USB disk with one partition comes, with the event of udev.
+  /// Plugs in a USB disk with one partition, with the event of udev.
   void Plug(const std::string& disk, const std::string& label, const std::string& uuid = "12-34") {
     fs::create_directory(place / "disks/" + disk + "1");
     WriteFile(place / "disks/" + disk + "1/file", "on " + label);
@@ -91,7 +92,7 @@ class UsbRedirect : public testing::Test {
     ASSERT_TRUE(umockdev_testbed_add_from_string(testbed.get(), description.c_str(), nullptr));
     umockdev_testbed_uevent(testbed.get(), ("/sys" + DevicePath(disk)).c_str(), "add");
   }
-  /// The disk is gone, with or without an event.
+  /// Pulls the disk out, with or without an event.
   void Pull(const std::string& disk, bool with_event = true) {
     partitions.erase(disk);
     ShowPartitions();
@@ -162,7 +163,7 @@ class UsbRedirect : public testing::Test {
   const TempDir place;
   std::vector<std::string> labels;
   std::string loop_device;
-  std::map<std::string, std::string> partitions;  // what blkid says, by disk
+  std::map<std::string, std::string> partitions;  // what blkid prints, by disk
   const std::unique_ptr<UMockdevTestbed, decltype(&g_object_unref)> testbed{umockdev_testbed_new(),
                                                                             g_object_unref};
   std::optional<Process> host;
@@ -352,7 +353,7 @@ TEST_F(UsbRedirect, SaysInOneLineWhyADiskFailsAndTriesItAgain) {
   EXPECT_TRUE(Eventually([&] { return IsMounted(Far(label)); }, 15s)) << Said();
 }
 
-TEST_F(UsbRedirect, DoesNotBringADiskBackThatWasUnmountedThere) {
+TEST_F(UsbRedirect, DoesNotBringBackADiskThatWasUnmountedAtTheFarSide) {
   const auto label = Label("ENOUGH");
   Plug("sdb", label);
   Start();
@@ -369,7 +370,7 @@ TEST_F(UsbRedirect, DoesNotBringADiskBackThatWasUnmountedThere) {
   EXPECT_TRUE(Comes(label)) << Said();
 }
 
-TEST_F(UsbRedirect, RedirectsTheOtherDiskIfALabelCannotBeADirectory) {
+TEST_F(UsbRedirect, RedirectsTheOtherDiskIfALabelCannotNameADirectory) {
   const auto good = Label("GOOD");
   Plug("sdb", "a/../../b");
   Plug("sdc", good);

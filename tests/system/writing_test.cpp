@@ -505,7 +505,7 @@ TEST_F(Names, ThatAreReplacedByARenameReferToTheNewFile) {
   EXPECT_EQ(List(mounted.path()), NameSet{"old"});
 }
 
-TEST_F(Names, AreShownRightAfterEachChangeToADirectoryThatIsBeingRead) {
+TEST_F(Names, OfADirectoryThatIsBeingReadLeadToContentThatWasJustWritten) {
   for (int i = 0; i < 2000; ++i) WriteFile(disk / "file" + std::to_string(i), "x");
   MountedDisk mounted(disk.path());
   DIR* directory = opendir(mounted.path().c_str());
@@ -735,7 +735,7 @@ TEST_F(Refusals, HaveTheRightErrnoWhenTheKernelsCacheIsStale) {
   EXPECT_EQ(ErrorOf([&] { return rmdir((mounted / "dir/inner").c_str()); }), ENOENT);
 }
 
-TEST_F(Refusals, AreEnotsupForWhatTheProtocolLacks) {
+TEST_F(Refusals, AreEnotsupOrEinvalForWhatTheProtocolLacks) {
   MountedDisk mounted(disk.path());
   WriteFile(mounted / "file", "content");
   WriteFile(mounted / "other", "other");
