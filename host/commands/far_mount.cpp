@@ -79,6 +79,7 @@ void MountOverLine(LineSource& source, FarMount far, const StopSignals& stop_sig
   keeper.Finish(Farewell::kDone, "");
   far.starter->Release();
   PrintTable(end.session().statistics());
+  PrintSavings(end.session().savings());
   PrintLine(keeper.state());
   if (ending) CheckEnding(*ending);
 }

@@ -53,6 +53,7 @@ void Mount(DiskOptions options, const std::string& mount_point_option,
     mount.Serve(stop_signals.set());
   }
   PrintTable(disk.session().statistics());
+  PrintSavings(disk.session().savings());
 }
 
 /// Mounts a partition locally and redirects its directory.

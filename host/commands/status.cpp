@@ -78,6 +78,13 @@ void PrintTable(const Statistics& statistics) {
   }
 }
 
+void PrintSavings(const Savings& savings) {
+  for (const auto& [count, name] : Savings::kNames) {
+    if (const uint64_t value = savings.*count; value != 0)
+      fmt::print("{:<30}{:>10}\n", name, value);
+  }
+}
+
 void PrintLine(const LineState& line) { fmt::print("line: {}\n", DropsAndRoundTrip(line)); }
 
 }  // namespace cpd::host

@@ -41,6 +41,8 @@ class StatusLine {
 
 /// Prints one row per command to standard output.
 void PrintTable(const Statistics& statistics);
+/// Prints one row per count that is not 0 to standard output.
+void PrintSavings(const Savings& savings);
 /// Prints the line's drops and round trip to standard output.
 void PrintLine(const LineState& line);
 

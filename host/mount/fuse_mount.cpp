@@ -15,6 +15,7 @@
 #include "mount/fuse_reply.h"
 #include "remote/attributes.h"
 #include "remote/session.h"
+#include "remote/statistics.h"
 
 namespace cpd::host {
 namespace {
@@ -183,6 +184,7 @@ RenameGate::Move FuseMount::BeginMove() {
 
 void FuseMount::Lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
   if (std::strlen(name) > NAME_MAX) return void(fuse_reply_err(request, ENAMETOOLONG));
+  ++savings().questions;
   const auto pass = Enter();
   const auto path = nodes_.ChildPath(parent, name);
   if (!path) return void(fuse_reply_err(request, ESTALE));
@@ -205,6 +207,7 @@ void FuseMount::ForgetMany(fuse_req_t request, size_t count, fuse_forget_data* f
 }
 
 void FuseMount::GetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* /*file*/) {
+  ++savings().questions;
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!file) return ReplyLostFile(request, node);
@@ -387,6 +390,7 @@ void FuseMount::ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, 
   }
   const auto directory = nodes_.Find(node);
   if (!directory) return void(fuse_reply_err(request, ESTALE));
+  ++savings().listings;
   // The changes so far are noted, because a later change may be missing in the reply.
   listings_.List(directory->path,
                  [this, request, node, size, first, handle = file->fh, changes = changes_.load(),

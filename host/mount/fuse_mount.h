@@ -58,6 +58,9 @@ class FuseMount {
   /// any other.
   void ChangeDisk();
 
+  /// What this mount counts.
+  [[nodiscard]] Savings& savings() const { return files_.savings(); }
+
   /// What the kernel calls.
   static fuse_lowlevel_ops Operations();
 

@@ -2,11 +2,15 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <linux/fuse.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <stdexcept>
 #include <string_view>
@@ -14,6 +18,7 @@
 
 #include "cpd/log.h"
 #include "mount/fuse_mount.h"
+#include "remote/statistics.h"
 
 namespace cpd::host {
 namespace {
@@ -23,6 +28,19 @@ void LogLibraryMessage(fuse_log_level /*level*/, const char* format, va_list arg
   (void)std::vsnprintf(message, sizeof message, format, arguments);
   message[std::string_view(message).find_last_not_of('\n') + 1] = '\0';
   tesselLogPrint(0, 7, "FUSE", "%s", message);
+}
+
+// The call of the kernel that this thread has read last.
+thread_local uint64_t last_call = 0;
+
+ssize_t ReadCall(int device, void* buffer, size_t size, void* /*mount*/) {
+  const ssize_t length = read(device, buffer, size);
+  fuse_in_header header{};
+  if (length >= static_cast<ssize_t>(sizeof header)) {
+    std::memcpy(&header, buffer, sizeof header);
+    last_call = header.unique;
+  }
+  return length;
 }
 
 /// Raises the kernel's read-ahead to the size of the largest read. Only root may do this; for other
@@ -65,7 +83,20 @@ KernelMount::KernelMount(const DiskOptions& options, const std::string& mount_po
                         ? "; --allow-other needs root or user_allow_other in /etc/fuse.conf"
                         : ""));
   }
+  constexpr fuse_custom_io kCounting{
+      .writev = WriteReply, .read = ReadCall, .splice_receive = nullptr, .splice_send = nullptr};
+  fuse_session_custom_io(session_.get(), &kCounting, fuse_session_fd(session_.get()));
   RaiseReadAhead(mount_point);
+}
+
+// A thread that did not read a call replies to it because the disk has answered. A reply to no call
+// is a notice.
+ssize_t KernelMount::WriteReply(int device, iovec* parts, int count, void* mount) {
+  fuse_out_header header{};
+  std::memcpy(&header, parts[0].iov_base, sizeof header);
+  auto* const server = static_cast<KernelMount*>(mount)->server_;
+  if (header.unique != 0 && header.unique != last_call) ++server->savings().waits;
+  return writev(device, parts, count);
 }
 
 void KernelMount::Unmount() {

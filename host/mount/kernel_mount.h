@@ -2,6 +2,7 @@
 #pragma once
 
 #include <fuse_lowlevel.h>
+#include <sys/types.h>
 
 #include <functional>
 #include <memory>
@@ -35,6 +36,8 @@ class KernelMount {
   struct DestroySession {
     void operator()(fuse_session* session) const { fuse_session_destroy(session); }
   };
+
+  static ssize_t WriteReply(int device, iovec* parts, int count, void* mount);
 
   const std::function<void()> unmount_;
   bool is_unmounted_ = false;  // by unmount_

@@ -413,6 +413,8 @@ void RemoteFiles::WaitForChanges() const {
 
 std::chrono::nanoseconds RemoteFiles::TimeOfAnswer() const { return session_.time_of_answer(); }
 
+Savings& RemoteFiles::savings() const { return session_.savings(); }
+
 void RemoteFiles::Remove(uint16_t command, const std::string& path, OnOutcome on_outcome,
                          const std::optional<udisk_stat>& before) {
   RemoveHead head{};

@@ -18,6 +18,7 @@
 namespace cpd::host {
 
 class Session;
+struct Savings;
 
 /// A value, or the reason why there is none.
 template <class T>
@@ -144,6 +145,8 @@ class RemoteFiles {
   /// How long the module took for the request whose answer is being delivered, not counting the
   /// time that the request waited for others. Must only be called from a Done or an OnOutcome.
   [[nodiscard]] std::chrono::nanoseconds TimeOfAnswer() const;
+  /// The session's counts of what saved requests.
+  [[nodiscard]] Savings& savings() const;
 
  private:
   /// Sends a request whose reply repeats its head, with the result in it.

@@ -78,6 +78,9 @@ class Session {
   void Tell(std::unique_ptr<CpdPacket> packet);
 
   Statistics statistics() const;
+  /// What the mechanisms that use this session count.
+  Savings& savings() { return savings_; }
+  const Savings& savings() const { return savings_; }
   /// How long the driver took for the request whose Done runs, measured from the previous answer.
   Clock::duration time_of_answer() const { return time_of_answer_; }
 
@@ -128,6 +131,7 @@ class Session {
   Clock::time_point waiting_since_;  // when the front request became the oldest
   bool probing_ = false;
   Statistics statistics_;
+  Savings savings_;
   std::atomic<Clock::duration> time_of_answer_{};
   std::atomic<int> delivering_ = 0;  // threads that are running Done functions
   std::unique_ptr<Periodic> watch_;  // from the first Start on, so that making a session starts no

@@ -218,6 +218,17 @@ int Ending::Requests(int command) const {
   return 0;
 }
 
+int Ending::Count(const std::string& name) const {
+  std::istringstream table(out);
+  for (std::string line; std::getline(table, line);) {
+    int count = 0;
+    if (line.starts_with(name + ' ') && std::istringstream(line.substr(name.size())) >> count) {
+      return count;
+    }
+  }
+  return 0;
+}
+
 MountedDisk::MountedDisk(const std::string& disk, const std::vector<std::string>& options,
                          const std::map<std::string, std::string>& environment)
     : mMountPoint(mPlace / "mnt"),

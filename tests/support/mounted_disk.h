@@ -101,6 +101,8 @@ struct Ending {
 
   /// The count of a command's requests in the table that the host prints at its end.
   int Requests(int command) const;
+  /// The count of that name below the table.
+  int Count(const std::string& name) const;
 };
 
 /// A directory mounted by `cpd-host mount` for as long as the object lives.

@@ -1,0 +1,33 @@
+// How often programs wait for the disk, by the counts that the host prints at its end.
+#include <filesystem>
+#include <string>
+
+#include "support/mounted_disk.h"
+
+namespace system_test {
+namespace fs = std::filesystem;
+
+namespace {
+
+class RoundTrips : public MountTest {
+ protected:
+  static void Run(const std::string& commands) {
+    const auto result = Shell(commands);
+    EXPECT_EQ(result.status, 0) << commands << '\n' << result.output;
+  }
+};
+
+TEST_F(RoundTrips, AreCountedBelowTheTableOfRequests) {
+  fs::create_directory(disk / "a");
+  WriteFile(disk / "a/b", "content");
+  MountedDisk mounted(disk.path());
+  Run("stat " + (mounted / "a/b"));
+  const auto ending = mounted.Unmount();
+  // The root, where the kernel checks permissions, and the two names.
+  EXPECT_EQ(ending.Count("names and attributes asked"), 3) << ending.out;
+  EXPECT_EQ(ending.Count("waits for the disk"), 3) << ending.out;
+  EXPECT_EQ(ending.Count("directories listed"), 0) << ending.out;
+}
+
+}  // namespace
+}  // namespace system_test
