@@ -122,7 +122,7 @@ int ReasonInPermissions(const Attempt& attempt, const Facts& facts) {
   // In a sticky directory only the owner of the file or of the directory may remove or replace it.
   if (needed && facts.file && (needed->st_mode & S_ISVTX) != 0 && !Owns(facts.user, *needed) &&
       !Owns(facts.user, *facts.file)) {
-    return EACCES;
+    return EPERM;
   }
   // The one reason left is a file system without hard links.
   return attempt.kind == Kind::kLink ? EPERM : 0;

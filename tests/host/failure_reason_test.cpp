@@ -193,10 +193,10 @@ TEST(FailureReason, IsNeverAMissingPermissionForASync) {
   EXPECT_EQ(Reason(Kind::kSync, facts), EIO);
 }
 
-TEST(FailureReason, IsEaccesInAStickyDirectoryForFilesOfOthers) {
+TEST(FailureReason, IsEpermInAStickyDirectoryForFilesOfOthers) {
   auto facts = NothingWrong();
   facts.parent = Directory(01777);
-  EXPECT_EQ(Reason(Kind::kUnlink, facts), EACCES);
+  EXPECT_EQ(Reason(Kind::kUnlink, facts), EPERM);
   facts.file->st_uid = 1000;
   EXPECT_EQ(Reason(Kind::kUnlink, facts), EIO);
   facts.file.reset();
