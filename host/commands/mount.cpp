@@ -105,7 +105,7 @@ void Run(const MountOptions& given) {
   auto options = given;
   auto& [disk, line, mount_point, device] = options;
   if (!device.empty() || !line.via.empty()) {
-    if (!mount_point.empty()) {
+    if (!mount_point.empty() || (!device.empty() && !line.via.empty())) {
       throw std::runtime_error("give one of DISK, --device and --via");
     }
     mount_point = std::exchange(disk.disk, {});  // the only path given is the mount point

@@ -114,8 +114,10 @@ void AddRedirectCommand(CLI::App* app, CommandLine* line) {
   AddDialOptions(redirect, &options->line);
   redirect->add_flag("--make-directory", options->makes_directory,
                      "Make MOUNTPOINT there if it is missing; it stays");
-  redirect->add_flag("--usb", options->usb,
-                     "Redirect every USB disk that is plugged in, to HOST:DIRECTORY/LABEL");
+  redirect
+      ->add_flag("--usb", options->usb,
+                 "Redirect every USB disk that is plugged in, to HOST:DIRECTORY/LABEL")
+      ->excludes("--via");
   redirect->add_option("--match", options->match, "With --usb: only the disk of this label or UUID")
       ->type_name("LABEL|UUID");
   redirect->callback([redirect, line, options] {

@@ -15,7 +15,7 @@ namespace cpd::host {
 
 TraceFile::TraceFile(const std::string& path) : file_(nullptr, &std::fclose) {
   if (path.empty()) return;
-  file_.reset(std::fopen(path.c_str(), "we"));
+  file_.reset(std::fopen(path.c_str(), "ae"));
   if (file_ == nullptr) {
     throw std::runtime_error(
         fmt::format("cannot open trace file {}: {}", path, std::strerror(errno)));

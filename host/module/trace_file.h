@@ -10,7 +10,7 @@ namespace cpd::host {
 
 class TraceFile {
  public:
-  /// @param path  truncated first; empty = events are dropped
+  /// @param path  appended to, since several processes may share it; empty = events are dropped
   /// @throws std::runtime_error when the file cannot be opened
   explicit TraceFile(const std::string& path);
 

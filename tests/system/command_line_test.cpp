@@ -64,6 +64,28 @@ TEST_F(CommandLine, ALibraryThatIsNotADriverModuleIsRefused) {
   EXPECT_FALSE(IsMounted(mount_point.path()));
 }
 
+TEST_F(CommandLine, TwoDisksForOneMountAreRefused) {
+  const TempDir mount_point;
+  const std::string reason = "give one of DISK, --device and --via";
+  ExpectRefused("--device sdz1 --via false " + mount_point.path(), reason);
+  ExpectRefused("--via false " + disk.path() + " " + mount_point.path(), reason);
+}
+
+TEST_F(CommandLine, UsbDisksThroughOneLineAreRefused) {
+  const auto refused = Shell(CPD_HOST " redirect --usb elsewhere:/mnt --via false", kHang);
+  EXPECT_NE(refused.status, 0);
+  EXPECT_NE(refused.output.find("--via"), std::string::npos) << refused.output;
+}
+
+TEST_F(CommandLine, TracesAreAddedToWhatTheFileHas) {
+  const auto trace = disk / "trace";
+  WriteFile(trace, "before\n");
+  const TempDir shown;
+  ASSERT_EQ(
+      Shell(std::string(CPD_HOST) + " ls " + shown.path() + " --trace " + trace, kHang).status, 0);
+  EXPECT_TRUE(ReadFile(trace).starts_with("before\n{")) << ReadFile(trace);
+}
+
 TEST_F(CommandLine, ANegativeTimeLimitIsRefused) {
   const TempDir mount_point;
   ExpectRefused(disk.path() + " " + mount_point.path() + " --timeout -5", "--timeout");
