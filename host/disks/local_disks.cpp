@@ -162,6 +162,9 @@ LocalMount::~LocalMount() {
     service_->UmountLocal();
     return;
   }
+  // Only UmountLocal would free it.
+  std::free(service_->mUdiskDevice->infos);
+  std::free(service_->mUdiskDevice);
   // Somebody has unmounted it, before pulling the disk for one. An empty directory can go.
   std::error_code error;
   if (count == 0 && (fs::remove(directory_, error) || !error)) return;
