@@ -375,7 +375,9 @@ void Connection::HandleControl(const ControlFrame& frame) {
       bool was_awaited = false;
       {
         const std::lock_guard lock(mutex_);
-        if (frame.value > untaken_ - unwritten_) throw StreamError("it took more than it got");
+        if (frame.value > untaken_ - unwritten_) {
+          throw StreamError("it reports more taken than it was sent");
+        }
         untaken_ -= frame.value;
         was_awaited = std::exchange(is_awaiting_room_, false);
       }

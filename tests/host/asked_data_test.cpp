@@ -81,7 +81,7 @@ TEST_F(IntakeTest, CountsARequestAsTakenWhenItsReplyComes) {
   EXPECT_EQ(taken, std::vector{kCharge}) << "it is counted once";
 }
 
-TEST_F(IntakeTest, CountsThoseWithoutAReplyWhenALaterOneIsAnswered) {
+TEST_F(IntakeTest, CountsRequestsWithoutAReplyWhenALaterOneIsAnswered) {
   HandOver(1, kMountResponse);
   HandOver(2);
   EXPECT_TRUE(intake.NoteReply(*driver.requests[1]));

@@ -170,7 +170,7 @@ TEST_F(BrokenChannel, AsksAgainWhenTheLookFails) {
   EXPECT_EQ(Sent(), (std::vector<uint16_t>{kGetFileAttr, kFileCreate}));
 }
 
-TEST_F(BrokenChannel, AsksAgainWhatWasAskedAgain) {
+TEST_F(BrokenChannel, AsksOnceMoreWhatASecondBreakLeavesUnanswered) {
   Ask(CreateRequest{.path = "/new"});
   for (int i = 0; i < 3; ++i) {
     BreakAndStart();
@@ -181,7 +181,7 @@ TEST_F(BrokenChannel, AsksAgainWhatWasAskedAgain) {
   EXPECT_EQ(answers.front(), "created");
 }
 
-TEST_F(BrokenChannel, SendsARemovalAloneOnItsWay) {
+TEST_F(BrokenChannel, SendsARemovalRenameOrLinkAfterAllBeforeItIsAnswered) {
   for (const Request& removal :
        {Request(UnlinkRequest{.path = "/a"}), Request(RemoveDirRequest{.path = "/a"}),
         Request(RenameRequest{.path = "/a", .new_path = "/b"}),
@@ -215,7 +215,7 @@ TEST_F(BrokenChannel, TellsNothingWithoutAChannel) {
   EXPECT_TRUE(channel.sent.empty());
 }
 
-TEST_F(BrokenChannel, GivesUpWhatWaitsWhenItStopsWaiting) {
+TEST_F(BrokenChannel, GivesUpWhatIsUnansweredWhenItStopsWaiting) {
   Ask(ReadRequest{.path = "/a"});
   Ask(UnlinkRequest{.path = "/b"});
   Break();
@@ -283,7 +283,7 @@ TEST_F(BrokenChannel, AsksAnotherDiskNothingThatFollowsARequestToTheFirst) {
   EXPECT_TRUE(channel.sent.empty());
 }
 
-TEST_F(BrokenChannel, AsksAnotherDiskWhatComesOnceTheFirstIsForgotten) {
+TEST_F(BrokenChannel, AsksAnotherDiskWhatIsAskedAfterTheChange) {
   Break();
   session.GiveUpWhile([] {});
   Ask(ReadRequest{.path = "/a"});
@@ -300,7 +300,7 @@ TEST_F(BrokenChannel, WaitsForNoOtherDiskOnceItHasStoppedWaiting) {
 }
 
 // The answer to a question may be on its way through the session when the channel breaks.
-TEST_F(BrokenChannel, ForgetsNothingWhenABreakAndAnAnswerMeet) {
+TEST_F(BrokenChannel, ForgetsNothingWhenTheChannelBreaksWhileAnAnswerArrives) {
   for (int round = 0; round < 300; ++round) {
     Session racing(60s, 300s);
     ScriptedChannel first;
@@ -326,8 +326,8 @@ TEST_F(BrokenChannel, ForgetsNothingWhenABreakAndAnAnswerMeet) {
   }
 }
 
-// Somebody may have made a new file of a name while there was no channel.
-TEST_F(BrokenChannel, RemovesNoOtherFileThanTheOneThatTheNameHad) {
+// Somebody may have made a new file with the same name while there was no channel.
+TEST_F(BrokenChannel, RemovesOnlyTheFileThatHadTheName) {
   RemoteFiles files(session);
   std::vector<Outcome> outcomes;
   const auto note = [&](Outcome outcome) { outcomes.push_back(outcome); };
@@ -345,7 +345,7 @@ TEST_F(BrokenChannel, RemovesNoOtherFileThanTheOneThatTheNameHad) {
   EXPECT_EQ(channel.sent.size(), 1U);
 }
 
-TEST_F(BrokenChannel, RenamesNoOtherFileThanTheOneThatTheNameHad) {
+TEST_F(BrokenChannel, RenamesOnlyTheFileThatHadTheName) {
   RemoteFiles files(session);
   std::vector<Outcome> outcomes;
   files.Rename(
@@ -420,7 +420,7 @@ TEST_F(LostRequest, CreatedTheFileThatIsThere) {
   EXPECT_FALSE(WasDone(create, nothing, {nothing}));
 }
 
-TEST_F(LostRequest, RemovedTheFileThatIsGoneOrAnotherOne) {
+TEST_F(LostRequest, RemovedTheFileThatNoLongerHasItsName) {
   for (const Request& request :
        {Request(UnlinkRequest{.path = "/a"}), Request(RemoveDirRequest{.path = "/a"})}) {
     EXPECT_TRUE(WasDone(request, mine, {nothing}));

@@ -208,7 +208,7 @@ TEST_F(CheckedReadsTest, AskAsSoonAsAWindowOfThemWaits) {
   EXPECT_EQ(disk.looks, 2);
 }
 
-TEST_F(CheckedReadsTest, AllFailThatShareAQuestionThatShowsAnotherFile) {
+TEST_F(CheckedReadsTest, AllThatShareAQuestionFailIfItShowsAnotherFile) {
   for (size_t i = 0; i < 4; ++i) Read(i);
   disk.AnswerNext();
   disk.AnswerNext();  // the first question
@@ -217,7 +217,7 @@ TEST_F(CheckedReadsTest, AllFailThatShareAQuestionThatShowsAnotherFile) {
   EXPECT_EQ(Errors(), (std::vector<int>{0, ESTALE, ESTALE, ESTALE}));
 }
 
-TEST_F(CheckedReadsTest, AreRepeatedWhenTheFileHasGrownOverThem) {
+TEST_F(CheckedReadsTest, ThatCameOutShortAreRepeatedWhenTheFileHasGrown) {
   Put(1, "short");
   Read();
   disk.AnswerNext();
@@ -286,7 +286,7 @@ TEST_F(FetchedFiles, AreReadAgainUntilContentAndAttributesAgree) {
 TEST_F(FetchedFiles, ThatWereReplacedFail) {
   Fetch();
   Put(2, "another");
-  disk.content += "!";  // so that its length shows that it is another
+  disk.content += "!";  // so that its length shows that it is another file
   disk.AnswerAll();
   EXPECT_EQ(Errors(), std::vector<int>{ESTALE});
   EXPECT_EQ(reads.Find(node), nullptr);

@@ -30,7 +30,7 @@ using test::LinePeer;
 using test::PacketOf;
 
 constexpr uint64_t kWindow = 1 << 20;
-constexpr size_t kQuarter = kWindow / 4 - 256;  // packets that fill the window by four
+constexpr size_t kQuarter = kWindow / 4 - 256;  // four packets of this length fill the window
 
 constexpr LineTimes kShort{.ping_interval = 20ms, .dead_after = 200ms, .goodbye = 100ms};
 
@@ -85,7 +85,7 @@ class ConnectionTest : public testing::Test {
 
 // ---- Beginning ----
 
-TEST_F(ConnectionTest, SaysHelloAtOnceAndTellsTheOtherOnes) {
+TEST_F(ConnectionTest, SaysHelloAtOnceAndGivesOutTheOtherSides) {
   Make();
   const auto own = peer.NextOf<Hello>();
   ASSERT_TRUE(own);
@@ -146,7 +146,7 @@ TEST_F(ConnectionTest, StopsWaitingForAHelloWhenItIsGivenUp) {
   EXPECT_THROW(waiting.get(), StreamError);
 }
 
-TEST_F(ConnectionTest, TellsTheGoodbyeThatComesInsteadOfAPacket) {
+TEST_F(ConnectionTest, ReportsTheGoodbyeThatComesInsteadOfAPacket) {
   Make();
   peer.Send(BytesOfRecord(HelloOf(Role::kRemote)) + ControlBytes(Control::kPing, 1) +
             ControlBytes(Control::kBye, 1, "no such disk"));
@@ -160,7 +160,7 @@ TEST_F(ConnectionTest, TellsTheGoodbyeThatComesInsteadOfAPacket) {
 }
 
 // A side that refuses has a window of zero, and starts no thread that could send the rest later.
-TEST_F(ConnectionTest, LeavesARefusalOnTheLine) {
+TEST_F(ConnectionTest, DeliversARefusalThoughItIsNeverStarted) {
   Make(0);
   connection->SayGoodbye(Farewell::kFailed, "no such disk");
   connection.reset();
@@ -202,7 +202,7 @@ TEST_F(ConnectionTest, SendsUpToTheWindowAndGoesOnWhenThePacketsAreTaken) {
   EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
 }
 
-TEST_F(ConnectionTest, TellsWhenThereIsRoomAgainOnlyToACallerThatFoundNone) {
+TEST_F(ConnectionTest, ReportsNewRoomOnlyToACallerThatFoundNone) {
   Start();
   for (int i = 0; i < 4; ++i) {
     EXPECT_TRUE(connection->HasRoom(kQuarter));
@@ -246,9 +246,9 @@ TEST_F(ConnectionTest, ReportsWhatIsTakenOnceItIsAQuarterOfTheWindow) {
   EXPECT_EQ(frame->value, kWindow / 4);
 }
 
-// Otherwise the side with the smaller window would wait for a report that the other one's larger
-// window does not make due yet.
-TEST_F(ConnectionTest, CountsWithTheSmallerOneOfTheTwoWindows) {
+// Otherwise a side would report only after a quarter of its own, larger window. The other side,
+// which may not send that much, would wait for ever.
+TEST_F(ConnectionTest, GoesByTheSmallerOfTheTwoWindows) {
   Start(kWindow, 16 * kWindow);
   for (int i = 0; i < 4; ++i) connection->Send(PacketOf(kQuarter));
   EXPECT_FALSE(connection->HasRoom(kQuarter));
@@ -268,7 +268,7 @@ TEST_F(ConnectionTest, SendsOnePacketAtATimeToASideWithoutAWindow) {
   EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
 }
 
-TEST_F(ConnectionTest, WaitsForAPeerThatDoesNotReadWithoutHoldingUpOthers) {
+TEST_F(ConnectionTest, ReceivesWhileThePeerDoesNotReadAndSendsTheRestInOrderLater) {
   Start();
   for (int i = 0; i < 4; ++i) {
     ASSERT_TRUE(connection->SendWhenRoom(PacketOf(kQuarter, 105, i)));
@@ -294,7 +294,7 @@ TEST_F(ConnectionTest, EndsWhenThePeerSendsMoreThanTheWindow) {
   EXPECT_EQ(Received(), 4U);
 }
 
-TEST_F(ConnectionTest, DoesNotTakeInAPacketThatMustNotCome) {
+TEST_F(ConnectionTest, EndsAtTheHeaderOfAPacketThatExceedsTheWindow) {
   Start();
   for (int i = 0; i < 3; ++i) peer.Send(BytesOfPacket(*PacketOf(kQuarter)));
   peer.Send(BytesOfPacket(*PacketOf(kWindow)).substr(0, CPD_PACKET_HEADER_SIZE));
@@ -308,19 +308,19 @@ TEST_F(ConnectionTest, TakesAPacketLargerThanTheWindowWhenHalfOfItIsFree) {
   EXPECT_TRUE(Eventually([&] { return Received() == 2; }));
 }
 
-TEST_F(ConnectionTest, EndsWhenThePeerTakesMoreThanItGot) {
+TEST_F(ConnectionTest, EndsWhenThePeerReportsMoreTakenThanWasSent) {
   Start();
   connection->Send(PacketOf(100));
   EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
   peer.Send(ControlBytes(Control::kTaken, ChargeOf(100) + 1));
-  ExpectNonsense("it took more than it got");
+  ExpectNonsense("it reports more taken than it was sent");
 }
 
-TEST_F(ConnectionTest, EndsWhenThePeerTakesWhatIsNotWrittenYet) {
+TEST_F(ConnectionTest, EndsWhenThePeerReportsTakenWhatIsNotWrittenYet) {
   Start();
   for (int i = 0; i < 4; ++i) connection->Send(PacketOf(kQuarter));  // more than a socket takes
   peer.Send(ControlBytes(Control::kTaken, kWindow));
-  ExpectNonsense("it took more than it got");
+  ExpectNonsense("it reports more taken than it was sent");
 }
 
 TEST_F(ConnectionTest, EndsAtAControlFrameOfAnUnknownKind) {
@@ -337,7 +337,7 @@ TEST_F(ConnectionTest, EndsWhenAHandlerRefusesAPacket) {
   EXPECT_FALSE(connection->SendWhenRoom(PacketOf(100)));
 }
 
-TEST_F(ConnectionTest, AnswersOnlyTheLastPingsOfAPeerThatDoesNotRead) {
+TEST_F(ConnectionTest, AnswersOnlyTheLastPingOfAPeerThatDoesNotRead) {
   Start();
   for (int i = 0; i < 4; ++i) connection->Send(PacketOf(kQuarter));  // more than a socket takes
   constexpr uint64_t kPings = 20000;
@@ -345,7 +345,7 @@ TEST_F(ConnectionTest, AnswersOnlyTheLastPingsOfAPeerThatDoesNotRead) {
   for (uint64_t i = 1; i <= kPings; ++i) pings += ControlBytes(Control::kPing, i);
   peer.Send(pings);
   peer.Send(BytesOfPacket(*PacketOf(100)));
-  EXPECT_TRUE(Eventually([&] { return Received() == 1; })) << "it reads on";
+  EXPECT_TRUE(Eventually([&] { return Received() == 1; })) << "it no longer reads";
   for (int i = 0; i < 4; ++i) EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
   const auto pong = peer.NextControl(Control::kPong);
   ASSERT_TRUE(pong);
@@ -397,7 +397,7 @@ TEST_F(ConnectionTest, KeepsALineOnWhichPongsArrive) {
 
 // ---- Ends ----
 
-TEST_F(ConnectionTest, TellsTheOtherSidesGoodbye) {
+TEST_F(ConnectionTest, ReportsTheOtherSidesGoodbye) {
   Start();
   peer.Send(ControlBytes(Control::kBye, 0, "the user ended it \x1b[2J"));
   const auto how = AwaitEnding();
@@ -422,7 +422,7 @@ TEST_F(ConnectionTest, SaysGoodbyeAfterAllThatWasSent) {
   EXPECT_TRUE(peer.IsClosed());
 }
 
-TEST_F(ConnectionTest, ClosesInAnyCaseWhenThePeerDoesNotReadTheGoodbye) {
+TEST_F(ConnectionTest, ClosesEvenIfThePeerDoesNotReadTheGoodbye) {
   Start(kWindow, kWindow, {.goodbye = 50ms});
   for (int i = 0; i < 4; ++i) connection->Send(PacketOf(kQuarter));
   connection->SayGoodbye(Farewell::kDone, "");
@@ -457,7 +457,7 @@ TEST_F(ConnectionTest, EndsAWaitForRoomWhenItIsClosed) {
   EXPECT_EQ(AwaitEnding().kind, Ending::Kind::kClosed);
 }
 
-TEST_F(ConnectionTest, DoesNothingWhenAskedToAfterItsEnd) {
+TEST_F(ConnectionTest, IgnoresCallsAfterItsEnd) {
   Start();
   peer.Close();
   AwaitEnding();

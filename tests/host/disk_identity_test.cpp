@@ -49,7 +49,7 @@ TEST(DiskIdentity, DiffersInItsLifeOnAnotherMount) {
   EXPECT_NE(DiskIdentifier(disk.root()).Now().life, DiskIdentifier("/proc").Now().life);
 }
 
-TEST(DiskIdentity, HasRandomSessions) { EXPECT_NE(RandomId(), RandomId()); }
+TEST(RandomId, DiffersEachTime) { EXPECT_NE(RandomId(), RandomId()); }
 
 TEST(ReadHello, ReadsAHelloAndNothingAfterIt) {
   LinePeer peer;

@@ -179,7 +179,7 @@ TEST_F(FenceTest, GivesUpAfterItsLimitAndKillsNobody) {
   EXPECT_EQ(waitpid(older.pid(), nullptr, WNOHANG), 0) << "the older process has ended";
 }
 
-TEST_F(FenceTest, PassesByAFileThatAKilledProcessHasLeft) {
+TEST_F(FenceTest, IgnoresAFileThatAKilledProcessHasLeft) {
   ChildProcess older([&] {
     static Fence fence(directory);
     ASSERT_TRUE(fence.Enter(kSession, 0s));
@@ -224,8 +224,10 @@ TEST_F(FenceTest, WorksForAProcessInItsSandbox) {
   EXPECT_TRUE(fs::is_empty(place()));
 }
 
+using LockFileTest = FenceTest;
+
 // A lock on a file that its holder has removed meanwhile would let two processes in.
-TEST_F(FenceTest, NeverLetsTwoInHoweverManyComeAndGo) {
+TEST_F(LockFileTest, NeverLetsTwoInHoweverManyComeAndGo) {
   const fs::path inside = runtime / "inside";
   EXPECT_TRUE(ChildProcess::Succeeds(
       [&] {

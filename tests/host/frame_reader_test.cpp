@@ -187,7 +187,7 @@ TEST(FrameReader, WaitsForTheRestOfATruncatedFrame) {
   }
 }
 
-TEST(FrameReader, TellsTheLengthOfThePacketThatHasBegun) {
+TEST(FrameReader, ReportsTheLengthOfAPacketThatHasBegun) {
   FrameReader reader(kLargestPacket);
   reader.Put(HelloBytes() + BytesOfPacket(*PacketOf(500)).substr(0, 20));
   EXPECT_EQ(reader.begun(), 0U);

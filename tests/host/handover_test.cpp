@@ -82,7 +82,7 @@ class HandoverTest : public testing::Test {
   Pipe output;
 };
 
-TEST_F(HandoverTest, IsRefusedByNobodyWhenNobodyHoldsTheMount) {
+TEST_F(HandoverTest, FindsNobodyWhenNobodyHoldsTheMount) {
   EXPECT_FALSE(Offer().get());
   EXPECT_EQ(Files(), 0);
 }
@@ -104,7 +104,7 @@ TEST_F(HandoverTest, PassesTheLineAndWhatWasReadFromIt) {
   EXPECT_EQ(offer.get()->verdict, Verdict::kAdopted);
 }
 
-TEST_F(HandoverTest, TellsEachVerdict) {
+TEST_F(HandoverTest, PassesOnEachVerdict) {
   const HandoverListener listener(directory, mount_point);
   for (const Verdict verdict : {Verdict::kAdopted, Verdict::kRefused, Verdict::kTakeOver}) {
     auto offer = Offer();
@@ -162,7 +162,8 @@ TEST_F(HandoverTest, KnowsAMountPointByEveryPathToItsDirectory) {
   EXPECT_THROW(offer("/"), std::runtime_error);
 }
 
-// The mount point leads to itself, so that every look at it fails, as on a mount without a line.
+// The mount point is a link to itself, so that every look at it fails, as on a mount without a
+// line.
 TEST_F(HandoverTest, DoesNotLookAtTheMountPoint) {
   const auto place = (scratch / "mount").string();
   fs::create_symlink("mount", place);
@@ -170,7 +171,7 @@ TEST_F(HandoverTest, DoesNotLookAtTheMountPoint) {
   EXPECT_GE(listener.fd(), 0);
 }
 
-TEST_F(HandoverTest, HasOneHolderAMountPoint) {
+TEST_F(HandoverTest, HasOneHolderPerMountPoint) {
   ChildProcess holder([&] { static HandoverListener listener(directory, mount_point); });
   try {
     const HandoverListener second(directory, mount_point);
@@ -210,7 +211,7 @@ TEST_F(HandoverTest, GivesUpOnAHolderThatDoesNotAnswer) {
                std::runtime_error);
 }
 
-TEST_F(HandoverTest, DoesNotWaitForAnOfferThatNobodyMakes) {
+TEST_F(HandoverTest, AcceptReturnsAtOnceWithoutAnOffer) {
   const HandoverListener listener(directory, mount_point);
   EXPECT_FALSE(listener.Accept());
 }

@@ -106,7 +106,7 @@ class LineKeeperTest : public testing::Test {
   std::promise<Ending> ended;
 };
 
-TEST_F(LineKeeperTest, SetsUpAnotherLineAtOnceWhenOneDrops) {
+TEST_F(LineKeeperTest, SetsUpAnotherLineWhenOneDrops) {
   LineKeeper keeper(source, user, 10s, true);
   keeper.Connect();
   keeper.Keep([this](const Ending& how) { ended.set_value(how); });
@@ -124,7 +124,7 @@ TEST_F(LineKeeperTest, SetsUpAnotherLineAtOnceWhenOneDrops) {
   EXPECT_FALSE(keeper.state().is_up);
 }
 
-TEST_F(LineKeeperTest, TriesOnWhileThereIsNoLine) {
+TEST_F(LineKeeperTest, KeepsTryingWhileThereIsNoLine) {
   LineKeeper keeper(source, user, 10s, true);
   keeper.Connect();
   keeper.Keep([](const Ending&) {});

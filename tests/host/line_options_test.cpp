@@ -30,17 +30,17 @@ TEST(RemotePlace, HasBracketsAroundAnAddressWithColons) {
   EXPECT_EQ(HostAndPath("server:/a[1]:b"), "server /a[1]:b");
 }
 
-TEST(RemotePlace, IsNoLocalPath) {
+TEST(RemotePlace, IsNotALocalPath) {
   for (const char* path : {"/media/STICK", "stick", "./a:b", "/a:b", ":a", "", "[::1", "a/b:c"}) {
     EXPECT_EQ(HostAndPath(path), "local") << path;
   }
 }
 
-TEST(RemotePlace, IsNoOption) {
+TEST(RemotePlace, IsNotAnOption) {
   EXPECT_THROW(ParseRemotePlace("-oProxyCommand=touch x:/media"), std::runtime_error);
 }
 
-/// What a shell makes of a command's words, one a line.
+/// The words that a shell makes of a command.
 std::vector<std::string> Words(const std::string& shell, const std::string& command) {
   const std::string script =
       shell + " -c 'for word; do printf \"%s\\\\0\" \"$word\"; done' x " + command;

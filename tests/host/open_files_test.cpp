@@ -59,7 +59,7 @@ TEST_F(Losses, DoNotMakeAWriteFail) {
   EXPECT_EQ(files.TakeFailureOrLoss(writer), EIO);
 }
 
-TEST_F(Losses, AreNotOfWritesThatWereSynced) {
+TEST_F(Losses, DoNotConcernWritesThatWereSynced) {
   const auto writer = files.Open(kFile);
   files.NoteWrite(kFile);
   files.NoteSynced(kFile, files.LastWrite());
@@ -67,7 +67,7 @@ TEST_F(Losses, AreNotOfWritesThatWereSynced) {
   EXPECT_EQ(files.TakeFailureOrLoss(writer), 0);
 }
 
-TEST_F(Losses, AreOfAWriteThatWasAnsweredAfterTheSyncWasSent) {
+TEST_F(Losses, ConcernAWriteThatWasAnsweredAfterTheSyncWasSent) {
   const auto writer = files.Open(kFile);
   files.NoteWrite(kFile);
   const auto sent = files.LastWrite();
@@ -88,7 +88,7 @@ TEST_F(Losses, AreNotUndoneByAnEarlierSyncThatIsAnsweredLater) {
   EXPECT_EQ(files.TakeFailureOrLoss(writer), 0);
 }
 
-TEST_F(Losses, AreOfAFileThatWasOpenedAgainWhileItsSyncWasOnItsWay) {
+TEST_F(Losses, ConcernAFileThatWasOpenedAgainWhileItsSyncWasOnItsWay) {
   const auto first = files.Open(kFile);
   files.NoteWrite(kFile);
   files.NoteWrite(kFile);
@@ -128,7 +128,7 @@ TEST_F(Losses, OfAWholeDiskAreReportedInsteadOfItsFailedWrites) {
   EXPECT_EQ(files.TakeFailureOrLoss(writer), 0);
 }
 
-TEST_F(Losses, OfAWholeDiskTakeTheContentThatHandlesHold) {
+TEST_F(Losses, OfAWholeDiskIncludeTheContentThatHandlesHold) {
   const auto reader = files.Open(kFile);
   files.SetContent(reader, std::make_shared<CheckedReads::Content>());
   files.LoseDisk();

@@ -331,12 +331,13 @@ TEST_F(Listings, ShowTheRootAsItsOwnParent) {
 
 class Runs : public testing::Test {
  protected:
-  static SharedListing List(const std::vector<std::string>& names, int64_t size = 100) {
+  static SharedListing List(const std::vector<std::string>& names, int64_t size = 100,
+                            uint32_t mode = S_IFREG | 0644) {
     Listing listing;
     static std::vector<std::unique_ptr<std::string>> kept;
     for (const auto& name : names) {
       kept.push_back(std::make_unique<std::string>(name));
-      listing.entries.push_back({Attributes(S_IFREG | 0644, size), *kept.back()});
+      listing.entries.push_back({Attributes(mode, size), *kept.back()});
     }
     return std::make_shared<const Listing>(std::move(listing));
   }
@@ -401,7 +402,9 @@ TEST_F(Runs, FetchAMebibyteAtMostAtOnce) {
 TEST_F(Runs, LeaveOutEmptyLargeAndSpecialFiles) {
   ReadingRun empty(List(Numbered(100), 0));
   ReadingRun large(List(Numbered(100), ReadingRun::kLargestFile + 1));
-  for (auto* run : {&empty, &large}) {
+  ReadingRun fifos(List(Numbered(100), 100, S_IFIFO | 0644));
+  ReadingRun links(List(Numbered(100), 100, S_IFLNK | 0777));
+  for (auto* run : {&empty, &large, &fifos, &links}) {
     for (const char* name : {"1000", "1001", "1002"}) run->Step(name);
     EXPECT_TRUE(Next(run).empty());
   }

@@ -204,7 +204,7 @@ TEST_F(SandboxTest, KeepsAReadOnlyDiskFromBeingChanged) {
   });
 }
 
-TEST_F(SandboxTest, WithoutADiskReachesNoFile) {
+TEST_F(SandboxTest, ReachesNoFileWithoutADisk) {
   NEEDS_LANDLOCK(1);
   InSandbox({}, [this] {
     EXPECT_EQ(ErrorOfOpen(disk.Local(test::kKnownFile), O_RDONLY), EACCES);
@@ -213,7 +213,7 @@ TEST_F(SandboxTest, WithoutADiskReachesNoFile) {
   });
 }
 
-TEST_F(SandboxTest, LeavesDirectoriesForTheProcesssOwnFiles) {
+TEST_F(SandboxTest, LeavesADirectoryForFilesOfTheProcess) {
   NEEDS_LANDLOCK(1);
   InSandbox({.writable = {elsewhere.root()}}, [this] {
     const std::string lock = elsewhere.Local("/lock");
@@ -280,7 +280,7 @@ uint64_t BoundingSet() {
   return set;
 }
 
-TEST_F(SandboxTest, RootKeepsOnlyTheCapabilitiesThatTheDiskTakes) {
+TEST_F(SandboxTest, RootKeepsOnlyTheCapabilitiesThatTheDiskNeeds) {
   NEEDS_ROOT();
   struct Row {
     Sandbox sandbox;
@@ -391,7 +391,7 @@ TEST_F(SandboxTest, StartsThreadsButNoProcesses) {
   });
 }
 
-/// A process in a group of its own, which waits for its end.
+/// A process in a group of its own, which waits to be killed.
 class Sleeper {
  public:
   /// @param before  what it does first; the process ends when this throws
@@ -433,7 +433,7 @@ TEST_F(SandboxTest, SendsSignalsToItselfOnly) {
 TEST_F(SandboxTest, AsksAProcessToEndWhereThatIsAllowed) {
   const Sleeper other;
   InSandbox({.ends_processes = true}, [&other] {
-    EXPECT_NE(ErrorOf(::kill(other.pid(), SIGTERM)), 0) << "-1 would stand for all processes";
+    EXPECT_NE(ErrorOf(::kill(other.pid(), SIGTERM)), 0) << "-1 would mean all processes";
     const Descriptor process(static_cast<int>(::syscall(SYS_pidfd_open, other.pid(), 0)));
     const auto send = [&process](int signal) {
       return ErrorOf(::syscall(SYS_pidfd_send_signal, process.get(), signal, nullptr, 0));
@@ -483,7 +483,7 @@ TEST_F(SandboxTest, TypesNothingIntoATerminal) {
   ::close(terminal);
 }
 
-TEST_F(SandboxTest, KnowsNoSystemCallsNewerThanItself) {
+TEST_F(SandboxTest, RefusesSystemCallsThatAreNewerThanItsList) {
   InSandbox({.disk = disk.root()}, [] {
     constexpr int kCachestat = 451;
     EXPECT_EQ(ErrorOf(::syscall(kCachestat, -1, nullptr, nullptr, 0)), ENOSYS);
@@ -523,7 +523,7 @@ TEST_F(SandboxTest, KillsAProcessThatCallsTheKernelAsI386Does) {
 
 // ---- Other kernels ----
 
-/// Standard error while this lives.
+/// Redirects standard error to a file, so that a test can read it.
 class StandardError {
  public:
   StandardError() : file_(std::tmpfile()), before_(::dup(STDERR_FILENO)) {
@@ -571,7 +571,7 @@ TEST_F(SandboxTest, SaysInOneLineThatTheKernelHasNoLandlockAndDoesTheRest) {
   EXPECT_EQ(status, 0);
 }
 
-TEST_F(SandboxTest, PrintsNothingWhereLandlockDoesNotInterfere) {
+TEST_F(SandboxTest, PrintsNothingWhereLandlockAllowsMovesBetweenDirectories) {
   NEEDS_LANDLOCK(2);
   const int status = StatusOf([this] {
     StandardError standard_error;

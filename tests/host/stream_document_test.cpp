@@ -1,4 +1,4 @@
-// The chapter of docs/protocol.md on the stream is true: a connection says and understands its
+// The chapter of docs/protocol.md on the stream is true: a connection sends and understands its
 // examples.
 #include <gtest/gtest.h>
 
@@ -76,7 +76,7 @@ TEST_F(StreamDocument, HasTheHellosOfBothSides) {
   EXPECT_EQ(BytesOfRecord(connection.AwaitHello(10s)), BytesOfRecord(FilledHello(Role::kRemote)));
 }
 
-TEST_F(StreamDocument, HasAPacketAsItStands) {
+TEST_F(StreamDocument, HasAPacketThatArrivesUnchanged) {
   const auto examples = Examples("Frames");
   ASSERT_EQ(examples.size(), 1U);
   Greet();
