@@ -18,7 +18,9 @@ namespace cpd::host {
 namespace {
 
 int Run(int argc, char** argv) {
-  CLI::App app("Redirects a directory through the driver module and plays the remote side.");
+  CLI::App app(
+      "Serves a disk through the driver module and plays the remote side, in one process or on two "
+      "machines.");
   app.require_subcommand(1);
   app.failure_message([](const CLI::App*, const CLI::Error& error) {
     return fmt::format("cpd-host: {}\n", error.what());
