@@ -1,8 +1,8 @@
 // udisk_delayed_line ROUND_TRIP_MS MBIT_PER_S PROGRAM [ARGUMENT...]
 //
-// Runs a program and stands between it and this process's own standard input and output, like a
-// line: each direction delays every byte by half the round trip, and passes at most so many bits a
-// second (0: no limit). Ends with the program's exit code.
+// Runs a program, and carries bytes between it and this process's own standard input and output,
+// like a long line: each direction delays every byte by half the round trip, and passes at most
+// MBIT_PER_S megabits per second (0: no limit). Ends with the program's exit code.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -93,7 +93,7 @@ class Direction {
   int from_;
   int to_;
   const Seconds delay_;       // of this direction alone
-  const double rate_;         // in bytes a second; 0: no limit
+  const double rate_;         // in bytes per second; 0: no limit
   Clock::time_point free_{};  // when the line has sent everything so far
   std::deque<Piece> pieces_;
   size_t carried_ = 0;  // bytes

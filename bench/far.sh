@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Compares a mount over a line with a long way to sshfs over the same line, and prints a table.
+# Compares a mount over a long line to sshfs over the same line, and prints a table.
 #
 #   bench/far.sh [-t ROUND_TRIP_MS] [-b MBIT_PER_S] [ROW...]
 #

@@ -6,8 +6,8 @@
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 bin=$root/build/release/bin
 
-# Builds cpd-host and notes which of these packages are missing. $disk is on
-# the file system for temporary files (TMPDIR).
+# Builds cpd-host and the given targets, makes $disk and $mount in the directory for temporary files
+# (TMPDIR), and notes which of the packages are missing.
 #   prepare_mounts "TARGET..." PACKAGE...
 prepare_mounts() {
   local targets=$1
@@ -30,7 +30,8 @@ prepare_mounts() {
   trap 'unmount; rm -rf "$work"' EXIT
 }
 
-# Makes directories with so many files of 4 KiB each: d00/f000 and so on.
+# Makes directories in a place, each with that many files of 4 KiB: d00/f000 and so on.
+#   make_tree PLACE DIRECTORIES FILES
 make_tree() {
   local directory
   for directory in $(seq -f %02g 0 $(($2 - 1))); do
