@@ -49,9 +49,11 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, KernelMount& 
       prefetch_(files_, options.prefetch),
       writes_(files_, nodes_, gate_,
               [this](NodeTable::Id node, int error) { open_files_.NoteFailure(node, error); }),
-      reads_(files_, nodes_, [this](NodeTable::Id node, const udisk_stat& attributes) {
-        return Note(node, attributes);
-      }) {
+      reads_(files_, nodes_,
+             [this](NodeTable::Id node, const udisk_stat& attributes) {
+               return Note(node, attributes);
+             }),
+      interruptions_([this] { return session_.IsCutOff(); }) {
   kernel_.set_server(this);
 }
 
@@ -73,6 +75,7 @@ void FuseMount::Serve(const sigset_t& stop_signals) {
   RemoveHiddenFiles();
   files_.WaitForChanges();
   session_.Stop();
+  interruptions_.Finish();
   kernel_.Unmount();
   fuse_remove_signal_handlers(kernel_.session());
   if (result < 0) throw std::runtime_error("the connection to the kernel failed");
@@ -112,18 +115,21 @@ void FuseMount::InvalidateAll(const NodeTable::Known& known) {
   }
 }
 
+FuseMount& FuseMount::ServerOf(fuse_req_t request) {
+  return *static_cast<KernelMount*>(fuse_req_userdata(request))->server_;
+}
+
 template <auto kHandler, class... Arguments>
 void FuseMount::Call(fuse_req_t request, Arguments... arguments) {
-  auto* mount = static_cast<KernelMount*>(fuse_req_userdata(request))->server_;
-  (mount->*kHandler)(request, arguments...);
+  auto& mount = ServerOf(request);
+  (mount.*kHandler)(KernelRequest(request, mount.interruptions_), arguments...);
 }
 
 // The kernel itself refuses changes to a read-only mount, unless somebody has remounted it.
 template <auto kHandler, class... Arguments>
 void FuseMount::CallChange(fuse_req_t request, Arguments... arguments) {
-  auto* mount = static_cast<KernelMount*>(fuse_req_userdata(request))->server_;
-  if (mount->read_only_) return void(fuse_reply_err(request, EROFS));
-  (mount->*kHandler)(request, arguments...);
+  if (ServerOf(request).read_only_) return void(fuse_reply_err(request, EROFS));
+  Call<kHandler>(request, arguments...);
 }
 
 // Operations that are missing here have no request in the protocol, so the kernel's defaults apply:
@@ -132,8 +138,8 @@ fuse_lowlevel_ops FuseMount::Operations() {
   fuse_lowlevel_ops ops{};
   ops.init = Initialise;
   ops.lookup = Call<&FuseMount::Lookup>;
-  ops.forget = Call<&FuseMount::Forget>;
-  ops.forget_multi = Call<&FuseMount::ForgetMany>;
+  ops.forget = Forget;
+  ops.forget_multi = ForgetMany;
   ops.getattr = Call<&FuseMount::GetAttributes>;
   ops.setattr = CallChange<&FuseMount::SetAttributes>;
   ops.statfs = Call<&FuseMount::GetStatistics>;
@@ -182,31 +188,51 @@ RenameGate::Move FuseMount::BeginMove() {
 
 // ---- Attributes ----
 
-void FuseMount::Lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
-  if (std::strlen(name) > NAME_MAX) return void(fuse_reply_err(request, ENAMETOOLONG));
+void FuseMount::Lookup(const KernelRequest& request, fuse_ino_t parent, const char* name) {
+  if (std::strlen(name) > NAME_MAX) return request.ReplyError(ENAMETOOLONG);
   ++savings().questions;
   const auto pass = Enter();
   const auto path = nodes_.ChildPath(parent, name);
-  if (!path) return void(fuse_reply_err(request, ESTALE));
+  if (!path) return request.ReplyError(ESTALE);
   files_.GetAttributes(
       *path, [this, request, parent, name = std::string(name)](const Result<udisk_stat>& result) {
-        if (result.error != 0) return void(fuse_reply_err(request, result.error));
+        if (result.error != 0) return request.ReplyError(result.error);
         const auto entry = EntryOf(parent, name, result.value);
-        if (fuse_reply_entry(request, &entry) != 0) nodes_.Forget(entry.ino, 1);
+        if (!request.ReplyEntry(entry)) TakeBack(entry.ino);
       });
 }
 
 void FuseMount::Forget(fuse_req_t request, fuse_ino_t node, uint64_t references) {
-  nodes_.Forget(node, references);
+  auto& mount = ServerOf(request);
+  mount.interruptions_.RunWhenConcluded(
+      [&nodes = mount.nodes_, node, references] { nodes.Forget(node, references); });
   fuse_reply_none(request);
 }
 
 void FuseMount::ForgetMany(fuse_req_t request, size_t count, fuse_forget_data* forgotten) {
-  for (size_t i = 0; i < count; ++i) nodes_.Forget(forgotten[i].ino, forgotten[i].nlookup);
+  auto& mount = ServerOf(request);
+  mount.interruptions_.RunWhenConcluded(
+      [&nodes = mount.nodes_, all = std::vector<fuse_forget_data>(forgotten, forgotten + count)] {
+        for (const auto& each : all) nodes.Forget(each.ino, each.nlookup);
+      });
   fuse_reply_none(request);
 }
 
-void FuseMount::GetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* /*file*/) {
+/// Takes back an entry that the kernel did not take.
+void FuseMount::TakeBack(fuse_ino_t node) {
+  NoteUntold(node);
+  nodes_.Forget(node, 1);
+}
+
+/// The kernel has not heard of a file's attributes, or of a change of the file, because the program
+/// that asked was interrupted: makes it ask before anything relies on what it knows.
+void FuseMount::NoteUntold(fuse_ino_t node) {
+  nodes_.NoteUntold(node);
+  InvalidateAttributes(node);
+}
+
+void FuseMount::GetAttributes(const KernelRequest& request, fuse_ino_t node,
+                              fuse_file_info* /*file*/) {
   ++savings().questions;
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
@@ -217,14 +243,14 @@ void FuseMount::GetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_inf
   });
 }
 
-void FuseMount::ReplyAttributes(fuse_req_t request, fuse_ino_t node, bool is_hidden,
+void FuseMount::ReplyAttributes(const KernelRequest& request, fuse_ino_t node, bool is_hidden,
                                 const Result<udisk_stat>& result) {
-  if (result.error != 0) return void(fuse_reply_err(request, result.error));
+  if (result.error != 0) return request.ReplyError(result.error);
   if (!Note(node, result.value)) return ReplyLostFile(request, node);
   nodes_.NoteTold(node);
   struct stat attributes = ToStat(nodes_.LastAttributes(node).value_or(result.value));
   if (is_hidden) --attributes.st_nlink;
-  fuse_reply_attr(request, &attributes, kTrusted);
+  if (!request.ReplyAttributes(attributes, kTrusted)) NoteUntold(node);
 }
 
 /// Whether a file's fetched content is at most a second old but was changed in place on the client.
@@ -258,22 +284,22 @@ fuse_entry_param FuseMount::EntryOf(fuse_ino_t parent, const std::string& name,
 
 /// Programs that have the file open see its last attributes, with a link count of 0. For all
 /// others, the kernel looks the name up again.
-void FuseMount::ReplyLostFile(fuse_req_t request, fuse_ino_t node) {
+void FuseMount::ReplyLostFile(const KernelRequest& request, fuse_ino_t node) {
   const auto last = nodes_.LastAttributes(node);
   if (!last || !(S_ISDIR(last->st_mode) || open_files_.IsOpen(node))) {
-    return void(fuse_reply_err(request, ESTALE));
+    return request.ReplyError(ESTALE);
   }
   struct stat attributes = ToStat(*last);
   attributes.st_nlink = 0;
-  fuse_reply_attr(request, &attributes, kTrusted);
+  (void)request.ReplyAttributes(attributes, kTrusted);
 }
 
-void FuseMount::GetStatistics(fuse_req_t request, fuse_ino_t node) {
+void FuseMount::GetStatistics(const KernelRequest& request, fuse_ino_t node) {
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
-  if (!file) return void(fuse_reply_err(request, ESTALE));
+  if (!file) return request.ReplyError(ESTALE);
   files_.GetStatistics(file->path, [request](const Result<udisk_statvfs>& result) {
-    if (result.error != 0) return void(fuse_reply_err(request, result.error));
+    if (result.error != 0) return request.ReplyError(result.error);
     const auto& from = result.value;
     struct statvfs to {};
     to.f_bsize = from.f_bsize;
@@ -285,40 +311,40 @@ void FuseMount::GetStatistics(fuse_req_t request, fuse_ino_t node) {
     to.f_ffree = from.f_ffree;
     to.f_favail = from.f_favail;
     to.f_namemax = from.f_namemax;
-    fuse_reply_statfs(request, &to);
+    request.ReplyStatistics(to);
   });
 }
 
-void FuseMount::GetExtendedAttribute(fuse_req_t request, fuse_ino_t node, const char* name,
-                                     size_t /*size*/) {
+void FuseMount::GetExtendedAttribute(const KernelRequest& request, fuse_ino_t node,
+                                     const char* name, size_t /*size*/) {
   // The kernel asks for this before every write. Programs on a redirected disk do not get file
   // capabilities, so no request is sent.
   if (std::string_view(name) == "security.capability") {
-    return void(fuse_reply_err(request, ENODATA));
+    return request.ReplyError(ENODATA);
   }
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
-  if (!file) return void(fuse_reply_err(request, ESTALE));
+  if (!file) return request.ReplyError(ESTALE);
   files_.HasExtendedAttribute(file->path, name, [request](const Result<bool>& result) {
     // A value could not be shown even if it existed: the protocol does not carry it.
-    fuse_reply_err(request, result.error != 0 ? result.error : result.value ? EIO : ENODATA);
+    request.ReplyError(result.error != 0 ? result.error : result.value ? EIO : ENODATA);
   });
 }
 
 // ---- Files ----
 
-void FuseMount::Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t offset,
+void FuseMount::Read(const KernelRequest& request, fuse_ino_t node, size_t size, off_t offset,
                      fuse_file_info* handle) {
   auto pass = Enter();
   const auto file = nodes_.Find(node);
   auto content = reads_.Find(node);
   if (!file && content == nullptr) content = ContentAtOpen(handle->fh);
-  if (!file && content == nullptr) return void(fuse_reply_err(request, ESTALE));
+  if (!file && content == nullptr) return request.ReplyError(ESTALE);
   const auto wanted = static_cast<uint32_t>(std::min<size_t>(size, kLargestRead));
   open_files_.NoteUse(node);
   if (content != nullptr) {
     const auto bytes = content->Part(offset, wanted);
-    fuse_reply_buf(request, bytes.data(), bytes.size());
+    (void)request.ReplyBytes(bytes);
   } else {
     reads_.Read(
         node, *file, offset, wanted,
@@ -342,7 +368,7 @@ CheckedReads::SharedContent FuseMount::ContentAtOpen(OpenFiles::Handle handle) c
   return content != nullptr && now - content->asked <= Prefetch::kTrusted ? content : nullptr;
 }
 
-void FuseMount::ReplyRead(fuse_req_t request, OpenFiles::Handle handle, off_t offset,
+void FuseMount::ReplyRead(const KernelRequest& request, OpenFiles::Handle handle, off_t offset,
                           uint32_t wanted, int error, std::string_view bytes) {
   const auto content = ContentAtOpen(handle);
   if ((error == ESTALE || error == ENOENT) && content != nullptr) {
@@ -352,32 +378,34 @@ void FuseMount::ReplyRead(fuse_req_t request, OpenFiles::Handle handle, off_t of
              !bytes.starts_with(content->Part(offset, wanted))) {
     open_files_.SetContent(handle, nullptr);  // would make a mixture with these bytes
   }
-  if (error != 0) return void(fuse_reply_err(request, error));
-  fuse_reply_buf(request, bytes.data(), bytes.size());
+  if (error != 0) return request.ReplyError(error);
+  (void)request.ReplyBytes(bytes);
 }
 
 // ---- Directories ----
 
-void FuseMount::OpenDirectory(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* file) {
+void FuseMount::OpenDirectory(const KernelRequest& request, fuse_ino_t /*node*/,
+                              fuse_file_info* file) {
   {
     const std::lock_guard lock(mutex_);
     file->fh = ++last_directory_;
     directories_.emplace(file->fh, OpenDirectoryListing{});
   }
-  fuse_reply_open(request, file);
+  (void)request.ReplyOpened(*file);
 }
 
-void FuseMount::ReleaseDirectory(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* file) {
-  {
+void FuseMount::ReleaseDirectory(const KernelRequest& request, fuse_ino_t /*node*/,
+                                 fuse_file_info* file) {
+  interruptions_.RunWhenConcluded([this, handle = file->fh] {
     const std::lock_guard lock(mutex_);
-    directories_.erase(file->fh);
-  }
-  fuse_reply_err(request, 0);
+    directories_.erase(handle);
+  });
+  request.ReplyError(0);
 }
 
 /// The directory is listed when it is read from its start; the rest comes from that listing.
-void FuseMount::ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, off_t position,
-                              fuse_file_info* file) {
+void FuseMount::ReadDirectory(const KernelRequest& request, fuse_ino_t node, size_t size,
+                              off_t position, fuse_file_info* file) {
   const auto pass = Enter();
   OpenDirectoryListing open;
   {
@@ -389,13 +417,13 @@ void FuseMount::ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, 
     return ReplyWithEntries(request, node, open, first, size);
   }
   const auto directory = nodes_.Find(node);
-  if (!directory) return void(fuse_reply_err(request, ESTALE));
+  if (!directory) return request.ReplyError(ESTALE);
   ++savings().listings;
   // The changes so far are noted, because a later change may be missing in the reply.
   listings_.List(directory->path,
                  [this, request, node, size, first, handle = file->fh, changes = changes_.load(),
                   path = directory->path](const Result<SharedListing>& result) {
-                   if (result.error != 0) return void(fuse_reply_err(request, result.error));
+                   if (result.error != 0) return request.ReplyError(result.error);
                    const OpenDirectoryListing fresh{.listing = result.value, .changes = changes};
                    prefetch_.Listed(path, result.value);
                    {
@@ -408,7 +436,7 @@ void FuseMount::ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, 
 
 /// Entry n has position n + 1, where the next read continues. After a change through the mount, the
 /// attributes of an older listing would hide that change from the kernel, so only names are sent.
-void FuseMount::ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
+void FuseMount::ReplyWithEntries(const KernelRequest& request, fuse_ino_t directory,
                                  const OpenDirectoryListing& open, size_t first, size_t size) {
   const auto& entries = open.listing->entries;
   const bool is_fresh = open.changes == changes_;
@@ -418,7 +446,7 @@ void FuseMount::ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
   for (size_t i = first; i < entries.size(); ++i) {
     const auto& [attributes, name] = entries[i];
     auto entry = ToEntry(0, attributes);
-    if (fuse_add_direntry_plus(request, nullptr, 0, name.data(), &entry, 0) > size - used) break;
+    if (fuse_add_direntry_plus(nullptr, nullptr, 0, name.data(), &entry, 0) > size - used) break;
     if (nodes_.IsHidden(directory, std::string(name))) continue;
     if (!entries[i].HasAttributes()) {
       entry.attr.st_ino = kUnknownInode;
@@ -427,11 +455,11 @@ void FuseMount::ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
       entry = EntryOf(directory, std::string(name), attributes);
       referred.push_back(entry.ino);
     }
-    used += fuse_add_direntry_plus(request, buffer.data() + used, size - used, name.data(), &entry,
+    used += fuse_add_direntry_plus(nullptr, buffer.data() + used, size - used, name.data(), &entry,
                                    static_cast<off_t>(i) + 1);
   }
-  if (fuse_reply_buf(request, buffer.data(), used) != 0) {
-    for (const auto node : referred) nodes_.Forget(node, 1);
+  if (!request.ReplyBytes({buffer.data(), used})) {
+    for (const auto node : referred) TakeBack(node);
   }
 }
 

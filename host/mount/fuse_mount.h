@@ -17,6 +17,7 @@
 #include "mount/checked_reads.h"
 #include "mount/gathered_writes.h"
 #include "mount/kernel_mount.h"
+#include "mount/kernel_request.h"
 #include "mount/listing_cache.h"
 #include "mount/node_table.h"
 #include "mount/open_files.h"
@@ -68,75 +69,84 @@ class FuseMount {
   /// Hold the pass from the lookup of a path until the request with that path is sent.
   [[nodiscard]] RenameGate::Pass Enter();
   [[nodiscard]] RenameGate::Move BeginMove();
+  static FuseMount& ServerOf(fuse_req_t request);
   template <auto kHandler, class... Arguments>
   static void Call(fuse_req_t request, Arguments... arguments);
   /// Calls a handler that changes the disk; on a read-only mount, replies EROFS instead.
   template <auto kHandler, class... Arguments>
   static void CallChange(fuse_req_t request, Arguments... arguments);
 
-  void Lookup(fuse_req_t request, fuse_ino_t parent, const char* name);
-  void Forget(fuse_req_t request, fuse_ino_t node, uint64_t references);
-  void ForgetMany(fuse_req_t request, size_t count, fuse_forget_data* forgotten);
-  void GetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* file);
-  void Read(fuse_req_t request, fuse_ino_t node, size_t size, off_t offset, fuse_file_info* handle);
+  void Lookup(const KernelRequest& request, fuse_ino_t parent, const char* name);
+  static void Forget(fuse_req_t request, fuse_ino_t node, uint64_t references);
+  static void ForgetMany(fuse_req_t request, size_t count, fuse_forget_data* forgotten);
+  void GetAttributes(const KernelRequest& request, fuse_ino_t node, fuse_file_info* file);
+  void Read(const KernelRequest& request, fuse_ino_t node, size_t size, off_t offset,
+            fuse_file_info* handle);
   CheckedReads::SharedContent ContentAtOpen(OpenFiles::Handle handle) const;
-  void ReplyRead(fuse_req_t request, OpenFiles::Handle handle, off_t offset, uint32_t wanted,
-                 int error, std::string_view bytes);
-  void OpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* file);
-  void ReadDirectory(fuse_req_t request, fuse_ino_t node, size_t size, off_t position,
+  void ReplyRead(const KernelRequest& request, OpenFiles::Handle handle, off_t offset,
+                 uint32_t wanted, int error, std::string_view bytes);
+  void OpenDirectory(const KernelRequest& request, fuse_ino_t node, fuse_file_info* file);
+  void ReadDirectory(const KernelRequest& request, fuse_ino_t node, size_t size, off_t position,
                      fuse_file_info* file);
-  void ReleaseDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* file);
-  void GetStatistics(fuse_req_t request, fuse_ino_t node);
-  void GetExtendedAttribute(fuse_req_t request, fuse_ino_t node, const char* name, size_t size);
+  void ReleaseDirectory(const KernelRequest& request, fuse_ino_t node, fuse_file_info* file);
+  void GetStatistics(const KernelRequest& request, fuse_ino_t node);
+  void GetExtendedAttribute(const KernelRequest& request, fuse_ino_t node, const char* name,
+                            size_t size);
 
   // Files, in fuse_mount_files.cpp.
-  void Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle);
-  void ReplyOpened(fuse_req_t request, fuse_ino_t node, fuse_file_info handle, int error);
+  void Open(const KernelRequest& request, fuse_ino_t node, fuse_file_info* handle);
+  void ReplyOpened(const KernelRequest& request, fuse_ino_t node, fuse_file_info handle, int error);
   bool IsFresh(fuse_ino_t node, const NodeTable::File& file, bool only_reads,
                NodeTable::Clock::time_point looked_up) const;
-  void FetchContent(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
+  void FetchContent(const KernelRequest& request, fuse_ino_t node, const NodeTable::File& file,
                     const fuse_file_info& handle);
-  void CheckFile(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
+  void CheckFile(const KernelRequest& request, fuse_ino_t node, const NodeTable::File& file,
                  const fuse_file_info& handle, bool is_retry);
   void InvalidateAttributes(fuse_ino_t node, const udisk_stat& before);
   void InvalidateAttributes(fuse_ino_t node);
   void InvalidateAll(const NodeTable::Known& known);
   OpenFiles::Closed CloseHandle(OpenFiles::Handle handle);
   bool StoreAhead(fuse_ino_t node, const NodeTable::File& file);
-  void Write(fuse_req_t request, fuse_ino_t node, const char* data, size_t size, off_t offset,
-             fuse_file_info* handle);
+  void Write(const KernelRequest& request, fuse_ino_t node, const char* data, size_t size,
+             off_t offset, fuse_file_info* handle);
   /// @return false when the data needs a write request of its own
-  bool Gather(fuse_req_t request, std::string_view data, off_t offset, OpenFiles::Handle handle);
+  bool Gather(const KernelRequest& request, std::string_view data, off_t offset,
+              OpenFiles::Handle handle);
   std::future<Result<udisk_stat>> LookAt(const std::string& path);
   void MoveOn(fuse_ino_t node, OpenFiles::Handle handle);
   int64_t PlaceOf(OpenFiles::Handle handle, const NodeTable::File& file, off_t offset);
-  void ReplyWritten(fuse_req_t request, fuse_ino_t node, size_t size, int64_t end);
-  void Flush(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle);
-  void Sync(fuse_req_t request, fuse_ino_t node, int data_only, fuse_file_info* handle);
-  void Release(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle);
-  void SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
+  void ReplyWritten(const KernelRequest& request, fuse_ino_t node, size_t size, int64_t end);
+  void ReplyTaken(const KernelRequest& request, OpenFiles::Handle handle, int error);
+  void Flush(const KernelRequest& request, fuse_ino_t node, fuse_file_info* handle);
+  void Sync(const KernelRequest& request, fuse_ino_t node, int data_only, fuse_file_info* handle);
+  void Release(const KernelRequest& request, fuse_ino_t node, fuse_file_info* handle);
+  void Close(const KernelRequest& request, OpenFiles::Handle handle);
+  void SetAttributes(const KernelRequest& request, fuse_ino_t node, struct stat* wanted, int which,
                      fuse_file_info* handle);
 
   // Names, in fuse_mount_names.cpp.
-  void Create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
+  void Create(const KernelRequest& request, fuse_ino_t parent, const char* name, mode_t mode,
               fuse_file_info* handle);
-  void MakeNode(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode, dev_t device);
-  void MakeDirectory(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode);
-  void Link(fuse_req_t request, fuse_ino_t node, fuse_ino_t new_parent, const char* new_name);
-  void MakeSymbolicLink(fuse_req_t request, const char* target, fuse_ino_t parent,
+  void MakeNode(const KernelRequest& request, fuse_ino_t parent, const char* name, mode_t mode,
+                dev_t device);
+  void MakeDirectory(const KernelRequest& request, fuse_ino_t parent, const char* name,
+                     mode_t mode);
+  void Link(const KernelRequest& request, fuse_ino_t node, fuse_ino_t new_parent,
+            const char* new_name);
+  void MakeSymbolicLink(const KernelRequest& request, const char* target, fuse_ino_t parent,
                         const char* name);
-  void Unlink(fuse_req_t request, fuse_ino_t parent, const char* name);
-  void RemoveDirectory(fuse_req_t request, fuse_ino_t parent, const char* name);
-  void Rename(fuse_req_t request, fuse_ino_t parent, const char* name, fuse_ino_t new_parent,
-              const char* new_name, unsigned flags);
+  void Unlink(const KernelRequest& request, fuse_ino_t parent, const char* name);
+  void RemoveDirectory(const KernelRequest& request, fuse_ino_t parent, const char* name);
+  void Rename(const KernelRequest& request, fuse_ino_t parent, const char* name,
+              fuse_ino_t new_parent, const char* new_name, unsigned flags);
 
   struct AttributeChange;
   struct Making;
   struct Renaming;
-  void MakeFile(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
-                std::function<int(const fuse_entry_param& entry)> reply);
+  void MakeFile(const KernelRequest& request, fuse_ino_t parent, const char* name, mode_t mode,
+                std::function<bool(const fuse_entry_param& entry)> reply);
   void ShowMade(const std::shared_ptr<Making>& making);
-  void Hide(fuse_req_t request, fuse_ino_t parent, const std::string& name,
+  void Hide(const KernelRequest& request, fuse_ino_t parent, const std::string& name,
             const RenameGate::Move& move);
   void LiftHiddenFiles(fuse_ino_t parent, const std::string& name, const RenameGate::Move& move);
   void HideTarget(const std::shared_ptr<Renaming>& renaming);
@@ -144,25 +154,28 @@ class FuseMount {
   void UndoHiding(const Renaming& renaming);
   void RemoveHiddenFiles();
 
-  void ReplyAttributes(fuse_req_t request, fuse_ino_t node, bool is_hidden,
+  void ReplyAttributes(const KernelRequest& request, fuse_ino_t node, bool is_hidden,
                        const Result<udisk_stat>& result);
-  void ReplyChangedAttributes(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
+  void ReplyChangedAttributes(const KernelRequest& request, fuse_ino_t node,
+                              const NodeTable::File& file,
                               const std::shared_ptr<AttributeChange>& change);
-  void ReplyFailure(fuse_req_t request, Outcome outcome, Attempt attempt);
-  void ReplyDone(fuse_req_t request);
+  void ReplyFailure(const KernelRequest& request, Outcome outcome, Attempt attempt);
+  void ReplyDone(const KernelRequest& request);
   /// An open directory's listing, and the value of changes_ when it was requested.
   struct OpenDirectoryListing {
     SharedListing listing;  // null until first read
     uint64_t changes = 0;
   };
-  void ReplyWithEntries(fuse_req_t request, fuse_ino_t directory,
+  void ReplyWithEntries(const KernelRequest& request, fuse_ino_t directory,
                         const OpenDirectoryListing& directory_listing, size_t first, size_t size);
   /// Notes what the disk shows at a node's path. @return false when it is another file
   bool Note(fuse_ino_t node, const udisk_stat& attributes);
   bool IsBeingRead(fuse_ino_t node, const udisk_stat& attributes) const;
   fuse_entry_param EntryOf(fuse_ino_t parent, const std::string& name,
                            const udisk_stat& attributes);
-  void ReplyLostFile(fuse_req_t request, fuse_ino_t node);
+  void ReplyLostFile(const KernelRequest& request, fuse_ino_t node);
+  void TakeBack(fuse_ino_t node);
+  void NoteUntold(fuse_ino_t node);
 
   KernelMount& kernel_;
   Session& session_;
@@ -180,6 +193,7 @@ class FuseMount {
   std::mutex mutex_;
   std::map<uint64_t, OpenDirectoryListing> directories_;  // guarded by mutex_
   uint64_t last_directory_ = 0;                           // guarded by mutex_
+  Interruptions interruptions_;                           // last: its threads use the rest
 };
 
 }  // namespace cpd::host

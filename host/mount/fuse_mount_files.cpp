@@ -30,10 +30,10 @@ bool IsSmall(const NodeTable::File& file) {
 
 }  // namespace
 
-void FuseMount::Open(fuse_req_t request, fuse_ino_t node, fuse_file_info* handle) {
+void FuseMount::Open(const KernelRequest& request, fuse_ino_t node, fuse_file_info* handle) {
   auto pass = Enter();
   const auto file = nodes_.Find(node);
-  if (!file) return void(fuse_reply_err(request, ESTALE));
+  if (!file) return request.ReplyError(ESTALE);
   const bool only_reads = (handle->flags & O_ACCMODE) == O_RDONLY;
   handle->noflush = only_reads ? 1 : 0;
   handle->keep_cache = only_reads && StoreAhead(node, *file) ? 1 : 0;
@@ -71,8 +71,8 @@ bool FuseMount::IsFresh(fuse_ino_t node, const NodeTable::File& file, bool only_
 }
 
 /// Opens a small file and fetches its content.
-void FuseMount::FetchContent(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
-                             const fuse_file_info& handle) {
+void FuseMount::FetchContent(const KernelRequest& request, fuse_ino_t node,
+                             const NodeTable::File& file, const fuse_file_info& handle) {
   reads_.Fetch(node, file,
                [this, request, node, handle, before = file.attributes](
                    int error, CheckedReads::SharedContent content) {
@@ -87,8 +87,9 @@ void FuseMount::FetchContent(fuse_req_t request, fuse_ino_t node, const NodeTabl
 /// move on to it, ESTALE makes the kernel look the name up again and open what it finds. A writer
 /// also needs that if the file has another size: the kernel would append at the size that it knows.
 /// @param is_retry  the kernel has just looked the name up, and would not do that again
-void FuseMount::CheckFile(fuse_req_t request, fuse_ino_t node, const NodeTable::File& file,
-                          const fuse_file_info& handle, bool is_retry) {
+void FuseMount::CheckFile(const KernelRequest& request, fuse_ino_t node,
+                          const NodeTable::File& file, const fuse_file_info& handle,
+                          bool is_retry) {
   files_.GetAttributes(file.path, [this, request, node, handle, is_retry,
                                    before = file.attributes](const Result<udisk_stat>& result) {
     const bool only_reads = (handle.flags & O_ACCMODE) == O_RDONLY;
@@ -121,12 +122,13 @@ void FuseMount::InvalidateAttributes(fuse_ino_t node) {
   fuse_lowlevel_notify_inval_inode(kernel_.session(), node, -1, 0);
 }
 
-void FuseMount::ReplyOpened(fuse_req_t request, fuse_ino_t node, fuse_file_info handle, int error) {
+void FuseMount::ReplyOpened(const KernelRequest& request, fuse_ino_t node, fuse_file_info handle,
+                            int error) {
   // The node of a file that a program can write to must not move on to another file.
   if (error == 0 && (handle.flags & O_ACCMODE) != O_RDONLY) open_files_.NoteUse(node);
-  const bool is_open = error == 0 && fuse_reply_open(request, &handle) == 0;
+  const bool is_open = error == 0 && request.ReplyOpened(handle);
   if (!is_open) CloseHandle(handle.fh);
-  if (error != 0) fuse_reply_err(request, error);
+  if (error != 0) request.ReplyError(error);
 }
 
 OpenFiles::Closed FuseMount::CloseHandle(OpenFiles::Handle handle) {
@@ -146,7 +148,7 @@ bool FuseMount::StoreAhead(fuse_ino_t node, const NodeTable::File& file) {
   });
 }
 
-void FuseMount::Write(fuse_req_t request, fuse_ino_t node, const char* data, size_t size,
+void FuseMount::Write(const KernelRequest& request, fuse_ino_t node, const char* data, size_t size,
                       off_t offset, fuse_file_info* handle) {
   // The kernel writes back pages of mapped files by itself. No program waits for such a write, so
   // it must not use up a failure that a program has yet to hear of.
@@ -159,7 +161,7 @@ void FuseMount::Write(fuse_req_t request, fuse_ino_t node, const char* data, siz
   reads_.Forget(node);
   if (is_of_program) {
     if (const int error = open_files_.TakeFailure(handle->fh); error != 0) {
-      return void(fuse_reply_err(request, error));
+      return ReplyTaken(request, handle->fh, error);
     }
     // A first append is sent at once, because another file may take this one's place at any moment.
     if (gathers_writes_ && !is_first_append && Gather(request, {data, size}, offset, handle->fh)) {
@@ -169,7 +171,7 @@ void FuseMount::Write(fuse_req_t request, fuse_ino_t node, const char* data, siz
   writes_.Drain(node);
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
-  if (!file) return void(fuse_reply_err(request, ESTALE));
+  if (!file) return request.ReplyError(ESTALE);
   const ModeGuard access(files_, file->path, file->attributes.st_mode);
   if (is_of_program) offset = PlaceOf(handle->fh, *file, offset);
   const int64_t end = offset + static_cast<int64_t>(size);
@@ -225,7 +227,7 @@ int64_t FuseMount::PlaceOf(OpenFiles::Handle handle, const NodeTable::File& file
   return file.attributes.st_size;
 }
 
-bool FuseMount::Gather(fuse_req_t request, std::string_view data, off_t offset,
+bool FuseMount::Gather(const KernelRequest& request, std::string_view data, off_t offset,
                        OpenFiles::Handle handle) {
   const auto pass = gate_.Enter();
   const auto node = open_files_.NodeOf(handle);
@@ -237,68 +239,78 @@ bool FuseMount::Gather(fuse_req_t request, std::string_view data, off_t offset,
   return true;
 }
 
-void FuseMount::ReplyWritten(fuse_req_t request, fuse_ino_t node, size_t size, int64_t end) {
+void FuseMount::ReplyWritten(const KernelRequest& request, fuse_ino_t node, size_t size,
+                             int64_t end) {
   nodes_.Grow(node, end);
   open_files_.NoteWrite(node);
   ++changes_;
-  fuse_reply_write(request, size);
+  if (!request.ReplyWritten(size)) NoteUntold(node);
 }
 
-void FuseMount::Flush(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* handle) {
+/// Tells a program of a failure that its handle has reported with this.
+void FuseMount::ReplyTaken(const KernelRequest& request, OpenFiles::Handle handle, int error) {
+  if (!request.TryError(error)) open_files_.PutBack(handle, error);
+}
+
+void FuseMount::Flush(const KernelRequest& request, fuse_ino_t /*node*/, fuse_file_info* handle) {
   const auto node = open_files_.NodeOf(handle->fh);
   writes_.Drain(node);
   if (const int error = open_files_.TakeFailureOrLoss(handle->fh); error != 0) {
-    return void(fuse_reply_err(request, error));
+    return ReplyTaken(request, handle->fh, error);
   }
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
-  if (!file || !open_files_.IsWritten(node)) return void(fuse_reply_err(request, 0));
+  if (!file || !open_files_.IsWritten(node)) return request.ReplyError(0);
   files_.Flush(file->path, [this, request, handle = handle->fh](Outcome outcome) {
     // The answer may have come over another line than the answers to the writes.
     const int error = open_files_.TakeFailureOrLoss(handle);
-    fuse_reply_err(request, outcome == Outcome::kDone ? error : EIO);
+    ReplyTaken(request, handle, outcome == Outcome::kDone ? error : EIO);
   });
 }
 
-void FuseMount::Sync(fuse_req_t request, fuse_ino_t /*node*/, int /*data_only*/,
+void FuseMount::Sync(const KernelRequest& request, fuse_ino_t /*node*/, int /*data_only*/,
                      fuse_file_info* handle) {
   const auto node = open_files_.NodeOf(handle->fh);
   const auto last_write = open_files_.LastWrite();
   writes_.Drain(node);
   if (const int error = open_files_.TakeFailureOrLoss(handle->fh); error != 0) {
-    return void(fuse_reply_err(request, error));
+    return ReplyTaken(request, handle->fh, error);
   }
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
-  if (!file) return void(fuse_reply_err(request, ESTALE));
+  if (!file) return request.ReplyError(ESTALE);
   const ModeGuard access(files_, file->path, file->attributes.st_mode);
   files_.Sync(file->path, [this, request, node, handle = handle->fh, last_write,
                            path = file->path](Outcome outcome) {
     if (outcome == Outcome::kDone) {
       open_files_.NoteSynced(node, last_write);
       // The answer may have come over another line than the answers to the writes.
-      return void(fuse_reply_err(request, open_files_.TakeFailureOrLoss(handle)));
+      return ReplyTaken(request, handle, open_files_.TakeFailureOrLoss(handle));
     }
     ReplyFailure(request, outcome, {.kind = Kind::kSync, .path = path});
   });
 }
 
-void FuseMount::Release(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* handle) {
+void FuseMount::Release(const KernelRequest& request, fuse_ino_t /*node*/, fuse_file_info* handle) {
+  interruptions_.RunWhenConcluded([this, request, handle = handle->fh] { Close(request, handle); });
+}
+
+void FuseMount::Close(const KernelRequest& request, OpenFiles::Handle handle) {
   const auto pass = Enter();
-  const auto closed = CloseHandle(handle->fh);
+  const auto closed = CloseHandle(handle);
   const auto file = nodes_.Find(closed.node);
   if (closed.has_moved) nodes_.Forget(closed.node, 1);
   if (file && file->is_hidden && closed.is_last) {
-    files_.Unlink(file->path, [request](Outcome) { fuse_reply_err(request, 0); });
+    files_.Unlink(file->path, [request](Outcome) { request.ReplyError(0); });
   } else if (file && closed.is_written) {
     const ModeGuard access(files_, file->path, file->attributes.st_mode);
     files_.Release(file->path, [this, request, node = closed.node,
                                 last_write = open_files_.LastWrite()](Outcome outcome) {
       if (outcome == Outcome::kDone) open_files_.NoteSynced(node, last_write);
-      fuse_reply_err(request, 0);
+      request.ReplyError(0);
     });
   } else {
-    fuse_reply_err(request, 0);
+    request.ReplyError(0);
   }
 }
 
@@ -310,19 +322,19 @@ struct FuseMount::AttributeChange {
 
 /// Times are accepted but not set: the protocol cannot set them, and tar, cp -p, rsync and touch
 /// would fail if they were refused.
-void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
-                              fuse_file_info* /*handle*/) {
+void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, struct stat* wanted,
+                              int which, fuse_file_info* /*handle*/) {
   constexpr int kOwner = FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID;
   if ((which & FUSE_SET_ATTR_SIZE) != 0) writes_.Drain(node);
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
-  if (!file) return void(fuse_reply_err(request, ESTALE));
+  if (!file) return request.ReplyError(ESTALE);
   const auto& path = file->path;
   const bool sets_mode = (which & FUSE_SET_ATTR_MODE) != 0;
   const bool sets_owner = (which & kOwner) != 0;
   // The module would follow the link and change its target.
   if (S_ISLNK(file->attributes.st_mode) && (sets_mode || sets_owner)) {
-    return void(fuse_reply_err(request, ENOTSUP));
+    return request.ReplyError(ENOTSUP);
   }
 
   const auto change = std::make_shared<AttributeChange>();
@@ -349,7 +361,7 @@ void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* 
     if (!TakesSize(path, size)) {
       return SetLargeSize(files_, path, size,
                           [this, request, node, file = *file, change](int error) {
-                            if (error != 0) return void(fuse_reply_err(request, error));
+                            if (error != 0) return request.ReplyError(error);
                             open_files_.NoteWrite(node);
                             ReplyChangedAttributes(request, node, file, change);
                           });
@@ -362,7 +374,7 @@ void FuseMount::SetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* 
 
 /// Asks for the attributes right after the changes, which saves a round trip: requests are carried
 /// out in order, so the reply shows the result.
-void FuseMount::ReplyChangedAttributes(fuse_req_t request, fuse_ino_t node,
+void FuseMount::ReplyChangedAttributes(const KernelRequest& request, fuse_ino_t node,
                                        const NodeTable::File& file,
                                        const std::shared_ptr<AttributeChange>& change) {
   files_.GetAttributes(file.path, [this, request, node, is_hidden = file.is_hidden,
@@ -376,16 +388,16 @@ void FuseMount::ReplyChangedAttributes(fuse_req_t request, fuse_ino_t node,
   });
 }
 
-void FuseMount::ReplyFailure(fuse_req_t request, Outcome outcome, Attempt attempt) {
+void FuseMount::ReplyFailure(const KernelRequest& request, Outcome outcome, Attempt attempt) {
   FindFailureReason(files_, outcome, std::move(attempt), [this, request](int error) {
     writes_.NoteFailure(error);
-    fuse_reply_err(request, error);
+    request.ReplyError(error);
   });
 }
 
-void FuseMount::ReplyDone(fuse_req_t request) {
+void FuseMount::ReplyDone(const KernelRequest& request) {
   ++changes_;
-  fuse_reply_err(request, 0);
+  request.ReplyError(0);
 }
 
 }  // namespace cpd::host

@@ -28,40 +28,40 @@ constexpr uint32_t kAccess = S_IRWXU | S_IRWXG | S_IRWXO;
 
 /// What is needed to make a name and to reply to the kernel.
 struct FuseMount::Making {
-  fuse_req_t request;
+  KernelRequest request;
   Attempt attempt;
   NodeTable::Id parent;
   std::string path;  ///< of the new name
   std::string name;
   std::optional<uint32_t> mode;  ///< to set if the disk gave another one
-  std::function<int(const fuse_entry_param& entry)> reply;
+  std::function<bool(const fuse_entry_param& entry)> reply;
   Outcome outcome = Outcome::kDone;
 };
 
-void FuseMount::Create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
-                       fuse_file_info* handle) {
+void FuseMount::Create(const KernelRequest& request, fuse_ino_t parent, const char* name,
+                       mode_t mode, fuse_file_info* handle) {
   MakeFile(request, parent, name, mode,
            [this, request, handle = *handle](const fuse_entry_param& entry) mutable {
              handle.fh = open_files_.Open(entry.ino);
              open_files_.NoteUse(entry.ino);
-             const int error = fuse_reply_create(request, &entry, &handle);
-             if (error != 0) open_files_.Close(handle.fh);
-             return error;
+             const bool is_open = request.ReplyCreated(entry, handle);
+             if (!is_open) open_files_.Close(handle.fh);
+             return is_open;
            });
 }
 
-void FuseMount::MakeNode(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
-                         dev_t /*device*/) {
-  if (!S_ISREG(mode)) return void(fuse_reply_err(request, ENOTSUP));
+void FuseMount::MakeNode(const KernelRequest& request, fuse_ino_t parent, const char* name,
+                         mode_t mode, dev_t /*device*/) {
+  if (!S_ISREG(mode)) return request.ReplyError(ENOTSUP);
   MakeFile(request, parent, name, mode,
-           [request](const fuse_entry_param& entry) { return fuse_reply_entry(request, &entry); });
+           [request](const fuse_entry_param& entry) { return request.ReplyEntry(entry); });
 }
 
-void FuseMount::MakeFile(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
-                         std::function<int(const fuse_entry_param& entry)> reply) {
+void FuseMount::MakeFile(const KernelRequest& request, fuse_ino_t parent, const char* name,
+                         mode_t mode, std::function<bool(const fuse_entry_param& entry)> reply) {
   const auto pass = Enter();
   const auto path = nodes_.ChildPath(parent, name);
-  if (!path) return void(fuse_reply_err(request, ESTALE));
+  if (!path) return request.ReplyError(ESTALE);
   const auto making =
       std::make_shared<Making>(Making{.request = request,
                                       .attempt = {.kind = Kind::kMakeFile, .path = *path},
@@ -75,21 +75,19 @@ void FuseMount::MakeFile(fuse_req_t request, fuse_ino_t parent, const char* name
   ShowMade(making);
 }
 
-void FuseMount::MakeDirectory(fuse_req_t request, fuse_ino_t parent, const char* name,
+void FuseMount::MakeDirectory(const KernelRequest& request, fuse_ino_t parent, const char* name,
                               mode_t mode) {
   const auto pass = Enter();
   const auto path = nodes_.ChildPath(parent, name);
-  if (!path) return void(fuse_reply_err(request, ESTALE));
-  const auto making =
-      std::make_shared<Making>(Making{.request = request,
-                                      .attempt = {.kind = Kind::kMakeDirectory, .path = *path},
-                                      .parent = parent,
-                                      .path = *path,
-                                      .name = name,
-                                      .mode = mode & kPermissions,
-                                      .reply = [request](const fuse_entry_param& entry) {
-                                        return fuse_reply_entry(request, &entry);
-                                      }});
+  if (!path) return request.ReplyError(ESTALE);
+  const auto making = std::make_shared<Making>(Making{
+      .request = request,
+      .attempt = {.kind = Kind::kMakeDirectory, .path = *path},
+      .parent = parent,
+      .path = *path,
+      .name = name,
+      .mode = mode & kPermissions,
+      .reply = [request](const fuse_entry_param& entry) { return request.ReplyEntry(entry); }});
   const auto keep_outcome = [making](Outcome outcome) { making->outcome = outcome; };
   if (path->find('\\') == std::string::npos) {
     files_.MakeDirectory(*path, mode & kPermissions, keep_outcome);
@@ -104,29 +102,27 @@ void FuseMount::MakeDirectory(fuse_req_t request, fuse_ino_t parent, const char*
   ShowMade(making);
 }
 
-void FuseMount::Link(fuse_req_t request, fuse_ino_t node, fuse_ino_t new_parent,
+void FuseMount::Link(const KernelRequest& request, fuse_ino_t node, fuse_ino_t new_parent,
                      const char* new_name) {
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
   const auto new_path = nodes_.ChildPath(new_parent, new_name);
-  if (!file || !new_path) return void(fuse_reply_err(request, ESTALE));
-  const auto making = std::make_shared<Making>(
-      Making{.request = request,
-             .attempt = {.kind = Kind::kLink, .path = file->path, .new_path = *new_path},
-             .parent = new_parent,
-             .path = *new_path,
-             .name = new_name,
-             .mode = std::nullopt,
-             .reply = [request](const fuse_entry_param& entry) {
-               return fuse_reply_entry(request, &entry);
-             }});
+  if (!file || !new_path) return request.ReplyError(ESTALE);
+  const auto making = std::make_shared<Making>(Making{
+      .request = request,
+      .attempt = {.kind = Kind::kLink, .path = file->path, .new_path = *new_path},
+      .parent = new_parent,
+      .path = *new_path,
+      .name = new_name,
+      .mode = std::nullopt,
+      .reply = [request](const fuse_entry_param& entry) { return request.ReplyEntry(entry); }});
   files_.Link(file->path, *new_path, [making](Outcome outcome) { making->outcome = outcome; });
   ShowMade(making);
 }
 
-void FuseMount::MakeSymbolicLink(fuse_req_t request, const char* /*target*/, fuse_ino_t /*parent*/,
-                                 const char* /*name*/) {
-  fuse_reply_err(request, ENOTSUP);
+void FuseMount::MakeSymbolicLink(const KernelRequest& request, const char* /*target*/,
+                                 fuse_ino_t /*parent*/, const char* /*name*/) {
+  request.ReplyError(ENOTSUP);
 }
 
 /// Replies with the attributes of what was made. If the client's umask changed the mode that the
@@ -136,7 +132,7 @@ void FuseMount::ShowMade(const std::shared_ptr<Making>& making) {
     if (making->outcome != Outcome::kDone) {
       return ReplyFailure(making->request, making->outcome, making->attempt);
     }
-    if (result.error != 0) return void(fuse_reply_err(making->request, result.error));
+    if (result.error != 0) return making->request.ReplyError(result.error);
     const uint32_t mode = result.value.st_mode;
     const auto wanted = std::exchange(making->mode, std::nullopt);
     if (wanted && ((mode ^ *wanted) & kAccess) != 0) {
@@ -146,16 +142,16 @@ void FuseMount::ShowMade(const std::shared_ptr<Making>& making) {
     const auto entry =
         ToEntry(nodes_.Lookup(making->parent, making->name, result.value), result.value);
     ++changes_;
-    if (making->reply(entry) != 0) nodes_.Forget(entry.ino, 1);
+    if (!making->reply(entry)) TakeBack(entry.ino);
   });
 }
 
 // ---- Removing ----
 
-void FuseMount::Unlink(fuse_req_t request, fuse_ino_t parent, const char* name) {
+void FuseMount::Unlink(const KernelRequest& request, fuse_ino_t parent, const char* name) {
   const auto move = BeginMove();
   const auto path = nodes_.ChildPath(parent, name);
-  if (!path) return void(fuse_reply_err(request, ESTALE));
+  if (!path) return request.ReplyError(ESTALE);
   if (const auto node = nodes_.NodeIfOnlyName(parent, name); node && open_files_.IsOpen(*node)) {
     return Hide(request, parent, name, move);
   }
@@ -173,12 +169,12 @@ void FuseMount::Unlink(fuse_req_t request, fuse_ino_t parent, const char* name) 
 
 /// Removes the last name of a file that programs have open: renames it on the disk to a hidden
 /// name, which is removed when the last program closes the file.
-void FuseMount::Hide(fuse_req_t request, fuse_ino_t parent, const std::string& name,
+void FuseMount::Hide(const KernelRequest& request, fuse_ino_t parent, const std::string& name,
                      const RenameGate::Move& move) {
   const auto hidden_name = HiddenName();
   const auto path = nodes_.ChildPath(parent, name);
   const auto hidden_path = nodes_.ChildPath(parent, hidden_name);
-  if (!path || !hidden_path) return void(fuse_reply_err(request, ESTALE));
+  if (!path || !hidden_path) return request.ReplyError(ESTALE);
   files_.Rename(
       *path, *hidden_path,
       [this, move, request, parent, name, hidden_name, path = *path](Outcome outcome) {
@@ -191,10 +187,10 @@ void FuseMount::Hide(fuse_req_t request, fuse_ino_t parent, const std::string& n
       nodes_.CurrentAttributes(parent, name));
 }
 
-void FuseMount::RemoveDirectory(fuse_req_t request, fuse_ino_t parent, const char* name) {
+void FuseMount::RemoveDirectory(const KernelRequest& request, fuse_ino_t parent, const char* name) {
   const auto move = BeginMove();
   const auto path = nodes_.ChildPath(parent, name);
-  if (!path) return void(fuse_reply_err(request, ESTALE));
+  if (!path) return request.ReplyError(ESTALE);
   LiftHiddenFiles(parent, name, move);
   files_.RemoveDirectory(
       *path,
@@ -232,7 +228,7 @@ void FuseMount::RemoveHiddenFiles() {
 // ---- Renaming ----
 
 struct FuseMount::Renaming {
-  fuse_req_t request;
+  KernelRequest request;
   RenameGate::Move move;
   NodeTable::Id parent;
   std::string name;
@@ -245,14 +241,14 @@ struct FuseMount::Renaming {
   bool is_linked = false;  ///< at hidden_path, so that new_path stays until it is replaced
 };
 
-void FuseMount::Rename(fuse_req_t request, fuse_ino_t parent, const char* name,
+void FuseMount::Rename(const KernelRequest& request, fuse_ino_t parent, const char* name,
                        fuse_ino_t new_parent, const char* new_name, unsigned flags) {
   // The protocol has neither an exchange nor a rename that refuses to replace.
-  if (flags != 0) return void(fuse_reply_err(request, EINVAL));
+  if (flags != 0) return request.ReplyError(EINVAL);
   auto move = BeginMove();
   const auto path = nodes_.ChildPath(parent, name);
   const auto new_path = nodes_.ChildPath(new_parent, new_name);
-  if (!path || !new_path) return void(fuse_reply_err(request, ESTALE));
+  if (!path || !new_path) return request.ReplyError(ESTALE);
   const auto renaming = std::make_shared<Renaming>(Renaming{.request = request,
                                                             .move = std::move(move),
                                                             .parent = parent,
@@ -272,7 +268,7 @@ void FuseMount::Rename(fuse_req_t request, fuse_ino_t parent, const char* name,
 void FuseMount::HideTarget(const std::shared_ptr<Renaming>& renaming) {
   const auto hidden_name = HiddenName();
   auto hidden_path = nodes_.ChildPath(renaming->new_parent, hidden_name);
-  if (!hidden_path) return void(fuse_reply_err(renaming->request, ESTALE));
+  if (!hidden_path) return renaming->request.ReplyError(ESTALE);
   renaming->hidden_path = *std::move(hidden_path);
   const auto go_on = [this, renaming, hidden_name] {
     nodes_.Hide(renaming->new_parent, renaming->new_name, hidden_name);

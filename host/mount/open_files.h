@@ -153,6 +153,7 @@ class OpenFiles {
     const std::lock_guard lock(mutex_);
     for (auto& [handle, open] : handles_) {
       open.seen_failures = files_.at(open.node).failures;  // a loss says as much
+      open.unheard = 0;
       open.content = nullptr;
     }
   }
@@ -170,6 +171,7 @@ class OpenFiles {
   int TakeFailure(Handle handle) {
     const std::lock_guard lock(mutex_);
     auto& open = handles_.at(handle);
+    if (const int unheard = std::exchange(open.unheard, 0); unheard != 0) return unheard;
     const auto& file = files_.at(open.node);
     if (open.seen_failures == file.failures) return 0;
     open.seen_failures = file.failures;
@@ -187,6 +189,12 @@ class OpenFiles {
     return failure == 0 && has_lost ? EIO : failure;
   }
 
+  /// What was taken did not reach the program, so the handle reports it next time.
+  void PutBack(Handle handle, int error) {
+    const std::lock_guard lock(mutex_);
+    handles_.at(handle).unheard = error;
+  }
+
  private:
   struct File {
     unsigned handles = 0;
@@ -202,6 +210,7 @@ class OpenFiles {
     NodeTable::Id node;
     uint64_t seen_failures;
     uint64_t seen_losses;
+    int unheard = 0;
     bool has_written = false;
     bool has_moved = false;
     CheckedReads::SharedContent content = nullptr;

@@ -187,6 +187,11 @@ void Session::Receive(std::unique_ptr<CpdPacket> packet) {
   delivering_.notify_all();
 }
 
+bool Session::IsCutOff() const {
+  const std::lock_guard lock(mutex_);
+  return broken_.has_value();
+}
+
 Statistics Session::statistics() const {
   const std::lock_guard lock(mutex_);
   return statistics_;

@@ -77,6 +77,8 @@ class Session {
   /// Sends a packet that has no reply; does nothing without a channel.
   void Tell(std::unique_ptr<CpdPacket> packet);
 
+  /// Whether requests wait because the channel broke.
+  [[nodiscard]] bool IsCutOff() const;
   Statistics statistics() const;
   /// What the mechanisms that use this session count.
   Savings& savings() { return savings_; }

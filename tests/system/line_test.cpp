@@ -3,6 +3,8 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +14,7 @@
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,6 +27,36 @@ namespace fs = std::filesystem;
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+/// A function that runs in a process of its own, which a signal ends. The destructor kills it.
+class ForkedProgram {
+ public:
+  /// @param run  returns the exit status
+  explicit ForkedProgram(const std::function<int()>& run) : pid_(fork()) {
+    if (pid_ == 0) _exit(run());
+  }
+  ~ForkedProgram() {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  ForkedProgram(const ForkedProgram&) = delete;
+  ForkedProgram& operator=(const ForkedProgram&) = delete;
+
+  [[nodiscard]] pid_t pid() const { return pid_; }
+  [[nodiscard]] bool HasEnded() const {
+    siginfo_t info{};
+    return waitid(P_PID, pid_, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid_;
+  }
+  /// To be called once it has ended. @return 128 and more if a signal ended it
+  [[nodiscard]] int status() const {
+    siginfo_t info{};
+    waitid(P_PID, pid_, &info, WEXITED | WNOWAIT);
+    return info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status;
+  }
+
+ private:
+  const pid_t pid_;
+};
 
 /// A disk over a line that does what the test says; see cut_line.cpp.
 class BadLine : public MountTest {
@@ -246,8 +279,102 @@ TEST_P(EachRequest, FailsWhenTheLineStaysDownAndTheMountComesBackAfterwards) {
   EXPECT_TRUE(WasDone());
 }
 
+TEST_P(EachRequest, EndsWithItsInterruptedProgramWhileTheLineIsDown) {
+  auto mounted = Mount();
+  Order("down", GetParam().code);
+  {
+    const ForkedProgram program([&] { return GetParam().ask(mounted); });
+    ASSERT_TRUE(Eventually([&] { return Done() == 1; }));
+    std::this_thread::sleep_for(300ms);
+    kill(program.pid(), SIGINT);
+    EXPECT_TRUE(Eventually([&] { return program.HasEnded(); }, 2s));
+  }
+  Order("");
+  // The kernel may have cut a write into several requests, of which one was under way.
+  EXPECT_TRUE(Eventually([&] { return WasDone() || !WasNotDone(); }))
+      << "what was under way is not carried out";
+  EXPECT_TRUE(Eventually([&] { return ReadFile(mounted / "full/one").empty(); }));
+  EXPECT_EQ(mounted.Unmount().status, 0);
+}
+
 INSTANTIATE_TEST_SUITE_P(Over, EachRequest, testing::ValuesIn(Requests()),
                          [](const auto& request) { return std::string(request.param.name); });
+
+// ---- Interrupted programs ----
+
+/// Makes signals interrupt this program's system calls all the time.
+void InterruptAllTheTime() {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  sigaction(SIGALRM, &action, nullptr);
+  const itimerval every{.it_interval = {.tv_sec = 0, .tv_usec = 3000},
+                        .it_value = {.tv_sec = 0, .tv_usec = 3000}};
+  setitimer(ITIMER_REAL, &every, nullptr);
+}
+
+/// What an interrupted program sees in the end.
+struct Seen {
+  int error = 0;             // the first that is none of an interrupted call's
+  unsigned interrupted = 0;  // calls
+};
+
+/// Reads one file and writes another until an error, or until the time has passed.
+Seen ReadAndWrite(const std::string& read_file, const std::string& written_file) {
+  InterruptAllTheTime();
+  Seen seen;
+  const auto note = [&seen](int error) {
+    if (error == EINTR) ++seen.interrupted;
+    if (error != EINTR && seen.error == 0) seen.error = error;
+  };
+  const auto end = Clock::now() + 6s;
+  while (Clock::now() < end && seen.error == 0) {
+    note(WithOpenFile(read_file, O_RDONLY, [](int fd) {
+      std::string bytes(100'000, '\0');
+      const auto count = read(fd, bytes.data(), bytes.size());
+      if (count < 0) return errno;
+      return Bytes(100'000).starts_with(bytes.substr(0, count)) ? 0 : EILSEQ;
+    }));
+    note(WithOpenFile(written_file, O_WRONLY | O_CREAT, [](int fd) {
+      const int error = ErrorOf(write(fd, std::string(20'000, 'x').data(), 20'000));
+      return error != 0 ? error : ErrorOf(fsync(fd));
+    }));
+    struct stat status {};
+    note(ErrorOf(stat(read_file.c_str(), &status)));
+    note(ErrorOf(rename(written_file.c_str(), (written_file + "2").c_str())));
+    note(ErrorOf(rename((written_file + "2").c_str(), written_file.c_str())));
+    if (seen.error == ENOENT) seen.error = 0;  // a rename that went on after its program's end
+  }
+  return seen;
+}
+
+TEST_F(BadLine, ProgramsThatSignalsInterruptWhileItDropsSeeNothingWorseThanThat) {
+  WriteFile(disk / "file", Bytes(100'000));
+  auto mounted = Mount();
+  std::vector<std::unique_ptr<ForkedProgram>> programs;
+  for (int i = 0; i < 4; ++i) {
+    programs.push_back(std::make_unique<ForkedProgram>([&, i] {
+      const auto seen = ReadAndWrite(mounted / "file", (mounted / "written") + std::to_string(i));
+      if (seen.error != 0) return seen.error;
+      return seen.interrupted > 0 ? 0 : ENOMSG;
+    }));
+  }
+  const auto end = Clock::now() + 5s;
+  while (Clock::now() < end) {
+    const auto before = Done();
+    Order("down");
+    EXPECT_TRUE(Eventually([&] { return Done() > before; }));
+    std::this_thread::sleep_for(200ms);
+    Order("");
+    std::this_thread::sleep_for(700ms);
+  }
+  for (const auto& program : programs) {
+    EXPECT_TRUE(Eventually([&] { return program->HasEnded(); }));
+    EXPECT_EQ(program->status(), 0) << strerror(program->status());
+  }
+  EXPECT_EQ(Shell("cmp " + (mounted / "file") + " " + (disk / "file"), kHang).output, "");
+  const auto ending = mounted.Unmount();
+  EXPECT_EQ(ending.status, 0) << ending.err;
+}
 
 // ---- Silence and nonsense ----
 

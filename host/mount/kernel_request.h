@@ -1,0 +1,99 @@
+// A request of the kernel, and what happens when the program that waits for it is interrupted.
+#pragma once
+
+#include <fuse_lowlevel.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stop_token>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace cpd::host {
+
+class Interruptions;
+
+/// A request of the kernel. Copies stand for the same request, which is concluded when the last one
+/// is gone. Callable from any thread.
+///
+/// The first reply counts; it may come from Interruptions. Later ones have no effect, so each says
+/// whether the kernel took it, and with it what it gives the kernel, such as a reference to a node.
+class KernelRequest {
+ public:
+  /// @param interruptions  must outlive the request and its copies
+  KernelRequest(fuse_req_t request, Interruptions& interruptions);
+
+  /// @param error  an errno; 0 = success
+  void ReplyError(int error) const { (void)TryError(error); }
+  /// @return whether the program hears of it
+  [[nodiscard]] bool TryError(int error) const;
+  [[nodiscard]] bool ReplyEntry(const fuse_entry_param& entry) const;
+  [[nodiscard]] bool ReplyCreated(const fuse_entry_param& entry,
+                                  const fuse_file_info& handle) const;
+  [[nodiscard]] bool ReplyOpened(const fuse_file_info& handle) const;
+  /// @param trusted  for how long the kernel may cache them, in seconds
+  [[nodiscard]] bool ReplyAttributes(const struct stat& attributes, double trusted) const;
+  [[nodiscard]] bool ReplyWritten(size_t size) const;
+  [[nodiscard]] bool ReplyBytes(std::string_view bytes) const;
+  void ReplyStatistics(const struct statvfs& statistics) const;
+
+ private:
+  friend class Interruptions;
+  struct State;
+
+  explicit KernelRequest(std::shared_ptr<State> state) : state_(std::move(state)) {}
+  static void OnInterrupt(fuse_req_t request, void* state);
+  [[nodiscard]] bool IsAnswered() const;
+  template <class Reply>
+  [[nodiscard]] bool Answer(Reply reply) const;
+  void AnswerInterrupted() const;
+
+  std::shared_ptr<State> state_;
+};
+
+/// Lets programs be interrupted while the disk cannot be reached: answers their requests with
+/// EINTR. What was asked is carried out all the same, since it may be on its way.
+///
+/// The kernel keeps nodes and handles until a request is answered, and the code that carries it out
+/// relies on that. So while requests go on after such an answer, what the kernel gives back has to
+/// wait.
+class Interruptions {
+ public:
+  /// @param is_cut_off  whether the disk cannot be reached now
+  explicit Interruptions(std::function<bool()> is_cut_off);
+  ~Interruptions() { Finish(); }
+  Interruptions(const Interruptions&) = delete;
+  Interruptions& operator=(const Interruptions&) = delete;
+
+  /// Runs work that takes a node or a handle away: at once if no interrupted request goes on,
+  /// otherwise later, on a thread of its own.
+  void RunWhenConcluded(std::function<void()> work);
+  /// Runs what still waits. No program can be interrupted after this.
+  void Finish();
+
+ private:
+  friend class KernelRequest;
+
+  void Add(KernelRequest request);
+  void NoteConclusion();
+  void AnswerWhenCutOff(const std::stop_token& stop);
+  void RunDeferred(const std::stop_token& stop);
+
+  const std::function<bool()> is_cut_off_;
+  std::mutex mutex_;
+  std::vector<KernelRequest> interrupted_;       // guarded by mutex_; may not be answered yet
+  size_t unconcluded_ = 0;                       // guarded by mutex_; requests answered with EINTR
+  std::vector<std::function<void()>> deferred_;  // guarded by mutex_
+  std::condition_variable_any changed_;
+  std::jthread answering_;  // last, like the next: joined before what they use is destroyed
+  std::jthread running_;
+};
+
+}  // namespace cpd::host
