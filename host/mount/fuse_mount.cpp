@@ -14,11 +14,14 @@
 
 #include "mount/fuse_reply.h"
 #include "remote/attributes.h"
+#include "remote/periodic.h"
 #include "remote/session.h"
 #include "remote/statistics.h"
 
 namespace cpd::host {
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr unsigned kMostBackground = 64;
 constexpr ino_t kUnknownInode = 0xffffffff;  // 0 would mark a deleted entry
@@ -61,11 +64,17 @@ void FuseMount::Serve(const sigset_t& stop_signals) {
   if (fuse_set_signal_handlers(kernel_.session()) != 0) {
     throw std::runtime_error("cannot set the signal handlers");
   }
-  pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
-
   const std::unique_ptr<fuse_loop_config, decltype(&fuse_loop_cfg_destroy)> config(
       fuse_loop_cfg_create(), &fuse_loop_cfg_destroy);
-  const int result = fuse_session_loop_mt(kernel_.session(), config.get());
+  int result = 0;
+  {
+    // The loop ends when its threads do, and these may wait for another line to the disk.
+    const Periodic no_waiting_at_end(100ms, [this] {
+      if (fuse_session_exited(kernel_.session()) != 0) session_.StopWaiting();
+    });
+    pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
+    result = fuse_session_loop_mt(kernel_.session(), config.get());
+  }
 
   // Everything under way is answered before the unmount, so that nothing replies to a mount that is
   // gone. The signals are blocked, so that a second one does not interrupt this.

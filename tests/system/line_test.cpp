@@ -376,6 +376,35 @@ TEST_F(BadLine, ProgramsThatSignalsInterruptWhileItDropsSeeNothingWorseThanThat)
   EXPECT_EQ(ending.status, 0) << ending.err;
 }
 
+TEST_F(BadLine, AMountThatIsToldToEndDoesSoWhileProgramsWaitForTheLine) {
+  for (const char* name : {"read", "written", "renamed", "removed"}) WriteFile(disk / name, "old");
+  auto mounted = Mount();
+  const int fd = open((mounted / "written").c_str(), O_WRONLY | O_CLOEXEC);
+  ASSERT_EQ(write(fd, "new", 3), 3);
+  Order("down");
+  ASSERT_TRUE(Eventually([&] { return Done() == 1; }));
+  const std::vector<std::function<int()>> calls{
+      [&] { return ErrorOf(write(fd, "newer", 5)); },
+      [&] { return ErrorOf(fsync(fd)); },
+      [&] { return ErrorOf(rename((mounted / "renamed").c_str(), (mounted / "other").c_str())); },
+      [&] { return ErrorOf(unlink((mounted / "removed").c_str())); },
+      [&] { return ReadFile(mounted / "read") == "old" ? 0 : EIO; },
+  };
+  std::vector<std::unique_ptr<ForkedProgram>> programs;
+  for (const auto& call : calls) {
+    programs.push_back(std::make_unique<ForkedProgram>(call));
+    std::this_thread::sleep_for(50ms);
+  }
+  std::this_thread::sleep_for(500ms);
+  const auto start = Clock::now();
+  EXPECT_EQ(mounted.Unmount().status, 0);
+  EXPECT_LT(Clock::now() - start, 4s);
+  for (const auto& program : programs) {
+    EXPECT_TRUE(Eventually([&] { return program->HasEnded(); }, 2s)) << "a program hangs";
+  }
+  close(fd);
+}
+
 // ---- Silence and nonsense ----
 
 class StalledLine : public BadLine {
