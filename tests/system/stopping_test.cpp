@@ -143,6 +143,7 @@ TEST_F(Stopping, AClosedPipeForTheTableIsAnErrorButTheDiskIsUnmounted) {
   EXPECT_EQ(host.Wait(), 0);
   EXPECT_EQ(ReadFile(place / "status"), "1\n");
   EXPECT_EQ(ReadFile(place / "err"), "cpd-host: standard output: Broken pipe\n");
+  EXPECT_FALSE(IsMounted(mount_point));
 }
 
 TEST_F(Stopping, ADiskThatGoesAwayDuringAReadHangsNoProgram) {

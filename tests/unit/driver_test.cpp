@@ -397,6 +397,7 @@ TEST_F(DriverTest, APolicyMayBeNullOrLongOrContainPrintfDirectives) {
     for (const string& next : {longer_than_is_kept, string("100%s%n"), string("short")}) {
       EXPECT_EQ(driver->onPolicyChange(next), 0);
     }
+    ASSERT_TRUE(device.WaitForPackets(2));  // the notice and the announcement
     device.TakeSent();
     EXPECT_EQ(Deliver(kGetKnown), 0);
     EXPECT_TRUE(device.WaitForPackets(1));

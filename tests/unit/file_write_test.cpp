@@ -139,8 +139,11 @@ TEST_F(FileWrite, KeepsBytesOfEveryValue) {
 }
 
 TEST_F(FileWrite, TreatsEveryFlagExceptZeroAsSingle) {
-  ExpectSuccess(WriteRequest{.path = kKnownFile, .data = "K", .single = 0x80000000});
-  EXPECT_EQ(disk.ReadBack(kKnownFile), "Known content");
+  for (const uint32_t flag : {1U, 2U, 0x100U, 0x80000000U, 0xffffffffU}) {
+    disk.MakeFile(kKnownFile, "known content");
+    ExpectSuccess(WriteRequest{.path = kKnownFile, .data = "K", .single = flag});
+    EXPECT_EQ(disk.ReadBack(kKnownFile), "Known content") << flag;
+  }
 }
 
 TEST_F(FileWrite, WritesItsSizeAndIgnoresFurtherBytes) {
