@@ -28,7 +28,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// A function that runs in a process of its own, which a signal ends. The destructor kills it.
+/// Runs a function in a process of its own. The destructor kills it.
 class ForkedProgram {
  public:
   /// @param run  returns the exit status
@@ -314,7 +314,7 @@ void InterruptAllTheTime() {
 
 /// What an interrupted program sees in the end.
 struct Seen {
-  int error = 0;             // the first that is none of an interrupted call's
+  int error = 0;             // the first one other than EINTR
   unsigned interrupted = 0;  // calls
 };
 
@@ -342,12 +342,12 @@ Seen ReadAndWrite(const std::string& read_file, const std::string& written_file)
     note(ErrorOf(stat(read_file.c_str(), &status)));
     note(ErrorOf(rename(written_file.c_str(), (written_file + "2").c_str())));
     note(ErrorOf(rename((written_file + "2").c_str(), written_file.c_str())));
-    if (seen.error == ENOENT) seen.error = 0;  // a rename that went on after its program's end
+    if (seen.error == ENOENT) seen.error = 0;  // an interrupted rename may still be carried out
   }
   return seen;
 }
 
-TEST_F(BadLine, ProgramsThatSignalsInterruptWhileItDropsSeeNothingWorseThanThat) {
+TEST_F(BadLine, InterruptedProgramsSeeNoOtherErrorWhileItDrops) {
   WriteFile(disk / "file", Bytes(100'000));
   auto mounted = Mount();
   std::vector<std::unique_ptr<ForkedProgram>> programs;
@@ -376,7 +376,7 @@ TEST_F(BadLine, ProgramsThatSignalsInterruptWhileItDropsSeeNothingWorseThanThat)
   EXPECT_EQ(ending.status, 0) << ending.err;
 }
 
-TEST_F(BadLine, AMountThatIsToldToEndDoesSoWhileProgramsWaitForTheLine) {
+TEST_F(BadLine, AMountCanBeEndedWhileProgramsWaitForTheLine) {
   for (const char* name : {"read", "written", "renamed", "removed"}) WriteFile(disk / name, "old");
   auto mounted = Mount();
   const int fd = open((mounted / "written").c_str(), O_WRONLY | O_CLOEXEC);
