@@ -154,6 +154,7 @@ bool Connection::SendWhenRoom(std::shared_ptr<const CpdPacket> packet) {
   std::unique_lock lock(mutex_);
   room_.wait(lock, [&] { return is_ended_ || HasRoomLocked(ChargeOf(length)); });
   if (!is_ended_) SendLocked(std::move(packet));
+  room_.wait(lock, [&] { return is_ended_ || unwritten_ <= kMostUnwritten; });
   return !is_ended_;
 }
 
@@ -233,6 +234,7 @@ void Connection::WriteLocked() {
       return Wake();
     }
     auto written = static_cast<size_t>(result);
+    const bool was_much = unwritten_ > kMostUnwritten;
     while (!pending_.empty() && written >= pending_.front().size) {
       written -= pending_.front().size;
       unwritten_ -= pending_.front().charge;
@@ -242,6 +244,7 @@ void Connection::WriteLocked() {
       pending_.front().data += written;
       pending_.front().size -= written;
     }
+    if (was_much && unwritten_ <= kMostUnwritten) room_.notify_all();
   }
 }
 

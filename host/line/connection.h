@@ -43,6 +43,9 @@ struct LineTimes {
   std::chrono::milliseconds goodbye{1500};  ///< what is sent last may take this long to leave
 };
 
+/// What SendWhenRoom leaves to be written, as a charge: enough to keep a line busy.
+inline constexpr uint64_t kMostUnwritten = 2 << 20;
+
 /// The other side has ended the session before it began on this line.
 class FarewellError : public StreamError {
  public:
@@ -91,7 +94,9 @@ class Connection {
   /// Sends a packet whether there is room or not; never waits. Does nothing when the connection has
   /// ended.
   void Send(std::shared_ptr<const CpdPacket> packet);
-  /// Waits until there is room, then sends. @return false when the connection has ended
+  /// Waits until there is room, then sends, and waits until most of it is written. Otherwise the
+  /// caller could make its next packet while this side still holds many of them.
+  /// @return false when the connection has ended
   bool SendWhenRoom(std::shared_ptr<const CpdPacket> packet);
   /// Reports that a received packet is no longer held.
   /// @param charge  ChargeOf its length

@@ -16,6 +16,8 @@ namespace cpd::host {
 namespace {
 
 constexpr uint32_t kProbeId = 0x50524f42;
+/// What requests take in addition to their packets and replies, in bytes.
+constexpr uint64_t kSpareMemory = 5 << 20;
 
 }  // namespace
 
@@ -59,6 +61,7 @@ bool Intake::NoteReply(const CpdPacket& reply) {
 Hello DiskEnd::OwnHello() const {
   const auto identity = identifier_.Now();
   return {.role = Role::kDisk,
+          .largest = kLargestRequest,
           .window = options_.window,
           .session = options_.session,
           .disk = identity.disk,
@@ -94,6 +97,8 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
                         },
                     .room = [] {},
                     .ended = std::move(ended)});
+  // Now all threads have their stacks.
+  memory_.Set(options_.window + kMostUnwritten + 2 * kLargestPacket + kSpareMemory);
 }
 
 // Each uses the other. Closing the connection first stops its use of the driver, and ends the

@@ -14,6 +14,7 @@
 #include "line/connection.h"
 #include "line/disk_identity.h"
 #include "line/line_keeper.h"
+#include "line/memory_limit.h"
 #include "line/stream.h"
 #include "module/module.h"
 #include "module/served_disk.h"
@@ -51,6 +52,8 @@ class Intake {
   uint64_t since_probe_ = 0;      // guarded by mutex_; charge
 };
 
+/// Holds the window of requests at most, kMostUnwritten of replies, and one that is being made.
+///
 /// The disk is opened anew for each line, so that no request of an earlier line is still being
 /// carried out.
 class DiskEnd : public LineUser {
@@ -80,6 +83,7 @@ class DiskEnd : public LineUser {
   const Options options_;
   const DiskIdentifier identifier_;
   TraceFile trace_;
+  MemoryLimit memory_;
   const Module module_;  // stays loaded, since a process in its sandbox cannot load it again
   std::optional<ServedDisk> disk_;  // while there is a line
 };

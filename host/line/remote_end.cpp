@@ -4,6 +4,7 @@
 
 #include "line/signals_blocked.h"
 #include "remote/announcement.h"
+#include "remote/remote_files.h"
 
 namespace cpd::host {
 namespace {
@@ -11,6 +12,9 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kAnnouncementLimit = 10s;
+
+// The longest request, with a path in addition.
+static_assert(RemoteFiles::kLongestCheck + UINT16_MAX < kLargestRequest);
 
 AnnouncedDisk AwaitAnnouncement(Connection& connection) {
   using std::chrono::ceil, std::chrono::milliseconds, std::chrono::steady_clock;

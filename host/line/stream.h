@@ -23,8 +23,11 @@ enum class Role : uint8_t {
 /// An id that two machines never share by chance.
 using Id128 = std::array<uint8_t, 16>;
 
-/// Listings and small files come in packets of any size. A listing of 100 000 names fits this one.
-inline constexpr uint32_t kLargestPacket = 24 << 20;
+/// Longest packet that the remote side takes. The module makes a listing in one piece, and holds it
+/// twice. One of 100 000 names of up to 44 bytes fits.
+inline constexpr uint32_t kLargestPacket = 16 << 20;
+/// Longest packet that the disk's side takes: no request needs more.
+inline constexpr uint32_t kLargestRequest = 8 << 20;
 
 #pragma pack(push, 1)
 

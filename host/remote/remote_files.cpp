@@ -185,6 +185,7 @@ void RemoteFiles::List(const std::string& path, Done<Listing> done) {
 
 bool RemoteFiles::CanCheck(const Listing& listing) {
   return listing.entries.size() == listing.announced_entries &&
+         listing.bytes.size() <= kLongestCheck &&
          std::ranges::all_of(listing.entries, &Listing::Entry::HasAttributes);
 }
 

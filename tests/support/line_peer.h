@@ -37,7 +37,7 @@ inline host::Hello HelloOf(host::Role role, uint64_t window = host::kDefaultWind
           .version = host::kStreamVersion,
           .role = role,
           .is_ended = 0,
-          .largest = host::kLargestPacket,
+          .largest = role == host::Role::kDisk ? host::kLargestRequest : host::kLargestPacket,
           .window = window,
           .session = {},
           .disk = {},

@@ -1,0 +1,27 @@
+// Bounds a process's memory, whatever the other side of a line asks for.
+#pragma once
+
+#include <cstdint>
+
+#include "line/descriptor.h"
+
+namespace cpd::host {
+
+/// Makes allocations fail that go too far: the module needs twice the length of a listing, and a
+/// directory can have any number of entries. Then only the request in question fails.
+class MemoryLimit {
+ public:
+  /// To be called before the process enters its sandbox, which hides what is read here.
+  /// @throws std::system_error when the process cannot find out how much it has allocated
+  MemoryLimit();
+
+  /// From now on the process can allocate that much more, in bytes. Only the first call counts, so
+  /// that what is freed late does not raise the limit. Builds with a sanitizer have no limit.
+  void Set(uint64_t more);
+
+ private:
+  Descriptor counts_;
+  bool is_set_ = false;
+};
+
+}  // namespace cpd::host
