@@ -656,6 +656,17 @@ TEST_F(EndlessDirectory, IsListedAsOneThatCannotBeRead) {
   EXPECT_TRUE(StillServes());
 }
 
+using TraceId = OperatorTest;
+
+TEST_F(TraceId, IsMadeEvenWhenNoFileCanBeOpened) {
+  const FailingCalls fault({.call = "open", .error = EMFILE});
+  EXPECT_NO_THROW(udisk->TraceCpdDevice("E", &device, true, "what happened", "", ""));
+  EXPECT_EQ(fault.Affected(), 1) << "the source of random numbers";
+  const std::vector<Trace> traces = device.base().Traces();
+  ASSERT_EQ(traces.size(), 1U);
+  EXPECT_EQ(traces[0].id.size(), 16U);
+}
+
 class UnknownSize : public FaultTest {};
 
 TEST_F(UnknownSize, CountsAsOneMebibyte) {

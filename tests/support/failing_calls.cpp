@@ -88,15 +88,23 @@ FAILING(statvfs, (const char* path, struct statvfs* out), (path, out))
 FAILING(truncate, (const char* path, off_t length), (path, length))
 FAILING(unlink, (const char* path), (path))
 
-extern "C" int open(const char* path, int flags, ...) {
-  NEXT(open);
-  va_list more;
-  va_start(more, flags);
-  const bool has_mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
-  const mode_t mode = has_mode ? va_arg(more, mode_t) : 0;
-  va_end(more);
-  return cpd::test::Fails("open") ? -1 : next(path, flags, mode);
-}
+// With large files, this program's name of the call is open64. Libraries call open: libstdc++ for
+// its source of random numbers.
+#define FAILING_OPEN(function, name)                                                          \
+  extern "C" __attribute__((visibility("default"))) int function(const char* path, int flags, \
+                                                                 ...) __asm__(name);          \
+  int function(const char* path, int flags, ...) {                                            \
+    static const auto next = reinterpret_cast<decltype(&function)>(dlsym(RTLD_NEXT, name));   \
+    va_list more;                                                                             \
+    va_start(more, flags);                                                                    \
+    const bool has_mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;         \
+    const mode_t mode = has_mode ? va_arg(more, mode_t) : 0;                                  \
+    va_end(more);                                                                             \
+    return cpd::test::Fails("open") ? -1 : next(path, flags, mode);                           \
+  }
+
+FAILING_OPEN(OwnOpen, "open64")
+FAILING_OPEN(OpenOfLibraries, "open")
 
 // For the calls that have no function in libc; a fault can strike only openat2. Like libc's, this
 // always reads the greatest number of arguments.

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <map>
 #include <set>
@@ -86,16 +85,6 @@ TEST_F(TraceTest, IdsAreFresh16DigitLowercaseHexNumbers) {
   }
   EXPECT_EQ(ids.size(), kRecords);
   EXPECT_TRUE(leading_zero) << "one in sixteen starts with a zero";
-}
-
-TEST_F(TraceTest, HasAnIdEvenWhenNoFileCanBeOpened) {
-  rlimit before = {};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-  const rlimit none = {.rlim_cur = 0, .rlim_max = before.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-  EXPECT_NO_THROW(Record("E", true));
-  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
-  EXPECT_EQ(OnlyTrace().id.size(), 16U);
 }
 
 TEST_F(TraceTest, AsksForTheTracerOncePerRecord) {
