@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -18,6 +20,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <new>
 #include <stdexcept>
 #include <system_error>
 #include <vector>
@@ -43,8 +46,11 @@ constexpr auto kLastWordsLimit = 10s;
 constexpr size_t kMostCommands = 4;
 /// What a stream holds that its reader has not taken, in bytes.
 constexpr int kStreamRoom = 2 << 20;
-/// What became of a command whose starter was killed: SIGTERM, by PR_SET_PDEATHSIG.
-constexpr int kEndedWithStarter = 128 + SIGTERM;
+/// What became of a command whose starter was killed: SIGKILL, by PR_SET_PDEATHSIG. The other side
+/// must take that for a line that dropped, not for the end of the session.
+constexpr int kEndedWithStarter = 128 + SIGKILL;
+/// How long an answer may take. It gets lost if the starter is killed meanwhile.
+constexpr auto kAnswerLimit = 5s;
 
 // ---- The messages to the starter: a request, and a text in kSay only ----
 
@@ -130,12 +136,31 @@ Descriptor KeepOnly(Descriptor socket) {
   return kept;
 }
 
+/// What to do at the end, in memory that outlives a starter that is killed.
+struct Duties {
+  std::atomic<bool> unmounts = false;
+  std::atomic<size_t> length = 0;  ///< of the last words
+  std::array<char, Starter::kLongestLastWords> last_words{};
+
+  void SetLastWords(std::string_view words) {
+    words = words.substr(0, last_words.size());
+    length = 0;
+    std::ranges::copy(words, last_words.begin());
+    length = words.size();
+  }
+};
+
 class StarterProcess {
  public:
-  StarterProcess(Descriptor socket, std::string command, std::string mount_point)
+  /// @param ignores_hangup  as under nohup; the command then ignores it, too
+  /// @param duties  must outlive this
+  StarterProcess(Descriptor socket, std::string command, std::string mount_point,
+                 bool ignores_hangup, Duties& duties)
       : socket_(std::move(socket)),
         command_(std::move(command)),
-        mount_point_(std::move(mount_point)) {}
+        mount_point_(std::move(mount_point)),
+        ignores_hangup_(ignores_hangup),
+        duties_(duties) {}
 
   void Run() {
     while (Step(socket_.get())) {
@@ -143,9 +168,9 @@ class StarterProcess {
       if (!message || message->bytes.size() < sizeof(Request)) break;
       Handle(message->bytes);
     }
-    if (unmounts_) Unmount();
+    if (duties_.unmounts) Unmount();
     EndAll();
-    if (!last_words_.empty()) SayLastWords();
+    if (duties_.length != 0) SayLastWords();
   }
 
  private:
@@ -236,20 +261,20 @@ class StarterProcess {
         break;
       case Task::kUnmountNow: {
         Unmount();
-        unmounts_ = false;
+        duties_.unmounts = false;
         constexpr Answer kDone = 0;
         SendPassed(socket_.get(), {reinterpret_cast<const char*>(&kDone), sizeof kDone});
         break;
       }
       case Task::kUnmount:
-        unmounts_ = true;
+        duties_.unmounts = true;
         break;
       case Task::kSay:
-        last_words_ = bytes.substr(sizeof request);
+        duties_.SetLastWords(std::string_view(bytes).substr(sizeof request));
         break;
       case Task::kRelease:
-        unmounts_ = false;
-        last_words_.clear();
+        duties_.unmounts = false;
+        duties_.length = 0;
         break;
     }
   }
@@ -297,7 +322,7 @@ class StarterProcess {
     const SignalsBlocked blocked;
     const pid_t process = fork();
     if (process != 0) return process;
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != starter) _exit(1);  // it ended before the call
     for (int signal = 1; signal < NSIG; ++signal) (void)std::signal(signal, SIG_DFL);
     // The terminal sends Ctrl-C to ssh as well, which stays in the foreground process group to be
@@ -350,7 +375,7 @@ class StarterProcess {
     const auto deadline = Clock::now() + kLastWordsLimit;
     Ends ends;
     if (Launch(0, &ends) != 0) return;
-    (void)!write(ends.input.get(), last_words_.data(), last_words_.size());
+    (void)!write(ends.input.get(), duties_.last_words.data(), duties_.length);
     ends.input.Close();
     // Whatever the other side answers must not keep the command from ending.
     std::array<char, 4096> unread{};
@@ -364,10 +389,8 @@ class StarterProcess {
   Descriptor socket_;
   const std::string command_;
   const std::string mount_point_;
-  /// As under nohup; the command then ignores it, too.
-  const bool ignores_hangup_ = std::signal(SIGHUP, SIG_IGN) == SIG_IGN;
-  bool unmounts_ = false;
-  std::string last_words_;
+  const bool ignores_hangup_;
+  Duties& duties_;
   std::vector<Command> commands_;
   std::vector<Ending> endings_;
 };
@@ -377,13 +400,29 @@ class StarterProcess {
   prctl(PR_SET_NAME, "cpd-starter");
   // This process must outlive the other one, to clean up when that has been killed.
   for (const int signal : {SIGINT, SIGTERM, SIGQUIT, SIGPIPE}) (void)std::signal(signal, SIG_IGN);
+  const bool ignores_hangup = std::signal(SIGHUP, SIG_IGN) == SIG_IGN;
   (void)std::signal(SIGCHLD, SIG_DFL);
-  try {
-    StarterProcess(KeepOnly(std::move(socket)), command, mount_point).Run();
-  } catch (const std::exception&) {
-    _exit(1);
+  const Descriptor kept = KeepOnly(std::move(socket));
+  void* const shared =
+      mmap(nullptr, sizeof(Duties), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (shared == MAP_FAILED) _exit(1);
+  auto* const duties = new (shared) Duties;
+  // A child does the work. If it is killed, its successor knows what to do at the end.
+  for (;;) {
+    const pid_t worker = fork();
+    if (worker > 0) {
+      const int status = Reap(worker);
+      if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) continue;
+      _exit(0);
+    }
+    try {
+      Descriptor own(fcntl(kept.get(), F_DUPFD_CLOEXEC, 3));
+      StarterProcess(std::move(own), command, mount_point, ignores_hangup, *duties).Run();
+    } catch (const std::exception&) {
+      _exit(1);
+    }
+    _exit(0);
   }
-  _exit(0);
 }
 
 }  // namespace
@@ -422,9 +461,12 @@ StartedLine Starter::Start() {
   const uint32_t id = ++last_id_;
   SendPassed(socket_.get(), Packed({Task::kStart, id}));
   Answer error = 0;
-  auto answer = ReceivePassed(socket_.get(), sizeof error);
+  std::optional<PassedMessage> answer;
+  if (WaitReadable(socket_.get(), Clock::now() + kAnswerLimit)) {
+    answer = ReceivePassed(socket_.get(), sizeof error);
+  }
   if (!answer || answer->bytes.size() != sizeof error) {
-    throw std::runtime_error("the process that starts the line has ended");
+    throw std::runtime_error("the process that starts the line has ended or is stuck");
   }
   std::memcpy(&error, answer->bytes.data(), sizeof error);
   if (error != 0) {
@@ -441,8 +483,13 @@ void Starter::End(const StartedLine& line) {
 
 void Starter::Unmount() {
   const std::lock_guard lock(starting_);
-  SendPassed(socket_.get(), Packed({Task::kUnmountNow, 0}));
-  (void)ReceivePassed(socket_.get(), sizeof(Answer));
+  constexpr int kTries = 2;
+  for (int i = 0; i < kTries; ++i) {
+    SendPassed(socket_.get(), Packed({Task::kUnmountNow, 0}));
+    if (!WaitReadable(socket_.get(), Clock::now() + kAnswerLimit)) continue;
+    (void)ReceivePassed(socket_.get(), sizeof(Answer));
+    return;
+  }
 }
 
 void Starter::UnmountOnDeath() { SendPassed(socket_.get(), Packed({Task::kUnmount, 0})); }

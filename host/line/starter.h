@@ -40,7 +40,8 @@ class StartedLine {
 
 /// Owns the process "cpd-starter". A process in its sandbox can start no program; this one is
 /// forked before the sandbox and can. It runs a single command, which is fixed when it is forked: a
-/// process that was taken over in its sandbox cannot make it run another.
+/// process that was taken over in its sandbox cannot make it run another. Its own parent, of the
+/// same name, replaces it when it is killed.
 ///
 /// After the construction no call here needs a new socket, process or program; sendmsg, recvmsg,
 /// poll, read, close and wait4 suffice.

@@ -46,6 +46,17 @@ std::vector<pid_t> ChildrenOf(pid_t process) {
   return {std::istream_iterator<pid_t>(file), {}};
 }
 
+/// The process that does the work for the Starter of another one.
+pid_t StarterOf(pid_t process) {
+  std::vector<pid_t> workers;
+  EXPECT_TRUE(Eventually([&] {
+    const auto children = ChildrenOf(process);
+    if (children.size() == 1) workers = ChildrenOf(children.front());
+    return workers.size() == 1;
+  }));
+  return workers.empty() ? -1 : workers.front();
+}
+
 /// Whether a process still runs. One that has ended counts as such before its new parent reaps it.
 bool Runs(pid_t process) {
   const std::string stat = ContentOf("/proc/" + std::to_string(process) + "/stat");
@@ -298,17 +309,31 @@ TEST_F(StarterTest, LeavesNothingWhenDestroyed) {
   EXPECT_EQ(descriptors(), before);
 }
 
-TEST_F(StarterTest, EndsTheCommandIfItIsKilledItself) {
+TEST_F(StarterTest, IsReplacedWhenItIsKilledAndItsCommandsEnd) {
   Starter starter("echo $$; exec sleep 1000", "");
-  auto line = starter.Start();
-  const pid_t command = std::stoi(ReadLine(line.in.get()));
-  ASSERT_EQ(ChildrenOf(getpid()).size(), 1U);
-  kill(ChildrenOf(getpid()).front(), SIGKILL);
-  EXPECT_EQ(line.Ended(10s), 128 + SIGTERM);
-  EXPECT_TRUE(Eventually([&] { return !Runs(command); }));
-  EXPECT_THROW(starter.Start(), std::runtime_error);
-  starter.End(line);
-  starter.UnmountOnDeath();
+  for (int i = 0; i < 3; ++i) {
+    auto line = starter.Start();
+    const pid_t command = std::stoi(ReadLine(line.in.get()));
+    kill(StarterOf(getpid()), SIGKILL);
+    EXPECT_EQ(line.Ended(10s), 128 + SIGKILL);
+    EXPECT_TRUE(Eventually([&] { return !Runs(command); }));
+    starter.End(line);
+  }
+}
+
+TEST_F(StarterTest, KeepsItsCommandsWhenTheProcessThatWouldReplaceItIsKilled) {
+  pid_t worker = 0;
+  {
+    Starter starter("echo $$; cat", "");
+    auto line = starter.Start();
+    ReadLine(line.in.get());
+    worker = StarterOf(getpid());
+    kill(ChildrenOf(getpid()).front(), SIGKILL);
+    WriteAll(line.out.get(), "works\n");
+    EXPECT_EQ(ReadLine(line.in.get()), "works");
+    starter.Start();
+  }
+  EXPECT_TRUE(Eventually([&] { return !Runs(worker); }));
 }
 
 // ---- The process ----
@@ -471,6 +496,36 @@ TEST_F(StarterTest, UnmountsWhenTheProcessIsKilled) {
   process.End(SIGKILL);
   EXPECT_TRUE(Eventually([&] { return !fs::exists(place / "file"); }));
   umount2(place.c_str(), MNT_DETACH);
+}
+
+TEST_F(StarterTest, UnmountsAlsoWhenItHasReplacedOneThatWasKilled) {
+  const fs::path place = directory / "mount";
+  fs::create_directory(place);
+  if (mount("starter-test", place.c_str(), "tmpfs", 0, nullptr) != 0) {
+    GTEST_SKIP() << "cannot mount: " << std::strerror(errno);
+  }
+  std::ofstream(place / "file") << "content";
+  ChildProcess process([&] {
+    static Starter starter("cat", place.string());
+    starter.UnmountOnDeath();
+    starter.Start();  // the request before has been carried out
+  });
+  kill(StarterOf(process.pid()), SIGKILL);
+  process.End(SIGKILL);
+  EXPECT_TRUE(Eventually([&] { return !fs::exists(place / "file"); }));
+  umount2(place.c_str(), MNT_DETACH);
+}
+
+TEST_F(StarterTest, SendsTheLastWordsOfOneThatWasKilled) {
+  const fs::path file = directory / "words";
+  ChildProcess process([&] {
+    static Starter starter("cat >>" + file.string(), "");
+    starter.SayOnDeath("last words");
+    starter.Start();
+  });
+  kill(StarterOf(process.pid()), SIGKILL);
+  process.End(SIGKILL);
+  EXPECT_TRUE(Eventually([&] { return ContentOf(file) == "last words"; }));
 }
 
 TEST_F(StarterTest, UnmountsWithFusermountWhereItIsNotRoot) {
