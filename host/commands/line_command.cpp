@@ -39,7 +39,7 @@ bool KeepUntilStopped(LineKeeper& keeper, const StopSignals& signals) {
 
 void CheckEnding(const Ending& ending) {
   if (ending.kind == Ending::Kind::kFarewell && ending.farewell == Farewell::kDone) return;
-  throw StreamError(ending.text);
+  throw EndedError(ending);
 }
 
 void Refuse(Line line, Role role, const std::string& why) {

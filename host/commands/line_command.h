@@ -20,10 +20,10 @@ void Connect(LineKeeper& keeper, const StopSignals& signals);
 
 /// Keeps the line up until a stop signal, or until it ends for good.
 /// @return whether the other side knows that the session has ended
-/// @throws StreamError when the other side failed, or the line dropped and is not replaced
+/// @throws EndedError when the other side failed, or the line dropped and is not replaced
 bool KeepUntilStopped(LineKeeper& keeper, const StopSignals& signals);
 
-/// Throws unless the line ended because a user of the other side wanted it to.
+/// @throws EndedError unless the line ended because a user of the other side wanted it to
 void CheckEnding(const Ending& ending);
 
 /// Tells the other side why this one cannot begin.

@@ -67,7 +67,13 @@ void Redirect(RedirectOptions options) {
   Connect(keeper, stop_signals);
   // Not earlier: a user who gives up at ssh's prompt does not want to see a second prompt.
   source.SayGoodbyeOnDeath(disk.OwnHello());
-  const bool was_told = KeepUntilStopped(keeper, stop_signals);
+  bool was_told = false;
+  try {
+    was_told = KeepUntilStopped(keeper, stop_signals);
+  } catch (const EndedError& error) {
+    if (error.ending().kind == Ending::Kind::kNonsense) source.starter().ActAtEnd();
+    throw;
+  }
   // Without a goodbye, the mount would wait for another line. So the starter dials once more.
   if (!was_told) source.starter().ActAtEnd();
 }

@@ -95,7 +95,7 @@ std::unique_ptr<CpdPacket> Connection::AwaitPacket(std::chrono::milliseconds lim
       return std::move(*packet);
     }
     HandleControl(std::get<ControlFrame>(frame));
-    if (ending_) throw FarewellError(*ending_);
+    if (ending_) throw EndedError(*ending_);
   }
 }
 
@@ -265,8 +265,8 @@ void Connection::Run() {
     HandleFrames();  // those that came with the hello
     while (!ending_) Poll();
   } catch (const StreamError& error) {
-    End(Ending::Kind::kFarewell, fmt::format("the other side sent nonsense: {}", error.what()),
-        Farewell::kFailed);
+    End(Ending::Kind::kNonsense, fmt::format("the other side sent nonsense: {}", error.what()));
+    if (ends_session_on_nonsense_ && !has_received_) SayGoodbye(Farewell::kFailed, ending_->text);
   } catch (const std::exception& error) {
     End(Ending::Kind::kDropped, error.what());
   }
@@ -336,6 +336,7 @@ void Connection::HandleFrames() {
         HoldLocked(**packet);
       }
       handlers_.packet(std::move(*packet));
+      has_received_ = true;
     } else {
       HandleControl(std::get<ControlFrame>(*frame));
     }

@@ -27,6 +27,8 @@ namespace cpd::host {
 struct Ending {
   enum class Kind {
     kDropped,   ///< the line is gone; another one can take its place
+    kNonsense,  ///< what came makes no sense: the line spoils it, or the other side breaks the
+                ///< rules
     kFarewell,  ///< the other side has ended the session
     kClosed,    ///< this side has
   };
@@ -46,10 +48,10 @@ struct LineTimes {
 /// What SendWhenRoom leaves to be written, as a charge: enough to keep a line busy.
 inline constexpr uint64_t kMostUnwritten = 2 << 20;
 
-/// The other side has ended the session before it began on this line.
-class FarewellError : public StreamError {
+/// The session ended, and not as this side wanted.
+class EndedError : public StreamError {
  public:
-  explicit FarewellError(Ending ending) : StreamError(ending.text), ending_(std::move(ending)) {}
+  explicit EndedError(Ending ending) : StreamError(ending.text), ending_(std::move(ending)) {}
   [[nodiscard]] const Ending& ending() const { return ending_; }
 
  private:
@@ -84,10 +86,13 @@ class Connection {
   /// @throws StreamError when there is none in time, or it has another version
   Hello AwaitHello(std::chrono::milliseconds limit);
   /// Waits for the next packet, on the caller's thread. To be called before Start.
-  /// @throws StreamError when there is none in time; FarewellError when the other side says goodbye
+  /// @throws StreamError when there is none in time; EndedError when the other side says goodbye
   std::unique_ptr<CpdPacket> AwaitPacket(std::chrono::milliseconds limit);
   /// Starts the connection's thread.
   void Start(Handlers handlers);
+  /// For a line that is the last try: if nonsense comes before any packet, the other side is told
+  /// that the session has ended. To be called before Start.
+  void EndSessionOnNonsense() { ends_session_on_nonsense_ = true; }
 
   /// Whether the other side accepts a packet of this length now.
   [[nodiscard]] bool HasRoom(size_t packet_length);
@@ -112,6 +117,8 @@ class Connection {
 
   /// The longest packet that the other side takes.
   [[nodiscard]] uint32_t their_largest();
+  /// Whether a packet has arrived since Start.
+  [[nodiscard]] bool has_received() const { return has_received_; }
   /// Of the last ping; zero before the first.
   [[nodiscard]] std::chrono::nanoseconds round_trip() const { return round_trip_; }
 
@@ -151,6 +158,8 @@ class Connection {
   FrameReader reader_;
   Handlers handlers_;
   std::atomic<std::chrono::nanoseconds> round_trip_{};
+  std::atomic<bool> has_received_ = false;
+  bool ends_session_on_nonsense_ = false;  // not written after Start
 
   // The connection's thread alone uses these.
   Clock::time_point heard_ = Clock::now();

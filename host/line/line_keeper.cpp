@@ -17,6 +17,7 @@ using namespace std::chrono_literals;
 constexpr auto kLaterLimit = 30s;
 constexpr std::chrono::milliseconds kFirstPause = 500ms;
 constexpr std::chrono::milliseconds kLongestPause = 10s;
+constexpr unsigned kMostNonsense = 4;
 
 void Log(std::string what, const std::string& why) {
   if (!why.empty()) what += "; " + why;
@@ -82,6 +83,7 @@ void LineKeeper::SetUp(std::chrono::milliseconds greeting_limit) {
     ending_.reset();
     if (is_finished_) throw std::runtime_error("stopped");
   }
+  if (nonsense_ + 1 == kMostNonsense) connection->EndSessionOnNonsense();
   const auto theirs = connection->AwaitHello(greeting_limit);
   try {
     if (theirs.role == user_.OwnHello().role) throw StreamError("both sides have the same role");
@@ -97,11 +99,12 @@ void LineKeeper::SetUp(std::chrono::milliseconds greeting_limit) {
     connection->SayGoodbye(Farewell::kFailed, error.what());
     const std::lock_guard lock(mutex_);
     // If Begin failed because the other side said goodbye, the reason given there explains more.
-    if (ending_ && ending_->kind == Ending::Kind::kFarewell) throw FarewellError(*ending_);
+    if (ending_ && ending_->kind == Ending::Kind::kFarewell) throw EndedError(*ending_);
     throw;
   }
   const std::lock_guard lock(mutex_);
   is_up_ = !ending_;
+  up_since_ = std::chrono::steady_clock::now();
 }
 
 /// Lets go of the line, if there is one. @return why it ended, as far as its source knows
@@ -113,6 +116,9 @@ std::string LineKeeper::Drop() {
     if (connection != nullptr && connection->round_trip() != 0ns) {
       round_trip_ = connection->round_trip();
     }
+    was_useful_ =
+        connection != nullptr && (connection->has_received() ||
+                                  std::chrono::steady_clock::now() - up_since_ >= kLongestPause);
     is_up_ = false;
   }
   if (connection == nullptr) return {};
@@ -127,10 +133,22 @@ void LineKeeper::KeepUp() {
   while (auto ending = AwaitEnd()) {
     const auto why = Drop();
     if (ending->kind == Ending::Kind::kDropped && !reconnects_ && !why.empty()) ending->text = why;
-    if (ending->kind != Ending::Kind::kDropped || !reconnects_) return on_end_(*ending);
+    if (!reconnects_ || !IsWorthAnotherLine(*ending)) return on_end_(*ending);
     Log(fmt::format("the line dropped: {}", ending->text), why);
     if (!SetUpAnew()) return;
   }
+}
+
+/// A line that spoils what it carries may be followed by a good one, but a side that breaks the
+/// rules does so on every line.
+bool LineKeeper::IsWorthAnotherLine(const Ending& ending) {
+  if (was_useful_) {
+    pause_ = 0ms;
+    nonsense_ = 0;
+  }
+  if (ending.kind == Ending::Kind::kDropped) return true;
+  pause_ = std::max(pause_, kFirstPause);
+  return ending.kind == Ending::Kind::kNonsense && ++nonsense_ < kMostNonsense;
 }
 
 /// Waits for the end of the line. @return empty when Finish was called
@@ -147,12 +165,16 @@ bool LineKeeper::SetUpAnew() {
     const std::lock_guard lock(mutex_);
     ++drops_;
   }
-  auto pause = 0ms;
   for (;;) {
+    {
+      std::unique_lock lock(mutex_);
+      if (changed_.wait_for(lock, pause_, [this] { return is_finished_; })) return false;
+    }
+    pause_ = std::clamp(pause_ * 2, kFirstPause, kLongestPause);
     try {
       SetUp(kLaterLimit);
       return true;
-    } catch (const FarewellError& error) {
+    } catch (const EndedError& error) {
       Drop();
       if (error.ending().farewell == Farewell::kDone) {
         on_end_(error.ending());
@@ -163,9 +185,6 @@ bool LineKeeper::SetUpAnew() {
       const auto why = Drop();
       Log(fmt::format("no line yet: {}", error.what()), why);
     }
-    pause = std::clamp(pause * 2, kFirstPause, kLongestPause);
-    std::unique_lock lock(mutex_);
-    if (changed_.wait_for(lock, pause, [this] { return is_finished_; })) return false;
   }
 }
 

@@ -71,6 +71,7 @@ class LineKeeper {
   void SetUp(std::chrono::milliseconds greeting_limit);
   std::string Drop();
   void KeepUp();
+  bool IsWorthAnotherLine(const Ending& ending);
   std::optional<Ending> AwaitEnd();
   bool SetUpAnew();
 
@@ -87,6 +88,11 @@ class LineKeeper {
   bool is_finished_ = false;
   unsigned drops_ = 0;
   std::chrono::nanoseconds round_trip_{};  // of the line before
+  // The thread that sets lines up uses these.
+  std::chrono::steady_clock::time_point up_since_;
+  bool was_useful_ = false;            // the line before
+  std::chrono::milliseconds pause_{};  // before the next line
+  unsigned nonsense_ = 0;              // lines in a row that ended with it and were of no use
   std::thread keeper_;
 };
 

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "support/child_process.h"
 #include "support/line_peer.h"
@@ -21,11 +22,16 @@ namespace cpd::host {
 namespace {
 
 using namespace std::chrono_literals;
+using test::BytesOfPacket;
 using test::BytesOfRecord;
 using test::ControlBytes;
 using test::Eventually;
 using test::HelloOf;
 using test::LinePeer;
+using test::PacketOf;
+
+/// No frame begins like this.
+constexpr const char* kNonsense = "nonsense that is longer than a header";
 
 /// Gives the lines that the test has put in; throws when there is none.
 class ScriptedLines : public LineSource {
@@ -156,6 +162,73 @@ TEST_F(LineKeeperTest, EndsWhenTheOtherSideSaysGoodbye) {
   EXPECT_EQ(how.kind, Ending::Kind::kFarewell);
   EXPECT_EQ(how.text, "the other side: unmounted");
   EXPECT_EQ(user.begun, 1);
+}
+
+TEST_F(LineKeeperTest, SetsUpAnotherLineWhenOneBringsNonsense) {
+  LineKeeper keeper(source, user, 10s, true);
+  keeper.Connect();
+  keeper.Keep([](const Ending&) {});
+  first.Send(kNonsense);
+  EXPECT_TRUE(first.IsClosed());
+  EXPECT_TRUE(Eventually([&] { return user.begun == 2; }));
+  EXPECT_EQ(keeper.state().drops, 1U);
+}
+
+TEST_F(LineKeeperTest, GivesUpWhenEveryLineBringsNonsenseAndSaysSoOnTheLastOne) {
+  LinePeer third;
+  LinePeer fourth;
+  for (LinePeer* peer : {&third, &fourth}) {
+    source.Put(*peer);
+    peer->Send(BytesOfRecord(HelloOf(Role::kRemote)));
+  }
+  for (LinePeer* peer : {&first, &second, &third, &fourth}) peer->Send(kNonsense);
+  LineKeeper keeper(source, user, 10s, true);
+  const auto begin = std::chrono::steady_clock::now();
+  keeper.Connect();
+  keeper.Keep([this](const Ending& how) { ended.set_value(how); });
+  const auto how = ended.get_future().get();
+  EXPECT_EQ(how.kind, Ending::Kind::kNonsense);
+  EXPECT_TRUE(how.text.starts_with("the other side sent nonsense: ")) << how.text;
+  EXPECT_EQ(user.begun, 4);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 3s) << "it tried without pauses";
+  EXPECT_FALSE(third.NextControl(Control::kBye));
+  const auto bye = fourth.NextControl(Control::kBye);
+  ASSERT_TRUE(bye);
+  EXPECT_EQ(bye->value, static_cast<uint64_t>(Farewell::kFailed));
+}
+
+TEST_F(LineKeeperTest, GoesOnWhileEachLineBringsAPacketBeforeTheNonsense) {
+  std::deque<LinePeer> others(4);
+  std::vector<LinePeer*> peers{&first, &second};
+  for (auto& other : others) {
+    source.Put(other);
+    other.Send(BytesOfRecord(HelloOf(Role::kRemote)));
+    peers.push_back(&other);
+  }
+  for (const auto* peer : peers) {
+    peer->Send(BytesOfPacket(*PacketOf(100)));
+    peer->Send(kNonsense);
+  }
+  LineKeeper keeper(source, user, 10s, true);
+  keeper.Connect();
+  keeper.Keep([](const Ending&) {});
+  EXPECT_TRUE(Eventually([&] { return user.begun == 6; }));
+}
+
+TEST_F(LineKeeperTest, PausesAfterTwoLinesThatDropWithoutAPacket) {
+  LinePeer third;
+  source.Put(third);
+  third.Send(BytesOfRecord(HelloOf(Role::kRemote)));
+  LineKeeper keeper(source, user, 10s, true);
+  keeper.Connect();
+  keeper.Keep([](const Ending&) {});
+  const auto begin = std::chrono::steady_clock::now();
+  first.Close();
+  EXPECT_TRUE(Eventually([&] { return user.begun == 2; }));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 400ms);
+  second.Close();
+  EXPECT_TRUE(Eventually([&] { return user.begun == 3; }));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 500ms);
 }
 
 TEST_F(LineKeeperTest, EndsAtTheFirstDropWhenItDoesNotReconnect) {
