@@ -171,7 +171,6 @@ class OpenFiles {
   int TakeFailure(Handle handle) {
     const std::lock_guard lock(mutex_);
     auto& open = handles_.at(handle);
-    if (const int unheard = std::exchange(open.unheard, 0); unheard != 0) return unheard;
     const auto& file = files_.at(open.node);
     if (open.seen_failures == file.failures) return 0;
     open.seen_failures = file.failures;
@@ -186,10 +185,13 @@ class OpenFiles {
     auto& open = handles_.at(handle);
     const auto& file = files_.at(open.node);
     const bool has_lost = std::exchange(open.seen_losses, file.losses) != file.losses;
-    return failure == 0 && has_lost ? EIO : failure;
+    const int unheard = std::exchange(open.unheard, 0);
+    if (failure != 0) return failure;
+    return has_lost ? EIO : unheard;
   }
 
-  /// What was taken did not reach the program, so the handle reports it next time.
+  /// What was taken did not reach the program, so the handle reports it at its next sync or at the
+  /// end.
   void PutBack(Handle handle, int error) {
     const std::lock_guard lock(mutex_);
     handles_.at(handle).unheard = error;

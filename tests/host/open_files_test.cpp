@@ -110,6 +110,16 @@ TEST_F(Losses, AreReportedTogetherWithAFailedWrite) {
   EXPECT_EQ(files.TakeFailureOrLoss(writer), 0);
 }
 
+TEST_F(Losses, ThatDidNotReachTheProgramAreReportedAgainButNotByAWrite) {
+  const auto writer = files.Open(kFile);
+  files.NoteWrite(kFile);
+  files.LoseUnsynced();
+  files.PutBack(writer, files.TakeFailureOrLoss(writer));
+  EXPECT_EQ(files.TakeFailure(writer), 0);
+  EXPECT_EQ(files.TakeFailureOrLoss(writer), EIO);
+  EXPECT_EQ(files.TakeFailureOrLoss(writer), 0);
+}
+
 TEST_F(Losses, StayWithTheFileThatAHandleLeaves) {
   const auto writer = files.Open(kFile);
   files.NoteWrite(kFile);
