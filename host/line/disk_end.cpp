@@ -98,7 +98,7 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
                     .room = [] {},
                     .ended = std::move(ended)});
   // Now all threads have their stacks.
-  memory_.Set(options_.window + kMostUnwritten + 2 * kLargestPacket + kSpareMemory);
+  memory_.Set(options_.window + kMostUnwritten + uint64_t{2} * kLargestPacket + kSpareMemory);
 }
 
 // Each uses the other. Closing the connection first stops its use of the driver, and ends the
