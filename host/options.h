@@ -19,6 +19,7 @@ struct DiskOptions {
   bool read_only = false;
   bool unconfined = false;              ///< paths may lead out of the disk
   bool allow_other = false;             ///< let other users use the mount
+  bool early = true;                    ///< let writes count as done before they are carried out
   bool batch = true;                    ///< send small writes in batches
   bool prefetch = true;                 ///< read small files ahead
   bool dir_cache = true;                ///< cache listings; check them before reuse

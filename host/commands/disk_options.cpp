@@ -65,6 +65,8 @@ void AddMountOptions(CLI::App* command, DiskOptions* disk) {
   command->add_option("--label", disk->label, "Label on the remote side [the directory's name]");
   command->add_flag("--allow-other", disk->allow_other,
                     "Let other users use the mount; see README, Limits");
+  command->add_flag("!--sync", disk->early,
+                    "Let nothing count as done before the disk has done it");
   command->add_flag("!--no-batch", disk->batch, "Send small writes one by one");
   command->add_flag("!--no-prefetch", disk->prefetch, "Do not read small files ahead");
   command->add_flag("!--no-dir-cache", disk->dir_cache, "List directories in full every time");

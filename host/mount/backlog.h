@@ -10,11 +10,16 @@
 namespace cpd::host {
 
 /// Counts the work that was acknowledged but is not carried out yet. Every later request waits for
-/// it, so it is limited to what the disk does in about 100 ms at its measured speed.
+/// it, so it is limited to what the disk, and the line to it, do in about 100 ms at their measured
+/// speed.
 ///
 /// Work is counted in bytes. Not synchronized: the owner's mutex guards it.
 class Backlog {
  public:
+  /// @param most  the limit in bytes for the fastest disk, because any disk may suddenly become
+  /// slow
+  explicit Backlog(size_t most = kMostUnmeasured) : bound_(most) {}
+
   /// The work of writing pieces: their bytes, and 4 KiB more for each piece.
   static constexpr size_t WorkOf(size_t pieces, size_t bytes) { return pieces * kPiece + bytes; }
 
@@ -30,17 +35,18 @@ class Backlog {
     const double lately = std::min(latest, std::exchange(latest_, latest));
     cost_ = cost_ == 0 ? lately : (cost_ + lately) / 2;
     const double in_time = kLongestWait / std::max(cost_, kLeastCost);
-    most_ = in_time < kMost ? static_cast<size_t>(in_time) : kMost;
+    most_ = in_time < static_cast<double>(bound_) ? static_cast<size_t>(in_time) : bound_;
   }
 
  private:
   static constexpr size_t kPiece = 4 << 10;
-  static constexpr size_t kMost = 2 << 20;       // any disk may suddenly become slow
+  static constexpr size_t kMostUnmeasured = 2 << 20;
   static constexpr double kLongestWait = 100e6;  // ns
   static constexpr double kLeastCost = 1e-3;     // ns per byte
 
+  size_t bound_;
   size_t work_ = 0;
-  size_t most_ = kMost;
+  size_t most_ = kMostUnmeasured;
   double latest_ = std::numeric_limits<double>::max();  // ns per byte
   double cost_ = 0;                                     // ns per byte; 0 = never measured
 };

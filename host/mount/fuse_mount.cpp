@@ -42,6 +42,7 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, KernelMount& 
     : kernel_(kernel),
       session_(session),
       read_only_(options.read_only),
+      writes_early_(options.early),
       gathers_writes_(options.batch),
       files_(session,
              [this](const std::string& path) {
@@ -51,7 +52,7 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, KernelMount& 
       listings_(files_, options.dir_cache),
       prefetch_(files_, options.prefetch),
       writes_(files_, nodes_, gate_,
-              [this](NodeTable::Id node, int error) { open_files_.NoteFailure(node, error); }),
+              [this](NodeTable::Id node, int error) { NoteFailedWrite(node, error); }),
       reads_(files_, nodes_,
              [this](NodeTable::Id node, const udisk_stat& attributes) {
                return Note(node, attributes);

@@ -116,6 +116,7 @@ class FuseMount {
   void MoveOn(fuse_ino_t node, OpenFiles::Handle handle);
   int64_t PlaceOf(OpenFiles::Handle handle, const NodeTable::File& file, off_t offset);
   void ReplyWritten(const KernelRequest& request, fuse_ino_t node, size_t size, int64_t end);
+  void NoteFailedWrite(fuse_ino_t node, int error);
   void ReplyTaken(const KernelRequest& request, OpenFiles::Handle handle, int error);
   void Flush(const KernelRequest& request, fuse_ino_t node, fuse_file_info* handle);
   void Sync(const KernelRequest& request, fuse_ino_t node, int data_only, fuse_file_info* handle);
@@ -180,6 +181,7 @@ class FuseMount {
   KernelMount& kernel_;
   Session& session_;
   const bool read_only_;
+  const bool writes_early_;
   const bool gathers_writes_;
   RemoteFiles files_;
   ListingCache listings_;

@@ -3,17 +3,20 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <future>
 #include <memory>
 #include <optional>
 #include <string_view>
 #include <utility>
 
+#include "cpd/log.h"
 #include "mount/fuse_mount.h"
 #include "mount/fuse_reply.h"
 #include "remote/attributes.h"
 #include "remote/file_size.h"
 #include "remote/mode_guard.h"
+#include "remote/session.h"
 
 namespace cpd::host {
 
@@ -155,6 +158,8 @@ void FuseMount::Write(const KernelRequest& request, fuse_ino_t node, const char*
   const bool is_of_program = handle->writepage == 0;
   const bool is_first = is_of_program && !open_files_.NoteWriteThrough(handle->fh);
   const bool is_first_append = is_first && (handle->flags & O_APPEND) != 0;
+  // A first append is sent at once, because another file may take this one's place at any moment.
+  const bool is_early = is_of_program && writes_early_ && !is_first_append;
   if (is_first_append) MoveOn(node, handle->fh);
   if (is_of_program) node = open_files_.NodeOf(handle->fh);
   open_files_.NoteUse(node);
@@ -163,8 +168,8 @@ void FuseMount::Write(const KernelRequest& request, fuse_ino_t node, const char*
     if (const int error = open_files_.TakeFailure(handle->fh); error != 0) {
       return ReplyTaken(request, handle->fh, error);
     }
-    // A first append is sent at once, because another file may take this one's place at any moment.
-    if (gathers_writes_ && !is_first_append && Gather(request, {data, size}, offset, handle->fh)) {
+    if (is_early && gathers_writes_ && size <= GatheredWrites::kLargestPiece &&
+        Gather(request, {data, size}, offset, handle->fh)) {
       return;
     }
   }
@@ -172,9 +177,18 @@ void FuseMount::Write(const KernelRequest& request, fuse_ino_t node, const char*
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!file) return request.ReplyError(ESTALE);
-  const ModeGuard access(files_, file->path, file->attributes.st_mode);
   if (is_of_program) offset = PlaceOf(handle->fh, *file, offset);
   const int64_t end = offset + static_cast<int64_t>(size);
+  if (is_early && size > GatheredWrites::kLargestPiece && !session_.IsCutOff() &&
+      !ModeGuard::IsLackingIn(file->attributes.st_mode) &&
+      writes_.SendEarly(node, *file, offset, {data, size},
+                        [this, request, node, size, end](int error) {
+                          if (error != 0) return request.ReplyError(error);
+                          ReplyWritten(request, node, size, end);
+                        })) {
+    return;
+  }
+  const ModeGuard access(files_, file->path, file->attributes.st_mode);
   writes_.WriteThrough(*file, offset, {data, size},
                        [this, request, node, path = file->path, size, end](Outcome outcome) {
                          if (outcome == Outcome::kDone) {
@@ -252,19 +266,30 @@ void FuseMount::ReplyTaken(const KernelRequest& request, OpenFiles::Handle handl
   if (!request.TryError(error)) open_files_.PutBack(handle, error);
 }
 
+/// Keeps a failure for the file's handles. The log gets the first that no program has heard of.
+void FuseMount::NoteFailedWrite(fuse_ino_t node, int error) {
+  if (!open_files_.NoteFailure(node, error)) return;
+  const auto file = nodes_.Find(node);
+  tesselLogPrint(0, 7, "CPD_HOST", "a write to %s failed after a program was told it was done: %s",
+                 file ? file->path.c_str() : "a file without a name", std::strerror(error));
+}
+
+/// The answers to the file's own writes tell what became of them. But while the line is down, only
+/// the next one shows whether the disk has lost what was not synced.
 void FuseMount::Flush(const KernelRequest& request, fuse_ino_t /*node*/, fuse_file_info* handle) {
   const auto node = open_files_.NodeOf(handle->fh);
-  writes_.Drain(node);
-  if (const int error = open_files_.TakeFailureOrLoss(handle->fh); error != 0) {
-    return ReplyTaken(request, handle->fh, error);
-  }
   const auto pass = Enter();
+  const auto reply = [this, request, handle = handle->fh] {
+    ReplyTaken(request, handle, open_files_.TakeFailureOrLoss(handle));
+  };
   const auto file = nodes_.Find(node);
-  if (!file || !open_files_.IsWritten(node)) return request.ReplyError(0);
-  files_.Flush(file->path, [this, request, handle = handle->fh](Outcome outcome) {
-    // The answer may have come over another line than the answers to the writes.
-    const int error = open_files_.TakeFailureOrLoss(handle);
-    ReplyTaken(request, handle, outcome == Outcome::kDone ? error : EIO);
+  if (!file || !session_.IsCutOff() || !open_files_.IsWritten(node)) {
+    return writes_.WhenAnswered(node, reply);
+  }
+  files_.Flush(file->path, [this, request, node, handle = handle->fh, reply](Outcome outcome) {
+    if (outcome == Outcome::kDone) return writes_.WhenAnswered(node, reply);
+    (void)open_files_.TakeFailureOrLoss(handle);
+    ReplyTaken(request, handle, EIO);
   });
 }
 
@@ -272,23 +297,23 @@ void FuseMount::Sync(const KernelRequest& request, fuse_ino_t /*node*/, int /*da
                      fuse_file_info* handle) {
   const auto node = open_files_.NodeOf(handle->fh);
   const auto last_write = open_files_.LastWrite();
-  writes_.Drain(node);
-  if (const int error = open_files_.TakeFailureOrLoss(handle->fh); error != 0) {
-    return ReplyTaken(request, handle->fh, error);
-  }
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
-  if (!file) return request.ReplyError(ESTALE);
-  const ModeGuard access(files_, file->path, file->attributes.st_mode);
-  files_.Sync(file->path, [this, request, node, handle = handle->fh, last_write,
-                           path = file->path](Outcome outcome) {
-    if (outcome == Outcome::kDone) {
-      open_files_.NoteSynced(node, last_write);
-      // The answer may have come over another line than the answers to the writes.
-      return ReplyTaken(request, handle, open_files_.TakeFailureOrLoss(handle));
-    }
-    ReplyFailure(request, outcome, {.kind = Kind::kSync, .path = path});
-  });
+  if (!file) {
+    return writes_.WhenAnswered(node, [this, request, handle = handle->fh] {
+      const int error = open_files_.TakeFailureOrLoss(handle);
+      ReplyTaken(request, handle, error != 0 ? error : ESTALE);
+    });
+  }
+  writes_.Sync(
+      node, *file,
+      [this, request, node, handle = handle->fh, last_write, path = file->path](Outcome outcome) {
+        if (outcome == Outcome::kDone) open_files_.NoteSynced(node, last_write);
+        // The answer may have come over another line than the answers to the writes.
+        const int error = open_files_.TakeFailureOrLoss(handle);
+        if (error != 0 || outcome == Outcome::kDone) return ReplyTaken(request, handle, error);
+        ReplyFailure(request, outcome, {.kind = Kind::kSync, .path = path});
+      });
 }
 
 void FuseMount::Release(const KernelRequest& request, fuse_ino_t /*node*/, fuse_file_info* handle) {
@@ -304,11 +329,11 @@ void FuseMount::Close(const KernelRequest& request, OpenFiles::Handle handle) {
     files_.Unlink(file->path, [request](Outcome) { request.ReplyError(0); });
   } else if (file && closed.is_written) {
     const ModeGuard access(files_, file->path, file->attributes.st_mode);
-    files_.Release(file->path, [this, request, node = closed.node,
+    files_.Release(file->path, [this, node = closed.node,
                                 last_write = open_files_.LastWrite()](Outcome outcome) {
       if (outcome == Outcome::kDone) open_files_.NoteSynced(node, last_write);
-      request.ReplyError(0);
     });
+    request.ReplyError(0);  // the reply tells nothing, and no program waits for it
   } else {
     request.ReplyError(0);
   }

@@ -159,21 +159,24 @@ class OpenFiles {
   }
 
   /// Notes that a write failed after the program was told that it was done.
-  void NoteFailure(NodeTable::Id node, int error) {
+  /// @return false when there is an earlier failure that no program has heard of yet
+  bool NoteFailure(NodeTable::Id node, int error) {
     const std::lock_guard lock(mutex_);
     const auto file = files_.find(node);
-    if (file == files_.end()) return;
+    if (file == files_.end()) return true;
     ++file->second.failures;
     file->second.error = error;
+    return !std::exchange(file->second.hides_failure, true);
   }
 
   /// The file's last failure if this handle has not reported it yet; otherwise 0.
   int TakeFailure(Handle handle) {
     const std::lock_guard lock(mutex_);
     auto& open = handles_.at(handle);
-    const auto& file = files_.at(open.node);
+    auto& file = files_.at(open.node);
     if (open.seen_failures == file.failures) return 0;
     open.seen_failures = file.failures;
+    file.hides_failure = false;
     return file.error;
   }
 
@@ -204,8 +207,9 @@ class OpenFiles {
     bool is_written = false;
     uint64_t failures = 0;
     int error = 0;
-    uint64_t last_write = 0;  // its number
-    uint64_t synced = 0;      // the writes up to this number are safe
+    bool hides_failure = false;  // one that no handle has reported yet
+    uint64_t last_write = 0;     // its number
+    uint64_t synced = 0;         // the writes up to this number are safe
     uint64_t losses = 0;
   };
   struct OpenHandle {

@@ -30,6 +30,14 @@ TEST(Backlog, IsBoundedInBytesHoweverFastTheDisk) {
   }
 }
 
+TEST(Backlog, GrowsToItsOwnBoundOnceTheDiskIsKnownToBeFast) {
+  Backlog backlog(8 << 20);
+  EXPECT_FALSE(backlog.HasRoomFor((2 << 20) + 1));
+  backlog.Measure(1 << 20, 1ms);
+  EXPECT_TRUE(backlog.HasRoomFor(8 << 20));
+  EXPECT_FALSE(backlog.HasRoomFor((8 << 20) + 1));
+}
+
 TEST(Backlog, IsWhatTheDiskDoesInATenthOfASecond) {
   Backlog backlog;
   backlog.Measure(kPiece, 5ms);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -83,6 +84,11 @@ class MemoryDisk : public test::IdleDriver {
     const std::lock_guard lock(mutex_);
     return requests_.size();
   }
+  /// How many pieces were written when a sync was carried out last; -1 if none was.
+  int pieces_synced() const {
+    const std::lock_guard lock(mutex_);
+    return pieces_synced_;
+  }
   /// How many requests for statistics have come.
   int questions() const {
     const std::lock_guard lock(mutex_);
@@ -107,6 +113,7 @@ class MemoryDisk : public test::IdleDriver {
         request = std::move(requests_.front());
         requests_.pop_front();
         if (request->header->cmd == kGetStatvfs) ++questions_;
+        if (request->header->cmd == kFileFsync) pieces_synced_ = pieces_;
         if (request->header->cmd == kFileWrite) Write(request.get(), &lock);
       }
       session_.Receive(Answer(std::move(request)));
@@ -184,6 +191,7 @@ class MemoryDisk : public test::IdleDriver {
   int batches_ = 0;
   int failing_batches_ = 0;
   int pieces_ = 0;
+  int pieces_synced_ = -1;
   int questions_ = 0;
   std::chrono::milliseconds time_of_piece_{0};
   bool is_held_ = false;
@@ -219,6 +227,30 @@ class GatheredWritesTest : public testing::Test {
     answered.get_future().wait();
     return outcome;
   }
+  /// What became of a write that was sent by itself.
+  struct Sent {
+    bool is_taken = false;
+    std::shared_ptr<std::atomic<int>> error = std::make_shared<std::atomic<int>>(kWaiting);
+
+    [[nodiscard]] bool is_acknowledged() const { return *error != kWaiting; }
+  };
+  static constexpr int kWaiting = -1;
+
+  Sent SendEarly(int64_t offset, std::string_view data) {
+    Sent sent;
+    const auto pass = gate.Enter();
+    sent.is_taken = writes.SendEarly(node, *nodes.Find(node), offset, data,
+                                     [error = sent.error](int it) { *error = it; });
+    return sent;
+  }
+  /// Sends large writes until one is not acknowledged at once. @return all of them
+  std::vector<Sent> SendUntilThereIsNoRoom() {
+    std::vector<Sent> all;
+    do {
+      all.push_back(SendEarly(static_cast<int64_t>(all.size()) * kLarge, large));
+    } while (all.back().is_acknowledged() && all.size() < 1000);
+    return all;
+  }
   /// Sends what is gathered as a batch of its own.
   void SendNow() {
     const auto pass = gate.Enter();
@@ -238,7 +270,12 @@ class GatheredWritesTest : public testing::Test {
                           failures.push_back(error);
                         }};
   NodeTable::Id node = 0;
+
+  static constexpr int64_t kLarge = 128 << 10;
+  const std::string large = std::string(kLarge, 'L');
 };
+
+// ---- Small ones ----
 
 TEST_F(GatheredWritesTest, AreSentInOnePacket) {
   {
@@ -407,6 +444,191 @@ TEST_F(GatheredWritesTest, WithoutAnAnswerAreReported) {
   session.Stop();
   writes.Drain(node);
   EXPECT_EQ(failures, std::vector<int>{EIO});
+}
+
+// ---- Large ones ----
+
+using LargeWritesTest = GatheredWritesTest;
+
+TEST_F(LargeWritesTest, AreAcknowledgedBeforeTheyAreCarriedOut) {
+  disk.Hold();
+  const auto sent = SendEarly(0, large);
+  EXPECT_TRUE(sent.is_taken);
+  EXPECT_EQ(*sent.error, 0);
+  EXPECT_EQ(disk.content(), "");
+  disk.GoOn();
+  writes.Drain();
+  EXPECT_TRUE(disk.content() == large);
+}
+
+TEST_F(LargeWritesTest, AreAcknowledgedOnlyWhileAFewMebibytesAreUnanswered) {
+  disk.Hold();
+  const auto all = SendUntilThereIsNoRoom();
+  EXPECT_GT(all.size(), 4U);
+  EXPECT_LE(all.size(), (8U << 20) / kLarge);
+  const auto next = SendEarly(0, large);
+  EXPECT_TRUE(next.is_taken);
+  EXPECT_FALSE(next.is_acknowledged());
+  disk.GoOn();
+  writes.Drain();
+  EXPECT_EQ(*all.back().error, 0);
+  EXPECT_EQ(*next.error, 0);
+}
+
+TEST_F(LargeWritesTest, AreAcknowledgedWhenThereIsRoomAgainAndNotOnlyWhenAllAreAnswered) {
+  disk.Hold();
+  const int before = disk.pieces();
+  const auto all = SendUntilThereIsNoRoom();
+  disk.SlowDown(5ms);
+  disk.GoOn();
+  while (!all.back().is_acknowledged()) std::this_thread::yield();
+  EXPECT_LT(disk.pieces() - before, static_cast<int>(all.size()) - 1);
+  writes.Drain();
+}
+
+TEST_F(LargeWritesTest, ToASlowDiskAreAcknowledgedWhenTheyAreCarriedOut) {
+  disk.SlowDown(150ms);
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(WriteThrough(0, large), Outcome::kDone);
+  const int before = disk.pieces();
+  const auto sent = SendEarly(0, large);
+  EXPECT_TRUE(sent.is_taken);
+  EXPECT_FALSE(sent.is_acknowledged());
+  writes.Drain();
+  EXPECT_EQ(*sent.error, 0);
+  EXPECT_EQ(disk.pieces(), before + 1);
+}
+
+TEST_F(LargeWritesTest, ThatFailAfterTheyWereAcknowledgedAreReportedOnce) {
+  disk.Hold();
+  const auto sent = SendEarly(0, large);
+  disk.Fill();
+  disk.GoOn();
+  writes.Drain();
+  EXPECT_EQ(*sent.error, 0);
+  EXPECT_EQ(failures, std::vector<int>{ENOSPC});
+}
+
+TEST_F(LargeWritesTest, ThatFailBeforeTheyWereAcknowledgedAreNotReportedAgain) {
+  disk.Hold();
+  const auto all = SendUntilThereIsNoRoom();
+  disk.Fill();
+  disk.GoOn();
+  writes.Drain();
+  int acknowledged = 0;
+  for (const auto& sent : all) acknowledged += *sent.error == 0 ? 1 : 0;
+  EXPECT_EQ(failures, std::vector<int>(static_cast<size_t>(acknowledged), ENOSPC));
+  EXPECT_FALSE(SendEarly(0, large).is_taken) << "a full disk is trusted";
+}
+
+TEST_F(LargeWritesTest, AreNotTakenOnADiskThatFails) {
+  writes.NoteFailure(EIO);
+  EXPECT_FALSE(SendEarly(0, large).is_taken);
+}
+
+TEST_F(LargeWritesTest, StayWhereABatchBeforeThemFailed) {
+  disk.Hold();
+  disk.FailBatches(1);
+  ASSERT_TRUE(Add(0, "1111"));
+  ASSERT_TRUE(Add(8, "1111"));
+  std::jthread writer([this] {
+    writes.Drain(node);
+    EXPECT_TRUE(SendEarly(4, large).is_taken);
+  });
+  std::this_thread::sleep_for(20ms);
+  disk.GoOn();
+  writer.join();
+  writes.Drain();
+  EXPECT_TRUE(disk.content() == "1111" + large);
+}
+
+TEST_F(LargeWritesTest, DoNotHoldUpADrainOfTheFile) {
+  disk.Hold();
+  ASSERT_TRUE(SendEarly(0, large).is_taken);
+  writes.Drain(node);
+  EXPECT_EQ(disk.content(), "");
+  disk.GoOn();
+}
+
+TEST_F(LargeWritesTest, WithoutAnAnswerAreReported) {
+  disk.Hold();
+  ASSERT_EQ(*SendEarly(0, large).error, 0);
+  session.Stop();
+  writes.Drain();
+  EXPECT_EQ(failures, std::vector<int>{EIO});
+}
+
+// ---- Waiting for the answers ----
+
+using WrittenFileTest = GatheredWritesTest;
+
+TEST_F(WrittenFileTest, IsAnsweredAtOnceWhenNothingWasWritten) {
+  disk.Hold();
+  bool is_answered = false;
+  writes.WhenAnswered(node, [&] { is_answered = true; });
+  EXPECT_TRUE(is_answered);
+  disk.GoOn();
+}
+
+TEST_F(WrittenFileTest, IsAnsweredWhenWhatFailedIsWrittenAgainAndReported) {
+  disk.Hold();
+  ASSERT_TRUE(Add(0, "abc"));
+  ASSERT_EQ(*SendEarly(10, large).error, 0);
+  SendNow();
+  disk.Fill();
+  std::promise<std::vector<int>> answered;
+  writes.WhenAnswered(node, [&] {
+    const std::lock_guard lock(mutex);
+    answered.set_value(failures);
+  });
+  auto when_answered = answered.get_future();
+  EXPECT_EQ(when_answered.wait_for(20ms), std::future_status::timeout);
+  disk.GoOn();
+  EXPECT_EQ(when_answered.get(), (std::vector<int>{ENOSPC, ENOSPC}));
+}
+
+TEST_F(WrittenFileTest, IsNotWrittenEarlyWhileSomebodyWaitsForItsAnswers) {
+  disk.Hold();
+  ASSERT_EQ(*SendEarly(0, large).error, 0);
+  writes.WhenAnswered(node, [] {});
+  EXPECT_FALSE(SendEarly(0, large).is_taken);
+  EXPECT_FALSE(Add(0, "abc"));
+  disk.GoOn();
+  writes.Drain();
+  EXPECT_TRUE(Add(0, "abc"));
+}
+
+TEST_F(WrittenFileTest, IsSyncedInOneRoundTripWithItsWrites) {
+  disk.Hold();
+  ASSERT_TRUE(Add(0, "abc"));
+  ASSERT_EQ(*SendEarly(3, large).error, 0);
+  const int before = disk.pieces();
+  std::promise<Outcome> synced;
+  {
+    const auto pass = gate.Enter();
+    writes.Send();
+    writes.Sync(node, *nodes.Find(node), [&](Outcome outcome) { synced.set_value(outcome); });
+  }
+  disk.GoOn();
+  EXPECT_EQ(synced.get_future().get(), Outcome::kDone);
+  EXPECT_EQ(disk.pieces_synced(), before + 2);
+}
+
+TEST_F(WrittenFileTest, IsSyncedAgainAfterWhatFailedIsWrittenAgain) {
+  disk.Hold();
+  disk.FailBatches(1);
+  ASSERT_TRUE(Add(0, "abc"));
+  ASSERT_TRUE(Add(9, "abc"));
+  std::promise<Outcome> synced;
+  {
+    const auto pass = gate.Enter();
+    writes.Send();
+    writes.Sync(node, *nodes.Find(node), [&](Outcome outcome) { synced.set_value(outcome); });
+  }
+  disk.GoOn();
+  EXPECT_EQ(synced.get_future().get(), Outcome::kDone);
+  EXPECT_EQ(disk.pieces_synced(), disk.pieces());
+  EXPECT_EQ(disk.content(), "abc......abc");
+  EXPECT_EQ(failures, std::vector<int>{});
 }
 
 }  // namespace

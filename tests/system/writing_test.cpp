@@ -28,6 +28,7 @@ namespace {
 
 using Contents = MountTest;
 using SmallWrites = MountTest;
+using LargeWrites = MountTest;
 using Sizes = MountTest;
 using Names = MountTest;
 using OpenFiles = MountTest;
@@ -328,6 +329,72 @@ TEST_F(SmallWrites, AreNotTakenBeforeTheDiskIsKnownToHaveRoom) {
   ASSERT_TRUE(fs::remove(disk / "file"));
   EXPECT_EQ(ErrorOf([&] { return static_cast<int>(write(file.get(), "lost", 4)); }), ENOENT);
   EXPECT_EQ(file.Close(), 0);
+}
+
+TEST_F(LargeWrites, AreAnsweredEarlyAndOnTheDiskWhenTheFileIsClosed) {
+  MountedDisk mounted(disk.path());
+  ShowThatThereIsRoom(mounted);
+  const auto content = Bytes(8 * kMiB);
+  Fd file(mounted / "file", O_WRONLY | O_CREAT);
+  for (size_t at = 0; at < content.size(); at += 65536) file.Write(content.substr(at, 65536));
+  EXPECT_EQ(file.Close(), 0);
+  EXPECT_TRUE(ReadFile(disk / "file") == content);
+  const auto ending = mounted.Unmount();
+  EXPECT_GT(ending.Count("writes answered early"), 0);
+  EXPECT_EQ(ending.Count("failed later"), 0);
+  EXPECT_EQ(ending.Requests(119), 0) << "closing a file asks what the writes' answers tell";
+}
+
+TEST_F(LargeWrites, BetweenSmallOnesKeepTheirOrder) {
+  MountedDisk mounted(disk.path());
+  ShowThatThereIsRoom(mounted);
+  std::string expected;
+  Fd file(mounted / "file", O_RDWR | O_CREAT);
+  for (int i = 0; i < 200; ++i) {
+    const auto offset = static_cast<size_t>(i * 7919 % 60'000);
+    const auto bytes = Bytes(i % 3 == 0 ? 50'000 : 100, i);
+    file.WriteAt(static_cast<off_t>(offset), bytes);
+    if (expected.size() < offset + bytes.size()) expected.resize(offset + bytes.size());
+    expected.replace(offset, bytes.size(), bytes);
+  }
+  EXPECT_TRUE(file.ReadAt(0, 1 << 20) == expected);
+  EXPECT_EQ(fsync(file.get()), 0);
+  EXPECT_TRUE(ReadFile(disk / "file") == expected);
+}
+
+TEST_F(LargeWrites, ThatFailAreReportedOnceToEachHandleAndOnceInTheLog) {
+  MountedDisk mounted(disk.path());
+  Fd one(mounted / "file", O_WRONLY | O_CREAT);
+  Fd two(mounted / "file", O_WRONLY);
+  Fd three(mounted / "file", O_WRONLY);
+  ASSERT_TRUE(fs::remove(disk / "file"));
+  ShowThatThereIsRoom(mounted);
+  one.Write(std::string(100'000, 'x'));
+  EXPECT_EQ(ErrorOf([&] { return fsync(two.get()); }), ENOENT);
+  EXPECT_EQ(ErrorOf([&] { return static_cast<int>(write(one.get(), "more", 4)); }), ENOENT);
+  EXPECT_EQ(three.Close(), ENOENT);
+  EXPECT_EQ(two.Close(), 0);
+  EXPECT_EQ(one.Close(), 0);
+  const auto ending = mounted.Unmount();
+  EXPECT_EQ(ending.Count("failed later"), 1);
+  const std::string line = "a write to /file failed after a program was told it was done";
+  const auto first = ending.err.find(line);
+  EXPECT_NE(first, std::string::npos) << ending.err;
+  EXPECT_EQ(ending.err.find(line, first + 1), std::string::npos) << ending.err;
+}
+
+TEST_F(LargeWrites, ThatFailAreReportedByTheCallItselfWithSync) {
+  MountedDisk mounted(disk.path(), {"--sync"});
+  Fd file(mounted / "file", O_WRONLY | O_CREAT);
+  ASSERT_TRUE(fs::remove(disk / "file"));
+  ShowThatThereIsRoom(mounted);
+  for (const size_t size : {100, 100'000}) {
+    const std::string bytes(size, 'x');
+    EXPECT_EQ(ErrorOf([&] { return static_cast<int>(write(file.get(), bytes.data(), size)); }),
+              ENOENT);
+  }
+  EXPECT_EQ(file.Close(), 0);
+  EXPECT_EQ(mounted.Unmount().Count("writes answered early"), 0);
 }
 
 TEST_F(SmallWrites, ThatFailAreNotWrittenIntoAFileThatTookTheName) {
