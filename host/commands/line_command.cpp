@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 
 #include "line/frame_reader.h"
@@ -39,6 +40,7 @@ bool KeepUntilStopped(LineKeeper& keeper, const StopSignals& signals) {
 
 void CheckEnding(const Ending& ending) {
   if (ending.kind == Ending::Kind::kFarewell && ending.farewell == Farewell::kDone) return;
+  if (ending.kind == Ending::Kind::kClosed) throw std::runtime_error(ending.text);
   throw EndedError(ending);
 }
 

@@ -21,9 +21,12 @@ void Connect(LineKeeper& keeper, const StopSignals& signals);
 /// Keeps the line up until a stop signal, or until it ends for good.
 /// @return whether the other side knows that the session has ended
 /// @throws EndedError when the other side failed, or the line dropped and is not replaced
+/// @throws std::runtime_error when this side failed
 bool KeepUntilStopped(LineKeeper& keeper, const StopSignals& signals);
 
-/// @throws EndedError unless the line ended because a user of the other side wanted it to
+/// @throws EndedError unless the line ended because a user of the other side wanted it to, or this
+/// side failed
+/// @throws std::runtime_error when this side failed
 void CheckEnding(const Ending& ending);
 
 /// Tells the other side why this one cannot begin.

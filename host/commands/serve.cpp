@@ -35,12 +35,16 @@ void Serve(ServeOptions options) {
   std::optional<DiskEnd> disk;
   try {
     CompleteOptions(&options.disk);
-    disk.emplace(DiskEnd::Options{
-        .disk = options.disk, .window = options.line.window, .enter = [&](const Id128& session) {
-          if (!fence.Enter(session, kOlderProcessLimit)) {
-            throw std::runtime_error("an older process of this session does not end");
-          }
-        }});
+    disk.emplace(DiskEnd::Options{.disk = options.disk,
+                                  .window = options.line.window,
+                                  .enter =
+                                      [&](const Id128& session) {
+                                        if (!fence.Enter(session, kOlderProcessLimit)) {
+                                          throw std::runtime_error(
+                                              "an older process of this session does not end");
+                                        }
+                                      },
+                                  .awaits_disk = true});
     if (options.line.sandbox) {
       EnterSandbox({.disk = options.disk.disk,
                     .read_only = options.disk.read_only,

@@ -110,7 +110,7 @@ FrameReader::Frame Connection::AwaitFrame(std::chrono::milliseconds limit) {
     if (poll(events.data(), events.size(), static_cast<int>(left.count())) <= 0) continue;
     {
       const std::lock_guard lock(mutex_);
-      if (closes_ || is_given_up_) throw StreamError("closed");
+      if (closes_ || given_up_) throw StreamError("closed");
     }
     if (events[1].revents != 0) DrainWake();
     if (events[0].revents != 0 && !Receive()) throw LineClosed();
@@ -180,15 +180,16 @@ void Connection::SayGoodbye(Farewell farewell, std::string text) {
     if (closes_ || is_ended_) return;
     AppendControlLocked(Control::kBye, static_cast<uint64_t>(farewell), text);
     closes_ = Clock::now() + times_.goodbye;
+    goodbye_ = std::move(text);
     WriteLocked();
   }
   Wake();
 }
 
-void Connection::GiveUp() {
+void Connection::GiveUp(std::string why) {
   {
     const std::lock_guard lock(mutex_);
-    is_given_up_ = true;
+    given_up_ = std::move(why);
   }
   Wake();
 }
@@ -294,9 +295,9 @@ void Connection::Poll() {
     const std::lock_guard lock(mutex_);
     if (!pending_.empty()) events[2].fd = out_.get();
     closes = closes_;
-    if (is_given_up_) return End(Ending::Kind::kDropped, "a newer line takes its place");
+    if (given_up_) return End(Ending::Kind::kDropped, *given_up_);
     if (closes && (pending_.empty() || Clock::now() >= *closes)) {
-      return End(Ending::Kind::kClosed, "");
+      return End(Ending::Kind::kClosed, goodbye_);
     }
   }
   const auto patience = closes ? std::max<Clock::duration>(*closes - Clock::now(), 0s)

@@ -110,7 +110,8 @@ class Connection {
   /// After LineTimes::goodbye it closes in any case.
   void SayGoodbye(Farewell farewell, std::string text);
   /// Ends the connection as dropped. Callable from any thread.
-  void GiveUp();
+  /// @param why  in words for the user
+  void GiveUp(std::string why);
   /// Waits for the end of a goodbye, otherwise closes at once. No handler runs after it has
   /// returned. Must not be called on the connection's thread.
   void Close();
@@ -178,7 +179,8 @@ class Connection {
   uint64_t unreported_ = 0;       // of it, what is no longer held
   std::optional<uint64_t> pong_;  // to be sent
   bool is_ended_ = false;
-  bool is_given_up_ = false;
+  std::optional<std::string> given_up_;      // why
+  std::string goodbye_;                      // why this side has said goodbye
   std::optional<Clock::time_point> closes_;  // when to close, after a goodbye
   std::thread thread_;
 };

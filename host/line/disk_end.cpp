@@ -15,6 +15,8 @@
 namespace cpd::host {
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr uint32_t kProbeId = 0x50524f42;
 /// What requests take in addition to their packets and replies, in bytes.
 constexpr uint64_t kSpareMemory = 5 << 20;
@@ -97,13 +99,25 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
                         },
                     .room = [] {},
                     .ended = std::move(ended)});
+  watching_.emplace(500ms, [this, &connection] { Watch(connection); });
   // Now all threads have their stacks.
   memory_.Set(options_.window + kMostUnwritten + uint64_t{2} * kLargestPacket + kSpareMemory);
+}
+
+void DiskEnd::Watch(Connection& connection) const {
+  const auto state = watch_.Look();
+  if (state == DiskWatch::State::kThere) return;
+  if (!options_.awaits_disk) {
+    connection.SayGoodbye(Farewell::kFailed, "the disk was unmounted");
+  } else if (state == DiskWatch::State::kMountedAnew) {
+    connection.GiveUp("the disk was mounted anew");
+  }
 }
 
 // Each uses the other. Closing the connection first stops its use of the driver, and ends the
 // driver's wait for room, so that the driver can be closed, too.
 void DiskEnd::End(Connection& connection) {
+  watching_.reset();
   connection.Close();
   disk_.reset();
 }

@@ -20,6 +20,7 @@
 #include "module/served_disk.h"
 #include "module/trace_file.h"
 #include "options.h"
+#include "remote/periodic.h"
 
 namespace cpd::host {
 
@@ -65,11 +66,16 @@ class DiskEnd : public LineUser {
     /// Called with the session that the other side has set up, before the disk is opened. Throws
     /// when an older process of this session does not end.
     std::function<void(const Id128& session)> enter = [](const Id128&) {};
+    /// What happens when the disk is unmounted. true: requests fail; once the disk is mounted anew,
+    /// the line ends as dropped, so that another process can serve it. A process in its sandbox
+    /// cannot reach it any more. false: the session ends at once.
+    bool awaits_disk = false;
   };
 
   explicit DiskEnd(Options options)
       : options_(std::move(options)),
         identifier_(options_.disk.disk),
+        watch_(options_.disk.disk),
         trace_(options_.disk.trace),
         module_(options_.disk.module) {}
 
@@ -80,12 +86,16 @@ class DiskEnd : public LineUser {
   void End(Connection& connection) override;
 
  private:
+  void Watch(Connection& connection) const;
+
   const Options options_;
   const DiskIdentifier identifier_;
+  const DiskWatch watch_;
   TraceFile trace_;
   MemoryLimit memory_;
   const Module module_;  // stays loaded, since a process in its sandbox cannot load it again
-  std::optional<ServedDisk> disk_;  // while there is a line
+  std::optional<ServedDisk> disk_;    // while there is a line
+  std::optional<Periodic> watching_;  // while there is a line
 };
 
 }  // namespace cpd::host

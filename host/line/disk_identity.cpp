@@ -49,9 +49,17 @@ Id128 Digest(std::string_view text) {
   return digest;
 }
 
+/// From Linux 6.8 on, the id of a mount is not used again after an unmount.
+constexpr unsigned kUniqueMountId = 0x4000;
+
+bool LookAt(const std::string& directory, int flags, struct statx* status) {
+  constexpr unsigned kWanted = STATX_INO | STATX_MNT_ID | kUniqueMountId;
+  return statx(AT_FDCWD, directory.c_str(), flags, kWanted, status) == 0;
+}
+
 struct statx Look(const std::string& directory) {
   struct statx status {};
-  if (statx(AT_FDCWD, directory.c_str(), 0, STATX_INO | STATX_MNT_ID, &status) != 0) {
+  if (!LookAt(directory, 0, &status)) {
     throw std::system_error(errno, std::generic_category(), directory);
   }
   return status;
@@ -89,6 +97,18 @@ DiskIdentity DiskIdentifier::Now() const {
   if (HasStableInodes(file_system)) disk += fmt::format(" {}", uint64_t{status.stx_ino});
   return {.disk = Digest(disk),
           .life = Digest(fmt::format("{} {}", boot_, uint64_t{status.stx_mnt_id}))};
+}
+
+DiskWatch::DiskWatch(std::string directory)
+    : directory_(std::move(directory)), first_(host::Look(directory_)) {}
+
+DiskWatch::State DiskWatch::Look() const {
+  struct statx now {};
+  if (!LookAt(directory_, AT_STATX_DONT_SYNC, &now)) return State::kGone;
+  if (now.stx_mnt_id == first_.stx_mnt_id) return State::kThere;
+  // Without its mount, the directory is one of the file system below.
+  const auto root = first_.stx_attributes & STATX_ATTR_MOUNT_ROOT;
+  return (now.stx_attributes & root) == root ? State::kMountedAnew : State::kGone;
 }
 
 Id128 RandomId() {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
 
 #include "line/stream.h"
@@ -32,6 +34,27 @@ class DiskIdentifier {
   const std::string boot_;
   const std::string device_;  // where the directory was
   const std::string uuid_;    // of the file system there; empty if it has none
+};
+
+/// Notices when the disk at a directory is unmounted and mounted again.
+class DiskWatch {
+ public:
+  enum class State {
+    kThere,
+    kGone,
+    kMountedAnew,  ///< it, or another disk in its place
+  };
+
+  /// @param directory  an absolute path; what is there now is watched
+  /// @throws std::system_error when it cannot be looked at
+  explicit DiskWatch(std::string directory);
+
+  /// Does not ask the disk, which may be gone. Callable from any thread.
+  [[nodiscard]] State Look() const;
+
+ private:
+  const std::string directory_;
+  const struct statx first_;
 };
 
 /// 16 bytes that nobody can guess.

@@ -64,7 +64,7 @@ void LineKeeper::Finish(Farewell farewell, const std::string& text) {
 
 void LineKeeper::GiveUpLine() {
   const std::lock_guard lock(mutex_);
-  if (connection_ != nullptr) connection_->GiveUp();
+  if (connection_ != nullptr) connection_->GiveUp("a newer line takes its place");
 }
 
 LineState LineKeeper::state() const {

@@ -141,7 +141,7 @@ TEST_F(ConnectionTest, NoticesThatTheLineClosesBeforeTheHello) {
 TEST_F(ConnectionTest, StopsWaitingForAHelloWhenItIsGivenUp) {
   Make();
   auto waiting = std::async(std::launch::async, [&] { return connection->AwaitHello(60s); });
-  connection->GiveUp();
+  connection->GiveUp("enough");
   EXPECT_THROW(waiting.get(), StreamError);
 }
 
@@ -430,7 +430,7 @@ TEST_F(ConnectionTest, ClosesEvenIfThePeerDoesNotReadTheGoodbye) {
 
 TEST_F(ConnectionTest, DropsTheLineWhenItIsGivenUp) {
   Start();
-  connection->GiveUp();
+  connection->GiveUp("enough");
   EXPECT_EQ(AwaitEnding().kind, Ending::Kind::kDropped);
   EXPECT_TRUE(peer.IsClosed());
 }
@@ -463,7 +463,7 @@ TEST_F(ConnectionTest, IgnoresCallsAfterItsEnd) {
   connection->Send(PacketOf(100));
   connection->Taken(kWindow);
   connection->SayGoodbye(Farewell::kDone, "");
-  connection->GiveUp();
+  connection->GiveUp("enough");
   EXPECT_FALSE(connection->SendWhenRoom(PacketOf(100)));
 }
 

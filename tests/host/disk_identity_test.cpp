@@ -2,12 +2,14 @@
 #include "line/disk_identity.h"
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "line/frame_reader.h"
 #include "line/offered_lines.h"
@@ -47,6 +49,54 @@ TEST(DiskIdentity, IsThatOfTheDirectoryThatIsThereNow) {
 TEST(DiskIdentity, DiffersInItsLifeOnAnotherMount) {
   const test::TempDisk disk;
   EXPECT_NE(DiskIdentifier(disk.root()).Now().life, DiskIdentifier("/proc").Now().life);
+}
+
+/// A file system that is mounted on a directory for as long as the object lives.
+class MountedHere {
+ public:
+  explicit MountedHere(std::string directory)
+      : directory_(std::move(directory)),
+        is_mounted_(mount("none", directory_.c_str(), "tmpfs", 0, "size=64k") == 0) {}
+  ~MountedHere() { Unmount(); }
+  MountedHere(const MountedHere&) = delete;
+  MountedHere& operator=(const MountedHere&) = delete;
+
+  void Unmount() {
+    if (std::exchange(is_mounted_, false)) umount2(directory_.c_str(), MNT_DETACH);
+  }
+  [[nodiscard]] bool is_mounted() const { return is_mounted_; }
+
+ private:
+  const std::string directory_;
+  bool is_mounted_;
+};
+
+using State = DiskWatch::State;
+
+TEST(DiskWatch, NoticesThatTheDiskIsUnmountedAndMountedAnew) {
+  const test::TempDisk disk;
+  MountedHere first(disk.root());
+  if (!first.is_mounted()) GTEST_SKIP() << "mounting needs root";
+  const DiskWatch watch(disk.root());
+  EXPECT_EQ(watch.Look(), State::kThere);
+  first.Unmount();
+  EXPECT_EQ(watch.Look(), State::kGone);
+  const MountedHere second(disk.root());
+  EXPECT_EQ(watch.Look(), State::kMountedAnew);
+}
+
+TEST(DiskWatch, NoticesTheSameForADirectoryOfTheDisk) {
+  const test::TempDisk disk;
+  MountedHere first(disk.root());
+  if (!first.is_mounted()) GTEST_SKIP() << "mounting needs root";
+  disk.MakeDir("/shown");
+  const DiskWatch watch(disk.Local("/shown"));
+  first.Unmount();
+  EXPECT_EQ(watch.Look(), State::kGone);
+  const MountedHere second(disk.root());
+  EXPECT_EQ(watch.Look(), State::kGone);
+  disk.MakeDir("/shown");
+  EXPECT_EQ(watch.Look(), State::kMountedAnew);
 }
 
 TEST(RandomId, DiffersEachTime) { EXPECT_NE(RandomId(), RandomId()); }

@@ -199,8 +199,6 @@ bool IsMounted(const std::string& path) {
   return false;
 }
 
-bool IsOverLine() { return LinePrefix() != nullptr; }
-
 const std::string& WhyNoFuse() {
   static const std::string problem = FindFuseProblem();
   return problem;

@@ -88,8 +88,6 @@ bool Eventually(Condition condition, std::chrono::milliseconds limit = kHang) {
   return true;
 }
 
-/// Whether disks are mounted over a line; see MountedDisk.
-bool IsOverLine();
 /// Why FUSE cannot mount anything on this machine; empty when it can.
 const std::string& WhyNoFuse();
 

@@ -116,6 +116,34 @@ TEST_F(LineEnds, AServeThatIsTerminatedEndsTheMount) {
   ExpectCleanSoon();
 }
 
+TEST_F(LineEnds, ADiskThatIsUnmountedEndsItsRedirect) {
+  if (mount("none", disk.path().c_str(), "tmpfs", 0, "size=1m") != 0) {
+    GTEST_SKIP() << "mounting needs root";
+  }
+  WriteFile(disk / "file", "content");
+  StartRedirect();
+  EXPECT_EQ(umount2(disk.path().c_str(), MNT_DETACH), 0);
+  EXPECT_EQ(host->Wait(kSoon), 1);
+  EXPECT_NE(ReadFile(place / "err").find("cpd-host: the disk was unmounted"), std::string::npos)
+      << ReadFile(place / "err");
+  ExpectCleanSoon();
+}
+
+TEST_F(LineEnds, AMountGoesOnWhenItsDiskIsMountedAnew) {
+  if (mount("none", disk.path().c_str(), "tmpfs", 0, "size=1m") != 0) {
+    GTEST_SKIP() << "mounting needs root";
+  }
+  WriteFile(disk / "file", "content");
+  StartMount();
+  EXPECT_EQ(umount2(disk.path().c_str(), MNT_DETACH), 0);
+  EXPECT_TRUE(Eventually([&] { return Shell("cat " + file, kHang).status == 1; }));
+  EXPECT_EQ(mount("none", disk.path().c_str(), "tmpfs", 0, "size=1m"), 0);
+  WriteFile(disk / "file", "content");
+  ExpectServed();
+  ExpectEndsWhenAsked();
+  EXPECT_EQ(umount2(disk.path().c_str(), MNT_DETACH), 0);
+}
+
 TEST_F(LineEnds, AMountWithoutReconnectionEndsWithItsLine) {
   Start({"mount", "--via", "exec " CPD_HOST " serve " + disk.path(), mount_point, "--reconnect",
          "0"});
