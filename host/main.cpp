@@ -34,6 +34,7 @@ int Run(int argc, char** argv) {
   AddLsCommand(&app, &line);
   AddCatCommand(&app, &line);
   AddDfCommand(&app, &line);
+  AddXattrCommand(&app, &line);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -22,13 +22,13 @@ struct PathOptions {
 
 /// Adds a command that opens the disk and calls `print` with its files.
 /// @param path_help  help text of the option PATH; null = the command has no PATH
-inline CLI::Option* AddPacketCommand(CLI::App* app, CommandLine* line, const char* name,
-                                     const char* description, const char* path_help,
-                                     void (*print)(RemoteFiles& files, const std::string& path)) {
+inline CLI::Option* AddPacketCommand(
+    CLI::App* app, CommandLine* line, const char* name, const char* description,
+    const char* path_help, std::function<void(RemoteFiles& files, const std::string& path)> print) {
   auto* command = app->add_subcommand(name, description);
   const auto options = std::make_shared<PathOptions>();
   AddDiskOptions(command, &options->disk, line);
-  command->callback([line, options, print] {
+  command->callback([line, options, print = std::move(print)] {
     line->run = [options, print] {
       CompleteOptions(&options->disk);
       Redirection disk(options->disk);

@@ -143,7 +143,8 @@ void FuseMount::CallChange(fuse_req_t request, Arguments... arguments) {
 }
 
 // Operations that are missing here have no request in the protocol, so the kernel's defaults apply:
-// locks hold within the mount; reserving space and setting extended attributes fail.
+// locks hold within the mount; reserving space fails. So do calls for extended attributes, whose
+// values the protocol does not carry, and the kernel stops asking: it would do that at every write.
 fuse_lowlevel_ops FuseMount::Operations() {
   fuse_lowlevel_ops ops{};
   ops.init = Initialise;
@@ -153,7 +154,6 @@ fuse_lowlevel_ops FuseMount::Operations() {
   ops.getattr = Call<&FuseMount::GetAttributes>;
   ops.setattr = CallChange<&FuseMount::SetAttributes>;
   ops.statfs = Call<&FuseMount::GetStatistics>;
-  ops.getxattr = Call<&FuseMount::GetExtendedAttribute>;
   // The protocol shows a symbolic link but has no request that reads or makes one.
   ops.readlink = [](fuse_req_t request, fuse_ino_t) { fuse_reply_err(request, ENOTSUP); };
   ops.symlink = CallChange<&FuseMount::MakeSymbolicLink>;
@@ -322,22 +322,6 @@ void FuseMount::GetStatistics(const KernelRequest& request, fuse_ino_t node) {
     to.f_favail = from.f_favail;
     to.f_namemax = from.f_namemax;
     request.ReplyStatistics(to);
-  });
-}
-
-void FuseMount::GetExtendedAttribute(const KernelRequest& request, fuse_ino_t node,
-                                     const char* name, size_t /*size*/) {
-  // The kernel asks for this before every write. Programs on a redirected disk do not get file
-  // capabilities, so no request is sent.
-  if (std::string_view(name) == "security.capability") {
-    return request.ReplyError(ENODATA);
-  }
-  const auto pass = Enter();
-  const auto file = nodes_.Find(node);
-  if (!file) return request.ReplyError(ESTALE);
-  files_.HasExtendedAttribute(file->path, name, [request](const Result<bool>& result) {
-    // A value could not be shown even if it existed: the protocol does not carry it.
-    request.ReplyError(result.error != 0 ? result.error : result.value ? EIO : ENODATA);
   });
 }
 

@@ -90,8 +90,6 @@ class FuseMount {
                      fuse_file_info* file);
   void ReleaseDirectory(const KernelRequest& request, fuse_ino_t node, fuse_file_info* file);
   void GetStatistics(const KernelRequest& request, fuse_ino_t node);
-  void GetExtendedAttribute(const KernelRequest& request, fuse_ino_t node, const char* name,
-                            size_t size);
 
   // Files, in fuse_mount_files.cpp.
   void Open(const KernelRequest& request, fuse_ino_t node, fuse_file_info* handle);

@@ -111,6 +111,14 @@ TEST_F(PacketTools, PrintWhatIsOnTheDisk) {
   EXPECT_TRUE(df.output.starts_with("size ")) << df.output;
 }
 
+TEST_F(PacketTools, AskTheModuleForAnExtendedAttribute) {
+  WriteFile(disk / "file", "content");
+  const auto asked = Shell(CPD_HOST " xattr " + disk.path() + " file user.colour --log-level off");
+  EXPECT_EQ(asked.status, 0);
+  EXPECT_EQ(asked.output, "no value\n");
+  EXPECT_EQ(Shell(CPD_HOST " xattr " + disk.path() + " file").status, 1);
+}
+
 TEST_F(PacketTools, QuoteNamesForATerminalAndNotForAPipe) {
   if (Shell("command -v script").status != 0) GTEST_SKIP() << "no program `script` here";
   WriteFile(disk / "red\x1b[31m\nfile", "");

@@ -29,5 +29,18 @@ TEST_F(RoundTrips, AreCountedBelowTheTableOfRequests) {
   EXPECT_EQ(ending.Count("directories listed"), 0) << ending.out;
 }
 
+TEST_F(RoundTrips, AreNotMadeForExtendedAttributesAndNoProgramComplains) {
+  fs::create_directory(disk / "from");
+  for (int i = 0; i < 5; ++i) WriteFile((disk / "from/file") + std::to_string(i), Bytes(5000));
+  MountedDisk mounted(disk.path());
+  const auto result = Shell("set -e; cd " + mounted.path() +
+                            "; ls -lR >/dev/null; cp -a from to; tar -cf ball from; mkdir in; "
+                            "tar -xf ball -C in; mv in there; echo more >>from/file1");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.output, "");
+  const auto ending = mounted.Unmount();
+  EXPECT_EQ(ending.Requests(108), 0) << ending.out;
+}
+
 }  // namespace
 }  // namespace system_test
