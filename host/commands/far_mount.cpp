@@ -68,7 +68,8 @@ void MountOverLine(LineSource& source, FarMount far, const StopSignals& stop_sig
   mount.emplace(end.session(), far.disk, *kernel);
   std::optional<Ending> ending;
   {
-    const StatusLine status(end.session(), far.disk.bandwidth_kbps, [&] { return keeper.state(); });
+    const StatusLine status([&] { return TrafficOf(end.session().statistics()); },
+                            far.disk.bandwidth_kbps, [&] { return keeper.state(); });
     keeper.Keep([&](const Ending& how) {
       ending = how;
       kill(getpid(), SIGTERM);  // ends Serve, as the user would

@@ -49,7 +49,8 @@ void Mount(DiskOptions options, const std::string& mount_point_option,
   {
     KernelMount kernel(options, mount_point);
     FuseMount mount(disk.session(), options, kernel);
-    const StatusLine status(disk.session(), options.bandwidth_kbps);
+    const StatusLine status([&] { return TrafficOf(disk.session().statistics()); },
+                            options.bandwidth_kbps);
     mount.Serve(stop_signals.set());
   }
   PrintTable(disk.session().statistics());

@@ -9,6 +9,7 @@
 #include "commands/command.h"
 #include "commands/line_command.h"
 #include "commands/line_options.h"
+#include "commands/status.h"
 #include "commands/stop_signals.h"
 #include "commands/usb_redirection.h"
 #include "line/dialer.h"
@@ -69,6 +70,8 @@ void Redirect(RedirectOptions options) {
   source.SayGoodbyeOnDeath(disk.OwnHello());
   bool was_told = false;
   try {
+    const StatusLine status([&] { return disk.traffic(); }, options.disk.bandwidth_kbps,
+                            [&] { return keeper.state(); });
     was_told = KeepUntilStopped(keeper, stop_signals);
   } catch (const EndedError& error) {
     if (error.ending().kind == Ending::Kind::kNonsense) source.starter().ActAtEnd();

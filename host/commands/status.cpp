@@ -26,9 +26,9 @@ std::string DropsAndRoundTrip(const LineState& line) {
 
 }  // namespace
 
-StatusLine::StatusLine(const Session& session, uint32_t announced_kbps,
+StatusLine::StatusLine(std::function<Traffic()> traffic, uint32_t announced_kbps,
                        std::function<LineState()> line)
-    : session_(session), announced_kbps_(announced_kbps), line_(std::move(line)) {
+    : traffic_(std::move(traffic)), announced_kbps_(announced_kbps), line_(std::move(line)) {
   if (isatty(STDERR_FILENO) != 0) print_ = std::make_unique<Periodic>(1s, [this] { Print(); });
 }
 
@@ -39,16 +39,10 @@ StatusLine::~StatusLine() {
 }
 
 void StatusLine::Print() {
-  Totals now;
-  for (const auto& [command, counters] : session_.statistics()) {
-    now.requests += counters.requests;
-    now.bytes += counters.bytes;
-    const bool is_paced = command == kFileRead || command == kSmallFileRead;
-    if (is_paced) now.read_bytes += counters.bytes;
-  }
-  const auto time = Session::Clock::now();
+  const auto now = traffic_();
+  const auto time = Clock::now();
   const std::chrono::duration<double> elapsed = time - std::exchange(last_time_, time);
-  const auto rate = [&](uint64_t Totals::*counter) {
+  const auto rate = [&](uint64_t Traffic::*counter) {
     return elapsed.count() > 0
                ? static_cast<double>(now.*counter - last_.*counter) / elapsed.count()
                : 0.0;
@@ -62,8 +56,8 @@ void StatusLine::Print() {
       announced_kbps_ == 0 ? "no limit" : fmt::format("{} kbps", announced_kbps_);
   PrintError(
       fmt::format("\r\x1b[K{}{:.0f} requests/s  {:.1f} MB/s  read {:.0f} kbps (announced: {})",
-                  line, rate(&Totals::requests), rate(&Totals::bytes) / 1e6,
-                  rate(&Totals::read_bytes) * 8 / 1e3, announced));
+                  line, rate(&Traffic::requests), rate(&Traffic::bytes) / 1e6,
+                  rate(&Traffic::read_bytes) * 8 / 1e3, announced));
   last_ = now;
 }
 

@@ -1,21 +1,24 @@
 // Prints a session's statistics.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 
 #include "line/line_keeper.h"
 #include "remote/periodic.h"
-#include "remote/session.h"
+#include "remote/statistics.h"
 
 namespace cpd::host {
 
 /// A status line that is rewritten every second; nothing if standard error is not a terminal.
 class StatusLine {
  public:
-  /// @param line  gives the state of the line to the disk; empty = the disk is in this process
-  StatusLine(const Session& session, uint32_t announced_kbps,
+  /// @param traffic  gives what was sent and received so far
+  /// @param line     gives the state of the line; empty = the disk and the mount are in this
+  /// process
+  StatusLine(std::function<Traffic()> traffic, uint32_t announced_kbps,
              std::function<LineState()> line = nullptr);
   /// Erases the line.
   ~StatusLine();
@@ -23,19 +26,15 @@ class StatusLine {
   StatusLine& operator=(const StatusLine&) = delete;
 
  private:
-  struct Totals {
-    uint64_t requests = 0;
-    uint64_t bytes = 0;
-    uint64_t read_bytes = 0;
-  };
+  using Clock = std::chrono::steady_clock;
 
   void Print();
 
-  const Session& session_;
+  const std::function<Traffic()> traffic_;
   const uint32_t announced_kbps_;
   const std::function<LineState()> line_;
-  Session::Clock::time_point last_time_ = Session::Clock::now();
-  Totals last_;
+  Clock::time_point last_time_ = Clock::now();
+  Traffic last_;
   std::unique_ptr<Periodic> print_;
 };
 

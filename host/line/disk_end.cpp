@@ -79,22 +79,25 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
   // Runs on the module's worker. While the line takes nothing, the worker waits here, and so does
   // everything that is queued for it.
   const SignalsBlocked blocked;
-  disk_.emplace(options_.disk, trace_, [&connection, intake](std::unique_ptr<CpdPacket> packet) {
-    if (!intake->NoteReply(*packet)) return;
-    if (packet->header->packetLen > std::min(connection.their_largest(), kLargestPacket)) {
-      tesselLogPrint(0, 7, "CPD_HOST",
-                     "a reply of %u bytes to command %u is longer than the other side takes",
-                     packet->header->packetLen, packet->header->cmd);
-      return;
-    }
-    connection.SendWhenRoom(std::move(packet));
-  });
+  disk_.emplace(
+      options_.disk, trace_, [this, &connection, intake](std::unique_ptr<CpdPacket> packet) {
+        if (!intake->NoteReply(*packet)) return;
+        if (packet->header->packetLen > std::min(connection.their_largest(), kLargestPacket)) {
+          tesselLogPrint(0, 7, "CPD_HOST",
+                         "a reply of %u bytes to command %u is longer than the other side takes",
+                         packet->header->packetLen, packet->header->cmd);
+          return;
+        }
+        Count(*packet, false);
+        connection.SendWhenRoom(std::move(packet));
+      });
   connection.Start({.packet =
                         [this, intake](std::unique_ptr<CpdPacket> packet) {
                           const uint64_t asked = DataAskedFor(*packet);
                           if (asked > kMostData) {
                             throw StreamError(fmt::format("a request for {} bytes", asked));
                           }
+                          Count(*packet, true);
                           intake->HandOver(std::move(packet), disk_->driver());
                         },
                     .room = [] {},
@@ -102,6 +105,17 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
   watching_.emplace(500ms, [this, &connection] { Watch(connection); });
   // Now all threads have their stacks.
   memory_.Set(options_.window + kMostUnwritten + uint64_t{2} * kLargestPacket + kSpareMemory);
+}
+
+Traffic DiskEnd::traffic() const {
+  const std::lock_guard lock(mutex_);
+  return traffic_;
+}
+
+void DiskEnd::Count(const CpdPacket& packet, bool is_request) {
+  const std::lock_guard lock(mutex_);
+  traffic_.requests += is_request ? 1 : 0;
+  traffic_.Count(packet.header->cmd, packet.header->packetLen);
 }
 
 void DiskEnd::Watch(Connection& connection) const {

@@ -21,6 +21,7 @@
 #include "module/trace_file.h"
 #include "options.h"
 #include "remote/periodic.h"
+#include "remote/statistics.h"
 
 namespace cpd::host {
 
@@ -85,7 +86,11 @@ class DiskEnd : public LineUser {
              std::function<void(const Ending&)> ended) override;
   void End(Connection& connection) override;
 
+  /// Over all lines. Callable from any thread.
+  [[nodiscard]] Traffic traffic() const;
+
  private:
+  void Count(const CpdPacket& packet, bool is_request);
   void Watch(Connection& connection) const;
 
   const Options options_;
@@ -96,6 +101,8 @@ class DiskEnd : public LineUser {
   const Module module_;  // stays loaded, since a process in its sandbox cannot load it again
   std::optional<ServedDisk> disk_;    // while there is a line
   std::optional<Periodic> watching_;  // while there is a line
+  mutable std::mutex mutex_;
+  Traffic traffic_;  // guarded by mutex_
 };
 
 }  // namespace cpd::host

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <bit>
 
+#include "wire.h"
+
 namespace cpd::host {
 
 // A value's bucket is given by its top kBits + 1 bits and the number of bits below them.
@@ -25,6 +27,20 @@ std::chrono::nanoseconds Durations::Quantile(double share) const {
     return std::chrono::nanoseconds((top << cut) + ((uint64_t{1} << cut) >> 1));
   }
   return {};
+}
+
+void Traffic::Count(uint16_t command, uint64_t packet_bytes) {
+  bytes += packet_bytes;
+  if (command == kFileRead || command == kSmallFileRead) read_bytes += packet_bytes;
+}
+
+Traffic TrafficOf(const Statistics& statistics) {
+  Traffic traffic;
+  for (const auto& [command, counters] : statistics) {
+    traffic.requests += counters.requests;
+    traffic.Count(command, counters.bytes);
+  }
+  return traffic;
 }
 
 }  // namespace cpd::host

@@ -32,8 +32,19 @@ struct CommandStatistics {
   Durations durations;
 };
 
+/// What has been sent and received so far.
+struct Traffic {
+  uint64_t requests = 0;
+  uint64_t bytes = 0;       ///< of whole packets
+  uint64_t read_bytes = 0;  ///< of packets that the module paces, likewise
+
+  void Count(uint16_t command, uint64_t packet_bytes);
+};
+
 /// By command code.
 using Statistics = std::map<uint16_t, CommandStatistics>;
+
+Traffic TrafficOf(const Statistics& statistics);
 
 /// What the mechanisms of a mount that save round trips did so far. Each one counts for itself, on
 /// any thread.

@@ -1,8 +1,13 @@
 // However one of a line's processes ends, the others end or go on as they should, and nothing is
 // left.
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <array>
+#include <cstdlib>
 #include <filesystem>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -15,6 +20,56 @@ namespace fs = std::filesystem;
 namespace {
 
 using LineEnds = LineProcesses;
+
+/// What the kernel shows a user of a terminal.
+class Terminal {
+ public:
+  Terminal() : master_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)) {
+    EXPECT_EQ(grantpt(master_), 0);
+    EXPECT_EQ(unlockpt(master_), 0);
+  }
+  ~Terminal() { close(master_); }
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  std::string path() const { return ptsname(master_); }
+  /// Everything that was written to it.
+  const std::string& Shown() {
+    std::array<char, 4096> bytes;
+    for (ssize_t count; (count = read(master_, bytes.data(), bytes.size())) > 0;) {
+      shown_.append(bytes.data(), static_cast<size_t>(count));
+    }
+    return shown_;
+  }
+
+ private:
+  const int master_;
+  std::string shown_;
+};
+
+class LineStatus : public LineProcesses {
+ protected:
+  void ExpectShown(std::vector<std::string> arguments) {
+    Terminal terminal;
+    arguments.insert(arguments.begin(), CPD_HOST);
+    host.emplace(arguments, place / "out", terminal.path());
+    EXPECT_TRUE(Eventually([&] {
+      Shell("cat " + file);
+      const std::regex status("line up, 0 drops, round trip [0-9.]+ ms  [1-9][0-9]* requests/s  ");
+      return std::regex_search(terminal.Shown(), status);
+    })) << terminal.Shown();
+    host->Signal(SIGTERM);
+    EXPECT_EQ(host->Wait(5s), 0);
+  }
+};
+
+TEST_F(LineStatus, IsShownOnATerminalByAMount) {
+  ExpectShown({"mount", "--via", "exec " CPD_HOST " serve " + disk.path(), mount_point});
+}
+
+TEST_F(LineStatus, IsShownOnATerminalByARedirect) {
+  ExpectShown({"redirect", disk.path(), "--via", "exec " CPD_HOST " attach " + mount_point});
+}
 
 TEST_F(LineEnds, AKilledMountLeavesNothing) {
   StartMount();
