@@ -93,6 +93,9 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
       });
   connection.Start({.packet =
                         [this, intake](std::unique_ptr<CpdPacket> packet) {
+                          // By now all threads have their stacks, which count, too.
+                          memory_.Set(options_.window + kMostUnwritten +
+                                      uint64_t{2} * kLargestPacket + kSpareMemory);
                           const uint64_t asked = DataAskedFor(*packet);
                           if (asked > kMostData) {
                             throw StreamError(fmt::format("a request for {} bytes", asked));
@@ -103,8 +106,6 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
                     .room = [] {},
                     .ended = std::move(ended)});
   watching_.emplace(500ms, [this, &connection] { Watch(connection); });
-  // Now all threads have their stacks.
-  memory_.Set(options_.window + kMostUnwritten + uint64_t{2} * kLargestPacket + kSpareMemory);
 }
 
 Traffic DiskEnd::traffic() const {

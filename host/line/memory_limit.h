@@ -16,7 +16,8 @@ class MemoryLimit {
   MemoryLimit();
 
   /// From now on the process can allocate that much more, in bytes. Only the first call counts, so
-  /// that what is freed late does not raise the limit. Builds with a sanitizer have no limit.
+  /// that what is freed late does not raise the limit. Builds with a sanitizer have no limit. Not
+  /// for several threads at once.
   void Set(uint64_t more);
 
  private:
