@@ -1,0 +1,110 @@
+// A session whose driver does not reply: the probe that it sends, and the end of its patience.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "remote/session.h"
+#include "support/idle_driver.h"
+#include "support/line_peer.h"
+#include "wire.h"
+
+namespace cpd::host {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+/// Keeps the headers of requests, and replies to none by itself.
+class SilentDriver : public test::IdleDriver {
+ public:
+  int onEvent(std::unique_ptr<CpdPacket> packet, int /*flags*/) override {
+    const std::lock_guard lock(mutex_);
+    requests_.push_back(*packet->header);
+    changed_.notify_all();
+    return 0;
+  }
+  /// Waits until there are that many requests. @return whether there are
+  bool Await(size_t count, std::chrono::milliseconds limit) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, limit, [&] { return requests_.size() >= count; });
+  }
+  CpdPacketHeader Request(size_t index) {
+    const std::lock_guard lock(mutex_);
+    return requests_.at(index);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<CpdPacketHeader> requests_;
+};
+
+class SessionLimits : public testing::Test {
+ protected:
+  SessionLimits() { session.Start(&channel); }
+  ~SessionLimits() override { session.Stop(); }
+
+  void Ask() {
+    session.Ask(std::make_unique<CpdPacket>(std::move(*test::PacketOf(40, kGetFileAttr))),
+                [this](std::unique_ptr<CpdPacket> reply) {
+                  const std::lock_guard lock(mutex);
+                  ++answers;
+                  replies += reply == nullptr ? 0 : 1;
+                  answered.notify_all();
+                });
+  }
+  bool AwaitAnswer(std::chrono::milliseconds limit) {
+    std::unique_lock lock(mutex);
+    return answered.wait_for(lock, limit, [this] { return answers > 0; });
+  }
+  void Reply(const CpdPacketHeader& request) {
+    session.Receive(std::make_unique<CpdPacket>(
+        std::move(*test::PacketOf(40, request.cmd, request.requestId))));
+  }
+
+  SilentDriver driver;
+  DriverChannel channel{driver};
+  Session session{0s};
+  std::mutex mutex;
+  std::condition_variable answered;
+  int answers = 0;
+  int replies = 0;
+};
+
+TEST_F(SessionLimits, SendNoProbeForARequestThatIsAnsweredInTime) {
+  Ask();
+  Reply(driver.Request(0));
+  EXPECT_TRUE(AwaitAnswer(1s));
+  EXPECT_EQ(replies, 1);
+  EXPECT_FALSE(driver.Await(2, 1500ms));
+}
+
+TEST_F(SessionLimits, SendAProbeAfterASecondWhoseReplyProvesThatThereIsNoneBeforeIt) {
+  const auto start = Clock::now();
+  Ask();
+  ASSERT_TRUE(driver.Await(2, 5s));
+  EXPECT_GE(Clock::now() - start, 1s);
+  EXPECT_FALSE(AwaitAnswer(0ms));
+  EXPECT_EQ(driver.Request(1).cmd, kGetXattr);
+  Reply(driver.Request(1));
+  EXPECT_TRUE(AwaitAnswer(1s));
+  EXPECT_EQ(replies, 0);
+}
+
+TEST_F(SessionLimits, EndTheWaitForADriverThatRepliesToNothing) {
+  const auto start = Clock::now();
+  Ask();
+  EXPECT_TRUE(AwaitAnswer(30s));
+  EXPECT_EQ(replies, 0);
+  EXPECT_GE(Clock::now() - start, 10s) << "the module may pace a read for that long";
+  EXPECT_FALSE(driver.Await(3, 0ms)) << "more than one probe is under way";
+}
+
+}  // namespace
+}  // namespace cpd::host
