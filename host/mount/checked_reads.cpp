@@ -8,8 +8,6 @@
 namespace cpd::host {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr size_t kMostContentBytes = 16 << 20;
 // How many times to look at a file that has changed at every look.
 constexpr int kMostTries = 100;
@@ -31,7 +29,8 @@ struct CheckedReads::Opening {
   SharedContent content = nullptr;
 };
 
-void CheckedReads::Fetch(NodeTable::Id node, const NodeTable::File& file, Opened opened) {
+void CheckedReads::Fetch(NodeTable::Id node, const NodeTable::File& file, const Ahead& ahead,
+                         Opened opened) {
   const auto opening = std::make_shared<Opening>(Opening{
       .node = node, .path = file.path, .known = file.attributes, .opened = std::move(opened)});
   {
@@ -39,6 +38,24 @@ void CheckedReads::Fetch(NodeTable::Id node, const NodeTable::File& file, Opened
     ++under_way_;
     openings_.push_back(opening);
   }
+  const bool is_ahead = ahead(
+      file, [this, opening](const auto* content, auto asked) { Take(opening, content, asked); });
+  if (!is_ahead) FetchAgain(opening);
+}
+
+/// Content that was read ahead is good if the disk has not shown another file since.
+void CheckedReads::Take(const std::shared_ptr<Opening>& opening, const std::string_view* content,
+                        Clock::time_point asked) {
+  opening->content = Find(opening->node);  // fetched by another program
+  if (opening->content != nullptr) return Finish(opening, 0);
+  const auto now = nodes_.CurrentAttributes(opening->node);
+  if (content == nullptr || !now || !IsSameContent(*now, opening->known)) {
+    return FetchAgain(opening);
+  }
+  opening->asked = asked;
+  opening->bytes = *content;
+  opening->is_whole = true;
+  if (Keep(opening)) return Finish(opening, 0);
   FetchAgain(opening);
 }
 

@@ -35,6 +35,7 @@ namespace cpd::host {
 /// move until AwaitAnswers has returned. All operations are callable from any thread.
 class CheckedReads {
  public:
+  using Clock = std::chrono::steady_clock;
   static constexpr size_t kWindow = 8;
   /// The largest file to fetch, in bytes.
   static constexpr int64_t kLargestContent = 64 << 10;
@@ -43,7 +44,7 @@ class CheckedReads {
   struct Content {
     std::string bytes;
     udisk_stat attributes;  ///< of the file as the kernel knew it
-    std::chrono::steady_clock::time_point asked;
+    Clock::time_point asked;
 
     /// The bytes from an offset on, `size` at most.
     [[nodiscard]] std::string_view Part(int64_t offset, size_t size) const {
@@ -59,6 +60,11 @@ class CheckedReads {
   /// Receives 0 or an errno, and the content, which is null if the file is not read whole. Find may
   /// no longer give it: a program may have changed the file meanwhile.
   using Opened = std::function<void(int error, SharedContent content)>;
+  /// Receives content that was read ahead, and when it was asked for; null if there is none.
+  using Arrived = std::function<void(const std::string_view* content, Clock::time_point asked)>;
+  /// Waits for content that was read ahead for the file as it is known.
+  /// @return false when there is none, so that `arrived` does not run
+  using Ahead = std::function<bool(const NodeTable::File& file, Arrived arrived)>;
   /// Receives the bytes, which are valid during the call; fewer than wanted only at the file's end.
   using ReadDone = std::function<void(int error, std::string_view bytes)>;
 
@@ -68,7 +74,8 @@ class CheckedReads {
   /// Fetches the content of a file that a program is about to read. Fails when the file is gone or
   /// was replaced while programs use it. If it merely cannot be read, the program's own reads
   /// report that.
-  void Fetch(NodeTable::Id node, const NodeTable::File& file, Opened opened);
+  /// @param ahead  gives content that is on its way already
+  void Fetch(NodeTable::Id node, const NodeTable::File& file, const Ahead& ahead, Opened opened);
   /// @return null when no content was fetched that matches the file as the kernel knows it
   [[nodiscard]] SharedContent Find(NodeTable::Id node) const;
   /// Forgets a file's content. Must be called before a change of the file is answered, and when its
@@ -96,6 +103,8 @@ class CheckedReads {
     size_t checks = 0;   // questions under way
   };
 
+  void Take(const std::shared_ptr<Opening>& opening, const std::string_view* content,
+            Clock::time_point asked);
   void FetchAgain(const std::shared_ptr<Opening>& opening);
   void LookAgain(const std::shared_ptr<Opening>& opening);
   bool Keep(const std::shared_ptr<Opening>& opening);

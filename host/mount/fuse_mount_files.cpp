@@ -42,18 +42,22 @@ void FuseMount::Open(const KernelRequest& request, fuse_ino_t node, fuse_file_in
   handle->keep_cache = only_reads && StoreAhead(node, *file) ? 1 : 0;
   const bool is_ahead = handle->keep_cache != 0;
   const auto looked_up = nodes_.TakeLookup(node);
-  if (!is_ahead) prefetch_.Forget(file->path);
+  const bool is_fresh = IsFresh(node, *file, only_reads, looked_up);
+  const bool fetches = only_reads && !is_fresh && IsSmall(*file);  // also what is on its way
+  if (!is_ahead && !fetches) prefetch_.Forget(file->path);
   handle->fh = open_files_.Open(node);
   if (is_ahead) {
     open_files_.NoteUse(node);  // what is in the kernel's cache is as good as read
     pass.unlock();
     ReplyOpened(request, node, *handle, 0);
     prefetch_.ReadToItsEnd(file->path);
-  } else if (IsFresh(node, *file, only_reads, looked_up)) {
+  } else if (is_fresh) {
     open_files_.SetContent(handle->fh, reads_.Find(node));
     ReplyOpened(request, node, *handle, 0);
-  } else if (only_reads && IsSmall(*file)) {
+  } else if (fetches) {
     FetchContent(request, node, *file, *handle);
+    pass.unlock();
+    prefetch_.ReadToItsEnd(file->path);
   } else {
     const bool is_retry = looked_up != NodeTable::Clock::time_point();
     CheckFile(request, node, *file, *handle, is_retry);
@@ -76,7 +80,12 @@ bool FuseMount::IsFresh(fuse_ino_t node, const NodeTable::File& file, bool only_
 /// Opens a small file and fetches its content.
 void FuseMount::FetchContent(const KernelRequest& request, fuse_ino_t node,
                              const NodeTable::File& file, const fuse_file_info& handle) {
-  reads_.Fetch(node, file,
+  const auto ahead = [this](const NodeTable::File& wanted, CheckedReads::Arrived arrived) {
+    if (prefetch_.Await(wanted.path, wanted.attributes, std::move(arrived))) return true;
+    prefetch_.Forget(wanted.path);  // would be older than what comes now
+    return false;
+  };
+  reads_.Fetch(node, file, ahead,
                [this, request, node, handle, before = file.attributes](
                    int error, CheckedReads::SharedContent content) {
                  if (error == 0) open_files_.NoteUse(node);

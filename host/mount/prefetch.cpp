@@ -1,9 +1,12 @@
 #include "mount/prefetch.h"
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 #include "remote/attributes.h"
 #include "remote/paths.h"
+#include "remote/statistics.h"
 
 namespace cpd::host {
 namespace {
@@ -25,7 +28,7 @@ void Prefetch::Listed(const std::string& directory, SharedListing listing) {
   if (!enabled_) return;
   const std::lock_guard lock(mutex_);
   runs_.remove_if([&](const auto& run) { return run.first == directory; });
-  runs_.emplace_front(directory, ReadingRun(std::move(listing)));
+  runs_.emplace_front(directory, ReadingRun(std::move(listing), usual_, files_.IsFar()));
   const auto entries = [this] {
     size_t count = 0;
     for (const auto& run : runs_) count += run.second.entries();
@@ -43,6 +46,7 @@ void Prefetch::ReadToItsEnd(const std::string& path) {
     auto* run = FindRun(directory);
     if (run == nullptr) return;
     run->Step(NameOf(path));
+    if (const auto way = run->way()) usual_ = way;
     DropStale();
     if (batches_.size() >= kMostBatches) DropOldest();
     batch = Reserve(directory, run->NextBatch());
@@ -66,17 +70,52 @@ std::shared_ptr<Prefetch::Batch> Prefetch::Reserve(const std::string& directory,
     batch->listed.push_back(attributes);
   }
   if (batch->files.empty()) return nullptr;
+  files_.savings().files_ahead += batch->files.size();
   batches_.push_back(batch);
   return batch;
 }
 
 void Prefetch::TakeAnswer(const std::shared_ptr<Batch>& batch, Result<SmallFilesData> result) {
-  const std::lock_guard lock(mutex_);
-  if (result.error == 0) {
-    batch->data = std::move(result.value);
-    return;
+  std::vector<std::pair<Awaited, std::optional<std::string_view>>> concluded;
+  std::vector<size_t> used;
+  {
+    const std::lock_guard lock(mutex_);
+    if (result.error == 0) batch->data = std::move(result.value);
+    for (auto& [index, awaited] : std::exchange(batch->waiting, {})) {
+      std::optional<std::string_view> content;
+      if (result.error == 0 && IsInPlace(batch, index)) {
+        content = batch->data.bytes[index];
+        used.push_back(index);
+      }
+      concluded.emplace_back(std::move(awaited), content);
+    }
+    // What is used here is not used again.
+    for (const auto index : used) {
+      files_.savings().files_ahead_used += places_.erase(batch->files[index].path);
+    }
+    if (result.error != 0) Drop(batch);
   }
-  Drop(batch);
+  for (const auto& [awaited, content] : concluded) {
+    awaited(content ? &*content : nullptr, batch->asked);
+  }
+}
+
+bool Prefetch::Await(const std::string& path, const udisk_stat& known, Awaited awaited) {
+  const std::lock_guard lock(mutex_);
+  const auto found = places_.find(path);
+  if (found == places_.end()) return false;
+  const auto& [batch, index] = found->second;
+  if (!batch->data.bytes.empty() || batch->IsStale() || !IsAsListed(known, batch->listed[index])) {
+    return false;
+  }
+  batch->waiting.emplace_back(index, std::move(awaited));
+  return true;
+}
+
+/// Whether a file of a batch was neither used nor forgotten.
+bool Prefetch::IsInPlace(const std::shared_ptr<Batch>& batch, size_t index) const {
+  const auto place = places_.find(batch->files[index].path);
+  return place != places_.end() && place->second.batch == batch;
 }
 
 bool Prefetch::Take(const std::string& path, const udisk_stat& known,
@@ -86,19 +125,23 @@ bool Prefetch::Take(const std::string& path, const udisk_stat& known,
   const auto found = places_.find(path);
   if (found == places_.end()) return false;
   const auto [batch, index] = found->second;
+  if (batch->data.bytes.empty()) return false;  // but Await may get it
   places_.erase(found);
-  // Do not wait for an answer that is on its way: a request for the file is served just as soon.
-  if (batch->data.bytes.empty() || batch->IsStale()) return false;
   const auto content = batch->data.bytes[index];
-  if (static_cast<int64_t>(content.size()) != known.st_size) return false;
-  return IsAsListed(known, batch->listed[index]) && use(content);
+  const bool is_used = !batch->IsStale() && IsAsListed(known, batch->listed[index]) &&
+                       static_cast<int64_t>(content.size()) == known.st_size && use(content);
+  auto& savings = files_.savings();
+  ++(is_used ? savings.files_ahead_used : savings.files_ahead_unused);
+  return is_used;
 }
 
 void Prefetch::Forget(const std::string& path) {
   const std::lock_guard lock(mutex_);
   std::erase_if(runs_, [&](const auto& run) { return IsWithin(run.first, path); });
-  places_.erase(path);
+  auto& unused = files_.savings().files_ahead_unused;
+  unused += places_.erase(path);
   const auto [first, last] = Below(places_, path);
+  unused += static_cast<uint64_t>(std::distance(first, last));
   places_.erase(first, last);
 }
 
@@ -119,6 +162,7 @@ size_t Prefetch::Drop(const std::shared_ptr<Batch>& batch) {
     places_.erase(place);
     ++unread;
   }
+  files_.savings().files_ahead_unused += unread;
   return unread;
 }
 
@@ -139,7 +183,9 @@ void Prefetch::DropOldest() {
   // A batch of which most was not used came too early or too late.
   const bool in_vain = Drop(oldest) > oldest->files.size() / 2;
   auto* run = FindRun(DirectoryOf(oldest->files.front().path));
-  if (in_vain && run != nullptr) run->SlowDown();
+  if (!in_vain) return;
+  usual_.reset();
+  if (run != nullptr) run->SlowDown();
 }
 
 }  // namespace cpd::host

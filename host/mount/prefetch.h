@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -28,6 +29,7 @@ namespace cpd::host {
 /// the file is read as without prefetch. All operations are callable from any thread.
 class Prefetch {
  public:
+  using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::seconds kTrusted{1};
 
   /// @param enabled  false: nothing is read ahead
@@ -35,7 +37,8 @@ class Prefetch {
 
   /// Notes that a program has listed the directory.
   void Listed(const std::string& directory, SharedListing listing);
-  /// Notes that a program reads the file to its end, and fetches those that it may want next.
+  /// Notes that a program reads the file to its end, or will, and fetches those that it may want
+  /// next.
   void ReadToItsEnd(const std::string& path);
   /// Passes a file's content to `use`, if it was fetched and may be used. Forget waits while `use`
   /// runs.
@@ -43,18 +46,27 @@ class Prefetch {
   /// @return what `use` returns; false when the content is not there
   bool Take(const std::string& path, const udisk_stat& known,
             const std::function<bool(std::string_view content)>& use);
+  /// Receives a file's content and when it was asked for; null if it cannot be used, because
+  /// it did not come or was forgotten meanwhile.
+  using Awaited = std::function<void(const std::string_view* content, Clock::time_point asked)>;
+  /// Waits for a file's content that was asked for and is on its way. An own request would be
+  /// answered later. `awaited` runs once, on the thread that delivers replies.
+  /// @param known  the attributes that the kernel has
+  /// @return false when the content is not on its way, or may not be used; then `awaited` never
+  /// runs
+  bool Await(const std::string& path, const udisk_stat& known, Awaited awaited);
   /// Forgets the contents of `path` and of everything below it. Must be called after the module has
   /// made a change, before a program hears of it.
   void Forget(const std::string& path);
 
  private:
-  using Clock = std::chrono::steady_clock;
   /// Files that were asked for together.
   struct Batch {
     Clock::time_point asked = Clock::now();
     std::vector<SmallFile> files;
-    std::vector<udisk_stat> listed;  // the attributes they were listed with
-    SmallFilesData data;             // empty until the answer comes
+    std::vector<udisk_stat> listed;                   // the attributes they were listed with
+    SmallFilesData data;                              // empty until the answer comes
+    std::vector<std::pair<size_t, Awaited>> waiting;  // for the answer, with the file's index
 
     [[nodiscard]] bool IsStale() const { return Clock::now() - asked > kTrusted; }
   };
@@ -67,6 +79,7 @@ class Prefetch {
   std::shared_ptr<Batch> Reserve(const std::string& directory,
                                  const std::vector<ReadingRun::File>& files);
   void TakeAnswer(const std::shared_ptr<Batch>& batch, Result<SmallFilesData> result);
+  bool IsInPlace(const std::shared_ptr<Batch>& batch, size_t index) const;
   ReadingRun* FindRun(const std::string& directory);
   size_t Drop(const std::shared_ptr<Batch>& batch);
   void DropStale();
@@ -76,6 +89,7 @@ class Prefetch {
   const bool enabled_;
   std::mutex mutex_;
   std::list<std::pair<std::string, ReadingRun>> runs_;  // by directory; the latest in front
+  std::optional<ReadingRun::Way> usual_;                // how the latest clear run went
   std::map<std::string, Place> places_;                 // by path
   std::list<std::weak_ptr<Batch>> batches_;             // the oldest in front
 };

@@ -3,8 +3,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "remote/remote_files.h"
@@ -16,16 +18,30 @@ namespace cpd::host {
 class ReadingRun {
  public:
   using File = Listing::Entry;
+  /// An order in which programs read.
+  enum class Way { kListed, kSorted };
   static constexpr int64_t kLargestFile = 64 << 10;
 
-  explicit ReadingRun(SharedListing listing) : listing_(std::move(listing)) {}
+  /// @param expected  the order in which programs read other directories, if any
+  /// @param is_far    whether an answer takes long: batches are then limited by their bytes, so
+  /// that
+  ///                  a directory takes few of them
+  explicit ReadingRun(SharedListing listing, std::optional<Way> expected = std::nullopt,
+                      bool is_far = false)
+      : listing_(std::move(listing)),
+        expected_(expected),
+        batch_(is_far ? kFirstFarBatch : kFirstBatch),
+        largest_batch_(is_far ? kLargestFarBatch : kLargestBatch) {}
 
   /// The number of entries in the listing.
   [[nodiscard]] size_t entries() const { return listing_->entries.size(); }
   /// Notes that a file is read.
   void Step(std::string_view name);
+  /// The order in which the program reads; empty until it is clear.
+  [[nodiscard]] std::optional<Way> way() const;
   /// The files to fetch next. There are none until the program's order is clear, and none while
-  /// more than half of the last batch is unread. Batches grow as they are used.
+  /// more than half of the last batch is unread. The order is clear at once when the program begins
+  /// with the first file of the expected one. Batches grow as they are used.
   std::vector<File> NextBatch();
   /// Notes that the last batch was not used. The next ones are smaller, and finally there are none.
   void SlowDown();
@@ -36,8 +52,15 @@ class ReadingRun {
     size_t place = 0;        // of the file read last
     unsigned steps = 0;      // made in this order so far
     size_t fetched_end = 0;  // the entries before this one were fetched or passed over
+    bool is_whole = false;   // began with the first file
   };
+  static constexpr size_t kFirstBatch = 16;
+  static constexpr size_t kLargestBatch = 64;
+  static constexpr size_t kFirstFarBatch = 256;
+  static constexpr size_t kLargestFarBatch = 1024;
 
+  [[nodiscard]] const File& EntryAt(const Order& order, size_t place) const;
+  [[nodiscard]] bool IsFirst(const Order& order, size_t place) const;
   void StepTo(Order* order, size_t place);
   std::vector<File> Advance(Order* order);
 
@@ -45,7 +68,9 @@ class ReadingRun {
   std::vector<uint32_t> by_name_;  // indexes of the entries; built at the first step
   Order listed_;
   Order sorted_;
-  size_t batch_ = 16;
+  std::optional<Way> expected_;
+  size_t batch_;
+  size_t largest_batch_;
   bool is_slow_ = false;  // the last batch was not used
 };
 

@@ -416,6 +416,8 @@ std::chrono::nanoseconds RemoteFiles::TimeOfAnswer() const { return session_.tim
 
 Savings& RemoteFiles::savings() const { return session_.savings(); }
 
+bool RemoteFiles::IsFar() const { return session_.round_trip() >= std::chrono::milliseconds(1); }
+
 void RemoteFiles::Remove(uint16_t command, const std::string& path, OnOutcome on_outcome,
                          const std::optional<udisk_stat>& before) {
   RemoveHead head{};

@@ -151,6 +151,9 @@ class RemoteFiles {
   /// The session's counts of what saved requests.
   [[nodiscard]] Savings& savings() const;
 
+  /// Whether an answer takes so long that a program's work depends on how often it waits for one.
+  [[nodiscard]] bool IsFar() const;
+
  private:
   /// Sends a request whose reply repeats its head, with the result in it.
   /// @param is_done  whether a reply's head reports success

@@ -173,6 +173,8 @@ void Session::Receive(std::unique_ptr<CpdPacket> packet) {
     ++counters.replies;
     counters.bytes += header.packetLen;
     counters.durations.Add(now - answered.sent);
+    lowest_.Add(now - answered.sent);
+    round_trip_ = lowest_.value();
     done = std::move(answered.done);
     outstanding_.pop_front();
     ++first_id_;

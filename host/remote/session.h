@@ -16,6 +16,7 @@
 
 #include "cpd/packet.h"
 #include "remote/channel.h"
+#include "remote/lowest_lately.h"
 #include "remote/periodic.h"
 #include "remote/statistics.h"
 #include "wire.h"
@@ -85,6 +86,9 @@ class Session {
   const Savings& savings() const { return savings_; }
   /// How long the driver took for the request whose Done runs, measured from the previous answer.
   Clock::duration time_of_answer() const { return time_of_answer_; }
+  /// How long an answer takes at least: the way to the driver and back, and its work. 0 before the
+  /// first answer.
+  Clock::duration round_trip() const { return round_trip_; }
 
  private:
   struct Request {
@@ -135,7 +139,9 @@ class Session {
   Statistics statistics_;
   Savings savings_;
   std::atomic<Clock::duration> time_of_answer_{};
-  std::atomic<int> delivering_ = 0;  // threads that are running Done functions
+  LowestLately lowest_;                        // guarded by mutex_
+  std::atomic<Clock::duration> round_trip_{};  // what lowest_ gives
+  std::atomic<int> delivering_ = 0;            // threads that are running Done functions
   std::unique_ptr<Periodic> watch_;  // from the first Start on, so that making a session starts no
                                      // thread
 };

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -255,14 +256,64 @@ class FetchedFiles : public CheckedReadsTest {
  protected:
   FetchedFiles() { Put(1, "content"), nodes.Update(node, disk.attributes); }
 
+  /// Lets Fetch find content on its way.
+  void SendAhead() {
+    ahead = [this](const NodeTable::File&, CheckedReads::Arrived to) {
+      arrived = std::move(to);
+      return true;
+    };
+  }
   void Fetch() {
-    reads.Fetch(node, *nodes.Find(node),
+    reads.Fetch(node, *nodes.Find(node), ahead,
                 [this](int error, const CheckedReads::SharedContent& content) {
                   answers.push_back(
                       {.error = error, .bytes = content == nullptr ? "none" : content->bytes});
                 });
   }
+
+  CheckedReads::Ahead ahead = [](const auto&, const auto&) { return false; };
+  CheckedReads::Arrived arrived;
 };
+
+TEST_F(FetchedFiles, TakeContentThatIsOnItsWay) {
+  SendAhead();
+  Fetch();
+  EXPECT_TRUE(answers.empty());
+  const std::string_view content = "CONTENT";
+  arrived(&content, std::chrono::steady_clock::now());
+  ASSERT_EQ(answers.size(), 1U);
+  EXPECT_EQ(answers[0].bytes, "CONTENT");
+  EXPECT_TRUE(disk.waiting().empty());
+}
+
+TEST_F(FetchedFiles, AreReadWhenWhatWasOnItsWayIsOfNoUse) {
+  SendAhead();
+  Fetch();
+  arrived(nullptr, {});
+  ASSERT_EQ(disk.waiting(), Commands{kFileRead});
+  disk.AnswerAll();
+  EXPECT_EQ(answers[0].bytes, "content");
+}
+
+TEST_F(FetchedFiles, AreReadWhenTheFileHasChangedSinceItWasOpened) {
+  const std::string_view outdated = "CONTENT";
+  for (const auto& change : std::vector<std::function<void()>>{[this] { nodes.NoteChange(node); },
+                                                               [this] {
+                                                                 ++disk.attributes.st_mtim.tv_sec;
+                                                                 nodes.Update(node,
+                                                                              disk.attributes);
+                                                               }}) {
+    SendAhead();
+    nodes.Update(node, disk.attributes);
+    Fetch();
+    change();
+    arrived(&outdated, std::chrono::steady_clock::now());
+    ASSERT_EQ(disk.waiting(), Commands{kFileRead});
+    disk.AnswerAll();
+    EXPECT_EQ(answers.back().bytes, "content");
+    reads.Forget(node);
+  }
+}
 
 TEST_F(FetchedFiles, NeedOneRequest) {
   Fetch();

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -18,6 +19,7 @@
 #include "mount/reading_run.h"
 #include "remote/remote_files.h"
 #include "remote/session.h"
+#include "remote/statistics.h"
 #include "support/idle_driver.h"
 #include "wire.h"
 
@@ -374,6 +376,36 @@ TEST_F(Runs, FollowTheNamesWhenTheListingIsReversed) {
   EXPECT_EQ(next.front(), "1003");
 }
 
+TEST_F(Runs, BeginWithTheFirstFileOfTheOrderThatIsExpected) {
+  auto names = Numbered(100);
+  std::reverse(names.begin(), names.end());
+  using Way = ReadingRun::Way;
+  ReadingRun listed(List(names), Way::kListed);
+  listed.Step("1099");
+  ASSERT_FALSE(Next(&listed).empty());
+  ReadingRun sorted(List(names), Way::kSorted);
+  sorted.Step("1000");
+  EXPECT_EQ(Next(&sorted).front(), "1001");
+  ReadingRun elsewhere(List(names), Way::kListed);
+  elsewhere.Step("1050");
+  EXPECT_TRUE(Next(&elsewhere).empty());
+}
+
+TEST_F(Runs, TakeFewBatchesFarAway) {
+  const auto names = Numbered(1000);
+  ReadingRun run(List(names), ReadingRun::Way::kListed, true);
+  size_t fetched = 1;
+  int batches = 0;
+  for (const auto& name : names) {
+    run.Step(name);
+    const auto next = Next(&run);
+    fetched += next.size();
+    if (!next.empty()) ++batches;
+  }
+  EXPECT_EQ(fetched, names.size());
+  EXPECT_LE(batches, 3);
+}
+
 TEST_F(Runs, DoNotBeginWithFilesFarApartOrUnknown) {
   ReadingRun run(List(Numbered(100)));
   for (const char* name : {"1000", "1050", "1010", "1090", "none", "1030"}) run.Step(name);
@@ -416,6 +448,99 @@ TEST_F(Runs, EndWhenNoBatchIsUsed) {
   int batches = 0;
   for (; !Next(&run).empty() && batches < 100; ++batches) run.SlowDown();
   EXPECT_LE(batches, 8);
+}
+
+// ---- Content that is on its way ----
+
+class OnItsWay : public ReadAhead {
+ protected:
+  static constexpr int kFiles = 5;
+
+  OnItsWay() {
+    for (int i = 0; i < kFiles; ++i) names_.push_back(std::to_string(i));
+    Answer([](uint16_t command, const std::string& payload) -> std::optional<std::string> {
+      if (command != kSmallFileRead) return Raw(XattrHead{});
+      std::string answer = payload.substr(0, sizeof(SmallReadHead));
+      for (size_t at = answer.size(); at < payload.size();) {
+        ReadHead head{};
+        std::memcpy(&head, payload.data() + at, sizeof head);
+        const auto path = payload.substr(at + sizeof head, head.path_length);
+        at += sizeof head + path.size();
+        head.size = head.path_length;
+        answer += Raw(head) + path + path;
+      }
+      return answer;
+    });
+  }
+  ~OnItsWay() override { session_.Stop(); }
+
+  SharedListing List() const {
+    Listing listing;
+    for (const auto& name : names_) listing.entries.push_back({known_, name});
+    return std::make_shared<const Listing>(std::move(listing));
+  }
+  /// Reads a directory to its end, so that its order is what the next one is expected to have.
+  void ReadFirstDirectory() {
+    prefetch_.Listed("/a", List());
+    for (const auto& name : names_) prefetch_.ReadToItsEnd("/a/" + name);
+    Work();
+    prefetch_.Listed("/b", List());
+  }
+  bool Await(const std::string& path) {
+    return prefetch_.Await(path, known_, [this](const std::string_view* content, auto /*asked*/) {
+      contents_.push_back(content == nullptr ? "none" : std::string(*content));
+    });
+  }
+
+  std::vector<std::string> names_;
+  udisk_stat known_ = Attributes(S_IFREG | 0644, 4);  // the length of each path
+  std::vector<std::string> contents_;
+  Prefetch prefetch_{files_, true};
+};
+
+TEST_F(OnItsWay, IsTheRestOfADirectoryOnceItsFirstFileIsRead) {
+  ReadFirstDirectory();
+  ASSERT_EQ(Asked(kSmallFileRead), 1);
+  prefetch_.ReadToItsEnd("/b/0");
+  EXPECT_EQ(Asked(kSmallFileRead), 2);
+  EXPECT_EQ(files_.savings().files_ahead, 2U + 4U);
+}
+
+TEST_F(OnItsWay, IsUsedWhenItArrives) {
+  ReadFirstDirectory();
+  prefetch_.ReadToItsEnd("/b/0");
+  ASSERT_TRUE(Await("/b/1"));
+  ASSERT_TRUE(Await("/b/2"));
+  EXPECT_TRUE(contents_.empty());
+  Work();
+  EXPECT_EQ(contents_, (std::vector<std::string>{"/b/1", "/b/2"}));
+  EXPECT_EQ(files_.savings().files_ahead_used, 2U);
+  EXPECT_FALSE(Await("/b/1"));
+}
+
+TEST_F(OnItsWay, IsOfNoUseOnceForgotten) {
+  ReadFirstDirectory();
+  prefetch_.ReadToItsEnd("/b/0");
+  ASSERT_TRUE(Await("/b/1"));
+  prefetch_.Forget("/b/1");
+  EXPECT_FALSE(Await("/b/1"));
+  Work();
+  EXPECT_EQ(contents_, std::vector<std::string>{"none"});
+}
+
+TEST_F(OnItsWay, IsOfNoUseWithoutAnAnswer) {
+  ReadFirstDirectory();
+  prefetch_.ReadToItsEnd("/b/0");
+  ASSERT_TRUE(Await("/b/1"));
+  session_.Stop();
+  EXPECT_EQ(contents_, std::vector<std::string>{"none"});
+}
+
+TEST_F(OnItsWay, IsNotForAFileThatHasChangedSinceItWasListed) {
+  ReadFirstDirectory();
+  prefetch_.ReadToItsEnd("/b/0");
+  ++known_.st_mtim.tv_sec;
+  EXPECT_FALSE(Await("/b/1"));
 }
 
 }  // namespace
