@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -50,6 +52,7 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, KernelMount& 
                prefetch_.Forget(path);
              }),
       listings_(files_, options.dir_cache),
+      walk_(files_, listings_, options.prefetch),
       prefetch_(files_, options.prefetch),
       writes_(files_, nodes_, gate_,
               [this](NodeTable::Id node, int error) { NoteFailedWrite(node, error); }),
@@ -414,18 +417,28 @@ void FuseMount::ReadDirectory(const KernelRequest& request, fuse_ino_t node, siz
   if (!directory) return request.ReplyError(ESTALE);
   ++savings().listings;
   // The changes so far are noted, because a later change may be missing in the reply.
-  listings_.List(directory->path,
-                 [this, request, node, size, first, handle = file->fh, changes = changes_.load(),
-                  path = directory->path](const Result<SharedListing>& result) {
-                   if (result.error != 0) return request.ReplyError(result.error);
-                   const OpenDirectoryListing fresh{.listing = result.value, .changes = changes};
-                   prefetch_.Listed(path, result.value);
-                   {
-                     const std::lock_guard lock(mutex_);
-                     directories_[handle] = fresh;
-                   }
-                   ReplyWithEntries(request, node, fresh, first, size);
-                 });
+  walk_.List(directory->path, changes_.load(),
+             [this, request, node, size, first, handle = file->fh,
+              path = directory->path](const Result<WalkAhead::Shown>& result) {
+               if (result.error != 0) return request.ReplyError(result.error);
+               const auto& [listing, changes, asked] = result.value;
+               const OpenDirectoryListing fresh{
+                   .listing = listing, .changes = changes, .asked = asked};
+               prefetch_.Listed(path, listing);
+               {
+                 const std::lock_guard lock(mutex_);
+                 directories_[handle] = fresh;
+               }
+               ReplyWithEntries(request, node, fresh, first, size);
+             });
+}
+
+/// Whether the disk has shown a file after it was listed ahead: then the listing may be older.
+bool FuseMount::IsOutdated(fuse_ino_t directory, const std::string& name,
+                           const OpenDirectoryListing& open) const {
+  const auto node = open.asked ? nodes_.NodeIfOnlyName(directory, name) : std::nullopt;
+  const auto file = node ? nodes_.Find(*node) : std::nullopt;
+  return file && file->told > *open.asked;
 }
 
 /// Entry n has position n + 1, where the next read continues. After a change through the mount, the
@@ -434,6 +447,9 @@ void FuseMount::ReplyWithEntries(const KernelRequest& request, fuse_ino_t direct
                                  const OpenDirectoryListing& open, size_t first, size_t size) {
   const auto& entries = open.listing->entries;
   const bool is_fresh = open.changes == changes_;
+  // The kernel trusts what was listed ahead only until kTrusted after the disk was asked.
+  const auto age = open.asked ? NodeTable::Clock::now() - *open.asked : std::chrono::seconds(0);
+  const double trusted = std::max(0.0, kTrusted - std::chrono::duration<double>(age).count());
   std::vector<char> buffer(size);
   size_t used = 0;
   std::vector<NodeTable::Id> referred;
@@ -444,9 +460,10 @@ void FuseMount::ReplyWithEntries(const KernelRequest& request, fuse_ino_t direct
     if (nodes_.IsHidden(directory, std::string(name))) continue;
     if (!entries[i].HasAttributes()) {
       entry.attr.st_ino = kUnknownInode;
-    } else if (name != "." && name != ".." &&
-               is_fresh) {  // the kernel takes no reference to dot entries
+    } else if (name != "." && name != ".." &&  // the kernel takes no reference to dot entries
+               is_fresh && !IsOutdated(directory, std::string(name), open)) {
       entry = EntryOf(directory, std::string(name), attributes);
+      entry.attr_timeout = entry.entry_timeout = trusted;
       referred.push_back(entry.ino);
     }
     used += fuse_add_direntry_plus(nullptr, buffer.data() + used, size - used, name.data(), &entry,

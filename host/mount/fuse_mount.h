@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -23,6 +24,7 @@
 #include "mount/open_files.h"
 #include "mount/prefetch.h"
 #include "mount/rename_gate.h"
+#include "mount/walk_ahead.h"
 #include "options.h"
 #include "remote/failure_reason.h"
 #include "remote/remote_files.h"
@@ -164,12 +166,15 @@ class FuseMount {
   struct OpenDirectoryListing {
     SharedListing listing;  // null until first read
     uint64_t changes = 0;
+    std::optional<NodeTable::Clock::time_point> asked = {};  // when, if ahead
   };
   void ReplyWithEntries(const KernelRequest& request, fuse_ino_t directory,
                         const OpenDirectoryListing& directory_listing, size_t first, size_t size);
   /// Notes what the disk shows at a node's path. @return false when it is another file
   bool Note(fuse_ino_t node, const udisk_stat& attributes);
   bool IsBeingRead(fuse_ino_t node, const udisk_stat& attributes) const;
+  bool IsOutdated(fuse_ino_t directory, const std::string& name,
+                  const OpenDirectoryListing& directory_listing) const;
   fuse_entry_param EntryOf(fuse_ino_t parent, const std::string& name,
                            const udisk_stat& attributes);
   void ReplyLostFile(const KernelRequest& request, fuse_ino_t node);
@@ -183,6 +188,7 @@ class FuseMount {
   const bool gathers_writes_;
   RemoteFiles files_;
   ListingCache listings_;
+  WalkAhead walk_;
   Prefetch prefetch_;
   NodeTable nodes_;
   RenameGate gate_;

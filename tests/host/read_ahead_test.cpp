@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "mount/listing_cache.h"
 #include "mount/prefetch.h"
 #include "mount/reading_run.h"
+#include "mount/walk_ahead.h"
 #include "remote/remote_files.h"
 #include "remote/session.h"
 #include "remote/statistics.h"
@@ -27,6 +29,7 @@ namespace cpd::host {
 namespace {
 
 using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
 
 /// The bytes of a record.
 template <class Record>
@@ -327,6 +330,144 @@ TEST_F(Listings, ShowTheRootAsItsOwnParent) {
   EXPECT_EQ(Raw(listing->entries[2].attributes), Raw(directory_));
   EXPECT_EQ(List().value, listing);
   EXPECT_EQ(Asked(kCheckDir), 1);
+}
+
+// ---- Directories listed ahead ----
+
+class Walks : public ReadAhead {
+ protected:
+  Walks() {
+    for (int i = 0; i < 20; ++i) names_.push_back("/tree/" + std::to_string(100 + i));
+    Answer([this](uint16_t command, const std::string& payload) -> std::optional<std::string> {
+      if (command != kDirRead) return Raw(XattrHead{});
+      DirHead head{};
+      std::memcpy(&head, payload.data(), sizeof head);
+      const auto path = payload.substr(sizeof head, head.path_length);
+      asked_.push_back(path);
+      const bool is_tree = path == "/tree";
+      auto attributes = Attributes(S_IFDIR | 0755, 100);
+      auto entries = Entry(".", attributes);
+      for (const auto& name : names_) {
+        ++attributes.st_ino;
+        if (is_tree) entries += Entry(name.substr(6), attributes);
+      }
+      return ListingReply(is_tree ? 1 + names_.size() : 1, entries + '\0', path);
+    });
+  }
+  ~Walks() override { session_.Stop(); }
+
+  /// Replies as a driver would that is far away.
+  void WorkFarAway() {
+    while (!driver_->requests.empty()) {
+      std::this_thread::sleep_for(2ms);
+      driver_->Work();
+    }
+  }
+  void List(const std::string& path) {
+    walk_.List(path, changes_, [this](const auto& result) {
+      EXPECT_EQ(result.error, 0);
+      ++shown_;
+    });
+  }
+  void ListTree() {
+    files_.GetAttributes("/", [](const auto&) {});  // shows how far away the driver is
+    WorkFarAway();
+    List("/tree");
+    WorkFarAway();
+    asked_.clear();
+    shown_ = 0;
+  }
+
+  std::vector<std::string> names_;
+  std::vector<std::string> asked_;  // paths
+  int shown_ = 0;
+  uint64_t changes_ = 0;
+  ListingCache cache_{files_, false};
+  WalkAhead walk_{files_, cache_, true};
+};
+
+TEST_F(Walks, AskForTheNextDirectoriesAfterTheOneThatAProgramLists) {
+  ListTree();
+  List(names_[0]);
+  EXPECT_EQ(driver_->requests.size(), 1 + WalkAhead::kFirstReach);
+  WorkFarAway();
+  EXPECT_EQ(asked_, std::vector<std::string>(names_.begin(), names_.begin() + 5));
+  EXPECT_EQ(shown_, 1);
+  List(names_[1]);
+  EXPECT_EQ(shown_, 2);  // without a reply
+  EXPECT_EQ(files_.savings().listings_ahead_used, 1U);
+}
+
+TEST_F(Walks, ListEachDirectoryOnce) {
+  ListTree();
+  for (const auto& name : names_) {
+    List(name);
+    WorkFarAway();
+  }
+  EXPECT_EQ(shown_, 20);
+  EXPECT_EQ(asked_, names_);
+  EXPECT_EQ(files_.savings().listings_ahead, 19U);
+  EXPECT_EQ(files_.savings().listings_ahead_used, 19U);
+}
+
+TEST_F(Walks, ReachFurtherWhileListingsComeJustInTime) {
+  ListTree();
+  List(names_[0]);
+  WorkFarAway();
+  List(names_[1]);
+  EXPECT_EQ(driver_->requests.size(), 1 + WalkAhead::kFirstReach);
+  WorkFarAway();
+}
+
+TEST_F(Walks, WaitForAListingThatIsOnItsWay) {
+  ListTree();
+  List(names_[0]);
+  List(names_[1]);
+  EXPECT_EQ(shown_, 0);
+  WorkFarAway();
+  EXPECT_EQ(shown_, 2);
+  EXPECT_EQ(std::ranges::count(asked_, names_[1]), 1);
+}
+
+TEST_F(Walks, DoNotShowWhatIsOlderThanAChange) {
+  ListTree();
+  List(names_[0]);
+  WorkFarAway();
+  ++changes_;
+  List(names_[1]);
+  EXPECT_EQ(shown_, 1);
+  WorkFarAway();
+  EXPECT_EQ(shown_, 2);
+  EXPECT_EQ(std::ranges::count(asked_, names_[1]), 2);
+  EXPECT_EQ(files_.savings().listings_ahead_used, 0U);
+}
+
+TEST_F(Walks, DoNotShowWhatIsOlderThanASecond) {
+  ListTree();
+  List(names_[0]);
+  WorkFarAway();
+  std::this_thread::sleep_for(WalkAhead::kTrusted);
+  List(names_[1]);
+  EXPECT_EQ(shown_, 1);
+  WorkFarAway();
+  EXPECT_EQ(shown_, 2);
+  EXPECT_EQ(files_.savings().listings_ahead_used, 0U);
+  EXPECT_EQ(files_.savings().listings_ahead_unused, WalkAhead::kFirstReach);
+}
+
+TEST_F(Walks, AskForNothingMoreNearby) {
+  List("/tree");
+  Work();
+  List(names_[0]);
+  EXPECT_EQ(driver_->requests.size(), 1U);
+  Work();
+}
+
+TEST_F(Walks, AskForNothingMoreInAnotherOrder) {
+  ListTree();
+  List(names_[18]);
+  EXPECT_EQ(driver_->requests.size(), 1U);
+  WorkFarAway();
 }
 
 // ---- Which files come next ----

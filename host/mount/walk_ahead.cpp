@@ -1,0 +1,165 @@
+#include "mount/walk_ahead.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "remote/paths.h"
+#include "remote/statistics.h"
+
+namespace cpd::host {
+namespace {
+
+constexpr std::chrono::milliseconds kJustInTime{250};
+constexpr std::chrono::milliseconds kLongBefore{500};
+constexpr size_t kMostWalks = 32;
+constexpr size_t kMostNames = 10'000;  // of one walk
+constexpr size_t kMostAhead = 64;
+constexpr size_t kLongestStep = 16;               // a program may leave some directories out
+constexpr int64_t kLargestDirectory = 128 << 10;  // in bytes on the disk
+
+/// The subdirectories to walk through, in the order of the listing.
+std::vector<std::string> Subdirectories(const Listing& listing) {
+  std::vector<std::string> names;
+  for (const auto& [attributes, name] : listing.entries) {
+    const int64_t size = attributes.st_size;
+    if (!S_ISDIR(attributes.st_mode) || name == "." || name == "..") continue;
+    if (size <= kLargestDirectory && names.size() < kMostNames) names.emplace_back(name);
+  }
+  return names;
+}
+
+}  // namespace
+
+void WalkAhead::List(const std::string& directory, uint64_t changes, Done done) {
+  if (!enabled_ || !files_.IsFar()) return Ask(directory, changes, std::move(done));
+  SharedAhead ahead;
+  bool is_waiting = false;
+  Asked asked;
+  {
+    const std::lock_guard lock(mutex_);
+    DropStaleLocked();
+    ahead = TakeLocked(directory, changes);
+    is_waiting = ahead != nullptr && !ahead->answer;
+    if (is_waiting) {
+      ahead->waiting.push_back([this, directory, done](const Result<Shown>& result) {
+        if (result.error == 0) NoteShown(directory, result.value.listing);
+        done(result);
+      });
+    }
+    FollowLocked(directory, ahead.get(), changes, &asked);
+    if (ahead != nullptr && !is_waiting) {
+      const Walk below{.directory = directory, .names = Subdirectories(*ahead->answer->value)};
+      AskAheadLocked(below, std::min(below.names.size(), kFirstReach), changes, &asked);
+    }
+  }
+  // What the program asks for goes first.
+  if (ahead == nullptr) {
+    Ask(directory, changes, std::move(done));
+  } else if (!is_waiting) {
+    NoteShown(directory, ahead->answer->value);
+    done(ahead->result());
+  }
+  for (const auto& [path, next] : asked) {
+    listings_.List(path, [this, next = next](const Result<SharedListing>& answer) {
+      TakeAnswer(next, answer);
+    });
+  }
+}
+
+void WalkAhead::Ask(const std::string& directory, uint64_t changes, Done done) {
+  listings_.List(directory, [this, directory, changes,
+                             done = std::move(done)](const Result<SharedListing>& answer) {
+    if (answer.error != 0) return done({.error = answer.error});
+    if (enabled_) NoteShown(directory, answer.value);
+    done({.value = {.listing = answer.value, .changes = changes, .asked = std::nullopt}});
+  });
+}
+
+void WalkAhead::TakeAnswer(const SharedAhead& ahead, const Result<SharedListing>& answer) {
+  std::vector<Done> waiting;
+  {
+    const std::lock_guard lock(mutex_);
+    ahead->answer = answer;
+    waiting.swap(ahead->waiting);
+  }
+  for (const auto& done : waiting) done(ahead->result());
+}
+
+/// Notes which subdirectories a program may list next.
+void WalkAhead::NoteShown(const std::string& directory, const SharedListing& listing) {
+  Walk walk{.directory = directory, .names = Subdirectories(*listing)};
+  const std::lock_guard lock(mutex_);
+  walks_.remove_if([&](const Walk& other) { return other.directory == directory; });
+  if (walk.names.empty()) return;
+  walks_.push_front(std::move(walk));
+  if (walks_.size() > kMostWalks) walks_.pop_back();
+}
+
+/// @return null when the directory was not listed ahead, or too early
+WalkAhead::SharedAhead WalkAhead::TakeLocked(const std::string& directory, uint64_t changes) {
+  const auto found = ahead_.extract(directory);
+  if (found.empty()) return nullptr;
+  auto& savings = files_.savings();
+  const bool is_usable = found.mapped()->IsUsable(changes);
+  ++(is_usable ? savings.listings_ahead_used : savings.listings_ahead_unused);
+  return is_usable ? found.mapped() : nullptr;
+}
+
+WalkAhead::Walk* WalkAhead::FindWalkLocked(const std::string& directory) {
+  const auto walk =
+      std::ranges::find_if(walks_, [&](const Walk& one) { return one.directory == directory; });
+  if (walk == walks_.end()) return nullptr;
+  walks_.splice(walks_.begin(), walks_, walk);
+  return &*walk;
+}
+
+/// A program lists this directory: lists ahead those that come next beside it.
+/// More of them if they come just in time, fewer if they come long before.
+void WalkAhead::FollowLocked(const std::string& directory, const Ahead* ahead, uint64_t changes,
+                             Asked* asked) {
+  auto* walk = directory == "/" ? nullptr : FindWalkLocked(DirectoryOf(directory));
+  if (walk == nullptr) return;
+  const auto& names = walk->names;
+  const auto begin = names.begin() + static_cast<std::ptrdiff_t>(walk->next);
+  const auto end = names.begin() +
+                   static_cast<std::ptrdiff_t>(std::min(names.size(), walk->next + kLongestStep));
+  const auto found = std::find(begin, end, NameOf(directory));
+  if (found == end) return;
+  walk->next = static_cast<size_t>(found - names.begin()) + 1;
+  walk->asked_end = std::max(walk->asked_end, walk->next);
+  if (ahead != nullptr) {
+    const auto age = Clock::now() - ahead->asked;
+    if (age < kJustInTime) walk->reach = std::clamp<size_t>(walk->reach * 2, 1, kLongestReach);
+    if (age > kLongBefore) walk->reach = std::max<size_t>(walk->reach / 2, 1);
+  }
+  const size_t reach_end = std::min(names.size(), walk->next + walk->reach);
+  if (walk->asked_end >= reach_end) return;
+  AskAheadLocked(*walk, reach_end, changes, asked);
+  walk->asked_end = reach_end;
+}
+
+void WalkAhead::AskAheadLocked(const Walk& walk, size_t end, uint64_t changes, Asked* asked) {
+  for (size_t i = walk.asked_end; i < end && ahead_.size() < kMostAhead; ++i) {
+    auto path = JoinPath(walk.directory, walk.names[i]);
+    const auto [place, is_new] = ahead_.try_emplace(path);
+    if (!is_new) continue;
+    place->second = std::make_shared<Ahead>(Ahead{.changes = changes});
+    asked->emplace_back(std::move(path), place->second);
+    ++files_.savings().listings_ahead;
+  }
+}
+
+/// Those that were not used in time came too early: then fewer are asked for.
+void WalkAhead::DropStaleLocked() {
+  const auto now = Clock::now();
+  std::erase_if(ahead_, [&](const auto& one) {
+    if (now - one.second->asked <= kTrusted) return false;
+    ++files_.savings().listings_ahead_unused;
+    if (auto* walk = FindWalkLocked(DirectoryOf(one.first))) walk->reach /= 2;
+    return true;
+  });
+}
+
+}  // namespace cpd::host

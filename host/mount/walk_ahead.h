@@ -1,0 +1,98 @@
+// Lists directories before a program asks for them.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mount/listing_cache.h"
+#include "remote/remote_files.h"
+
+namespace cpd::host {
+
+/// Follows programs that walk through a tree of directories. When one lists the subdirectories of a
+/// directory in the order of its listing, the next ones are listed ahead, and so are the first ones
+/// below the next directory. How many depends on how many of the last ones were used. Does so only
+/// when the disk is far: near, an answer costs no more than the question.
+///
+/// A listing that came ahead is shown once, at most kTrusted after it was asked for, and only if
+/// nothing was changed through this mount since. All operations are callable from any thread.
+class WalkAhead {
+ public:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::seconds kTrusted{1};
+  static constexpr size_t kFirstReach = 4;
+  static constexpr size_t kLongestReach = 32;
+
+  struct Shown {
+    SharedListing listing;
+    uint64_t changes;                        ///< made through this mount before it was asked for
+    std::optional<Clock::time_point> asked;  ///< when, if ahead
+  };
+  using Done = std::function<void(const Result<Shown>&)>;
+
+  /// @param enabled  false: nothing is listed ahead
+  WalkAhead(RemoteFiles& files, ListingCache& listings, bool enabled)
+      : files_(files), listings_(listings), enabled_(enabled) {}
+
+  /// Lists a directory for a program, and ahead those that it may want next. `done` may run before
+  /// this returns.
+  /// @param changes  how many were made through this mount so far
+  void List(const std::string& directory, uint64_t changes, Done done);
+
+ private:
+  /// A listing that was asked for ahead.
+  struct Ahead {
+    Clock::time_point asked = Clock::now();
+    uint64_t changes;
+    std::optional<Result<SharedListing>> answer = {};
+    std::vector<Done> waiting = {};
+
+    [[nodiscard]] bool IsUsable(uint64_t changes_now) const {
+      const bool has_failed = answer && answer->error != 0;
+      return !has_failed && changes == changes_now && Clock::now() - asked <= kTrusted;
+    }
+    [[nodiscard]] Result<Shown> result() const {
+      return {.error = answer->error,
+              .value = {.listing = answer->value, .changes = changes, .asked = asked}};
+    }
+  };
+  using SharedAhead = std::shared_ptr<Ahead>;
+  /// A directory's subdirectories, and a program's progress through them.
+  struct Walk {
+    std::string directory;
+    std::vector<std::string> names;
+    size_t next = 0;       // the one after that which was listed last
+    size_t asked_end = 0;  // those before this one were asked for, or passed over
+    size_t reach = kFirstReach;
+  };
+  using Asked = std::vector<std::pair<std::string, SharedAhead>>;
+
+  void Ask(const std::string& directory, uint64_t changes, Done done);
+  void TakeAnswer(const SharedAhead& ahead, const Result<SharedListing>& answer);
+  void NoteShown(const std::string& directory, const SharedListing& listing);
+  SharedAhead TakeLocked(const std::string& directory, uint64_t changes);
+  Walk* FindWalkLocked(const std::string& directory);
+  void FollowLocked(const std::string& directory, const Ahead* ahead, uint64_t changes,
+                    Asked* asked);
+  void AskAheadLocked(const Walk& walk, size_t end, uint64_t changes, Asked* asked);
+  void DropStaleLocked();
+
+  RemoteFiles& files_;
+  ListingCache& listings_;
+  const bool enabled_;
+  std::mutex mutex_;
+  std::list<Walk> walks_;                     // the latest in front
+  std::map<std::string, SharedAhead> ahead_;  // by path
+};
+
+}  // namespace cpd::host
