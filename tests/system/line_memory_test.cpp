@@ -14,6 +14,7 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <random>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -148,7 +149,9 @@ class Victim {
 std::string HelloBytes(host::Role role) {
   auto hello = cpd::test::HelloOf(role, UINT64_MAX);
   hello.largest = UINT32_MAX;
-  hello.session.fill('s');
+  // Two tests of one session at the same time would end each other's serve.
+  std::random_device random;
+  for (auto& byte : hello.session) byte = static_cast<uint8_t>(random());
   return BytesOf(hello);
 }
 
