@@ -6,6 +6,7 @@
 #include <umockdev.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -41,9 +42,7 @@ class UsbRedirect : public testing::Test {
     AddProgram("blkid", "exec cat " + (place / "blkid"));
     // A disk is the directory of its device's name.
     AddProgram("mount", "exec /bin/mount --bind " + (place / "disks") + "/${1#/dev/} \"$2\"");
-    WriteFile(place / "rsh",
-              "#!/bin/sh\nfor last; do :; done\nexec env -u LD_PRELOAD sh -c \"$last\"\n");
-    fs::permissions(place / "rsh", fs::perms::owner_all);
+    MakeRsh("exec env -u LD_PRELOAD sh -c \"$last\"");
     WriteFile(place / "blkid", "");
     ASSERT_TRUE(umockdev_testbed_add_from_string(testbed.get(), kUsb, nullptr));
   }
@@ -68,6 +67,32 @@ class UsbRedirect : public testing::Test {
   void AddProgram(const std::string& name, const std::string& script) const {
     WriteFile(place / "bin/" + name, "#!/bin/sh\n" + script + "\n");
     fs::permissions(place / "bin/" + name, fs::perms::owner_all);
+  }
+
+  /// @param script  starts the command, which is in $last
+  void MakeRsh(const std::string& script) const {
+    WriteFile(place / "rsh", "#!/bin/sh\nfor last; do :; done\n" + script + "\n");
+    fs::permissions(place / "rsh", fs::perms::owner_all);
+  }
+  /// From now on, the line does what Order says (see cut_line.cpp). While the file "down" exists,
+  /// no new line gets through.
+  void MakeLineBad() const {
+    // The shell that is killed when the line is cut does not become the far side, which outlives it
+    // as on another machine.
+    MakeRsh("while test -e " + (place / "down") + "; do sleep 0.1; done\n" +
+            "exec env -u LD_PRELOAD " CUT_LINE " --control " + (place / "order") +
+            " -- sh -c \"$last; exit \\$?\"");
+  }
+  /// Tells the line to do this: at once, or when the next reply to a request with that code comes
+  /// by.
+  void Order(const std::string& word, int request = 0) const {
+    WriteFile(place / "order.new", word + " " + std::to_string(request));
+    fs::rename(place / "order.new", place / "order");
+  }
+  /// How often the line has done what it was told to.
+  size_t Done() const {
+    const auto done = ReadFile(place / "order.done");
+    return static_cast<size_t>(std::ranges::count(done, '\n'));
   }
 
   /// A label of this process's own, since /media is the machine's.
@@ -337,6 +362,58 @@ TEST_F(UsbRedirect, LeavesNothingMountedWhenItIsKilled) {
       Eventually([&] { return !IsMounted(Far(label)) && !IsMounted("/media/" + label); }, kSoon));
   // The empty directory is used again.
   Start();
+  EXPECT_TRUE(Comes(label)) << Said();
+}
+
+TEST_F(UsbRedirect, CopiesOverALineThatIsCutSeveralTimes) {
+  constexpr int kRead = 105;
+  constexpr int kWrite = 106;
+  const auto label = Label("CUT");
+  MakeLineBad();
+  Plug("sdb", label);
+  const auto content = Bytes(32 << 20);
+  WriteFile(place / "original", content);
+  WriteFile(place / "disks/sdb1/source", content);
+  Start();
+  ASSERT_TRUE(Comes(label)) << Said();
+  size_t cuts = 0;
+  const auto copy = [&](const std::string& from, const std::string& to, int request) {
+    Order("cut", request);
+    Process program({"/bin/cp", from, to}, place / "cp.out", place / "cp.err");
+    for (int i = 0; i < 4; ++i) {
+      if (i != 0) Order("cut", request);
+      ++cuts;
+      ASSERT_TRUE(Eventually([&] { return Done() == cuts; })) << Done() << " cuts\n" << Said();
+      EXPECT_FALSE(program.Wait(0ms)) << "the copy is over too soon";
+    }
+    EXPECT_EQ(program.Wait(), 0) << ReadFile(place / "cp.err") << Said();
+    EXPECT_TRUE(ReadFile(to) == content);
+  };
+  copy(place / "original", Far(label) + "/copy", kWrite);
+  EXPECT_TRUE(ReadFile(place / "disks/sdb1/copy") == content);
+  copy(Far(label) + "/source", place / "back", kRead);
+  EXPECT_EQ(ReadFile(place / "out"),
+            "/dev/sdb1 " + label + ": redirecting to elsewhere:" + Far(label) + "\n");
+}
+
+TEST_F(UsbRedirect, TakesDownADiskThatIsPulledWhileTheLineIsDown) {
+  const auto label = Label("AWAY");
+  MakeLineBad();
+  Plug("sdb", label);
+  Start();
+  ASSERT_TRUE(Comes(label)) << Said();
+  WriteFile(place / "down", "");
+  Order("cut");
+  ASSERT_TRUE(Eventually([&] { return Done() == 1; }));
+  Pull("sdb");
+  EXPECT_TRUE(Eventually([&] { return !fs::exists("/media/" + label); }, kSoon)) << Said();
+  EXPECT_TRUE(IsMounted(Far(label))) << "nobody can have told the far side";
+  fs::remove(place / "down");
+  EXPECT_TRUE(Goes(label)) << Said();
+  EXPECT_EQ(TimesSaid(label + ": gone\n"), 1U) << Said();
+  // Nothing is in the way when it comes back.
+  fs::remove_all(place / "disks/sdb1");
+  Plug("sdb", label);
   EXPECT_TRUE(Comes(label)) << Said();
 }
 
