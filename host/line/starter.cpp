@@ -416,8 +416,8 @@ class StarterProcess {
       _exit(0);
     }
     try {
-      Descriptor own(fcntl(kept.get(), F_DUPFD_CLOEXEC, 3));
-      StarterProcess(std::move(own), command, mount_point, ignores_hangup, *duties).Run();
+      // Not a copy: close_range has freed numbers that a library may still take for its own.
+      StarterProcess(Descriptor(kept.get()), command, mount_point, ignores_hangup, *duties).Run();
     } catch (const std::exception&) {
       _exit(1);
     }
