@@ -2,7 +2,8 @@
 //
 // Runs a program, and carries bytes between it and this process's own standard input and output,
 // like a long line: each direction delays every byte by half the round trip, and passes at most
-// MBIT_PER_S megabits per second (0: no limit). Ends with the program's exit code.
+// MBIT_PER_S megabits per second (0: no limit). Ends with the program's exit code, or with 1 if a
+// signal ended it.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -25,7 +26,7 @@ using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
 constexpr size_t kPiece = 64 << 10;
-constexpr size_t kBuffered = 4 << 20;  // beside what is on the way, like the windows of TCP
+constexpr size_t kBuffered = 4 << 20;  // besides what is on the way, like the windows of TCP
 
 /// What one direction carries.
 class Direction {

@@ -4,7 +4,7 @@
 #   bench/far.sh [-t ROUND_TRIP_MS] [-b MBIT_PER_S] [ROW...]
 #
 # Without -t and -b the line has a round trip of 20 ms and 200 Mbit/s. Every measurement has a fresh
-# mount, and what it read or wrote is compared with the disk. Rows:
+# mount, and its result is checked. Rows:
 #   find tar grep read write untar copy rsync remove edit status status-again commit
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/../scripts/usage.sh"
@@ -91,7 +91,7 @@ check() {
   esac
 }
 
-# How much of its unit a row does; seconds are shown as they are.
+# What a row counts, and how many of these its work has. A row in seconds only shows its time.
 unit() { case $1 in find) echo entries/s ;; read | write) echo MB/s ;; status* | commit) echo s ;; *) echo files/s ;; esac }
 amount() { case $1 in find) echo 1051 ;; tar | grep) echo 1000 ;; read | write) echo 67.1 ;; edit) echo 10 ;; *) echo 200 ;; esac }
 # What to reach: a factor over sshfs, a share of the line, or seconds.

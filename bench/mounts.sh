@@ -53,7 +53,7 @@ unmount() {
   server=
 }
 
-# Prints the rate of one row on one system, or - if it failed.
+# Prints the rate of one row on one system, or "-" if it failed.
 measure() {
   local system=$1 row=$2 begin end try
   prepare "$row"
@@ -80,7 +80,8 @@ measure() {
 }
 
 # Prints a table of the rows, with the systems in columns. The last system is the one that must
-# reach the bound: "N x SYSTEM", "N line" (of $rate Mbit/s) or "N s".
+# reach the bound: "N x SYSTEM" (N times its rate), "N line" (N times $rate Mbit/s) or "N s" (N
+# seconds at most).
 compare() {
   local systems=() system row values bases last=${!#}
   for system in "$@"; do

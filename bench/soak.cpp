@@ -222,7 +222,7 @@ int Run(std::chrono::seconds length, int drivers) {
   PrintErrors(false);  // expected: a request fails when another has just renamed its file
   const SampleDisk place;
   const std::vector<std::string> traffic = Traffic();
-  std::thread([] {}).join();  // at the first thread a sanitizer starts one of its own
+  std::thread([] {}).join();  // the first thread makes a sanitizer start its own
   const Usage before = Measure();
   std::vector<Usage> samples;
   {

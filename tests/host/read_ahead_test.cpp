@@ -620,7 +620,8 @@ class OnItsWay : public ReadAhead {
     for (const auto& name : names_) listing.entries.push_back({known_, name});
     return std::make_shared<const Listing>(std::move(listing));
   }
-  /// Reads a directory to its end, so that its order is what the next one is expected to have.
+  /// Reads all files of a directory in order, so that the next one's are expected in the same
+  /// order.
   void ReadFirstDirectory() {
     prefetch_.Listed("/a", List());
     for (const auto& name : names_) prefetch_.ReadToItsEnd("/a/" + name);

@@ -46,7 +46,7 @@ std::vector<pid_t> ChildrenOf(pid_t process) {
   return {std::istream_iterator<pid_t>(file), {}};
 }
 
-/// The process that does the work for the Starter of another one.
+/// The process that does the work of another process's Starter.
 pid_t StarterOf(pid_t process) {
   std::vector<pid_t> workers;
   EXPECT_TRUE(Eventually([&] {
@@ -508,7 +508,7 @@ TEST_F(StarterTest, UnmountsAlsoWhenItHasReplacedOneThatWasKilled) {
   ChildProcess process([&] {
     static Starter starter("cat", place.string());
     starter.UnmountOnDeath();
-    starter.Start();  // the request before has been carried out
+    starter.Start();  // its answer shows that the request before it has arrived
   });
   kill(StarterOf(process.pid()), SIGKILL);
   process.End(SIGKILL);

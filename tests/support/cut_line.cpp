@@ -6,8 +6,8 @@
 // --delay      each byte arrives that much later
 // --cut-every  cuts after a random time, of that length on average
 // --control    does what the first word in the file says: at once, or if a number follows the word,
-//              when the next request with this code comes by. Appends the word to FILE.done, as
-//              a line, and empties the file, except for `down`.
+//              when the next packet with this code is on its way to the command. Appends the word
+//              to FILE.done, as a line, and empties the file, except for `down`.
 //
 // The words:
 // - cut: kills the command and closes both directions

@@ -88,8 +88,8 @@ FAILING(statvfs, (const char* path, struct statvfs* out), (path, out))
 FAILING(truncate, (const char* path, off_t length), (path, length))
 FAILING(unlink, (const char* path), (path))
 
-// With large files, this program's name of the call is open64. Libraries call open: libstdc++ for
-// its source of random numbers.
+// This program has file offsets of 64 bits, so its own calls go to open64. Libraries call open:
+// libstdc++ does for its source of random numbers.
 #define FAILING_OPEN(function, name)                                                          \
   extern "C" __attribute__((visibility("default"))) int function(const char* path, int flags, \
                                                                  ...) __asm__(name);          \

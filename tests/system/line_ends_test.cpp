@@ -21,7 +21,7 @@ namespace {
 
 using LineEnds = LineProcesses;
 
-/// What the kernel shows a user of a terminal.
+/// A terminal, seen from its user's side.
 class Terminal {
  public:
   Terminal() : master_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)) {

@@ -1,6 +1,6 @@
 // Whichever process of a line is killed in the middle of whatever work: all that a returned fsync
-// promised is on the disk, and nothing is left over. Unless the killed process had the mount, the
-// work does not even notice.
+// promised is on the disk, and nothing is left over. The work does not even notice, unless the
+// killed process had the mount or was the command that set the line up.
 #include <signal.h>
 
 #include <algorithm>
@@ -30,14 +30,14 @@ enum class Fate {
 
 struct Target {
   const char* name;
-  const char* command;  ///< of the process, an argument of its command line
+  const char* command;  ///< an argument on the process's command line
   /// Which of the processes with that argument, in the order in which they started.
   size_t index;
   bool is_redirection;
   Fate fate;
 };
 
-// A host's command, the process that watches its starter, and the starter.
+// A command starts the process that watches its starter, and that one starts the starter.
 constexpr size_t kFirst = 0;
 constexpr size_t kWatcher = 1;
 constexpr size_t kStarter = 2;
@@ -101,7 +101,7 @@ const std::vector<Work>& Works() {
 class LineKills : public LineProcesses,
                   public testing::WithParamInterface<std::tuple<Target, Work>> {
  protected:
-  // On a directory of the disk, so that the work stops when the disk is no longer mounted.
+  // $work is a directory on the disk, so that the work fails once the disk is no longer mounted.
   std::string Variables(const std::string& disk_or_mount) const {
     return "export HOME=" + place.path() + "; source=" + source.path() + "; work=" + disk_or_mount +
            "/work; ";

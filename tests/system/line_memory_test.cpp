@@ -109,7 +109,8 @@ class Victim {
     if (!has_ended_) has_ended_ = waitpid(pid_, nullptr, WNOHANG) == pid_;
     return has_ended_;
   }
-  /// What the process has needed at most, in bytes; what it last had, once it has ended.
+  /// The most memory that the process has needed, in bytes. Once it has ended, this is the most
+  /// that an earlier call has seen.
   size_t Peak() {
     std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
     for (std::string key; status >> key;) {
@@ -149,7 +150,7 @@ class Victim {
 std::string HelloBytes(host::Role role) {
   auto hello = cpd::test::HelloOf(role, UINT64_MAX);
   hello.largest = UINT32_MAX;
-  // Two tests of one session at the same time would end each other's serve.
+  // A new session each time: a serve ends an older one of its session, and tests run in parallel.
   std::random_device random;
   for (auto& byte : hello.session) byte = static_cast<uint8_t>(random());
   return BytesOf(hello);
@@ -167,7 +168,7 @@ struct Attack {
   /// What is on the disk.
   std::function<void(const TempDir& disk)> prepare;
   std::vector<std::string> requests;
-  /// How much the process must at least be made to hold: otherwise the test tries nothing.
+  /// The least that the process must be made to hold: with less, the test would show nothing.
   size_t least_peak;
 };
 
@@ -190,7 +191,7 @@ std::vector<Attack> Attacks() {
   const auto read = RequestBytes(ReadRequest{.path = "/large", .size = host::kMostData});
   SmallReadRequest small_reads;
   for (int i = 0; i < 4; ++i) small_reads.records.push_back({.path = "/large", .size = 1 << 20});
-  // A cached listing that differs, as long as a request can be.
+  // A cached listing that differs, and nearly fills the longest request.
   std::string entry(sizeof(cpd::udisk_dir_entry), '\0');
   const uint16_t name_length = 251;
   entry.replace(offsetof(cpd::udisk_dir_entry, name_len), 2, BytesOf(name_length));

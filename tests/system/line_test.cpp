@@ -120,7 +120,8 @@ struct Request {
   int code;
   /// Makes the request. @return 0, or errno
   std::function<int(const MountedDisk& mounted)> ask;
-  /// Shell command that succeeds on the disk, before the request is carried out and after it.
+  /// Shell commands on the disk: this one succeeds until the request is carried out, the next one
+  /// afterwards.
   const char* before;
   const char* after;
 };

@@ -29,7 +29,7 @@ std::string NameOf(pid_t process) {
   return name;
 }
 
-/// The processes below one, the nearest first.
+/// The descendants of a process, each after its parent.
 std::vector<pid_t> Descendants(pid_t process) {
   std::vector<pid_t> found;
   const auto number = std::to_string(process);

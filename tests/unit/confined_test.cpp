@@ -362,7 +362,8 @@ class ConfinedTest : public OperatorTest {
   std::unique_ptr<UDiskOperator> plain;
 
  private:
-  /// The working directory and an open directory of the process, for the links through /proc.
+  // Two ways out lead through links in /proc: to the process's working directory, and to a
+  // directory that it has open.
   class WorkingDirectory {
    public:
     explicit WorkingDirectory(const fs::path& path) { fs::current_path(path); }

@@ -385,7 +385,7 @@ TEST_F(CheckDir, WithACacheThatDoesNotWalkCleanlyGetsAFullReply) {
 
   request = good;
   request.cached.replace(last_entry + 120, 2, std::string(2, '\0'));
-  ExpectListing(request);  // not even if its bytes are still there, after the last entry
+  ExpectListing(request);  // nor has it one if its old bytes follow the last entry
 
   request = good;
   request.cached[last_entry + 122 + 1] = 'x';

@@ -382,8 +382,8 @@ TEST_F(DriverTest, AnswersARequestAtOnceWhileItIsIdle) {
   device.OnSend(nullptr);
   size_t sent = 1;
   bool was_woken = false;
-  // By itself the worker looks for the second request a second after the first one, or later. On a
-  // busy machine both may take as long although it is woken, but not every time.
+  // A worker that is not woken takes the second request a second after the first one, or later. On
+  // a busy machine a worker that is woken may also be that slow, but not every time.
   for (int i = 0; i < 10 && !was_woken; ++i) {
     const auto begin = Clock::now();
     Deliver(kGetKnown);
