@@ -21,7 +21,7 @@ struct DiskOptions {
   bool allow_other = false;             ///< let other users use the mount
   bool early = true;                    ///< let writes count as done before they are carried out
   bool batch = true;                    ///< send small writes in batches
-  bool prefetch = true;                 ///< read small files ahead
+  bool prefetch = true;                 ///< read small files and list directories ahead
   bool dir_cache = true;                ///< cache listings; check them before reuse
   uint32_t bandwidth_kbps = 0;          ///< announced for reads; 0 = no announcement
   std::chrono::seconds time_limit{30};  ///< how long to wait for a reply

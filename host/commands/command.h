@@ -35,7 +35,7 @@ void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line);
 void AddLogOptions(CLI::App* command, CommandLine* line);
 /// Adds --timeout.
 void AddTimeoutOption(CLI::App* command, DiskOptions* disk);
-/// Adds the options of the mount itself: --label, --allow-other, --no-batch, --no-prefetch,
+/// Adds the options of the mount itself: --label, --allow-other, --sync, --no-batch, --no-prefetch,
 /// --no-dir-cache.
 void AddMountOptions(CLI::App* command, DiskOptions* disk);
 /// Adds the options that the announcement carries: --name, --read-only.

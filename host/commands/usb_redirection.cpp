@@ -269,7 +269,7 @@ class UsbRedirection {
     return true;
   }
 
-  /// Says why, unless that is what it said the last time.
+  /// Prints the reason, unless it is the one that was printed last.
   void NoteFailure(const std::string& device, const std::string& label, const std::string& why) {
     auto& ended = ended_[device];
     if (ended.why != why) {

@@ -162,10 +162,10 @@ LocalMount::~LocalMount() {
     service_->UmountLocal();
     return;
   }
-  // Only UmountLocal would free it.
+  // Otherwise UmountLocal frees the list.
   std::free(service_->mUdiskDevice->infos);
   std::free(service_->mUdiskDevice);
-  // Somebody has unmounted it, before pulling the disk for one. An empty directory can go.
+  // Somebody has unmounted it, for example to pull the disk. An empty directory can go.
   std::error_code error;
   if (count == 0 && (fs::remove(directory_, error) || !error)) return;
   PrintError(fmt::format("cpd-host: leaving {} alone: not mounted exactly once, or busy\n",

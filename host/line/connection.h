@@ -99,8 +99,8 @@ class Connection {
   /// Sends a packet whether there is room or not; never waits. Does nothing when the connection has
   /// ended.
   void Send(std::shared_ptr<const CpdPacket> packet);
-  /// Waits until there is room, then sends, and waits until most of it is written. Otherwise the
-  /// caller could make its next packet while this side still holds many of them.
+  /// Waits until there is room, then sends, and waits until no more than kMostUnwritten is left to
+  /// be written. Otherwise the caller could make its next packet while this side still holds many.
   /// @return false when the connection has ended
   bool SendWhenRoom(std::shared_ptr<const CpdPacket> packet);
   /// Reports that a received packet is no longer held.

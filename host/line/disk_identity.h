@@ -10,8 +10,8 @@ namespace cpd::host {
 
 /// What a hello says of a disk.
 struct DiskIdentity {
-  /// That of a directory of a file system, wherever and whenever it is mounted. On FAT, all
-  /// directories of the file system have the same.
+  /// Identifies a directory of a file system, wherever and whenever that is mounted. On FAT, all
+  /// directories of a file system have the same id.
   Id128 disk;
   /// Changes when the machine is booted or the file system is mounted anew: written data that was
   /// not synced may then be lost.

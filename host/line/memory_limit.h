@@ -7,7 +7,7 @@
 
 namespace cpd::host {
 
-/// Makes allocations fail that go too far: the module needs twice the length of a listing, and a
+/// Makes allocations beyond a limit fail: the module needs twice the length of a listing, and a
 /// directory can have any number of entries. Then only the request in question fails.
 class MemoryLimit {
  public:

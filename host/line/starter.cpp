@@ -416,7 +416,8 @@ class StarterProcess {
       _exit(0);
     }
     try {
-      // Not a copy: close_range has freed numbers that a library may still take for its own.
+      // Uses the same number: a copy could get one that close_range has freed, and that a library
+      // may still take for its own.
       StarterProcess(Descriptor(kept.get()), command, mount_point, ignores_hangup, *duties).Run();
     } catch (const std::exception&) {
       _exit(1);

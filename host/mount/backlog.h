@@ -16,8 +16,7 @@ namespace cpd::host {
 /// Work is counted in bytes. Not synchronized: the owner's mutex guards it.
 class Backlog {
  public:
-  /// @param most  the limit in bytes for the fastest disk, because any disk may suddenly become
-  /// slow
+  /// @param most  the limit in bytes, however fast the disk: any disk may suddenly become slow
   explicit Backlog(size_t most = kMostUnmeasured) : bound_(most) {}
 
   /// The work of writing pieces: their bytes, and 4 KiB more for each piece.

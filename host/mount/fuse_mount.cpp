@@ -147,7 +147,8 @@ void FuseMount::CallChange(fuse_req_t request, Arguments... arguments) {
 
 // Operations that are missing here have no request in the protocol, so the kernel's defaults apply:
 // locks hold within the mount; reserving space fails. So do calls for extended attributes, whose
-// values the protocol does not carry, and the kernel stops asking: it would do that at every write.
+// values the protocol does not carry. The kernel then stops asking for them, as it otherwise would
+// at every write.
 fuse_lowlevel_ops FuseMount::Operations() {
   fuse_lowlevel_ops ops{};
   ops.init = Initialise;

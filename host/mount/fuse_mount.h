@@ -35,7 +35,8 @@ class Session;
 
 /// A kernel request is read on one of libfuse's threads and sent as a packet. The thread that
 /// delivers the reply answers the kernel, so many requests may be under way. Only renames and
-/// removals, and calls that need earlier writes answered, make one of libfuse's threads wait.
+/// removals, the first append through a handle, and calls that need earlier writes answered make
+/// one of libfuse's threads wait.
 class FuseMount {
  public:
   /// The largest read that the kernel asks for, in bytes.
@@ -166,7 +167,7 @@ class FuseMount {
   struct OpenDirectoryListing {
     SharedListing listing;  // null until first read
     uint64_t changes = 0;
-    std::optional<NodeTable::Clock::time_point> asked = {};  // when, if ahead
+    std::optional<NodeTable::Clock::time_point> asked = {};  // when; empty unless listed ahead
   };
   void ReplyWithEntries(const KernelRequest& request, fuse_ino_t directory,
                         const OpenDirectoryListing& directory_listing, size_t first, size_t size);

@@ -131,8 +131,8 @@ bool GatheredWrites::SendEarly(NodeTable::Id node, const NodeTable::File& file, 
   return true;
 }
 
-/// Takes the writes that there is room for from those that are not acknowledged yet. One for which
-/// a program has not been told to go on does not count as work: at most one per program is sent.
+/// Takes the writes that there is room for from those that are not acknowledged yet. The others do
+/// not count as work: their programs wait, so each has at most one.
 std::vector<GatheredWrites::SharedEarly> GatheredWrites::AcknowledgeLocked() {
   std::vector<SharedEarly> acknowledged;
   while (!unacknowledged_.empty() && large_backlog_.HasRoomFor(unacknowledged_.front()->work)) {

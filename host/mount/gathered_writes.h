@@ -1,4 +1,4 @@
-// Sends small writes together in one packet.
+// Acknowledges writes before they are carried out, and sends small ones together in one packet.
 #pragma once
 
 #include <chrono>
@@ -54,8 +54,8 @@ class GatheredWrites {
   bool Add(NodeTable::Id node, int64_t file_size, int64_t offset, std::string_view data);
   /// Sends a write of any size by itself. The caller must hold a pass of the gate, and have drained
   /// the file and then sent everything gathered.
-  /// @param acknowledge  called exactly once, possibly before this returns: as soon as no more work
-  ///                     waits for the disk than may, or with the outcome if that is known earlier
+  /// @param acknowledge  called exactly once, possibly before this returns: as soon as the
+  ///                     backlog has room, or with the outcome if that is known earlier
   /// @return false when the caller must write it through
   bool SendEarly(NodeTable::Id node, const NodeTable::File& file, int64_t offset,
                  std::string_view data, Acknowledge acknowledge);

@@ -89,8 +89,8 @@ KernelMount::KernelMount(const DiskOptions& options, const std::string& mount_po
   RaiseReadAhead(mount_point);
 }
 
-// A thread that did not read a call replies to it because the disk has answered. A reply to no call
-// is a notice.
+// A reply by another thread than the one that read the call had to wait for the disk, and is
+// counted. A reply to no call is a notice.
 ssize_t KernelMount::WriteReply(int device, iovec* parts, int count, void* mount) {
   fuse_out_header header{};
   std::memcpy(&header, parts[0].iov_base, sizeof header);

@@ -37,7 +37,7 @@ KernelRequest::KernelRequest(fuse_req_t request, Interruptions& interruptions)
 }
 
 /// Called with libfuse's lock of the request held, so it must not answer. The state is still there:
-/// whoever answers first makes sure that this is not running.
+/// the first answer waits until this is not running.
 void KernelRequest::OnInterrupt(fuse_req_t /*request*/, void* state) {
   auto& interrupted = *static_cast<State*>(state);
   interrupted.interruptions.Add(KernelRequest(interrupted.shared_from_this()));

@@ -23,8 +23,8 @@ class Interruptions;
 /// A request of the kernel. Copies stand for the same request, which is concluded when the last one
 /// is gone. Callable from any thread.
 ///
-/// The first reply counts; it may come from Interruptions. Later ones have no effect, so each says
-/// whether the kernel took it, and with it what it gives the kernel, such as a reference to a node.
+/// The first reply counts; it may come from Interruptions. Later ones have no effect. So each
+/// returns whether the kernel took it, together with what it refers to, such as a node.
 class KernelRequest {
  public:
   /// @param interruptions  must outlive the request and its copies

@@ -180,7 +180,7 @@ class OpenFiles {
     return file.error;
   }
 
-  /// The same at a sync or at the end, where a handle also reports that writes may be lost. A loss
+  /// The same at a sync or a close, where a handle also reports that writes may be lost. A loss
   /// does not make a write fail: a program that went on would then never learn of it.
   int TakeFailureOrLoss(Handle handle) {
     const int failure = TakeFailure(handle);
@@ -193,8 +193,7 @@ class OpenFiles {
     return has_lost ? EIO : unheard;
   }
 
-  /// What was taken did not reach the program, so the handle reports it at its next sync or at the
-  /// end.
+  /// What was taken did not reach the program, so the handle reports it at its next sync or close.
   void PutBack(Handle handle, int error) {
     const std::lock_guard lock(mutex_);
     handles_.at(handle).unheard = error;
@@ -207,7 +206,7 @@ class OpenFiles {
     bool is_written = false;
     uint64_t failures = 0;
     int error = 0;
-    bool hides_failure = false;  // one that no handle has reported yet
+    bool hides_failure = false;  // no handle has reported it yet
     uint64_t last_write = 0;     // its number
     uint64_t synced = 0;         // the writes up to this number are safe
     uint64_t losses = 0;

@@ -49,8 +49,8 @@ class Prefetch {
   /// Receives a file's content and when it was asked for; null if it cannot be used, because
   /// it did not come or was forgotten meanwhile.
   using Awaited = std::function<void(const std::string_view* content, Clock::time_point asked)>;
-  /// Waits for a file's content that was asked for and is on its way. An own request would be
-  /// answered later. `awaited` runs once, on the thread that delivers replies.
+  /// Waits for a file's content that was asked for and is on its way. A request for this file
+  /// alone would be answered later. `awaited` runs once, on the thread that delivers replies.
   /// @param known  the attributes that the kernel has
   /// @return false when the content is not on its way, or may not be used; then `awaited` never
   /// runs

@@ -23,9 +23,8 @@ class ReadingRun {
   static constexpr int64_t kLargestFile = 64 << 10;
 
   /// @param expected  the order in which programs read other directories, if any
-  /// @param is_far    whether an answer takes long: batches are then limited by their bytes, so
-  /// that
-  ///                  a directory takes few of them
+  /// @param is_far    whether an answer takes long: then batches have more files, so that a
+  ///                  directory takes few of them
   explicit ReadingRun(SharedListing listing, std::optional<Way> expected = std::nullopt,
                       bool is_far = false)
       : listing_(std::move(listing)),

@@ -97,7 +97,7 @@ void WalkAhead::NoteShown(const std::string& directory, const SharedListing& lis
   if (walks_.size() > kMostWalks) walks_.pop_back();
 }
 
-/// @return null when the directory was not listed ahead, or too early
+/// @return null when no listing that came ahead is usable
 WalkAhead::SharedAhead WalkAhead::TakeLocked(const std::string& directory, uint64_t changes) {
   const auto found = ahead_.extract(directory);
   if (found.empty()) return nullptr;
@@ -115,8 +115,8 @@ WalkAhead::Walk* WalkAhead::FindWalkLocked(const std::string& directory) {
   return &*walk;
 }
 
-/// A program lists this directory: lists ahead those that come next beside it.
-/// More of them if they come just in time, fewer if they come long before.
+/// Called when a program lists this directory. Asks for those that come next beside it: for more if
+/// this listing came just in time, for fewer if it came long before.
 void WalkAhead::FollowLocked(const std::string& directory, const Ahead* ahead, uint64_t changes,
                              Asked* asked) {
   auto* walk = directory == "/" ? nullptr : FindWalkLocked(DirectoryOf(directory));

@@ -20,9 +20,10 @@
 namespace cpd::host {
 
 /// Follows programs that walk through a tree of directories. When one lists the subdirectories of a
-/// directory in the order of its listing, the next ones are listed ahead, and so are the first ones
-/// below the next directory. How many depends on how many of the last ones were used. Does so only
-/// when the disk is far: near, an answer costs no more than the question.
+/// directory in the order of its listing, the next ones are listed ahead: more of them while they
+/// come just in time, fewer when they come long before or are not used. If the listing that the
+/// program gets came ahead itself, the first directories below it are listed ahead, too. Does all
+/// this only when the disk is far: when it is near, there is no wait to save.
 ///
 /// A listing that came ahead is shown once, at most kTrusted after it was asked for, and only if
 /// nothing was changed through this mount since. All operations are callable from any thread.
@@ -35,8 +36,8 @@ class WalkAhead {
 
   struct Shown {
     SharedListing listing;
-    uint64_t changes;                        ///< made through this mount before it was asked for
-    std::optional<Clock::time_point> asked;  ///< when, if ahead
+    uint64_t changes;                        ///< through this mount before it was asked for
+    std::optional<Clock::time_point> asked;  ///< when; empty unless listed ahead
   };
   using Done = std::function<void(const Result<Shown>&)>;
 
@@ -44,8 +45,8 @@ class WalkAhead {
   WalkAhead(RemoteFiles& files, ListingCache& listings, bool enabled)
       : files_(files), listings_(listings), enabled_(enabled) {}
 
-  /// Lists a directory for a program, and ahead those that it may want next. `done` may run before
-  /// this returns.
+  /// Lists a directory for a program, and lists ahead those that it may want next. `done` may run
+  /// before this returns.
   /// @param changes  how many were made through this mount so far
   void List(const std::string& directory, uint64_t changes, Done done);
 
@@ -71,7 +72,7 @@ class WalkAhead {
   struct Walk {
     std::string directory;
     std::vector<std::string> names;
-    size_t next = 0;       // the one after that which was listed last
+    size_t next = 0;       // the place after the one listed last
     size_t asked_end = 0;  // those before this one were asked for, or passed over
     size_t reach = kFirstReach;
   };

@@ -78,7 +78,7 @@ class Session {
   /// Sends a packet that has no reply; does nothing without a channel.
   void Tell(std::unique_ptr<CpdPacket> packet);
 
-  /// Whether requests wait because the channel broke.
+  /// Whether the channel broke and no other has taken its place.
   [[nodiscard]] bool IsCutOff() const;
   Statistics statistics() const;
   /// What the mechanisms that use this session count.
@@ -127,7 +127,7 @@ class Session {
   bool is_refusing_ = false;    // requests are given up at once
   bool is_stopped_ = false;
   std::optional<Clock::time_point> broken_;  // when, if requests wait for a channel
-  bool waits_ = true;                        // for a channel that broke
+  bool waits_ = true;                        // whether requests wait for another channel
   // Sent, with consecutive ids that begin with first_id_.
   Requests outstanding_;
   Requests waiting_;                            // to be sent, after those in lost_

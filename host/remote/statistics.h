@@ -47,7 +47,7 @@ using Statistics = std::map<uint16_t, CommandStatistics>;
 Traffic TrafficOf(const Statistics& statistics);
 
 /// What the mechanisms of a mount that save round trips did so far. Each one counts for itself, on
-/// any thread.
+/// any thread. A count that no mechanism adds to stays 0, and is not printed.
 struct Savings {
   using Count = std::atomic<uint64_t>;
 
