@@ -119,7 +119,7 @@ void DiskEnd::Count(const CpdPacket& packet, bool is_request) {
   traffic_.Count(packet.header->cmd, packet.header->packetLen);
 }
 
-void DiskEnd::Watch(Connection& connection) const {
+void DiskEnd::Watch(Connection& connection) {
   const auto state = watch_.Look();
   if (state == DiskWatch::State::kThere) return;
   if (!options_.awaits_disk) {

@@ -91,11 +91,11 @@ class DiskEnd : public LineUser {
 
  private:
   void Count(const CpdPacket& packet, bool is_request);
-  void Watch(Connection& connection) const;
+  void Watch(Connection& connection);
 
   const Options options_;
   const DiskIdentifier identifier_;
-  const DiskWatch watch_;
+  DiskWatch watch_;
   TraceFile trace_;
   MemoryLimit memory_;
   const Module module_;  // stays loaded, since a process in its sandbox cannot load it again

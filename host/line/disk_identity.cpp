@@ -102,13 +102,17 @@ DiskIdentity DiskIdentifier::Now() const {
 DiskWatch::DiskWatch(std::string directory)
     : directory_(std::move(directory)), first_(host::Look(directory_)) {}
 
-DiskWatch::State DiskWatch::Look() const {
+DiskWatch::State DiskWatch::Look() {
   struct statx now {};
-  if (!LookAt(directory_, AT_STATX_DONT_SYNC, &now)) return State::kGone;
-  if (now.stx_mnt_id == first_.stx_mnt_id) return State::kThere;
+  const bool is_found = LookAt(directory_, AT_STATX_DONT_SYNC, &now);
   // Without its mount, the directory is one of the file system below.
   const auto root = first_.stx_attributes & STATX_ATTR_MOUNT_ROOT;
-  return (now.stx_attributes & root) == root ? State::kMountedAnew : State::kGone;
+  if (!is_found || (now.stx_attributes & root) != root) {
+    was_gone_ = true;
+    return State::kGone;
+  }
+  const bool is_same = now.stx_mnt_id == first_.stx_mnt_id && !was_gone_;
+  return is_same ? State::kThere : State::kMountedAnew;
 }
 
 Id128 RandomId() {

@@ -49,12 +49,15 @@ class DiskWatch {
   /// @throws std::system_error when it cannot be looked at
   explicit DiskWatch(std::string directory);
 
-  /// Does not ask the disk, which may be gone. Callable from any thread.
-  [[nodiscard]] State Look() const;
+  /// Does not ask the disk, which may be gone. Once it was seen gone, it is never said to be there
+  /// again, but mounted anew: kernels before 6.8 give a new mount the id of the old one. Not
+  /// synchronized.
+  [[nodiscard]] State Look();
 
  private:
   const std::string directory_;
   const struct statx first_;
+  bool was_gone_ = false;
 };
 
 /// 16 bytes that nobody can guess.

@@ -77,7 +77,7 @@ TEST(DiskWatch, NoticesThatTheDiskIsUnmountedAndMountedAnew) {
   const test::TempDisk disk;
   MountedHere first(disk.root());
   if (!first.is_mounted()) GTEST_SKIP() << "mounting needs root";
-  const DiskWatch watch(disk.root());
+  DiskWatch watch(disk.root());
   EXPECT_EQ(watch.Look(), State::kThere);
   first.Unmount();
   EXPECT_EQ(watch.Look(), State::kGone);
@@ -90,12 +90,24 @@ TEST(DiskWatch, NoticesTheSameForADirectoryOfTheDisk) {
   MountedHere first(disk.root());
   if (!first.is_mounted()) GTEST_SKIP() << "mounting needs root";
   disk.MakeDir("/shown");
-  const DiskWatch watch(disk.Local("/shown"));
+  DiskWatch watch(disk.Local("/shown"));
   first.Unmount();
   EXPECT_EQ(watch.Look(), State::kGone);
   const MountedHere second(disk.root());
   EXPECT_EQ(watch.Look(), State::kGone);
   disk.MakeDir("/shown");
+  EXPECT_EQ(watch.Look(), State::kMountedAnew);
+}
+
+// As the same mount id does on kernels that use one again.
+TEST(DiskWatch, TakesADiskThatWasGoneForOneThatIsMountedAnew) {
+  const test::TempDisk disk;
+  disk.MakeDir("/shown");
+  DiskWatch watch(disk.Local("/shown"));
+  EXPECT_EQ(watch.Look(), State::kThere);
+  std::filesystem::rename(disk.Local("/shown"), disk.Local("/away"));
+  EXPECT_EQ(watch.Look(), State::kGone);
+  std::filesystem::rename(disk.Local("/away"), disk.Local("/shown"));
   EXPECT_EQ(watch.Look(), State::kMountedAnew);
 }
 
