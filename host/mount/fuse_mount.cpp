@@ -26,6 +26,9 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr unsigned kMostBackground = 64;
+// While the line is down, each program that waits for a rename or for written data may hold one of
+// libfuse's threads. One more has to read the kernel's interrupts.
+constexpr unsigned kMostThreads = 1000;
 constexpr ino_t kUnknownInode = 0xffffffff;  // 0 would mark a deleted entry
 
 void Initialise(void* /*mount*/, fuse_conn_info* connection) {
@@ -70,6 +73,7 @@ void FuseMount::Serve(const sigset_t& stop_signals) {
   }
   const std::unique_ptr<fuse_loop_config, decltype(&fuse_loop_cfg_destroy)> config(
       fuse_loop_cfg_create(), &fuse_loop_cfg_destroy);
+  fuse_loop_cfg_set_max_threads(config.get(), kMostThreads);
   int result = 0;
   {
     // The loop ends when its threads do, and these may wait for another line to the disk.
@@ -389,7 +393,9 @@ void FuseMount::OpenDirectory(const KernelRequest& request, fuse_ino_t /*node*/,
     file->fh = ++last_directory_;
     directories_.emplace(file->fh, OpenDirectoryListing{});
   }
-  (void)request.ReplyOpened(*file);
+  if (request.ReplyOpened(*file)) return;
+  const std::lock_guard lock(mutex_);
+  directories_.erase(file->fh);
 }
 
 void FuseMount::ReleaseDirectory(const KernelRequest& request, fuse_ino_t /*node*/,

@@ -348,6 +348,34 @@ Seen ReadAndWrite(const std::string& read_file, const std::string& written_file)
   return seen;
 }
 
+TEST_F(BadLine, ManyProgramsThatWaitBehindARenameCanBeInterrupted) {
+  constexpr int kPrograms = 30;
+  WriteFile(disk / "file", "");
+  for (int i = 0; i < kPrograms; ++i) WriteFile(disk / std::to_string(i), "");
+  auto mounted = Mount();
+  Order("down", 118);  // a rename
+  {
+    std::vector<std::unique_ptr<ForkedProgram>> programs;
+    const auto start = [&programs](const std::function<int()>& work) {
+      programs.push_back(std::make_unique<ForkedProgram>(work));
+    };
+    start(
+        [&] { return ErrorOf(rename((mounted / "file").c_str(), (mounted / "renamed").c_str())); });
+    ASSERT_TRUE(Eventually([&] { return Done() == 1; }));
+    for (int i = 0; i < kPrograms; ++i) {
+      start([&, i] { return ErrorOf(access((mounted / std::to_string(i)).c_str(), F_OK)); });
+    }
+    std::this_thread::sleep_for(500ms);
+    for (const auto& program : programs) kill(program->pid(), SIGINT);
+    for (const auto& program : programs) {
+      EXPECT_TRUE(Eventually([&] { return program->HasEnded(); }, 5s));
+    }
+  }
+  Order("");
+  EXPECT_TRUE(Eventually([&] { return fs::exists(mounted / "renamed"); }));
+  EXPECT_EQ(mounted.Unmount().status, 0);
+}
+
 TEST_F(BadLine, InterruptedProgramsSeeNoOtherErrorWhileItDrops) {
   WriteFile(disk / "file", Bytes(100'000));
   auto mounted = Mount();
