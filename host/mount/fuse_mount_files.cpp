@@ -321,7 +321,11 @@ void FuseMount::Sync(const KernelRequest& request, fuse_ino_t /*node*/, int /*da
         // The answer may have come over another line than the answers to the writes.
         const int error = open_files_.TakeFailureOrLoss(handle);
         if (error != 0 || outcome == Outcome::kDone) return ReplyTaken(request, handle, error);
-        ReplyFailure(request, outcome, {.kind = Kind::kSync, .path = path});
+        FindFailureReason(files_, outcome, {.kind = Kind::kSync, .path = path},
+                          [this, request, handle](int reason) {
+                            writes_.NoteFailure(reason);
+                            ReplyTaken(request, handle, reason);
+                          });
       });
 }
 

@@ -196,7 +196,7 @@ class OpenFiles {
   /// What was taken did not reach the program, so the handle reports it at its next sync or close.
   void PutBack(Handle handle, int error) {
     const std::lock_guard lock(mutex_);
-    handles_.at(handle).unheard = error;
+    if (error != 0) handles_.at(handle).unheard = error;
   }
 
  private:

@@ -120,6 +120,15 @@ TEST_F(Losses, ThatDidNotReachTheProgramAreReportedAgainButNotByAWrite) {
   EXPECT_EQ(files.TakeFailureOrLoss(writer), 0);
 }
 
+TEST_F(Losses, ThatDidNotReachTheProgramOutlastASuccessThatDidNotEither) {
+  const auto writer = files.Open(kFile);
+  files.NoteWrite(kFile);
+  files.LoseUnsynced();
+  files.PutBack(writer, files.TakeFailureOrLoss(writer));
+  files.PutBack(writer, 0);
+  EXPECT_EQ(files.TakeFailureOrLoss(writer), EIO);
+}
+
 TEST_F(Losses, StayWithTheFileThatAHandleLeaves) {
   const auto writer = files.Open(kFile);
   files.NoteWrite(kFile);
