@@ -50,6 +50,8 @@ void MountOverLine(LineSource& source, FarMount far, const StopSignals& stop_sig
                  .label = far.disk.label,
                  .on_first =
                      [&](const AnnouncedDisk& announced) {
+                       // A signal that comes once there is a mount has to take it down.
+                       pthread_sigmask(SIG_BLOCK, &stop_signals.set(), nullptr);
                        far.disk.disk = far.shown.empty() ? announced.name : far.shown;
                        far.disk.read_only = far.disk.read_only || announced.read_only;
                        kernel.emplace(far.disk, far.mount_point,
