@@ -53,22 +53,15 @@ struct Savings {
 
   Count waits;  ///< calls of the kernel that were answered only after the disk had answered
 
-  Count questions;       ///< of the kernel: for a name, or for a file's attributes
-  Count known;           ///< of these, answered without a request for them
-  Count shared;          ///< of these, answered by a listing that was asked for several
-  Count listings;        ///< directories that programs listed
-  Count known_listings;  ///< of these, shown without a request
+  Count questions;  ///< of the kernel: for a name, or for a file's attributes
+  Count listings;   ///< directories that programs listed
 
-  Count created_early;  ///< files that programs could use before the disk had made them
   Count written_early;  ///< writes that were answered before the disk had carried them out
-  Count failed_later;   ///< creations and writes that failed after that
+  Count failed_later;   ///< of these, those that failed after that
 
   Count files_ahead;  ///< small files that were read before a program asked
   Count files_ahead_used;
   Count files_ahead_unused;
-  Count pieces_ahead;  ///< pieces of large files, likewise
-  Count pieces_ahead_used;
-  Count pieces_ahead_unused;
   Count listings_ahead;  ///< directories, likewise
   Count listings_ahead_used;
   Count listings_ahead_unused;
@@ -77,19 +70,12 @@ struct Savings {
   static constexpr std::array kNames{
       std::pair{&Savings::waits, "waits for the disk"},
       std::pair{&Savings::questions, "names and attributes asked"},
-      std::pair{&Savings::known, "answered at once"},
-      std::pair{&Savings::shared, "answered by one listing"},
       std::pair{&Savings::listings, "directories listed"},
-      std::pair{&Savings::known_listings, "listed at once"},
-      std::pair{&Savings::created_early, "files created early"},
       std::pair{&Savings::written_early, "writes answered early"},
       std::pair{&Savings::failed_later, "failed later"},
       std::pair{&Savings::files_ahead, "files read ahead"},
       std::pair{&Savings::files_ahead_used, "used files"},
       std::pair{&Savings::files_ahead_unused, "unused files"},
-      std::pair{&Savings::pieces_ahead, "pieces read ahead"},
-      std::pair{&Savings::pieces_ahead_used, "used pieces"},
-      std::pair{&Savings::pieces_ahead_unused, "unused pieces"},
       std::pair{&Savings::listings_ahead, "directories listed ahead"},
       std::pair{&Savings::listings_ahead_used, "used listings"},
       std::pair{&Savings::listings_ahead_unused, "unused listings"},
