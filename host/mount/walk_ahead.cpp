@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "remote/paths.h"
@@ -16,6 +17,7 @@ constexpr std::chrono::milliseconds kLongBefore{500};
 constexpr size_t kMostWalks = 32;
 constexpr size_t kMostNames = 10'000;  // of one walk
 constexpr size_t kMostAhead = 64;
+constexpr size_t kLongestKept = 512 << 10;        // of a listing, in bytes
 constexpr size_t kLongestStep = 16;               // a program may leave some directories out
 constexpr int64_t kLargestDirectory = 128 << 10;  // in bytes on the disk
 
@@ -81,8 +83,11 @@ void WalkAhead::TakeAnswer(const SharedAhead& ahead, const Result<SharedListing>
   std::vector<Done> waiting;
   {
     const std::lock_guard lock(mutex_);
-    ahead->answer = answer;
     waiting.swap(ahead->waiting);
+    // The size of a directory is only what the other side says of it.
+    const bool is_kept =
+        !waiting.empty() || answer.error != 0 || answer.value->bytes.size() <= kLongestKept;
+    ahead->answer = is_kept ? answer : Result<SharedListing>{.error = ENOBUFS};
   }
   for (const auto& done : waiting) done(ahead->result());
 }
