@@ -91,6 +91,7 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
         Count(*packet, false);
         connection.SendWhenRoom(std::move(packet));
       });
+  watching_.emplace(500ms, [this, &connection] { Watch(connection); });
   connection.Start({.packet =
                         [this, intake](std::unique_ptr<CpdPacket> packet) {
                           // By now all threads have their stacks, which count, too.
@@ -105,7 +106,6 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
                         },
                     .room = [] {},
                     .ended = std::move(ended)});
-  watching_.emplace(500ms, [this, &connection] { Watch(connection); });
 }
 
 Traffic DiskEnd::traffic() const {
