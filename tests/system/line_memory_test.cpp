@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -94,6 +95,15 @@ class Victim {
       all += static_cast<size_t>(sent);
     }
     return all;
+  }
+  /// Waits, without reading, for the hello and the announcement of the disk. Before that, the
+  /// module does not know its disk, and every request fails.
+  [[nodiscard]] bool HasAnnounced() const {
+    return Eventually([&] {
+      int unread = 0;
+      return ioctl(line_.get(), FIONREAD, &unread) == 0 &&
+             static_cast<size_t>(unread) > sizeof(host::Hello);
+    });
   }
   /// Reads until nothing has come for a moment. @return how many bytes came
   size_t Drain() {
@@ -236,6 +246,7 @@ TEST_P(HostileAttach, ThatReadsNothingOrReportsNothingAsTaken) {
   GetParam().prepare(disk);
   Victim serve({"serve", disk.path(), "--log-level", "off"}, place / "log");
   serve.Send(HelloBytes(host::Role::kRemote));
+  ASSERT_TRUE(serve.HasAnnounced());
   std::string requests;
   for (const auto& request : GetParam().requests) requests += request;
   EXPECT_EQ(serve.Send(requests), requests.size());
