@@ -208,7 +208,7 @@ TEST_F(BrokenChannel, WaitsForRoomAndKeepsTheOrder) {
   EXPECT_EQ(Sent(), (std::vector<uint16_t>{kFileRead, kGetFileAttr}));
 }
 
-TEST_F(BrokenChannel, TellsNothingWithoutAChannel) {
+TEST_F(BrokenChannel, DropsWhatNeedsNoAnswerWhileThereIsNoChannel) {
   Break();
   session.Tell(Request(FlushRequest{.path = "/a"}).Packet());
   session.Start(&channel);
@@ -271,7 +271,7 @@ TEST_F(BrokenChannel, AsksAnotherDiskNothingThatWasMeantForTheFirst) {
   EXPECT_EQ(answers.size(), 4U);
 }
 
-TEST_F(BrokenChannel, AsksAnotherDiskNothingThatFollowsARequestToTheFirst) {
+TEST_F(BrokenChannel, AsksAnotherDiskNoFollowUpOfARequestToTheFirst) {
   session.Ask(Request(LinkRequest{.path = "/a", .new_path = "/b"}).Packet(),
               [this](const std::unique_ptr<CpdPacket>&) {
                 Ask(RenameRequest{.path = "/a", .new_path = "/b"});

@@ -84,7 +84,7 @@ class ConnectionTest : public testing::Test {
 
 // ---- Beginning ----
 
-TEST_F(ConnectionTest, SaysHelloAtOnceAndGivesOutTheOtherSides) {
+TEST_F(ConnectionTest, SaysHelloAtOnceAndReturnsTheOtherSidesHello) {
   Make();
   const auto own = peer.NextOf<Hello>();
   ASSERT_TRUE(own);
@@ -315,7 +315,7 @@ TEST_F(ConnectionTest, EndsWhenThePeerReportsMoreTakenThanWasSent) {
   ExpectNonsense("it reports more taken than it was sent");
 }
 
-TEST_F(ConnectionTest, EndsWhenThePeerReportsTakenWhatIsNotWrittenYet) {
+TEST_F(ConnectionTest, EndsWhenThePeerReportsMoreTakenThanHasBeenWritten) {
   Start();
   for (int i = 0; i < 4; ++i) connection->Send(PacketOf(kQuarter));  // more than a socket takes
   peer.Send(ControlBytes(Control::kTaken, kWindow));

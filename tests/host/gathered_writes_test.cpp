@@ -525,7 +525,7 @@ TEST_F(LargeWritesTest, AreNotTakenOnADiskThatFails) {
   EXPECT_FALSE(SendEarly(0, large).is_taken);
 }
 
-TEST_F(LargeWritesTest, StayWhereABatchBeforeThemFailed) {
+TEST_F(LargeWritesTest, AreNotOverwrittenByAFailedBatchThatIsWrittenAgain) {
   disk.Hold();
   disk.FailBatches(1);
   ASSERT_TRUE(Add(0, "1111"));
@@ -561,7 +561,7 @@ TEST_F(LargeWritesTest, WithoutAnAnswerAreReported) {
 
 using WrittenFileTest = GatheredWritesTest;
 
-TEST_F(WrittenFileTest, IsAnsweredAtOnceWhenNothingWasWritten) {
+TEST_F(WrittenFileTest, HasItsAnswersAtOnceWhenNothingWasWritten) {
   disk.Hold();
   bool is_answered = false;
   writes.WhenAnswered(node, [&] { is_answered = true; });
@@ -569,7 +569,7 @@ TEST_F(WrittenFileTest, IsAnsweredAtOnceWhenNothingWasWritten) {
   disk.GoOn();
 }
 
-TEST_F(WrittenFileTest, IsAnsweredWhenWhatFailedIsWrittenAgainAndReported) {
+TEST_F(WrittenFileTest, HasItsAnswersOnceWhatFailedIsWrittenAgainAndReported) {
   disk.Hold();
   ASSERT_TRUE(Add(0, "abc"));
   ASSERT_EQ(*SendEarly(10, large).error, 0);

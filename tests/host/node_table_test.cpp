@@ -128,7 +128,7 @@ TEST_F(Nodes, KnowWhereTheKernelWouldAppend) {
   EXPECT_EQ(kernel_size(node), -1);
 }
 
-TEST_F(Nodes, GiveEachLookupOutOnce) {
+TEST_F(Nodes, LetEachLookupBeTakenOnce) {
   const auto never = NodeTable::Clock::time_point();
   const auto node = nodes.Lookup(kRoot, "a", File(1));
   EXPECT_NE(nodes.TakeLookup(node), never);

@@ -455,7 +455,7 @@ TEST_F(Walks, DoNotShowWhatIsOlderThanASecond) {
   EXPECT_EQ(files_.savings().listings_ahead_unused, WalkAhead::kFirstReach);
 }
 
-TEST_F(Walks, AskForNothingMoreNearby) {
+TEST_F(Walks, AskANearbyDiskForNothingMore) {
   List("/tree");
   Work();
   List(names_[0]);

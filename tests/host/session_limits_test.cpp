@@ -85,7 +85,7 @@ TEST_F(SessionLimits, SendNoProbeForARequestThatIsAnsweredInTime) {
   EXPECT_FALSE(driver.Await(2, 1500ms));
 }
 
-TEST_F(SessionLimits, SendAProbeAfterASecondWhoseReplyProvesThatThereIsNoneBeforeIt) {
+TEST_F(SessionLimits, SendAProbeAfterASecondAndTakeItsReplyAsProofThatNoEarlierOneComes) {
   const auto start = Clock::now();
   Ask();
   ASSERT_TRUE(driver.Await(2, 5s));

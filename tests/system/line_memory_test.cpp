@@ -238,7 +238,7 @@ std::vector<Attack> Attacks() {
 
 class HostileAttach : public testing::TestWithParam<Attack> {};
 
-TEST_P(HostileAttach, ThatReadsNothingOrReportsNothingAsTaken) {
+TEST_P(HostileAttach, CannotMakeAServeNeed64MiB) {
   if (kIsSanitized) GTEST_SKIP() << "a sanitizer needs more memory than what it tests";
   if (access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 0);
   const TempDir place;
@@ -331,7 +331,7 @@ std::vector<Flood> Floods() {
 
 class HostileServe : public testing::TestWithParam<Flood> {};
 
-TEST_P(HostileServe, ThatReadsNothing) {
+TEST_P(HostileServe, CannotMakeAnAttachNeed64MiB) {
   if (kIsSanitized) GTEST_SKIP() << "a sanitizer needs more memory than what it tests";
   if (!WhyNoFuse().empty()) GTEST_SKIP() << WhyNoFuse();
   const TempDir place;

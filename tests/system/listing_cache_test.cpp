@@ -136,7 +136,7 @@ const auto kNamesAndSizes = testing::Values(
            [](const auto& root) { fs::rename(root + "/file07", root + "/directory/file07"); }},
     Change{"Grown", [](const auto& root) { Run("printf more >> " + root + "/file07"); }},
     Change{"Shortened", [](const auto& root) { fs::resize_file(root + "/file07", 3); }},
-    Change{"ReplacedByItsLike", [](const auto& root) {
+    Change{"ReplacedByAnIdenticalCopy", [](const auto& root) {
              Run("cd " + root + " && cp -p file07 directory/new && mv directory/new file07");
            }});
 

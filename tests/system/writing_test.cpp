@@ -342,7 +342,8 @@ TEST_F(LargeWrites, AreAnsweredEarlyAndOnTheDiskWhenTheFileIsClosed) {
   const auto ending = mounted.Unmount();
   EXPECT_GT(ending.Count("writes answered early"), 0);
   EXPECT_EQ(ending.Count("failed later"), 0);
-  EXPECT_EQ(ending.Requests(119), 0) << "closing a file asks what the writes' answers tell";
+  EXPECT_EQ(ending.Requests(119), 0)
+      << "closing a file asks for what the writes' answers have already shown";
 }
 
 TEST_F(LargeWrites, BetweenSmallOnesKeepTheirOrder) {

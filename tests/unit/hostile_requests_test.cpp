@@ -318,7 +318,7 @@ TEST_F(HostileRequests, AReadPositionPastTheBufferIsDropped) {
   }
 }
 
-TEST_F(HostileRequests, LengthsPastTheBufferAreDroppedFromAReadPositionWithinTheHead) {
+TEST_F(HostileRequests, ARequestReadFromWithinItsHeadIsDroppedIfItsLengthsPassTheBuffer) {
   for (const Case& good : Cases()) {
     SCOPED_TRACE(good.name);
     PutDiskInOrder();
