@@ -189,7 +189,7 @@ void CompareListings(Input in, UDiskOperator* udisk) {
                            cached.data(), current.data());
   ExpectLinear(steps, cached.size() + current.size());
   const bool same = Same(*Walk(cached, cached_count), *Walk(current, current_count));
-  Expect(result == (same ? 1 : 0), "the comparison is the simple one's");
+  Expect(result == (same ? 1 : 0), "the result is that of the simple comparison");
 }
 
 }  // namespace

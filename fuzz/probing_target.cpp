@@ -74,7 +74,7 @@ std::vector<Words> TakeCommands() {
 /// Expects no other command. There may be none, because it was too long.
 void ExpectOnly(const Words& command) {
   for (const Words& words : TakeCommands()) {
-    Expect(words == command, "the command asks for what it was made for");
+    Expect(words == command, "only the expected command runs");
   }
 }
 

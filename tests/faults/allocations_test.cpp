@@ -317,7 +317,7 @@ TEST(AllocationOutsideTheHandlers, RefusedToABusEventCostsOnlyItsTrace) {
   });
 }
 
-TEST(AllocationOfAReply, RefusedToSmallFilesIsNotPaced) {
+TEST(AllocationOfAReply, RefusedToSmallFilesLeavesThemUnpaced) {
   RefuseEach([](int before) {
     FrugalDevice device;
     UDiskOperator udisk(&device);

@@ -99,7 +99,8 @@ TEST(DiskWatch, NoticesTheSameForADirectoryOfTheDisk) {
   EXPECT_EQ(watch.Look(), State::kMountedAnew);
 }
 
-// As the same mount id does on kernels that use one again.
+// The mount's id is the same before and after. On kernels that reuse ids, that may also happen
+// when a disk is mounted anew.
 TEST(DiskWatch, TakesADiskThatWasGoneForOneThatIsMountedAnew) {
   const test::TempDisk disk;
   disk.MakeDir("/shown");

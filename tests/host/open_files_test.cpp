@@ -77,7 +77,7 @@ TEST_F(Losses, ConcernAWriteThatWasAnsweredAfterTheSyncWasSent) {
   EXPECT_EQ(files.TakeFailureOrLoss(writer), EIO);
 }
 
-TEST_F(Losses, AreNotUndoneByAnEarlierSyncThatIsAnsweredLater) {
+TEST_F(Losses, DoNotConcernSyncedWritesWhenAnEarlierSyncIsAnsweredLater) {
   const auto writer = files.Open(kFile);
   files.NoteWrite(kFile);
   const auto first = files.LastWrite();

@@ -145,7 +145,7 @@ void ExpectUsable(const TempDisk& disk) {
   EXPECT_EQ(ErrorOf(::rmdir(disk.Local("/made").c_str())), 0);
 }
 
-TEST_F(SandboxTest, LeavesTheDiskAndNoFileElsewhere) {
+TEST_F(SandboxTest, AllowsTheDiskAndNoFileElsewhere) {
   NEEDS_LANDLOCK(3);
   disk.MakeLink("/way-out", secret());
   InSandbox({.disk = disk.root()}, [this] {
@@ -213,7 +213,7 @@ TEST_F(SandboxTest, ReachesNoFileWithoutADisk) {
   });
 }
 
-TEST_F(SandboxTest, LeavesADirectoryForFilesOfTheProcess) {
+TEST_F(SandboxTest, AllowsADirectoryForFilesOfTheProcess) {
   NEEDS_LANDLOCK(1);
   InSandbox({.writable = {elsewhere.root()}}, [this] {
     const std::string lock = elsewhere.Local("/lock");

@@ -268,7 +268,7 @@ TEST_F(StarterTest, EndsEveryProgramOfAPipeline) {
   EXPECT_TRUE(Eventually([&] { return !Runs(sleeper); }));
 }
 
-TEST_F(StarterTest, KillsWhatIgnoresTheSignalAfterASecond) {
+TEST_F(StarterTest, KillsAfterASecondWhatIgnoresTheSignal) {
   Starter starter("trap '' TERM; sh -c 'echo $$; while :; do sleep 0.1; done' | cat", "");
   auto line = starter.Start();
   const pid_t first = std::stoi(ReadLine(line.in.get()));

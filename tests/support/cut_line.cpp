@@ -11,8 +11,8 @@
 //
 // The words:
 // - cut: kills the command and closes both directions
-// - mute: nothing more reaches the command, from the request on; cuts a moment later
-// - deaf: nothing more comes from the command, which still gets the request; cuts a moment later
+// - mute: nothing more reaches the command, from the packet on; cuts a moment later
+// - deaf: nothing more comes from the command, which still gets the packet; cuts a moment later
 // - stall: everything vanishes, both ways, and nothing closes
 // - garble: inverts a byte of what comes from the command
 // - down: cuts, and so does every new line at once, until the file is emptied
@@ -91,7 +91,8 @@ struct Order {
   int request = 0;  ///< code; 0 = at once
 };
 
-/// Finds requests among the bytes that go to the command.
+/// Finds packets among the bytes that go to the command: requests, or replies if it mounts the
+/// disk.
 class Requests {
  public:
   /// @return where in the next bytes a header with this code ends; empty if there is none

@@ -243,7 +243,7 @@ class EachRequest : public BadLine, public testing::WithParamInterface<Request> 
   bool WasNotDone() const { return IsSo(GetParam().before); }
 };
 
-TEST_P(EachRequest, IsCarriedOutWhenTheLineDroppedBefore) {
+TEST_P(EachRequest, IsCarriedOutAfterTheLineHasDropped) {
   const auto mounted = Mount();
   Order("cut");
   ASSERT_TRUE(Eventually([&] { return Done() == 1; }));

@@ -311,7 +311,7 @@ TEST_P(ReplacedUnderAReader, EndsInAnErrorAndAFreshOpenReadsTheNewFile) {
   close(fd);
 }
 
-// The second time, the file system gives the first file's inode to the third.
+// At the second replacement, the file system gives the third file the inode of the first.
 INSTANTIATE_TEST_SUITE_P(, ReplacedUnderAReader,
                          testing::Values(Replacing{"Once", 1}, Replacing{"Twice", 2},
                                          Replacing{"ThreeTimes", 3}),

@@ -23,7 +23,7 @@ class Stopping : public MountTest {
     WriteFile(disk / "big", Bytes(20'000'000));
   }
 
-  /// A program whose read takes many more seconds.
+  /// A program whose read takes many seconds.
   Process PacedReader(const MountedDisk& mounted) { return Reader(mounted, "cat "); }
 
   Process Reader(const MountedDisk& mounted, const std::string& program) {

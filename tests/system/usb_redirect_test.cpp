@@ -269,7 +269,7 @@ TEST_F(UsbRedirect, TakesADiskDownWhileAFarProgramHasAFileOpen) {
   EXPECT_TRUE(Goes(label)) << Said();
 }
 
-TEST_F(UsbRedirect, LeavesNoDirectoryOfADiskThatWasUnmountedBeforeItIsPulled) {
+TEST_F(UsbRedirect, LeavesNoDirectoryOfADiskThatIsUnmountedBeforeItIsPulled) {
   const auto label = Label("CAREFUL");
   Plug("sdb", label);
   Start();
@@ -304,7 +304,7 @@ TEST_F(UsbRedirect, MatchesAUuid) {
   EXPECT_FALSE(fs::exists("/media/" + other));
 }
 
-TEST_F(UsbRedirect, LetsTheFarSideOnlyReadWithReadOnly) {
+TEST_F(UsbRedirect, WithReadOnlyLetsTheFarSideChangeNothing) {
   const auto label = Label("READ");
   Plug("sdb", label);
   Start({"--read-only"});

@@ -307,7 +307,7 @@ TEST_F(CheckDir, AfterOnlyAChmodOfAFileGetsNoReply) {
   ExpectNoUpdate(Check(entries));
 }
 
-TEST_F(CheckDir, AfterNothingButNanosecondsChangedGetsNoReply) {
+TEST_F(CheckDir, AfterOnlyNanosecondsAndTheAccessTimeChangedGetsNoReply) {
   MakeFilledDir();
   const std::string path = disk.Local("/dir/c");
   const std::array<timespec, 2> early = {{{.tv_sec = 1000, .tv_nsec = 1}, {1000, 1}}};

@@ -66,7 +66,7 @@ TEST(LogRecorder, SplitsALineIntoItsParts) {
   EXPECT_FALSE(Log().Has(kDebug, R"(took (7) \n)"));
 }
 
-TEST(FakeSync, CountsInsteadOfFlushing) {
+TEST(FakeSync, CountsItsCalls) {
   const int before = SyncCalls();
   sync();
   EXPECT_EQ(SyncCalls(), before + 1);
