@@ -732,7 +732,7 @@ TEST_F(ServingTest, TheModuleAnswersEveryKindOfRequest) {
   ServesAs(::geteuid());
 }
 
-TEST_F(ServingTest, TheModuleAnswersEveryKindOfRequestOfUsersOtherThanRoot) {
+TEST_F(ServingTest, TheModuleAnswersEveryKindOfRequestWhenItIsNotRoot) {
   NEEDS_ROOT();
   NEEDS_LANDLOCK(3);
   GiveAway(disk);
