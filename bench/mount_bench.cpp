@@ -1,5 +1,5 @@
-// udisk_mount_bench [TURNS]          compares the mount with each of its accelerators to the mount
-//                                    without it
+// udisk_mount_bench [TURNS]          compares the mount with each of two accelerators (gathered
+//                                    writes, small files read ahead) to the mount without it
 // udisk_mount_bench --line [TURNS]   compares a mount over a line without delay to the mount in one
 //                                    process
 //

@@ -68,7 +68,8 @@ void AddMountOptions(CLI::App* command, DiskOptions* disk) {
   command->add_flag("!--sync", disk->early,
                     "Let nothing count as done before the disk has done it");
   command->add_flag("!--no-batch", disk->batch, "Send small writes one by one");
-  command->add_flag("!--no-prefetch", disk->prefetch, "Do not read small files ahead");
+  command->add_flag("!--no-prefetch", disk->prefetch,
+                    "Do not read small files or list directories ahead");
   command->add_flag("!--no-dir-cache", disk->dir_cache, "List directories in full every time");
 }
 

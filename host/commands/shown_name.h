@@ -1,4 +1,4 @@
-// Prints a disk's names on the user's terminal.
+// How a disk's names are shown on the user's terminal.
 #pragma once
 
 #include <string>

@@ -9,7 +9,7 @@ namespace cpd::host {
 /// Notices when block devices come, go or change. It does not say which: look with FindDisks.
 class DiskMonitor {
  public:
-  /// @throws std::runtime_error when the kernel's events cannot be received
+  /// @throws std::runtime_error when udev's events cannot be received
   DiskMonitor();
 
   /// Readable after an event.

@@ -26,7 +26,7 @@ struct CpdPacketHeader {
   uint16_t cmd;        ///< command code
   uint32_t requestId;  ///< chosen by the remote side; a reply carries the request's
   uint32_t packetLen;  ///< total length in bytes, header included
-  uint8_t bigEndian;   ///< non-zero: requestId, packetLen and 32-bit payload words are big-endian
+  uint8_t bigEndian;   ///< non-zero: requestId, packetLen and what ReadUint32 reads are big-endian
   uint8_t reserved[3];
 };
 #pragma pack(pop)
