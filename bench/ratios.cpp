@@ -38,7 +38,7 @@ struct Row {
   std::function<Load()> make_compared;
   enum Kind { kShareOfTheBasesRate, kTimesTheBasesTime } kind;
   double bound;  ///< the lowest allowed share of the rate, or the highest multiple of the time
-  bool one_core = true;  ///< pinned to one core, where no parallel work is measured
+  bool one_core = true;  ///< pinned to one core; false where parallel work is measured
 };
 
 /// @param memory_disk  takes the writes, so that no write-back disturbs a measurement

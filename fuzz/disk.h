@@ -11,7 +11,8 @@ inline constexpr const char* kLabel = "DISK";
 /// What no answer may hold while paths are confined.
 inline constexpr const char* kSecret = "beside the disk, not on it";
 
-/// Makes a disk with every kind of file and a file beside it, unless the last one is unchanged.
+/// Makes a disk with every kind of file, and a file beside it. Does nothing while the disk made
+/// last is unchanged.
 void MakeDisk();
 /// Records that a request of `bytes` bytes may have changed the disk.
 void DiskChanged(size_t bytes);

@@ -15,7 +15,7 @@ namespace cpd::host {
 /// A status line that is rewritten every second; nothing if standard error is not a terminal.
 class StatusLine {
  public:
-  /// @param traffic  gives what was sent and received so far
+  /// @param traffic  gives what has been sent and received so far
   /// @param line     gives the state of the line; empty = the disk and the mount are in this
   /// process
   StatusLine(std::function<Traffic()> traffic, uint32_t announced_kbps,

@@ -11,9 +11,9 @@
 namespace cpd::host {
 
 /// When a line drops, the other side dials again and another process begins to serve the session,
-/// perhaps while the first has not noticed. An old request, carried out now, would overwrite what
-/// newer ones have done. So the newer process ends the older one, and waits for its end, before it
-/// touches the disk.
+/// perhaps before the first has noticed the drop. An old request, carried out now, would overwrite
+/// what newer ones have done. So the newer process ends the older one, and waits for its end,
+/// before it touches the disk.
 class Fence {
  public:
   using SessionId = std::array<uint8_t, 16>;

@@ -64,7 +64,8 @@ class FrameReader {
   /// The next complete frame. The first one is a hello, all others are packets or control frames.
   /// @throws StreamError when the stream is malformed; then it must not be used any more
   std::optional<Frame> Next();
-  /// The length that a packet claims of which only a part has arrived; 0 without such a packet.
+  /// The length that a packet claims while only a part of it has arrived; 0 when there is no such
+  /// packet.
   [[nodiscard]] size_t begun() const { return body_.length; }
 
  private:

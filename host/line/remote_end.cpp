@@ -13,7 +13,7 @@ using namespace std::chrono_literals;
 
 constexpr auto kAnnouncementLimit = 10s;
 
-// The longest request, with a path in addition.
+// A directory check is the longest request: it carries a listing and a path.
 static_assert(RemoteFiles::kLongestCheck + UINT16_MAX < kLargestRequest);
 
 AnnouncedDisk AwaitAnnouncement(Connection& connection) {

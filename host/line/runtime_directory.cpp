@@ -16,7 +16,7 @@
 namespace cpd::host {
 namespace {
 
-/// With sudo the variable may name the directory of another user.
+/// With sudo, XDG_RUNTIME_DIR may name the directory of another user.
 bool IsOwnDirectory(const char* path) {
   struct stat status {};
   return path != nullptr && path[0] == '/' && stat(path, &status) == 0 && S_ISDIR(status.st_mode) &&

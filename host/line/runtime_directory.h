@@ -10,9 +10,9 @@
 
 namespace cpd::host {
 
-/// $XDG_RUNTIME_DIR/cpd-host, or /tmp/cpd-host-UID if there is no directory of that user's. It is a
-/// real directory that belongs to the user and is closed to everybody else. In /tmp another user
-/// can take the name first: then the constructor throws. That is all they can do.
+/// $XDG_RUNTIME_DIR/cpd-host, or /tmp/cpd-host-UID if the variable names no directory of the
+/// user's. It is a real directory that belongs to the user and is closed to everybody else. In /tmp
+/// another user can take the name first: then the constructor throws. That is all they can do.
 class RuntimeDirectory {
  public:
   /// Makes the directory if it is missing.
@@ -40,7 +40,8 @@ struct LockHolder {
 /// The lock belongs to the process, not to a thread or object: do not take the same one twice.
 class LockFile {
  public:
-  /// @param holder  set to the process that holds the lock; empty if that lets go of it just now
+  /// @param holder  set to the process that holds the lock; empty if that process is just letting
+  ///                go of it
   /// @return nothing when another process holds the lock
   /// @throws std::runtime_error when the file cannot be opened
   static std::optional<LockFile> Try(const RuntimeDirectory& directory, const std::string& name,

@@ -41,8 +41,8 @@ using std::chrono::milliseconds;
 constexpr auto kGrace = 1s;
 /// For the command that delivers the last words.
 constexpr auto kLastWordsLimit = 10s;
-/// Commands that run at the same time. One is the rule, and two while the older one still ends. The
-/// limit holds for a process that was taken over, too.
+/// How many commands may run at the same time. One is the rule, and two while the older one is
+/// still ending. The limit holds for a process that was taken over, too.
 constexpr size_t kMostCommands = 4;
 /// What a stream holds that its reader has not taken, in bytes.
 constexpr int kStreamRoom = 2 << 20;

@@ -73,7 +73,7 @@ void CheckedReads::FetchAgain(const std::shared_ptr<Opening>& opening) {
   });
 }
 
-/// The content does not match what the kernel knows, so asks what the path leads to now.
+/// Asks what the path leads to now, because the content does not match what the kernel knows.
 void CheckedReads::LookAgain(const std::shared_ptr<Opening>& opening) {
   files_.GetAttributes(opening->path, [this, opening](const Result<udisk_stat>& result) {
     opening->content = Find(opening->node);  // fetched by another program

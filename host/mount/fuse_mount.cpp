@@ -423,7 +423,7 @@ void FuseMount::ReadDirectory(const KernelRequest& request, fuse_ino_t node, siz
   const auto directory = nodes_.Find(node);
   if (!directory) return request.ReplyError(ESTALE);
   ++savings().listings;
-  // The changes so far are noted, because a later change may be missing in the reply.
+  // The changes so far are noted, because a later change may be missing from the reply.
   walk_.List(directory->path, changes_.load(),
              [this, request, node, size, first, handle = file->fh,
               path = directory->path](const Result<WalkAhead::Shown>& result) {

@@ -270,7 +270,8 @@ void FuseMount::ReplyWritten(const KernelRequest& request, fuse_ino_t node, size
   if (!request.ReplyWritten(size)) NoteUntold(node);
 }
 
-/// Tells a program of a failure that its handle has reported with this.
+/// Tells a program of a failure that was taken from its handle. Puts it back if the program does
+/// not hear of it.
 void FuseMount::ReplyTaken(const KernelRequest& request, OpenFiles::Handle handle, int error) {
   if (!request.TryError(error)) open_files_.PutBack(handle, error);
 }
@@ -346,7 +347,7 @@ void FuseMount::Close(const KernelRequest& request, OpenFiles::Handle handle) {
                                 last_write = open_files_.LastWrite()](Outcome outcome) {
       if (outcome == Outcome::kDone) open_files_.NoteSynced(node, last_write);
     });
-    request.ReplyError(0);  // the reply tells nothing, and no program waits for it
+    request.ReplyError(0);  // the reply says nothing, and no program waits for it
   } else {
     request.ReplyError(0);
   }

@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 constexpr auto kLongestWait = 3ms;
 constexpr size_t kMostPieces = 256;
 constexpr size_t kMostBytes = 256 << 10;
-// Keeps a line of 1 Gbit/s full whose round trip is 60 ms.
+// Fills a line of 1 Gbit/s with a round trip of 60 ms.
 constexpr size_t kLargeBacklog = 8 << 20;
 
 void Append(std::string* pieces, int64_t offset, std::string_view data) {
@@ -131,7 +131,7 @@ bool GatheredWrites::SendEarly(NodeTable::Id node, const NodeTable::File& file, 
   return true;
 }
 
-/// Takes the writes that there is room for from those that are not acknowledged yet. The others do
+/// Of the writes that are not acknowledged yet, takes those that there is room for. The others do
 /// not count as work: their programs wait, so each has at most one.
 std::vector<GatheredWrites::SharedEarly> GatheredWrites::AcknowledgeLocked() {
   std::vector<SharedEarly> acknowledged;

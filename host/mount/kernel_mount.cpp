@@ -89,7 +89,7 @@ KernelMount::KernelMount(const DiskOptions& options, const std::string& mount_po
   RaiseReadAhead(mount_point);
 }
 
-// A reply by another thread than the one that read the call had to wait for the disk, and is
+// A reply by a thread other than the one that read the call had to wait for the disk, and is
 // counted. A reply to no call is a notice.
 ssize_t KernelMount::WriteReply(int device, iovec* parts, int count, void* mount) {
   fuse_out_header header{};

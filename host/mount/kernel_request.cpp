@@ -9,7 +9,7 @@ namespace cpd::host {
 
 namespace {
 
-// How often it is checked whether the disk can be reached while an interrupted program waits.
+// While an interrupted program waits, how often to check whether the disk can be reached.
 constexpr std::chrono::milliseconds kInterval{100};
 
 }  // namespace
@@ -48,7 +48,7 @@ bool KernelRequest::IsAnswered() const { return state_->is_answered; }
 template <class Reply>
 bool KernelRequest::Answer(Reply reply) const {
   if (state_->is_answered.exchange(true)) return false;
-  // Waits for OnInterrupt, which does not run any more afterwards.
+  // Waits for OnInterrupt, which does not run again after this.
   fuse_req_interrupt_func(state_->request, nullptr, nullptr);
   return reply(state_->request) == 0;
 }

@@ -17,7 +17,7 @@ namespace cpd::host {
 ///
 /// The check compares names, sizes and seconds of modification, and the directory's own times show
 /// that a file was replaced. Any other change on the client (a mode, an owner, a link count, or
-/// content of the same size within the second of its last change) shows in listings only when the
+/// content that changes twice within one second and keeps its size) shows in listings only when the
 /// cached one is kLongestUse old. Changes through this mount show at once. All operations are
 /// callable from any thread.
 class ListingCache {

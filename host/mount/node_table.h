@@ -119,7 +119,7 @@ class NodeTable {
     Clock::time_point looked_up = {};  // for the next call of TakeLookup
     Clock::time_point renewed = {};
     bool is_changed_here = false;  // through this mount
-    bool is_outdated = false;      // the attributes are: changed here since the disk showed them
+    bool is_outdated = false;      // the disk has not shown the file since this mount changed it
     bool is_hidden = false;
   };
 

@@ -23,10 +23,11 @@ namespace cpd::host {
 /// it has listed, fetches the next ones together in one request.
 ///
 /// Fetched content is used once, and only under three conditions. It was requested less than
-/// kTrusted ago: a change on the client then shows as soon as a change of attributes, which the
-/// kernel trusts for the same time. The kernel knows the file as it was listed, and the content has
-/// the listed length. The file has not been changed through this mount since the request. Otherwise
-/// the file is read as without prefetch. All operations are callable from any thread.
+/// kTrusted ago: then a change of a file's content on the client shows as soon as one of its
+/// attributes would, since the kernel trusts those for the same time. The kernel knows the file as
+/// it was listed, and the content has the listed length. The file has not been changed through this
+/// mount since the request. Otherwise the file is read as without prefetch. All operations are
+/// callable from any thread.
 class Prefetch {
  public:
   using Clock = std::chrono::steady_clock;
@@ -37,8 +38,8 @@ class Prefetch {
 
   /// Notes that a program has listed the directory.
   void Listed(const std::string& directory, SharedListing listing);
-  /// Notes that a program reads the file to its end, or will, and fetches those that it may want
-  /// next.
+  /// Notes that a program reads the file to its end, or will, and fetches the files that it may
+  /// want next.
   void ReadToItsEnd(const std::string& path);
   /// Passes a file's content to `use`, if it was fetched and may be used. Forget waits while `use`
   /// runs.

@@ -47,7 +47,7 @@ class WalkAhead {
 
   /// Lists a directory for a program, and lists ahead those that it may want next. `done` may run
   /// before this returns.
-  /// @param changes  how many were made through this mount so far
+  /// @param changes  how many have been made through this mount so far
   void List(const std::string& directory, uint64_t changes, Done done);
 
  private:

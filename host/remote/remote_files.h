@@ -93,8 +93,8 @@ class RemoteFiles {
   void GetAttributes(const std::string& path, Done<udisk_stat> done);
   /// ENOENT when there is no such directory; EIO also when it cannot be opened.
   void List(const std::string& path, Done<Listing> done);
-  /// Longest listing to check, in bytes. The check carries it, so it takes as long as a new
-  /// listing.
+  /// Longest listing to check, in bytes. The check carries the listing, and thus takes as long as a
+  /// new one.
   static constexpr size_t kLongestCheck = 4 << 20;
   /// Whether CheckDirectory gives a reliable answer for a listing, and may carry it. It counts
   /// entries in 16 bits, and cannot compare an entry that vanished or has no attributes.

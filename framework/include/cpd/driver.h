@@ -15,7 +15,7 @@ class DriverObj;
 
 /// A driver for one device. The host calls Close before it deletes a running driver: deleting one
 /// that was not closed ends the process, since its worker thread still runs.
-/// onEvent, onBusEvent and onPolicyChange are callable from any thread, also while Close runs.
+/// onEvent, onBusEvent and onPolicyChange are callable from any thread, even while Close runs.
 /// No exception leaves a driver's operations, whatever the host's own operations throw.
 class CpdDriver {
  public:
