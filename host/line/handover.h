@@ -21,8 +21,8 @@ enum class Verdict : uint8_t {
 /// The longest hello that can be handed over, in bytes.
 inline constexpr size_t kLongestHello = 4096;
 
-/// A line that a newer process offers to the holder. Destroy it when the line has ended: that tells
-/// the newer process.
+/// A line that a newer process offers to the holder. Destroy it when the line has ended: from that,
+/// the newer process learns of the end.
 struct OfferedLine {
   Descriptor in;
   Descriptor out;

@@ -113,8 +113,8 @@ struct Version {
 };
 
 constexpr uint64_t kReading = LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_READ_DIR;
-/// Moving or linking a file takes the right to make one of its type. No symbolic link, device,
-/// socket or FIFO is made nevertheless: the system calls for that are refused.
+/// Moving or linking a file takes the right to make one of its type. Even so, no symbolic link,
+/// device, socket or FIFO can be made: the system calls for that are refused.
 constexpr uint64_t kChanging =
     LANDLOCK_ACCESS_FS_WRITE_FILE | LANDLOCK_ACCESS_FS_REMOVE_DIR | LANDLOCK_ACCESS_FS_REMOVE_FILE |
     LANDLOCK_ACCESS_FS_MAKE_CHAR | LANDLOCK_ACCESS_FS_MAKE_DIR | LANDLOCK_ACCESS_FS_MAKE_REG |
