@@ -36,7 +36,7 @@ struct CommandStatistics {
 struct Traffic {
   uint64_t requests = 0;
   uint64_t bytes = 0;       ///< of whole packets
-  uint64_t read_bytes = 0;  ///< of packets that the module paces, likewise
+  uint64_t read_bytes = 0;  ///< of those packets that the module paces
 
   void Count(uint16_t command, uint64_t packet_bytes);
 };
@@ -46,8 +46,8 @@ using Statistics = std::map<uint16_t, CommandStatistics>;
 
 Traffic TrafficOf(const Statistics& statistics);
 
-/// What the mechanisms of a mount that save round trips did so far. Each one counts for itself, on
-/// any thread. A count that no mechanism adds to stays 0, and is not printed.
+/// What the mechanisms of a mount that save round trips have done so far. Each one counts for
+/// itself, on any thread. A count that no mechanism adds to stays 0, and is not printed.
 struct Savings {
   using Count = std::atomic<uint64_t>;
 
@@ -62,14 +62,14 @@ struct Savings {
   Count files_ahead;  ///< small files that were read before a program asked
   Count files_ahead_used;
   Count files_ahead_unused;
-  Count listings_ahead;  ///< directories, likewise
+  Count listings_ahead;  ///< directories that were listed before a program asked
   Count listings_ahead_used;
   Count listings_ahead_unused;
 
   /// What each count is called in the table at the end.
   static constexpr std::array kNames{
       std::pair{&Savings::waits, "waits for the disk"},
-      std::pair{&Savings::questions, "names and attributes asked"},
+      std::pair{&Savings::questions, "names and attributes asked for"},
       std::pair{&Savings::listings, "directories listed"},
       std::pair{&Savings::written_early, "writes answered early"},
       std::pair{&Savings::failed_later, "failed later"},

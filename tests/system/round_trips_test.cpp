@@ -24,7 +24,7 @@ TEST_F(RoundTrips, AreCountedBelowTheTableOfRequests) {
   Run("stat " + (mounted / "a/b"));
   const auto ending = mounted.Unmount();
   // The root, where the kernel checks permissions, and the two names.
-  EXPECT_EQ(ending.Count("names and attributes asked"), 3) << ending.out;
+  EXPECT_EQ(ending.Count("names and attributes asked for"), 3) << ending.out;
   EXPECT_EQ(ending.Count("waits for the disk"), 3) << ending.out;
   EXPECT_EQ(ending.Count("directories listed"), 0) << ending.out;
 }
