@@ -84,6 +84,12 @@ class MemoryDisk : public test::IdleDriver {
     const std::lock_guard lock(mutex_);
     return requests_.size();
   }
+  /// Whether a sync is among the requests that wait.
+  bool has_sync() const {
+    const std::lock_guard lock(mutex_);
+    return std::ranges::any_of(
+        requests_, [](const auto& request) { return request->header->cmd == kFileFsync; });
+  }
   /// How many pieces were written when a sync was carried out last; -1 if none was.
   int pieces_synced() const {
     const std::lock_guard lock(mutex_);
@@ -608,6 +614,7 @@ TEST_F(WrittenFileTest, IsSyncedInOneRoundTripWithItsWrites) {
     writes.Send();
     writes.Sync(node, *nodes.Find(node), [&](Outcome outcome) { synced.set_value(outcome); });
   }
+  EXPECT_TRUE(disk.has_sync()) << "it waits for the answers to the writes";
   disk.GoOn();
   EXPECT_EQ(synced.get_future().get(), Outcome::kDone);
   EXPECT_EQ(disk.pieces_synced(), before + 2);

@@ -131,10 +131,12 @@ TEST_F(Losses, ThatDidNotReachTheProgramOutlastASuccessThatDidNotEither) {
 
 TEST_F(Losses, StayWithTheFileThatAHandleLeaves) {
   const auto writer = files.Open(kFile);
+  const auto reader = files.Open(kFile);
   files.NoteWrite(kFile);
   files.LoseUnsynced();
   files.MoveTo(writer, kOther);
   EXPECT_EQ(files.TakeFailureOrLoss(writer), 0);
+  EXPECT_EQ(files.TakeFailureOrLoss(reader), EIO);
 }
 
 TEST_F(Losses, OfAWholeDiskAreReportedInsteadOfItsFailedWrites) {
