@@ -571,16 +571,6 @@ TEST_F(SandboxTest, SaysInOneLineThatTheKernelHasNoLandlockAndDoesTheRest) {
   EXPECT_EQ(status, 0);
 }
 
-TEST_F(SandboxTest, PrintsNothingWhereLandlockAllowsMovesBetweenDirectories) {
-  NEEDS_LANDLOCK(2);
-  const int status = StatusOf([this] {
-    StandardError standard_error;
-    EnterSandbox({.disk = disk.root()});
-    EXPECT_EQ(standard_error.Restore(), "");
-  });
-  EXPECT_EQ(status, 0);
-}
-
 TEST_F(SandboxTest, UsesWhatOlderKernelsHave) {
   NEEDS_LANDLOCK(1);
   for (int version = 1; version <= std::min(VersionOfLandlock(), kNewestLandlock); ++version) {

@@ -118,15 +118,6 @@ TEST_F(ModuleTest, DescribesItsDisk) {
   EXPECT_EQ(object->mVmId, 0);
 }
 
-TEST_F(ModuleTest, TakesBusEventsAndPolicies) {
-  Open();
-  EXPECT_EQ(driver->onPolicyChange(std::string(200, 'p')), 0);
-  EXPECT_EQ(driver->onBusEvent(
-                Request{.cmd = kBusReadBandwidth, .payload = BytesOf(uint32_t{5000})}.Packet()),
-            0);
-  ASSERT_EQ(device.base().Traces("LOCAL_UDISK_READ_BW_INFO").size(), 1U);
-}
-
 /// The operation at a slot of an object's virtual table, as a host built long ago calls it.
 template <class Operation>
 Operation* AtSlot(const void* object, size_t slot) {

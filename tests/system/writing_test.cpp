@@ -945,19 +945,5 @@ TEST_F(Ends, ByASignalLeaveTheModeThatAFileWasGiven) {
   }
 }
 
-TEST_F(Ends, ByAKillLoseNothingThatWasSynced) {
-  MountedDisk mounted(disk.path());
-  const auto content = Bytes(kMiB);
-  Fd file(mounted / "file", O_WRONLY | O_CREAT);
-  for (size_t at = 0; at < 100'000; at += 100) {
-    file.WriteAt(static_cast<off_t>(at), content.substr(at, 100));
-  }
-  ASSERT_EQ(fsync(file.get()), 0) << strerror(errno);
-  file.WriteAt(500'000, "not synced");
-  mounted.Signal(SIGKILL);
-  mounted.WaitForEnd();
-  EXPECT_EQ(ReadFile(disk / "file").substr(0, 100'000), content.substr(0, 100'000));
-}
-
 }  // namespace
 }  // namespace system_test

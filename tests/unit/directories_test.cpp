@@ -128,26 +128,9 @@ TEST_F(DirRead, WritesLengthAndCountIntoTheRequest) {
   EXPECT_EQ(device.Sent()[0].payload, ReplyPayload("/dir", listing));
 }
 
-TEST_F(DirRead, ReadsItsLengthAsStoredWhateverByteOrderTheHeaderSays) {
-  MakeFilledDir();
-  const Request request = DirReadRequest{.path = "/dir", .echoed = kEchoed};
-  const auto packet = request.Packet();
-  packet->header->bigEndian = 1;
-  udisk->dir_read(16, packet.get());
-  const Listing listing = ListingOf("/dir");
-  ASSERT_EQ(device.Sent().size(), 1U);
-  ExpectReply(device.Sent()[0], request, ReplyPayload("/dir", listing),
-              16 + listing.bytes.size() + 4 + 16);
-}
-
 TEST_F(DirRead, LogsNothingOnSuccess) {
   ASSERT_TRUE(Ask(DirReadRequest{.path = kKnownDir}));
   EXPECT_EQ(Log().Messages(), Texts{});
-}
-
-TEST_F(DirRead, ReturnsWhatSendPacketReturned) {
-  device.SetSendResult(9);
-  EXPECT_EQ(udisk->dir_read(16, Request(DirReadRequest{.path = kKnownDir}).Packet().get()), 9);
 }
 
 TEST_F(DirRead, OfMoreThan65535EntriesWrapsTheCountAndKeepsTheLengthExact) {

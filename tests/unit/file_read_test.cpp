@@ -193,26 +193,6 @@ TEST_F(FileRead, WritesTheResultIntoTheRequest) {
   EXPECT_EQ(PayloadOf(*packet) + "abc", ReplyPayload(request, "abc"));
 }
 
-TEST_F(FileRead, ReadsItsFieldsAsStoredWhateverByteOrderTheHeaderSays) {
-  const ReadRequest request{.path = kKnownFile, .offset = 2, .size = 3};
-  const auto packet = Request(request).Packet();
-  packet->header->bigEndian = 1;
-  udisk->file_read(16, packet.get());
-  ASSERT_EQ(device.Sent().size(), 1U);
-  ExpectReply(device.Sent()[0], request, ReplyPayload(request, "own"), 16 + 3 + 10 + 24);
-}
-
-TEST_F(FileRead, FindsItsFieldsAtThePacketsReadPosition) {
-  const ReadRequest request{.path = kKnownFile, .offset = 2, .size = 3};
-  Request shifted = request;
-  shifted.payload.insert(0, "word");
-  const auto packet = shifted.Packet();
-  packet->readPos = 4;
-  udisk->file_read(16, packet.get());
-  ASSERT_EQ(device.Sent().size(), 1U);
-  ExpectReply(device.Sent()[0], request, ReplyPayload(request, "own"), 16 + 3 + 10 + 24);
-}
-
 TEST_F(FileRead, EndsALocalPathAtItsFirstNulButEchoesAllOfIt) {
   disk.MakeFile("/a", "xyz");
   const ReadRequest request{.path = std::string("/a\0b", 4)};
@@ -226,19 +206,6 @@ TEST_F(FileRead, TakesAPathOfOneMebibyte) {
 TEST_F(FileRead, LogsNothingOnSuccess) {
   ASSERT_TRUE(Ask(ReadRequest{.path = kKnownFile}));
   EXPECT_EQ(Log().Messages(), Texts{});
-}
-
-TEST_F(FileRead, LeavesNoDescriptorOpen) {
-  const size_t before = OpenDescriptors();
-  for (const char* path : {kKnownFile, kKnownDir, "/none"}) Deliver(ReadRequest{.path = path});
-  Deliver(ReadRequest{.path = kKnownFile, .size = kMost});
-  EXPECT_EQ(OpenDescriptors(), before);
-}
-
-TEST_F(FileRead, HandsItsReplyToTheDevice) {
-  device.KeepPackets(true);
-  EXPECT_EQ(udisk->file_read(16, Request(ReadRequest{.path = kKnownFile}).Packet().get()), 0);
-  EXPECT_EQ(device.Sent().size(), 1U);
 }
 
 // ---- Traces ----
@@ -374,36 +341,10 @@ TEST_F(PacedFileRead, AtOneByteLessThanTheAllowanceDoesNotSleep) {
   EXPECT_EQ(SleepOf(1), 500);
 }
 
-TEST_F(PacedFileRead, OnAFastLinkSleepsInShortPeriods) {
-  Announce(16000);
-  EXPECT_EQ(SleepsOf(4, 65536), (std::vector<int64_t>{0, 50, 50, 50}));
-}
-
-TEST_F(PacedFileRead, WithoutABandwidthNeverSleeps) {
-  EXPECT_EQ(SleepsOf(20, 1 << 20), std::vector<int64_t>(20, 0));
-  EXPECT_EQ(udisk->legacyBytes, 0U) << "nothing is counted";
-}
-
-TEST_F(PacedFileRead, AfterAnAnnouncedZeroNeverSleeps) {
-  Announce(8000);
-  Announce(0);
-  EXPECT_EQ(SleepsOf(3, 1 << 20), std::vector<int64_t>(3, 0));
-}
-
 TEST_F(PacedFileRead, RecordsItsStartTime) {
   clock.Advance(123);
   SleepOf(1);
   EXPECT_EQ(udisk->lastReadMs, clock.NowMs());
-}
-
-TEST_F(PacedFileRead, IsStillPaced5000MsAfterTheAnnouncementAndNoLongerAt5001) {
-  Announce(8000);
-  clock.Advance(5000);
-  EXPECT_EQ(SleepOf(512000), 500);
-  Announce(8000);
-  clock.Advance(5001);
-  EXPECT_EQ(SleepOf(512000), 0);
-  EXPECT_EQ(udisk->readBwKbps, 0U);
 }
 
 TEST_F(PacedFileRead, AtAForcedBandwidthStaysPacedWithoutAnnouncements) {

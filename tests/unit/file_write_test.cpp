@@ -290,16 +290,6 @@ TEST_F(FileWrite, EndsALocalPathAtItsFirstNulButEchoesAllOfIt) {
   EXPECT_EQ(disk.ReadBack("/a"), "x");
 }
 
-TEST_F(FileWrite, LeavesNoDescriptorOpen) {
-  const size_t before = OpenDescriptors();
-  for (const char* path : {kKnownFile, kKnownDir, "/none"}) {
-    Deliver(WriteRequest{.path = path, .data = "x"});
-    Deliver(WriteRequest{.path = path, .offset = -1, .data = "x"});
-    Deliver(BatchWriteRequest{.path = path, .pieces = {{.data = "x"}, {.data = "y"}}});
-  }
-  EXPECT_EQ(OpenDescriptors(), before);
-}
-
 TEST_F(FileWrite, IsNeverPaced) {
   udisk->readBwKbps = 1000;
   udisk->lastBwUpdateMs = static_cast<int64_t>(getCurrentTime());

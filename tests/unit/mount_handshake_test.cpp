@@ -76,16 +76,6 @@ TEST_F(MountRemote, DoesNotEchoTheTwoExtraBytesOfAnAnnouncement) {
   ExpectReply(AskRaw(request), request, std::string("\4\0DISK", 6), 16 + 2 + 4);
 }
 
-TEST_F(MountRemote, ReadsItsLengthAsStoredWhateverByteOrderTheHeaderSays) {
-  const FakeUser user(kSomeUser, home);
-  const Request request = MountRequest{.name = "DISK"};
-  const auto packet = request.Packet();
-  packet->header->bigEndian = 1;
-  udisk->mount_remote(16, packet.get());
-  ASSERT_EQ(device.Sent().size(), 1U);
-  ExpectReply(device.Sent().front(), request, request.payload, 16 + 2 + 4);
-}
-
 TEST_F(MountRemote, TheSecondTimeFindsTheDirectoryLogsNoMkdirAndRepliesAgain) {
   const FakeUser user(kSomeUser, home);
   ASSERT_TRUE(Ask(MountRequest{.name = "DISK"}));
@@ -178,13 +168,6 @@ TEST_F(MountRemote, WithAFileInTheDirectorysPlaceLogsAFailedMkdir) {
             (Texts{"mkdir res: -1", "mount path: " + disk.root() + kKnownFile + "\\n"}));
 }
 
-TEST_F(MountRemote, ReturnsWhatSendPacketReturned) {
-  const FakeUser user(kSomeUser, home);
-  device.SetSendResult(42);
-  const auto packet = Request(MountRequest{.name = "DISK"}).Packet();
-  EXPECT_EQ(udisk->mount_remote(16, packet.get()), 42);
-}
-
 // ---- 101 ----
 
 class UmountRemote : public MountHandshake {};
@@ -229,12 +212,6 @@ TEST_F(UmountRemote, MakesThePathsOfLaterRequestsStartAtTheRoot) {
   ASSERT_TRUE(relative && full);
   EXPECT_EQ(relative->attr_length, 0);
   EXPECT_EQ(full->attr_length, 120);
-}
-
-TEST_F(UmountRemote, ReturnsWhatSendPacketReturned) {
-  device.SetSendResult(-7);
-  const auto packet = Request(UmountRequest{.name = "DISK"}).Packet();
-  EXPECT_EQ(udisk->umount_remote(16, packet.get()), -7);
 }
 
 // ---- 200 ----

@@ -157,12 +157,6 @@ TEST_F(OperatorTest, OnlyCommandsHaveNames) {
   for (const uint16_t code : {0, 99, 124, 199, 201, 513}) EXPECT_EQ(CommandName(code), nullptr);
 }
 
-TEST_F(OperatorTest, Command200IsHandledAsAMountResponse) {
-  EXPECT_EQ(Deliver(MountResponse{.drive = "U:", .label = "DISK"}), 0);
-  EXPECT_EQ(udisk->mMountDrive, "U:");
-  EXPECT_TRUE(device.Sent().empty());
-}
-
 TEST_F(OperatorTest, APacketWithoutABufferIsIgnored) {
   EXPECT_EQ(Deliver(std::make_unique<CpdPacket>()), 0);
   EXPECT_TRUE(Log().Lines().empty());
@@ -184,27 +178,6 @@ TEST_F(OperatorTest, AHandlersResultIsDiscarded) {
   Request cut = AttrRequest{.path = kKnownFile};
   EXPECT_EQ(Deliver(cut.CutPacket(3)), 0);
   EXPECT_TRUE(device.Sent().empty());
-}
-
-TEST_F(OperatorTest, AReplyCarriesTheRequestsAddress) {
-  Request request = AttrRequest{.path = kKnownFile};
-  request.request_id = 0xfedcba98;
-  const auto reply = AskRaw(request);
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(reply->magic, 0x27);
-  EXPECT_EQ(reply->dev_id, kDeviceId);
-  EXPECT_EQ(reply->cmd, kGetFileAttr);
-  EXPECT_EQ(reply->request_id, 0xfedcba98U);
-  EXPECT_EQ(reply->packet_len, 16U + reply->payload.size());
-  EXPECT_EQ(reply->big_endian, 0);
-  EXPECT_EQ(reply->reserved, (std::array<uint8_t, 3>{}));
-  EXPECT_EQ(reply->flags, -1);
-}
-
-TEST_F(OperatorTest, ServesAHostThatKeepsReplies) {
-  device.KeepPackets(true);
-  EXPECT_TRUE(StillServes());
-  EXPECT_TRUE(StillServes());
 }
 
 TEST_F(OperatorTest, RequestsAreCarriedOutButNotAnsweredOnceTheDeviceIsGone) {

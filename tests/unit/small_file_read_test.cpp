@@ -149,14 +149,6 @@ TEST_F(SmallFileRead, DoesNotChangeTheRequest) {
   EXPECT_EQ(PayloadOf(*packet), request.payload);
 }
 
-TEST_F(SmallFileRead, ReturnsZeroWhateverSendPacketReturned) {
-  for (const int result : {7, -1, -5}) {
-    device.SetSendResult(result);
-    EXPECT_EQ(udisk->small_file_read(16, Request(SmallReadRequest{}).Packet().get()), 0) << result;
-    EXPECT_EQ(device.TakeSent().size(), 1U);
-  }
-}
-
 TEST_F(SmallFileRead, IsNeverTracedAndDoesNotSetModified) {
   device.base().SetFilter(std::make_shared<FakeFilter>([](const std::string&) { return true; }));
   Deliver(SmallReadRequest{.records = {{.path = kKnownFile}, {.path = "/none"}}});
@@ -176,15 +168,6 @@ TEST_F(SmallFileRead, EchoesAllOfAPathThatHoldsANul) {
   disk.MakeFile("/a", "a");
   const SmallRead read{.path = std::string("/a\0b", 4)};
   ExpectRecords(SmallReadRequest{.records = {read}}, {Record(read, "a")});
-}
-
-TEST_F(SmallFileRead, LeavesNoDescriptorOpen) {
-  const size_t before = OpenDescriptors();
-  Deliver(SmallReadRequest{.records = {{.path = kKnownFile},
-                                       {.path = "/none"},
-                                       {.path = kKnownDir},
-                                       {.path = kKnownFile, .size = kMost}}});
-  EXPECT_EQ(OpenDescriptors(), before);
 }
 
 // ---- Malformed requests ----
@@ -250,13 +233,6 @@ TEST_F(SmallFileRead, WhoseLaterRecordIsMalformedReadsNothing) {
   EXPECT_EQ(Log().Messages(), Texts{}) << "the first record is not read";
 }
 
-TEST_F(SmallFileRead, IgnoresBytesAfterItsLastRecord) {
-  const SmallRead known{.path = kKnownFile};
-  Request request = SmallReadRequest{.records = {known}};
-  request.payload += std::string(100, '\xff');
-  ExpectRecords(request, {Record(known, "known content")});
-}
-
 TEST_F(SmallFileRead, EndsWhereThePacketLengthSays) {
   const Request request = SmallReadRequest{.records = {{.path = kKnownFile}}};
   const auto refused = [&](uint32_t payload_bytes) {
@@ -269,16 +245,6 @@ TEST_F(SmallFileRead, EndsWhereThePacketLengthSays) {
   EXPECT_EQ(refused(4 + 24 + 9), -3);
   EXPECT_TRUE(device.Sent().empty());
   EXPECT_EQ(refused(4 + 24 + 10), 0);
-}
-
-TEST_F(SmallFileRead, StartsAtTheReadPosition) {
-  Request shifted = SmallReadRequest{.records = {{.path = kKnownFile, .size = 5}}};
-  shifted.payload.insert(0, "word");
-  const auto packet = shifted.Packet();
-  packet->readPos = 4;
-  EXPECT_EQ(udisk->small_file_read(16, packet.get()), 0);
-  ASSERT_EQ(device.Sent().size(), 1U);
-  EXPECT_EQ(SmallReadReply::Decode(device.Sent()[0]).records.at(0).data, "known");
 }
 
 // ---- Sizes ----
@@ -415,13 +381,6 @@ TEST_F(PacedSmallFileRead, SleepsOnceForTheWholeReplyAndStartsTheNextPeriodWithN
   EXPECT_EQ(SleepOf(512000), 500);
 }
 
-TEST_F(PacedSmallFileRead, OnAFastLinkSleepsInShortPeriods) {
-  Announce(16000);
-  EXPECT_EQ(SleepOf(102399), 0);
-  EXPECT_EQ(SleepOf(102400), 50);
-  EXPECT_EQ(udisk->legacyBytes, 0U);
-}
-
 TEST_F(PacedSmallFileRead, SharesTheCountWithFileRead) {
   Announce(8000);
   EXPECT_EQ(SleepOf(500000), 0);
@@ -466,16 +425,6 @@ TEST_F(PacedSmallFileRead, ThatIsRefusedIsNotCharged) {
   Deliver(SmallReadRequest{.records = {{.path = kKnownFile}}, .count = 2});
   Deliver(SmallReadRequest{.records = {{.path = ""}}});
   EXPECT_EQ(udisk->legacyBytes, 0U);
-}
-
-TEST_F(PacedSmallFileRead, IsStillPaced5000MsAfterTheAnnouncementAndNoLongerAt5001) {
-  Announce(8000);
-  clock.Advance(5000);
-  EXPECT_EQ(SleepOf(512000), 500);
-  Announce(8000);
-  clock.Advance(5001);
-  EXPECT_EQ(SleepOf(512000), 0);
-  EXPECT_EQ(udisk->readBwKbps, 0U);
 }
 
 TEST_F(PacedSmallFileRead, DoesNotRecordItsStartTime) {
