@@ -49,21 +49,21 @@ constexpr int kStreamRoom = 2 << 20;
 /// What became of a command whose starter was killed: SIGKILL, by PR_SET_PDEATHSIG. The other side
 /// must take that for a line that dropped, not for the end of the session.
 constexpr int kEndedWithStarter = 128 + SIGKILL;
-/// How long an answer may take. It gets lost if the starter is killed meanwhile.
-constexpr auto kAnswerLimit = 5s;
-
 // ---- The messages to the starter: a request, and a text in kSay only ----
 
 enum class Task : uint32_t { kStart, kEnd, kUnmountNow, kUnmount, kSay, kRelease };
 
 struct Request {
   Task task;
-  uint32_t id;  ///< of the command, in kStart and kEnd
+  uint32_t id;  ///< of the command, in kStart and kEnd; of the request itself, in kUnmountNow
 };
 
-/// The answer to kStart is the error number, 0 with three descriptors: of the command's output, of
-/// its input, and of its end. The answer to kUnmountNow is 0. The other requests get none.
-using Answer = int32_t;
+/// The answer to kStart and kUnmountNow; the other requests get none. If a command was started,
+/// three descriptors come with it: of the command's output, of its input, and of its end.
+struct Answer {
+  uint32_t id;    ///< of the request: a late answer must not be taken for that to the next one
+  int32_t error;  ///< an error number; 0 = success
+};
 
 std::string Packed(Request request, std::string_view text = {}) {
   std::string bytes(sizeof request, '\0');
@@ -139,7 +139,8 @@ Descriptor KeepOnly(Descriptor socket) {
 /// What to do at the end, in memory that outlives a starter that is killed.
 struct Duties {
   std::atomic<bool> unmounts = false;
-  std::atomic<size_t> length = 0;  ///< of the last words
+  std::atomic<uint32_t> unmounted = 0;  ///< the id of the last kUnmountNow that was carried out
+  std::atomic<size_t> length = 0;       ///< of the last words
   std::array<char, Starter::kLongestLastWords> last_words{};
 
   void SetLastWords(std::string_view words) {
@@ -246,12 +247,10 @@ class StarterProcess {
     switch (request.task) {
       case Task::kStart: {
         Ends ends;
-        const Answer answer = Launch(request.id, &ends);
-        std::string packed(sizeof answer, '\0');
-        std::memcpy(packed.data(), &answer, sizeof answer);
+        const int error = Launch(request.id, &ends);
         const std::array descriptors{ends.output.get(), ends.input.get(), ends.status.get()};
-        SendPassed(socket_.get(), packed,
-                   answer == 0 ? std::span<const int>(descriptors) : std::span<const int>());
+        Reply({.id = request.id, .error = error},
+              error == 0 ? std::span<const int>(descriptors) : std::span<const int>());
         break;
       }
       case Task::kEnd:
@@ -259,13 +258,13 @@ class StarterProcess {
           if (command.id == request.id) End(command);
         }
         break;
-      case Task::kUnmountNow: {
-        Unmount();
+      case Task::kUnmountNow:
+        // A request comes twice if its answer is late. Below the mount there may be another one.
+        if (duties_.unmounted != request.id) Unmount();
+        duties_.unmounted = request.id;
         duties_.unmounts = false;
-        constexpr Answer kDone = 0;
-        SendPassed(socket_.get(), {reinterpret_cast<const char*>(&kDone), sizeof kDone});
+        Reply({.id = request.id, .error = 0});
         break;
-      }
       case Task::kUnmount:
         duties_.unmounts = true;
         break;
@@ -277,6 +276,10 @@ class StarterProcess {
         duties_.length = 0;
         break;
     }
+  }
+
+  void Reply(Answer answer, std::span<const int> descriptors = {}) {
+    SendPassed(socket_.get(), {reinterpret_cast<const char*>(&answer), sizeof answer}, descriptors);
   }
 
   /// @return an error number, 0 if the command runs
@@ -439,7 +442,9 @@ std::optional<int> StartedLine::Ended(milliseconds limit) {
   return status_;
 }
 
-Starter::Starter(const std::string& command, const std::string& mount_point) {
+Starter::Starter(const std::string& command, const std::string& mount_point,
+                 milliseconds answer_limit)
+    : answer_limit_(answer_limit) {
   std::array<int, 2> pair{};
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()) != 0) {
     throw std::system_error(errno, std::generic_category(), "socketpair");
@@ -457,19 +462,32 @@ Starter::~Starter() {
   Reap(process_);
 }
 
+/// Waits for the answer to a request. Those to earlier requests came too late, and are dropped.
+std::optional<PassedMessage> Starter::AwaitAnswer(uint32_t id, int* error) {
+  const auto deadline = Clock::now() + answer_limit_;
+  while (WaitReadable(socket_.get(), deadline)) {
+    Answer answer{};
+    auto message = ReceivePassed(socket_.get(), sizeof answer);
+    if (!message || message->bytes.size() != sizeof answer) break;
+    std::memcpy(&answer, message->bytes.data(), sizeof answer);
+    if (answer.id != id) continue;
+    *error = answer.error;
+    return message;
+  }
+  return std::nullopt;
+}
+
 StartedLine Starter::Start() {
   const std::lock_guard lock(starting_);
   const uint32_t id = ++last_id_;
   SendPassed(socket_.get(), Packed({Task::kStart, id}));
-  Answer error = 0;
-  std::optional<PassedMessage> answer;
-  if (WaitReadable(socket_.get(), Clock::now() + kAnswerLimit)) {
-    answer = ReceivePassed(socket_.get(), sizeof error);
-  }
-  if (!answer || answer->bytes.size() != sizeof error) {
+  int error = 0;
+  auto answer = AwaitAnswer(id, &error);
+  if (!answer) {
+    // If the command is started after all, nobody uses it.
+    SendPassed(socket_.get(), Packed({Task::kEnd, id}));
     throw std::runtime_error("the process that starts the line has ended or is stuck");
   }
-  std::memcpy(&error, answer->bytes.data(), sizeof error);
   if (error != 0) {
     throw std::runtime_error(fmt::format("cannot start the line: {}", std::strerror(error)));
   }
@@ -484,12 +502,12 @@ void Starter::End(const StartedLine& line) {
 
 void Starter::Unmount() {
   const std::lock_guard lock(starting_);
+  const uint32_t id = ++last_id_;
   constexpr int kTries = 2;
   for (int i = 0; i < kTries; ++i) {
-    SendPassed(socket_.get(), Packed({Task::kUnmountNow, 0}));
-    if (!WaitReadable(socket_.get(), Clock::now() + kAnswerLimit)) continue;
-    (void)ReceivePassed(socket_.get(), sizeof(Answer));
-    return;
+    SendPassed(socket_.get(), Packed({Task::kUnmountNow, id}));
+    int error = 0;
+    if (AwaitAnswer(id, &error)) return;
   }
 }
 

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "line/descriptor.h"
+#include "line/passed_message.h"
 
 namespace cpd::host {
 
@@ -54,8 +55,11 @@ class Starter {
   /// another thread holds.
   /// @param command  the line, for /bin/sh -c
   /// @param mount_point  absolute path, for Unmount and UnmountOnDeath; empty if neither is called
+  /// @param answer_limit  how long Start and Unmount wait for the process, which may be killed or
+  ///                      stopped meanwhile. Unmount asks it twice
   /// @throws std::system_error when there is no further process or descriptor
-  Starter(const std::string& command, const std::string& mount_point);
+  Starter(const std::string& command, const std::string& mount_point,
+          std::chrono::milliseconds answer_limit = std::chrono::seconds(5));
   /// Releases, unless ActAtEnd was called. Ends the commands that still run, and waits for the
   /// process: up to a second if a command ignores SIGTERM, and for what ActAtEnd lets happen.
   ~Starter();
@@ -89,6 +93,9 @@ class Starter {
   void ActAtEnd() { acts_at_end_ = true; }
 
  private:
+  std::optional<PassedMessage> AwaitAnswer(uint32_t id, int* error);
+
+  const std::chrono::milliseconds answer_limit_;
   pid_t process_ = -1;
   bool acts_at_end_ = false;
   Descriptor socket_;

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -18,6 +19,7 @@
 #include <iterator>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -334,6 +336,55 @@ TEST_F(StarterTest, KeepsItsCommandsWhenTheProcessThatWouldReplaceItIsKilled) {
     starter.Start();
   }
   EXPECT_TRUE(Eventually([&] { return !Runs(worker); }));
+}
+
+// ---- Late answers ----
+
+TEST_F(StarterTest, EndsACommandWhoseAnswerCameTooLateAndTakesTheAnswerForNoOther) {
+  const fs::path file = directory / "commands";
+  Starter starter("echo $$ >>" + file.string() + "; exec cat", "", 300ms);
+  const pid_t worker = StarterOf(getpid());
+  kill(worker, SIGSTOP);
+  EXPECT_THROW(starter.Start(), std::runtime_error);
+  kill(worker, SIGCONT);
+  std::optional<StartedLine> line;
+  ASSERT_TRUE(Eventually([&] {
+    try {
+      line.emplace(starter.Start());
+    } catch (const std::runtime_error&) {  // late again: the machine is busy
+    }
+    return line.has_value();
+  }));
+  WriteAll(line->out.get(), "answered\n");
+  EXPECT_EQ(ReadLine(line->in.get()), "answered");
+
+  std::ifstream commands(file);
+  const std::vector<pid_t> started(std::istream_iterator<pid_t>(commands), {});
+  EXPECT_TRUE(Eventually([&] { return std::ranges::count_if(started, Runs) <= 1; }));
+  starter.End(*line);
+  EXPECT_EQ(line->Ended(10s), 128 + SIGTERM) << "the line is another command's";
+}
+
+TEST_F(StarterTest, UnmountsOnceEvenIfItIsAskedTwiceBecauseItsAnswerIsLate) {
+  const fs::path place = directory / "mount";
+  fs::create_directory(place);
+  for (const char* name : {"below", "above"}) {
+    if (mount("starter-test", place.c_str(), "tmpfs", 0, nullptr) != 0) {
+      GTEST_SKIP() << "cannot mount: " << std::strerror(errno);
+    }
+    std::ofstream(place / name) << "content";
+  }
+  {
+    Starter starter("cat", place.string(), 200ms);
+    const pid_t worker = StarterOf(getpid());
+    kill(worker, SIGSTOP);
+    starter.Unmount();
+    EXPECT_TRUE(fs::exists(place / "above"));
+    kill(worker, SIGCONT);
+  }  // it has carried out everything by now
+  EXPECT_FALSE(fs::exists(place / "above"));
+  EXPECT_TRUE(fs::exists(place / "below"));
+  umount2(place.c_str(), MNT_DETACH);
 }
 
 // ---- The process ----
