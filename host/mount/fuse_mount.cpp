@@ -39,6 +39,16 @@ void Initialise(void* /*mount*/, fuse_conn_info* connection) {
   connection->want &= ~FUSE_CAP_ATOMIC_O_TRUNC;
 }
 
+/// How much data the kernel sends with a call, in bytes: only a write brings some.
+template <class... Arguments>
+size_t DataSize(Arguments... /*arguments*/) {
+  return 0;
+}
+size_t DataSize(fuse_ino_t /*node*/, const char* /*data*/, size_t size, off_t /*offset*/,
+                fuse_file_info* /*handle*/) {
+  return size;
+}
+
 }  // namespace
 
 // ---- Life ----
@@ -139,7 +149,8 @@ FuseMount& FuseMount::ServerOf(fuse_req_t request) {
 template <auto kHandler, class... Arguments>
 void FuseMount::Call(fuse_req_t request, Arguments... arguments) {
   auto& mount = ServerOf(request);
-  (mount.*kHandler)(KernelRequest(request, mount.interruptions_), arguments...);
+  const KernelRequest kept(request, mount.interruptions_, DataSize(arguments...));
+  (mount.*kHandler)(kept, arguments...);
 }
 
 // The kernel itself refuses changes to a read-only mount, unless somebody has remounted it.

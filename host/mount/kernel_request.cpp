@@ -17,22 +17,25 @@ constexpr std::chrono::milliseconds kInterval{100};
 // ---- Requests ----
 
 struct KernelRequest::State : std::enable_shared_from_this<State> {
-  State(fuse_req_t its_request, Interruptions& its_interruptions)
-      : request(its_request), interruptions(its_interruptions) {}
+  State(fuse_req_t its_request, Interruptions& its_interruptions, size_t data_size)
+      : request(its_request),
+        interruptions(its_interruptions),
+        held(Interruptions::kHeldByEach + data_size) {}
   ~State() {
-    if (was_interrupted) interruptions.NoteConclusion();
+    if (was_interrupted) interruptions.NoteConclusion(held);
   }
   State(const State&) = delete;
   State& operator=(const State&) = delete;
 
   const fuse_req_t request;  // gone once it is answered
   Interruptions& interruptions;
+  const size_t held;  // bytes
   std::atomic<bool> is_answered = false;
   bool was_interrupted = false;  // written before is_answered is visible to others
 };
 
-KernelRequest::KernelRequest(fuse_req_t request, Interruptions& interruptions)
-    : state_(std::make_shared<State>(request, interruptions)) {
+KernelRequest::KernelRequest(fuse_req_t request, Interruptions& interruptions, size_t data_size)
+    : state_(std::make_shared<State>(request, interruptions, data_size)) {
   fuse_req_interrupt_func(request, OnInterrupt, state_.get());
 }
 
@@ -88,12 +91,10 @@ void KernelRequest::ReplyStatistics(const struct statvfs& statistics) const {
 }
 
 void KernelRequest::AnswerInterrupted() const {
-  (void)Answer([this](fuse_req_t request) {
-    auto& interruptions = state_->interruptions;
-    {
-      const std::lock_guard lock(interruptions.mutex_);
-      ++interruptions.unconcluded_;
-    }
+  auto& interruptions = state_->interruptions;
+  if (!interruptions.HasRoomFor(state_->held)) return;
+  (void)Answer([this, &interruptions](fuse_req_t request) {
+    interruptions.NoteEarlyAnswer(state_->held);
     state_->was_interrupted = true;
     return fuse_reply_err(request, EINTR);
   });
@@ -129,10 +130,23 @@ void Interruptions::Add(KernelRequest request) {
   changed_.notify_all();
 }
 
-void Interruptions::NoteConclusion() {
+/// There stays room until the next NoteEarlyAnswer, since one thread alone calls both.
+bool Interruptions::HasRoomFor(size_t bytes) {
+  const std::lock_guard lock(mutex_);
+  return held_ + bytes <= kMostHeld;
+}
+
+void Interruptions::NoteEarlyAnswer(size_t bytes) {
+  const std::lock_guard lock(mutex_);
+  ++unconcluded_;
+  held_ += bytes;
+}
+
+void Interruptions::NoteConclusion(size_t bytes) {
   {
     const std::lock_guard lock(mutex_);
     --unconcluded_;
+    held_ -= bytes;
   }
   changed_.notify_all();
 }

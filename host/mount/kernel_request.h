@@ -28,7 +28,8 @@ class Interruptions;
 class KernelRequest {
  public:
   /// @param interruptions  must outlive the request and its copies
-  KernelRequest(fuse_req_t request, Interruptions& interruptions);
+  /// @param data_size  how much data the request brings, in bytes
+  KernelRequest(fuse_req_t request, Interruptions& interruptions, size_t data_size);
 
   /// @param error  an errno; 0 = success
   void ReplyError(int error) const { (void)TryError(error); }
@@ -59,13 +60,21 @@ class KernelRequest {
 };
 
 /// Lets programs be interrupted while the disk cannot be reached: answers their requests with
-/// EINTR. What was asked is carried out all the same, since it may be on its way.
+/// EINTR. What was asked is carried out all the same, since it may be on its way. A program may ask
+/// again each time, so what such requests hold is limited: those that would exceed the limit are
+/// not answered until others are concluded.
 ///
 /// The kernel keeps nodes and handles until a request is answered, and the code that carries it out
 /// relies on that. So while requests go on after such an answer, what the kernel gives back has to
 /// wait.
 class Interruptions {
  public:
+  /// What requests may hold that go on after such an answer, in bytes.
+  static constexpr size_t kMostHeld = 16 << 20;
+  /// What a request holds in addition to its data: a packet with its paths, and what is noted of
+  /// it.
+  static constexpr size_t kHeldByEach = 4 << 10;
+
   /// @param is_cut_off  whether the disk cannot be reached now
   explicit Interruptions(std::function<bool()> is_cut_off);
   ~Interruptions() { Finish(); }
@@ -82,7 +91,9 @@ class Interruptions {
   friend class KernelRequest;
 
   void Add(KernelRequest request);
-  void NoteConclusion();
+  bool HasRoomFor(size_t bytes);
+  void NoteEarlyAnswer(size_t bytes);
+  void NoteConclusion(size_t bytes);
   void AnswerWhenCutOff(const std::stop_token& stop);
   void RunDeferred(const std::stop_token& stop);
 
@@ -90,6 +101,7 @@ class Interruptions {
   std::mutex mutex_;
   std::vector<KernelRequest> interrupted_;       // guarded by mutex_; may not be answered yet
   size_t unconcluded_ = 0;                       // guarded by mutex_; requests answered with EINTR
+  size_t held_ = 0;                              // guarded by mutex_; by these, in bytes
   std::vector<std::function<void()>> deferred_;  // guarded by mutex_
   std::condition_variable_any changed_;
   std::jthread answering_;  // last, like the next: joined before what they use is destroyed
