@@ -148,8 +148,8 @@ class FuseMount {
   void MakeFile(const KernelRequest& request, fuse_ino_t parent, const char* name, mode_t mode,
                 std::function<bool(const fuse_entry_param& entry)> reply);
   void ShowMade(const std::shared_ptr<Making>& making);
-  void Hide(const KernelRequest& request, fuse_ino_t parent, const std::string& name,
-            const RenameGate::Move& move);
+  void Hide(const KernelRequest& request, fuse_ino_t node, fuse_ino_t parent,
+            const std::string& name, const RenameGate::Move& move);
   void LiftHiddenFiles(fuse_ino_t parent, const std::string& name, const RenameGate::Move& move);
   void HideTarget(const std::shared_ptr<Renaming>& renaming);
   void FinishRename(const std::shared_ptr<Renaming>& renaming);

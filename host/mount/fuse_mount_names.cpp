@@ -153,7 +153,7 @@ void FuseMount::Unlink(const KernelRequest& request, fuse_ino_t parent, const ch
   const auto path = nodes_.ChildPath(parent, name);
   if (!path) return request.ReplyError(ESTALE);
   if (const auto node = nodes_.NodeIfOnlyName(parent, name); node && open_files_.IsOpen(*node)) {
-    return Hide(request, parent, name, move);
+    return Hide(request, *node, parent, name, move);
   }
   files_.Unlink(
       *path,
@@ -169,19 +169,23 @@ void FuseMount::Unlink(const KernelRequest& request, fuse_ino_t parent, const ch
 
 /// Removes the last name of a file that programs have open: renames it on the disk to a hidden
 /// name, which is removed when the last program closes the file.
-void FuseMount::Hide(const KernelRequest& request, fuse_ino_t parent, const std::string& name,
-                     const RenameGate::Move& move) {
+void FuseMount::Hide(const KernelRequest& request, fuse_ino_t node, fuse_ino_t parent,
+                     const std::string& name, const RenameGate::Move& move) {
   const auto hidden_name = HiddenName();
   const auto path = nodes_.ChildPath(parent, name);
   const auto hidden_path = nodes_.ChildPath(parent, hidden_name);
   if (!path || !hidden_path) return request.ReplyError(ESTALE);
   files_.Rename(
       *path, *hidden_path,
-      [this, move, request, parent, name, hidden_name, path = *path](Outcome outcome) {
+      [this, move, request, node, parent, name, hidden_name, path = *path,
+       hidden_path = *hidden_path](Outcome outcome) {
         if (outcome != Outcome::kDone) {
           return ReplyFailure(request, outcome, {.kind = Kind::kUnlink, .path = path});
         }
         nodes_.Hide(parent, name, hidden_name);
+        // The program that had it open may have been interrupted while it opened the file. Then its
+        // handle is gone by now, and the kernel releases none.
+        if (!open_files_.IsOpen(node)) files_.Unlink(hidden_path, [](Outcome) {});
         ReplyDone(request);
       },
       nodes_.CurrentAttributes(parent, name));

@@ -376,6 +376,28 @@ TEST_F(BadLine, ManyProgramsThatWaitBehindARenameCanBeInterrupted) {
   EXPECT_EQ(mounted.Unmount().status, 0);
 }
 
+// A file that is open when its last name goes stays on the disk under a hidden name. A program that
+// was interrupted while it opened the file never closes it.
+TEST_F(BadLine, NoFileStaysOnTheDiskThatWasRemovedAfterItsOpeningWasInterrupted) {
+  WriteFile(disk / "file", Bytes(100'000));
+  const auto mounted = Mount();
+  const auto file = mounted / "file";
+  // The kernel trusts the name for a second, so that programs open and remove the file at once.
+  ASSERT_EQ(access(file.c_str(), F_OK), 0);
+  std::this_thread::sleep_for(50ms);
+  Order("down", 102);
+  const ForkedProgram opening([&] { return WithOpenFile(file, O_RDONLY, [](int) { return 0; }); });
+  ASSERT_TRUE(Eventually([&] { return Done() == 1; }));
+  kill(opening.pid(), SIGTERM);
+  ASSERT_TRUE(Eventually([&] { return opening.HasEnded(); }, 5s));
+  const ForkedProgram removing([&] { return ErrorOf(unlink(file.c_str())); });
+  std::this_thread::sleep_for(200ms);
+  Order("");
+  ASSERT_TRUE(Eventually([&] { return removing.HasEnded(); }));
+  EXPECT_EQ(removing.status(), 0) << strerror(removing.status());
+  EXPECT_TRUE(Eventually([&] { return fs::is_empty(disk.path()); }, 5s)) << "a hidden file stays";
+}
+
 TEST_F(BadLine, InterruptedProgramsSeeNoOtherErrorWhileItDrops) {
   WriteFile(disk / "file", Bytes(100'000));
   auto mounted = Mount();
