@@ -51,7 +51,7 @@ prepare() {
 before() { :; }
 work() {
   case $1 in
-    read) dd if="$mount/big" bs=1M of=/dev/null 2>/dev/null ;;
+    read) dd if="$mount/big" bs=1M of=/dev/null 2>"$result" ;;
     random) load --filename="$mount/big" --rw=randread --bs=4k --size=256M --number_ios=20000 ;;
     random-8)
       load --filename="$mount/big" --rw=randread --bs=4k --size=32M --offset_increment=32M \
@@ -73,7 +73,7 @@ work() {
 }
 check() {
   case $1 in
-    read) true ;;
+    read) [[ $(<"$result") == 256+0* ]] ;; # complete blocks
     random | random-8 | random-write) [[ $(<"$result") == 3\;* ]] ;;
     write) cmp -s "$disk/big" "$disk/out/big" ;;
     find) [[ $(<"$result") == 10000 ]] ;;
