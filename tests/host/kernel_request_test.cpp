@@ -40,6 +40,7 @@ class InterruptedRequests : public testing::Test {
                           fuse_file_info*) { Keep(request, size); };
     operations.getattr = [](fuse_req_t request, fuse_ino_t, fuse_file_info*) { Keep(request, 0); };
     session_.reset(fuse_session_new(&args, &operations, sizeof operations, this));
+    fuse_opt_free_args(&args);
     constexpr fuse_custom_io kHere{.writev = TakeAnswer,
                                    .read = ReadNothing,
                                    .splice_receive = nullptr,
