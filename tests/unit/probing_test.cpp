@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <future>
+#include <iterator>
 #include <set>
 #include <string>
 #include <system_error>
@@ -383,15 +384,20 @@ TEST_F(GetDeviceLabelTest, TheOutputOfItsCommandIsNotPassedToOtherPrograms) {
     UdiskDevice found{};
     return UDiskService::GetDeviceLabel("sdb1", &found);
   });
+  const auto NewPipes = [&] {
+    std::vector<int> pipes;
+    std::ranges::set_difference(OpenPipes(), before, std::back_inserter(pipes));
+    return pipes;
+  };
+  // Just after the command has started, the module still has the end that the command writes to.
   const auto end = std::chrono::steady_clock::now() + kPatience;
-  while (shims.Calls().empty() && std::chrono::steady_clock::now() < end) std::this_thread::yield();
-  int seen = 0;
-  for (const int pipe : OpenPipes()) {
-    if (before.count(pipe) != 0) continue;
-    ++seen;
-    EXPECT_EQ(fcntl(pipe, F_GETFD), FD_CLOEXEC);
+  while ((shims.Calls().empty() || NewPipes().size() != 1) &&
+         std::chrono::steady_clock::now() < end) {
+    std::this_thread::yield();
   }
-  EXPECT_EQ(seen, 1);
+  const std::vector<int> pipes = NewPipes();
+  EXPECT_EQ(pipes.size(), 1U);
+  for (const int pipe : pipes) EXPECT_EQ(fcntl(pipe, F_GETFD), FD_CLOEXEC);
   shims.Release();
   EXPECT_EQ(probing.get(), 0);
 }
