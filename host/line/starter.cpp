@@ -486,7 +486,12 @@ StartedLine Starter::Start() {
   if (!answer) {
     // If the command is started after all, nobody uses it.
     SendPassed(socket_.get(), Packed({Task::kEnd, id}));
-    throw std::runtime_error("the process that starts the line has ended or is stuck");
+    siginfo_t end{};
+    waitid(P_PID, static_cast<id_t>(process_), &end, WEXITED | WNOHANG | WNOWAIT);
+    if (end.si_pid == 0) throw std::runtime_error("the process that starts the line is stuck");
+    const int status = end.si_code == CLD_EXITED ? end.si_status : 128 + end.si_status;
+    throw std::runtime_error(
+        fmt::format("the process that starts the line has ended with status {}", status));
   }
   if (error != 0) {
     throw std::runtime_error(fmt::format("cannot start the line: {}", std::strerror(error)));

@@ -338,6 +338,20 @@ TEST_F(StarterTest, KeepsItsCommandsWhenTheProcessThatWouldReplaceItIsKilled) {
   EXPECT_TRUE(Eventually([&] { return !Runs(worker); }));
 }
 
+TEST_F(StarterTest, SaysWithWhichStatusItHasEnded) {
+  Starter starter("cat", "");
+  starter.Start();
+  const pid_t worker = StarterOf(getpid());
+  kill(ChildrenOf(getpid()).front(), SIGKILL);
+  kill(worker, SIGKILL);
+  try {
+    starter.Start();
+    FAIL() << "it has not ended";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "the process that starts the line has ended with status 137");
+  }
+}
+
 // ---- Late answers ----
 
 TEST_F(StarterTest, EndsACommandWhoseAnswerCameTooLateAndTakesTheAnswerForNoOther) {
