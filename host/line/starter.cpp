@@ -463,12 +463,18 @@ Starter::~Starter() {
 }
 
 /// Waits for the answer to a request. Those to earlier requests came too late, and are dropped.
+/// @param error  set to the answer's; without one, to ETIMEDOUT, or to EPIPE if the process has
+/// ended
 std::optional<PassedMessage> Starter::AwaitAnswer(uint32_t id, int* error) {
   const auto deadline = Clock::now() + answer_limit_;
+  *error = ETIMEDOUT;
   while (WaitReadable(socket_.get(), deadline)) {
     Answer answer{};
     auto message = ReceivePassed(socket_.get(), sizeof answer);
-    if (!message || message->bytes.size() != sizeof answer) break;
+    if (!message || message->bytes.size() != sizeof answer) {
+      *error = EPIPE;
+      break;
+    }
     std::memcpy(&answer, message->bytes.data(), sizeof answer);
     if (answer.id != id) continue;
     *error = answer.error;
@@ -486,12 +492,8 @@ StartedLine Starter::Start() {
   if (!answer) {
     // If the command is started after all, nobody uses it.
     SendPassed(socket_.get(), Packed({Task::kEnd, id}));
-    siginfo_t end{};
-    waitid(P_PID, static_cast<id_t>(process_), &end, WEXITED | WNOHANG | WNOWAIT);
-    if (end.si_pid == 0) throw std::runtime_error("the process that starts the line is stuck");
-    const int status = end.si_code == CLD_EXITED ? end.si_status : 128 + end.si_status;
-    throw std::runtime_error(
-        fmt::format("the process that starts the line has ended with status {}", status));
+    throw std::runtime_error(error == ETIMEDOUT ? "the process that starts the line is stuck"
+                                                : "the process that starts the line has ended");
   }
   if (error != 0) {
     throw std::runtime_error(fmt::format("cannot start the line: {}", std::strerror(error)));

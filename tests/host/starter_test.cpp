@@ -338,18 +338,22 @@ TEST_F(StarterTest, KeepsItsCommandsWhenTheProcessThatWouldReplaceItIsKilled) {
   EXPECT_TRUE(Eventually([&] { return !Runs(worker); }));
 }
 
-TEST_F(StarterTest, SaysWithWhichStatusItHasEnded) {
-  Starter starter("cat", "");
-  starter.Start();
+TEST_F(StarterTest, SaysWhetherItHasEndedOrIsStuck) {
+  Starter starter("cat", "", 300ms);
+  const auto failure = [&]() -> std::string {
+    try {
+      starter.Start();
+      return "";
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+  };
   const pid_t worker = StarterOf(getpid());
+  kill(worker, SIGSTOP);
+  EXPECT_EQ(failure(), "the process that starts the line is stuck");
   kill(ChildrenOf(getpid()).front(), SIGKILL);
   kill(worker, SIGKILL);
-  try {
-    starter.Start();
-    FAIL() << "it has not ended";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "the process that starts the line has ended with status 137");
-  }
+  EXPECT_EQ(failure(), "the process that starts the line has ended");
 }
 
 // ---- Late answers ----
