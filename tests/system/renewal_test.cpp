@@ -98,8 +98,9 @@ class Renewal : public testing::Test {
   /// From now on there is no line until LetLinesGo.
   void HoldLines() const { WriteFile(place / "hold", ""); }
   void LetLinesGo() const { fs::remove(place / "hold"); }
-  /// Ends the serving process as a crash would. The next line leads to `directory`.
+  /// Ends the serving process as a crash would.
   void Cut() const { ASSERT_EQ(kill(std::stoi(ReadFile(place / "serving")), SIGKILL), 0); }
+  /// The same. The next line leads to `directory`; returns once it is being set up.
   void CutAndLeadTo(const std::string& directory) {
     const auto serving = ReadFile(place / "serving");
     Lead(directory);
@@ -320,6 +321,7 @@ class RequestOnItsWay : public Renewal {
   int CutDuring(Request request, Meanwhile meanwhile) {
     const int serving = std::stoi(ReadFile(place / "serving"));
     kill(serving, SIGSTOP);
+    EXPECT_TRUE(Eventually([&] { return IsStopped(serving); }));
     HoldLines();
     std::atomic<int> error = -1;
     std::thread program([&] { error = request() == 0 ? 0 : errno; });
@@ -329,6 +331,14 @@ class RequestOnItsWay : public Renewal {
     LetLinesGo();
     program.join();
     return error;
+  }
+  /// Whether all threads of a process are stopped. They stop one after another.
+  static bool IsStopped(int process) {
+    const auto threads = fs::directory_iterator("/proc/" + std::to_string(process) + "/task");
+    return std::all_of(begin(threads), end(threads), [](const auto& thread) {
+      const auto stat = ReadFile(thread.path() / "stat");
+      return stat.find(") T ") != std::string::npos;
+    });
   }
   void MakeAnotherFile() const {
     WriteFile(files + "/new", "somebody else's");
