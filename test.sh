@@ -6,8 +6,8 @@
 #   ./test.sh -R REGEX    only tests whose name matches
 #   ./test.sh --lint      only the linter, over everything that is shipped
 #   ./test.sh --fuzz S    only the fuzzers, each for S seconds
-#   ./test.sh --ci        everything, with warnings as errors: every test of all builds, the linter,
-#                         then the fuzzers for a minute each
+#   ./test.sh --ci        as --all, with warnings as errors; then the linter, and the fuzzers for a
+#                         minute each
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/scripts/usage.sh"
 cd "$(dirname "${BASH_SOURCE[0]}")"

@@ -4,7 +4,8 @@
 #   bench/run.sh            measure, and replace the text below "## Measured" there
 #   bench/run.sh --print    measure, and only print
 #
-# Takes about five minutes. A busy machine disturbs the rows with 32 outstanding requests most.
+# Takes two to three minutes after the build. A busy machine disturbs the rows with 32 outstanding
+# requests most.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/../scripts/usage.sh"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."

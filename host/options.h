@@ -24,7 +24,7 @@ struct DiskOptions {
   bool prefetch = true;                 ///< read small files and list directories ahead
   bool dir_cache = true;                ///< cache listings; check them before reuse
   uint32_t bandwidth_kbps = 0;          ///< announced for reads; 0 = no announcement
-  std::chrono::seconds time_limit{30};  ///< how long to wait for a reply
+  std::chrono::seconds time_limit{30};  ///< for a reply; the session adds 10 s for pacing
 };
 
 }  // namespace cpd::host

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Breaks the driver and the packet class in one place after another, and reports the breaks that no
-# test notices. Works on a copy of the tree in build/mutants. Takes two minutes for the first build
-# and then some ten seconds for each mutant.
+# Breaks the driver and the packet class in one place after another, and reports the breaks that
+# neither the unit, the module nor the fault tests notice. Works on a copy of the tree in
+# build/mutants. Takes two minutes for the first build and then some ten seconds for each mutant.
 #
 #   scripts/mutants.sh                  every mutant of scripts/mutants.txt
 #   scripts/mutants.sh --only PATTERN   those whose file or text the regular expression matches

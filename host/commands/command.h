@@ -40,8 +40,8 @@ void AddTimeoutOption(CLI::App* command, DiskOptions* disk);
 void AddMountOptions(CLI::App* command, DiskOptions* disk);
 /// Adds the options that the announcement carries: --name, --read-only.
 void AddNamingOptions(CLI::App* command, DiskOptions* disk);
-/// Checks the disk's path, fills in missing names, and sets the environment variable that makes the
-/// module confine paths. Must be called before the module opens the disk.
+/// Checks the disk's path, fills in missing names, and sets or clears the environment variable that
+/// makes the module confine paths. Must be called before the module opens the disk.
 /// @throws std::runtime_error when the path is not a directory
 void CompleteOptions(DiskOptions* options);
 /// @param what  what an error message calls the directory

@@ -39,7 +39,8 @@ struct FarMount {
 };
 
 /// Mounts, and serves until a stop signal, an unmount or the end of the session. Prints the table.
-/// @throws StreamError when the other side failed
+/// @throws StreamError when the other side failed, or there is no line to it any more
+/// @throws std::exception when this side cannot begin or failed
 void MountOverLine(LineSource& source, FarMount far, const StopSignals& stop_signals);
 
 }  // namespace cpd::host

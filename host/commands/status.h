@@ -16,8 +16,9 @@ namespace cpd::host {
 class StatusLine {
  public:
   /// @param traffic  gives what has been sent and received so far
+  /// @param announced_kbps  0 = no limit
   /// @param line     gives the state of the line; empty = the disk and the mount are in this
-  /// process
+  ///                 process. Both functions are called on a thread of the status line.
   StatusLine(std::function<Traffic()> traffic, uint32_t announced_kbps,
              std::function<LineState()> line = nullptr);
   /// Erases the line.

@@ -162,7 +162,7 @@ LocalMount::~LocalMount() {
     service_->UmountLocal();
     return;
   }
-  // Otherwise UmountLocal frees the list.
+  // UmountLocal, which frees the list, is not called.
   std::free(service_->mUdiskDevice->infos);
   std::free(service_->mUdiskDevice);
   // Somebody has unmounted it, for example to pull the disk. An empty directory can go.

@@ -27,6 +27,7 @@ struct LocalDisk {
 };
 
 /// The block devices on USB, sorted by name. Partitions with neither label nor UUID are left out.
+/// @throws std::runtime_error when blkid cannot be started
 std::vector<LocalDisk> FindDisks();
 
 /// A partition that is mounted in /media while this object lives.

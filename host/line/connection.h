@@ -62,14 +62,15 @@ class EndedError : public StreamError {
 ///
 /// Whatever the other side does, a connection holds no more than its window, one packet on its way
 /// in, and a fixed amount. Callers write to the line themselves while it takes their bytes; a
-/// thread of the connection reads, and writes what the line did not take at once.
+/// thread of the connection reads, and writes what the line did not take at once. What sends, says
+/// goodbye or gives up is callable from any thread.
 class Connection {
  public:
   struct Handlers {
     /// Receives a packet. Runs on the connection's thread. The packet counts against the window
     /// until it is reported with Taken.
     std::function<void(std::unique_ptr<CpdPacket> packet)> packet;
-    /// There is room again after HasRoom was false. Runs on the connection's thread.
+    /// There may be room again after HasRoom was false. Runs on the connection's thread.
     std::function<void()> room;
     /// The connection has ended; the last call, on the connection's thread.
     std::function<void(const Ending& ending)> ended;

@@ -76,9 +76,9 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
   const auto intake =
       std::make_shared<Intake>([&connection](uint64_t charge) { connection.Taken(charge); },
                                std::min<uint64_t>(options_.window, theirs.window) / 8);
-  // Runs on the module's worker. While the line takes nothing, the worker waits here, and so does
-  // everything that is queued for it.
   const SignalsBlocked blocked;
+  // The module's packets are handled on its worker. While the line takes nothing, the worker waits
+  // here, and so does everything that is queued for it.
   disk_.emplace(
       options_.disk, trace_, [this, &connection, intake](std::unique_ptr<CpdPacket> packet) {
         if (!intake->NoteReply(*packet)) return;

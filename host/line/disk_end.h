@@ -73,6 +73,9 @@ class DiskEnd : public LineUser {
     bool awaits_disk = false;
   };
 
+  /// To be made before the process enters its sandbox.
+  /// @throws std::runtime_error when the disk cannot be looked at, or the module or the file for
+  ///         trace events cannot be opened
   explicit DiskEnd(Options options)
       : options_(std::move(options)),
         identifier_(options_.disk.disk),

@@ -14,7 +14,8 @@ struct DiskIdentity {
   /// directories of a file system have the same id.
   Id128 disk;
   /// Changes when the machine is booted or the file system is mounted anew: written data that was
-  /// not synced may then be lost.
+  /// not synced may then be lost. Before Linux 6.8, a new mount may get the id of the old one; then
+  /// only a boot changes it.
   Id128 life;
 };
 

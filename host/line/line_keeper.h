@@ -58,8 +58,8 @@ class LineKeeper {
   /// @param on_end  called once, on a thread of the keeper, when there will be no other line; not
   ///                after Finish has returned
   void Keep(std::function<void(const Ending& ending)> on_end);
-  /// Says goodbye to the other side and lets go of the line. Takes two seconds at most, or five if
-  /// the line's command does not end by itself.
+  /// Says goodbye to the other side and lets go of the line. Takes five seconds at most, unless the
+  /// module is still carrying out a request, or the process that starts lines is stuck.
   void Finish(Farewell farewell, const std::string& text);
 
   /// Gives the present line up as dropped: the source has a newer one. Callable from any thread.

@@ -25,7 +25,7 @@ class OfferedLines : public LineSource {
   OfferedLines(Line first, const Hello& hello, const HandoverListener& listener);
   ~OfferedLines() override { Stop(); }
 
-  /// Begins to take offers.
+  /// Begins to take offers. Both functions are called on a thread of this object.
   /// @param on_newer  called when the session has another line although the present one seems to
   ///                  be up
   /// @param on_leave  called when the session has ended, or the mount point goes to another one

@@ -46,8 +46,8 @@ constexpr auto kLastWordsLimit = 10s;
 constexpr size_t kMostCommands = 4;
 /// What a stream holds that its reader has not taken, in bytes.
 constexpr int kStreamRoom = 2 << 20;
-/// What became of a command whose starter was killed: SIGKILL, by PR_SET_PDEATHSIG. The other side
-/// must take that for a line that dropped, not for the end of the session.
+/// The status of a command whose starter was killed: PR_SET_PDEATHSIG has sent it SIGKILL. After a
+/// milder signal the command could say goodbye, and that would end the session.
 constexpr int kEndedWithStarter = 128 + SIGKILL;
 // ---- The messages to the starter: a request, and a text in kSay only ----
 

@@ -22,6 +22,7 @@ class Module {
   /// @throws std::runtime_error when it cannot be loaded or is not the expected module
   explicit Module(const std::string& path);
 
+  /// @param device  must outlive the driver
   /// @throws std::runtime_error when the module returns no driver
   [[nodiscard]] Driver Open(CpdDevice* device, const std::string& policy) const;
 

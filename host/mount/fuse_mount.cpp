@@ -162,7 +162,7 @@ void FuseMount::CallChange(fuse_req_t request, Arguments... arguments) {
 
 // Operations that are missing here have no request in the protocol, so the kernel's defaults apply:
 // locks hold within the mount; reserving space fails. So do calls for extended attributes, whose
-// values the protocol does not carry. The kernel then stops asking for them, as it otherwise would
+// values the protocol does not carry. The kernel then stops asking for them; otherwise it would ask
 // at every write.
 fuse_lowlevel_ops FuseMount::Operations() {
   fuse_lowlevel_ops ops{};

@@ -35,8 +35,8 @@ class Session;
 
 /// A kernel request is read on one of libfuse's threads and sent as a packet. The thread that
 /// delivers the reply answers the kernel, so many requests may be under way. Only renames and
-/// removals, the first append through a handle, and calls that need earlier writes answered make
-/// one of libfuse's threads wait.
+/// removals, what is asked while one of these is under way, the first append through a handle, and
+/// calls that need earlier writes answered make one of libfuse's threads wait.
 class FuseMount {
  public:
   /// The largest read that the kernel asks for, in bytes.
@@ -50,6 +50,7 @@ class FuseMount {
   /// Serves until SIGINT, SIGTERM or SIGHUP, or until somebody unmounts. Stops the session.
   /// @param stop_signals  these three, blocked in all threads; the calling thread unblocks them
   ///                      while it serves
+  /// @throws std::runtime_error when the connection to the kernel fails
   void Serve(const sigset_t& stop_signals);
 
   /// The disk may have lost what was answered but not synced: another line leads to it, and its

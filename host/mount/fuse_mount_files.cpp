@@ -43,7 +43,8 @@ void FuseMount::Open(const KernelRequest& request, fuse_ino_t node, fuse_file_in
   const bool is_ahead = handle->keep_cache != 0;
   const auto looked_up = nodes_.TakeLookup(node);
   const bool is_fresh = IsFresh(node, *file, only_reads, looked_up);
-  const bool fetches = only_reads && !is_fresh && IsSmall(*file);  // also what is on its way
+  // Content that is already on its way is waited for.
+  const bool fetches = only_reads && !is_fresh && IsSmall(*file);
   if (!is_ahead && !fetches) prefetch_.Forget(file->path);
   handle->fh = open_files_.Open(node);
   if (is_ahead) {
@@ -215,9 +216,9 @@ std::future<Result<udisk_stat>> FuseMount::LookAt(const std::string& path) {
   return answer->get_future();
 }
 
-/// Moves the handle of a program that is about to append for the first time on to the file that has
-/// taken its file's place, as if the program had opened it a moment later. The kernel checked only
-/// the old file's permissions, so the new one must have the same.
+/// If another file has taken the place of the one that a program is about to append to for the
+/// first time, moves the program's handle to the new file, as if it had been opened a moment later.
+/// The kernel checked only the old file's permissions, so the new one must have the same.
 void FuseMount::MoveOn(fuse_ino_t node, OpenFiles::Handle handle) {
   auto pass = Enter();
   if (const auto file = nodes_.Find(node); file) {

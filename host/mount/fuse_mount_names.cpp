@@ -183,8 +183,8 @@ void FuseMount::Hide(const KernelRequest& request, fuse_ino_t node, fuse_ino_t p
           return ReplyFailure(request, outcome, {.kind = Kind::kUnlink, .path = path});
         }
         nodes_.Hide(parent, name, hidden_name);
-        // The program that had it open may have been interrupted while it opened the file. Then its
-        // handle is gone by now, and the kernel releases none.
+        // The call that opened the file may have been interrupted. Then its handle is closed by
+        // now, and no release will come that removes the file.
         if (!open_files_.IsOpen(node)) files_.Unlink(hidden_path, [](Outcome) {});
         ReplyDone(request);
       },

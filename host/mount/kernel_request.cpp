@@ -130,7 +130,7 @@ void Interruptions::Add(KernelRequest request) {
   changed_.notify_all();
 }
 
-/// There stays room until the next NoteEarlyAnswer, since one thread alone calls both.
+/// The room is still there at the next NoteEarlyAnswer, since only one thread calls the two.
 bool Interruptions::HasRoomFor(size_t bytes) {
   const std::lock_guard lock(mutex_);
   return held_ + bytes <= kMostHeld;

@@ -69,7 +69,7 @@ class KernelRequest {
 /// wait.
 class Interruptions {
  public:
-  /// What requests may hold that go on after such an answer, in bytes.
+  /// How much the requests that go on after such an answer may hold together, in bytes.
   static constexpr size_t kMostHeld = 16 << 20;
   /// What a request holds in addition to its data: a packet with its paths, and what is noted of
   /// it.

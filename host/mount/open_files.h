@@ -181,7 +181,7 @@ class OpenFiles {
   }
 
   /// The same at a sync or a close, where a handle also reports that writes may be lost. A loss
-  /// does not make a write fail: a program that went on would then never learn of it.
+  /// does not make a write fail: a program that ignored that would then see its next sync succeed.
   int TakeFailureOrLoss(Handle handle) {
     const int failure = TakeFailure(handle);
     const std::lock_guard lock(mutex_);

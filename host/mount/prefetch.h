@@ -51,7 +51,8 @@ class Prefetch {
   /// it did not come or was forgotten meanwhile.
   using Awaited = std::function<void(const std::string_view* content, Clock::time_point asked)>;
   /// Waits for a file's content that was asked for and is on its way. A request for this file
-  /// alone would be answered later. `awaited` runs once, on the thread that delivers replies.
+  /// alone would be answered later. `awaited` runs once, usually on the thread that delivers
+  /// replies.
   /// @param known  the attributes that the kernel has
   /// @return false when the content is not on its way, or may not be used; then `awaited` never
   /// runs

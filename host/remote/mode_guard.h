@@ -16,6 +16,7 @@ namespace cpd::host {
 /// and then the mode applies.
 class ModeGuard {
  public:
+  /// @param files, path  must outlive this
   ModeGuard(RemoteFiles& files, const std::string& path, uint32_t mode)
       : files_(files), path_(path), mode_(mode & kPermissions) {
     if (IsLackingIn(mode_)) files_.ChangeMode(path_, mode_ | kOwner, [](Outcome) {});

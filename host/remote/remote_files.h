@@ -75,7 +75,7 @@ enum class Outcome {
 
 /// Sends file requests over a session. Every call returns at once; its Done receives the result
 /// under the rules of Session::Done. A request without a reply, or with a malformed one, ends with
-/// EIO.
+/// EIO. All operations are callable from any thread.
 class RemoteFiles {
  public:
   template <class T>

@@ -296,7 +296,7 @@ void Session::AskForLocked(const std::shared_ptr<Doubt>& doubt, size_t index,
               .is_question = true});
 }
 
-/// Once everything is known about the lost requests: puts those that were not carried out in front
+/// Once everything is known about the lost requests: puts those that are to be sent again in front
 /// of the waiting ones.
 /// @return the others, with their replies
 Session::Concluded Session::SettleLocked() {

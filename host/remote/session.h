@@ -32,7 +32,7 @@ namespace cpd::host {
 ///
 /// The channel to the driver may break, and another one may take its place. Requests wait
 /// meanwhile; what was unanswered is asked again, except requests that must not be carried out
-/// twice and turn out to have been (see recovery.h).
+/// twice and turn out to have been (see recovery.h). All operations are callable from any thread.
 class Session {
  public:
   using Clock = std::chrono::steady_clock;
@@ -46,7 +46,7 @@ class Session {
   /// A request for an empty extended attribute: every driver answers it without touching the disk.
   static std::unique_ptr<CpdPacket> Probe(uint32_t id);
 
-  /// @param time_limit  for a driver that does not reply
+  /// @param time_limit  for a driver that does not reply; 10 s are added, since it may pace reads
   /// @param patience    how long requests wait after a channel broke. Then they are given up; new
   ///                    ones are given up at once until there is a channel.
   explicit Session(std::chrono::seconds time_limit, std::chrono::seconds patience = {});
@@ -62,9 +62,10 @@ class Session {
   void GiveUpWhile(const std::function<void()>& change);
   /// From now on, requests do not wait for another channel.
   void StopWaiting();
-  /// There is room in the channel again.
+  /// There may be room in the channel again.
   void Proceed();
-  /// Gives up all outstanding requests and refuses new ones. No Done runs after it has returned.
+  /// Gives up all requests, and from now on new ones at once, in Ask. No other Done runs after it
+  /// has returned. Not to be called from a Done.
   void Stop();
 
   /// Takes a packet from the driver.

@@ -10,8 +10,8 @@
 
 namespace cpd::host {
 
-/// A histogram of durations. A bucket is at most 6 % of its value wide, so that memory stays
-/// constant and a quantile is nearly exact.
+/// A histogram of durations. A bucket is at most a sixteenth of its value wide, so that memory
+/// stays constant and a quantile is nearly exact.
 class Durations {
  public:
   void Add(std::chrono::nanoseconds duration);

@@ -125,7 +125,7 @@ namespace {
 
 // ---- Requests ----
 
-/// One good request for each command, and requests that go wrong.
+/// One good request for each command, two larger ones, and requests that go wrong.
 std::vector<NamedRequest> AllRequests() {
   std::vector<NamedRequest> all = OneRequestPerCommand();
   // Three of them need what earlier ones made. Here each request gets a fresh disk, so these name

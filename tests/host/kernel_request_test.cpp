@@ -64,7 +64,7 @@ class InterruptedRequests : public testing::Test {
     write.size = size;
     return Send(FUSE_WRITE, write, size);
   }
-  /// The kernel tells that the program that waits for a request got a signal.
+  /// The kernel reports that the program that waits for a request got a signal.
   void Interrupt(uint64_t request) { Send(FUSE_INTERRUPT, fuse_interrupt_in{.unique = request}); }
   /// The disk has carried out a request.
   void Conclude(uint64_t request) { requests_.extract(request).mapped().ReplyError(0); }

@@ -1,4 +1,4 @@
-// A line is kept up over lines that drop, refuse or say nothing.
+// The keeper of a line, given lines that drop, bring nonsense or say nothing.
 #include "line/line_keeper.h"
 
 #include <gtest/gtest.h>
@@ -134,7 +134,7 @@ TEST_F(LineKeeperTest, KeepsTryingWhileThereIsNoLine) {
   LineKeeper keeper(source, user, 10s, true);
   keeper.Connect();
   keeper.Keep([](const Ending&) {});
-  second.Close();  // the second line drops before its hello is heard, and no third one is there
+  second.Close();  // the second line drops as soon as it begins, and there is no third one yet
   first.Close();
   EXPECT_TRUE(Eventually([&] { return source.finished() >= 2; }));
   LinePeer third;

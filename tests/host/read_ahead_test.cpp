@@ -356,7 +356,7 @@ class Walks : public ReadAhead {
   }
   ~Walks() override { session_.Stop(); }
 
-  /// Replies as a driver would that is far away.
+  /// Replies as a driver that is far away would.
   void WorkFarAway() {
     while (!driver_->requests.empty()) {
       std::this_thread::sleep_for(2ms);
@@ -620,8 +620,8 @@ class OnItsWay : public ReadAhead {
     for (const auto& name : names_) listing.entries.push_back({known_, name});
     return std::make_shared<const Listing>(std::move(listing));
   }
-  /// Reads all files of a directory in order, so that the next one's are expected in the same
-  /// order.
+  /// Reads all files of a directory in order, so that the files of the next directory are expected
+  /// in the same order.
   void ReadFirstDirectory() {
     prefetch_.Listed("/a", List());
     for (const auto& name : names_) prefetch_.ReadToItsEnd("/a/" + name);

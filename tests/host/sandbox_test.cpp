@@ -319,7 +319,7 @@ TEST_F(SandboxTest, RootStillServesFilesOfOtherUsers) {
 
 // ---- System calls ----
 
-TEST_F(SandboxTest, RefusesProgramsMountsSocketsAndTheRestOfTheKernel) {
+TEST_F(SandboxTest, RefusesProgramsMountsSocketsAndOtherCallsThatADiskDoesNotNeed) {
   struct Row {
     const char* name;
     std::function<long()> call;

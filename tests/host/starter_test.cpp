@@ -585,7 +585,7 @@ TEST_F(StarterTest, UnmountsAlsoWhenItHasReplacedOneThatWasKilled) {
   umount2(place.c_str(), MNT_DETACH);
 }
 
-TEST_F(StarterTest, SendsTheLastWordsOfOneThatWasKilled) {
+TEST_F(StarterTest, SendsTheLastWordsAlsoWhenItHasReplacedOneThatWasKilled) {
   const fs::path file = directory / "words";
   ChildProcess process([&] {
     static Starter starter("cat >>" + file.string(), "");

@@ -138,7 +138,8 @@ class LinePeer {
       if (!frame || frame->kind == kind) return frame;
     }
   }
-  /// Whether the other end is closed; frames before that are dropped.
+  /// Waits until the other end is closed, for ten seconds after the last frame; drops the frames
+  /// before that. @return whether it is closed
   bool IsClosed() {
     while (Next()) continue;
     std::array<char, 1> byte;

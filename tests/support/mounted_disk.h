@@ -93,7 +93,7 @@ const std::string& WhyNoFuse();
 
 /// How a host ended, and what it printed.
 struct Ending {
-  int status;  ///< exit status; -1 when it had to be killed
+  int status;  ///< as Process::Wait; -1 when the host still runs after kHang
   std::string out;
   std::string err;
 

@@ -1,4 +1,4 @@
-// The greatest amount of memory that the test program has needed.
+// The largest size that the test program's address space has had.
 #pragma once
 
 #include <gtest/gtest.h>

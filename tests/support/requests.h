@@ -378,8 +378,8 @@ struct NamedRequest {
 };
 
 /// One good request for each command that is served, in the order of the codes; 106 in both modes.
-/// In this order they all succeed on a disk that holds the file and the directory above, once the
-/// mount point that 100 and 101 clear is set again.
+/// In this order they all succeed on a disk that holds the file and the directory above, provided
+/// that the mount point is set again after 100 and 101, which clear it.
 std::vector<NamedRequest> OneRequestPerCommand();
 
 }  // namespace cpd::test

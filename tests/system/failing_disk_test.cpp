@@ -232,7 +232,7 @@ TEST_F(DiskTurningReadOnly, RefusesAndTracesLargeWrites) { RemountUnderAWriter(1
 
 TEST_F(DiskTurningReadOnly, RefusesAndTracesSmallWrites) { RemountUnderAWriter(500); }
 
-TEST_F(DiskTurningReadOnly, RefusesEveryOtherChange) {
+TEST_F(DiskTurningReadOnly, RefusesOtherChanges) {
   MountedDisk mounted(loop.path());
   WriteFile(mounted / "file", "content");
   Remount("ro");
@@ -257,8 +257,8 @@ TEST_F(DiskTurningReadOnly, RefusesEveryOtherChange) {
 
 using KilledHost = MountTest;
 
-/// Writes file after file in ever smaller pieces, until a call fails. Keeps all files open until
-/// then, because closing one would sync it, too.
+/// Writes file after file, each in ever smaller pieces, until a call fails. Keeps all files open
+/// until then, because closing one would sync it, too.
 void WriteFiles(const std::string& directory, std::atomic<int>& synced) {
   std::vector<int> open_files;
   for (bool is_fine = true; is_fine;) {

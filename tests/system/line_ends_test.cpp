@@ -148,7 +148,7 @@ TEST_F(LineEnds, ARedirectThatIsTerminatedWhileItsLineIsDownEndsItsAttach) {
              " <&3 &) }"});
   WriteFile(place / "down", "");
   kill(std::stoi(ReadFile(relay)), SIGKILL);
-  // By now the next attempt is seconds away.
+  // After three attempts, the next one is seconds away.
   const auto attempts = [&] {
     const auto log = ReadFile(place / "err");
     int count = 0;

@@ -280,7 +280,7 @@ TEST_P(EachRequest, FailsWhileTheLineStaysDownAndSucceedsOnceItIsBack) {
   EXPECT_TRUE(WasDone());
 }
 
-TEST_P(EachRequest, EndsWithItsInterruptedProgramWhileTheLineIsDown) {
+TEST_P(EachRequest, LetsItsProgramBeInterruptedWhileTheLineIsDownAndIsCarriedOutLater) {
   auto mounted = Mount();
   Order("down", GetParam().code);
   {
@@ -398,7 +398,7 @@ TEST_F(BadLine, NoFileStaysOnTheDiskThatWasRemovedAfterItsOpeningWasInterrupted)
   EXPECT_TRUE(Eventually([&] { return fs::is_empty(disk.path()); }, 5s)) << "a hidden file stays";
 }
 
-TEST_F(BadLine, InterruptedProgramsSeeNoOtherErrorWhileItDrops) {
+TEST_F(BadLine, InterruptedProgramsSeeNoErrorOfTheLineWhileItDrops) {
   WriteFile(disk / "file", Bytes(100'000));
   auto mounted = Mount();
   std::vector<std::unique_ptr<ForkedProgram>> programs;

@@ -52,7 +52,7 @@ double LegacySeconds(size_t size) {
   return seconds;
 }
 
-/// The bucket starts full and is refilled with a bandwidth's worth of bytes.
+/// The bucket starts full and is refilled at the announced bandwidth.
 double TokenBucketSeconds(size_t size) {
   const double capacity = 256 * 1024;
   return (size - capacity) / (kKbps * 1000.0 / 8);

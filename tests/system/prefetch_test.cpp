@@ -149,7 +149,8 @@ TEST_F(Prefetch, SubdirectoriesAndPipesAreLeftAlone) {
 
 // ---- Changes through the mount ----
 
-/// What a program does to files 20 and 21 after they were read ahead, and what they must hold then.
+/// What a program does to files 20 and 21 after they were read ahead, and what file 20 must hold
+/// then.
 struct Change {
   const char* name;
   std::function<void(const MountedDisk& mounted)> make;
@@ -263,7 +264,7 @@ TEST_F(Prefetch, FilesOfARenamedDirectoryAreReadAtTheirNewPath) {
   }
 }
 
-/// A writer fills a file with ever higher numbers; readers must never see one that was replaced.
+/// A writer fills files with ever higher numbers; a reader must never see one that was replaced.
 class PrefetchHammer : public Prefetch, public testing::WithParamInterface<const char*> {};
 
 TEST_P(PrefetchHammer, AReaderNeverSeesWhatAFinishedWriteHasReplaced) {
@@ -333,7 +334,7 @@ TEST_F(Prefetch, AChangeOnTheDiskShowsASecondLater) {
   EXPECT_EQ(mounted.Unmount().status, 0);
 }
 
-TEST_F(Prefetch, FilesThatGrowOrShrinkAsTheyAreReadAheadAreNeverCutShort) {
+TEST_F(Prefetch, FilesThatGrowOrShrinkAfterTheyWereListedAreNeverCutShort) {
   MakeFiles();
   MountedDisk mounted(disk.path());
   NamesAsListed(mounted.path());

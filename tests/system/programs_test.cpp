@@ -101,7 +101,7 @@ TEST_F(Programs, SqliteInsertsInTransactions) {
     for (int i = 0; i < 100; ++i) {
       script += "INSERT INTO t (text) VALUES (hex(randomblob(40)));\n";
     }
-    // Every tenth transaction is rolled back, which reads the journal.
+    // Every tenth transaction deletes all rows and rolls that back, which reads the journal.
     script += transaction % 10 == 9 ? "SAVEPOINT s; DELETE FROM t; ROLLBACK TO s; COMMIT;\n"
                                     : "COMMIT;\n";
   }

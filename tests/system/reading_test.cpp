@@ -157,6 +157,7 @@ TEST_F(Listing, ShowsEveryNameOnce) {
   for (const auto& name : names) WriteFile(disk / name, "");
   MountedDisk mounted(disk.path());
   EXPECT_EQ(Names(mounted.path()), names);
+  EXPECT_EQ(Shell("ls " + mounted.path() + " | wc -l").output, "3000\n");
 }
 
 TEST_F(Listing, OfAnEmptyDirectoryShowsOnlyTheDotEntries) {

@@ -323,7 +323,7 @@ TEST_F(SmallWrites, ThatFailAreReportedByClose) {
   EXPECT_EQ(file.Close(), ENOENT);
 }
 
-TEST_F(SmallWrites, AreNotTakenBeforeTheDiskIsKnownToHaveRoom) {
+TEST_F(SmallWrites, AreNotAcknowledgedEarlyBeforeTheDiskIsKnownToHaveRoom) {
   MountedDisk mounted(disk.path());
   Fd file(mounted / "file", O_WRONLY | O_CREAT);
   ASSERT_TRUE(fs::remove(disk / "file"));
@@ -724,7 +724,7 @@ TEST_F(Modes, AndOwnersCanBeChanged) {
   EXPECT_EQ(Lstat(disk / "file").st_gid, 34U);
 }
 
-TEST_F(Modes, OfALinksTargetAreNotChangedThroughTheLink) {
+TEST_F(Modes, TheOwnerOfALinksTargetIsNotChangedThroughTheLink) {
   if (geteuid() != 0) GTEST_SKIP() << "only root may change owners";
   WriteFile(disk / "file", "content");
   fs::create_symlink("file", disk / "link");

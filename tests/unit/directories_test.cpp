@@ -234,7 +234,7 @@ TEST_F(CheckDir, LogsEachCachedEntryThatItFoundInTheOrderOfTheCache) {
   }
 }
 
-TEST_F(CheckDir, AfterAFileWasAppendedToGetsAFullReply) {
+TEST_F(CheckDir, AfterTheSizeOfAFileChangedGetsAFullReply) {
   MakeFilledDir();
   const std::vector<DirEntry> entries = Listed();
   const auto before = fs::last_write_time(disk.Local("/dir/c"));
@@ -245,7 +245,7 @@ TEST_F(CheckDir, AfterAFileWasAppendedToGetsAFullReply) {
   EXPECT_TRUE(Log().Has(kDebug, "not found dirFileName:c,cacheFileName:c"));
 }
 
-TEST_F(CheckDir, AfterAFileWasRewrittenWithTheSameSizeGetsAFullReply) {
+TEST_F(CheckDir, AfterTheModificationTimeOfAFileChangedGetsAFullReply) {
   MakeFilledDir();
   const std::vector<DirEntry> entries = Listed();
   const auto before = fs::last_write_time(disk.Local("/dir/c"));
@@ -347,7 +347,7 @@ TEST_F(CheckDir, WritesLengthAndCountIntoTheRequestWhenItReplies) {
   EXPECT_EQ(PayloadOf(*packet), start + request.payload.substr(start.size()));
 }
 
-TEST_F(CheckDir, WithACacheThatDoesNotWalkCleanlyGetsAFullReply) {
+TEST_F(CheckDir, WithAMalformedCacheGetsAFullReply) {
   MakeFilledDir();
   const std::vector<DirEntry> entries = Listed();
   ASSERT_EQ(entries.size(), 7U);

@@ -40,7 +40,8 @@ class LocalMountTest : public OperatorTest {
   }
   ~LocalMountTest() override { std::filesystem::current_path(directory_before); }
 
-  /// Labels that, unquoted in a shell, create the file bait or are more than one word.
+  /// Labels that, unquoted in a shell, create the file bait, are expanded, or are more than one
+  /// word.
   [[nodiscard]] static Lines HostileLabels() {
     return {"$(touch bait);'\"", "$HOME",        "`touch bait`",    ";touch bait;",
             "|touch bait #",     "&touch bait&", "a\ntouch bait\n", "';touch bait;'",

@@ -429,7 +429,7 @@ TEST(PacketGetPayload, IsNullOnlyPastTheCapacity) {
 
 // ---- Cloning ----
 
-TEST(PacketClone, IsADeepCopyReadFromItsBeginning) {
+TEST(PacketClone, IsADeepCopyWhoseReadPositionIsItsBeginning) {
   CpdPacket packet;
   ASSERT_EQ(ParseCopy(&packet, Image(105, 7, 22, 0, "abcdefgh")), 0);
   packet.readPos = 4;

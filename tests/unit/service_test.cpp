@@ -328,7 +328,7 @@ TEST_F(ServiceTest, AnnouncingToAnotherDeviceIsRefused) {
   EXPECT_EQ(Log().Messages(kDebug), Texts{expected.data()});
 }
 
-TEST_F(ServiceTest, AnnouncingADeviceThatIsGoneIsRefused) {
+TEST_F(ServiceTest, AnnouncingToADeviceThatIsGoneIsRefused) {
   device.DropBase();
   EXPECT_EQ(service->MountRemote("Stick", &device), -1);
   EXPECT_TRUE(device.Sent().empty());

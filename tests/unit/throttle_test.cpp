@@ -348,7 +348,7 @@ TEST_F(LegacyThrottleTest, KeepsItsCountWhileThereIsNoBandwidth) {
 
 // ---- Token bucket: the rate ----
 
-TEST(TokenBucketRate, IsAnEighthOfTheBandwidthAndTheBurst200Milliseconds) {
+TEST(TokenBucketRate, IsAnEighthOfTheBandwidthAndTheBurst200MillisecondsButAtLeast256KiB) {
   struct Rate {
     uint32_t kbps;
     int64_t refill_per_ms;

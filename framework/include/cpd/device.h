@@ -32,7 +32,9 @@ class CpdDeviceBase {
   uint8_t bus = 0;
   uint8_t addr = 0;
 
-  /// The disk's parameters, a JSON object: "letter" (local path), "label", "name", "readOnly".
+  /// The disk's parameters, a JSON object: "letter" and "label" (joined, the disk's local path),
+  /// "name" (for the remote side), and optionally "readOnly" (its low byte is announced; 0 =
+  /// writable).
   virtual std::string GetDeviceParams() = 0;
 
   /// Records a trace event under a fresh 16-digit id.
@@ -63,10 +65,10 @@ class CpdDevice {
   /// Sends a packet to the remote side. The host may take it out of `packet`; otherwise the packet
   /// is destroyed when the call returns.
   /// Called on the driver's worker (for the first two packets: on its service thread). No later
-  /// request is served while it runs, so it must not wait. It must not call Close or delete the
-  /// driver, which would join the calling thread. The same holds for the trace operations of
-  /// CpdDeviceBase. What comes back from the remote side must be handed to onEvent in a buffer of
-  /// exactly the message's length; see there.
+  /// request is served while it runs, so it must not wait. It must not call Close, which
+  /// would join the calling thread, nor delete the driver. The same holds for the trace operations
+  /// of CpdDeviceBase. What comes back from the remote side must be handed to onEvent in a buffer
+  /// of exactly the message's length; see there.
   /// @param flags  drivers pass -1
   /// @return the host's own result, 0 for success
   virtual int SendPacket(std::unique_ptr<CpdPacket> packet, int flags) = 0;

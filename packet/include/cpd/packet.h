@@ -24,7 +24,7 @@ struct CpdPacketHeader {
   uint8_t magic;       ///< CPD_PACKET_MAGIC
   uint8_t devId;       ///< the device that the packet is addressed to
   uint16_t cmd;        ///< command code
-  uint32_t requestId;  ///< chosen by the remote side; a reply carries the request's
+  uint32_t requestId;  ///< chosen by the sender of the request; a reply carries the request's
   uint32_t packetLen;  ///< total length in bytes, header included
   uint8_t bigEndian;   ///< non-zero: requestId, packetLen and what ReadUint32 reads are big-endian
   uint8_t reserved[3];
@@ -66,15 +66,18 @@ class CpdPacket {
 
   /// Fills in the header, except `packetLen`. Does nothing without a buffer.
   void InitHeader(uint8_t devId, uint16_t cmd, uint32_t requestId);
-  /// Appends to the payload; may move the buffer. @return 0 or -1
+  /// Appends to the payload; may move the buffer.
+  /// @return 0, even if the bytes do not fit or memory ran out: then packetLen stays the same. -1
+  ///         without a buffer or header, or when `len` exceeds the room for a payload
   int AppendPayload(const void* data, uint32_t len);
   /// Appends a 4-byte value. @return 0 or -1; a buffer with room for the header only is refused
   int AppendUint32(uint32_t value);
   /// Takes a received packet of `len` bytes. With `copy` false the packet adopts `data`, which
-  /// must come from malloc. `packetLen` is not compared with `len`. @return 0 or -1
+  /// must come from malloc. `packetLen` is not compared with `len`.
+  /// @return 0; -1 on failure, and then `data` stays the caller's
   int Parse(uint8_t* data, int len, bool copy);
-  /// A deep copy of the first `packetLen` bytes, owned by the caller; null when they exceed the
-  /// capacity or memory ran out.
+  /// A deep copy of the first `packetLen` bytes, owned by the caller; null when they are less
+  /// than a header or exceed the capacity, or when memory ran out.
   [[nodiscard]] CpdPacket* Clone() const;
   /// The unread payload; null without a buffer or past its end.
   [[nodiscard]] uint8_t* GetPayload() const;

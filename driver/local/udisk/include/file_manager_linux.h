@@ -103,7 +103,8 @@ class FileManagerLinux {
   int UdiskGetFileInformation(const char* path, udisk_stat* out);
   int UdiskGetXattr(const char* path);  ///< extended attributes are not supported: -1
   /// Lists a directory, "." and ".." included, in the directory's own order. `out` is unchanged on
-  /// failure. @return 0, or -1 when it cannot be opened or memory ran out
+  /// failure. @return 0, or -1 when it cannot be opened, no packet holds the listing, or memory ran
+  /// out
   int UdiskReadDir(const char* path, _UDISK_DIR_ATTR* out);
   int UdiskLink(const char* existing, const char* path);
   int UdiskUnlink(const char* path);

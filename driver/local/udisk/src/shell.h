@@ -1,5 +1,5 @@
 // Runs shell commands. Words are quoted, so that the shell runs nothing in them; a command that is
-// too long for its buffer is not run.
+// too long is not run.
 #pragma once
 
 #include <array>
@@ -11,7 +11,7 @@
 
 namespace cpd {
 
-/// The buffer size of most commands, terminator included.
+/// Most commands must be shorter than this, in bytes.
 constexpr size_t kCommandSize = 256;
 
 /// `text` as one word for the shell: unchanged when no character is special, else quoted.
@@ -41,7 +41,7 @@ class CommandOutput {
   /// Holds a line, its line feed and a NUL. The rest of a longer line reads as the next line.
   using Line = std::array<char, 1024>;
 
-  /// Does not start a command that is too long for a buffer of `size` bytes.
+  /// Does not start a command of `size` bytes or more.
   explicit CommandOutput(const std::string& command, size_t size = kCommandSize)
       : pipe_(command.size() < size ? popen(command.c_str(), "re") : nullptr) {}
 
