@@ -92,7 +92,7 @@ class LineKeeper {
   std::chrono::steady_clock::time_point up_since_;
   bool was_useful_ = false;            // the line before
   std::chrono::milliseconds pause_{};  // before the next line
-  unsigned nonsense_ = 0;              // lines in a row that ended with it and were of no use
+  unsigned nonsense_ = 0;              // useless lines that ended with it, since a useful one
   std::thread keeper_;
 };
 

@@ -31,7 +31,8 @@ inline constexpr uint32_t kLargestRequest = 8 << 20;
 
 #pragma pack(push, 1)
 
-/// The first record each way. Both sides send it without waiting for the other's.
+/// The first record each way. The side that sets the line up sends it without waiting for the
+/// other's.
 struct Hello {
   std::array<uint8_t, 8> magic = kHelloMagic;
   uint16_t version = kStreamVersion;  ///< both sides must have the same
@@ -41,8 +42,8 @@ struct Hello {
   uint64_t window;  ///< charge that this side accepts beyond what it has reported as taken
   Id128 session{};  ///< chosen by the side that sets the line up, the same for each of its lines;
                     ///< zeros from the other side
-  Id128 disk{};     ///< kDisk: differs from that of any other disk; kRemote: zeros
-  Id128 life{};     ///< kDisk: changes when the machine is booted or the disk is mounted anew
+  Id128 disk{};     ///< kDisk: DiskIdentity::disk; kRemote: zeros
+  Id128 life{};     ///< kDisk: DiskIdentity::life; kRemote: zeros
 };
 static_assert(sizeof(Hello) == 72 && alignof(Hello) == 1);
 static_assert(offsetof(Hello, version) == 8 && offsetof(Hello, role) == 10);

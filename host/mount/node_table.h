@@ -28,8 +28,8 @@ class NodeTable {
 
   struct File {
     std::string path;        ///< begins with '/'
-    udisk_stat attributes;   ///< as the disk showed them last
-    Clock::time_point told;  ///< when that was
+    udisk_stat attributes;   ///< as the disk showed them last; see also Grow and SetMode
+    Clock::time_point told;  ///< when the disk showed them
     int64_t kernel_size;     ///< where the kernel would append; -1 if unknown
     bool is_hidden = false;  ///< unlinked, but programs have it open
   };
@@ -66,9 +66,11 @@ class NodeTable {
   void SetMode(Id id, uint32_t mode);
   /// Empty for an id that the kernel was never given, and for a file without a name.
   [[nodiscard]] std::optional<File> Find(Id id) const;
-  /// The attributes that the disk showed last, even if the file has lost its name.
+  /// The attributes that the disk showed last, with what Grow and SetMode have changed since. Also
+  /// for a file that has lost its name.
   [[nodiscard]] std::optional<udisk_stat> LastAttributes(Id id) const;
-  /// The attributes of a file, if the disk has shown them since this mount changed the file.
+  /// The same, if the disk has shown them since this mount changed the file's content, or the names
+  /// in the directory.
   [[nodiscard]] std::optional<udisk_stat> CurrentAttributes(Id id) const;
   /// The same for a name's file.
   [[nodiscard]] std::optional<udisk_stat> CurrentAttributes(Id parent,

@@ -22,12 +22,12 @@ namespace cpd::host {
 /// Watches what programs read. When one reads its way through the small files of a directory that
 /// it has listed, fetches the next ones together in one request.
 ///
-/// Fetched content is used once, and only under three conditions. It was requested less than
-/// kTrusted ago: then a change of a file's content on the client shows as soon as one of its
-/// attributes would, since the kernel trusts those for the same time. The kernel knows the file as
-/// it was listed, and the content has the listed length. The file has not been changed through this
-/// mount since the request. Otherwise the file is read as without prefetch. All operations are
-/// callable from any thread.
+/// Fetched content is used once, and only under three conditions. When a program asks for it, it
+/// was requested less than kTrusted ago: then a change of a file's content on the client shows as
+/// soon as one of its attributes would, since the kernel trusts those for the same time. The kernel
+/// knows the file as it was listed, and the content has the listed length. The file has not been
+/// changed through this mount since the request. Otherwise the file is read as without prefetch.
+/// All operations are callable from any thread.
 class Prefetch {
  public:
   using Clock = std::chrono::steady_clock;

@@ -39,8 +39,9 @@ class ReadingRun {
   /// The order in which the program reads; empty until it is clear.
   [[nodiscard]] std::optional<Way> way() const;
   /// The files to fetch next. There are none until the program's order is clear, and none while
-  /// more than half of the last batch is unread. The order is clear at once when the program begins
-  /// with the first file of the expected one. Batches grow as they are used.
+  /// what was fetched and is still unread exceeds half of the next batch. The order is clear at
+  /// once when the program begins with the first file of the expected one. Batches grow as they are
+  /// used.
   std::vector<File> NextBatch();
   /// Notes that the last batch was not used. The next ones are smaller, and finally there are none.
   void SlowDown();

@@ -25,8 +25,9 @@ namespace cpd::host {
 /// program gets came ahead itself, the first directories below it are listed ahead, too. Does all
 /// this only when the disk is far: when it is near, there is no wait to save.
 ///
-/// A listing that came ahead is shown once, at most kTrusted after it was asked for, and only if
-/// nothing was changed through this mount since. All operations are callable from any thread.
+/// A listing that came ahead is shown once, and only if a program asks for it at most kTrusted
+/// after it was asked for, with nothing changed through this mount in between. All operations are
+/// callable from any thread.
 class WalkAhead {
  public:
   using Clock = std::chrono::steady_clock;

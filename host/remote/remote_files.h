@@ -108,7 +108,7 @@ class RemoteFiles {
   /// Reads the start of several files with one request. A file that cannot be read has no bytes.
   void ReadSmallFiles(const std::vector<SmallFile>& files, Done<SmallFilesData> done);
   void GetStatistics(const std::string& path, Done<udisk_statvfs> done);
-  /// Whether the attribute has a value. The protocol never carries one.
+  /// Whether the module says that the attribute has a value. It always says that there is none.
   void HasExtendedAttribute(const std::string& path, const std::string& name, Done<bool> done);
 
   // ---- What changes the disk ----
