@@ -56,7 +56,9 @@ pid_t StarterOf(pid_t process) {
     if (children.size() == 1) workers = ChildrenOf(children.front());
     return workers.size() == 1;
   }));
-  return workers.empty() ? -1 : workers.front();
+  // To kill, -1 would mean every process.
+  if (workers.empty()) throw std::runtime_error("there is no starter");
+  return workers.front();
 }
 
 /// Whether a process still runs. One that has ended counts as such before its new parent reaps it.
@@ -353,6 +355,7 @@ TEST_F(StarterTest, SaysWhetherItHasEndedOrIsStuck) {
   EXPECT_EQ(failure(), "the process that starts the line is stuck");
   kill(ChildrenOf(getpid()).front(), SIGKILL);
   kill(worker, SIGKILL);
+  EXPECT_TRUE(Eventually([&] { return !Runs(worker); }));
   EXPECT_EQ(failure(), "the process that starts the line has ended");
 }
 
