@@ -37,9 +37,9 @@ step() { printf '==> %02d:%02d  %s\n' $((SECONDS / 60)) $((SECONDS % 60)) "$*"; 
 show_progress() {
   awk -v log_file="$1" '
     { print >log_file }
-    match($0, /^(\[| *)[0-9]+\/[0-9]+/) {
+    /^\[[0-9]+\/[0-9]+\] / || /^ *[0-9]+\/[0-9]+ Test / {
+      match($0, /[0-9]+\/[0-9]+/)
       split(substr($0, RSTART, RLENGTH), count, "/")
-      sub(/^\[/, "", count[1])
       tenth = int(10 * count[1] / count[2])
       if (tenth > shown) { printf "      %d of %d\n", count[1], count[2]; fflush(); shown = tenth }
     }'
