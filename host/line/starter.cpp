@@ -246,6 +246,8 @@ class StarterProcess {
     std::memcpy(&request, bytes.data(), sizeof request);
     switch (request.task) {
       case Task::kStart: {
+        if (request.id == started_) break;  // asked twice, because the answer was late
+        started_ = request.id;
         Ends ends;
         const int error = Launch(request.id, &ends);
         const std::array descriptors{ends.output.get(), ends.input.get(), ends.status.get()};
@@ -394,6 +396,7 @@ class StarterProcess {
   const std::string mount_point_;
   const bool ignores_hangup_;
   Duties& duties_;
+  uint32_t started_ = 0;  // the id of the last kStart
   std::vector<Command> commands_;
   std::vector<Ending> endings_;
 };
@@ -465,8 +468,8 @@ Starter::~Starter() {
 /// Waits for the answer to a request. Those to earlier requests came too late, and are dropped.
 /// @param error  set to the answer's; without one, to ETIMEDOUT, or to EPIPE if the process has
 /// ended
-std::optional<PassedMessage> Starter::AwaitAnswer(uint32_t id, int* error) {
-  const auto deadline = Clock::now() + answer_limit_;
+std::optional<PassedMessage> Starter::AwaitAnswer(uint32_t id, milliseconds limit, int* error) {
+  const auto deadline = Clock::now() + limit;
   *error = ETIMEDOUT;
   while (WaitReadable(socket_.get(), deadline)) {
     Answer answer{};
@@ -488,7 +491,12 @@ StartedLine Starter::Start() {
   const uint32_t id = ++last_id_;
   SendPassed(socket_.get(), Packed({Task::kStart, id}));
   int error = 0;
-  auto answer = AwaitAnswer(id, &error);
+  auto answer = AwaitAnswer(id, answer_limit_ / 5, &error);
+  if (!answer && error == ETIMEDOUT) {
+    // A process that was killed takes its request with it, and its successor does not know of it.
+    SendPassed(socket_.get(), Packed({Task::kStart, id}));
+    answer = AwaitAnswer(id, answer_limit_, &error);
+  }
   if (!answer) {
     // If the command is started after all, nobody uses it.
     SendPassed(socket_.get(), Packed({Task::kEnd, id}));
@@ -514,7 +522,7 @@ void Starter::Unmount() {
   for (int i = 0; i < kTries; ++i) {
     SendPassed(socket_.get(), Packed({Task::kUnmountNow, id}));
     int error = 0;
-    if (AwaitAnswer(id, &error)) return;
+    if (AwaitAnswer(id, answer_limit_, &error)) return;
   }
 }
 

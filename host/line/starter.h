@@ -56,7 +56,7 @@ class Starter {
   /// @param command  the line, for /bin/sh -c
   /// @param mount_point  absolute path, for Unmount and UnmountOnDeath; empty if neither is called
   /// @param answer_limit  how long Start and Unmount wait for the process, which may be killed or
-  ///                      stopped meanwhile. Unmount asks it twice
+  ///                      stopped meanwhile. Both ask it twice
   /// @throws std::system_error when there is no further process or descriptor
   Starter(const std::string& command, const std::string& mount_point,
           std::chrono::milliseconds answer_limit = std::chrono::seconds(5));
@@ -93,7 +93,8 @@ class Starter {
   void ActAtEnd() { acts_at_end_ = true; }
 
  private:
-  std::optional<PassedMessage> AwaitAnswer(uint32_t id, int* error);
+  std::optional<PassedMessage> AwaitAnswer(uint32_t id, std::chrono::milliseconds limit,
+                                           int* error);
 
   const std::chrono::milliseconds answer_limit_;
   pid_t process_ = -1;
