@@ -246,8 +246,6 @@ class StarterProcess {
     std::memcpy(&request, bytes.data(), sizeof request);
     switch (request.task) {
       case Task::kStart: {
-        if (request.id == started_) break;  // asked twice, because the answer was late
-        started_ = request.id;
         Ends ends;
         const int error = Launch(request.id, &ends);
         const std::array descriptors{ends.output.get(), ends.input.get(), ends.status.get()};
@@ -396,7 +394,6 @@ class StarterProcess {
   const std::string mount_point_;
   const bool ignores_hangup_;
   Duties& duties_;
-  uint32_t started_ = 0;  // the id of the last kStart
   std::vector<Command> commands_;
   std::vector<Ending> endings_;
 };
@@ -488,18 +485,20 @@ std::optional<PassedMessage> Starter::AwaitAnswer(uint32_t id, milliseconds limi
 
 StartedLine Starter::Start() {
   const std::lock_guard lock(starting_);
-  const uint32_t id = ++last_id_;
-  SendPassed(socket_.get(), Packed({Task::kStart, id}));
+  uint32_t id = 0;
   int error = 0;
-  auto answer = AwaitAnswer(id, answer_limit_ / 5, &error);
-  if (!answer && error == ETIMEDOUT) {
-    // A process that was killed takes its request with it, and its successor does not know of it.
+  std::optional<PassedMessage> answer;
+  // It is asked twice. A process that was killed takes its request with it, and its successor does
+  // not know of it.
+  for (const milliseconds limit : {answer_limit_ / 5, answer_limit_}) {
+    id = ++last_id_;
     SendPassed(socket_.get(), Packed({Task::kStart, id}));
-    answer = AwaitAnswer(id, answer_limit_, &error);
-  }
-  if (!answer) {
+    answer = AwaitAnswer(id, limit, &error);
+    if (answer || error != ETIMEDOUT) break;
     // If the command is started after all, nobody uses it.
     SendPassed(socket_.get(), Packed({Task::kEnd, id}));
+  }
+  if (!answer) {
     throw std::runtime_error(error == ETIMEDOUT ? "the process that starts the line is stuck"
                                                 : "the process that starts the line has ended");
   }

@@ -386,6 +386,26 @@ TEST_F(StarterTest, EndsACommandWhoseAnswerCameTooLateAndTakesTheAnswerForNoOthe
   EXPECT_EQ(line->Ended(10s), 128 + SIGTERM) << "the line is another command's";
 }
 
+TEST_F(StarterTest, IsAskedAgainWhenItsAnswerIsLateAndEndsWhatItStartedFirst) {
+  const std::string file = directory / "processes";
+  Starter starter("echo $$ >>" + file + "; echo started; exec sleep 1000", "", 5s);
+  const pid_t worker = StarterOf(getpid());
+  kill(worker, SIGSTOP);
+  std::thread late([&] {
+    std::this_thread::sleep_for(1200ms);  // a fifth of the limit has passed
+    kill(worker, SIGCONT);
+  });
+  const auto line = starter.Start();
+  late.join();
+  EXPECT_EQ(ReadLine(line.in.get()), "started");
+  const auto running = [&] {
+    std::ifstream commands(file);
+    const std::vector<pid_t> started(std::istream_iterator<pid_t>(commands), {});
+    return std::ranges::count_if(started, Runs);
+  };
+  EXPECT_TRUE(Eventually([&] { return running() == 1; }));
+}
+
 TEST_F(StarterTest, UnmountsOnceEvenIfItIsAskedTwiceBecauseItsAnswerIsLate) {
   const fs::path place = directory / "mount";
   fs::create_directory(place);
