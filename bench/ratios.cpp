@@ -33,7 +33,7 @@ class PinnedToOneCore {
 
 struct Row {
   std::string name;
-  int operations;  ///< per turn; enough for at least a tenth of a second
+  int operations;  ///< per turn; enough for some hundredths of a second
   std::function<Load()> make_base;
   std::function<Load()> make_compared;
   enum Kind { kShareOfTheBasesRate, kTimesTheBasesTime } kind;

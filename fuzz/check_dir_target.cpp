@@ -71,7 +71,7 @@ void MakeFile(const std::string& path, const std::string& content) {
   utimensat(AT_FDCWD, path.c_str(), settled, 0);
 }
 
-/// Makes the same disk for every input: no request of this target changes it.
+/// Makes the disk, once: no request of this target changes it.
 void MakeDisk() {
   static bool made = false;
   if (made) return;

@@ -88,7 +88,7 @@ std::string LongStep(uint16_t cmd, const std::string& begin, const std::string& 
   return "Z" + BytesOf(cmd) + Text(begin) + Text(text) + BytesOf(times);
 }
 
-/// The largest possible requests, made of many small parts.
+/// Very long requests, made of many small parts.
 std::vector<std::pair<std::string, std::string>> LongSteps() {
   constexpr uint32_t kMany = 200'000;
   constexpr uint16_t kMost = 0xffff;

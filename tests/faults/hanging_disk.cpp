@@ -1,5 +1,5 @@
 // A disk that hangs on request: hanging-disk MOUNT_POINT mounts a file system that holds one file
-// and an empty directory.
+// and a directory.
 // After SIGUSR1 every call blocks until SIGUSR2. Once a signal has taken effect, an h or an r is
 // written to standard output; a call that begins to block writes a b. SIGTERM unmounts.
 #include <fuse3/fuse.h>

@@ -120,7 +120,7 @@ TEST_F(Losses, ThatDidNotReachTheProgramAreReportedAgainButNotByAWrite) {
   EXPECT_EQ(files.TakeFailureOrLoss(writer), 0);
 }
 
-TEST_F(Losses, ThatDidNotReachTheProgramOutlastASuccessThatDidNotEither) {
+TEST_F(Losses, ThatDidNotReachTheProgramAreNotErasedByASuccessThatDidNotReachIt) {
   const auto writer = files.Open(kFile);
   files.NoteWrite(kFile);
   files.LoseUnsynced();

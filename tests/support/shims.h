@@ -13,8 +13,8 @@
 
 namespace cpd::test {
 
-/// While an instance exists, a directory at the front of PATH whose programs record how they
-/// were called.
+/// While an instance exists, PATH begins with a directory of the test's own, whose programs record
+/// how they were called.
 class Shims {
  public:
   Shims() {

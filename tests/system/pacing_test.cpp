@@ -38,7 +38,7 @@ double SecondsToRead(const std::string& path, size_t size) {
 }
 
 /// Each period of half a second has an allowance of 512 ms worth of data. The request that uses it
-/// up sleeps until the period ends and counts towards the next one.
+/// up sleeps for half a second and counts towards the next one.
 double LegacySeconds(size_t size) {
   const size_t allowance = kKbps / 8 * 512;
   size_t counted = 0;

@@ -95,7 +95,7 @@ class Renewal : public testing::Test {
     ASSERT_TRUE(IsMounted(mnt)) << ReadFile(place / "err");
   }
 
-  /// From now on there is no line until LetLinesGo.
+  /// From now on no new line is set up until LetLinesGo. The present one stays.
   void HoldLines() const { WriteFile(place / "hold", ""); }
   void LetLinesGo() const { fs::remove(place / "hold"); }
   /// Ends the serving process as a crash would.

@@ -1,4 +1,5 @@
-// Whether the reader, the host or the disk ends first, nothing hangs and no mount is left.
+// Whether the reader, the host or the disk ends first, nothing hangs. No mount is left, unless the
+// host is killed.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>

@@ -330,7 +330,7 @@ TEST_F(UsbRedirect, EndsWithinSecondsAfterCtrlCWithTwoDisks) {
   EXPECT_EQ(TimesSaid("trying again"), 0U) << Said();
 }
 
-TEST_F(UsbRedirect, KillsTheProcessOfADiskThatDoesNotEnd) {
+TEST_F(UsbRedirect, KillsADisksProcessThatDoesNotEnd) {
   const auto stuck = Label("STUCK");
   const auto other = Label("OTHER");
   Plug("sdb", stuck);

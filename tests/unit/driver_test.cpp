@@ -744,7 +744,7 @@ TEST_F(DriverTest, CloseRightAfterOpenIsClean) {
 
 using DriverRace = DriverTest;
 
-TEST_F(DriverRace, TwoThreadsCloseTheSameDriverAThousandTimes) {
+TEST_F(DriverRace, TwoThreadsThatCloseADriverTraceItsClosingOnce) {
   for (int round = 0; round < 1000; ++round) {
     Open();
     {

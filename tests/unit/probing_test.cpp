@@ -242,7 +242,7 @@ class GetDevNameTest : public ProbingTest {
     EXPECT_EQ(UDiskService::GetDevName(out.data()), 0);
     return out.data();
   }
-  /// The disks whose removable flag was read.
+  /// The commands that read the removable flags of disks.
   [[nodiscard]] Lines Asked() const {
     Lines lines = shims.CommandLines();
     std::erase(lines, "cat /proc/partitions");

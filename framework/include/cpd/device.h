@@ -17,7 +17,8 @@ class CpdPathMatch {
   virtual ~CpdPathMatch() = default;
 };
 
-/// Decides for which files reads and writes are traced.
+/// Decides for which files reads and writes are traced. Called on the worker of each driver that
+/// got it from GetPathFilter. Like SendPacket, it must not wait.
 class CpdPathFilter {
  public:
   /// @param path  relative to the disk's mount point
@@ -53,7 +54,8 @@ class CpdDeviceBase {
 
 /// One redirected disk. The host keeps it alive until the driver is closed and destroyed.
 /// All operations are callable from any thread. If one of them throws, the driver loses only the
-/// request, event or trace for which it was called.
+/// request, event, trace or announcement for which it was called. Without its announcement, the
+/// disk does not appear on the remote side until it is opened again.
 class CpdDevice {
  public:
   /// Empty once the device is gone.

@@ -25,6 +25,7 @@ class CpdDriver {
   /// The packet's buffer must be exactly as long as the message, as CpdPacket::Parse makes it. The
   /// driver checks lengths against the buffer: in a longer one, a hostile message could read the
   /// host's memory after it and have that sent back.
+  /// @param flags  not used; hosts pass 0
   /// @return 0, or -1 when the packet is null or addressed to another device, when GetDevId throws,
   ///         or when there is no memory to queue the packet, which is then destroyed
   virtual int onEvent(std::unique_ptr<CpdPacket> packet, int flags) = 0;
@@ -41,10 +42,10 @@ class CpdDriver {
   /// Device control. @param status  receives the status word @return 0, or -1 when not supported
   virtual int Control(void* request, uint16_t* status) = 0;
 
-  /// Stops the driver and waits for the request in flight; later packets are dropped. After a
-  /// second, a request of many calls is given up between two of them, without a reply. A second
-  /// Close, on any thread, waits for the first. Once this returns, neither the driver nor the
-  /// object that GetDriverObj returned uses the device. @return 0
+  /// Stops the driver and waits for the announcement and for the request in flight; later packets
+  /// are dropped. After a second, a request of many calls is given up between two of them, without
+  /// a reply. A second Close, on any thread, waits for the first. Once this returns, only onEvent
+  /// uses the device, to ask for its id; the object that GetDriverObj returned does not. @return 0
   virtual int Close(signed char reason) = 0;
 
   virtual std::string GetDriverKind() = 0;

@@ -6,6 +6,7 @@
 
 namespace cpd {
 
+/// All operations are callable from any thread.
 class DriverObj {
  public:
   virtual ~DriverObj() = default;
@@ -16,7 +17,8 @@ class DriverObj {
   virtual int GetDeviceId() = 0;
   virtual void Stop() = 0;
 
-  int mVmId = 0;  ///< id of the virtual machine; set by the host
+  /// Id of the virtual machine; set by the host before it passes on the announcement's answer.
+  int mVmId = 0;
 };
 
 class UdiskOperatorInf : public DriverObj {

@@ -73,11 +73,13 @@ class CpdPacket {
   /// Appends a 4-byte value. @return 0 or -1; a buffer with room for the header only is refused
   int AppendUint32(uint32_t value);
   /// Takes a received packet of `len` bytes. With `copy` false the packet adopts `data`, which
-  /// must come from malloc. `packetLen` is not compared with `len`.
+  /// must come from malloc. `packetLen` is not compared with `len`. In a big-endian packet, this
+  /// swaps the bytes of `requestId` and `packetLen`, and sets `cmd` to 0.
   /// @return 0; -1 on failure, and then `data` stays the caller's
   int Parse(uint8_t* data, int len, bool copy);
   /// A deep copy of the first `packetLen` bytes, owned by the caller; null when they are less
-  /// than a header or exceed the capacity, or when memory ran out.
+  /// than a header or exceed the capacity, or when memory ran out. The copy is made by Parse, which
+  /// swaps the fields of a big-endian packet once more.
   [[nodiscard]] CpdPacket* Clone() const;
   /// The unread payload; null without a buffer or past its end.
   [[nodiscard]] uint8_t* GetPayload() const;

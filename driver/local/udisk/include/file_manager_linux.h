@@ -20,7 +20,7 @@ class LocalPaths;
 /// A directory listing.
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the record's established name
 struct _UDISK_DIR_ATTR {
-  uint32_t entry_count;  ///< entries in buf
+  uint32_t entry_count;  ///< entries in buf; too many if the directory shrank during the listing
   uint32_t buf_len;      ///< bytes in buf: the entries and one spare zero byte
   uint8_t* buf;          ///< packed udisk_dir_entry records; the caller releases it with free
 };
@@ -70,7 +70,7 @@ class FileManagerLinux {
   int MakeOneDir(const char* path, int mode);
   /// Makes the missing directories above `path` and, with `make_last`, `path` itself. A backslash
   /// separates components, as a slash does.
-  /// @return 0 (also for null), -1, or the last mkdir's result
+  /// @return 0 (also for null, and when memory runs out), -1, or the last mkdir's result
   int UdiskMakeDir(const char* path, int mode, short make_last);
   int UdiskFileOpen(const char* path);           ///< not implemented: -1
   int UdiskCloseFile(const char* path, int fd);  ///< does nothing: 0
@@ -89,8 +89,8 @@ class FileManagerLinux {
     return count > 0 && offset > INT64_MAX - count;
   }
   /// The most that the file can deliver of `count` bytes at `offset`. A file of unknown size (such
-  /// as one in /proc) counts as 1 MiB, and one that cannot be opened counts as empty. A negative
-  /// count is returned unchanged.
+  /// as one in /proc) counts as 1 MiB, and one that is missing or out of reach counts as empty. A
+  /// negative count is returned unchanged.
   static int Deliverable(int fd, int64_t offset, int count);
   int Deliverable(const char* path, int64_t offset, int count) const;
   /// Writes to an existing file. @param err  receives errno on failure only
@@ -128,7 +128,7 @@ class FileManagerLinux {
   void LetGo();
 
   /// From now on a listing, the making of missing directories, and any caller of StopIfGivenUp
-  /// ends before its next system call. Any thread.
+  /// ends after a few more system calls at most. Any thread.
   void GiveUp() { mGivenUp = true; }
   /// @throws GivenUp  after GiveUp
   void StopIfGivenUp() const {

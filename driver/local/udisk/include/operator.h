@@ -102,6 +102,7 @@ struct TokenBucket {
   void sleepOff(int64_t wait_ms) {
     ++sleeps;
     const auto begin = static_cast<int64_t>(getCurrentTime());
+    // In 32 bits: of a debt that takes more than 71 minutes, only a part is slept off.
     auto left = static_cast<uint32_t>(wait_ms) * 1000U;
     while (left > 0 && !stopping) {
       const uint32_t piece = std::min(left, kMostSleepUs);

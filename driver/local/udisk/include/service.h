@@ -61,7 +61,8 @@ class UDiskService {
   /// @return number of bytes copied
   static int GetString(const char* source, char* destination);
   /// @param port  of a USB device, such as 1-2
-  /// @return the class of the device's first interface; 0 = unknown
+  /// @return the class of the device's first interface, whose two hexadecimal digits are read as
+  ///         decimal ones: 08 is 8, but ff is 0; 0 = unknown
   static int GetDeviceClass(const char* port);
   /// @param block_device  such as sdb @return 1 = removable, 0 = fixed or unknown
   static int CheckRemovable(const char* block_device);

@@ -90,8 +90,8 @@ Descriptor OpenBeneath(const Descriptor& root, std::string_view below, int flags
   return Descriptor();
 }
 
-/// Whether `path`, beneath `directory` if it is relative, is the root of a mount. Does not access
-/// the disk.
+/// Whether `path`, beneath `directory` if it is relative, is the root of a mount. Accesses the
+/// disk at most to look the path up.
 bool IsMountRoot(int directory, const char* path) {
   struct statx st {};
   constexpr int kFlags = AT_EMPTY_PATH | AT_STATX_DONT_SYNC;

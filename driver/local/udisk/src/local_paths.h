@@ -59,8 +59,8 @@ class LocalPath {
 /// with it, and a FIFO or device is closed again before anything is read or written. A path that
 /// leads out fails with ENOENT. So does every path while the mount point is empty, or if it was
 /// the root of a mount when the disk was set and no longer is. A path of PATH_MAX bytes or more
-/// fails with ENAMETOOLONG. Confined mode needs openat2 and /proc: without them every call fails.
-/// Callable from any thread.
+/// fails with ENAMETOOLONG. Confined mode needs openat2, without which every call fails, and /proc,
+/// without which only Open works. Callable from any thread.
 class LocalPaths {
  public:
   /// Returns the current mount point, with which every path must begin.

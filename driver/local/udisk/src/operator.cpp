@@ -2,7 +2,8 @@
 // the command table below names its handler; the handler reads head and path (request.h), joins the
 // path to the mount point, makes one call of the file layer (file_manager_linux.h), writes the
 // result into the head, and sends head and path back (reply.h). The layouts of all heads are in
-// wire.h. A request that reaches past its own buffer is dropped with one Error line.
+// wire.h. A request that reaches past its own buffer is dropped with one Error line (a 123 whose
+// path does, without one).
 //
 // Everything here runs on that worker thread, unless operator.h says otherwise.
 
