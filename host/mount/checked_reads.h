@@ -62,7 +62,7 @@ class CheckedReads {
   using Opened = std::function<void(int error, SharedContent content)>;
   /// Receives content that was read ahead, and when it was asked for; null if there is none.
   using Arrived = std::function<void(const std::string_view* content, Clock::time_point asked)>;
-  /// Waits for content that was read ahead for the file as it is known.
+  /// Waits for the file's content that was read ahead, if its attributes have not changed since.
   /// @return false when there is none, so that `arrived` does not run
   using Ahead = std::function<bool(const NodeTable::File& file, Arrived arrived)>;
   /// Receives the bytes, which are valid during the call; fewer than wanted only at the file's end.

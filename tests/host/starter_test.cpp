@@ -361,7 +361,7 @@ TEST_F(StarterTest, SaysWhetherItHasEndedOrIsStuck) {
 
 // ---- Late answers ----
 
-TEST_F(StarterTest, EndsACommandWhoseAnswerCameTooLateAndTakesTheAnswerForNoOther) {
+TEST_F(StarterTest, DropsAnAnswerThatComesTooLateAndEndsItsCommand) {
   const fs::path file = directory / "commands";
   Starter starter("echo $$ >>" + file.string() + "; exec cat", "", 300ms);
   const pid_t worker = StarterOf(getpid());

@@ -378,7 +378,7 @@ TEST_F(BadLine, ManyProgramsThatWaitBehindARenameCanBeInterrupted) {
 
 // A file that is open when its last name goes stays on the disk under a hidden name. A program that
 // was interrupted while it opened the file never closes it.
-TEST_F(BadLine, NoFileStaysOnTheDiskThatWasRemovedAfterItsOpeningWasInterrupted) {
+TEST_F(BadLine, AFileRemovedAfterItsOpeningWasInterruptedDoesNotStayOnTheDisk) {
   WriteFile(disk / "file", Bytes(100'000));
   const auto mounted = Mount();
   const auto file = mounted / "file";

@@ -369,7 +369,7 @@ TEST_F(CheckDir, WithAMalformedCacheGetsAFullReply) {
 
   request = good;
   request.cached.replace(last_entry + 120, 2, std::string(2, '\0'));
-  ExpectListing(request);  // nor has it one if its old bytes follow the last entry
+  ExpectListing(request);  // likewise in the last entry, with the old name's bytes left over
 
   request = good;
   request.cached[last_entry + 122 + 1] = 'x';
@@ -542,7 +542,7 @@ TEST_F(CompareCache, StopsAtAMissingNameAfterADuplicateInTheListing) {
   EXPECT_EQ(Log().Messages(), (Texts{Found("a"), Found("a"), "found name:b,not found"}));
 }
 
-TEST_F(CompareCache, OfVeryManyDuplicatesDoesNotCountTheirSquare) {
+TEST_F(CompareCache, OfVeryManyDuplicatesTakesFewSteps) {
   const std::vector<DirEntry> duplicates(10'000, Entry("a"));
   EXPECT_EQ(Compare(duplicates, duplicates), 0);
   EXPECT_LT(Log().Messages().size(), 200'000U);
