@@ -24,8 +24,8 @@ class Interruptions;
 /// is gone. Callable from any thread.
 ///
 /// The first reply counts; it may come from Interruptions. Later ones have no effect. So each
-/// returns whether the kernel took it: only then does the kernel hold what the reply refers to, such
-/// as a node.
+/// returns whether the kernel took it: only then does the kernel hold what the reply refers to,
+/// such as a node.
 class KernelRequest {
  public:
   /// @param interruptions  must outlive the request and its copies
