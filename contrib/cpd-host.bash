@@ -21,7 +21,8 @@ _cpd_host_words() {
 # The options of a command, as its --help lists them.
 _cpd_host_options() {
   local log='--log --log-level'
-  local disk="--module --policy --bandwidth --timeout --trace --trace-reads --unconfined $log"
+  local record='--record --record-bytes'
+  local disk="--module --policy --bandwidth --timeout --trace --trace-reads --unconfined $record $log"
   local naming='--name --read-only'
   local mount='--label --allow-other --sync --no-batch --no-prefetch --no-dir-cache'
   local stream='--window --no-sandbox'
@@ -30,7 +31,7 @@ _cpd_host_options() {
     mount) echo "$disk --device $naming $stream $dial $mount" ;;
     redirect) echo "$disk $naming $stream $dial --make-directory --usb --match" ;;
     serve) echo "$disk $naming $stream" ;;
-    attach) echo "--make-directory $log $mount $stream --reconnect" ;;
+    attach) echo "--make-directory $record $log $mount $stream --reconnect" ;;
     disks) echo '--json' ;;
     ls | cat | df | xattr) echo "$disk" ;;
   esac
@@ -57,6 +58,7 @@ _cpd_host_hosts() {
 _cpd_host_has_value() {
   case $1 in
     --module | --policy | --bandwidth | --timeout | --trace | --log | --log-level | --device) ;;
+    --record | --record-bytes) ;;
     --name | --label | --window | --reconnect | --via | --rsh | --remote-program) ;;
     -p | -F | -i | --match) ;;
     *) return 1 ;;
@@ -66,7 +68,7 @@ _cpd_host_has_value() {
 # Completes the value of an option, as far as it can be known here.
 _cpd_host_value() {
   case $1 in
-    --module | --trace | --log | -F | -i) compopt -o default ;; # files
+    --module | --trace | --record | --log | -F | -i) compopt -o default ;; # files
     --log-level) mapfile -t COMPREPLY < <(compgen -W 'debug error off' -- "$2") ;;
     --rsh) mapfile -t COMPREPLY < <(compgen -c -- "$2") ;;
     --device)

@@ -3,19 +3,22 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace cpd::host {
 
 struct DiskOptions {
-  std::string disk;          ///< the directory to redirect
-  std::string name;          ///< announced to the remote side; empty = the directory's name
-  std::string label;         ///< the remote side's label; empty = the directory's name
-  std::string drive;         ///< the remote side's name for the disk; empty = none
-  std::string policy;        ///< passed to the module unchanged
-  std::string module;        ///< empty = the one built with this program
-  std::string trace;         ///< file for trace events; empty = none are written
-  bool trace_reads = false;  ///< trace reads and writes of every file
+  std::string disk;    ///< the directory to redirect
+  std::string name;    ///< announced to the remote side; empty = the directory's name
+  std::string label;   ///< the remote side's label; empty = the directory's name
+  std::string drive;   ///< the remote side's name for the disk; empty = none
+  std::string policy;  ///< passed to the module unchanged
+  std::string module;  ///< empty = the one built with this program
+  std::string trace;   ///< file for trace events; empty = none are written
+  std::string record;  ///< file for the packets; empty = they are not recorded
+  std::optional<uint32_t> record_bytes;  ///< recorded of each packet's data; empty = all
+  bool trace_reads = false;              ///< trace reads and writes of every file
   bool read_only = false;
   bool unconfined = false;              ///< paths may lead out of the disk
   bool allow_other = false;             ///< let other users use the mount

@@ -3,9 +3,11 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
+#include "capture/recording.h"
 #include "commands/command.h"
 #include "commands/far_mount.h"
 #include "commands/line_command.h"
@@ -50,8 +52,10 @@ void Attach(const AttachOptions& options) {
   StandardLine standard;
   Line line = standard.Next();
   const RuntimeDirectory directory;
+  DiskOptions disk = options.disk;
   Hello hello;
   std::string mount_point;
+  std::optional<Recording> recording;
   try {
     {
       const MortalWhile mortal(stop_signals);
@@ -61,6 +65,8 @@ void Attach(const AttachOptions& options) {
     }
     if (options.makes_directory) std::filesystem::create_directories(options.mount_point);
     mount_point = CheckedMountPoint(options.mount_point);
+    disk.drive = mount_point;
+    recording.emplace(disk);
   } catch (const std::exception& error) {
     Refuse(std::move(line), Role::kRemote, error.what());
     throw;
@@ -69,12 +75,13 @@ void Attach(const AttachOptions& options) {
   const HandoverListener listener(directory, options.mount_point);
   OfferedLines source(std::move(line), hello, listener);
   MountOverLine(source,
-                {.disk = options.disk,
+                {.disk = disk,
                  .line = options.line,
                  .mount_point = mount_point,
                  .shown = "",
                  .session = {},
                  .starter = &starter,
+                 .recording = &*recording,
                  .runtime_directory = directory.PathOf("."),
                  .on_serve =
                      [&](LineKeeper& keeper) {
@@ -93,6 +100,7 @@ void AddAttachCommand(CLI::App* app, CommandLine* line) {
   attach->add_flag("--make-directory", options->makes_directory,
                    "Make MOUNTPOINT if it is missing; it stays");
   AddLogOptions(attach, line);
+  AddRecordOptions(attach, &options->disk);
   AddMountOptions(attach, &options->disk);
   AddStreamOptions(attach, &options->line);
   AddReconnectOption(attach, &options->line);

@@ -33,6 +33,8 @@ void AddXattrCommand(CLI::App* app, CommandLine* line);
 void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line);
 /// Adds --log and --log-level.
 void AddLogOptions(CLI::App* command, CommandLine* line);
+/// Adds --record, --record-bytes.
+void AddRecordOptions(CLI::App* command, DiskOptions* disk);
 /// Adds --timeout.
 void AddTimeoutOption(CLI::App* command, DiskOptions* disk);
 /// Adds the options of the mount itself: --label, --allow-other, --sync, --no-batch, --no-prefetch,

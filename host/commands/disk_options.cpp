@@ -42,6 +42,16 @@ void AddTimeoutOption(CLI::App* command, DiskOptions* disk) {
       ->check(CLI::NonNegativeNumber);
 }
 
+void AddRecordOptions(CLI::App* command, DiskOptions* disk) {
+  auto* const record =
+      command->add_option("--record", disk->record, "File for the packets, for Wireshark");
+  command
+      ->add_option("--record-bytes", disk->record_bytes,
+                   "How much of a packet's file data or listing is recorded [all]")
+      ->type_name("BYTES")
+      ->needs(record);
+}
+
 void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line) {
   command->add_option("DISK", disk->disk, "Directory to redirect, such as a mounted USB disk");
   command->add_option("--module", disk->module, "Driver module [../lib/udisk-redir.so]");
@@ -51,6 +61,7 @@ void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line) {
   AddTimeoutOption(command, disk);
   command->add_option("--trace", disk->trace, "File for trace events, one JSON object per line");
   command->add_flag("--trace-reads", disk->trace_reads, "Trace every read and write");
+  AddRecordOptions(command, disk);
   command->add_flag("--unconfined", disk->unconfined, "Follow paths and links that leave the disk");
   AddLogOptions(command, line);
 }

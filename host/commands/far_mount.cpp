@@ -48,6 +48,7 @@ void MountOverLine(LineSource& source, FarMount far, const StopSignals& stop_sig
                  .session = far.session,
                  .drive = far.mount_point,
                  .label = far.disk.label,
+                 .recording = *far.recording,
                  .on_first =
                      [&](const AnnouncedDisk& announced) {
                        // A signal that comes once there is a mount has to take it down.

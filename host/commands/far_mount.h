@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "capture/recording.h"
 #include "commands/line_options.h"
 #include "commands/stop_signals.h"
 #include "line/line_keeper.h"
@@ -20,13 +21,14 @@ namespace cpd::host {
 std::string CheckedMountPoint(const std::string& path);
 
 struct FarMount {
-  DiskOptions disk;
+  DiskOptions disk;  ///< with the mount point as `drive`
   LineOptions line;
   std::string mount_point;  ///< as CheckedMountPoint gave it
   std::string shown;        ///< in the table of mounts; empty = the announced name
   Id128 session{};          ///< of a side that sets the line up; zeros otherwise
   /// Unmounts on behalf of this process, which cannot do it in its sandbox.
   Starter* starter = nullptr;
+  Recording* recording = nullptr;  ///< of the packets; must outlive the mount
   /// A directory for files of its own, which the process can still use in its sandbox; empty =
   /// none.
   std::string runtime_directory = {};

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "capture/recording.h"
 #include "commands/command.h"
 #include "commands/far_mount.h"
 #include "commands/line_command.h"
@@ -91,13 +92,17 @@ void MountFar(const MountOptions& options, const std::string& command, const std
               const StopSignals& stop_signals) {
   const auto mount_point = CheckedMountPoint(options.mount_point);
   Dialer source(command, mount_point);
+  DiskOptions disk = options.disk;
+  disk.drive = mount_point;
+  Recording recording(disk);
   MountOverLine(source,
-                {.disk = options.disk,
+                {.disk = disk,
                  .line = options.line,
                  .mount_point = mount_point,
                  .shown = shown,
                  .session = RandomId(),
-                 .starter = &source.starter()},
+                 .starter = &source.starter(),
+                 .recording = &recording},
                 stop_signals);
 }
 

@@ -126,7 +126,7 @@ void AddRedirectCommand(CLI::App* app, CommandLine* line) {
   redirect
       ->add_flag("--usb", options->usb,
                  "Redirect every USB disk that is plugged in, to HOST:DIRECTORY/LABEL")
-      ->excludes("--via");
+      ->excludes("--via", "--record");
   redirect->add_option("--match", options->match, "With --usb: only the disk of this label or UUID")
       ->type_name("LABEL|UUID");
   redirect->callback([redirect, line, options] {

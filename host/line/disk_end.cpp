@@ -77,6 +77,7 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
       std::make_shared<Intake>([&connection](uint64_t charge) { connection.Taken(charge); },
                                std::min<uint64_t>(options_.window, theirs.window) / 8);
   const SignalsBlocked blocked;
+  recording_.Start();
   // The module's packets are handled on its worker. While the line takes nothing, the worker waits
   // here, and so does everything that is queued for it.
   disk_.emplace(
@@ -88,7 +89,7 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
                          packet->header->packetLen, packet->header->cmd);
           return;
         }
-        Count(*packet, false);
+        Note(*packet, Way::kFromModule);
         connection.SendWhenRoom(std::move(packet));
       });
   watching_.emplace(500ms, [this, &connection] { Watch(connection); });
@@ -96,12 +97,13 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
                         [this, intake](std::unique_ptr<CpdPacket> packet) {
                           // By now all threads have their stacks, which count, too.
                           memory_.Set(options_.window + kMostUnwritten +
-                                      uint64_t{2} * kLargestPacket + kSpareMemory);
+                                      uint64_t{2} * kLargestPacket + kSpareMemory +
+                                      recording_.memory());
                           const uint64_t asked = DataAskedFor(*packet);
                           if (asked > kMostData) {
                             throw StreamError(fmt::format("a request for {} bytes", asked));
                           }
-                          Count(*packet, true);
+                          Note(*packet, Way::kToModule);
                           intake->HandOver(std::move(packet), disk_->driver());
                         },
                     .room = [] {},
@@ -113,9 +115,10 @@ Traffic DiskEnd::traffic() const {
   return traffic_;
 }
 
-void DiskEnd::Count(const CpdPacket& packet, bool is_request) {
+void DiskEnd::Note(const CpdPacket& packet, Way way) {
+  recording_.Note(packet, way);
   const std::lock_guard lock(mutex_);
-  traffic_.requests += is_request ? 1 : 0;
+  traffic_.requests += way == Way::kToModule ? 1 : 0;
   traffic_.Count(packet.header->cmd, packet.header->packetLen);
 }
 

@@ -9,6 +9,7 @@
 #include <optional>
 #include <utility>
 
+#include "capture/recording.h"
 #include "cpd/driver.h"
 #include "cpd/packet.h"
 #include "line/connection.h"
@@ -74,12 +75,13 @@ class DiskEnd : public LineUser {
   };
 
   /// To be made before the process enters its sandbox.
-  /// @throws std::runtime_error when the disk cannot be looked at, or the module or the file for
-  ///         trace events cannot be opened
+  /// @throws std::runtime_error when the disk cannot be looked at, or the module or one of the
+  ///         files for trace events and packets cannot be opened
   explicit DiskEnd(Options options)
       : options_(std::move(options)),
         identifier_(options_.disk.disk),
         watch_(options_.disk.disk),
+        recording_(options_.disk),
         trace_(options_.disk.trace),
         module_(options_.disk.module) {}
 
@@ -93,12 +95,13 @@ class DiskEnd : public LineUser {
   [[nodiscard]] Traffic traffic() const;
 
  private:
-  void Count(const CpdPacket& packet, bool is_request);
+  void Note(const CpdPacket& packet, Way way);
   void Watch(Connection& connection);
 
   const Options options_;
   const DiskIdentifier identifier_;
   DiskWatch watch_;
+  Recording recording_;
   TraceFile trace_;
   MemoryLimit memory_;
   const Module module_;  // stays loaded, since a process in its sandbox cannot load it again

@@ -16,13 +16,14 @@ constexpr auto kAnnouncementLimit = 10s;
 // A directory check is the longest request: it carries a listing and a path.
 static_assert(RemoteFiles::kLongestCheck + UINT16_MAX < kLargestRequest);
 
-AnnouncedDisk AwaitAnnouncement(Connection& connection) {
+AnnouncedDisk AwaitAnnouncement(Connection& connection, Recording& recording) {
   using std::chrono::ceil, std::chrono::milliseconds, std::chrono::steady_clock;
   const auto deadline = steady_clock::now() + kAnnouncementLimit;
   for (;;) {
     const auto left = ceil<milliseconds>(deadline - steady_clock::now());
     const auto packet = connection.AwaitPacket(left);
     connection.Taken(ChargeOf(packet->header->packetLen));
+    recording.Note(*packet, Way::kFromModule);
     if (auto disk = ReadAnnouncement(*packet)) return *std::move(disk);
   }
 }
@@ -43,18 +44,20 @@ Hello RemoteEnd::OwnHello() const {
 
 void RemoteEnd::Begin(Connection& connection, const Hello& theirs,
                       std::function<void(const Ending&)> ended) {
-  NoteDisk(theirs, AwaitAnnouncement(connection));
+  NoteDisk(theirs, AwaitAnnouncement(connection, options_.recording));
+  options_.recording.Start();  // by now this side is in its sandbox
   connection.Start({.packet =
                         [this, &connection](std::unique_ptr<CpdPacket> packet) {
                           const uint64_t charge = ChargeOf(packet->header->packetLen);
+                          options_.recording.Note(*packet, Way::kFromModule);
                           session_.Receive(std::move(packet));
                           connection.Taken(charge);
                         },
                     .room = [this] { session_.Proceed(); },
                     .ended = std::move(ended)});
-  connection.Send(
+  channel_.emplace(connection, options_.recording);
+  channel_->Send(
       MountResponse(options_.drive, options_.label.empty() ? disk().name : options_.label));
-  channel_.emplace(connection);
   const SignalsBlocked blocked;  // for the thread that the session starts
   session_.Start(&*channel_);
 }

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "capture/recording.h"
 #include "line/line_keeper.h"
 #include "line/stream.h"
 #include "remote/announcement.h"
@@ -26,9 +27,10 @@ struct RemoteEndOptions {
   std::chrono::seconds time_limit{30};  ///< for a reply
   std::chrono::seconds patience{300};   ///< how long requests wait for another line
   uint64_t window = kDefaultWindow;
-  Id128 session{};    ///< of a side that sets the line up; zeros otherwise
-  std::string drive;  ///< the remote side's name for the disk
-  std::string label;  ///< the remote side's label for it; empty = the announced name
+  Id128 session{};       ///< of a side that sets the line up; zeros otherwise
+  std::string drive;     ///< the remote side's name for the disk
+  std::string label;     ///< the remote side's label for it; empty = the announced name
+  Recording& recording;  ///< of the packets; must outlive this side
   /// Called with the disk that the first line announces, before this side starts a thread. May
   /// throw: then the line is of no use.
   std::function<void(const AnnouncedDisk& disk)> on_first = [](const AnnouncedDisk&) {};
@@ -54,15 +56,20 @@ class RemoteEnd : public LineUser {
   /// A session's packets over a connection.
   class LineChannel : public Channel {
    public:
-    explicit LineChannel(Connection& connection) : connection_(connection) {}
+    LineChannel(Connection& connection, Recording& recording)
+        : connection_(connection), recording_(recording) {}
     [[nodiscard]] bool CanBreak() const override { return true; }
     [[nodiscard]] bool HasRoom(size_t packet_length) override {
       return connection_.HasRoom(packet_length);
     }
-    void Send(const std::shared_ptr<CpdPacket>& packet) override { connection_.Send(packet); }
+    void Send(const std::shared_ptr<CpdPacket>& packet) override {
+      recording_.Note(*packet, Way::kToModule);
+      connection_.Send(packet);
+    }
 
    private:
     Connection& connection_;
+    Recording& recording_;
   };
 
   void NoteDisk(const Hello& theirs, const AnnouncedDisk& disk);

@@ -18,15 +18,18 @@ constexpr auto kAnnouncementLimit = 10s;
 }  // namespace
 
 Redirection::Redirection(const DiskOptions& options)
-    : session_(options.time_limit),
+    : recording_(options),
+      session_(options.time_limit),
       trace_(options.trace),
       disk_(options, trace_,
             [this](std::unique_ptr<CpdPacket> packet) {
+              recording_.Note(*packet, Way::kFromModule);
               // A second announcement is ignored: it changes nothing.
               if (packet->header->cmd != kMountRemote) return session_.Receive(std::move(packet));
               if (!std::exchange(is_announced_, true)) announced_.set_value();
             }),
-      channel_(disk_.driver()) {
+      channel_(disk_.driver(), recording_) {
+  recording_.Start();
   if (announced_.get_future().wait_for(kAnnouncementLimit) != std::future_status::ready) {
     throw std::runtime_error(fmt::format("the module did not announce the disk within {} s",
                                          kAnnouncementLimit.count()));

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <future>
+#include <memory>
 
+#include "capture/recording.h"
 #include "module/served_disk.h"
 #include "module/trace_file.h"
 #include "options.h"
@@ -23,13 +25,28 @@ class Redirection {
   Session& session() { return session_; }
 
  private:
+  /// Leads to the module, and records what it carries.
+  class RecordedChannel : public DriverChannel {
+   public:
+    RecordedChannel(CpdDriver& driver, Recording& recording)
+        : DriverChannel(driver), recording_(recording) {}
+    void Send(const std::shared_ptr<CpdPacket>& packet) override {
+      recording_.Note(*packet, Way::kToModule);
+      DriverChannel::Send(packet);
+    }
+
+   private:
+    Recording& recording_;
+  };
+
   // Each member uses the ones above it, so the last is destroyed first.
+  Recording recording_;
   Session session_;
   std::promise<void> announced_;
   bool is_announced_ = false;  // used by the thread that announces
   TraceFile trace_;
   ServedDisk disk_;
-  DriverChannel channel_;
+  RecordedChannel channel_;
 };
 
 }  // namespace cpd::host
