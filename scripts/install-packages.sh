@@ -13,7 +13,7 @@ test=(
   libgtest-dev libbenchmark-dev libumockdev-dev librapidcheck-dev umockdev
   clang-format clang-tidy
   # programs that the tests run
-  bash-completion dash dosfstools e2fsprogs fio git groff-base mount ntfs-3g openssh-client openssh-server python3-minimal rsync sqlite3 tar util-linux
+  bash-completion dash dosfstools e2fsprogs fio git groff-base mount ntfs-3g openssh-client openssh-server python3-minimal rsync sqlite3 tar tshark util-linux
   strace # the benches
 )
 fuzz=(clang libclang-rt-dev llvm)
