@@ -341,7 +341,8 @@ TEST_F(Capture, KeepsItsPacketsAmongBlocksOfOtherPrograms) {
 
 TEST(Heads, NameThePathOfEveryRequestAndTheResultOfItsAnswer) {
   for (const auto& [name, request, check] : test::OneRequestPerCommand()) {
-    const auto path = PathOf(request.Bytes());
+    const auto bytes = request.Bytes();
+    const auto path = PathOf(bytes);
     if (request.cmd == kMountResponse) {
       EXPECT_EQ(path, "") << name;
       continue;
