@@ -34,6 +34,7 @@ _cpd_host_options() {
     attach) echo "--make-directory $record $log $mount $stream --reconnect" ;;
     disks) echo '--json' ;;
     ls | cat | df | xattr) echo "$disk" ;;
+    replay) echo "$disk --fast" ;;
   esac
 }
 
@@ -105,7 +106,8 @@ _cpd_host_argument() {
       # After a colon that follows a host, the path is one of that machine.
       [[ $cur == *:* && ${cur%%:*} != */* ]] || _cpd_host_directory
       ;;
-    *" 0 "* | "mount 1 "*) _cpd_host_directory ;;
+    "replay 0 "*) compopt -o default ;; # a file
+    *" 0 "* | "mount 1 "* | "replay 1 "*) _cpd_host_directory ;;
   esac
 }
 
@@ -145,7 +147,7 @@ _cpd_host() {
     _cpd_host_argument "$command" "$arguments" "$options"
   else
     mapfile -t COMPREPLY < <(
-      compgen -W 'mount redirect serve attach disks ls cat df xattr' -- "$cur")
+      compgen -W 'mount redirect serve attach disks ls cat df xattr replay' -- "$cur")
   fi
   # Readline replaces only what follows the last character at which it breaks words.
   local breaks=${COMP_WORDBREAKS//[^=:@]/}

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "capture/pcapng.h"
 #include "line/stream.h"
 #include "settings.h"
 #include "support/requests.h"
@@ -351,6 +352,43 @@ void MakeStreams(const Corpus& corpus) {
                      .Bytes());
 }
 
+/// The blocks of a packet, at a time of its own.
+std::string Recorded(const std::string& bytes, host::Way way, uint64_t missing = 0) {
+  return host::PacketBlocks({.time = 1'700'000'000'123'456'789,
+                             .way = way,
+                             .bytes = bytes,
+                             .original = static_cast<uint32_t>(bytes.size()),
+                             .missing = missing});
+}
+
+void MakeCaptures(const Corpus& corpus) {
+  using host::Way;
+  const auto section = host::SectionStart("disk /media/me/STICK", "Stick");
+  std::string requests = section;
+  for (const NamedRequest& named : OneRequestPerCommand()) {
+    requests += Recorded(named.request.Bytes(), Way::kToModule);
+    // Its head and paths as those of an answer, with bytes that may be data or attributes.
+    Request answer = named.request;
+    answer.payload += std::string(250, '\x02');
+    requests += Recorded(answer.Bytes(), Way::kFromModule);
+  }
+  corpus.Add("every-request", requests);
+  corpus.Add("two-sections", requests + requests);
+  const Request listing = CheckDirRequest{
+      .path = kKnownDir,
+      .cached = EncodeEntries({{.stat = {}, .name = "."}, {.stat = {}, .name = "a.txt"}}),
+      .cached_count = 2};
+  corpus.Add("listings", section + Recorded(listing.Bytes(), Way::kToModule) +
+                             Recorded(listing.Bytes(), Way::kFromModule));
+  const Request read{.cmd = kFileRead, .payload = std::string(host::kLongestInPacketBlock, 'r')};
+  const auto rest = section + Recorded(read.Bytes(), Way::kFromModule);
+  corpus.Add("rest", rest);
+  corpus.Add("rest-cut", rest.substr(0, rest.size() - 8));
+  corpus.Add("missing", section + Recorded(listing.Bytes(), Way::kToModule, 7));
+  corpus.Add("no-section", Recorded(listing.Bytes(), Way::kToModule));
+  corpus.Add("long-block", section + BytesOf(uint32_t{6}) + BytesOf(uint32_t{16 << 20}));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -368,6 +406,7 @@ int main(int argc, char** argv) {
     MakeProbing({mode, root / "probing"});
     MakeRequests({mode, root / "requests"});
     MakeStreams({mode, root / "stream"});
+    MakeCaptures({mode, root / "capture"});
   } catch (const std::exception& error) {
     return std::fprintf(stderr, "make_corpus: %s\n", error.what()), 1;
   }

@@ -2,8 +2,8 @@
 # Fuzzes the targets, two at a time, and reports the results.
 #
 #   fuzz/run.sh SECONDS             all of them, each for that many seconds
-#   fuzz/run.sh SECONDS TARGET...   only these: check_dir driver packet parameters probing requests
-#                                   stream
+#   fuzz/run.sh SECONDS TARGET...   only these: capture check_dir driver packet parameters probing
+#                                   requests stream
 #
 # Inputs that the fuzzer learns are stored in build/fuzz/corpus, for the next run. The input of a
 # finding is stored in build/fuzz/findings. Exits with 1 when there is a finding, with 77 on a
@@ -19,7 +19,7 @@ if [[ ! $seconds =~ ^[1-9][0-9]*$ ]]; then
 fi
 shift
 targets=("$@")
-[[ $# -gt 0 ]] || targets=(check_dir driver packet parameters probing requests stream)
+[[ $# -gt 0 ]] || targets=(capture check_dir driver packet parameters probing requests stream)
 
 build=build/fuzz
 findings=$build/findings

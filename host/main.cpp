@@ -35,6 +35,7 @@ int Run(int argc, char** argv) {
   AddCatCommand(&app, &line);
   AddDfCommand(&app, &line);
   AddXattrCommand(&app, &line);
+  AddReplayCommand(&app, &line);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -28,6 +28,7 @@ void AddLsCommand(CLI::App* app, CommandLine* line);
 void AddCatCommand(CLI::App* app, CommandLine* line);
 void AddDfCommand(CLI::App* app, CommandLine* line);
 void AddXattrCommand(CLI::App* app, CommandLine* line);
+void AddReplayCommand(CLI::App* app, CommandLine* line);
 
 /// Adds DISK and the options of every command that opens a disk.
 void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line);

@@ -1,11 +1,13 @@
-// What `--record` writes is shown by Wireshark.
+// What `--record` writes is shown by Wireshark, and replayed on an equal disk without a difference.
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <set>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "support/mounted_disk.h"
 
@@ -33,11 +35,96 @@ class Captures : public MountTest {
       WriteFile((disk / "photos/") + name, Bytes(100'000));
     }
     WriteFile(disk / "film.mp4", Bytes(3'000'000));
+    fs::copy(disk.path(), copy / "disk", fs::copy_options::recursive);
+  }
+
+  /// Looks at the disk as the tour does.
+  void Tour(const std::vector<std::string>& options, bool reads_hello) {
+    MountedDisk mounted(disk.path(), options);
+    const auto shown = mounted.path();
+    EXPECT_EQ(Shell("ls -l " + shown + " " + shown + "/photos && df " + shown).status, 0);
+    if (reads_hello) {
+      EXPECT_EQ(ReadFile(mounted / "hello.txt"), "Hello from a disk.\n");
+    }
+    EXPECT_EQ(ReadFile(mounted / "film.mp4"), Bytes(3'000'000));
+    EXPECT_EQ(mounted.Unmount().status, 0);
+  }
+  Result Replay(const std::string& options = "--fast") const {
+    return Shell(CPD_HOST " replay " + capture + " " + (copy / "disk") + " " + options, kHang);
   }
 
   TempDir copy;
   const std::string capture = copy / "capture";
 };
+
+TEST_F(Captures, OfATourAreReplayedWithoutADifference) {
+  Tour({"--record", capture}, true);
+  Tour({"--record", capture, "--bandwidth", "100000"}, false);
+  const auto replayed = Replay();
+  EXPECT_EQ(replayed.status, 0) << replayed.output;
+  EXPECT_NE(replayed.output.find(" 0 different"), std::string::npos) << replayed.output;
+
+  // One byte of one file is another one.
+  WriteFile(copy / "disk/hello.txt", "Hello from a Disk.\n");
+  const auto changed = Replay();
+  EXPECT_EQ(changed.status, 1);
+  EXPECT_NE(changed.output.find(" /hello.txt: data differs at byte 13\n"), std::string::npos)
+      << changed.output;
+  EXPECT_NE(changed.output.find(" 1 different"), std::string::npos) << changed.output;
+}
+
+TEST_F(Captures, OfAGitCloneAreReplayedInTheirOrder) {
+  const TempDir place;
+  const auto repository = place / "repository";
+  const auto made = Shell("git init -q " + repository + " && cd " + repository +
+                          " && seq 1000 >a && mkdir b && seq 9 >b/c && git add -A && "
+                          "git -c user.name=a -c user.email=a@b commit -qm one 2>&1");
+  ASSERT_EQ(made.status, 0) << made.output;
+  {
+    MountedDisk mounted(disk.path(), {"--record", capture});
+    const auto cloned =
+        Shell("git clone -q --no-hardlinks " + repository + " " + (mounted / "clone") +
+              " && git -C " + (mounted / "clone") + " status 2>&1");
+    EXPECT_EQ(cloned.status, 0) << cloned.output;
+    EXPECT_EQ(mounted.Unmount().status, 0);
+  }
+  const auto replayed = Replay();
+  EXPECT_EQ(replayed.status, 0) << replayed.output;
+  EXPECT_EQ(Shell("diff -r " + (disk / "clone") + " " + (copy / "disk/clone")).status, 0);
+}
+
+TEST_F(Captures, AreReplayedAtTheirOwnPace) {
+  {
+    MountedDisk mounted(disk.path(), {"--record", capture});
+    EXPECT_EQ(
+        Shell("stat " + (mounted / "hello.txt") + " && sleep 0.7 && stat " + (mounted / "film.mp4"))
+            .status,
+        0);
+    EXPECT_EQ(mounted.Unmount().status, 0);
+  }
+  const auto began = std::chrono::steady_clock::now();
+  const auto replayed = Replay("");
+  EXPECT_EQ(replayed.status, 0) << replayed.output;
+  EXPECT_GE(std::chrono::steady_clock::now() - began, 600ms);
+}
+
+TEST_F(Captures, ThatAreBrokenAreRefusedBeforeAnythingIsDone) {
+  {
+    MountedDisk mounted(disk.path(), {"--record", capture});
+    WriteFile(mounted / "new.txt", "new");
+    EXPECT_EQ(mounted.Unmount().status, 0);
+  }
+  const auto whole = ReadFile(capture);
+  WriteFile(capture, whole.substr(0, whole.size() - 1));
+  const auto cut = Replay();
+  EXPECT_EQ(cut.status, 1);
+  EXPECT_NE(cut.output.find("the capture ends within a block"), std::string::npos) << cut.output;
+  WriteFile(capture, "a letter");
+  const auto other = Replay();
+  EXPECT_EQ(other.status, 1);
+  EXPECT_EQ(other.output, "cpd-host: cannot replay " + capture + ": it is no capture\n");
+  EXPECT_FALSE(fs::exists(copy / "disk/new.txt"));
+}
 
 TEST_F(Captures, OfBothSidesOfALineAreShownByWireshark) {
   if (!HasTshark()) GTEST_SKIP() << "no tshark here";

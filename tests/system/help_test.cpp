@@ -313,6 +313,7 @@ TEST_P(Completion, OffersDirectoriesForDisksAndMountPointsOfThisMachine) {
                      "cat ",
                      "df ",
                      "xattr ",
+                     "replay capture ",
                      "redirect --log file "};
   const Names others{"mount server:",   "mount disk place ",     "redirect disk ",
                      "redirect --usb ", "redirect --usb place ", "disks ",
