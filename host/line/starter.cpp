@@ -123,13 +123,18 @@ void AppendDescendants(pid_t process, std::vector<Descriptor>* found) {
 /// @return the socket's new descriptor
 Descriptor KeepOnly(Descriptor socket) {
   Descriptor kept(fcntl(socket.get(), F_DUPFD_CLOEXEC, 3));
-  const int null = fcntl(open("/dev/null", O_RDWR | O_CLOEXEC), F_DUPFD_CLOEXEC, 3);
-  dup2(null, STDIN_FILENO);
-  dup2(null, STDOUT_FILENO);
+  // What is opened here is closed one by one. A library that watches both, as libumockdev's does,
+  // would not notice close_range, and would take a later descriptor of that number for its own.
+  Descriptor opened(open("/dev/null", O_RDWR | O_CLOEXEC));
+  Descriptor null(fcntl(opened.get(), F_DUPFD_CLOEXEC, 3));
+  opened.Close();
+  dup2(null.get(), STDIN_FILENO);
+  dup2(null.get(), STDOUT_FILENO);
   // A descriptor that closes on exec is no standard error, but took the place of a closed one.
   const int flags = fcntl(STDERR_FILENO, F_GETFD);
-  if (flags < 0 || (flags & FD_CLOEXEC) != 0) dup2(null, STDERR_FILENO);
-  socket.Release();
+  if (flags < 0 || (flags & FD_CLOEXEC) != 0) dup2(null.get(), STDERR_FILENO);
+  null.Close();
+  socket.Close();
   const auto number = static_cast<unsigned>(kept.get());
   if (number > 3) close_range(3, number - 1, 0);
   close_range(number + 1, ~0U, 0);
