@@ -37,7 +37,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-/// From SIGTERM to SIGKILL.
+/// From SIGTERM to SIGKILL, and from there until a process is left alone.
 constexpr auto kGrace = 1s;
 /// For the command that delivers the last words.
 constexpr auto kLastWordsLimit = 10s;
@@ -49,6 +49,7 @@ constexpr int kStreamRoom = 2 << 20;
 /// The status of a command whose starter was killed: PR_SET_PDEATHSIG has sent it SIGKILL. After a
 /// milder signal the command could say goodbye, and that would end the session.
 constexpr int kEndedWithStarter = 128 + SIGKILL;
+
 // ---- The messages to the starter: a request, and a text in kSay only ----
 
 enum class Task : uint32_t { kStart, kEnd, kUnmountNow, kUnmount, kSay, kRelease };
@@ -78,6 +79,14 @@ void Widen(int socket) {
   if (setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0) {
     setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
   }
+}
+
+/// Lets a message fail (EAGAIN) when the other end has taken none for this long.
+void LimitSending(int socket, milliseconds limit) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(limit);
+  const timeval longest{.tv_sec = seconds.count(),
+                        .tv_usec = std::chrono::microseconds(limit - seconds).count()};
+  setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof longest);
 }
 
 /// waitpid, whatever signals arrive.
@@ -455,6 +464,7 @@ Starter::Starter(const std::string& command, const std::string& mount_point,
     throw std::system_error(errno, std::generic_category(), "socketpair");
   }
   socket_ = Descriptor(pair[0]);
+  LimitSending(socket_.get(), answer_limit_);
   Descriptor other(pair[1]);
   process_ = fork();
   if (process_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
@@ -464,15 +474,20 @@ Starter::Starter(const std::string& command, const std::string& mount_point,
 Starter::~Starter() {
   if (!acts_at_end_) Release();
   socket_.Close();
-  Reap(process_);
+  milliseconds limit = answer_limit_;
+  if (!is_stuck_) limit += acts_at_end_ ? kLastWordsLimit + 4 * kGrace : 2 * kGrace;
+  const Descriptor process(pidfd_open(process_, 0));
+  WaitReadable(process.get(), Clock::now() + limit);
+  waitpid(process_, nullptr, WNOHANG);
 }
 
 /// Waits for the answer to a request. Those to earlier requests came too late, and are dropped.
 /// @param error  set to the answer's; without one, to ETIMEDOUT, or to EPIPE if the process has
-/// ended
+///               ended
 std::optional<PassedMessage> Starter::AwaitAnswer(uint32_t id, milliseconds limit, int* error) {
   const auto deadline = Clock::now() + limit;
   *error = ETIMEDOUT;
+  is_stuck_ = false;
   while (WaitReadable(socket_.get(), deadline)) {
     Answer answer{};
     auto message = ReceivePassed(socket_.get(), sizeof answer);
@@ -485,6 +500,7 @@ std::optional<PassedMessage> Starter::AwaitAnswer(uint32_t id, milliseconds limi
     *error = answer.error;
     return message;
   }
+  is_stuck_ = *error == ETIMEDOUT;
   return std::nullopt;
 }
 

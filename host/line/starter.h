@@ -45,7 +45,7 @@ class StartedLine {
 /// same name, replaces it when it is killed.
 ///
 /// After the construction no call here needs a new socket, process or program; sendmsg, recvmsg,
-/// poll, read, close and wait4 suffice.
+/// poll, read, close, pidfd_open and wait4 suffice.
 class Starter {
  public:
   /// The longest text of SayOnDeath, in bytes. It fits a stream that nobody reads yet.
@@ -55,13 +55,15 @@ class Starter {
   /// another thread holds.
   /// @param command  the line, for /bin/sh -c
   /// @param mount_point  absolute path, for Unmount and UnmountOnDeath; empty if neither is called
-  /// @param answer_limit  how long Start and Unmount wait for the process, which may be killed or
-  ///                      stopped meanwhile. Both ask it twice
+  /// @param answer_limit  how long a call waits for the process, which may be killed or stopped
+  ///                      meanwhile. Start and Unmount ask it twice. What the others say is lost
+  ///                      when it takes nothing for that long
   /// @throws std::system_error when there is no further process or descriptor
   Starter(const std::string& command, const std::string& mount_point,
           std::chrono::milliseconds answer_limit = std::chrono::seconds(5));
   /// Releases, unless ActAtEnd was called. Ends the commands that still run, and waits for the
-  /// process: up to a second if a command ignores SIGTERM, and for what ActAtEnd lets happen.
+  /// process: up to a second if a command ignores SIGTERM, and for what ActAtEnd lets happen. A
+  /// process that does not end in time, because it is stuck, is left to end by itself.
   ~Starter();
   Starter(const Starter&) = delete;
   Starter& operator=(const Starter&) = delete;
@@ -100,7 +102,8 @@ class Starter {
   pid_t process_ = -1;
   bool acts_at_end_ = false;
   Descriptor socket_;
-  std::mutex starting_;  // held while a request waits for its answer
+  std::mutex starting_;    // held while a request waits for its answer
+  bool is_stuck_ = false;  // the last request got no answer in time
   uint32_t last_id_ = 0;
 };
 
