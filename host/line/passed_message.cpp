@@ -55,6 +55,7 @@ std::optional<PassedMessage> ReceivePassed(int socket, size_t most) {
     // A peer that dies with unread messages resets the connection. What it has sent can still be
     // read, and then comes the end.
   } while (length < 0 && (errno == EINTR || errno == ECONNRESET));
+  if (length == 0) errno = EPIPE;
   if (length <= 0) return std::nullopt;
   for (cmsghdr* head = CMSG_FIRSTHDR(&message); head != nullptr;
        head = CMSG_NXTHDR(&message, head)) {
@@ -65,7 +66,11 @@ std::optional<PassedMessage> ReceivePassed(int socket, size_t most) {
     for (size_t i = 0; i < bytes / sizeof(int); ++i)
       received.descriptors.emplace_back(descriptors[i]);
   }
-  if ((message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) return std::nullopt;
+  if ((message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
+    received.descriptors.clear();
+    errno = (message.msg_flags & MSG_TRUNC) != 0 ? EMSGSIZE : EMFILE;
+    return std::nullopt;
+  }
   received.bytes.resize(static_cast<size_t>(length));
   return received;
 }

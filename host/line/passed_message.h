@@ -28,7 +28,9 @@ bool SendPassed(int socket, std::string_view bytes, std::span<const int> descrip
 
 /// Waits for the next message on a SOCK_SEQPACKET socket.
 /// @param most  the longest text that is taken, in bytes
-/// @return nothing when the other end is gone, or sends more than fits
+/// @return nothing, with errno: EPIPE when the other end is gone, EMSGSIZE when it sends a longer
+///         text, EMFILE when it sends more descriptors than kMostDescriptors, or than this process
+///         may have open
 std::optional<PassedMessage> ReceivePassed(int socket, size_t most);
 
 }  // namespace cpd::host

@@ -482,8 +482,8 @@ Starter::~Starter() {
 }
 
 /// Waits for the answer to a request. Those to earlier requests came too late, and are dropped.
-/// @param error  set to the answer's; without one, to ETIMEDOUT, or to EPIPE if the process has
-///               ended
+/// @param error  set to the answer's; without one, to ETIMEDOUT, to EPIPE if the process has ended,
+///               or to EMFILE if this process cannot take the descriptors that came with it
 std::optional<PassedMessage> Starter::AwaitAnswer(uint32_t id, milliseconds limit, int* error) {
   const auto deadline = Clock::now() + limit;
   *error = ETIMEDOUT;
@@ -492,7 +492,7 @@ std::optional<PassedMessage> Starter::AwaitAnswer(uint32_t id, milliseconds limi
     Answer answer{};
     auto message = ReceivePassed(socket_.get(), sizeof answer);
     if (!message || message->bytes.size() != sizeof answer) {
-      *error = EPIPE;
+      *error = message ? EBADMSG : errno;
       break;
     }
     std::memcpy(&answer, message->bytes.data(), sizeof answer);
@@ -515,19 +515,17 @@ StartedLine Starter::Start() {
     id = ++last_id_;
     SendPassed(socket_.get(), Packed({Task::kStart, id}));
     answer = AwaitAnswer(id, limit, &error);
-    if (answer || error != ETIMEDOUT) break;
+    if (answer) break;
     // If the command is started after all, nobody uses it.
     SendPassed(socket_.get(), Packed({Task::kEnd, id}));
+    if (error != ETIMEDOUT) break;
   }
-  if (!answer) {
-    throw std::runtime_error(error == ETIMEDOUT ? "the process that starts the line is stuck"
-                                                : "the process that starts the line has ended");
-  }
+  if (error == ETIMEDOUT) throw std::runtime_error("the process that starts the line is stuck");
+  if (error == EPIPE) throw std::runtime_error("the process that starts the line has ended");
   if (error != 0) {
     throw std::runtime_error(fmt::format("cannot start the line: {}", std::strerror(error)));
   }
   auto& ends = answer->descriptors;
-  if (ends.size() != 3) throw std::runtime_error("cannot start the line: too many open files");
   return {id, std::move(ends[0]), std::move(ends[1]), std::move(ends[2])};
 }
 

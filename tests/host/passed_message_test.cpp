@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <iterator>
 #include <stdexcept>
@@ -60,6 +61,7 @@ TEST_F(PassedMessageTest, IsDroppedWithItsDescriptorsWhenItIsTooLong) {
   ASSERT_TRUE(SendPassed(one.get(), "seven..", std::array{null.get()}));
   const auto before = CountOpen();
   EXPECT_FALSE(ReceivePassed(other.get(), 6));
+  EXPECT_EQ(errno, EMSGSIZE);
   EXPECT_EQ(CountOpen(), before);
 }
 
@@ -81,6 +83,7 @@ TEST_F(PassedMessageTest, IsDroppedWithItsDescriptorsWhenTheyAreTooMany) {
   ASSERT_EQ(sendmsg(one.get(), &message, 0), 1);
   const auto before = CountOpen();
   EXPECT_FALSE(ReceivePassed(other.get(), 6));
+  EXPECT_EQ(errno, EMFILE);
   EXPECT_EQ(CountOpen(), before);
 }
 
@@ -93,6 +96,7 @@ TEST_F(PassedMessageTest, ArrivesFromAPeerThatEndedWithAMessageUnread) {
   ASSERT_TRUE(last);
   EXPECT_EQ(last->bytes, "last");
   EXPECT_FALSE(ReceivePassed(one.get(), 10));
+  EXPECT_EQ(errno, EPIPE);
 }
 
 TEST_F(PassedMessageTest, CannotBeSentToAPeerThatHasEnded) {

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -112,6 +113,16 @@ bool Starts(Starter& starter, std::optional<StartedLine>* line) {
     return true;
   } catch (const std::runtime_error&) {
     return false;
+  }
+}
+
+/// Why no line can be started; empty if one was.
+std::string FailureOf(Starter& starter) {
+  try {
+    starter.Start();
+    return {};
+  } catch (const std::runtime_error& error) {
+    return error.what();
   }
 }
 
@@ -352,21 +363,30 @@ TEST_F(StarterTest, KeepsItsCommandsWhenTheProcessThatWouldReplaceItIsKilled) {
 
 TEST_F(StarterTest, SaysWhetherItHasEndedOrIsStuck) {
   Starter starter("cat", "", 300ms);
-  const auto failure = [&]() -> std::string {
-    try {
-      starter.Start();
-      return "";
-    } catch (const std::runtime_error& error) {
-      return error.what();
-    }
-  };
   const pid_t worker = StarterOf(getpid());
   kill(worker, SIGSTOP);
-  EXPECT_EQ(failure(), "the process that starts the line is stuck");
+  EXPECT_EQ(FailureOf(starter), "the process that starts the line is stuck");
   kill(ChildrenOf(getpid()).front(), SIGKILL);
   kill(worker, SIGKILL);
   EXPECT_TRUE(Eventually([&] { return !Runs(worker); }));
-  EXPECT_EQ(failure(), "the process that starts the line has ended");
+  EXPECT_EQ(FailureOf(starter), "the process that starts the line has ended");
+}
+
+TEST_F(StarterTest, SaysThatTheProcessItWorksForHasTooManyFilesOpenAndGoesOn) {
+  EXPECT_TRUE(ChildProcess::Succeeds([] {
+    Starter starter("cat", "");
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const Descriptor next(dup(STDERR_FILENO));
+    const rlimit one_more{.rlim_cur = static_cast<rlim_t>(next.get()) + 2,
+                          .rlim_max = before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &one_more), 0);
+    EXPECT_EQ(FailureOf(starter), "cannot start the line: Too many open files");
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    auto line = starter.Start();
+    line.out.Close();
+    EXPECT_EQ(line.Ended(10s), 0);
+  }));
 }
 
 TEST_F(StarterTest, LeavesAProcessThatIsStuckToEndByItself) {
