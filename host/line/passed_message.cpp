@@ -35,7 +35,8 @@ bool SendPassed(int socket, std::string_view bytes, std::span<const int> descrip
   ssize_t sent = 0;
   do {
     sent = sendmsg(socket, &message, MSG_NOSIGNAL);
-  } while (sent < 0 && errno == EINTR);
+    // A peer that has died with unread messages resets the connection once, then it is gone.
+  } while (sent < 0 && (errno == EINTR || errno == ECONNRESET));
   return sent >= 0;
 }
 

@@ -23,7 +23,7 @@ struct PassedMessage {
 /// Sends one message on a SOCK_SEQPACKET socket.
 /// @param bytes  not empty: an empty message reads as the end
 /// @param descriptors  at most kMostDescriptors; they stay open here
-/// @return false, with errno, when the other end is gone
+/// @return false, with errno: EPIPE when the other end is gone
 bool SendPassed(int socket, std::string_view bytes, std::span<const int> descriptors = {});
 
 /// Waits for the next message on a SOCK_SEQPACKET socket.

@@ -28,6 +28,7 @@
 #include "line/passed_message.h"
 #include "line/pidfd.h"
 #include "line/signals_blocked.h"
+#include "module/standard_error.h"
 
 namespace cpd::host {
 namespace {
@@ -44,6 +45,8 @@ constexpr auto kLastWordsLimit = 10s;
 /// How many commands may run at the same time. One is the rule, and two while the older one is
 /// still ending. The limit holds for a process that was taken over, too.
 constexpr size_t kMostCommands = 4;
+/// How often a starter that fails by itself is replaced. One that is killed always is.
+constexpr int kMostFailures = 3;
 /// What a stream holds that its reader has not taken, in bytes.
 constexpr int kStreamRoom = 2 << 20;
 /// The status of a command whose starter was killed: PR_SET_PDEATHSIG has sent it SIGKILL. After a
@@ -127,6 +130,9 @@ void AppendDescendants(pid_t process, std::vector<Descriptor>* found) {
 
 // ---- The starter's own process ----
 
+/// On the standard error of the process that uses the line.
+void Say(const std::string& text) { PrintError(fmt::format("cpd-starter: {}\n", text)); }
+
 /// Standard input and output become /dev/null, and so does standard error if it is closed. All else
 /// is closed: the starter must not keep the mount's device, a pipe or a lock open.
 /// @return the socket's new descriptor
@@ -180,10 +186,12 @@ class StarterProcess {
   void Run() {
     while (Step(socket_.get())) {
       auto message = ReceivePassed(socket_.get(), sizeof(Request) + Starter::kLongestLastWords);
+      if (!message && errno != EPIPE) Say(fmt::format("cannot be asked: {}", std::strerror(errno)));
       if (!message || message->bytes.size() < sizeof(Request)) break;
       Handle(message->bytes);
     }
     if (duties_.unmounts) Unmount();
+    duties_.unmounts = false;
     EndAll();
     if (duties_.length != 0) SayLastWords();
   }
@@ -293,7 +301,9 @@ class StarterProcess {
   }
 
   void Reply(Answer answer, std::span<const int> descriptors = {}) {
-    SendPassed(socket_.get(), {reinterpret_cast<const char*>(&answer), sizeof answer}, descriptors);
+    const std::string_view bytes(reinterpret_cast<const char*>(&answer), sizeof answer);
+    if (SendPassed(socket_.get(), bytes, descriptors) || errno == EPIPE) return;
+    Say(fmt::format("cannot answer: {}", std::strerror(errno)));
   }
 
   /// @return an error number, 0 if the command runs
@@ -422,21 +432,34 @@ class StarterProcess {
   const Descriptor kept = KeepOnly(std::move(socket));
   void* const shared =
       mmap(nullptr, sizeof(Duties), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (shared == MAP_FAILED) _exit(1);
+  if (shared == MAP_FAILED) {
+    Say(std::strerror(errno));
+    _exit(1);
+  }
   auto* const duties = new (shared) Duties;
-  // A child does the work. If it is killed, its successor knows what to do at the end.
-  for (;;) {
+  // A child does the work. If it is killed or fails, its successor knows what to do at the end.
+  for (int failures = 0;;) {
     const pid_t worker = fork();
     if (worker > 0) {
       const int status = Reap(worker);
-      if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) continue;
-      _exit(0);
+      if (WIFEXITED(status) && WEXITSTATUS(status) == 0) _exit(0);
+      const bool was_killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+      if (!was_killed) ++failures;
+      const bool is_last = failures > kMostFailures;
+      Say(fmt::format("{}; {} takes its place",
+                      WIFSIGNALED(status)
+                          ? fmt::format("ended by signal {}", WTERMSIG(status))
+                          : fmt::format("ended with status {}", WEXITSTATUS(status)),
+                      is_last ? "nothing" : "another"));
+      if (is_last) _exit(1);
+      continue;
     }
     try {
       // Uses the same number: a copy could get one that close_range has freed, and that a library
       // may still take for its own.
       StarterProcess(Descriptor(kept.get()), command, mount_point, ignores_hangup, *duties).Run();
-    } catch (const std::exception&) {
+    } catch (const std::exception& error) {
+      Say(error.what());
       _exit(1);
     }
     _exit(0);
@@ -481,13 +504,19 @@ Starter::~Starter() {
   waitpid(process_, nullptr, WNOHANG);
 }
 
-/// Waits for the answer to a request. Those to earlier requests came too late, and are dropped.
+/// Sends a request and waits for its answer. Those to earlier requests came too late, and are
+/// dropped.
 /// @param error  set to the answer's; without one, to ETIMEDOUT, to EPIPE if the process has ended,
 ///               or to EMFILE if this process cannot take the descriptors that came with it
-std::optional<PassedMessage> Starter::AwaitAnswer(uint32_t id, milliseconds limit, int* error) {
+std::optional<PassedMessage> Starter::Ask(std::string_view request, uint32_t id, milliseconds limit,
+                                          int* error) {
+  is_stuck_ = false;
+  if (!SendPassed(socket_.get(), request) && errno != EAGAIN) {
+    *error = errno;
+    return std::nullopt;
+  }
   const auto deadline = Clock::now() + limit;
   *error = ETIMEDOUT;
-  is_stuck_ = false;
   while (WaitReadable(socket_.get(), deadline)) {
     Answer answer{};
     auto message = ReceivePassed(socket_.get(), sizeof answer);
@@ -513,8 +542,7 @@ StartedLine Starter::Start() {
   // not know of it.
   for (const milliseconds limit : {answer_limit_ / 5, answer_limit_}) {
     id = ++last_id_;
-    SendPassed(socket_.get(), Packed({Task::kStart, id}));
-    answer = AwaitAnswer(id, limit, &error);
+    answer = Ask(Packed({Task::kStart, id}), id, limit, &error);
     if (answer) break;
     // If the command is started after all, nobody uses it.
     SendPassed(socket_.get(), Packed({Task::kEnd, id}));
@@ -538,9 +566,8 @@ void Starter::Unmount() {
   const uint32_t id = ++last_id_;
   constexpr int kTries = 2;
   for (int i = 0; i < kTries; ++i) {
-    SendPassed(socket_.get(), Packed({Task::kUnmountNow, id}));
     int error = 0;
-    if (AwaitAnswer(id, answer_limit_, &error)) return;
+    if (Ask(Packed({Task::kUnmountNow, id}), id, answer_limit_, &error)) return;
   }
 }
 

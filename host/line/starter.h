@@ -42,7 +42,7 @@ class StartedLine {
 /// Owns the process "cpd-starter". A process in its sandbox can start no program; this one is
 /// forked before the sandbox and can. It runs a single command, which is fixed when it is forked: a
 /// process that was taken over in its sandbox cannot make it run another. Its own parent, of the
-/// same name, replaces it when it is killed.
+/// same name, replaces it when it is killed, and a few times when it fails, and says how it ended.
 ///
 /// After the construction no call here needs a new socket, process or program; sendmsg, recvmsg,
 /// poll, read, close, pidfd_open and wait4 suffice.
@@ -95,8 +95,8 @@ class Starter {
   void ActAtEnd() { acts_at_end_ = true; }
 
  private:
-  std::optional<PassedMessage> AwaitAnswer(uint32_t id, std::chrono::milliseconds limit,
-                                           int* error);
+  std::optional<PassedMessage> Ask(std::string_view request, uint32_t id,
+                                   std::chrono::milliseconds limit, int* error);
 
   const std::chrono::milliseconds answer_limit_;
   pid_t process_ = -1;

@@ -100,8 +100,10 @@ TEST_F(PassedMessageTest, ArrivesFromAPeerThatEndedWithAMessageUnread) {
 }
 
 TEST_F(PassedMessageTest, CannotBeSentToAPeerThatHasEnded) {
+  ASSERT_TRUE(SendPassed(one.get(), "unread"));
   other.Close();
   EXPECT_FALSE(SendPassed(one.get(), "late"));
+  EXPECT_EQ(errno, EPIPE);
 }
 
 }  // namespace

@@ -346,6 +346,25 @@ TEST_F(StarterTest, IsReplacedWhenItIsKilledAndItsCommandsEnd) {
   }
 }
 
+TEST_F(StarterTest, IsReplacedThreeTimesWhenItFailsAndSaysHowItEnded) {
+  const fs::path said = directory / "said";
+  const std::string ended = "cpd-starter: ended by signal 6; ";
+  std::string expected;
+  EXPECT_TRUE(ChildProcess::Succeeds([&] {
+    const Descriptor file(open(said.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600));
+    dup2(file.get(), STDERR_FILENO);
+    Starter starter("cat", "");
+    for (const std::string successor : {"another", "another", "another", "nothing"}) {
+      auto line = starter.Start();
+      kill(StarterOf(getpid()), SIGABRT);
+      EXPECT_EQ(line.Ended(10s), 128 + SIGKILL);
+      expected += ended + successor + " takes its place\n";
+      EXPECT_TRUE(Eventually([&] { return ContentOf(said) == expected; })) << ContentOf(said);
+    }
+    EXPECT_EQ(FailureOf(starter), "the process that starts the line has ended");
+  }));
+}
+
 TEST_F(StarterTest, KeepsItsCommandsWhenTheProcessThatWouldReplaceItIsKilled) {
   pid_t worker = 0;
   {
