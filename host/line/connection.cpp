@@ -119,7 +119,7 @@ FrameReader::Frame Connection::AwaitFrame(std::chrono::milliseconds limit) {
 
 void Connection::Start(Handlers handlers) {
   handlers_ = std::move(handlers);
-  heard_ = Clock::now();
+  heard_ = started_ = Clock::now();
   const SignalsBlocked blocked;
   thread_ = std::thread([this] { Run(); });
 }
@@ -267,9 +267,12 @@ void Connection::Run() {
     while (!ending_) Poll();
   } catch (const StreamError& error) {
     End(Ending::Kind::kNonsense, fmt::format("the other side sent nonsense: {}", error.what()));
-    if (ends_session_on_nonsense_ && !has_received_) SayGoodbye(Farewell::kFailed, ending_->text);
   } catch (const std::exception& error) {
     End(Ending::Kind::kDropped, error.what());
+  }
+  if (Clock::now() - started_ >= times_.useful) was_useful_ = true;
+  if (ending_->kind == Ending::Kind::kNonsense && ends_session_on_nonsense_ && !was_useful_) {
+    SayGoodbye(Farewell::kFailed, ending_->text);
   }
   {
     const std::lock_guard lock(mutex_);
@@ -337,7 +340,7 @@ void Connection::HandleFrames() {
         HoldLocked(**packet);
       }
       handlers_.packet(std::move(*packet));
-      has_received_ = true;
+      was_useful_ = true;
     } else {
       HandleControl(std::get<ControlFrame>(*frame));
     }

@@ -43,6 +43,7 @@ struct LineTimes {
   /// A line on which nothing arrives for this long is dead: four pings went without a pong.
   std::chrono::milliseconds dead_after{12000};
   std::chrono::milliseconds goodbye{1500};  ///< what is sent last may take this long to leave
+  std::chrono::milliseconds useful{10000};  ///< a line that is up for this long has been of use
 };
 
 /// What SendWhenRoom leaves to be written, as a charge: enough to keep a line busy.
@@ -91,8 +92,8 @@ class Connection {
   std::unique_ptr<CpdPacket> AwaitPacket(std::chrono::milliseconds limit);
   /// Starts the connection's thread.
   void Start(Handlers handlers);
-  /// For a line that is the last try: if nonsense comes before any packet, the other side is told
-  /// that the session has ended. To be called before Start.
+  /// For a line that is the last try: if nonsense comes before the line has been useful, the other
+  /// side is told that the session has ended. To be called before Start.
   void EndSessionOnNonsense() { ends_session_on_nonsense_ = true; }
 
   /// Whether the other side accepts a packet of this length now.
@@ -119,8 +120,8 @@ class Connection {
 
   /// The longest packet that the other side takes.
   [[nodiscard]] uint32_t their_largest();
-  /// Whether a packet has arrived since Start.
-  [[nodiscard]] bool has_received() const { return has_received_; }
+  /// Whether a packet has arrived since Start, or the connection ended after LineTimes::useful.
+  [[nodiscard]] bool was_useful() const { return was_useful_; }
   /// Of the last ping; zero before the first.
   [[nodiscard]] std::chrono::nanoseconds round_trip() const { return round_trip_; }
 
@@ -160,11 +161,12 @@ class Connection {
   FrameReader reader_;
   Handlers handlers_;
   std::atomic<std::chrono::nanoseconds> round_trip_{};
-  std::atomic<bool> has_received_ = false;
+  std::atomic<bool> was_useful_ = false;
   bool ends_session_on_nonsense_ = false;  // not written after Start
 
   // The connection's thread alone uses these.
-  Clock::time_point heard_ = Clock::now();
+  Clock::time_point started_ = Clock::now();
+  Clock::time_point heard_ = started_;
   Clock::time_point pinged_{};
   std::optional<Ending> ending_;
 

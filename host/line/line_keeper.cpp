@@ -104,7 +104,6 @@ void LineKeeper::SetUp(std::chrono::milliseconds greeting_limit) {
   }
   const std::lock_guard lock(mutex_);
   is_up_ = !ending_;
-  up_since_ = std::chrono::steady_clock::now();
 }
 
 /// Lets go of the line, if there is one. @return why it ended, as far as its source knows
@@ -116,9 +115,7 @@ std::string LineKeeper::Drop() {
     if (connection != nullptr && connection->round_trip() != 0ns) {
       round_trip_ = connection->round_trip();
     }
-    was_useful_ =
-        connection != nullptr && (connection->has_received() ||
-                                  std::chrono::steady_clock::now() - up_since_ >= kLongestPause);
+    was_useful_ = connection != nullptr && connection->was_useful();
     is_up_ = false;
   }
   if (connection == nullptr) return {};

@@ -89,7 +89,6 @@ class LineKeeper {
   unsigned drops_ = 0;
   std::chrono::nanoseconds round_trip_{};  // of the line before
   // The thread that sets lines up uses these.
-  std::chrono::steady_clock::time_point up_since_;
   bool was_useful_ = false;            // the line before
   std::chrono::milliseconds pause_{};  // before the next line
   unsigned nonsense_ = 0;              // useless lines that ended with it, since a useful one

@@ -48,6 +48,7 @@ class ConnectionTest : public testing::Test {
     peer.Send(BytesOfRecord(HelloOf(Role::kRemote, their_window)));
     EXPECT_EQ(connection->AwaitHello(10s).role, Role::kRemote);
     EXPECT_TRUE(peer.NextOf<Hello>());
+    if (is_last_try) connection->EndSessionOnNonsense();
     connection->Start({.packet =
                            [this](std::unique_ptr<CpdPacket> packet) {
                              if (on_packet) on_packet(*packet);
@@ -77,6 +78,7 @@ class ConnectionTest : public testing::Test {
   std::mutex mutex;
   std::vector<std::string> received;
   std::function<void(const CpdPacket&)> on_packet;
+  bool is_last_try = false;
   std::atomic<int> rooms = 0;
   std::promise<Ending> ended;
   std::optional<Connection> connection;
@@ -334,6 +336,16 @@ TEST_F(ConnectionTest, EndsWhenAHandlerRefusesAPacket) {
   peer.Send(BytesOfPacket(*PacketOf(100)));
   ExpectNonsense("a request for too much");
   EXPECT_FALSE(connection->SendWhenRoom(PacketOf(100)));
+}
+
+// A line that was up for long is followed by another, so the session goes on.
+TEST_F(ConnectionTest, SaysNoGoodbyeOnNonsenseIfItWasUpForLongThoughItIsTheLastTry) {
+  is_last_try = true;
+  Start(kWindow, kWindow, {.useful = 0ms});
+  peer.Send(ControlBytes(static_cast<Control>(9), 0));
+  EXPECT_FALSE(peer.NextControl(Control::kBye));
+  EXPECT_EQ(AwaitEnding().kind, Ending::Kind::kNonsense);
+  EXPECT_TRUE(connection->was_useful());
 }
 
 TEST_F(ConnectionTest, AnswersOnlyTheLastPingOfAPeerThatDoesNotRead) {
