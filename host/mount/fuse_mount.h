@@ -115,7 +115,7 @@ class FuseMount {
   bool Gather(const KernelRequest& request, std::string_view data, off_t offset,
               OpenFiles::Handle handle);
   std::future<Result<udisk_stat>> LookAt(const std::string& path);
-  void MoveOn(fuse_ino_t node, OpenFiles::Handle handle);
+  bool MoveOn(fuse_ino_t node, OpenFiles::Handle handle);
   int64_t PlaceOf(OpenFiles::Handle handle, const NodeTable::File& file, off_t offset);
   void ReplyWritten(const KernelRequest& request, fuse_ino_t node, size_t size, int64_t end);
   void NoteFailedWrite(fuse_ino_t node, int error);

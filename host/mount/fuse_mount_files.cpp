@@ -24,6 +24,9 @@ using Kind = Attempt::Kind;
 
 namespace {
 
+// How often an append follows a file that is replaced again and again.
+constexpr int kMostMoves = 100;
+
 // Attributes of at most this age were requested by the same open call, and can be trusted.
 constexpr std::chrono::milliseconds kJustNow{20};
 
@@ -184,8 +187,19 @@ void FuseMount::Write(const KernelRequest& request, fuse_ino_t node, const char*
     }
   }
   writes_.Drain(node);
-  const auto pass = Enter();
-  const auto file = nodes_.Find(node);
+  auto pass = Enter();
+  auto file = nodes_.Find(node);
+  // While an append waits, an answer to another program may show that its file was replaced.
+  for (int moves = 1; !file && is_first_append && moves < kMostMoves; ++moves) {
+    pass.unlock();
+    if (!MoveOn(node, handle->fh)) break;
+    node = open_files_.NodeOf(handle->fh);
+    open_files_.NoteUse(node);
+    reads_.Forget(node);
+    writes_.Drain(node);
+    pass = Enter();
+    file = nodes_.Find(node);
+  }
   if (!file) return request.ReplyError(ESTALE);
   if (is_of_program) offset = PlaceOf(handle->fh, *file, offset);
   const int64_t end = offset + static_cast<int64_t>(size);
@@ -219,26 +233,30 @@ std::future<Result<udisk_stat>> FuseMount::LookAt(const std::string& path) {
 /// If another file has taken the place of the one that a program is about to append to for the
 /// first time, moves the program's handle to the new file, as if it had been opened a moment later.
 /// The kernel checked only the old file's permissions, so the new one must have the same.
-void FuseMount::MoveOn(fuse_ino_t node, OpenFiles::Handle handle) {
+/// @return whether there is a file to append to
+bool FuseMount::MoveOn(fuse_ino_t node, OpenFiles::Handle handle) {
   auto pass = Enter();
   if (const auto file = nodes_.Find(node); file) {
     auto answer = LookAt(file->path);
     pass.unlock();
     const auto [error, now] = answer.get();
-    if (error != 0 || nodes_.Update(node, now)) return;
+    if (error != 0 || nodes_.Update(node, now)) return true;
     pass = Enter();
   }
   const auto before = nodes_.LastAttributes(node);
   const auto name = nodes_.ReplacedName(node);
   const auto path = name ? nodes_.ChildPath(name->first, name->second) : std::nullopt;
-  if (!before || !path) return;
+  if (!before || !path) return false;
   const auto [error, now] = LookAt(*path).get();
   if (error != 0 || now.st_mode != before->st_mode || now.st_uid != before->st_uid ||
       now.st_gid != before->st_gid) {
-    return;
+    return false;
   }
+  const bool has_moved = open_files_.HasMoved(handle);
   const auto new_node = nodes_.Lookup(name->first, name->second, now);
   if (open_files_.MoveTo(handle, new_node)) reads_.Forget(node);
+  if (has_moved) nodes_.Forget(node, 1);  // the reference of the move before
+  return true;
 }
 
 /// Where the data of a write goes. The kernel counts an append from the end of the file that it

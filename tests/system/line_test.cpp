@@ -113,6 +113,33 @@ TEST_F(BadLine, ACopyOverTenDroppedLinesEndsWithEqualFilesAndNoError) {
   }
 }
 
+// ---- Replaced files ----
+
+// When the append has seen the old file, it waits for the rename. Before that is done, the answer
+// to the open call shows that the client has put another file in the file's place.
+TEST_F(BadLine, AFirstAppendFollowsAFileThatIsReplacedWhileItWaitsForARename) {
+  WriteFile(disk / "file", "old\n");
+  WriteFile(disk / "other", "");
+  const auto mounted = Mount("--delay 30");
+  const auto file = mounted / "file";
+  const int fd = open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  ASSERT_GE(fd, 0) << strerror(errno);
+  EXPECT_TRUE(fs::exists(mounted / "other"));
+  auto renamed = std::async(std::launch::async, [&] {
+    fs::rename(mounted / "other", mounted / "another");  // looks the new name up first
+  });
+  usleep(10'000);
+  auto appended =
+      std::async(std::launch::async, [&] { return write(fd, "line\n", 5) == 5 ? 0 : errno; });
+  usleep(40'000);
+  WriteFile(disk / "file~", std::string(100, 'n') + '\n');
+  fs::rename(disk / "file~", disk / "file");
+  close(open(file.c_str(), O_WRONLY | O_CLOEXEC));
+  EXPECT_EQ(appended.get(), 0);
+  renamed.get();
+  close(fd);
+}
+
 // ---- Each kind of request ----
 
 struct Request {
