@@ -76,10 +76,11 @@ uint64_t Nanoseconds(std::chrono::nanoseconds duration) {
 
 }  // namespace
 
-Recording::Recording(const DiskOptions& options)
+Recording::Recording(const DiskOptions& options, size_t most_waiting)
     : path_(options.record),
       section_(SectionOf(options)),
       data_bytes_(options.record_bytes),
+      most_waiting_(most_waiting),
       began_(Nanoseconds(std::chrono::system_clock::now().time_since_epoch())),
       file_(path_.empty() ? nullptr : OpenForAppending(path_), &std::fclose) {}
 
@@ -144,7 +145,7 @@ void Recording::AddLocked(const CpdPacket& packet, Way way) {
   std::string_view bytes(reinterpret_cast<const char*>(packet.buffer->data),
                          std::min<uint64_t>(packet.buffer->capacity, original));
   if (data_bytes_) bytes = bytes.substr(0, LengthWithoutData(bytes, way) + *data_bytes_);
-  if (waiting_ > 0 && waiting_ + bytes.size() > kMostWaiting) {
+  if (waiting_ > 0 && waiting_ + bytes.size() > most_waiting_) {
     ++missing_;
     ++missing_all_;
     return;
@@ -160,7 +161,7 @@ void Recording::AddLocked(const CpdPacket& packet, Way way) {
 
 uint64_t Recording::memory() const {
   // What waits, a longer packet, and what many small blocks take in addition to their bytes.
-  return file_ == nullptr ? 0 : uint64_t{4} * kMostWaiting;
+  return file_ == nullptr ? 0 : uint64_t{3} * most_waiting_;
 }
 
 void Recording::Run() {

@@ -24,15 +24,16 @@ namespace cpd::host {
 /// written any more, the log says why, and nothing more is recorded.
 class Recording {
  public:
-  /// How many bytes wait for the file at most, apart from one longer packet.
-  static constexpr size_t kMostWaiting = 16 << 20;
+  /// Enough for what a fast disk delivers while a busy machine keeps the writer waiting.
+  static constexpr size_t kMostWaiting = 64 << 20;
 
   /// Opens the file, without starting a thread. It is appended to, as a section of its own, since
   /// several processes may use it one after the other.
   /// @param options  the file (empty = nothing is recorded), how much of each packet's data is
   ///                 kept, and what the section says of the disk
+  /// @param most_waiting  how many bytes wait for the file at most, apart from one longer packet
   /// @throws std::runtime_error when the file cannot be opened, or holds something else
-  explicit Recording(const DiskOptions& options);
+  explicit Recording(const DiskOptions& options, size_t most_waiting = kMostWaiting);
   /// Writes what is left.
   ~Recording();
   Recording(const Recording&) = delete;
@@ -61,6 +62,7 @@ class Recording {
   const std::string path_;
   const std::string section_;  // what begins it
   const std::optional<uint32_t> data_bytes_;
+  const size_t most_waiting_;
   const uint64_t began_;  // in nanoseconds since 1970
   // What follows is steady, so that the capture's times go on if the system's clock is set.
   const Clock::time_point steady_began_ = Clock::now();
