@@ -151,6 +151,7 @@ class FuseMount {
   void ShowMade(const std::shared_ptr<Making>& making);
   void Hide(const KernelRequest& request, fuse_ino_t node, fuse_ino_t parent,
             const std::string& name, const RenameGate::Move& move);
+  void RemoveUnlessOpen(fuse_ino_t node, const std::string& hidden_path);
   void LiftHiddenFiles(fuse_ino_t parent, const std::string& name, const RenameGate::Move& move);
   void HideTarget(const std::shared_ptr<Renaming>& renaming);
   void FinishRename(const std::shared_ptr<Renaming>& renaming);

@@ -52,8 +52,8 @@ void FuseMount::Open(const KernelRequest& request, fuse_ino_t node, fuse_file_in
   handle->fh = open_files_.Open(node);
   if (is_ahead) {
     open_files_.NoteUse(node);  // what is in the kernel's cache is as good as read
-    pass.unlock();
     ReplyOpened(request, node, *handle, 0);
+    pass.unlock();
     prefetch_.ReadToItsEnd(file->path);
   } else if (is_fresh) {
     open_files_.SetContent(handle->fh, reads_.Find(node));

@@ -183,12 +183,17 @@ void FuseMount::Hide(const KernelRequest& request, fuse_ino_t node, fuse_ino_t p
           return ReplyFailure(request, outcome, {.kind = Kind::kUnlink, .path = path});
         }
         nodes_.Hide(parent, name, hidden_name);
-        // The call that opened the file may have been interrupted. Then its handle is closed by
-        // now, and no release will come that removes the file.
-        if (!open_files_.IsOpen(node)) files_.Unlink(hidden_path, [](Outcome) {});
+        RemoveUnlessOpen(node, hidden_path);
         ReplyDone(request);
       },
       nodes_.CurrentAttributes(parent, name));
+}
+
+/// Removes a file that was hidden a moment ago if no program has it open any more: the call that
+/// opened it may have been interrupted. Then its handle is closed by now, because moves wait for
+/// calls that need several requests, and no release will come that removes the file.
+void FuseMount::RemoveUnlessOpen(fuse_ino_t node, const std::string& hidden_path) {
+  if (!open_files_.IsOpen(node)) files_.Unlink(hidden_path, [](Outcome) {});
 }
 
 void FuseMount::RemoveDirectory(const KernelRequest& request, fuse_ino_t parent, const char* name) {
@@ -240,7 +245,8 @@ struct FuseMount::Renaming {
   std::string new_name;
   std::string path;
   std::string new_path;
-  /// Where the replaced file stays for programs that have it open; empty if none has.
+  std::optional<NodeTable::Id> target = {};  ///< the file that is replaced
+  /// Where the target stays for programs that have it open; empty if none has.
   std::string hidden_path = {};
   bool is_linked = false;  ///< at hidden_path, so that new_path stays until it is replaced
 };
@@ -261,8 +267,8 @@ void FuseMount::Rename(const KernelRequest& request, fuse_ino_t parent, const ch
                                                             .new_name = new_name,
                                                             .path = *path,
                                                             .new_path = *new_path});
-  const auto target = nodes_.NodeIfOnlyName(new_parent, new_name);
-  if (target && open_files_.IsOpen(*target)) return HideTarget(renaming);
+  renaming->target = nodes_.NodeIfOnlyName(new_parent, new_name);
+  if (renaming->target && open_files_.IsOpen(*renaming->target)) return HideTarget(renaming);
   FinishRename(renaming);
 }
 
@@ -294,6 +300,9 @@ void FuseMount::FinishRename(const std::shared_ptr<Renaming>& renaming) {
   const auto finish = [this, renaming](Outcome outcome) {
     if (outcome == Outcome::kDone) {
       nodes_.Rename(renaming->parent, renaming->name, renaming->new_parent, renaming->new_name);
+      if (!renaming->hidden_path.empty()) {
+        RemoveUnlessOpen(*renaming->target, renaming->hidden_path);
+      }
       return ReplyDone(renaming->request);
     }
     if (!renaming->hidden_path.empty()) UndoHiding(*renaming);
