@@ -11,6 +11,7 @@
 #include <cstring>
 #include <optional>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -188,6 +189,9 @@ fuse_lowlevel_ops FuseMount::Operations() {
   ops.open = Call<&FuseMount::Open>;
   ops.read = Call<&FuseMount::Read>;
   ops.write = CallChange<&FuseMount::Write>;
+  static_assert(std::is_same_v<decltype(ops.write), void (*)(fuse_req_t, fuse_ino_t, const char*,
+                                                             size_t, off_t, fuse_file_info*)>,
+                "DataSize must know the arguments of a write");
   ops.flush = Call<&FuseMount::Flush>;
   ops.fsync = CallChange<&FuseMount::Sync>;
   ops.release = Call<&FuseMount::Release>;

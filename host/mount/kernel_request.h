@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <climits>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -72,9 +73,10 @@ class Interruptions {
  public:
   /// How much the requests that go on after such an answer may hold together, in bytes.
   static constexpr size_t kMostHeld = 16 << 20;
-  /// What a request holds in addition to its data: a packet with its paths, and what is noted of
-  /// it.
-  static constexpr size_t kHeldByEach = 4 << 10;
+  /// What a request holds in addition to its data: a packet with a path, and what is noted of it,
+  /// which repeats the path. No disk has paths of PATH_MAX bytes or more, although a side that lies
+  /// may show some. The second path of a link or a rename is not counted.
+  static constexpr size_t kHeldByEach = 4 * PATH_MAX;
 
   /// @param is_cut_off  whether the disk cannot be reached now
   explicit Interruptions(std::function<bool()> is_cut_off);
