@@ -54,7 +54,7 @@ void AddRecordOptions(CLI::App* command, DiskOptions* disk) {
 
 void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line) {
   command->add_option("DISK", disk->disk, "Directory to redirect, such as a mounted USB disk");
-  command->add_option("--module", disk->module, "Driver module [../lib/udisk-redir.so]");
+  command->add_option("--module", disk->module, "Driver module [../lib/cpd/udisk-redir.so]");
   command->add_option("--policy", disk->policy, "Policy text for the module");
   command->add_option("--bandwidth", disk->bandwidth_kbps, "Read bandwidth to announce, in kbps")
       ->type_name("KBPS");

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 
 namespace cpd::host {
 namespace {
@@ -14,9 +15,16 @@ constexpr char kDescriptor[] = "CPD_DRV_MODULE";
 constexpr std::string_view kName = "udisk-redir";
 constexpr uint16_t kVersion = 2;
 
+/// The module that is installed with this program; where there is none, that of the same build.
 std::string DefaultModule() {
   const auto program = std::filesystem::read_symlink("/proc/self/exe");
-  return (program.parent_path().parent_path() / "lib" / "udisk-redir.so").string();
+  const auto libraries = program.parent_path().parent_path() / "lib";
+  const auto installed = libraries / "cpd" / "udisk-redir.so";
+  const auto built = libraries / "udisk-redir.so";
+  std::error_code ignored;
+  const bool use_built =
+      !std::filesystem::exists(installed, ignored) && std::filesystem::exists(built, ignored);
+  return (use_built ? built : installed).string();
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ using Driver = std::unique_ptr<CpdDriver, CloseDriver>;
 /// A loaded module. Must outlive the drivers that it opened.
 class Module {
  public:
-  /// @param path  empty = lib/udisk-redir.so beside this program's bin directory
+  /// @param path  empty = the module that was installed or built with this program
   /// @throws std::runtime_error when it cannot be loaded or is not the expected module
   explicit Module(const std::string& path);
 
