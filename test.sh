@@ -125,7 +125,7 @@ if [[ ${#filter[@]} -eq 0 && ${presets[*]} == release ]]; then
   echo "Builds and runs the tests of the optimised build, which takes ten minutes on two processors."
   echo "--all adds the sanitizers; --ci adds the linter and the fuzzers, too."
 fi
-scripts/install-packages.sh build test
+scripts/install-packages.sh build test package
 
 for preset in "${presets[@]}"; do
   step "Building ($preset)"

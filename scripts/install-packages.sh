@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are still missing:
-#   scripts/install-packages.sh build|test|fuzz ...
+#   scripts/install-packages.sh build|test|fuzz|package ...
 # If nothing is missing, it uses neither the network nor the package lists.
 set -euo pipefail
 
@@ -17,6 +17,7 @@ test=(
   strace # the benches
 )
 fuzz=(clang libclang-rt-dev llvm)
+package=(dpkg-dev file) # to make Debian packages
 
 wanted=()
 for list in "$@"; do
@@ -24,7 +25,8 @@ for list in "$@"; do
     build) wanted+=("${build[@]}") ;;
     test) wanted+=("${test[@]}") ;;
     fuzz) wanted+=("${fuzz[@]}") ;;
-    *) echo "usage: $0 build|test|fuzz ..." >&2; exit 2 ;;
+    package) wanted+=("${package[@]}") ;;
+    *) echo "usage: $0 build|test|fuzz|package ..." >&2; exit 2 ;;
   esac
 done
 
