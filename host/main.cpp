@@ -11,6 +11,7 @@
 
 #include "commands/command.h"
 #include "line/frame_reader.h"
+#include "line/line_keeper.h"
 #include "module/host_log.h"
 #include "module/standard_error.h"
 
@@ -42,7 +43,16 @@ int Run(int argc, char** argv) {
     return app.exit(error) == 0 ? 0 : 1;
   }
   SetUpLog(line.log_level, line.log_file);
-  line.run();
+  // What one side tells the other, the one that the user has started shows.
+  try {
+    line.run();
+  } catch (const ToldError&) {
+    if (!line.is_far) throw;
+    return 1;
+  } catch (const EndedError& error) {
+    if (!line.is_far || error.ending().kind != Ending::Kind::kFarewell) throw;
+    return 2;
+  }
   if (std::fflush(stdout) != 0) {
     throw std::system_error(errno, std::generic_category(), "standard output");
   }

@@ -67,9 +67,12 @@ void Attach(const AttachOptions& options) {
     mount_point = CheckedMountPoint(options.mount_point);
     disk.drive = mount_point;
     recording.emplace(disk);
-  } catch (const std::exception& error) {
+  } catch (const StreamError& error) {
     Refuse(std::move(line), Role::kRemote, error.what());
     throw;
+  } catch (const std::exception& error) {
+    Refuse(std::move(line), Role::kRemote, error.what());
+    throw ToldError(error.what());
   }
   Starter starter("", mount_point);
   const HandoverListener listener(directory, options.mount_point);
@@ -104,7 +107,10 @@ void AddAttachCommand(CLI::App* app, CommandLine* line) {
   AddMountOptions(attach, &options->disk);
   AddStreamOptions(attach, &options->line);
   AddReconnectOption(attach, &options->line);
-  attach->callback([line, options] { line->run = [options] { Attach(*options); }; });
+  attach->callback([line, options] {
+    line->is_far = true;
+    line->run = [options] { Attach(*options); };
+  });
 }
 
 }  // namespace cpd::host

@@ -16,6 +16,7 @@ struct CommandLine {
   LogLevel log_level = LogLevel::kError;
   std::string log_file;       ///< empty = standard error
   std::function<void()> run;  ///< the chosen command; throws std::exception on failure
+  bool is_far = false;        ///< whether another cpd-host has started this one
 };
 
 // Each adds one command, which owns its options.

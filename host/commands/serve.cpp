@@ -53,7 +53,7 @@ void Serve(ServeOptions options) {
     }
   } catch (const std::exception& error) {
     Refuse(source.Next(), Role::kDisk, error.what());
-    throw;
+    throw ToldError(error.what());
   }
   LineKeeper keeper(source, *disk, kFirstHelloLimit, false);
   Connect(keeper, stop_signals);
@@ -68,7 +68,10 @@ void AddServeCommand(CLI::App* app, CommandLine* line) {
   AddDiskOptions(serve, &options->disk, line);
   AddNamingOptions(serve, &options->disk);
   AddStreamOptions(serve, &options->line);
-  serve->callback([line, options] { line->run = [options] { Serve(*options); }; });
+  serve->callback([line, options] {
+    line->is_far = true;
+    line->run = [options] { Serve(*options); };
+  });
 }
 
 }  // namespace cpd::host

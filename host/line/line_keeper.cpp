@@ -100,7 +100,8 @@ void LineKeeper::SetUp(std::chrono::milliseconds greeting_limit) {
     const std::lock_guard lock(mutex_);
     // If Begin failed because the other side said goodbye, the reason given there explains more.
     if (ending_ && ending_->kind == Ending::Kind::kFarewell) throw EndedError(*ending_);
-    throw;
+    if (dynamic_cast<const StreamError*>(&error) != nullptr) throw;
+    throw ToldError(error.what());
   }
   const std::lock_guard lock(mutex_);
   is_up_ = !ending_;

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -16,6 +17,12 @@
 #include "line/stream.h"
 
 namespace cpd::host {
+
+/// This side failed, and has told the other side why.
+class ToldError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 /// What one side does with its lines, one after the other.
 class LineUser {
@@ -52,7 +59,8 @@ class LineKeeper {
 
   /// Sets up the first line.
   /// @throws StreamError when the other side refuses, fails or cannot be reached
-  /// @throws std::exception when this side cannot begin, in words for the user
+  /// @throws std::exception when this side cannot begin, in words for the user: ToldError when the
+  ///         other side could be told
   void Connect();
   /// From now on keeps a line up. To be called once, after Connect.
   /// @param on_end  called once, on a thread of the keeper, when there will be no other line; not

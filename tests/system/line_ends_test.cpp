@@ -227,9 +227,8 @@ TEST_F(LineEnds, AMountOfAMissingDiskFailsOnTheOtherSide) {
   const auto mount = Shell(CPD_HOST " mount --via 'exec " CPD_HOST " serve " + (disk / "missing") +
                            "' " + mount_point);
   EXPECT_EQ(mount.status, 2);
-  EXPECT_NE(mount.output.find("cpd-host: the other side: disk " + (disk / "missing")),
-            std::string::npos)
-      << mount.output;
+  EXPECT_EQ(mount.output, "cpd-host: the other side: disk " + (disk / "missing") +
+                              ": No such file or directory\n");
 }
 
 TEST_F(LineEnds, AMountOnAMissingMountPointFailsHere) {
@@ -241,7 +240,9 @@ TEST_F(LineEnds, AMountOnAMissingMountPointFailsHere) {
 TEST_F(LineEnds, ARedirectToAMissingMountPointFailsOnTheOtherSide) {
   const auto redirect = Shell(CPD_HOST " redirect " + disk.path() +
                               " --via 'exec " CPD_HOST " attach " + (place / "missing") + "'");
-  EXPECT_EQ(redirect.status, 2) << redirect.output;
+  EXPECT_EQ(redirect.status, 2);
+  EXPECT_EQ(redirect.output, "cpd-host: the other side: mount point " + (place / "missing") +
+                                 ": No such file or directory\n");
 }
 
 TEST_F(LineEnds, ALineThatCannotBeStartedIsExplained) {
