@@ -76,7 +76,7 @@ class Interruptions {
   /// What a request holds in addition to its data: a packet with a path, and what is noted of it,
   /// which repeats the path. No disk has paths of PATH_MAX bytes or more, although a side that lies
   /// may show some. The second path of a link or a rename is not counted.
-  static constexpr size_t kHeldByEach = 4 * PATH_MAX;
+  static constexpr size_t kHeldByEach = size_t{4} * PATH_MAX;
 
   /// @param is_cut_off  whether the disk cannot be reached now
   explicit Interruptions(std::function<bool()> is_cut_off);
