@@ -179,7 +179,8 @@ TEST_F(Captures, OfBothSidesOfALineAreShownByWireshark) {
 
 TEST_F(Captures, HaveEveryFieldOfTheProtocolInWireshark) {
   if (!HasTshark()) GTEST_SKIP() << "no tshark here";
-  const auto known = Tshark("-G fields");
+  // Of all that Wireshark knows, only these: the whole list takes a sanitizer a minute to search.
+  const auto known = Shell("tshark -G fields -X lua_script:" DISSECTOR " | grep 'cpd[.]'").output;
   const auto has = [&](const std::string& of, const std::string& field) {
     return known.find("\tcpd." + of + "." + field + "\t") != std::string::npos;
   };
