@@ -352,7 +352,7 @@ void MakeStreams(const Corpus& corpus) {
                      .Bytes());
 }
 
-/// The blocks of a packet, at a time of its own.
+/// The blocks of a packet. All packets have the same time, so that the corpus never changes.
 std::string Recorded(const std::string& bytes, host::Way way, uint64_t missing = 0) {
   return host::PacketBlocks({.time = 1'700'000'000'123'456'789,
                              .way = way,
@@ -367,7 +367,7 @@ void MakeCaptures(const Corpus& corpus) {
   std::string requests = section;
   for (const NamedRequest& named : OneRequestPerCommand()) {
     requests += Recorded(named.request.Bytes(), Way::kToModule);
-    // Its head and paths as those of an answer, with bytes that may be data or attributes.
+    // The answer is the request with bytes after it, which may be read as data or attributes.
     Request answer = named.request;
     answer.payload += std::string(250, '\x02');
     requests += Recorded(answer.Bytes(), Way::kFromModule);

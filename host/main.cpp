@@ -43,7 +43,7 @@ int Run(int argc, char** argv) {
     return app.exit(error) == 0 ? 0 : 1;
   }
   SetUpLog(line.log_level, line.log_file);
-  // What one side tells the other, the one that the user has started shows.
+  // The side that the user has started shows what either side has told the other.
   try {
     line.run();
   } catch (const ToldError&) {

@@ -14,7 +14,7 @@ struct DiskOptions {
   std::string label;   ///< the remote side's label; empty = the directory's name
   std::string drive;   ///< the remote side's name for the disk; empty = none
   std::string policy;  ///< passed to the module unchanged
-  std::string module;  ///< empty = the one built with this program
+  std::string module;  ///< empty = the one installed or built with this program
   std::string trace;   ///< file for trace events; empty = none are written
   std::string record;  ///< file for the packets; empty = they are not recorded
   std::optional<uint32_t> record_bytes;  ///< recorded of each packet's data; empty = all

@@ -14,7 +14,7 @@ local TO_MODULE, FROM_MODULE = 1, 2 -- the directions
 
 -- ---- What the packets look like ----
 
--- The fields of a head: name, type, meaning of what is not obvious. Types are those of the document.
+-- The fields of a head: name, type, and for the type "record" its own fields.
 local STAT = {
   { "st_dev", "s64" }, { "st_ino", "u64" }, { "st_nlink", "u64" }, { "st_size", "s64" },
   { "st_rdev", "s64" }, { "st_blocks", "s64" }, { "st_blksize", "s64" },
@@ -304,7 +304,7 @@ function Reader:listing(length, tree)
   listing:append_text(", " .. entries .. " entries")
 end
 
--- In a request, data without a single write consists of pieces.
+-- The data of a write request: that of one write if `single` is set, otherwise pieces.
 function Reader:pieces(length, single, tree)
   if single ~= 0 then return self:data(length, tree) end
   local finish = self.at + length
@@ -367,7 +367,7 @@ function Reader:rest(parts, head, tree)
   return shown
 end
 
--- The results that the summary shows.
+-- The fields of a head that the summary shows.
 local SHOWN = { "result", "offset", "size", "length", "attr_length", "entry_count", "count" }
 
 function cpd.dissector(buffer, pinfo, root)

@@ -29,7 +29,7 @@ inline constexpr size_t kBlockOverhead = 12;  ///< type and length, and the leng
 /// Wireshark refuses a file with a longer packet of a user's link type. What exceeds this is in
 /// blocks that Wireshark ignores.
 inline constexpr uint32_t kLongestInPacketBlock = 256 << 10;
-/// Of one of these blocks: a file may have several of them in a row.
+/// The most that a block of type kRest holds, in bytes. A packet may have several of them.
 inline constexpr uint32_t kLongestRest = 1 << 20;
 
 enum class Option : uint16_t {

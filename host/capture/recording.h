@@ -40,8 +40,8 @@ class Recording {
   Recording& operator=(const Recording&) = delete;
 
   /// Starts to write what has been noted, on a thread where all signals are blocked. To be called
-  /// in the sandbox, if there is one; further calls do nothing. Without it, only the destructor
-  /// writes.
+  /// in the sandbox, if there is one; further calls do nothing. If this is never called, only
+  /// the destructor writes.
   void Start();
   /// Callable from any thread.
   void Note(const CpdPacket& packet, Way way);

@@ -65,8 +65,8 @@ bool IsAnswer(const CpdPacketHeader& answer, const CpdPacketHeader& request) {
   return answer.cmd == request.cmd && answer.requestId == request.requestId;
 }
 
-/// A check that gets no answer says that its own listing is right, and it has the same layout as an
-/// answer.
+/// If a check gets no answer, the listing that it carries is right. A check has the layout of an
+/// answer, and is taken for one.
 std::optional<std::string_view> AnswerOr(std::optional<std::string_view> answer,
                                          const RecordedPacket& request) {
   if (answer || HeaderOf(request.bytes).cmd != kCheckDir) return answer;
@@ -74,7 +74,7 @@ std::optional<std::string_view> AnswerOr(std::optional<std::string_view> answer,
 }
 
 /// Sends a capture's requests to the module in their order, and compares the answers. The answers
-/// of the capture say when the next request can go: those that were sent while another one was
+/// of the capture say when the next request can go: requests that were sent while another one was
 /// under way are sent like that again.
 class Replay {
  public:
@@ -185,8 +185,8 @@ class Replay {
   }
 
   const ReplayOptions& options_;
-  std::optional<Redirection> disk_;  // from the first request to an opened disk on
-  AskedRequests asked_;              // in the capture's order, without an answer of the capture
+  std::optional<Redirection> disk_;  // opened for its first request
+  AskedRequests asked_;              // in the capture's order; their answers have not come up yet
   uint64_t section_ = 0;
   uint64_t first_time_ = 0;  // of the first request to the disk, in the capture
   Clock::time_point first_asked_;

@@ -138,8 +138,9 @@ void Say(const std::string& text) { PrintError(fmt::format("cpd-starter: {}\n", 
 /// @return the socket's new descriptor
 Descriptor KeepOnly(Descriptor socket) {
   Descriptor kept(fcntl(socket.get(), F_DUPFD_CLOEXEC, 3));
-  // What is opened here is closed one by one. A library that watches both, as libumockdev's does,
-  // would not notice close_range, and would take a later descriptor of that number for its own.
+  // What is opened here is closed one by one. A library that intercepts open and close, such as
+  // libumockdev-preload, would not notice close_range, and would take a later descriptor of that
+  // number for its own.
   Descriptor opened(open("/dev/null", O_RDWR | O_CLOEXEC));
   Descriptor null(fcntl(opened.get(), F_DUPFD_CLOEXEC, 3));
   opened.Close();

@@ -56,8 +56,8 @@ class Starter {
   /// @param command  the line, for /bin/sh -c
   /// @param mount_point  absolute path, for Unmount and UnmountOnDeath; empty if neither is called
   /// @param answer_limit  how long a call waits for the process, which may be killed or stopped
-  ///                      meanwhile. Start and Unmount ask it twice. What the others say is lost
-  ///                      when it takes nothing for that long
+  ///                      meanwhile. Start and Unmount ask it twice. The messages of the other
+  ///                      calls are lost if the process takes none for that long
   /// @throws std::system_error when there is no further process or descriptor
   Starter(const std::string& command, const std::string& mount_point,
           std::chrono::milliseconds answer_limit = std::chrono::seconds(5));

@@ -126,7 +126,7 @@ TEST_F(Recorded, TheFileNamesTheDiskAndIsForItsOwnerOnly) {
   EXPECT_EQ(status.st_mode & 0777U, 0600U);
 }
 
-TEST_F(Recorded, WithoutAThreadTheEndWritesThem) {
+TEST_F(Recorded, PacketsAreWrittenByTheDestructorIfNoThreadWasStarted) {
   Recording(Options()).Note(*PacketOf(request), Way::kToModule);
   EXPECT_EQ(PacketsIn(ContentOf(path)).size(), 1U);
 }
@@ -162,7 +162,7 @@ TEST_F(Recorded, DataIsCutAfterTheHeadAndThePaths) {
   EXPECT_EQ(kept(rename.Bytes(), Way::kToModule, 0), rename.Bytes().size());
 }
 
-TEST_F(Recorded, LengthsThatReachPastThePacketCutNothingElse) {
+TEST_F(Recorded, PacketsWhoseLengthsReachPastTheirEndAreKeptWhole) {
   const auto hostile = Patched(request, 16 + offsetof(ReadHead, path_length), uint32_t{0xffffffff});
   Record(hostile, Way::kToModule, 0);
   Record(Request{.cmd = kFileWrite}.Bytes(), Way::kToModule, 0);
@@ -232,7 +232,7 @@ TEST_F(Recorded, ALimitOnFileSizesEndsTheRecordingWithWholeBlocks) {
   EXPECT_EQ(PacketsIn(ContentOf(path)).size(), 1U);
 }
 
-TEST_F(Recorded, ASlowFileHoldsNobodyUpAndIsToldWhatItMisses) {
+TEST_F(Recorded, ASlowFileHoldsNobodyUpAndTheLogSaysHowManyPacketsAreMissing) {
   constexpr size_t kMostWaiting = 1 << 20;
   constexpr size_t kPackets = 30;  // more than may wait
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);

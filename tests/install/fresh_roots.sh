@@ -32,7 +32,7 @@ clean_up() {
 }
 trap clean_up EXIT
 mkdir "$scratch/roots"
-mount --bind "$scratch/roots" "$scratch/roots" # a place that takes all mounts below it along
+mount --bind "$scratch/roots" "$scratch/roots" # a mount, so that umount --recursive works on it
 client=$scratch/roots/client server=$scratch/roots/server
 # Runs a command; prints its output only if it fails.
 quietly() { "$@" >"$scratch/log" 2>&1 || { tail -n 30 "$scratch/log" >&2; fail "$*"; }; }
@@ -83,7 +83,7 @@ mount --rbind "$server" "$client/server"
 chroot "$client" cpd-host redirect /DISK --via 'exec chroot /server cpd-host attach /stick' \
   >"$scratch/redirect" 2>&1 &
 redirection=$!
-in_server() { chroot "$client/server" "$@"; } # sees what is mounted by that way
+in_server() { chroot "$client/server" "$@"; } # attach mounts below this path, not below $server
 for _ in $(seq 100); do
   ! in_server mountpoint -q /stick || break
   sleep 0.1

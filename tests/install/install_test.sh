@@ -42,7 +42,7 @@ quietly "$compiler" -std=c++20 -rdynamic \
   "$example/main.cpp" "${flags[@]}" -o "$scratch/by-pkg-config"
 prints_the_file "$scratch/by-pkg-config" "$scratch/DISK" 'a file'
 
-# The program finds the installed module, and nothing else can be meant: the build's is elsewhere.
+# The program finds the installed module. It cannot be the build's module, which is elsewhere.
 prints_the_file "$prefix/bin/cpd-host" cat "$scratch/DISK" 'a file'
 
 unit=$prefix/lib/systemd/system/cpd-host-usb@.service

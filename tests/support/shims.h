@@ -43,7 +43,7 @@ class Shims {
     if (mkfifo(File("gate").c_str(), 0600) != 0) throw std::runtime_error("cannot make a FIFO");
     Put(program, ": <'" + File("gate") + "'", 0);
   }
-  /// Lets a program that AddWaiting added end; waits until it has been called.
+  /// Waits until the program of AddWaiting has been called, and lets it end.
   void Release() const { std::ofstream(File("gate")); }
   /// Replaces cat by one that finds only the files that SetFile makes.
   void AddCat() { Put("cat", "/bin/cat '" + File("root") + "'\"$1\" 2>/dev/null", 0); }

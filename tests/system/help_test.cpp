@@ -80,7 +80,7 @@ struct Help {
 
 /// The manual page, as its source says it.
 struct ManualPage {
-  /// @param all_commands  those that have the options of a list whose paragraph names none
+  /// @param all_commands  have the options of each list whose paragraph names no command
   explicit ManualPage(const Texts& all_commands) {
     Names everywhere{all_commands.begin(), all_commands.end()};
     everywhere.insert("");

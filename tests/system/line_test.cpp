@@ -115,8 +115,8 @@ TEST_F(BadLine, ACopyOverTenDroppedLinesEndsWithEqualFilesAndNoError) {
 
 // ---- Replaced files ----
 
-// When the append has seen the old file, it waits for the rename. Before that is done, the answer
-// to the open call shows that the client has put another file in the file's place.
+// The append looks at the old file, and then waits for the rename to end before it writes. In the
+// meantime another open of the file shows the mount that the client has replaced it.
 TEST_F(BadLine, AFirstAppendFollowsAFileThatIsReplacedWhileItWaitsForARename) {
   WriteFile(disk / "file", "old\n");
   WriteFile(disk / "other", "");

@@ -521,7 +521,7 @@ TEST(UsbUnit, HasACommandThatTheHostUnderstands) {
   const auto begin = unit.find(key) + key.size();
   auto command = unit.substr(begin, unit.find('\n', begin) - begin);
   ASSERT_NE(command.find(" ${PLACE} "), std::string::npos) << unit;
-  // The shell splits the command like systemd, and the host gets as far as the place.
+  // The shell splits the command like systemd. The host accepts its options and refuses only PLACE.
   const auto result = Shell("PLACE=nowhere OPTIONS='--read-only --match STICK'; " + command);
   EXPECT_EQ(result.output,
             "cpd-host: nowhere does not name another machine: write [USER@]HOST:DIRECTORY\n");
