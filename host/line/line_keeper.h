@@ -99,7 +99,7 @@ class LineKeeper {
   // The thread that sets lines up uses these.
   bool was_useful_ = false;            // the line before
   std::chrono::milliseconds pause_{};  // before the next line
-  unsigned nonsense_ = 0;              // useless lines that ended with it, since a useful one
+  unsigned nonsense_ = 0;              // lines that ended with it, from the last useful one on
   std::thread keeper_;
 };
 
