@@ -349,7 +349,9 @@ TEST_F(Prefetch, FilesThatGrowOrShrinkAfterTheyWereListedAreNeverCutShort) {
   EXPECT_GE(mounted.Unmount().Requests(123), 1);
 }
 
-TEST_F(Prefetch, ReadingAheadStopsForASlowReader) {
+// Batches of 16 and 32 files, and then ever smaller ones: about 80 files. A slow machine may use one
+// of the last batches in time, which adds a few; without shrinking they would be all 300.
+TEST_F(Prefetch, FetchesLessAndLessForASlowReader) {
   MakeFiles();
   MountedDisk mounted(disk.path());
   NamesAsListed(mounted.path());
@@ -357,7 +359,9 @@ TEST_F(Prefetch, ReadingAheadStopsForASlowReader) {
     ASSERT_EQ(ReadFile(mounted / Name(i)), Bytes(kSize, i + 1)) << i;
     if (i >= 3) std::this_thread::sleep_for(kTrustIsOver);
   }
-  EXPECT_LE(mounted.Unmount().Requests(123), 8);
+  const auto ending = mounted.Unmount();
+  EXPECT_GE(ending.Count("files read ahead"), 16) << ending.out;
+  EXPECT_LE(ending.Count("files read ahead"), 120) << ending.out;
 }
 
 }  // namespace
