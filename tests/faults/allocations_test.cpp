@@ -478,6 +478,33 @@ TEST(AllocationOfAPacket, RefusedToACopyOfAnImageFailsAndLeavesNoHeader) {
   EXPECT_EQ(packet.GetPayload(), nullptr);
 }
 
+TEST(AllocationOutsideTheHandlers, RefusedToOpeningMakesItFailAndLeavesNothing) {
+  ExpectFaultRow("an allocation of opening, up to its trace",
+                 {"no disk: `open` answers null", "`udisk_open Init failed`",
+                  "nothing: the host can open the disk again"});
+  int failures = 0;
+  RefuseEach([&](int before) {
+    FrugalDevice device;
+    t_log[0] = '\0';
+    Allocations allocations;
+    device.at_base = [&] { allocations.StopRefusing(); };  // the trace is another test's
+    allocations.RefuseOneAfter(before);
+    const std::unique_ptr<CpdDriver> driver(udisk_open(&device, "policy"));
+    const bool refused = driver == nullptr;
+    if (refused) {
+      ++failures;
+      EXPECT_TRUE(allocations.StopRefusing());
+      EXPECT_EQ(allocations.Live(), 0);
+      EXPECT_TRUE(std::string(t_log).ends_with("\"udisk_open Init failed\"\n")) << t_log;
+      EXPECT_EQ(device.replies, 0);
+    } else {
+      driver->Close(0);
+    }
+    return refused;
+  });
+  EXPECT_GE(failures, 4) << "driver, operator, service and worker";
+}
+
 TEST(AllocationOutsideTheHandlers, RefusedToTheTraceOfOpeningOrClosingCostsOnlyThatTrace) {
   ExpectFaultRow("an allocation of the trace of opening or closing",
                  {"nothing", "`… is not traced: std::bad_alloc`", "the trace"});
