@@ -116,7 +116,8 @@ class LineKills : public LineProcesses,
 };
 
 TEST_P(LineKills, LoseNothingThatWasSynced) {
-  const auto& [target, work] = GetParam();
+  const auto& target = std::get<0>(GetParam());
+  const auto& work = std::get<1>(GetParam());
   fs::create_directory(disk / "work");
   ASSERT_EQ(Shell("cd " + source.path() + " && " + work.prepare).status, 0);
   target.is_redirection ? StartRedirect() : StartMount();
