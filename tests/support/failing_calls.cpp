@@ -105,6 +105,8 @@ FAILING(unlink, (const char* path), (path))
 
 FAILING_OPEN(OwnOpen, "open64")
 FAILING_OPEN(OpenOfLibraries, "open")
+// A fortified call without a mode, whose flags are no constant.
+FAILING_OPEN(CheckedOpen, "__open64_2")
 
 // For the calls that have no function in libc; a fault can strike only openat2. Like libc's, this
 // always reads the greatest number of arguments.
@@ -130,6 +132,13 @@ extern "C" ssize_t pread(int fd, void* data, size_t count, off_t offset) {
   NEXT(pread);
   return cpd::test::Transferred("pread", count,
                                 [&](size_t most) { return next(fd, data, most, offset); });
+}
+
+// A fortified call that knows how long the buffer is.
+extern "C" ssize_t CheckedPread(int fd, void* data, size_t count, off_t offset,
+                                size_t room) __asm__("__pread64_chk");
+ssize_t CheckedPread(int fd, void* data, size_t count, off_t offset, size_t /*room*/) {
+  return pread(fd, data, count, offset);
 }
 
 extern "C" ssize_t pwrite(int fd, const void* data, size_t count, off_t offset) {
