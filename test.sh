@@ -6,6 +6,8 @@
 #   ./test.sh -R REGEX    only tests whose name matches
 #   ./test.sh --lint      only the linter, over everything that is shipped
 #   ./test.sh --fuzz S    only the fuzzers, each for S seconds
+#   ./test.sh --coverage  counts which lines the tests run, and writes the sums into README.md;
+#                         then scripts/coverage.sh --lines prints those that have not run
 #   ./test.sh --ci        as --all, with warnings as errors; then the linter, and the fuzzers for a
 #                         minute each
 set -euo pipefail
@@ -22,6 +24,7 @@ while [[ $# -gt 0 ]]; do
     --all) presets=(release asan tsan); shift ;;
     -R) filter=(-R "${2:?-R needs a regular expression}"); shift 2 ;;
     --lint) presets=(); lints=true; shift ;;
+    --coverage) presets=(coverage); shift ;;
     --fuzz) presets=(); fuzz_seconds=${2:?--fuzz needs a number of seconds}; shift 2 ;;
     --ci) presets=(release asan tsan) lints=true strict=ON fuzz_seconds=60; shift ;;
     -h | --help) usage; exit ;;
@@ -126,6 +129,7 @@ if [[ ${#filter[@]} -eq 0 && ${presets[*]} == release ]]; then
   echo "--all adds the sanitizers; --ci adds the linter and the fuzzers, too."
 fi
 scripts/install-packages.sh build test package
+[[ ${presets[*]} != coverage ]] || scripts/install-packages.sh fuzz  # clang and its tools
 
 for preset in "${presets[@]}"; do
   step "Building ($preset)"
@@ -141,6 +145,15 @@ for preset in "${presets[@]}"; do
     asan) run_tests "$preset" -LE 'line-release|pacing' ;;
     # The slow tests of a mount copy whole trees. They show no races that the other tests miss.
     tsan) run_tests "$preset" -LE 'system-slow|line-release|pacing' ;;
+    # The tests left out do with more data, or over a line, what others do as well.
+    coverage)
+      rm -rf build/coverage/counters
+      run_tests "$preset" -LE 'slow|line-release|pacing|install'
+      # A part of the tests, or tests that fail, say nothing about all.
+      if [[ ${#filter[@]} -eq 0 && $failed -eq 0 ]]; then
+        check "enough lines run" scripts/coverage.sh --write
+      fi
+      ;;
     *) run_tests "$preset" ;;
   esac
 done
