@@ -111,6 +111,33 @@ TEST_F(PacketTools, PrintWhatIsOnTheDisk) {
   EXPECT_TRUE(df.output.starts_with("size ")) << df.output;
 }
 
+TEST_F(PacketTools, PrintAFileThroughALinkToItsEnd) {
+  const auto content = std::string(3 << 20, 'a') + "the end";  // several reads
+  WriteFile(disk / "file", content);
+  fs::create_symlink("file", disk / "link");
+  const auto cat = Shell(CPD_HOST " cat " + disk.path() + " link --log-level off");
+  EXPECT_EQ(cat.status, 0);
+  EXPECT_TRUE(cat.output == content) << cat.output.size();
+
+  fs::create_symlink("missing", disk / "dangling");
+  const auto dangling = Shell(CPD_HOST " cat " + disk.path() + " dangling --log-level off");
+  EXPECT_EQ(dangling.status, 1);
+  EXPECT_EQ(dangling.output, "cpd-host: /dangling: Input/output error\n");
+}
+
+TEST_F(PacketTools, LeaveTheDiskOnlyWhenUnconfined) {
+  const TempDir outside;
+  WriteFile(outside / "file", "content");
+  fs::create_symlink(outside / "file", disk / "link");
+  const auto cat = CPD_HOST " cat " + disk.path() + " link --log-level off";
+  const auto confined = Shell(cat);
+  EXPECT_EQ(confined.status, 1);
+  EXPECT_EQ(confined.output, "cpd-host: /link: Input/output error\n");
+  const auto unconfined = Shell(cat + " --unconfined");
+  EXPECT_EQ(unconfined.status, 0) << unconfined.output;
+  EXPECT_EQ(unconfined.output, "content");
+}
+
 TEST_F(PacketTools, AskTheModuleForAnExtendedAttribute) {
   WriteFile(disk / "file", "content");
   const auto asked = Shell(CPD_HOST " xattr " + disk.path() + " file user.colour --log-level off");
