@@ -64,6 +64,30 @@ TEST_F(CommandLine, ALibraryThatIsNotADriverModuleIsRefused) {
   EXPECT_FALSE(IsMounted(mount_point.path()));
 }
 
+TEST_F(CommandLine, AMountPointWithinTheDiskOrAroundItIsRefused) {
+  fs::create_directory(disk / "directory");
+  ExpectRefused(disk.path() + " " + (disk / "directory"), "overlap");
+  ExpectRefused((disk / "directory") + " " + disk.path(), "overlap");
+  EXPECT_FALSE(IsMounted(disk / "directory"));
+  EXPECT_FALSE(IsMounted(disk.path()));
+}
+
+TEST_F(CommandLine, AFileThatCannotBeWrittenToIsRefused) {
+  const TempDir mount_point;
+  const auto missing = disk / "missing/file";
+  for (const auto* const option : {"log", "trace", "record"}) {
+    ExpectRefused(disk.path() + " " + mount_point.path() + " --" + option + " " + missing, missing);
+    EXPECT_FALSE(IsMounted(mount_point.path())) << option;
+  }
+}
+
+TEST_F(CommandLine, ANameThatIsTooLongIsRefused) {
+  const TempDir mount_point;
+  ExpectRefused(
+      disk.path() + " " + mount_point.path() + " --name " + std::string(256, 'n') + " --label l",
+      "name is longer than 255 bytes");
+}
+
 TEST_F(CommandLine, TwoDisksForOneMountAreRefused) {
   const TempDir mount_point;
   const std::string reason = "give one of DISK, --device and --via";
@@ -75,6 +99,27 @@ TEST_F(CommandLine, UsbDisksThroughOneLineAreRefused) {
   const auto refused = Shell(CPD_HOST " redirect --usb elsewhere:/mnt --via false", kHang);
   EXPECT_NE(refused.status, 0);
   EXPECT_NE(refused.output.find("--via"), std::string::npos) << refused.output;
+}
+
+TEST_F(CommandLine, ARedirectionWithoutAnotherMachineIsRefused) {
+  const auto redirect = CPD_HOST " redirect " + disk.path();
+  const auto without_place = Shell(redirect, kHang);
+  EXPECT_EQ(without_place.status, 1);
+  EXPECT_NE(without_place.output.find("give one of [USER@]HOST:MOUNTPOINT and --via"),
+            std::string::npos)
+      << without_place.output;
+  const auto local = Shell(redirect + " /mnt", kHang);
+  EXPECT_EQ(local.status, 1);
+  EXPECT_NE(local.output.find("/mnt does not name another machine"), std::string::npos)
+      << local.output;
+}
+
+TEST_F(CommandLine, ACommandThatSpeaksToAnotherHostIsRefusedOnATerminal) {
+  if (Shell("command -v script").status != 0) GTEST_SKIP() << "no program `script` here";
+  const auto serve =
+      Shell("script -qec " + Quoted(CPD_HOST " serve " + disk.path()) + " /dev/null", kHang);
+  EXPECT_EQ(serve.status, 1);
+  EXPECT_NE(serve.output.find("standard input is a terminal"), std::string::npos) << serve.output;
 }
 
 TEST_F(CommandLine, TracesAreAddedToWhatTheFileHas) {
@@ -136,6 +181,22 @@ TEST_F(PacketTools, LeaveTheDiskOnlyWhenUnconfined) {
   const auto unconfined = Shell(cat + " --unconfined");
   EXPECT_EQ(unconfined.status, 0) << unconfined.output;
   EXPECT_EQ(unconfined.output, "content");
+}
+
+TEST_F(PacketTools, ShowTheTypeOfEachFile) {
+  fs::create_directory(disk / "directory");
+  fs::create_symlink("directory", disk / "link");
+  ASSERT_EQ(mkfifo((disk / "fifo").c_str(), 0600), 0);
+  WriteFile(disk / "file", "");
+  std::istringstream lines(Shell(CPD_HOST " ls " + disk.path() + " --log-level off").output);
+  std::map<std::string, char> types;
+  for (std::string line; std::getline(lines, line);) {
+    types[line.substr(line.rfind(' ') + 1)] = line.front();
+  }
+  EXPECT_EQ(types["directory"], 'd');
+  EXPECT_EQ(types["link"], 'l');
+  EXPECT_EQ(types["fifo"], '?');
+  EXPECT_EQ(types["file"], '-');
 }
 
 TEST_F(PacketTools, AskTheModuleForAnExtendedAttribute) {
