@@ -41,6 +41,8 @@ install(FILES docs/cpd-host.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT
 install(FILES contrib/cpd-host.bash
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions RENAME cpd-host
   COMPONENT host)
+# Not in Wireshark's own folder, since one that is named on its command line cannot be there, too.
+install(FILES tools/cpd.lua DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/cpd-host COMPONENT host)
 
 install(FILES contrib/cpd-host-usb@.service DESTINATION lib/systemd/system COMPONENT host)
 # The unit names the program by its whole path, which is not known earlier.

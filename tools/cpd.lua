@@ -1,10 +1,10 @@
 -- Shows captures of `cpd-host --record FILE` in Wireshark: every field of every packet, which answer
 -- belongs to which request, and how long it took. docs/protocol.md describes the packets.
 --
---   wireshark -X lua_script:tools/cpd.lua FILE
---   tshark -X lua_script:tools/cpd.lua -r FILE
+--   wireshark -X lua_script:PATH/cpd.lua FILE
+--   tshark -X lua_script:PATH/cpd.lua -r FILE
 --
--- Or copy this file to Wireshark's folder for personal Lua plug-ins. Display filters look like
+-- Or link this file into Wireshark's folder for personal Lua plug-ins. Display filters look like
 -- `cpd.cmd == 105`, `cpd.path contains "film"`, `cpd.file_read.size > 65536`, `cpd.time > 0.1`.
 
 local cpd = Proto("cpd", "Disk redirection")

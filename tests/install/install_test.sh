@@ -50,3 +50,12 @@ grep -q "^ExecStart=$scratch/staged/bin/cpd-host redirect " "$unit" || fail "wro
 for file in man/man1/cpd-host.1 bash-completion/completions/cpd-host; do
   [[ -s $prefix/share/$file ]] || fail "no $file"
 done
+
+# The installed dissector shows what the installed program records.
+"$prefix/bin/cpd-host" cat "$scratch/DISK" 'a file' --record "$scratch/capture" >/dev/null
+cmp "$source/tools/cpd.lua" "$prefix/share/cpd-host/cpd.lua"
+if command -v tshark >/dev/null; then
+  tshark -X "lua_script:$prefix/share/cpd-host/cpd.lua" -r "$scratch/capture" \
+    >"$scratch/shown" 2>"$scratch/errors" || { cat "$scratch/errors" >&2; fail "tshark failed"; }
+  grep -q ' file_read ' "$scratch/shown" || { cat "$scratch/shown" >&2; fail "no file_read shown"; }
+fi

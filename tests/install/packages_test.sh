@@ -50,7 +50,7 @@ package cpd-host
 has Depends "cpd-udisk (= $version)" fuse3 libfuse3-3 libseccomp2 libudev1
 has Recommends openssh-client
 holds usr/bin/cpd-host usr/lib/systemd/system/cpd-host-usb@.service \
-  usr/share/doc/cpd-host/{copyright,changelog.gz}
+  usr/share/cpd-host/cpd.lua usr/share/doc/cpd-host/{copyright,changelog.gz}
 dpkg-deb --fsys-tarfile "$deb" | tar -xO ./usr/lib/systemd/system/cpd-host-usb@.service |
   grep -q '^ExecStart=/usr/bin/cpd-host ' || fail "$deb: wrong path in the unit"
 
