@@ -19,6 +19,7 @@
 #include "capture/answers.h"
 #include "capture/capture_reader.h"
 #include "capture/heads.h"
+#include "capture/pace.h"
 #include "commands/command.h"
 #include "commands/shown_name.h"
 #include "module/redirection.h"
@@ -119,19 +120,15 @@ class Replay {
   }
 
  private:
-  using Clock = std::chrono::steady_clock;
+  using Clock = Pace::Clock;
   using AskedRequests = std::deque<std::shared_ptr<Asked>>;
 
   void Ask(RecordedPacket request) {
     if (!disk_) {
       disk_.emplace(options_.disk);
-      first_time_ = request.time;
-      first_asked_ = Clock::now();
+      pace_.emplace(request.time, Clock::now());
     }
-    if (!options_.fast && request.time > first_time_) {
-      std::this_thread::sleep_until(first_asked_ +
-                                    std::chrono::nanoseconds(request.time - first_time_));
-    }
+    if (!options_.fast) std::this_thread::sleep_until(pace_->DueAt(request.time));
     auto packet = std::make_unique<CpdPacket>();
     if (packet->Parse(reinterpret_cast<uint8_t*>(request.bytes.data()),
                       static_cast<int>(request.bytes.size()), true) != 0) {
@@ -186,10 +183,9 @@ class Replay {
 
   const ReplayOptions& options_;
   std::optional<Redirection> disk_;  // opened for its first request
+  std::optional<Pace> pace_;         // of the requests to this disk
   AskedRequests asked_;              // in the capture's order; their answers have not come up yet
   uint64_t section_ = 0;
-  uint64_t first_time_ = 0;  // of the first request to the disk, in the capture
-  Clock::time_point first_asked_;
   const Clock::time_point began_ = Clock::now();
   uint64_t requests_ = 0;
   uint64_t answers_ = 0;
