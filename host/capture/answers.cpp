@@ -9,37 +9,13 @@
 #include <optional>
 #include <utility>
 
+#include "byte_reader.h"
 #include "capture/heads.h"
 #include "cpd/packet.h"
 #include "wire.h"
 
 namespace cpd::host {
 namespace {
-
-/// Reads an answer from its beginning.
-class Reader {
- public:
-  explicit Reader(std::string_view bytes) : left_(bytes) {}
-
-  /// Empty if the record does not lie within the answer.
-  template <class Record>
-  std::optional<Record> Take() {
-    if (left_.size() < sizeof(Record)) return std::nullopt;
-    const auto record = RecordAt<Record>(left_, 0);
-    left_.remove_prefix(sizeof record);
-    return record;
-  }
-  /// As many of the bytes as there are.
-  std::string_view TakeBytes(size_t count) {
-    const auto taken = left_.substr(0, count);
-    left_.remove_prefix(taken.size());
-    return taken;
-  }
-  [[nodiscard]] size_t left() const { return left_.size(); }
-
- private:
-  std::string_view left_;
-};
 
 class Parts {
  public:
@@ -66,9 +42,9 @@ class Parts {
     AddNumber("number of entries", uint32_t{head.entry_count});
     if (listing.size() < head.buf_len) return;  // cut: which entries are missing is not known
     std::map<std::string, std::optional<udisk_stat>> entries;
-    Reader reader(listing);
+    ByteReader reader(listing);
     while (const auto entry = reader.Take<udisk_dir_entry>()) {
-      auto name = reader.TakeBytes(entry->name_len);
+      auto name = reader.TakeUpTo(entry->name_len);
       if (name.ends_with('\0')) name.remove_suffix(1);
       entries.emplace(name, name == ".." ? std::nullopt : std::optional(entry->attributes));
     }
@@ -89,14 +65,14 @@ class Parts {
   std::vector<AnswerPart> parts_;
 };
 
-void AddFiles(Reader* reader, Parts* parts) {
+void AddFiles(ByteReader* reader, Parts* parts) {
   const auto head = reader->Take<SmallReadHead>();
   for (uint32_t i = 0; head && i < head->count; ++i) {
     const auto file = reader->Take<ReadHead>();
     if (!file) return;
-    const std::string path(reader->TakeBytes(file->path_length));
+    const std::string path(reader->TakeUpTo(file->path_length));
     parts->AddNumber("length of " + path, uint32_t{file->size});
-    parts->Add("data of " + path, std::string(reader->TakeBytes(file->size)));
+    parts->Add("data of " + path, std::string(reader->TakeUpTo(file->size)));
   }
 }
 
@@ -124,20 +100,20 @@ std::string Difference(const AnswerPart& before, const AnswerPart& now) {
 
 std::vector<AnswerPart> PartsOf(std::string_view answer) {
   Parts parts;
-  Reader reader(answer.substr(std::min(CPD_PACKET_HEADER_SIZE, answer.size())));
+  ByteReader reader(answer.substr(std::min(CPD_PACKET_HEADER_SIZE, answer.size())));
   switch (HeaderOf(answer).cmd) {
     case kGetFileAttr:
       if (const auto head = reader.Take<FileAttrHead>()) {
-        reader.TakeBytes(head->path_length);
+        reader.TakeUpTo(head->path_length);
         parts.Add("file", head->attr_length == 0 ? "missing" : "there");
         if (const auto attributes = reader.Take<udisk_stat>()) parts.AddAttributes("", *attributes);
       }
       break;
     case kFileRead:
       if (const auto head = reader.Take<ReadHead>()) {
-        reader.TakeBytes(head->path_length);
+        reader.TakeUpTo(head->path_length);
         parts.AddNumber("length of the data", uint32_t{head->size});
-        parts.Add("data", std::string(reader.TakeBytes(reader.left())));
+        parts.Add("data", std::string(reader.TakeRest()));
       }
       break;
     case kSmallFileRead:
@@ -146,14 +122,14 @@ std::vector<AnswerPart> PartsOf(std::string_view answer) {
     case kDirRead:
     case kCheckDir:
       if (const auto head = reader.Take<DirHead>()) {
-        reader.TakeBytes(head->path_length);
+        reader.TakeUpTo(head->path_length);
         parts.Add("directory", head->buf_len == 0 ? "missing" : "there");
-        parts.AddListing(*head, reader.TakeBytes(head->buf_len));
+        parts.AddListing(*head, reader.TakeUpTo(head->buf_len));
       }
       break;
     case kGetStatvfs:
       if (const auto head = reader.Take<StatvfsHead>()) {
-        reader.TakeBytes(head->path_length);
+        reader.TakeUpTo(head->path_length);
         while (const auto record = reader.Take<udisk_statvfs>()) parts.AddStatistics(*record);
       }
       break;
@@ -167,7 +143,7 @@ std::vector<AnswerPart> PartsOf(std::string_view answer) {
         const auto head = RecordAt<WriteHead>(answer, CPD_PACKET_HEADER_SIZE);
         parts.AddNumber("size", int32_t{head.size});
       }
-      parts.Add("answer", std::string(reader.TakeBytes(reader.left())));
+      parts.Add("answer", std::string(reader.TakeRest()));
   }
   return parts.Take();
 }

@@ -4,12 +4,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <limits>
 #include <optional>
-#include <type_traits>
 #include <utility>
 
+#include "byte_reader.h"
 #include "remote/attributes.h"
 #include "remote/session.h"
 
@@ -28,40 +27,16 @@ std::unique_ptr<CpdPacket> Request(uint16_t command, const Head& head, std::stri
   return request;
 }
 
-/// Takes records and bytes off the front of a buffer; takes nothing when too little is left.
-class Reader {
- public:
-  explicit Reader(std::string_view text) : left_(text) {}
-  /// Reads the payload of a reply; a missing reply reads as empty.
-  explicit Reader(const CpdPacket* reply) {
-    if (reply == nullptr || reply->header->packetLen < CPD_PACKET_HEADER_SIZE ||
-        reply->header->packetLen > reply->buffer->capacity) {
-      return;
-    }
-    left_ = {reinterpret_cast<const char*>(reply->buffer->data), reply->header->packetLen};
-    left_.remove_prefix(CPD_PACKET_HEADER_SIZE);
+/// Reads the payload of a reply; a missing reply reads as empty.
+ByteReader PayloadOf(const CpdPacket* reply) {
+  if (reply == nullptr || reply->header->packetLen < CPD_PACKET_HEADER_SIZE ||
+      reply->header->packetLen > reply->buffer->capacity) {
+    return ByteReader({});
   }
-
-  template <class Record>
-  std::optional<Record> Take() {
-    static_assert(std::is_trivially_copyable_v<Record>);
-    const auto bytes = TakeBytes(sizeof(Record));
-    if (!bytes) return std::nullopt;
-    Record record;
-    std::memcpy(&record, bytes->data(), sizeof record);
-    return record;
-  }
-
-  std::optional<std::string_view> TakeBytes(size_t count) {
-    if (count > left_.size()) return std::nullopt;
-    const auto bytes = left_.substr(0, count);
-    left_.remove_prefix(count);
-    return bytes;
-  }
-
- private:
-  std::string_view left_;
-};
+  const std::string_view bytes(reinterpret_cast<const char*>(reply->buffer->data),
+                               reply->header->packetLen);
+  return ByteReader(bytes.substr(CPD_PACKET_HEADER_SIZE));
+}
 
 /// Clears attributes that may belong to another file. The module does not check whether lstat
 /// succeeded: after a failure, the entry has the attributes of the entry before it, or zeros if it
@@ -85,7 +60,7 @@ void MakeRootItsOwnParent(std::vector<Listing::Entry>& entries) {
 /// vanished while the module read the directory leave zeros at the end.
 std::optional<std::vector<Listing::Entry>> Entries(std::string_view listing) {
   std::vector<Listing::Entry> entries;
-  Reader in(listing);
+  ByteReader in(listing);
   while (const auto entry = in.Take<udisk_dir_entry>()) {
     if (entry->name_len == 0) break;
     const auto name = in.TakeBytes(entry->name_len);
@@ -109,7 +84,7 @@ bool IsDone(const Head& head) {
 }
 
 std::optional<Listing> ToListing(std::unique_ptr<CpdPacket> reply) {
-  Reader in(reply.get());
+  auto in = PayloadOf(reply.get());
   const auto head = in.Take<DirHead>();
   if (!head) return std::nullopt;
   const auto path = in.TakeBytes(head->path_length);
@@ -130,7 +105,7 @@ std::optional<Listing> ToListing(std::unique_ptr<CpdPacket> reply) {
 /// The data of each file. The reply repeats the request's records, which must match.
 std::optional<std::vector<std::string_view>> SmallFileData(const std::vector<SmallFile>& files,
                                                            const CpdPacket* reply) {
-  Reader in(reply);
+  auto in = PayloadOf(reply);
   const auto head = in.Take<SmallReadHead>();
   if (!head || head->count != files.size()) return std::nullopt;
   std::vector<std::string_view> data;
@@ -159,7 +134,7 @@ void RemoteFiles::GetAttributes(const std::string& path, Done<udisk_stat> done) 
   head.path_length = static_cast<uint16_t>(path.size());
   session_.Ask(Request(kGetFileAttr, head, path),
                [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
-                 Reader in(reply.get());
+                 auto in = PayloadOf(reply.get());
                  const auto answer = in.Take<FileAttrHead>();
                  if (!answer || !in.TakeBytes(answer->path_length)) return done({.error = EIO});
                  if (answer->attr_length == 0) return done({.error = ENOENT});
@@ -219,7 +194,7 @@ void RemoteFiles::Read(const std::string& path, int64_t offset, uint32_t size,
   head.path_length = static_cast<uint32_t>(path.size());
   session_.Ask(Request(kFileRead, head, path),
                [size, done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
-                 Reader in(reply.get());
+                 auto in = PayloadOf(reply.get());
                  const auto answer = in.Take<ReadHead>();
                  if (!answer || answer->size > size || !in.TakeBytes(answer->path_length)) {
                    return done({.error = EIO});
@@ -257,7 +232,7 @@ void RemoteFiles::GetStatistics(const std::string& path, Done<udisk_statvfs> don
   head.path_length = static_cast<uint32_t>(path.size());
   session_.Ask(Request(kGetStatvfs, head, path),
                [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
-                 Reader in(reply.get());
+                 auto in = PayloadOf(reply.get());
                  const auto answer = in.Take<StatvfsHead>();
                  if (!answer || !in.TakeBytes(answer->path_length)) return done({.error = EIO});
                  // The first record counts if there are several volumes.
@@ -276,7 +251,7 @@ void RemoteFiles::HasExtendedAttribute(const std::string& path, const std::strin
   head.name_length = static_cast<uint16_t>(name.size());
   session_.Ask(Request(kGetXattr, head, path, name),
                [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
-                 const auto answer = Reader(reply.get()).Take<XattrHead>();
+                 const auto answer = PayloadOf(reply.get()).Take<XattrHead>();
                  if (!answer) return done({.error = EIO});
                  done({.value = answer->value_length > 0});
                });
@@ -291,7 +266,7 @@ void RemoteFiles::Change(std::unique_ptr<CpdPacket> request, IsDone is_done, OnO
   session_.Ask(
       std::move(request),
       [this, is_done, on_outcome = std::move(on_outcome)](const std::unique_ptr<CpdPacket>& reply) {
-        const auto answer = Reader(reply.get()).Take<Head>();
+        const auto answer = PayloadOf(reply.get()).Take<Head>();
         on_outcome(!answer            ? Outcome::kUnanswered
                    : is_done(*answer) ? Outcome::kDone
                                       : Outcome::kRefused);
