@@ -68,6 +68,7 @@ struct Answer {
   uint32_t id;    ///< of the request: a late answer must not be taken for that to the next one
   int32_t error;  ///< an error number; 0 = success
 };
+constexpr size_t kDescriptorsOfALine = 3;
 
 std::string Packed(Request request, std::string_view text = {}) {
   std::string bytes(sizeof request, '\0');
@@ -549,6 +550,8 @@ StartedLine Starter::Start() {
     SendPassed(socket_.get(), Packed({Task::kEnd, id}));
     if (error != ETIMEDOUT) break;
   }
+  // Whoever has taken over the other process can answer anything.
+  if (error == 0 && answer->descriptors.size() != kDescriptorsOfALine) error = EBADMSG;
   if (error == ETIMEDOUT) throw std::runtime_error("the process that starts the line is stuck");
   if (error == EPIPE) throw std::runtime_error("the process that starts the line has ended");
   if (error != 0) {

@@ -22,9 +22,12 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
+#include "line/passed_message.h"
+#include "line/pidfd.h"
 #include "line/sandbox.h"
 #include "support/child_process.h"
 #include "support/own_runtime_directory.h"
@@ -124,6 +127,20 @@ std::string FailureOf(Starter& starter) {
   } catch (const std::runtime_error& error) {
     return error.what();
   }
+}
+
+/// A copy of the socket by which a starter is asked.
+Descriptor SocketOf(pid_t worker) {
+  const Descriptor process(pidfd_open(worker, 0));
+  for (const auto& file : fs::directory_iterator("/proc/" + std::to_string(worker) + "/fd")) {
+    const int number = std::stoi(file.path().filename().string());
+    std::error_code error;
+    const bool is_socket = fs::read_symlink(file, error).string().starts_with("socket:");
+    if (number > STDERR_FILENO && is_socket) {
+      return Descriptor(pidfd_getfd(process.get(), number, 0));
+    }
+  }
+  return {};
 }
 
 /// While an instance exists, this process can open only so many more files.
@@ -445,6 +462,26 @@ TEST_F(StarterTest, LeavesAProcessThatIsStuckToEndByItself) {
   EXPECT_TRUE(Runs(worker));
   kill(worker, SIGCONT);
   EXPECT_EQ(waitpid(process, nullptr, 0), process);
+}
+
+TEST_F(StarterTest, RefusesAnAnswerWithoutTheDescriptorsOfALine) {
+  Starter starter("cat", "");
+  const pid_t worker = StarterOf(getpid());
+  const Descriptor socket = SocketOf(worker);
+  if (!socket.ok()) GTEST_SKIP() << "cannot copy the starter's socket: " << std::strerror(errno);
+  kill(worker, SIGSTOP);
+  struct {
+    uint32_t id = 1;
+    int32_t error = 0;
+  } answer;
+  EXPECT_TRUE(SendPassed(socket.get(), {reinterpret_cast<const char*>(&answer), sizeof answer}));
+  EXPECT_EQ(FailureOf(starter), "cannot start the line: Bad message");
+  const int one = STDERR_FILENO;
+  answer.id = 2;
+  EXPECT_TRUE(
+      SendPassed(socket.get(), {reinterpret_cast<const char*>(&answer), sizeof answer}, {&one, 1}));
+  EXPECT_EQ(FailureOf(starter), "cannot start the line: Bad message");
+  kill(worker, SIGCONT);
 }
 
 // ---- Late answers ----
