@@ -22,19 +22,19 @@ _cpd_host_words() {
 _cpd_host_options() {
   local log='--log --log-level'
   local record='--record --record-bytes'
-  local disk="--module --policy --bandwidth --timeout --trace --trace-reads --unconfined $record $log"
+  local disk="--module --policy --bandwidth --trace --trace-reads --unconfined $record $log"
   local naming='--name --read-only'
   local mount='--label --allow-other --sync --no-batch --no-prefetch --no-dir-cache'
   local stream='--window --no-sandbox'
   local dial='--via --rsh --remote-program -p -F -i --reconnect'
   case $1 in
-    mount) echo "$disk --device $naming $stream $dial $mount" ;;
+    mount) echo "$disk --timeout --device $naming $stream $dial $mount" ;;
     redirect) echo "$disk $naming $stream $dial --make-directory --usb --match" ;;
     serve) echo "$disk $naming $stream" ;;
     attach) echo "--make-directory $record $log $mount $stream --reconnect" ;;
     disks) echo '--json' ;;
-    ls | cat | df | xattr) echo "$disk" ;;
-    replay) echo "$disk --fast" ;;
+    ls | cat | df | xattr) echo "$disk --timeout" ;;
+    replay) echo "$disk --timeout --fast" ;;
   esac
 }
 

@@ -37,7 +37,7 @@ void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line);
 void AddLogOptions(CLI::App* command, CommandLine* line);
 /// Adds --record, --record-bytes.
 void AddRecordOptions(CLI::App* command, DiskOptions* disk);
-/// Adds --timeout.
+/// Adds --timeout, for a command that waits for replies.
 void AddTimeoutOption(CLI::App* command, DiskOptions* disk);
 /// Adds the options of the mount itself: --label, --allow-other, --sync, --no-batch, --no-prefetch,
 /// --no-dir-cache.

@@ -58,7 +58,6 @@ void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line) {
   command->add_option("--policy", disk->policy, "Policy text for the module");
   command->add_option("--bandwidth", disk->bandwidth_kbps, "Read bandwidth to announce, in kbps")
       ->type_name("KBPS");
-  AddTimeoutOption(command, disk);
   command->add_option("--trace", disk->trace, "File for trace events, one JSON object per line");
   command->add_flag("--trace-reads", disk->trace_reads, "Trace every read and write");
   AddRecordOptions(command, disk);

@@ -132,6 +132,7 @@ void AddMountCommand(CLI::App* app, CommandLine* line) {
   const auto options = std::make_shared<MountOptions>();
   auto* const shown = &options->disk;
   AddDiskOptions(mount, shown, line);
+  AddTimeoutOption(mount, shown);
   mount->add_option("MOUNTPOINT", options->mount_point, "Where to mount");
   mount->add_option("--device", options->device,
                     "Partition to mount locally and use as DISK, such as sdb1");

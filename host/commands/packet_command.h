@@ -28,6 +28,7 @@ inline CLI::Option* AddPacketCommand(
   auto* command = app->add_subcommand(name, description);
   const auto options = std::make_shared<PathOptions>();
   AddDiskOptions(command, &options->disk, line);
+  AddTimeoutOption(command, &options->disk);
   command->callback([line, options, print = std::move(print)] {
     line->run = [options, print] {
       CompleteOptions(&options->disk);

@@ -240,6 +240,7 @@ void AddReplayCommand(CLI::App* app, CommandLine* line) {
   const auto options = std::make_shared<ReplayOptions>();
   replay->add_option("FILE", options->capture, "Capture, from --record")->required();
   AddDiskOptions(replay, &options->disk, line);
+  AddTimeoutOption(replay, &options->disk);
   replay->add_flag("--fast", options->fast, "Do not wait as long as the capture did");
   replay->callback([line, options] { line->run = [options] { Run(*options); }; });
 }
