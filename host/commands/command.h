@@ -31,6 +31,9 @@ void AddDfCommand(CLI::App* app, CommandLine* line);
 void AddXattrCommand(CLI::App* app, CommandLine* line);
 void AddReplayCommand(CLI::App* app, CommandLine* line);
 
+/// Adds an option that turns something off. In --help, CLI11's own such flags show "{false}".
+/// @param value  set to false if the option is given
+void AddOffFlag(CLI::App* command, const std::string& name, bool* value, const std::string& text);
 /// Adds DISK and the options of every command that opens a disk.
 void AddDiskOptions(CLI::App* command, DiskOptions* disk, CommandLine* line);
 /// Adds --log and --log-level.

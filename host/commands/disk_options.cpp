@@ -26,6 +26,11 @@ void SetConfinement(const DiskOptions& options) {
 
 }  // namespace
 
+void AddOffFlag(CLI::App* command, const std::string& name, bool* value, const std::string& text) {
+  command->add_flag_callback(
+      name, [value] { *value = false; }, text);
+}
+
 void AddLogOptions(CLI::App* command, CommandLine* line) {
   static const std::map<std::string, LogLevel> levels = {
       {"debug", LogLevel::kDebug}, {"error", LogLevel::kError}, {"off", LogLevel::kOff}};
@@ -75,12 +80,12 @@ void AddMountOptions(CLI::App* command, DiskOptions* disk) {
   command->add_option("--label", disk->label, "Label on the remote side [the directory's name]");
   command->add_flag("--allow-other", disk->allow_other,
                     "Let other users use the mount; see README, Limits");
-  command->add_flag("!--sync", disk->early,
-                    "Let nothing count as done before the disk has done it");
-  command->add_flag("!--no-batch", disk->batch, "Send small writes one by one");
-  command->add_flag("!--no-prefetch", disk->prefetch,
-                    "Do not read small files or list directories ahead");
-  command->add_flag("!--no-dir-cache", disk->dir_cache, "List directories in full every time");
+  AddOffFlag(command, "--sync", &disk->early,
+             "Let nothing count as done before the disk has done it");
+  AddOffFlag(command, "--no-batch", &disk->batch, "Send small writes one by one");
+  AddOffFlag(command, "--no-prefetch", &disk->prefetch,
+             "Do not read small files or list directories ahead");
+  AddOffFlag(command, "--no-dir-cache", &disk->dir_cache, "List directories in full every time");
 }
 
 std::string CanonicalDirectory(const std::string& path, const char* what) {

@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "commands/command.h"
+
 namespace cpd::host {
 namespace {
 
@@ -23,7 +25,7 @@ void AddStreamOptions(CLI::App* command, LineOptions* options) {
                    "Bytes that may be on their way to each side [16777216]")
       ->check(CLI::Range(uint64_t{1} << 20, uint64_t{1} << 30).description(""))
       ->type_name("BYTES");
-  command->add_flag("!--no-sandbox", options->sandbox, "Run without the sandbox; for debugging");
+  AddOffFlag(command, "--no-sandbox", &options->sandbox, "Run without the sandbox; for debugging");
 }
 
 void AddReconnectOption(CLI::App* command, LineOptions* options) {

@@ -58,8 +58,7 @@ struct Help {
     std::string command;
     Texts names;
     for (const auto& line : Lines(Shell(all).output)) {
-      // After the names, {false} marks an option that turns something off.
-      static const std::regex head(R"(^  (-[^ {]+)(\{false\})?( [A-Z|]+(?![a-z]))?.*)");
+      static const std::regex head(R"(^  (-[^ ]+)( [A-Z|]+(?![a-z]))?.*)");
       std::smatch match;
       if (line.starts_with("= ")) {
         command = line.substr(2);
@@ -68,7 +67,7 @@ struct Help {
         auto list = match[1].str();
         std::ranges::replace(list, ',', ' ');
         names = Words(list);
-        for (const auto& name : names) options[command][name].has_value = match[3].matched;
+        for (const auto& name : names) options[command][name].has_value = match[2].matched;
       }
       for (const auto& name : names) options[command][name].text += line + " ";
     }
