@@ -2,6 +2,8 @@
 # Shows the disk redirection at work.
 #
 #   ./run.sh                               gives a short tour of a sample disk
+#   ./run.sh --record FILE                 also records the tour's packets, and replays them; FILE
+#                                          is new, and what `serve` records is in FILE.serve
 #   ./run.sh DISK MOUNTPOINT [OPTION...]   mounts the directory DISK at MOUNTPOINT until Ctrl-C
 #
 # Options are those of `cpd-host mount`: build/release/bin/cpd-host mount --help
@@ -30,8 +32,16 @@ set_up_and_build() {
   rm -f "$log"
 }
 
+record=
 case ${1-} in
   -h | --help) usage; exit ;;
+  --record)
+    [[ $# -eq 2 ]] || { usage >&2; exit 2; }
+    record=$2
+    for file in "$record" "$record.serve"; do
+      [[ ! -e $file ]] || { printf '%s exists already\n' "$file" >&2; exit 1; }
+    done
+    ;;
   -*) usage >&2; exit 2 ;;
   '') ;;
   *) (set_up_and_build); exec "$host" mount "$@" ;;
@@ -41,6 +51,7 @@ esac
 
 place=$(mktemp -d)
 disk=$place/SAMPLE
+recording=(${record:+--record "$record"})
 host_pid=
 
 # Stops the host, which unmounts the disk, and waits for it.
@@ -66,7 +77,7 @@ trap 'exit 143' TERM
 mount_sample() {
   local mount_point=$1; shift
   mkdir -p "$mount_point"
-  "$host" mount "$@" "$mount_point" --name Sample --trace "$place/trace" \
+  "$host" mount "$@" "$mount_point" --name Sample --trace "$place/trace" "${recording[@]}" \
     >"$place/host.out" 2>"$place/host.err" &
   host_pid=$!
   for _ in $(seq 100); do
@@ -99,6 +110,16 @@ show_traces() {
   cat "$place/trace"
 }
 
+show_replay() {
+  [[ $record ]] || return 0
+  step "Replaying $record: the answers are the same"
+  "$host" replay "$record" "$disk" --fast
+  step "Replaying it after a change of one byte: one answer differs"
+  head -c 1 "$disk/clip.mp4" | LC_ALL=C tr '\000-\377' '\001-\377\000' |
+    dd of="$disk/clip.mp4" conv=notrunc status=none
+  "$host" replay "$record" "$disk" --fast || true
+}
+
 step "Making a sample disk: a few files, a subdirectory, a film of 20 MiB"
 mkdir -p "$disk/photos"
 printf 'Hello from a disk on the client machine.\n' >"$disk/hello.txt"
@@ -110,16 +131,17 @@ ls "$disk"
 
 tour_by_packets() {
   step "ls: one packet each way lists a directory with all attributes"
-  "$host" ls "$disk" --trace "$place/trace"
+  "$host" ls "$disk" --trace "$place/trace" "${recording[@]}"
   step "cat: the file's bytes come from the disk"
-  "$host" cat "$disk" hello.txt
+  "$host" cat "$disk" hello.txt "${recording[@]}"
   step "df: size and free space of the file system that holds the disk"
-  "$host" df "$disk"
+  "$host" df "$disk" "${recording[@]}"
   step "Reading at full speed"
-  rate 20 "$host" cat "$disk" film.mp4
+  rate 20 "$host" cat "$disk" film.mp4 "${recording[@]}"
   step "Reading at an announced bandwidth of 8000 kbit/s: half a second per request of 1 MiB"
-  rate 4 "$host" cat "$disk" clip.mp4 --bandwidth 8000
+  rate 4 "$host" cat "$disk" clip.mp4 --bandwidth 8000 "${recording[@]}"
   show_traces
+  show_replay
   step "Done: everything is removed"
 }
 
@@ -159,10 +181,12 @@ rate 4 read_direct 4 "$remote/clip.mp4"
 unmount
 
 step "Mounting over a line: another process serves the disk, as \`serve\` on another machine would"
-mount_sample "$remote" --via "exec '$host' serve '$disk'" || { cat "$place/host.err" >&2; exit 1; }
+mount_sample "$remote" --via "exec '$host' serve '$disk'${record:+ --record ${record@Q}.serve}" ||
+  { cat "$place/host.err" >&2; exit 1; }
 cat "$remote/hello.txt"
 rate 20 read_direct 20 "$remote/film.mp4"
 unmount
 cat "$place/host.out"
+show_replay
 
 step "Done: everything is unmounted and removed"
