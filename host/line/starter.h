@@ -25,9 +25,6 @@ class StartedLine {
   Descriptor in;   ///< reads the command's standard output; blocking
   Descriptor out;  ///< writes to its standard input; blocking
 
-  /// Readable when the command has ended.
-  [[nodiscard]] int ended_fd() const { return ended_.get(); }
-
   /// How the command ended: its exit status, or 128 plus the number of the signal that ended it.
   /// @return nothing when it still runs after `limit`
   std::optional<int> Ended(std::chrono::milliseconds limit);

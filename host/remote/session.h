@@ -84,7 +84,6 @@ class Session {
   Statistics statistics() const;
   /// What the mechanisms that use this session count.
   Savings& savings() { return savings_; }
-  const Savings& savings() const { return savings_; }
   /// How long the driver took for the request whose Done runs, measured from the previous answer.
   Clock::duration time_of_answer() const { return time_of_answer_; }
   /// How long an answer takes at least: the way to the driver and back, and its work. 0 before the
