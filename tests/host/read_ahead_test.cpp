@@ -280,6 +280,17 @@ TEST_F(Listings, AreNotCachedWhenTheirCountIsWrong) {
   EXPECT_EQ(Asked(kCheckDir), 0);
 }
 
+TEST_F(Listings, AreRefusedWhenANameInThemCannotBeAFiles) {
+  const auto file = Attributes(S_IFREG | 0644, 4);
+  for (const auto& name :
+       {std::string("../file"), std::string("/"), std::string(), std::string("two\0names", 9)}) {
+    entries_ = Entry(".", directory_) + Entry(name, file) + '\0';
+    EXPECT_EQ(List().error, EIO) << name;
+  }
+  entries_ = Entry(".", directory_) + Entry("cut", file).substr(0, sizeof(udisk_dir_entry) + 2);
+  EXPECT_EQ(List().error, EIO);
+}
+
 TEST_F(Listings, EndWithAnErrorWhenTheReplyToACheckIsCut) {
   const auto good = ListingReply(2, entries_, "/d");
   for (size_t size = 0; size < good.size(); size += 7) {
