@@ -375,6 +375,33 @@ TEST_F(StagedDevice, IsUnmountedByAHostThatIsStoppedWhileItMountsIt) {
   EXPECT_EQ(ReadFile(place / "disk/file"), "kept");
 }
 
+TEST_F(StagedDevice, LeavesNothingWhenItCannotBeMounted) {
+  AddCommand("mount", "exit 32");
+  auto host = StartHost();
+  EXPECT_EQ(host.Wait(), 1);
+  EXPECT_TRUE(
+      ReadFile(place / "err")
+          .ends_with("cpd-host: cannot mount /dev/staged1 on " + directory + ": status 32\n"))
+      << ReadFile(place / "err");
+  EXPECT_FALSE(std::filesystem::exists(directory));
+}
+
+TEST_F(StagedDevice, IsLeftAloneWithWhatSomebodyHasMountedOverIt) {
+  std::filesystem::create_directory(place / "other");
+  WriteFile(place / "other/file", "mine");
+  AddCommand("mount", bind);
+  auto host = StartHost();
+  ASSERT_TRUE(Eventually([&] { return IsMounted(place / "mnt"); })) << ReadFile(place / "err");
+  ASSERT_EQ(mount((place / "other").c_str(), directory.c_str(), nullptr, MS_BIND, nullptr), 0);
+  host.Signal(SIGTERM);
+  EXPECT_EQ(host.Wait(), 0);
+  EXPECT_NE(ReadFile(place / "err").find("leaving " + directory + " alone"), std::string::npos)
+      << ReadFile(place / "err");
+  EXPECT_EQ(ReadFile(directory + "/file"), "mine");
+  EXPECT_EQ(umount2(directory.c_str(), MNT_DETACH), 0);
+  EXPECT_EQ(ReadFile(directory + "/file"), "kept");
+}
+
 TEST_F(StagedDevice, KeepsItsFilesWhenTheCommandThatUnmountsItFails) {
   AddCommand("mount", bind);
   AddCommand("umount", "exit 1");
