@@ -555,6 +555,14 @@ TEST_F(Names, OfFilesAndDirectoriesAreMadeMovedAndRemoved) {
   EXPECT_EQ(List(disk.path()), NameSet{});
 }
 
+TEST_F(Names, OfRegularFilesCanBeMadeWithoutOpeningThem) {
+  MountedDisk mounted(disk.path());
+  const auto make = [&] { return mknod((mounted / "file").c_str(), S_IFREG | 0640, 0); };
+  EXPECT_EQ(ErrorOf(make), 0);
+  EXPECT_EQ(Lstat(disk / "file").st_mode, S_IFREG | 0640U);
+  EXPECT_EQ(ErrorOf(make), EEXIST);
+}
+
 TEST_F(Names, MayContainABackslash) {
   MountedDisk mounted(disk.path());
   EXPECT_EQ(mkdir((mounted / "a\\b").c_str(), 0755), 0) << strerror(errno);
@@ -622,6 +630,30 @@ TEST_F(OpenFiles, StayReadableAndWritableWhenAnotherTakesTheirName) {
   EXPECT_EQ(file.Close(), 0);
   EXPECT_TRUE(Eventually([&] { return List(disk.path()) == NameSet{"file"}; }));
   EXPECT_EQ(ReadFile(disk / "file"), "new content");
+}
+
+TEST_F(OpenFiles, StayInTheirPlaceWhenARenameOntoThemFails) {
+  fs::create_directory(disk / "other");
+  if (mount("none", (disk / "other").c_str(), "tmpfs", 0, "size=1m") != 0) {
+    GTEST_SKIP() << "mounting needs root";
+  }
+  WriteFile(disk / "other/file", "new");  // on another file system, which only the disk knows
+  WriteFile(disk / "file", "old");
+  {
+    MountedDisk mounted(disk.path());
+    Fd file(mounted / "file", O_RDWR);
+    const auto move = [&] {
+      return rename((mounted / "other/file").c_str(), (mounted / "file").c_str());
+    };
+    EXPECT_EQ(ErrorOf(move), EXDEV);
+    EXPECT_EQ(pwrite(file.get(), "O", 1, 0), 1);
+    file.Close();
+    EXPECT_EQ(ReadFile(mounted / "file"), "Old");
+    EXPECT_EQ(ReadFile(mounted / "other/file"), "new");
+    const auto left = fs::directory_iterator(disk.path());
+    EXPECT_EQ(std::distance(begin(left), end(left)), 2) << "the hidden name is gone";
+  }
+  EXPECT_EQ(umount2((disk / "other").c_str(), MNT_DETACH), 0);
 }
 
 TEST_F(OpenFiles, DoNotPreventTheRemovalOfTheirDirectory) {
