@@ -170,6 +170,19 @@ TEST_F(Captures, ThatAreBrokenAreRefusedBeforeAnythingIsDone) {
   EXPECT_FALSE(fs::exists(copy / "disk/new.txt"));
 }
 
+TEST_F(Captures, WhoseWritesAreCutAreRefusedBeforeAnythingIsDone) {
+  {
+    MountedDisk mounted(disk.path(), {"--record", capture, "--record-bytes", "0"});
+    WriteFile(mounted / "new.txt", "new");
+    EXPECT_EQ(mounted.Unmount().status, 0);
+  }
+  const auto replayed = Replay();
+  EXPECT_EQ(replayed.status, 1);
+  EXPECT_NE(replayed.output.find("is a request that is not recorded in full"), std::string::npos)
+      << replayed.output;
+  EXPECT_FALSE(fs::exists(copy / "disk/new.txt"));
+}
+
 /// Does on a mount what needs most of the commands.
 Result UseMostCommands(const std::string& mount_point) {
   return Shell("ls -lR " + mount_point + " && cat " + mount_point + "/*.* | md5sum && cd " +

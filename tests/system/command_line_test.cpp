@@ -108,6 +108,9 @@ TEST_F(CommandLine, ARedirectionWithoutAnotherMachineIsRefused) {
   EXPECT_NE(without_place.output.find("give one of [USER@]HOST:MOUNTPOINT and --via"),
             std::string::npos)
       << without_place.output;
+  const auto disk_and_usb = Shell(CPD_HOST " redirect --usb " + disk.path() + " elsewhere:/mnt");
+  EXPECT_EQ(disk_and_usb.status, 1);
+  EXPECT_EQ(disk_and_usb.output, "cpd-host: give either --usb or DISK, not both\n");
   const auto local = Shell(redirect + " /mnt", kHang);
   EXPECT_EQ(local.status, 1);
   EXPECT_NE(local.output.find("/mnt does not name another machine"), std::string::npos)

@@ -250,6 +250,11 @@ TEST_F(LineEnds, ALineThatCannotBeStartedIsExplained) {
   EXPECT_EQ(mount.status, 2);
   EXPECT_NE(mount.output.find("the line's command was not found"), std::string::npos)
       << mount.output;
+  const auto no_program =
+      Shell(CPD_HOST " mount --via 'exec " + (disk / "file") + "' " + mount_point);
+  EXPECT_EQ(no_program.status, 2);
+  EXPECT_NE(no_program.output.find("the line's command cannot be executed"), std::string::npos)
+      << no_program.output;
 }
 
 }  // namespace
