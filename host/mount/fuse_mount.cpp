@@ -61,10 +61,14 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, KernelMount& 
       writes_early_(options.early),
       gathers_writes_(options.batch),
       files_(session,
-             [this](const std::string& path) {
-               listings_.Forget(path);
-               prefetch_.Forget(path);
-             }),
+             {.on_start = [this](const auto& path, auto what) { listings_.NoteChange(path, what); },
+              .on_change =
+                  [this](const auto& path, auto what) {
+                    listings_.NoteChange(path, what);
+                    prefetch_.Forget(path);
+                  },
+              .on_shown = [this](const auto& path,
+                                 const auto& result) { listings_.NoteShown(path, result); }}),
       listings_(files_, options.dir_cache),
       walk_(files_, listings_, options.prefetch),
       prefetch_(files_, options.prefetch),
@@ -120,7 +124,7 @@ void FuseMount::ChangeDisk() {
       known = nodes_.ForgetDisk();
       open_files_.LoseDisk();
       reads_.ForgetAll();
-      listings_.Forget("/");
+      listings_.ForgetDisk();
       prefetch_.Forget("/");
       ++changes_;
       const std::lock_guard lock(mutex_);
@@ -216,6 +220,7 @@ RenameGate::Move FuseMount::BeginMove() {
   // A follow-up request, sent when an answer arrives, names the file by its old path.
   writes_.AwaitAnswers();
   reads_.AwaitAnswers();
+  listings_.AwaitAnswers();
   return move;
 }
 
@@ -227,12 +232,23 @@ void FuseMount::Lookup(const KernelRequest& request, fuse_ino_t parent, const ch
   const auto pass = Enter();
   const auto path = nodes_.ChildPath(parent, name);
   if (!path) return request.ReplyError(ESTALE);
-  files_.GetAttributes(
-      *path, [this, request, parent, name = std::string(name)](const Result<udisk_stat>& result) {
-        if (result.error != 0) return request.ReplyError(result.error);
-        const auto entry = EntryOf(parent, name, result.value);
-        if (!request.ReplyEntry(entry)) TakeBack(entry.ino);
-      });
+  const auto directory = nodes_.LastAttributes(parent);
+  listings_.GetAttributes(*path,
+                          {.must_ask = nodes_.IsOutdated(parent, name),
+                           .directory_size = directory ? directory->st_size : 0},
+                          [this, request, parent, name = std::string(name)](
+                              const Result<udisk_stat>& result, Asked asked) {
+                            if (result.error == ENOENT && asked) {
+                              // The kernel need not ask again: no node means that there is no such
+                              // name.
+                              fuse_entry_param missing{};
+                              missing.entry_timeout = TrustedFor(asked);
+                              return void(request.ReplyEntry(missing));
+                            }
+                            if (result.error != 0) return request.ReplyError(result.error);
+                            const auto entry = EntryOf(parent, name, result.value, asked);
+                            if (!request.ReplyEntry(entry)) TakeBack(entry.ino);
+                          });
 }
 
 void FuseMount::Forget(fuse_req_t request, fuse_ino_t node, uint64_t references) {
@@ -270,20 +286,21 @@ void FuseMount::GetAttributes(const KernelRequest& request, fuse_ino_t node,
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!file) return ReplyLostFile(request, node);
-  files_.GetAttributes(file->path, [this, request, node,
-                                    is_hidden = file->is_hidden](const Result<udisk_stat>& result) {
-    ReplyAttributes(request, node, is_hidden, result);
-  });
+  listings_.GetAttributes(file->path, {.must_ask = file->is_hidden || nodes_.IsOutdated(node)},
+                          [this, request, node, is_hidden = file->is_hidden](
+                              const Result<udisk_stat>& result, Asked asked) {
+                            ReplyAttributes(request, node, is_hidden, result, asked);
+                          });
 }
 
 void FuseMount::ReplyAttributes(const KernelRequest& request, fuse_ino_t node, bool is_hidden,
-                                const Result<udisk_stat>& result) {
+                                const Result<udisk_stat>& result, Asked asked) {
   if (result.error != 0) return request.ReplyError(result.error);
-  if (!Note(node, result.value)) return ReplyLostFile(request, node);
+  if (!Note(node, result.value, asked)) return ReplyLostFile(request, node);
   nodes_.NoteTold(node);
   struct stat attributes = ToStat(nodes_.LastAttributes(node).value_or(result.value));
   if (is_hidden) --attributes.st_nlink;
-  if (!request.ReplyAttributes(attributes, kTrusted)) NoteUntold(node);
+  if (!request.ReplyAttributes(attributes, TrustedFor(asked))) NoteUntold(node);
 }
 
 /// Whether a file's fetched content is at most a second old but was changed in place on the client.
@@ -297,22 +314,35 @@ bool FuseMount::IsBeingRead(fuse_ino_t node, const udisk_stat& attributes) const
 
 /// If no program has used a file yet, its node moves on to the file that the client put in its
 /// place. A program that has read the old file or can write to it must not reach the new one.
-bool FuseMount::Note(fuse_ino_t node, const udisk_stat& attributes) {
+bool FuseMount::Note(fuse_ino_t node, const udisk_stat& attributes, Asked asked) {
   if (IsBeingRead(node, attributes)) return true;
-  if (!open_files_.IsUsed(node)) nodes_.Renew(node, attributes);
-  return nodes_.Update(node, attributes);
+  if (!open_files_.IsUsed(node)) nodes_.Renew(node, attributes, asked);
+  const bool is_same = nodes_.Update(node, attributes, asked);
+  if (!is_same) DoubtName(node);
+  return is_same;
+}
+
+/// Makes the kernel's next question for a file's name go to the disk.
+void FuseMount::DoubtName(fuse_ino_t node) {
+  const auto file = nodes_.Find(node);
+  const auto name = nodes_.ReplacedName(node);
+  const auto path = file   ? std::optional(file->path)
+                    : name ? nodes_.ChildPath(name->first, name->second)
+                           : std::nullopt;
+  if (path) listings_.Doubt(*path);
 }
 
 /// The kernel's entry for a name with the attributes that the disk shows.
 fuse_entry_param FuseMount::EntryOf(fuse_ino_t parent, const std::string& name,
-                                    const udisk_stat& attributes) {
+                                    const udisk_stat& attributes, Asked asked) {
   const auto before = nodes_.NodeIfOnlyName(parent, name);
   if (before && IsBeingRead(*before, attributes)) {
     const auto last = *nodes_.LastAttributes(*before);
-    return ToEntry(nodes_.Lookup(parent, name, last), last);
+    return ToEntry(nodes_.Lookup(parent, name, last, asked), last, asked);
   }
-  if (before && !open_files_.IsUsed(*before)) nodes_.Renew(*before, attributes);
-  return ToEntry(nodes_.Lookup(parent, name, attributes), attributes);
+  if (before && !open_files_.IsUsed(*before)) nodes_.Renew(*before, attributes, asked);
+  const auto node = nodes_.Lookup(parent, name, attributes, asked);
+  return ToEntry(node, nodes_.LastAttributes(node).value_or(attributes), asked);
 }
 
 /// Programs that have the file open see its last attributes, with a link count of 0. For all
@@ -469,9 +499,6 @@ void FuseMount::ReplyWithEntries(const KernelRequest& request, fuse_ino_t direct
                                  const OpenDirectoryListing& open, size_t first, size_t size) {
   const auto& entries = open.listing->entries;
   const bool is_fresh = open.changes == changes_;
-  // The kernel trusts what was listed ahead only until kTrusted after the disk was asked.
-  const auto age = open.asked ? NodeTable::Clock::now() - *open.asked : std::chrono::seconds(0);
-  const double trusted = std::max(0.0, kTrusted - std::chrono::duration<double>(age).count());
   std::vector<char> buffer(size);
   size_t used = 0;
   std::vector<NodeTable::Id> referred;
@@ -484,8 +511,7 @@ void FuseMount::ReplyWithEntries(const KernelRequest& request, fuse_ino_t direct
       entry.attr.st_ino = kUnknownInode;
     } else if (name != "." && name != ".." &&  // the kernel takes no reference to dot entries
                is_fresh && !IsOutdated(directory, std::string(name), open)) {
-      entry = EntryOf(directory, std::string(name), attributes);
-      entry.attr_timeout = entry.entry_timeout = trusted;
+      entry = EntryOf(directory, std::string(name), attributes, open.asked);
       referred.push_back(entry.ino);
     }
     used += fuse_add_direntry_plus(nullptr, buffer.data() + used, size - used, name.data(), &entry,

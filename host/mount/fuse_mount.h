@@ -158,8 +158,10 @@ class FuseMount {
   void UndoHiding(const Renaming& renaming);
   void RemoveHiddenFiles();
 
+  /// When the disk was asked for what is shown, if that was before the kernel asked.
+  using Asked = std::optional<NodeTable::Clock::time_point>;
   void ReplyAttributes(const KernelRequest& request, fuse_ino_t node, bool is_hidden,
-                       const Result<udisk_stat>& result);
+                       const Result<udisk_stat>& result, Asked asked = std::nullopt);
   void ReplyChangedAttributes(const KernelRequest& request, fuse_ino_t node,
                               const NodeTable::File& file,
                               const std::shared_ptr<AttributeChange>& change);
@@ -174,12 +176,13 @@ class FuseMount {
   void ReplyWithEntries(const KernelRequest& request, fuse_ino_t directory,
                         const OpenDirectoryListing& directory_listing, size_t first, size_t size);
   /// Notes what the disk shows at a node's path. @return false when it is another file
-  bool Note(fuse_ino_t node, const udisk_stat& attributes);
+  bool Note(fuse_ino_t node, const udisk_stat& attributes, Asked asked = std::nullopt);
   bool IsBeingRead(fuse_ino_t node, const udisk_stat& attributes) const;
   bool IsOutdated(fuse_ino_t directory, const std::string& name,
                   const OpenDirectoryListing& directory_listing) const;
-  fuse_entry_param EntryOf(fuse_ino_t parent, const std::string& name,
-                           const udisk_stat& attributes);
+  fuse_entry_param EntryOf(fuse_ino_t parent, const std::string& name, const udisk_stat& attributes,
+                           Asked asked = std::nullopt);
+  void DoubtName(fuse_ino_t node);
   void ReplyLostFile(const KernelRequest& request, fuse_ino_t node);
   void TakeBack(fuse_ino_t node);
   void NoteUntold(fuse_ino_t node);

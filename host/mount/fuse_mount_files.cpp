@@ -144,6 +144,7 @@ void FuseMount::ReplyOpened(const KernelRequest& request, fuse_ino_t node, fuse_
   if (error == 0 && (handle.flags & O_ACCMODE) != O_RDONLY) open_files_.NoteUse(node);
   const bool is_open = error == 0 && request.ReplyOpened(handle);
   if (!is_open) CloseHandle(handle.fh);
+  if (error == ESTALE) DoubtName(node);  // the kernel looks the name up again
   if (error != 0) request.ReplyError(error);
 }
 
@@ -277,6 +278,7 @@ bool FuseMount::Gather(const KernelRequest& request, std::string_view data, off_
   if (!file || ModeGuard::IsLackingIn(file->attributes.st_mode)) return false;
   offset = PlaceOf(handle, *file, offset);
   if (!writes_.Add(node, file->attributes.st_size, offset, data)) return false;
+  listings_.NoteChange(file->path, RemoteFiles::ChangeOf::kFile);
   ReplyWritten(request, node, data.size(), offset + static_cast<int64_t>(data.size()));
   return true;
 }

@@ -128,7 +128,8 @@ void FuseMount::MakeSymbolicLink(const KernelRequest& request, const char* /*tar
 /// Replies with the attributes of what was made. If the client's umask changed the mode that the
 /// program asked for, sets that mode first.
 void FuseMount::ShowMade(const std::shared_ptr<Making>& making) {
-  files_.GetAttributes(making->path, [this, making](const Result<udisk_stat>& result) {
+  const auto asked = NodeTable::Clock::now();
+  files_.GetAttributes(making->path, [this, making, asked](const Result<udisk_stat>& result) {
     if (making->outcome != Outcome::kDone) {
       return ReplyFailure(making->request, making->outcome, making->attempt);
     }
@@ -139,9 +140,12 @@ void FuseMount::ShowMade(const std::shared_ptr<Making>& making) {
       files_.ChangeMode(making->path, (mode & kPermissions & ~kAccess) | *wanted, [](Outcome) {});
       return ShowMade(making);
     }
+    // Another program may have written to it since.
+    const bool is_as_made = !nodes_.IsOutdated(making->parent, making->name);
     const auto entry =
         ToEntry(nodes_.Lookup(making->parent, making->name, result.value), result.value);
     ++changes_;
+    if (is_as_made) listings_.NoteMade(making->path, result.value, asked);
     if (!making->reply(entry)) TakeBack(entry.ino);
   });
 }

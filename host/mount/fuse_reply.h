@@ -4,7 +4,9 @@
 #include <fuse_lowlevel.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
+#include <optional>
 
 #include "mount/node_table.h"
 #include "mount/prefetch.h"
@@ -16,6 +18,14 @@ namespace cpd::host {
 // directory and then asks for each file, short enough that changes on the client show soon.
 inline constexpr double kTrusted =  // in seconds
     std::chrono::duration<double>(Prefetch::kTrusted).count();
+
+/// The rest of that time, in seconds.
+/// @param asked  when the disk was asked, if not just now
+inline double TrustedFor(std::optional<NodeTable::Clock::time_point> asked) {
+  if (!asked) return kTrusted;
+  const std::chrono::duration<double> age = NodeTable::Clock::now() - *asked;
+  return std::max(kTrusted - age.count(), 0.0);
+}
 
 inline struct stat ToStat(const udisk_stat& from) {
   struct stat to {};
@@ -34,12 +44,15 @@ inline struct stat ToStat(const udisk_stat& from) {
   return to;
 }
 
-inline fuse_entry_param ToEntry(NodeTable::Id node, const udisk_stat& attributes) {
+/// @param asked  when the disk was asked, if not just now
+inline fuse_entry_param ToEntry(NodeTable::Id node, const udisk_stat& attributes,
+                                std::optional<NodeTable::Clock::time_point> asked = std::nullopt) {
+  const double trusted = TrustedFor(asked);
   return {.ino = node,
           .generation = 0,
           .attr = ToStat(attributes),
-          .attr_timeout = kTrusted,
-          .entry_timeout = kTrusted};
+          .attr_timeout = trusted,
+          .entry_timeout = trusted};
 }
 
 }  // namespace cpd::host

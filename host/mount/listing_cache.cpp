@@ -3,38 +3,75 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <numeric>
 #include <utility>
 
 #include "remote/attributes.h"
 #include "remote/paths.h"
+#include "remote/statistics.h"
 
 namespace cpd::host {
 namespace {
 
+constexpr size_t kNameFootprint = 512;  // of a Name in a map, generously
+
 size_t Footprint(const Listing& listing) {
-  return listing.bytes.size() + listing.entries.capacity() * sizeof(Listing::Entry);
+  return listing.bytes.size() +
+         listing.entries.capacity() * (sizeof(Listing::Entry) + sizeof(uint32_t));
+}
+
+const Listing::Entry* Itself(const Listing& listing) {
+  const auto itself = std::ranges::find(listing.entries, ".", &Listing::Entry::name);
+  return itself == listing.entries.end() ? nullptr : &*itself;
 }
 
 /// Whether a directory is the one that was listed, with no entry made, removed or replaced since.
 bool IsUntouched(const Listing& listing, const udisk_stat& directory) {
-  const auto itself = std::find_if(listing.entries.begin(), listing.entries.end(),
-                                   [](const auto& entry) { return entry.name == "."; });
-  return itself != listing.entries.end() && itself->attributes.st_ino == directory.st_ino &&
+  const auto* const itself = Itself(listing);
+  return itself != nullptr && itself->attributes.st_ino == directory.st_ino &&
          IsSameTime(itself->attributes.st_mtim, directory.st_mtim) &&
          IsSameTime(itself->attributes.st_ctim, directory.st_ctim);
 }
 
-/// Such a listing cannot be cached: a file may change through a name in another directory.
-bool HasHardLinks(const Listing& listing) {
-  return std::any_of(listing.entries.begin(), listing.entries.end(), [](const auto& entry) {
-    return !S_ISDIR(entry.attributes.st_mode) && entry.attributes.st_nlink > 1;
-  });
+/// Whether a file may change through a name in another directory.
+bool HasOtherNames(const udisk_stat& attributes) {
+  return !S_ISDIR(attributes.st_mode) && attributes.st_nlink > 1;
+}
+
+bool IsSame(const udisk_stat& a, const udisk_stat& b) {
+  return IsSameContent(a, b) && IsSameTime(a.st_ctim, b.st_ctim) && a.st_mode == b.st_mode &&
+         a.st_uid == b.st_uid && a.st_gid == b.st_gid && a.st_nlink == b.st_nlink;
+}
+
+/// Whether a directory is as it was made. One that was there before counts as made, too.
+bool IsNewDirectory(const udisk_stat& attributes) {
+  return S_ISDIR(attributes.st_mode) && IsSameTime(attributes.st_atim, attributes.st_mtim);
+}
+
+/// Whether every disk that tells upper from lower case takes the name as it is. Some compose or
+/// decompose letters beyond ASCII.
+bool IsPlain(std::string_view name) {
+  return std::ranges::all_of(name, [](char c) { return c >= ' ' && c <= '~' && c != '\\'; });
+}
+
+bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+std::string WithOtherCase(std::string_view name) {
+  std::string other(name);
+  for (char& c : other) {
+    if (IsLetter(c)) c = static_cast<char>(c ^ ('a' - 'A'));
+  }
+  return other;
 }
 
 }  // namespace
 
+// ---- Listing ----
+
 void ListingCache::List(const std::string& directory, RemoteFiles::Done<SharedListing> done) {
-  // Noted before Find, so that a change that overtakes the found listing ends the question, too.
+  // Noted before Find, so that a change that overtakes the found listing counts, too.
   const auto question = NoteQuestion(directory);
   const auto kept = Find(directory);
   if (kept == nullptr) return ListInFull(question, directory, std::move(done));
@@ -44,84 +81,407 @@ void ListingCache::List(const std::string& directory, RemoteFiles::Done<SharedLi
         if (result.value.changed) {
           return done({.value = Keep(question, std::move(*result.value.changed))});
         }
-        const bool stands = EndQuestion(question);
-        if (result.error != 0) return done({.error = result.error});
-        if (stands && IsUntouched(*kept, result.value.directory)) return done({.value = kept});
-        ListInFull(NoteQuestion(directory), directory, done);
+        if (result.error != 0) {
+          EndQuestion(question);
+          return done({.error = result.error});
+        }
+        if (IsUntouched(*kept, result.value.directory) && Confirm(question, kept)) {
+          return done({.value = kept});
+        }
+        ListInFull(question, directory, done);
       });
 }
 
 void ListingCache::ListInFull(uint64_t question, const std::string& directory,
                               RemoteFiles::Done<SharedListing> done) {
+  {
+    const std::lock_guard lock(mutex_);
+    questions_.at(question).is_listed = true;
+  }
   files_.List(directory, [this, question, done = std::move(done)](Result<Listing> result) {
     if (result.error == 0) return done({.value = Keep(question, std::move(result.value))});
-    EndQuestion(question);
+    const auto ended = EndQuestion(question);
+    {
+      // It may be too long for the line.
+      const std::lock_guard lock(mutex_);
+      const auto asking = askings_.find(ended.directory);
+      if (asking != askings_.end()) asking->second.listed = Clock::now() + kLongestUse;
+    }
     done({.error = result.error});
+    Answer(ended.waiting);
   });
 }
 
-void ListingCache::Forget(const std::string& path) {
-  const auto parent = DirectoryOf(path);
-  const auto grandparent = DirectoryOf(parent);  // its listing shows the parent's times
-  const std::lock_guard lock(mutex_);
-  for (const auto& directory : {path, parent, grandparent}) kept_.erase(directory);
-  const auto [first, last] = Below(kept_, path);
-  kept_.erase(first, last);
-  std::erase_if(questions_, [&](const auto& question) {
-    const auto& directory = question.second.directory;
-    return directory == parent || directory == grandparent || IsWithin(directory, path);
-  });
-}
-
+/// A listing that can be checked instead of being sent again.
 SharedListing ListingCache::Find(const std::string& directory) {
   const std::lock_guard lock(mutex_);
   const auto kept = kept_.find(directory);
   if (kept == kept_.end()) return nullptr;
-  if (Clock::now() - kept->second.asked > kLongestUse) {
-    kept_.erase(kept);
+  auto& known = kept->second;
+  if (!known.is_checkable || !known.names.empty() || Clock::now() - known.asked > kLongestUse) {
     return nullptr;
   }
-  kept->second.last_use = ++last_use_;
-  return kept->second.listing;
+  known.last_use = ++last_use_;
+  return known.listing;
 }
 
 uint64_t ListingCache::NoteQuestion(const std::string& directory) {
   const std::lock_guard lock(mutex_);
-  questions_.emplace(++last_question_, Question{directory, Clock::now()});
+  questions_.emplace(++last_question_, Question{.directory = directory, .asked = Clock::now()});
   return last_question_;
 }
 
-/// Ends a question. @return false when a change has overtaken it
-bool ListingCache::EndQuestion(uint64_t question) {
+ListingCache::Question ListingCache::EndQuestion(uint64_t question) {
   const std::lock_guard lock(mutex_);
-  return questions_.erase(question) != 0;
+  return std::move(questions_.extract(question).mapped());
 }
 
+/// Ends a question by which a listing was seen to hold.
+/// @return false when a change has overtaken it; then the question goes on
+bool ListingCache::Confirm(uint64_t question, const SharedListing& listing) {
+  const std::lock_guard lock(mutex_);
+  const auto asked = questions_.find(question);
+  if (asked->second.is_void || !asked->second.changes.empty()) return false;
+  const auto kept = kept_.find(asked->second.directory);
+  if (kept != kept_.end() && kept->second.listing == listing) {
+    kept->second.names_asked = asked->second.asked;
+  }
+  questions_.erase(asked);
+  return true;
+}
+
+/// Ends a question with its answer, and answers those that wait for it.
 SharedListing ListingCache::Keep(uint64_t question, Listing&& answer) {
   auto listing = std::make_shared<const Listing>(std::move(answer));
-  const std::lock_guard lock(mutex_);
-  const auto asked = questions_.extract(question);
-  const size_t size = Footprint(*listing);
-  if (!enabled_ || asked.empty() || size > kMostBytes || !RemoteFiles::CanCheck(*listing) ||
-      HasHardLinks(*listing)) {
-    return listing;
+  const auto* const itself = Itself(*listing);
+  const bool is_kept = enabled_ && itself != nullptr && Footprint(*listing) <= kMostBytes;
+  const bool has_links = std::ranges::any_of(
+      listing->entries, [](const auto& entry) { return HasOtherNames(entry.attributes); });
+  std::vector<std::function<void()>> waiting;
+  std::string directory;
+  {
+    const std::lock_guard lock(mutex_);
+    auto asked = std::move(questions_.extract(question).mapped());
+    waiting = std::move(asked.waiting);
+    directory = asked.directory;
+    if (const auto asking = askings_.find(directory); asking != askings_.end()) {
+      asking->second.entries = listing->entries.size();
+    }
+    if (is_kept && !asked.is_void) {
+      kept_[directory] = {.listing = listing,
+                          .is_checkable = RemoteFiles::CanCheck(*listing) && !has_links,
+                          .asked = asked.asked,
+                          .names_asked = asked.asked,
+                          .device = itself->attributes.st_dev,
+                          .names = std::move(asked.changes),
+                          .last_use = ++last_use_};
+      MakeRoomLocked();
+    }
   }
-  kept_[asked.mapped().directory] = {listing, asked.mapped().asked, ++last_use_};
-  MakeRoom();
+  if (is_kept) {
+    const auto with_letter = std::ranges::find_if(listing->entries, [&](const auto& entry) {
+      return IsPlain(entry.name) && std::ranges::any_of(entry.name, IsLetter) &&
+             entry.attributes.st_dev == itself->attributes.st_dev;
+    });
+    if (with_letter != listing->entries.end()) {
+      ProbeCase(directory, with_letter->name, with_letter->attributes);
+    }
+  }
+  Answer(waiting);
   return listing;
 }
 
-/// Drops the least recently used listings.
-void ListingCache::MakeRoom() {
+/// Drops the directories that were used least recently.
+void ListingCache::MakeRoomLocked() {
+  const auto footprint = [](const Directory& known) {
+    return (known.listing == nullptr ? 0 : Footprint(*known.listing)) +
+           known.names.size() * kNameFootprint;
+  };
   size_t bytes = 0;
-  for (const auto& [path, kept] : kept_) bytes += Footprint(*kept.listing);
+  for (const auto& [path, known] : kept_) bytes += footprint(known);
   while (kept_.size() > kMostListings || bytes > kMostBytes) {
-    const auto oldest = std::min_element(
-        kept_.begin(), kept_.end(),
-        [](const auto& a, const auto& b) { return a.second.last_use < b.second.last_use; });
-    bytes -= Footprint(*oldest->second.listing);
+    const auto oldest =
+        std::ranges::min_element(kept_, {}, [](const auto& one) { return one.second.last_use; });
+    bytes -= footprint(oldest->second);
     kept_.erase(oldest);
   }
+}
+
+// ---- Single names ----
+
+void ListingCache::GetAttributes(const std::string& path, const Asked& asked, const Shown& shown) {
+  if (!enabled_ || asked.must_ask) return Ask(path, shown);
+  const auto directory = DirectoryOf(path);
+  const auto answer = [this, path, shown](std::optional<Name> name) {
+    if (!name) return Ask(path, shown);
+    if (name->attributes) return shown({.value = *name->attributes}, name->asked);
+    shown({.error = ENOENT}, name->asked);
+  };
+  uint64_t question = 0;
+  {
+    std::unique_lock lock(mutex_);
+    if (doubted_.erase(path) != 0) {
+      lock.unlock();
+      return Ask(path, shown);
+    }
+    if (const auto name = LookLocked(path)) {
+      lock.unlock();
+      ++files_.savings().known;
+      return answer(name);
+    }
+    const auto under_way = std::ranges::find_if(questions_, [&](const auto& one) {
+      const auto& listed = one.second;
+      return listed.is_listed && !listed.is_void && listed.directory == directory &&
+             !listed.changes.contains(NameOf(path));
+    });
+    const bool joins = path != "/" && under_way != questions_.end();
+    if (!joins &&
+        (path == "/" || !WantsListingLocked(directory, NameOf(path), asked.directory_size))) {
+      lock.unlock();
+      return Ask(path, shown);
+    }
+    const auto wait = [this, path, answer] {
+      const auto name = Look(path);
+      if (name) ++files_.savings().shared;
+      answer(name);
+    };
+    ++waiting_;
+    if (joins) {
+      under_way->second.waiting.emplace_back(wait);
+      return;
+    }
+    question = ++last_question_;
+    questions_.emplace(question,
+                       Question{.directory = directory, .asked = Clock::now(), .waiting = {wait}});
+  }
+  ListInFull(question, directory, [](const Result<SharedListing>&) {});
+}
+
+void ListingCache::Ask(const std::string& path, const Shown& shown) {
+  files_.GetAttributes(path,
+                       [shown](const Result<udisk_stat>& result) { shown(result, std::nullopt); });
+}
+
+/// Runs what waited for a listing.
+void ListingCache::Answer(const std::vector<std::function<void()>>& waiting) {
+  for (const auto& wait : waiting) wait();
+  const std::lock_guard lock(mutex_);
+  waiting_ -= waiting.size();
+  if (waiting_ == 0) answered_.notify_all();
+}
+
+void ListingCache::AwaitAnswers() {
+  std::unique_lock lock(mutex_);
+  answered_.wait(lock, [this] { return waiting_ == 0; });
+}
+
+/// Counts a question for a name. @return whether the directory should be listed instead
+bool ListingCache::WantsListingLocked(const std::string& directory, std::string_view name,
+                                      int64_t directory_size) {
+  const auto now = Clock::now();
+  if (askings_.size() >= kMostAskings) {
+    std::erase_if(askings_, [&](const auto& one) { return now - one.second.since > trusted_; });
+    if (askings_.size() >= kMostAskings) askings_.clear();
+  }
+  const auto [place, is_new] = askings_.try_emplace(directory);
+  auto& asking = place->second;
+  if (is_new)
+    asking.entries = static_cast<size_t>(std::max<int64_t>(directory_size, 0)) / kBytesOfName;
+  if (now - asking.since > trusted_) {
+    asking.since = now;
+    asking.count = 0;
+  }
+  if (asking.last == name) return false;
+  asking.last = name;
+  if (++asking.count <= std::max(kSingleQuestions, asking.entries / kNamesOfLarge)) return false;
+  if (now - asking.listed <= trusted_) return false;
+  asking.listed = now;
+  return true;
+}
+
+std::optional<ListingCache::Name> ListingCache::Look(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  return LookLocked(path);
+}
+
+std::optional<ListingCache::Name> ListingCache::LookLocked(const std::string& path) {
+  if (path != "/") {
+    if (auto name = LookLocked(DirectoryOf(path), NameOf(path))) return name;
+  }
+  return LookLocked(path, ".");
+}
+
+std::optional<ListingCache::Name> ListingCache::LookLocked(const std::string& directory,
+                                                           std::string_view name) {
+  const auto found = kept_.find(directory);
+  if (found == kept_.end()) return std::nullopt;
+  auto& known = found->second;
+  const auto is_trusted = [this, now = Clock::now()](Clock::time_point asked) {
+    return now - asked < trusted_;
+  };
+  std::optional<Name> answer;
+  if (const auto newer = known.names.find(name); newer != known.names.end()) {
+    if (newer->second.is_known) answer = newer->second;
+  } else if (const auto* const entry = EntryOf(known, name); entry != nullptr) {
+    if (entry->HasAttributes() && !HasOtherNames(entry->attributes)) {
+      answer = Name{.is_known = true, .attributes = entry->attributes, .asked = known.asked};
+    }
+  } else if (known.listing == nullptr && name != "." && IsPlain(name) &&
+             TellsCaseApartLocked(known)) {
+    answer = Name{.is_known = true, .asked = known.names_asked};
+  }
+  if (!answer || !is_trusted(answer->asked)) return std::nullopt;
+  known.last_use = ++last_use_;
+  return answer;
+}
+
+const Listing::Entry* ListingCache::EntryOf(Directory& known, std::string_view name) {
+  if (known.listing == nullptr) return nullptr;
+  const auto& entries = known.listing->entries;
+  const auto name_at = [&](uint32_t index) { return entries[index].name; };
+  if (known.by_name.empty()) {
+    known.by_name.resize(entries.size());
+    std::iota(known.by_name.begin(), known.by_name.end(), 0);
+    std::ranges::sort(known.by_name, {}, name_at);
+  }
+  const auto place = std::ranges::lower_bound(known.by_name, name, {}, name_at);
+  return place != known.by_name.end() && name_at(*place) == name ? &entries[*place] : nullptr;
+}
+
+// ---- Changes ----
+
+void ListingCache::NoteChange(const std::string& path, RemoteFiles::ChangeOf what) {
+  if (!enabled_) return;
+  const auto parent = DirectoryOf(path);
+  const std::lock_guard lock(mutex_);
+  if (path != "/") SetNameLocked(parent, NameOf(path), {});
+  SetNameLocked(path, ".", {});
+  if (what != RemoteFiles::ChangeOf::kName) return;
+  SetNameLocked(parent, ".", {});
+  if (parent != "/") SetNameLocked(DirectoryOf(parent), NameOf(parent), {});
+  kept_.erase(path);
+  const auto [first, last] = Below(kept_, path);
+  kept_.erase(first, last);
+  for (auto& [id, question] : questions_) question.is_void |= IsWithin(question.directory, path);
+}
+
+void ListingCache::NoteShown(const std::string& path, const Result<udisk_stat>& result) {
+  const std::lock_guard lock(mutex_);
+  const auto differs = [&](const std::string& directory, std::string_view name) {
+    const auto found = kept_.find(directory);
+    if (found == kept_.end()) return false;
+    auto& known = found->second;
+    const udisk_stat* attributes = nullptr;
+    if (const auto newer = known.names.find(name); newer != known.names.end()) {
+      if (!newer->second.is_known) return false;
+      if (newer->second.attributes) attributes = &*newer->second.attributes;
+    } else if (const auto* const entry = EntryOf(known, name); entry != nullptr) {
+      attributes = &entry->attributes;
+    }
+    if (attributes == nullptr) return result.error != ENOENT;
+    return result.error != 0 || !IsSame(*attributes, result.value);
+  };
+  if (path != "/" && differs(DirectoryOf(path), NameOf(path))) {
+    SetNameLocked(DirectoryOf(path), NameOf(path), {});
+  }
+  if (differs(path, ".")) SetNameLocked(path, ".", {});
+}
+
+void ListingCache::NoteMade(const std::string& path, const udisk_stat& attributes,
+                            Clock::time_point asked) {
+  if (!enabled_) return;
+  const auto name = NameOf(path);
+  const Name itself{.is_known = true, .attributes = attributes, .asked = asked};
+  {
+    const std::lock_guard lock(mutex_);
+    SetNameLocked(DirectoryOf(path), name, HasOtherNames(attributes) ? Name{} : itself);
+    if (!IsNewDirectory(attributes)) return;
+    kept_[path] = {.names_asked = asked,
+                   .device = attributes.st_dev,
+                   .names = {{".", itself}},
+                   .last_use = ++last_use_};
+    MakeRoomLocked();
+  }
+  ProbeCase(DirectoryOf(path), name, attributes);
+}
+
+void ListingCache::Doubt(const std::string& path) {
+  if (!enabled_) return;
+  const std::lock_guard lock(mutex_);
+  if (doubted_.size() >= kMostDoubted) doubted_.clear();
+  doubted_.insert(path);
+  if (path != "/") SetNameLocked(DirectoryOf(path), NameOf(path), {});
+}
+
+void ListingCache::ForgetDisk() {
+  const std::lock_guard lock(mutex_);
+  kept_.clear();
+  askings_.clear();
+  doubted_.clear();
+  tells_case_apart_.clear();
+  for (auto& [id, question] : questions_) question.is_void = true;
+}
+
+/// Sets what is known of a name from now on, whatever the listing and those on their way show.
+void ListingCache::SetNameLocked(const std::string& directory, std::string_view name,
+                                 const Name& value) {
+  const auto kept = kept_.find(directory);
+  const bool concerns_others =
+      name != "." && !(kept != kept_.end() && TellsCaseApartLocked(kept->second) && IsPlain(name));
+  for (auto& [id, question] : questions_) {
+    if (question.directory != directory) continue;
+    const bool is_older = value.asked < question.asked;
+    question.changes.insert_or_assign(std::string(name), is_older ? Name{} : value);
+    question.is_void |= concerns_others;
+  }
+  if (kept == kept_.end()) return;
+  auto& known = kept->second;
+  const auto now = Clock::now();
+  const bool is_old = now - known.asked >= trusted_ && now - known.names_asked >= trusted_;
+  if (concerns_others || is_old) {
+    kept_.erase(kept);  // a listing with newer names is never checked
+    return;
+  }
+  known.names.insert_or_assign(std::string(name), value);
+  if (known.names.size() % 1024 == 0) MakeRoomLocked();
+}
+
+// ---- Upper and lower case ----
+
+bool ListingCache::TellsCaseApartLocked(const Directory& known) const {
+  const auto device = tells_case_apart_.find(known.device);
+  return device != tells_case_apart_.end() && device->second;
+}
+
+/// Asks for an existing name in the other case, once for each device, and then for the name itself,
+/// because the client may just have removed it. Nothing waits for the answers.
+void ListingCache::ProbeCase(const std::string& directory, std::string_view name,
+                             const udisk_stat& known) {
+  if (!IsPlain(name) || std::ranges::none_of(name, IsLetter)) return;
+  const int64_t device = known.st_dev;
+  {
+    const std::lock_guard lock(mutex_);
+    if (tells_case_apart_.size() >= kMostDevices ||
+        !tells_case_apart_.try_emplace(device, false).second) {
+      return;
+    }
+  }
+  const auto other = std::make_shared<Result<udisk_stat>>();
+  files_.GetAttributes(JoinPath(directory, WithOtherCase(name)),
+                       [other](const Result<udisk_stat>& result) { *other = result; });
+  files_.GetAttributes(
+      JoinPath(directory, name), [this, device, other, known](const Result<udisk_stat>& itself) {
+        const bool is_there = itself.error == 0 && IsSameInode(itself.value, known);
+        const bool is_apart =
+            other->error == ENOENT || (other->error == 0 && !IsSameInode(other->value, known));
+        const std::lock_guard lock(mutex_);
+        if (!is_there) {
+          tells_case_apart_.erase(device);  // another name will show it
+        } else if (const auto found = tells_case_apart_.find(device);
+                   found != tells_case_apart_.end()) {
+          found->second = is_apart;
+        }
+      });
 }
 
 }  // namespace cpd::host

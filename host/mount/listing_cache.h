@@ -1,69 +1,166 @@
-// Caches directory listings, and checks them before they are shown again.
+// Knows the names and attributes that the disk has shown, as long as they can be trusted.
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "remote/remote_files.h"
 
 namespace cpd::host {
 
-/// Lists directories. For a directory that was listed recently, the module gets the old listing to
-/// check, and sends a new one only if the directory differs from it.
+/// Lists directories, and answers questions for single names from their listings.
 ///
-/// The check compares names, sizes and seconds of modification, and the directory's own times show
-/// that a file was replaced. Any other change on the client (a mode, an owner, a link count, or
-/// content that changes twice within one second and keeps its size) shows in listings only when the
-/// cached one is kLongestUse old. Changes through this mount show at once. All operations are
-/// callable from any thread.
+/// For a directory that was listed recently, the module gets the old listing to check, and sends a
+/// new one only if the directory differs from it. The check compares names, sizes and seconds of
+/// modification, and the directory's own times show that a file was replaced. Any other change on
+/// the client (a mode, an owner, a link count, or content that changes twice within one second and
+/// keeps its size) shows in listings only when the cached one is kLongestUse old.
+///
+/// A question for a name is answered from a listing that was requested at most kTrusted ago, if it
+/// has the name: a file that the client has just made shows at once. A directory that was made
+/// through this mount is known to have no other names for the same time. Changes through this mount
+/// show at once: they make the names that they concern unknown, until the disk is asked again or
+/// the caller says what has become of them. If several names of a directory are asked for, the
+/// directory is listed, and the listing answers them all.
+///
+/// Some disks take names that differ in case for the same. So names count as missing, and a change
+/// leaves the other names known, only on a disk that was seen to tell such names apart.
+///
+/// All operations are callable from any thread.
 class ListingCache {
  public:
+  using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::seconds kLongestUse{30};
+  static constexpr std::chrono::seconds kTrusted{1};
+  /// So many names of a directory are asked for one by one within kTrusted; of a large directory,
+  /// one in kNamesOfLarge of its names. Its size in bytes shows about how many there are.
+  static constexpr size_t kSingleQuestions = 2;
+  static constexpr size_t kNamesOfLarge = 64;
+  static constexpr size_t kBytesOfName = 32;
 
-  /// @param enabled  false: nothing is cached, every directory is listed in full
-  ListingCache(RemoteFiles& files, bool enabled) : files_(files), enabled_(enabled) {}
+  /// @param enabled  false: nothing is cached, every directory is listed in full, and every name
+  ///                 asked for
+  /// @param trusted  for how long a listing answers questions for names
+  ListingCache(RemoteFiles& files, bool enabled, Clock::duration trusted = kTrusted)
+      : files_(files), enabled_(enabled), trusted_(trusted) {}
 
   void List(const std::string& directory, RemoteFiles::Done<SharedListing> done);
-  /// Forgets the listings that a change of `path` makes wrong: its own, those below it, and those
-  /// that show it. Must be called after the module has made the change, before a program hears of
-  /// it.
-  void Forget(const std::string& path);
+
+  /// @param asked  when the disk was asked, if not for this question; then the answer may be kept
+  ///               only until kTrusted after that
+  using Shown = std::function<void(const Result<udisk_stat>&, std::optional<Clock::time_point>)>;
+  struct Asked {
+    bool must_ask = false;       ///< the disk has to be asked for this path
+    int64_t directory_size = 0;  ///< st_size of its directory, if that is known
+  };
+  /// Gives a path's attributes; ENOENT when there is no such file. The caller must hold a pass of
+  /// the gate.
+  void GetAttributes(const std::string& path, const Asked& asked, const Shown& shown);
+  /// Waits until no answer can lead to another request with an old path. To be called when a move
+  /// has begun. Must not be called on the thread that delivers replies.
+  void AwaitAnswers();
+
+  /// Makes unknown what a change of `path` concerns. To be called before the change is sent, and
+  /// after the module has made it, before a program hears of it. If a program hears of it before
+  /// the module has made it, then before that, too, with a pass of the gate.
+  void NoteChange(const std::string& path, RemoteFiles::ChangeOf what);
+  /// Notes what the disk showed at a path.
+  void NoteShown(const std::string& path, const Result<udisk_stat>& result);
+  /// Notes that this mount has made what is at `path`. A directory is empty then, unless its times
+  /// show that it was there before.
+  /// @param asked  when the attributes were asked for
+  void NoteMade(const std::string& path, const udisk_stat& attributes, Clock::time_point asked);
+  /// Makes the next question for `path` go to the disk.
+  void Doubt(const std::string& path);
+  /// Another disk has taken the place of the one that was listed.
+  void ForgetDisk();
 
  private:
-  using Clock = std::chrono::steady_clock;
   static constexpr size_t kMostListings = 256;
   static constexpr size_t kMostBytes = 32U << 20;
+  static constexpr size_t kMostAskings = 1024;
+  static constexpr size_t kMostDevices = 64;
+  static constexpr size_t kMostDoubted = 64;
 
-  struct Kept {
-    SharedListing listing;
-    Clock::time_point asked;
-    uint64_t last_use;
+  /// What is known of a name. Known without attributes: there is no such file.
+  struct Name {
+    bool is_known = false;
+    std::optional<udisk_stat> attributes = {};
+    Clock::time_point asked = {};
   };
+  using Names = std::map<std::string, Name, std::less<>>;
+
+  struct Directory {
+    SharedListing listing = nullptr;     // null for one that was made and never listed
+    bool is_checkable = false;           // the listing
+    Clock::time_point asked = {};        // for the listing
+    Clock::time_point names_asked = {};  // when it was last seen to have no other names
+    int64_t device = 0;
+    Names names = {};                    // newer than the listing
+    std::vector<uint32_t> by_name = {};  // indexes of the listing's entries; built when needed
+    uint64_t last_use = 0;
+  };
+  /// A listing under way.
   struct Question {
     std::string directory;
     Clock::time_point asked;
+    Names changes = {};      // what the answer may not show
+    bool is_void = false;    // a change may have made the whole answer wrong
+    bool is_listed = false;  // a full listing is on its way
+    std::vector<std::function<void()>> waiting = {};
+  };
+  /// Names of a directory that were asked for one by one.
+  struct Asking {
+    Clock::time_point since = {};
+    Clock::time_point listed = {};  // because of them; later than now if that failed
+    std::string last = {};          // the name
+    size_t count = 0;
+    size_t entries = 0;  // of the directory: what is known or was guessed
   };
 
   void ListInFull(uint64_t question, const std::string& directory,
                   RemoteFiles::Done<SharedListing> done);
   SharedListing Find(const std::string& directory);
   uint64_t NoteQuestion(const std::string& directory);
-  bool EndQuestion(uint64_t question);
+  Question EndQuestion(uint64_t question);
+  bool Confirm(uint64_t question, const SharedListing& listing);
   SharedListing Keep(uint64_t question, Listing&& answer);
-  void MakeRoom();
+  void Answer(const std::vector<std::function<void()>>& waiting);
+  static const Listing::Entry* EntryOf(Directory& known, std::string_view name);
+  void Ask(const std::string& path, const Shown& shown);
+  std::optional<Name> Look(const std::string& path);
+  std::optional<Name> LookLocked(const std::string& path);
+  std::optional<Name> LookLocked(const std::string& directory, std::string_view name);
+  bool WantsListingLocked(const std::string& directory, std::string_view name,
+                          int64_t directory_size);
+  void SetNameLocked(const std::string& directory, std::string_view name, const Name& value);
+  bool TellsCaseApartLocked(const Directory& known) const;
+  void ProbeCase(const std::string& directory, std::string_view name, const udisk_stat& known);
+  void MakeRoomLocked();
 
   RemoteFiles& files_;
   const bool enabled_;
+  const Clock::duration trusted_;
   std::mutex mutex_;
-  std::map<std::string, Kept> kept_;  // by path
+  std::map<std::string, Directory> kept_;  // by path
   uint64_t last_use_ = 0;
-  // Listings under way. A change removes those whose answer may not show it.
   std::map<uint64_t, Question> questions_;
   uint64_t last_question_ = 0;
+  std::map<std::string, Asking> askings_;     // by directory
+  std::set<std::string> doubted_;             // paths
+  std::map<int64_t, bool> tells_case_apart_;  // by device; false also while it is being found out
+  size_t waiting_ = 0;                        // in all questions, or being answered
+  std::condition_variable answered_;
 };
 
 }  // namespace cpd::host

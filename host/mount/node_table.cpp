@@ -26,15 +26,22 @@ bool NodeTable::IsSameFile(const Node& node, const udisk_stat& now) {
   return is_unwritten && before.st_size == now.st_size && IsSameTime(before.st_ctim, now.st_ctim);
 }
 
-NodeTable::Id NodeTable::Lookup(Id parent, const std::string& name, const udisk_stat& attributes) {
+NodeTable::Id NodeTable::Lookup(Id parent, const std::string& name, const udisk_stat& attributes,
+                                std::optional<Clock::time_point> asked) {
+  const auto now = Clock::now();
   const std::lock_guard lock(mutex_);
-  const Id id = FindOrMakeLocked({parent, name}, attributes);
-  SetAttributesLocked(id, attributes);
+  const Id id = FindOrMakeLocked({parent, name}, attributes, asked);
   auto& node = nodes_.at(id);
+  if (!IsNewer(node, asked)) SetAttributesLocked(id, attributes, asked.value_or(now));
   ++node.references;
-  node.kernel_size = attributes.st_size;
-  node.looked_up = Clock::now();
+  node.kernel_size = node.attributes.st_size;
+  node.looked_up = asked ? Clock::time_point() : now;
   return id;
+}
+
+/// Whether more is known of a file than what the disk was asked for earlier.
+bool NodeTable::IsNewer(const Node& node, std::optional<Clock::time_point> asked) {
+  return asked && (IsOutdated(node) || node.told > *asked);
 }
 
 NodeTable::Clock::time_point NodeTable::TakeLookup(Id id) {
@@ -43,10 +50,12 @@ NodeTable::Clock::time_point NodeTable::TakeLookup(Id id) {
   return node == nodes_.end() ? Clock::time_point() : std::exchange(node->second.looked_up, {});
 }
 
-NodeTable::Id NodeTable::FindOrMakeLocked(const Name& name, const udisk_stat& attributes) {
+NodeTable::Id NodeTable::FindOrMakeLocked(const Name& name, const udisk_stat& attributes,
+                                          std::optional<Clock::time_point> asked) {
   if (const auto child = children_.find(name); child != children_.end()) {
     const Id id = child->second;
-    if (IsSameFile(nodes_.at(id), attributes)) return id;
+    const auto& node = nodes_.at(id);
+    if (IsNewer(node, asked) || IsSameFile(node, attributes)) return id;
     ReplaceLocked(id, name);
   }
   Id id = 0;
@@ -61,13 +70,13 @@ NodeTable::Id NodeTable::FindOrMakeLocked(const Name& name, const udisk_stat& at
   return id;
 }
 
-void NodeTable::SetAttributesLocked(Id id, const udisk_stat& attributes) {
+void NodeTable::SetAttributesLocked(Id id, const udisk_stat& attributes, Clock::time_point asked) {
   auto& node = nodes_.at(id);
   const auto before = files_.find(InodeOf(node.attributes));
   if (before != files_.end() && before->second == id) files_.erase(before);
   node.attributes = attributes;
   node.is_outdated = false;
-  node.told = Clock::now();
+  node.told = asked;
   if (!S_ISDIR(attributes.st_mode)) files_[InodeOf(attributes)] = id;
 }
 
@@ -120,29 +129,30 @@ void NodeTable::DropReferencesLocked(Id id, uint64_t references) {
   }
 }
 
-bool NodeTable::Update(Id id, const udisk_stat& attributes) {
+bool NodeTable::Update(Id id, const udisk_stat& attributes,
+                       std::optional<Clock::time_point> asked) {
   const std::lock_guard lock(mutex_);
   const auto node = nodes_.find(id);
-  if (node == nodes_.end()) return true;
+  if (node == nodes_.end() || IsNewer(node->second, asked)) return true;
   if (id != kRoot && !IsSameFile(node->second, attributes)) {
     if (!node->second.names.empty()) ReplaceLocked(id, node->second.names.front());
     return false;
   }
-  SetAttributesLocked(id, attributes);
+  SetAttributesLocked(id, attributes, asked.value_or(Clock::now()));
   return true;
 }
 
-void NodeTable::Renew(Id id, const udisk_stat& attributes) {
+void NodeTable::Renew(Id id, const udisk_stat& attributes, std::optional<Clock::time_point> asked) {
   const std::lock_guard lock(mutex_);
   const auto found = nodes_.find(id);
   if (found == nodes_.end() || found->second.names.size() != 1) return;
   auto& node = found->second;
   if (!S_ISREG(attributes.st_mode) || !S_ISREG(node.attributes.st_mode)) return;
   if (attributes.st_nlink > 1 && files_.contains(InodeOf(attributes))) return;
-  if (IsSameFile(node, attributes)) return;
+  if (IsNewer(node, asked) || IsSameFile(node, attributes)) return;
   node.is_changed_here = false;
   node.renewed = Clock::now();
-  SetAttributesLocked(id, attributes);
+  SetAttributesLocked(id, attributes, node.renewed);
 }
 
 bool NodeTable::IsSameFile(Id id, const udisk_stat& attributes) const {
@@ -229,6 +239,23 @@ std::optional<udisk_stat> NodeTable::CurrentAttributes(Id parent, const std::str
   if (child == children_.end()) return std::nullopt;
   const auto& node = nodes_.at(child->second);
   return node.is_outdated ? std::nullopt : std::optional(node.attributes);
+}
+
+/// A directory's attributes do not depend on what was written through it.
+bool NodeTable::IsOutdated(const Node& node) {
+  return node.is_outdated && !S_ISDIR(node.attributes.st_mode);
+}
+
+bool NodeTable::IsOutdated(Id id) const {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  return node != nodes_.end() && IsOutdated(node->second);
+}
+
+bool NodeTable::IsOutdated(Id parent, const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  const auto child = children_.find({parent, name});
+  return child != children_.end() && IsOutdated(nodes_.at(child->second));
 }
 
 std::optional<std::pair<NodeTable::Id, std::string>> NodeTable::ReplacedName(Id id) const {

@@ -36,19 +36,27 @@ class NodeTable {
 
   /// Finds or makes the node of a name, and counts one reference of the kernel. If the attributes
   /// show that the name now belongs to another file, it gets another node. Ids are never reused.
-  Id Lookup(Id parent, const std::string& name, const udisk_stat& attributes);
-  /// When a node was last looked up; the epoch if that was before the last call. An open call looks
-  /// its file up first, unless the kernel remembers the name.
+  /// @param asked  when the disk was asked, if that was before this look-up; if more is known of
+  /// the
+  ///               name's file since then, that stays
+  Id Lookup(Id parent, const std::string& name, const udisk_stat& attributes,
+            std::optional<Clock::time_point> asked = std::nullopt);
+  /// When the disk was last asked for a look-up of a node; the epoch if that was before the last
+  /// call. An open call looks its file up first, unless the kernel remembers the name.
   Clock::time_point TakeLookup(Id id);
   /// Drops references that the kernel gives back.
   void Forget(Id id, uint64_t references);
   /// Stores the attributes that the disk shows.
+  /// @param asked  when the disk was asked, if not just now
   /// @return false when they are those of another file, which has taken this one's place
-  bool Update(Id id, const udisk_stat& attributes);
+  bool Update(Id id, const udisk_stat& attributes,
+              std::optional<Clock::time_point> asked = std::nullopt);
   /// Moves a node on to the file that took its file's place on the disk, so that a program that has
   /// looked the node up gets the new file. Does nothing if the node has several names, or if one of
   /// the files is not a regular file.
-  void Renew(Id id, const udisk_stat& attributes);
+  /// @param asked  when the disk was asked, if not just now
+  void Renew(Id id, const udisk_stat& attributes,
+             std::optional<Clock::time_point> asked = std::nullopt);
   /// Whether these attributes can be those of the node's file. If not, they are another file's.
   [[nodiscard]] bool IsSameFile(Id id, const udisk_stat& attributes) const;
   /// Whether the kernel may still have the attributes of the file that Renew replaced.
@@ -75,6 +83,10 @@ class NodeTable {
   /// The same for a name's file.
   [[nodiscard]] std::optional<udisk_stat> CurrentAttributes(Id parent,
                                                             const std::string& name) const;
+  /// Whether this mount has changed a file since the disk showed its attributes.
+  [[nodiscard]] bool IsOutdated(Id id) const;
+  /// The same for a name's file.
+  [[nodiscard]] bool IsOutdated(Id parent, const std::string& name) const;
   /// The directory and the name that a file had when another file took its place; empty if it has a
   /// name, or lost its name through this mount.
   [[nodiscard]] std::optional<std::pair<Id, std::string>> ReplacedName(Id id) const;
@@ -126,12 +138,15 @@ class NodeTable {
   };
 
   static bool IsSameFile(const Node& node, const udisk_stat& now);
+  static bool IsOutdated(const Node& node);
+  static bool IsNewer(const Node& node, std::optional<Clock::time_point> asked);
   static Inode InodeOf(const udisk_stat& attributes) {
     return {int64_t{attributes.st_dev}, uint64_t{attributes.st_ino}};  // copies of packed fields
   }
 
-  Id FindOrMakeLocked(const Name& name, const udisk_stat& attributes);
-  void SetAttributesLocked(Id id, const udisk_stat& attributes);
+  Id FindOrMakeLocked(const Name& name, const udisk_stat& attributes,
+                      std::optional<Clock::time_point> asked);
+  void SetAttributesLocked(Id id, const udisk_stat& attributes, Clock::time_point asked);
   void RenameLocked(const Name& name, const Name& new_name);
   void AddNameLocked(Id id, const Name& name);
   void RemoveNameLocked(const Name& name);

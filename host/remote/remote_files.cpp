@@ -83,6 +83,16 @@ bool IsDone(const Head& head) {
   return head.result >= 0;
 }
 
+Result<udisk_stat> ToAttributes(const CpdPacket* reply) {
+  auto in = PayloadOf(reply);
+  const auto answer = in.Take<FileAttrHead>();
+  if (!answer || !in.TakeBytes(answer->path_length)) return {.error = EIO};
+  if (answer->attr_length == 0) return {.error = ENOENT};
+  const auto attributes = in.Take<udisk_stat>();
+  if (!attributes) return {.error = EIO};
+  return {.value = *attributes};
+}
+
 std::optional<Listing> ToListing(std::unique_ptr<CpdPacket> reply) {
   auto in = PayloadOf(reply.get());
   const auto head = in.Take<DirHead>();
@@ -133,14 +143,10 @@ void RemoteFiles::GetAttributes(const std::string& path, Done<udisk_stat> done) 
   if (!Fits<decltype(head.path_length)>(path)) return done({.error = ENAMETOOLONG});
   head.path_length = static_cast<uint16_t>(path.size());
   session_.Ask(Request(kGetFileAttr, head, path),
-               [done = std::move(done)](std::unique_ptr<CpdPacket> reply) {
-                 auto in = PayloadOf(reply.get());
-                 const auto answer = in.Take<FileAttrHead>();
-                 if (!answer || !in.TakeBytes(answer->path_length)) return done({.error = EIO});
-                 if (answer->attr_length == 0) return done({.error = ENOENT});
-                 const auto attributes = in.Take<udisk_stat>();
-                 if (!attributes) return done({.error = EIO});
-                 done({.value = *attributes});
+               [this, path, done = std::move(done)](const std::unique_ptr<CpdPacket>& reply) {
+                 const auto result = ToAttributes(reply.get());
+                 if (observer_.on_shown) observer_.on_shown(path, result);
+                 done(result);
                });
 }
 
@@ -279,8 +285,9 @@ void RemoteFiles::Create(const std::string& path, uint32_t mode, OnOutcome on_ou
   CreateHead head{};
   head.path_length = static_cast<uint32_t>(path.size());
   head.mode = WithoutSetId(mode);
+  TellStart(path, ChangeOf::kName);
   Change<CreateHead>(Request(kFileCreate, head, path), IsDone<CreateHead>,
-                     ThenForget(path, std::move(on_outcome)));
+                     ThenTell(path, ChangeOf::kName, std::move(on_outcome)));
 }
 
 void RemoteFiles::Write(const std::string& path, int64_t offset, std::string_view data,
@@ -300,8 +307,9 @@ void RemoteFiles::Truncate(const std::string& path, uint64_t size, OnOutcome on_
   TruncateHead head{};
   head.length = size;
   head.path_length = static_cast<uint32_t>(path.size());
+  TellStart(path, ChangeOf::kFile);
   Change<TruncateHead>(Request(kFileTruncate, head, path), IsDone<TruncateHead>,
-                       ThenForget(path, std::move(on_outcome)));
+                       ThenTell(path, ChangeOf::kFile, std::move(on_outcome)));
 }
 
 void RemoteFiles::Sync(const std::string& path, OnOutcome on_outcome) {
@@ -315,8 +323,9 @@ void RemoteFiles::ChangeMode(const std::string& path, uint32_t mode, OnOutcome o
   if (!Fits<decltype(head.path_length)>(path)) return on_outcome(Outcome::kRefused);
   head.path_length = static_cast<uint16_t>(path.size());
   head.mode = static_cast<uint16_t>(WithoutSetId(mode));
+  TellStart(path, ChangeOf::kFile);
   Change<ChmodHead>(Request(kFileChmod, head, path), IsDone<ChmodHead>,
-                    ThenForget(path, std::move(on_outcome)));
+                    ThenTell(path, ChangeOf::kFile, std::move(on_outcome)));
 }
 
 void RemoteFiles::ChangeOwner(const std::string& path, uint32_t owner, uint32_t group,
@@ -325,8 +334,9 @@ void RemoteFiles::ChangeOwner(const std::string& path, uint32_t owner, uint32_t 
   head.path_length = static_cast<uint32_t>(path.size());
   head.uid = owner;
   head.gid = group;
+  TellStart(path, ChangeOf::kFile);
   Change<ChownHead>(Request(kFileChown, head, path), IsDone<ChownHead>,
-                    ThenForget(path, std::move(on_outcome)));
+                    ThenTell(path, ChangeOf::kFile, std::move(on_outcome)));
 }
 
 void RemoteFiles::MakeDirectory(const std::string& path, uint32_t mode, OnOutcome on_outcome) {
@@ -334,8 +344,9 @@ void RemoteFiles::MakeDirectory(const std::string& path, uint32_t mode, OnOutcom
   if (!Fits<decltype(head.path_length)>(path)) return on_outcome(Outcome::kRefused);
   head.path_length = static_cast<uint16_t>(path.size());
   head.mode = static_cast<int16_t>(WithoutSetId(mode));
+  TellStart(path, ChangeOf::kName);
   Change<MakeDirHead>(Request(kMakeDir, head, path), IsDone<MakeDirHead>,
-                      ThenForget(path, std::move(on_outcome)));
+                      ThenTell(path, ChangeOf::kName, std::move(on_outcome)));
 }
 
 void RemoteFiles::RemoveDirectory(const std::string& path, OnOutcome on_outcome,
@@ -371,16 +382,21 @@ void RemoteFiles::Write(WriteHead head, const std::string& path, std::string_vie
   head.size = static_cast<int32_t>(data.size());
   head.path_length = static_cast<uint16_t>(path.size());
   const auto is_done = [size = head.size](const WriteHead& answer) { return answer.size == size; };
+  TellStart(path, ChangeOf::kFile);
   Change<WriteHead>(Request(kFileWrite, head, path, data), is_done,
-                    ThenForget(path, std::move(on_outcome)));
+                    ThenTell(path, ChangeOf::kFile, std::move(on_outcome)));
 }
 
-RemoteFiles::OnOutcome RemoteFiles::ThenForget(const std::string& path,
-                                               OnOutcome on_outcome) const {
-  return [this, path, on_outcome = std::move(on_outcome)](Outcome outcome) {
-    changed_(path);
+RemoteFiles::OnOutcome RemoteFiles::ThenTell(const std::string& path, ChangeOf what,
+                                             OnOutcome on_outcome) const {
+  return [this, path, what, on_outcome = std::move(on_outcome)](Outcome outcome) {
+    if (observer_.on_change) observer_.on_change(path, what);
     on_outcome(outcome);
   };
+}
+
+void RemoteFiles::TellStart(const std::string& path, ChangeOf what) const {
+  if (observer_.on_start) observer_.on_start(path, what);
 }
 
 void RemoteFiles::WaitForChanges() const {
@@ -398,8 +414,9 @@ void RemoteFiles::Remove(uint16_t command, const std::string& path, OnOutcome on
   RemoveHead head{};
   if (!Fits<decltype(head.path_length)>(path)) return on_outcome(Outcome::kRefused);
   head.path_length = static_cast<uint16_t>(path.size());
+  TellStart(path, ChangeOf::kName);
   Change<RemoveHead>(Request(command, head, path), IsDone<RemoveHead>,
-                     ThenForget(path, std::move(on_outcome)), before);
+                     ThenTell(path, ChangeOf::kName, std::move(on_outcome)), before);
 }
 
 void RemoteFiles::LinkOrRename(uint16_t command, const std::string& path,
@@ -411,8 +428,12 @@ void RemoteFiles::LinkOrRename(uint16_t command, const std::string& path,
   }
   head.path_length = static_cast<uint16_t>(path.size());
   head.new_path_length = static_cast<uint16_t>(new_path.size());
-  Change<TwoPathsHead>(Request(command, head, path, new_path), IsDone<TwoPathsHead>,
-                       ThenForget(path, ThenForget(new_path, std::move(on_outcome))), before);
+  TellStart(path, ChangeOf::kName);
+  TellStart(new_path, ChangeOf::kName);
+  Change<TwoPathsHead>(
+      Request(command, head, path, new_path), IsDone<TwoPathsHead>,
+      ThenTell(path, ChangeOf::kName, ThenTell(new_path, ChangeOf::kName, std::move(on_outcome))),
+      before);
 }
 
 void RemoteFiles::FlushOrRelease(uint16_t command, const std::string& path, OnOutcome on_outcome) {

@@ -82,12 +82,23 @@ class RemoteFiles {
   using Done = std::function<void(Result<T>)>;
   using OnOutcome = std::function<void(Outcome)>;
 
-  /// Called with the path of anything that may have changed, before the change's OnOutcome runs.
-  using Changed = std::function<void(const std::string& path)>;
+  /// What a request changes.
+  enum class ChangeOf {
+    kFile,  ///< a file's content or attributes
+    kName,  ///< whether there is such a name; with it, the directory
+  };
+  /// Told of what passes through. Each may be empty.
+  struct Observer {
+    /// Called when a change of `path` is about to be sent.
+    std::function<void(const std::string& path, ChangeOf what)> on_start;
+    /// Called when a change of `path` may have been made, before its OnOutcome runs.
+    std::function<void(const std::string& path, ChangeOf what)> on_change;
+    /// Called with the attributes that `path` has, before their Done runs.
+    std::function<void(const std::string& path, const Result<udisk_stat>& result)> on_shown;
+  };
 
-  explicit RemoteFiles(
-      Session& session, Changed changed = [](const std::string&) {})
-      : session_(session), changed_(std::move(changed)) {}
+  explicit RemoteFiles(Session& session, Observer observer = {})
+      : session_(session), observer_(std::move(observer)) {}
 
   /// ENOENT when there is no such file.
   void GetAttributes(const std::string& path, Done<udisk_stat> done);
@@ -161,7 +172,8 @@ class RemoteFiles {
   void Change(std::unique_ptr<CpdPacket> request, IsDone is_done, OnOutcome on_outcome,
               const std::optional<udisk_stat>& before = std::nullopt);
   void Write(WriteHead head, const std::string& path, std::string_view data, OnOutcome on_outcome);
-  OnOutcome ThenForget(const std::string& path, OnOutcome on_outcome) const;
+  OnOutcome ThenTell(const std::string& path, ChangeOf what, OnOutcome on_outcome) const;
+  void TellStart(const std::string& path, ChangeOf what) const;
   void Remove(uint16_t command, const std::string& path, OnOutcome on_outcome,
               const std::optional<udisk_stat>& before);
   void LinkOrRename(uint16_t command, const std::string& path, const std::string& new_path,
@@ -169,7 +181,7 @@ class RemoteFiles {
   void FlushOrRelease(uint16_t command, const std::string& path, OnOutcome on_outcome);
 
   Session& session_;
-  const Changed changed_;
+  const Observer observer_;
   std::atomic<int> unanswered_ = 0;  // changes without a reply yet
 };
 

@@ -54,6 +54,8 @@ struct Savings {
   Count waits;  ///< calls of the kernel that were answered only after the disk had answered
 
   Count questions;  ///< of the kernel: for a name, or for a file's attributes
+  Count known;      ///< of these, those that were answered from what the disk had shown before
+  Count shared;     ///< of these, those that one listing answered together
   Count listings;   ///< directories that programs listed
 
   Count written_early;  ///< writes that were answered before the disk had carried them out
@@ -70,6 +72,8 @@ struct Savings {
   static constexpr std::array kNames{
       std::pair{&Savings::waits, "waits for the disk"},
       std::pair{&Savings::questions, "names and attributes asked for"},
+      std::pair{&Savings::known, "known from before"},
+      std::pair{&Savings::shared, "answered by one listing"},
       std::pair{&Savings::listings, "directories listed"},
       std::pair{&Savings::written_early, "writes answered early"},
       std::pair{&Savings::failed_later, "failed later"},

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -12,6 +13,8 @@
 
 namespace cpd::host {
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr auto kRoot = NodeTable::kRoot;
 
@@ -100,6 +103,31 @@ TEST_F(Nodes, LoseTheirNameWhenTheyGetAnotherFilesAttributes) {
   EXPECT_TRUE(nodes.Update(node, File(1, 1, 500)));
   EXPECT_FALSE(nodes.Update(node, File(2)));
   EXPECT_EQ(PathOf(node), "none");
+}
+
+TEST_F(Nodes, KeepWhatTheDiskHasShownSinceAnAnswerWasAskedFor) {
+  const auto before = NodeTable::Clock::now();
+  const auto node = nodes.Lookup(kRoot, "a", File(2, 1, 20));
+  EXPECT_EQ(nodes.Lookup(kRoot, "a", File(1, 1, 10), before), node);
+  EXPECT_TRUE(nodes.Update(node, File(1, 1, 10), before));
+  nodes.Renew(node, File(1, 1, 10), before);
+  EXPECT_EQ(nodes.LastAttributes(node)->st_size, 20);
+  EXPECT_EQ(nodes.Find(node)->kernel_size, 20);
+  const auto after = NodeTable::Clock::now() + 1ms;
+  EXPECT_TRUE(nodes.Update(node, File(2, 1, 30), after));
+  EXPECT_EQ(nodes.LastAttributes(node)->st_size, 30);
+}
+
+TEST_F(Nodes, KeepWhatThisMountHasWrittenUntilTheDiskIsAskedAgain) {
+  const auto node = nodes.Lookup(kRoot, "a", File(1, 1, 10));
+  nodes.Grow(node, 15);
+  const auto asked = NodeTable::Clock::now() + 1ms;
+  EXPECT_TRUE(nodes.IsOutdated(kRoot, "a"));
+  EXPECT_EQ(nodes.Lookup(kRoot, "a", File(1, 1, 10), asked), node);
+  EXPECT_EQ(nodes.LastAttributes(node)->st_size, 15);
+  EXPECT_TRUE(nodes.IsOutdated(node));
+  nodes.Lookup(kRoot, "a", File(1, 1, 15));
+  EXPECT_FALSE(nodes.IsOutdated(node));
 }
 
 TEST_F(Nodes, RememberTheNameThatAnotherFileTookFromThem) {

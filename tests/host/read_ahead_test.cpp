@@ -1,5 +1,6 @@
 // How the remote side's accelerators handle a driver's replies, well-formed or not.
 #include <gtest/gtest.h>
+#include <strings.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -7,6 +8,7 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,6 +30,7 @@
 namespace cpd::host {
 namespace {
 
+using std::chrono_literals::operator""h;
 using std::chrono_literals::operator""s;
 using std::chrono_literals::operator""ms;
 
@@ -241,7 +244,7 @@ TEST_F(Listings, AreFetchedAgainWhenTheDirectoryWasTouched) {
 TEST_F(Listings, AreNotCachedWhenAChangeOvertookThem) {
   std::optional<Result<SharedListing>> result;
   cache_.List("/d", [&](auto listing) { result = std::move(listing); });
-  cache_.Forget("/d/file");
+  cache_.NoteChange("/d/file", RemoteFiles::ChangeOf::kName);
   Work();
   ASSERT_TRUE(result && result->error == 0);
   List();
@@ -253,7 +256,7 @@ TEST_F(Listings, AreFetchedAgainWhenAChangeOvertookTheirCheck) {
   List();
   std::optional<Result<SharedListing>> result;
   cache_.List("/d", [&](auto listing) { result = std::move(listing); });
-  cache_.Forget("/d/file");
+  cache_.NoteChange("/d/file", RemoteFiles::ChangeOf::kName);
   Work();
   ASSERT_TRUE(result && result->error == 0);
   EXPECT_EQ(Asked(kDirRead), 2);
@@ -263,12 +266,12 @@ TEST_F(Listings, AreForgottenAfterAChangeInsideAboveOrBelow) {
   for (const char* changed : {"/d", "/d/file", "/d/sub/file", "/"}) {
     List();
     const int asked = Asked(kDirRead);
-    cache_.Forget(changed);
+    cache_.NoteChange(changed, RemoteFiles::ChangeOf::kName);
     List();
     EXPECT_EQ(Asked(kDirRead), asked + 1) << changed;
   }
   const int asked = Asked(kDirRead);
-  cache_.Forget("/d-other/file");
+  cache_.NoteChange("/d-other/file", RemoteFiles::ChangeOf::kName);
   List();
   EXPECT_EQ(Asked(kDirRead), asked);
 }
@@ -479,6 +482,296 @@ TEST_F(Walks, AskForNothingMoreInAnotherOrder) {
   List(names_[18]);
   EXPECT_EQ(driver_->requests.size(), 1U);
   WorkFarAway();
+}
+
+// ---- Names that listings answer ----
+
+/// A disk with the directory /d.
+class KnownNames : public ReadAhead {
+ protected:
+  using ChangeOf = RemoteFiles::ChangeOf;
+  /// What a question was answered with; `is_known` if without a request for it.
+  struct Shown {
+    int error = -1;
+    int64_t size = -1;
+    bool is_known = false;
+  };
+
+  void SetUp() override {
+    for (const char* name : {"a", "b", "c", "d", "e"}) Make(name, 5);
+    Answer([this](uint16_t command, std::string payload) -> std::optional<std::string> {
+      if (command == kDirRead) {
+        std::string entries = Entry(".", directory_);
+        for (const auto& [name, attributes] : files_on_disk_) entries += Entry(name, attributes);
+        return ListingReply(static_cast<uint16_t>(files_on_disk_.size() + 1), entries + '\0', "/d");
+      }
+      if (command == kCheckDir) return std::nullopt;  // it is unchanged
+      FileAttrHead head{};
+      std::memcpy(&head, payload.data(), sizeof head);
+      const auto path = payload.substr(sizeof head, head.path_length);
+      const auto* const found = Find(path);
+      head.attr_length = found == nullptr ? 0 : sizeof *found;
+      return Raw(head) + path + (found == nullptr ? "" : Raw(*found));
+    });
+  }
+  void Make(const std::string& name, int64_t size) {
+    auto attributes = Attributes(S_IFREG | 0644, size);
+    attributes.st_ino = ++last_inode_;
+    files_on_disk_[name] = attributes;
+  }
+  static udisk_stat NewDirectory() {
+    auto attributes = Attributes(S_IFDIR | 0755, 40);
+    attributes.st_atim = attributes.st_mtim;
+    return attributes;
+  }
+  void List() {
+    cache_.List("/d", [](const auto&) {});
+    Work();
+  }
+  void Ask(const std::string& path, Shown* shown, const ListingCache::Asked& how = {}) {
+    cache_.GetAttributes(path, how, [shown](const auto& result, const auto& asked) {
+      *shown = {.error = result.error, .size = result.value.st_size, .is_known = asked.has_value()};
+    });
+  }
+  /// Asks, and counts the requests that this takes.
+  Shown Ask(const std::string& path, int* requests) {
+    const int before = Asked(kGetFileAttr) + Asked(kDirRead);
+    Shown shown;
+    Ask(path, &shown);
+    Work();
+    *requests = Asked(kGetFileAttr) + Asked(kDirRead) - before;
+    return shown;
+  }
+  void ExpectKnown(const std::string& path, int error, int64_t size = 0) {
+    int requests = 0;
+    const auto shown = Ask(path, &requests);
+    EXPECT_EQ(shown.error, error) << path;
+    EXPECT_EQ(shown.size, size) << path;
+    EXPECT_TRUE(shown.is_known) << path;
+    EXPECT_EQ(requests, 0) << path;
+  }
+  void ExpectAskedFor(const std::string& path, int error, int64_t size = 0) {
+    int requests = 0;
+    const auto shown = Ask(path, &requests);
+    EXPECT_EQ(shown.error, error) << path;
+    EXPECT_EQ(shown.size, size) << path;
+    EXPECT_EQ(requests, 1) << path;
+  }
+
+  udisk_stat directory_ = Attributes(S_IFDIR | 0755, 100);
+  std::map<std::string, udisk_stat> files_on_disk_;
+  bool ignores_case_ = false;
+  // A busy machine must not make names unknown.
+  ListingCache cache_{files_, true, 1h};
+
+ private:
+  const udisk_stat* Find(const std::string& path) {
+    if (path == "/d") return &directory_;
+    if (!path.starts_with("/d/")) return nullptr;
+    for (const auto& [name, attributes] : files_on_disk_) {
+      const bool is_it =
+          ignores_case_ ? strcasecmp(name.c_str(), path.c_str() + 3) == 0 : name == path.substr(3);
+      if (is_it) return &attributes;
+    }
+    return nullptr;
+  }
+  uint64_t last_inode_ = 100;
+};
+
+TEST_F(KnownNames, AreThoseOfAListing) {
+  List();
+  ExpectKnown("/d/a", 0, 5);
+  ExpectKnown("/d", 0, 100);
+  EXPECT_EQ(files_.savings().known, 2U);
+}
+
+TEST_F(KnownNames, AreForgottenAfterATime) {
+  ListingCache cache(files_, true, 20ms);
+  cache.List("/d", [](const auto&) {});
+  Work();
+  std::this_thread::sleep_for(20ms);
+  bool is_known = true;
+  cache.GetAttributes("/d/a", {}, [&](const auto&, const auto& asked) { is_known = !!asked; });
+  Work();
+  EXPECT_FALSE(is_known);
+}
+
+TEST_F(KnownNames, DoNotIncludeMissingOnesBecauseTheClientMayHaveMadeThem) {
+  List();
+  ExpectAskedFor("/d/missing", ENOENT);
+  Make("missing", 5);
+  ExpectAskedFor("/d/missing", 0, 5);
+}
+
+TEST_F(KnownNames, DoNotIncludeMissingOnesOnADiskThatIgnoresCase) {
+  ignores_case_ = true;
+  List();
+  cache_.NoteMade("/d/new", NewDirectory(), ListingCache::Clock::now());
+  ExpectAskedFor("/d/new/x", ENOENT);
+}
+
+TEST_F(KnownNames, OnADiskThatIgnoresCaseAreAllForgottenAfterAChangeOfOne) {
+  ignores_case_ = true;
+  List();
+  cache_.NoteChange("/d/A", ChangeOf::kFile);
+  ExpectAskedFor("/d/a", 0, 5);
+}
+
+TEST_F(KnownNames, DoNotIncludeMissingOnesThatADiskMaySpellInOtherBytes) {
+  List();
+  cache_.NoteMade("/d/new", NewDirectory(), ListingCache::Clock::now());
+  ExpectKnown("/d/new/e", ENOENT);
+  ExpectAskedFor("/d/new/\xc3\xa9", ENOENT);
+}
+
+TEST_F(KnownNames, DoNotIncludeFilesWithOtherNames) {
+  files_on_disk_["a"].st_nlink = 2;
+  List();
+  ExpectAskedFor("/d/a", 0, 5);
+}
+
+TEST_F(KnownNames, ComeFromOneListingWhenManyAreAskedFor) {
+  std::vector<Shown> shown(6);
+  for (size_t i = 0; i < 5; ++i) Ask("/d/" + std::string(1, static_cast<char>('a' + i)), &shown[i]);
+  Ask("/d/missing", &shown[5]);
+  Work();
+  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(shown[i].size, 5) << i;
+  EXPECT_EQ(shown[5].error, ENOENT);
+  EXPECT_EQ(Asked(kDirRead), 1);
+  EXPECT_EQ(Asked(kGetFileAttr), 5);  // two names, the missing one, and one in both cases
+  EXPECT_EQ(files_.savings().shared, 3U);
+}
+
+TEST_F(KnownNames, AreAskedForLongerOneByOneInALargeDirectory) {
+  for (int i = 0; i < 12; ++i) Make("file" + std::to_string(i), 1);
+  constexpr int64_t kSize = 10 * ListingCache::kNamesOfLarge * ListingCache::kBytesOfName;
+  for (int i = 0; i < 11; ++i) {
+    Shown shown;
+    EXPECT_EQ(Asked(kDirRead), 0) << i;
+    Ask("/d/file" + std::to_string(i), &shown, {.directory_size = kSize});
+    Work();
+    EXPECT_EQ(shown.is_known, i == 10) << i;
+  }
+  EXPECT_EQ(Asked(kDirRead), 1);
+}
+
+TEST_F(KnownNames, AreAskedForOneByOneWhenTheListingFails) {
+  std::vector<Shown> shown(3);
+  for (size_t i = 0; i < 3; ++i) Ask("/other/" + std::to_string(i), &shown[i]);
+  session_.Stop();
+  for (const auto& each : shown) EXPECT_EQ(each.error, EIO);
+  cache_.AwaitAnswers();
+}
+
+TEST_F(KnownNames, AreAskedForAgainAfterAChangeOfThemAndNoOthers) {
+  List();
+  Make("a", 6);
+  cache_.NoteChange("/d/a", ChangeOf::kFile);
+  ExpectAskedFor("/d/a", 0, 6);
+  ExpectKnown("/d/b", 0, 5);
+}
+
+TEST_F(KnownNames, DoNotComeFromAListingThatAChangeOvertook) {
+  List();
+  cache_.List("/d", [](const auto&) {});
+  cache_.NoteChange("/d/a", ChangeOf::kName);
+  Work();
+  cache_.List("/d", [](const auto&) {});
+  cache_.NoteChange("/d/a", ChangeOf::kName);
+  Work();
+  Make("a", 6);
+  ExpectAskedFor("/d/a", 0, 6);
+  ExpectKnown("/d/b", 0, 5);
+}
+
+TEST_F(KnownNames, AreNotTakenFromAListingOfADirectoryThatHasMoved) {
+  cache_.List("/d", [](const auto&) {});
+  cache_.NoteChange("/d", ChangeOf::kName);
+  Work();
+  ExpectAskedFor("/d/a", 0, 5);
+}
+
+TEST_F(KnownNames, AreAskedForAgainWhenTheDiskHasShownSomethingElse) {
+  List();
+  auto other = files_on_disk_["a"];
+  cache_.NoteShown("/d/a", {.value = other});
+  ExpectKnown("/d/a", 0, 5);
+  other.st_mode = S_IFREG | 0600;
+  cache_.NoteShown("/d/a", {.value = other});
+  cache_.NoteShown("/d/b", {.error = ENOENT});
+  for (const char* name : {"/d/a", "/d/b"}) ExpectAskedFor(name, 0, 5);
+  ExpectKnown("/d/c", 0, 5);
+}
+
+TEST_F(KnownNames, IncludeWhatThisMountHasMade) {
+  List();
+  const auto now = ListingCache::Clock::now();
+  cache_.NoteChange("/d/new", ChangeOf::kName);
+  cache_.NoteMade("/d/new", Attributes(S_IFREG | 0644, 7), now);
+  ExpectKnown("/d/new", 0, 7);
+  ExpectAskedFor("/d", 0, 100);  // its times have changed
+}
+
+TEST_F(KnownNames, IncludeThatADirectoryJustMadeIsEmpty) {
+  List();
+  const auto now = ListingCache::Clock::now();
+  cache_.NoteChange("/d/new", ChangeOf::kName);
+  cache_.NoteMade("/d/new", NewDirectory(), now);
+  ExpectKnown("/d/new", 0, 40);
+  ExpectKnown("/d/new/x", ENOENT);
+  cache_.NoteChange("/d/new/x", ChangeOf::kName);
+  ExpectAskedFor("/d/new/x", ENOENT);
+  ExpectKnown("/d/new/y", ENOENT);
+}
+
+TEST_F(KnownNames, DoNotIncludeMissingOnesInADirectoryThatWasThereBefore) {
+  List();
+  auto there = NewDirectory();
+  ++there.st_mtim.tv_nsec;
+  cache_.NoteMade("/d/new", there, ListingCache::Clock::now());
+  ExpectKnown("/d/new", 0, 40);
+  ExpectAskedFor("/d/new/x", ENOENT);
+}
+
+TEST_F(KnownNames, AreNotWhatWasAskedForBeforeTheListingThatIsOnItsWay) {
+  List();
+  const auto before = ListingCache::Clock::now();
+  cache_.List("/d", [](const auto&) {});
+  cache_.NoteMade("/d/a", Attributes(S_IFREG | 0644, 4), before);
+  Work();
+  ExpectAskedFor("/d/a", 0, 5);
+  ExpectKnown("/d/b", 0, 5);
+}
+
+TEST_F(KnownNames, AreAskedForByThemselvesAfterADoubt) {
+  List();
+  cache_.Doubt("/d/a");
+  int requests = 0;
+  EXPECT_FALSE(Ask("/d/a", &requests).is_known);
+  EXPECT_EQ(requests, 1);
+  ExpectKnown("/d/b", 0, 5);
+}
+
+TEST_F(KnownNames, AreNotListedWhenOneNameIsAskedForAgainAndAgain) {
+  for (int i = 0; i < 5; ++i) ExpectAskedFor("/d/a", 0, 5);
+  EXPECT_EQ(Asked(kDirRead), 0);
+}
+
+TEST_F(KnownNames, AreGoneWithTheDisk) {
+  List();
+  cache_.ForgetDisk();
+  ExpectAskedFor("/d/a", 0, 5);
+}
+
+TEST_F(KnownNames, DoNotCountWhenTheDiskMustBeAsked) {
+  List();
+  const int before = Asked(kGetFileAttr);
+  Shown shown;
+  Ask("/d/a", &shown, {.must_ask = true});
+  Work();
+  EXPECT_EQ(shown.size, 5);
+  EXPECT_FALSE(shown.is_known);
+  EXPECT_EQ(Asked(kGetFileAttr), before + 1);
 }
 
 // ---- Which files come next ----

@@ -29,6 +29,33 @@ TEST_F(RoundTrips, AreCountedBelowTheTableOfRequests) {
   EXPECT_EQ(ending.Count("directories listed"), 0) << ending.out;
 }
 
+// A listing answers for a second, so a pause of a busy machine may cost a few requests more.
+TEST_F(RoundTrips, OfManyLookUpsInADirectoryAreThoseOfOneListing) {
+  constexpr int kFiles = 50;
+  const auto name = [](int i) { return "/file" + std::to_string(i); };
+  for (int i = 0; i < kFiles; ++i) WriteFile(disk.path() + name(i), "content");
+  MountedDisk mounted(disk.path());
+  for (int i = 0; i < kFiles; ++i) EXPECT_TRUE(fs::exists(mounted.path() + name(i))) << i;
+  const auto ending = mounted.Unmount();
+  EXPECT_GE(ending.Requests(107), 1) << ending.out;
+  EXPECT_LE(ending.Requests(107), 3) << ending.out;
+  // The root, two files, and a name in both cases; then two files for each further listing.
+  EXPECT_LE(ending.Requests(102), 10) << ending.out;
+  EXPECT_LE(ending.Count("waits for the disk"), 12) << ending.out;
+}
+
+TEST_F(RoundTrips, AreNotMadeForNamesInADirectoryJustMade) {
+  WriteFile(disk / "file", "");
+  MountedDisk mounted(disk.path());
+  EXPECT_NE(fs::directory_iterator(mounted.path()), fs::directory_iterator());
+  fs::create_directory(mounted / "new");
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_FALSE(fs::exists((mounted / "new/missing") + std::to_string(i))) << i;
+  }
+  const auto ending = mounted.Unmount();
+  EXPECT_LE(ending.Requests(102), 40) << ending.out;
+}
+
 TEST_F(RoundTrips, AreNotMadeForExtendedAttributesAndNoProgramComplains) {
   fs::create_directory(disk / "from");
   for (int i = 0; i < 5; ++i) WriteFile((disk / "from/file") + std::to_string(i), Bytes(5000));
