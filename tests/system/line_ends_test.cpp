@@ -138,24 +138,56 @@ TEST_F(LineEnds, ATerminatedRedirectEndsItsAttach) {
   ExpectEndsWhenAsked();
 }
 
-TEST_F(LineEnds, ARedirectThatIsTerminatedWhileItsLineIsDownEndsItsAttach) {
+/// A redirect whose line goes down and stays down when the test says so.
+class LineDown : public LineEnds {
+ protected:
   // As on another machine, the attach is not a descendant of the line's command, and outlives it.
-  const auto down = Quoted(place / "down");
-  const auto relay = place / "relay";
-  Start({"redirect", disk.path(), "--via",
-         "test -e " + down + " && exit 1; sh -c 'echo $$ >" + relay +
-             "; exec cat' | { exec 3<&0; (setsid " CPD_HOST " attach " + mount_point +
-             " <&3 &) }"});
-  WriteFile(place / "down", "");
-  kill(std::stoi(ReadFile(relay)), SIGKILL);
-  // After three attempts, the next one is seconds away.
-  const auto attempts = [&] {
+  std::vector<std::string> Redirect() const {
+    return {"redirect", disk.path(), "--via",
+            "test -e " + Quoted(place / "down") + " && exit 1; sh -c 'echo $$ >" + relay_ +
+                "; exec cat' | { exec 3<&0; (setsid " CPD_HOST " attach " + mount_point +
+                " <&3 &) }"};
+  }
+  void TakeDown() const {
+    WriteFile(place / "down", "");
+    kill(std::stoi(ReadFile(relay_)), SIGKILL);
+  }
+  /// How often a text is in what both sides have logged.
+  int Logged(const std::string& text) const {
     const auto log = ReadFile(place / "err");
     int count = 0;
-    for (size_t at = 0; (at = log.find("no line yet", at)) != std::string::npos; ++at) ++count;
+    for (size_t at = 0; (at = log.find(text, at)) != std::string::npos; ++at) ++count;
     return count;
-  };
-  ASSERT_TRUE(Eventually([&] { return attempts() >= 3; })) << ReadFile(place / "err");
+  }
+
+ private:
+  const std::string relay_ = place / "relay";
+};
+
+TEST_F(LineDown, MakesWayForTheNextSession) {
+  Start(Redirect());
+  TakeDown();
+  ASSERT_TRUE(Eventually([&] { return Logged("the line dropped") >= 2; }))
+      << ReadFile(place / "err");
+  host->Signal(SIGKILL);
+  // What is left of it cannot tell the other side, as if the machine had crashed.
+  ASSERT_TRUE(Eventually([&] { return ProcessesOf("redirect").empty(); }));
+  fs::remove(place / "down");
+  EXPECT_TRUE(IsMounted(mount_point));
+
+  auto arguments = Redirect();
+  arguments.insert(arguments.begin(), CPD_HOST);
+  host.emplace(arguments, place / "out", place / "next err");
+  EXPECT_TRUE(Eventually([&] { return Shell("cat " + file, kHang).output == "content"; }))
+      << ReadFile(place / "next err");
+  ExpectEndsWhenAsked();
+}
+
+TEST_F(LineDown, LetsARedirectThatIsTerminatedEndItsAttach) {
+  Start(Redirect());
+  TakeDown();
+  // After three attempts, the next one is seconds away.
+  ASSERT_TRUE(Eventually([&] { return Logged("no line yet") >= 3; })) << ReadFile(place / "err");
   EXPECT_TRUE(IsMounted(mount_point));
   fs::remove(place / "down");
   host->Signal(SIGTERM);
