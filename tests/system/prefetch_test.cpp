@@ -349,8 +349,8 @@ TEST_F(Prefetch, FilesThatGrowOrShrinkAfterTheyWereListedAreNeverCutShort) {
   EXPECT_GE(mounted.Unmount().Requests(123), 1);
 }
 
-// Batches of 16 and 32 files, and then ever smaller ones: about 80 files. A slow machine may use one
-// of the last batches in time, which adds a few; without shrinking they would be all 300.
+// Batches of 16 and 32 files, and then ever smaller ones: about 80 files. A slow machine may use
+// one of the last batches in time, which adds a few; without shrinking they would be all 300.
 TEST_F(Prefetch, FetchesLessAndLessForASlowReader) {
   MakeFiles();
   MountedDisk mounted(disk.path());
