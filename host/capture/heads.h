@@ -34,8 +34,7 @@ std::string_view PathOf(std::string_view packet);
 /// The result in an answer's head: 0 or more is success. Empty if the command's head has none.
 std::optional<int64_t> ResultOf(std::string_view packet);
 
-/// Up to where a packet consists of its header, its head and its paths. File data or a listing
-/// follows, if there is anything.
+/// The length of a packet up to its file data or its listing; the whole length if it has neither.
 /// @return `packet.size()` at most
 size_t LengthWithoutData(std::string_view packet, Way way);
 

@@ -89,7 +89,7 @@ constexpr size_t Padding(size_t length) { return (4 - length % 4) % 4; }
 /// @param name     of the interface; empty = none
 std::string SectionStart(std::string_view comment, std::string_view name);
 
-/// The blocks of one packet.
+/// What is recorded of one packet.
 struct RecordedBytes {
   uint64_t time = 0;  ///< nanoseconds since 1970
   Way way = Way::kToModule;
@@ -97,6 +97,7 @@ struct RecordedBytes {
   uint32_t original = 0;   ///< length of the packet
   uint64_t missing = 0;    ///< packets before it that are not in the file
 };
+/// The blocks of one packet.
 std::string PacketBlocks(const RecordedBytes& packet);
 
 }  // namespace cpd::host

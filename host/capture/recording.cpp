@@ -26,7 +26,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Packets are gathered for this long, so that the writer does not take turns with the others for
+// Packets are gathered for this long, so that the writer's thread does not have to run once for
 // each of them.
 constexpr auto kGathering = 100ms;
 constexpr size_t kPlenty = 1 << 20;  // but no longer than until this many bytes wait

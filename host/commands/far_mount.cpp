@@ -58,7 +58,7 @@ void MountOverLine(LineSource& source, FarMount far, const StopSignals& stop_sig
                        kernel.emplace(far.disk, far.mount_point,
                                       [&far] { far.starter->Unmount(); });
                        far.starter->UnmountOnDeath();
-                       // From here on, what the other side sends has a meaning.
+                       // The session starts after this, so it parses replies in the sandbox only.
                        if (far.line.sandbox) EnterSandbox({.writable = far.OwnDirectories()});
                      },
                  .on_renewal =

@@ -13,7 +13,7 @@
 namespace cpd::host {
 
 struct LineOptions {
-  std::string via;          ///< shell command that is the line; empty = ssh
+  std::string via;          ///< shell command that is the line; empty = one that begins with `rsh`
   std::string rsh = "ssh";  ///< shell words that start a command on another machine
   std::string remote_program = "cpd-host";
   std::string port;

@@ -37,8 +37,8 @@ std::string BootId() {
   return id;
 }
 
-/// Two independent 64-bit FNV-1a hashes. The ids tell honest disks apart; a side that lies about
-/// them harms nobody but its own user.
+/// Two 64-bit FNV-1a hashes with different start values. The ids tell honest disks apart; a side
+/// that lies about them harms nobody but its own user.
 Id128 Digest(std::string_view text) {
   Id128 digest;
   for (size_t half = 0; half < 2; ++half) {

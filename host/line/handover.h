@@ -1,4 +1,4 @@
-// A mount outlives its line: the process that holds it takes over the line of a newer one.
+// A mount outlives its line: the process that holds it takes over the line of a newer process.
 #pragma once
 
 #include <chrono>
@@ -35,7 +35,8 @@ struct OfferedLine {
 };
 
 /// Waits for the offers of newer processes, on behalf of the one that holds the mount. After the
-/// construction it needs accept4, getsockopt, poll, recvmsg, sendmsg, close and unlinkat only.
+/// construction it needs accept4, getsockopt, geteuid, poll, recvmsg, sendmsg, close and unlinkat
+/// only.
 class HandoverListener {
  public:
   /// @param directory  must outlive this

@@ -194,8 +194,8 @@ void FuseMount::Hide(const KernelRequest& request, fuse_ino_t node, fuse_ino_t p
 }
 
 /// Removes a file that was hidden a moment ago if no program has it open any more: the call that
-/// opened it may have been interrupted. Then its handle is closed by now, because moves wait for
-/// calls that need several requests, and no release will come that removes the file.
+/// opened it may have been interrupted, and then no release will come that removes the file. Its
+/// handle is closed by now, because a move waits for calls that need several requests.
 void FuseMount::RemoveUnlessOpen(fuse_ino_t node, const std::string& hidden_path) {
   if (!open_files_.IsOpen(node)) files_.Unlink(hidden_path, [](Outcome) {});
 }

@@ -20,8 +20,9 @@ namespace {
 
 using namespace std::string_view_literals;
 
-/// Whether the module exempts a name from the limit. It looks at the last dot of the local path.
-/// The mount point is not known here, so a dot in it does not lift the limit.
+/// Whether the module is sure to exempt a name from the limit. It looks at the last dot of the
+/// local path, which may lie in the mount point. That is not known here, so such a dot does not
+/// count.
 bool HasNoLimit(std::string_view path) {
   const size_t dot = path.rfind('.');
   return dot != std::string_view::npos && IsUnlimitedSuffix(path.substr(dot));

@@ -84,7 +84,8 @@ class Session {
   Statistics statistics() const;
   /// What the mechanisms that use this session count.
   Savings& savings() { return savings_; }
-  /// How long the driver took for the request whose Done runs, measured from the previous answer.
+  /// How long the driver took for the request whose Done runs, measured from the previous answer,
+  /// or from when the request was sent if none was outstanding.
   Clock::duration time_of_answer() const { return time_of_answer_; }
   /// How long an answer takes at least: the way to the driver and back, and its work. 0 before the
   /// first answer.

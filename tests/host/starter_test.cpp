@@ -513,7 +513,7 @@ TEST_F(StarterTest, IsAskedAgainWhenItsAnswerIsLateAndEndsWhatItStartedFirst) {
   const pid_t worker = StarterOf(getpid());
   kill(worker, SIGSTOP);
   std::thread late([&] {
-    std::this_thread::sleep_for(1200ms);  // a fifth of the limit has passed
+    std::this_thread::sleep_for(1200ms);  // past a fifth of the limit, when it is asked again
     kill(worker, SIGCONT);
   });
   const auto line = starter.Start();

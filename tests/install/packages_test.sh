@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Makes the Debian packages and looks what is in them.
+# Makes the Debian packages and looks at what is in them.
 #   packages_test.sh BUILD VERSION
 set -euo pipefail
 build=$1 version=$2

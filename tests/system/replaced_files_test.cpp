@@ -263,7 +263,7 @@ TEST_F(ReplacedWhileOpen, MakesOtherWritesFail) {
   EXPECT_EQ(ReadFile(disk / "file"), "new content\n");
 }
 
-TEST_F(ReplacedWhileOpen, LeavesAReaderWhatItOpenedThoughThatWasAppendedTo) {
+TEST_F(ReplacedWhileOpen, LeavesAReaderTheOldFileEvenIfItWasAppendedTo) {
   const int fd = Open(O_RDONLY);
   EXPECT_EQ(Shell("echo line >>" + (*mounted / "file")).output, "");
   Replace();

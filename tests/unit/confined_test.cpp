@@ -1076,7 +1076,7 @@ TEST_F(ConfinedTest, EverythingIsMissingWhileTheDiskIsUnmounted) {
     EXPECT_TRUE(memory.Unmount());
   }
   const auto before = Snapshot(disk.letter());
-  EXPECT_EQ(Read(plain.get(), kKnownFile), "known content") << "in the empty mount point";
+  EXPECT_EQ(Read(plain.get(), kKnownFile), "known content") << "in the bare mount point";
   EXPECT_EQ(Read(kKnownFile), "");
   EXPECT_EQ(Ask(AttrRequest{.path = "/"})->attr_length, 0);
   EXPECT_EQ(Ask(DirReadRequest{.path = "/"})->entry_count, 0);

@@ -330,7 +330,7 @@ TEST_F(CheckDir, WithANulInThePathIsRefusedWithoutAReply) {
   EXPECT_EQ(udisk->check_dir(16, request.Packet().get()), -1);
 }
 
-TEST_F(CheckDir, ReturnsMinusOneWithoutAChangeAndSendPacketsResultWithOne) {
+TEST_F(CheckDir, ReturnsMinusOneIfNothingChangedAndOtherwiseWhatSendPacketReturned) {
   MakeFilledDir();
   const std::vector<DirEntry> entries = Listed();
   device.SetSendResult(9);

@@ -115,7 +115,7 @@ TEST_F(MakeDir, BelowAFileRepliesWithMinusOneAndIsTraced) {
   ExpectFailureTrace("make_dir", "udisk make_dir fail");
 }
 
-TEST_F(MakeDir, LogsTheDirectoriesThatItPassesBetweenPathAndResult) {
+TEST_F(MakeDir, LogsItsPathThenTheDirectoriesOnTheWayThenItsResult) {
   Deliver(MakeDirRequest{.path = "/known.txt/a", .mode = 0755});
   const std::string local = disk.Local("/known.txt/a");
   Texts expected = {

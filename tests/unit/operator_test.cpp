@@ -395,7 +395,7 @@ TEST_F(BusEventTest, IsTracedAtMostOnceEveryFiveSeconds) {
   EXPECT_EQ(Traced(), (Messages{"Udisk read bwinfo:5000", "Udisk read bwinfo:8000"}));
 }
 
-TEST_F(BusEventTest, ThatComesFromWithinItsTraceIsNotTraced) {
+TEST_F(BusEventTest, ThatComesFromWithinTheTraceOfAnotherIsNotTraced) {
   uint32_t next = 5000;
   device.base().OnTrace([&](const Trace&) {
     if (next < 5100) Announce(++next);

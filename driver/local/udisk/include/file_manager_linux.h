@@ -46,7 +46,7 @@ struct GivenUp : std::exception {
 };
 
 /// POSIX operations on full local paths. Each opens and closes its own descriptor, so nothing
-/// stays open on a disk that may be pulled out; confined reads keep the mount point open until
+/// stays open on a disk that may be pulled out; in confined mode the mount point stays open until
 /// LetGo. Callable from any thread. Unless stated otherwise, an operation returns what the system
 /// call returned and leaves errno as that call set it; some operations log a failure. Files are
 /// opened with O_CLOEXEC | O_NONBLOCK | O_NOCTTY, so a FIFO or device never blocks a call. Opening
@@ -124,7 +124,7 @@ class FileManagerLinux {
   /// Examines a mount point, for `confine_to` to return later. Touches the disk only in confined
   /// mode.
   [[nodiscard]] DiskRoot RootAt(const std::string& path) const;
-  /// Closes the mount point that confined reads keep open, so that the disk can be unmounted.
+  /// Closes the mount point that confined mode keeps open, so that the disk can be unmounted.
   void LetGo();
 
   /// From now on a listing, the making of missing directories, and any caller of StopIfGivenUp

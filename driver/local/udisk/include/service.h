@@ -71,7 +71,8 @@ class UDiskService {
   ///             removable, receives the last name that was looked at, if any.
   /// @return 0
   static int GetDevName(char* out);
-  /// Lists the labelled partitions of the disk that `device` (such as sdb1) is on.
+  /// Lists the partitions of the disk that `device` (such as sdb1) is on, except those with neither
+  /// a label nor a UUID.
   /// @param out  unchanged when there are none; an array that it already holds is not freed
   /// @return 0; -1 when blkid could not be started or memory ran out
   static int GetDeviceLabel(const char* device, UdiskDevice* out);

@@ -83,7 +83,7 @@ class LocalPaths {
   [[nodiscard]] LocalPath NewEntry(const char* path);
   /// Length of the mount point at the front of `path`; 0 in plain mode.
   [[nodiscard]] size_t TrustedLength(const char* path) const;
-  /// Closes the mount point that Open keeps for later reads, so that the disk can be unmounted.
+  /// Closes the mount point that is kept open for later reads, so that the disk can be unmounted.
   void LetGo();
 
  private:

@@ -2,8 +2,8 @@
 // the command table below names its handler; the handler reads head and path (request.h), joins the
 // path to the mount point, makes one call of the file layer (file_manager_linux.h), writes the
 // result into the head, and sends head and path back (reply.h). The layouts of all heads are in
-// wire.h. A request that reaches past its own buffer is dropped with one Error line (a 123 whose
-// path does, without one).
+// wire.h. A request that reaches past its own buffer is dropped with one Error line (a 123 with a
+// path that reaches past its payload, without one).
 //
 // Everything here runs on that worker thread, unless operator.h says otherwise.
 
@@ -968,8 +968,8 @@ Reply ListingReply(unsigned char header_length, CpdPacket* request, PathRequest<
 
 }  // namespace
 
-// 107: head, path -> head with the listing's length and count, path, listing. A directory that
-// cannot be opened is answered like an empty one.
+// 107: head, path -> head with the listing's length and count, path, listing. The listing has no
+// bytes, thus not even "." and "..", when the directory cannot be listed.
 int64_t UDiskOperator::dir_read(unsigned char header_length, CpdPacket* request) {
   PathRequest<DirHead> in(request, CopyMountPoint());
   if (!in.ok()) return Dropped();
