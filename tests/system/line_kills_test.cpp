@@ -82,7 +82,8 @@ const std::vector<Work>& Works() {
       {"Cloning", 6,
        "git init -q && for n in $(seq 40); do head -c 9000 /dev/urandom >$n; done && git add . && "
        "git -c user.name=n -c user.email=e commit -q -m one",
-       "git -c core.fsync=all clone -q --no-local $source $work/clone$i",
+       // Git makes missing directories above a clone, but does not begin in a missing one.
+       "git -C $work -c core.fsync=all clone -q --no-local $source clone$i",
        "git -C $work/clone$i fsck --strict --no-progress && "
        "test $(git -C $work/clone$i rev-parse HEAD) = $(git -C $source rev-parse HEAD)"},
       {"Transactions", 30, "true",
