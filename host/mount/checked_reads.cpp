@@ -1,5 +1,7 @@
 #include "mount/checked_reads.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 
@@ -100,17 +102,24 @@ bool CheckedReads::Keep(const std::shared_ptr<Opening>& opening) {
   const size_t size = opening->bytes.size();
   if (static_cast<int64_t>(size) != attributes->st_size) return false;
   const std::lock_guard lock(mutex_);
-  if (content_bytes_ + size > kMostContentBytes) return true;
-  content_bytes_ += size;
-  opening->content = SharedContent(
-      new Content{
-          .bytes = std::move(opening->bytes), .attributes = *attributes, .asked = opening->asked},
-      [this, size](const Content* content) {
-        delete content;
-        content_bytes_ -= size;
-      });
+  opening->content = Share(
+      {.bytes = std::move(opening->bytes), .attributes = *attributes, .asked = opening->asked});
+  if (opening->content == nullptr) return true;
   if (!opening->is_overtaken) contents_[opening->node] = opening->content;
   return true;
+}
+
+/// @return null when there is no room
+CheckedReads::SharedContent CheckedReads::Share(Content content) {
+  const size_t size = content.bytes.size();
+  if ((content_bytes_ += size) > kMostContentBytes) {
+    content_bytes_ -= size;
+    return nullptr;
+  }
+  return {new Content(std::move(content)), [this, size](const Content* shared) {
+            delete shared;
+            content_bytes_ -= size;
+          }};
 }
 
 void CheckedReads::Finish(const std::shared_ptr<Opening>& opening, int error) {
@@ -120,6 +129,55 @@ void CheckedReads::Finish(const std::shared_ptr<Opening>& opening, int error) {
   }
   opening->opened(error, std::move(opening->content));
   CountEnd();
+}
+
+struct CheckedReads::Looking {
+  std::string path;
+  RemoteFiles::Done<Look> done;
+  Clock::time_point asked = Clock::now();  ///< the first time
+  int tries = 0;
+  Result<udisk_stat> before = {};
+  Result<FileData> data = {};
+};
+
+void CheckedReads::LookAndRead(const std::string& path, RemoteFiles::Done<Look> done) {
+  {
+    const std::lock_guard lock(mutex_);
+    ++under_way_;
+  }
+  Send(std::make_shared<Looking>(Looking{.path = path, .done = std::move(done)}));
+}
+
+/// Reads the file between two looks. If both show the same, so did the read.
+void CheckedReads::Send(const std::shared_ptr<Looking>& looking) {
+  files_.GetAttributes(looking->path, [looking](const auto& result) { looking->before = result; });
+  files_.Read(looking->path, 0, kLargestContent,
+              [looking](Result<FileData> result) { looking->data = std::move(result); });
+  files_.GetAttributes(looking->path, [this, looking](const Result<udisk_stat>& result) {
+    const auto& now = result.value;
+    const bool is_steady = result.error != 0 || (looking->before.error == 0 &&
+                                                 IsSameContent(looking->before.value, now));
+    if (!is_steady && ++looking->tries < kMostTries) return Send(looking);
+    Look look{.attributes = now, .content = nullptr};
+    const auto bytes = looking->data.value.bytes;
+    const bool is_whole =
+        looking->data.error == 0 && static_cast<int64_t>(bytes.size()) == now.st_size;
+    if (is_steady && is_whole && S_ISREG(now.st_mode)) {
+      look.content =
+          Share({.bytes = std::string(bytes), .attributes = now, .asked = looking->asked});
+    }
+    looking->done({.error = result.error, .value = std::move(look)});
+    CountEnd();
+  });
+}
+
+bool CheckedReads::Use(NodeTable::Id node, const SharedContent& content) {
+  const auto known = nodes_.CurrentAttributes(node);
+  if (!known || !IsSameContent(*known, content->attributes)) return false;
+  if (nodes_.IsChangedSince(node, content->asked)) return false;
+  const std::lock_guard lock(mutex_);
+  contents_[node] = content;
+  return true;
 }
 
 CheckedReads::SharedContent CheckedReads::Find(NodeTable::Id node) const {

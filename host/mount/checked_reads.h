@@ -76,6 +76,17 @@ class CheckedReads {
   /// report that.
   /// @param ahead  gives content that is on its way already
   void Fetch(NodeTable::Id node, const NodeTable::File& file, const Ahead& ahead, Opened opened);
+  /// What a path leads to, and the content if that is a small file that can be read.
+  struct Look {
+    udisk_stat attributes;
+    SharedContent content;  ///< null unless it is the content that goes with the attributes
+  };
+  /// Looks at a path and reads the file there, all sent at once: the client may replace the file at
+  /// any moment.
+  void LookAndRead(const std::string& path, RemoteFiles::Done<Look> done);
+  /// Lets Find give content that LookAndRead has read.
+  /// @return false when the node's file has changed since, or another one has taken its place
+  bool Use(NodeTable::Id node, const SharedContent& content);
   /// @return null when no content was fetched that matches the file as the kernel knows it
   [[nodiscard]] SharedContent Find(NodeTable::Id node) const;
   /// Forgets a file's content. Must be called before a change of the file is answered, and when its
@@ -94,6 +105,7 @@ class CheckedReads {
 
  private:
   struct Opening;
+  struct Looking;
   struct Reading;
   using Openings = std::vector<std::shared_ptr<Opening>>;
   using Readings = std::vector<std::shared_ptr<Reading>>;
@@ -108,6 +120,8 @@ class CheckedReads {
   void FetchAgain(const std::shared_ptr<Opening>& opening);
   void LookAgain(const std::shared_ptr<Opening>& opening);
   bool Keep(const std::shared_ptr<Opening>& opening);
+  SharedContent Share(Content content);
+  void Send(const std::shared_ptr<Looking>& looking);
   void Finish(const std::shared_ptr<Opening>& opening, int error);
   void Send(const std::shared_ptr<Reading>& reading);
   void Check(NodeTable::Id node, const std::string& path, Readings covered);

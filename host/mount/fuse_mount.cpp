@@ -232,22 +232,30 @@ void FuseMount::Lookup(const KernelRequest& request, fuse_ino_t parent, const ch
   const auto pass = Enter();
   const auto path = nodes_.ChildPath(parent, name);
   if (!path) return request.ReplyError(ESTALE);
+  const auto reply = [this, request, parent, name = std::string(name)](
+                         int error, const CheckedReads::Look& look, Asked asked) {
+    if (error == ENOENT && asked) {
+      // The kernel need not ask again: no node means that there is no such name.
+      fuse_entry_param missing{};
+      missing.entry_timeout = TrustedFor(asked);
+      return void(request.ReplyEntry(missing));
+    }
+    if (error != 0) return request.ReplyError(error);
+    const auto entry = EntryOf(parent, name, look.attributes, asked);
+    second_tries_.NoteLookup(request.thread(), entry.ino, look.content);
+    if (!request.ReplyEntry(entry)) TakeBack(entry.ino);
+  };
+  if (second_tries_.Wants(request.thread(), {parent, name})) {
+    return reads_.LookAndRead(
+        *path, [reply](const auto& result) { reply(result.error, result.value, std::nullopt); });
+  }
   const auto directory = nodes_.LastAttributes(parent);
   listings_.GetAttributes(*path,
                           {.must_ask = nodes_.IsOutdated(parent, name),
                            .directory_size = directory ? directory->st_size : 0},
-                          [this, request, parent, name = std::string(name)](
-                              const Result<udisk_stat>& result, Asked asked) {
-                            if (result.error == ENOENT && asked) {
-                              // The kernel need not ask again: no node means that there is no such
-                              // name.
-                              fuse_entry_param missing{};
-                              missing.entry_timeout = TrustedFor(asked);
-                              return void(request.ReplyEntry(missing));
-                            }
-                            if (result.error != 0) return request.ReplyError(result.error);
-                            const auto entry = EntryOf(parent, name, result.value, asked);
-                            if (!request.ReplyEntry(entry)) TakeBack(entry.ino);
+                          [reply](const auto& result, Asked asked) {
+                            reply(result.error, {.attributes = result.value, .content = nullptr},
+                                  asked);
                           });
 }
 
@@ -312,11 +320,16 @@ bool FuseMount::IsBeingRead(fuse_ino_t node, const udisk_stat& attributes) const
          NodeTable::Clock::now() - content->asked <= Prefetch::kTrusted;
 }
 
+/// Whether a program has seen or changed a file's content, or is about to.
+bool FuseMount::IsUsed(fuse_ino_t node) const {
+  return open_files_.IsUsed(node) || second_tries_.IsFound(node);
+}
+
 /// If no program has used a file yet, its node moves on to the file that the client put in its
 /// place. A program that has read the old file or can write to it must not reach the new one.
 bool FuseMount::Note(fuse_ino_t node, const udisk_stat& attributes, Asked asked) {
   if (IsBeingRead(node, attributes)) return true;
-  if (!open_files_.IsUsed(node)) nodes_.Renew(node, attributes, asked);
+  if (!IsUsed(node)) nodes_.Renew(node, attributes, asked);
   const bool is_same = nodes_.Update(node, attributes, asked);
   if (!is_same) DoubtName(node);
   return is_same;
@@ -340,21 +353,29 @@ fuse_entry_param FuseMount::EntryOf(fuse_ino_t parent, const std::string& name,
     const auto last = *nodes_.LastAttributes(*before);
     return ToEntry(nodes_.Lookup(parent, name, last, asked), last, asked);
   }
-  if (before && !open_files_.IsUsed(*before)) nodes_.Renew(*before, attributes, asked);
+  if (before && !IsUsed(*before)) nodes_.Renew(*before, attributes, asked);
   const auto node = nodes_.Lookup(parent, name, attributes, asked);
   return ToEntry(node, nodes_.LastAttributes(node).value_or(attributes), asked);
 }
 
-/// Programs that have the file open see its last attributes, with a link count of 0. For all
-/// others, the kernel looks the name up again.
+/// Programs that have the file open see its last attributes, with a link count of 0. So do those
+/// for which the kernel has just looked the name up again. For all others, it does that now.
 void FuseMount::ReplyLostFile(const KernelRequest& request, fuse_ino_t node) {
   const auto last = nodes_.LastAttributes(node);
-  if (!last || !(S_ISDIR(last->st_mode) || open_files_.IsOpen(node))) {
-    return request.ReplyError(ESTALE);
+  const bool is_found = second_tries_.HasFound(request.thread(), node);
+  if (!last || !(S_ISDIR(last->st_mode) || open_files_.IsOpen(node) || is_found)) {
+    return ReplyStale(request, node);
   }
   struct stat attributes = ToStat(*last);
   attributes.st_nlink = 0;
   (void)request.ReplyAttributes(attributes, kTrusted);
+}
+
+/// Makes the kernel look a file's name up again, and then repeat the call.
+void FuseMount::ReplyStale(const KernelRequest& request, fuse_ino_t node) {
+  DoubtName(node);
+  second_tries_.Expect(request.thread(), nodes_.ReplacedName(node));
+  request.ReplyError(ESTALE);
 }
 
 void FuseMount::GetStatistics(const KernelRequest& request, fuse_ino_t node) {

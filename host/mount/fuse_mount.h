@@ -24,6 +24,7 @@
 #include "mount/open_files.h"
 #include "mount/prefetch.h"
 #include "mount/rename_gate.h"
+#include "mount/second_tries.h"
 #include "mount/walk_ahead.h"
 #include "options.h"
 #include "remote/failure_reason.h"
@@ -97,6 +98,8 @@ class FuseMount {
 
   // Files, in fuse_mount_files.cpp.
   void Open(const KernelRequest& request, fuse_ino_t node, fuse_file_info* handle);
+  bool OpenAsFound(const KernelRequest& request, fuse_ino_t node, const fuse_file_info& handle,
+                   const SecondTries::Found& found);
   void ReplyOpened(const KernelRequest& request, fuse_ino_t node, fuse_file_info handle, int error);
   bool IsFresh(fuse_ino_t node, const NodeTable::File& file, bool only_reads,
                NodeTable::Clock::time_point looked_up) const;
@@ -177,6 +180,7 @@ class FuseMount {
                         const OpenDirectoryListing& directory_listing, size_t first, size_t size);
   /// Notes what the disk shows at a node's path. @return false when it is another file
   bool Note(fuse_ino_t node, const udisk_stat& attributes, Asked asked = std::nullopt);
+  [[nodiscard]] bool IsUsed(fuse_ino_t node) const;
   bool IsBeingRead(fuse_ino_t node, const udisk_stat& attributes) const;
   bool IsOutdated(fuse_ino_t directory, const std::string& name,
                   const OpenDirectoryListing& directory_listing) const;
@@ -184,6 +188,7 @@ class FuseMount {
                            Asked asked = std::nullopt);
   void DoubtName(fuse_ino_t node);
   void ReplyLostFile(const KernelRequest& request, fuse_ino_t node);
+  void ReplyStale(const KernelRequest& request, fuse_ino_t node);
   void TakeBack(fuse_ino_t node);
   void NoteUntold(fuse_ino_t node);
 
@@ -200,7 +205,8 @@ class FuseMount {
   RenameGate gate_;
   GatheredWrites writes_;
   CheckedReads reads_;
-  OpenFiles open_files_;               // after reads_, whose content its handles hold
+  OpenFiles open_files_;  // after reads_, like the next: they hold its content
+  SecondTries second_tries_;
   std::atomic<uint64_t> changes_ = 0;  // made through this mount
   std::mutex mutex_;
   std::map<uint64_t, OpenDirectoryListing> directories_;  // guarded by mutex_

@@ -38,10 +38,12 @@ bool IsSmall(const NodeTable::File& file) {
 
 void FuseMount::Open(const KernelRequest& request, fuse_ino_t node, fuse_file_info* handle) {
   auto pass = Enter();
-  const auto file = nodes_.Find(node);
-  if (!file) return request.ReplyError(ESTALE);
   const bool only_reads = (handle->flags & O_ACCMODE) == O_RDONLY;
   handle->noflush = only_reads ? 1 : 0;
+  const auto found = second_tries_.Take(request.thread(), node);
+  if (found && OpenAsFound(request, node, *handle, *found)) return;
+  const auto file = nodes_.Find(node);
+  if (!file) return ReplyStale(request, node);
   handle->keep_cache = only_reads && StoreAhead(node, *file) ? 1 : 0;
   const bool is_ahead = handle->keep_cache != 0;
   const auto looked_up = nodes_.TakeLookup(node);
@@ -63,9 +65,27 @@ void FuseMount::Open(const KernelRequest& request, fuse_ino_t node, fuse_file_in
     pass.unlock();
     prefetch_.ReadToItsEnd(file->path);
   } else {
-    const bool is_retry = looked_up != NodeTable::Clock::time_point();
-    CheckFile(request, node, *file, *handle, is_retry);
+    CheckFile(request, node, *file, *handle, found.has_value());
   }
+}
+
+/// Opens a file as the kernel's second try has found it, if that needs no further request.
+bool FuseMount::OpenAsFound(const KernelRequest& request, fuse_ino_t node,
+                            const fuse_file_info& handle, const SecondTries::Found& found) {
+  const bool only_reads = (handle.flags & O_ACCMODE) == O_RDONLY;
+  const bool has_content =
+      only_reads && found.content != nullptr && reads_.Use(node, found.content);
+  const bool moves_on = (handle.flags & O_APPEND) != 0 && nodes_.ReplacedName(node);
+  if (!has_content && !moves_on) return false;
+  auto opened = handle;
+  opened.fh = open_files_.Open(node);
+  if (has_content) {
+    open_files_.NoteUse(node);
+    open_files_.SetContent(opened.fh, found.content);
+    InvalidateAttributes(node, found.content->attributes);
+  }
+  ReplyOpened(request, node, opened, 0);
+  return true;
 }
 
 /// Whether a file can be opened without asking the disk. A small file that is opened for reading is
@@ -102,7 +122,7 @@ void FuseMount::FetchContent(const KernelRequest& request, fuse_ino_t node,
 /// Opens a file if the disk still shows it. If another file has taken its place and the node cannot
 /// move on to it, ESTALE makes the kernel look the name up again and open what it finds. A writer
 /// also needs that if the file has another size: the kernel would append at the size that it knows.
-/// @param is_retry  the kernel has just looked the name up, and would not do that again
+/// @param is_retry  the kernel has just looked the name up again, and would not do so once more
 void FuseMount::CheckFile(const KernelRequest& request, fuse_ino_t node,
                           const NodeTable::File& file, const fuse_file_info& handle,
                           bool is_retry) {
@@ -144,8 +164,11 @@ void FuseMount::ReplyOpened(const KernelRequest& request, fuse_ino_t node, fuse_
   if (error == 0 && (handle.flags & O_ACCMODE) != O_RDONLY) open_files_.NoteUse(node);
   const bool is_open = error == 0 && request.ReplyOpened(handle);
   if (!is_open) CloseHandle(handle.fh);
-  if (error == ESTALE) DoubtName(node);  // the kernel looks the name up again
-  if (error != 0) request.ReplyError(error);
+  if (error == ESTALE) {
+    ReplyStale(request, node);
+  } else if (error != 0) {
+    request.ReplyError(error);
+  }
 }
 
 OpenFiles::Closed FuseMount::CloseHandle(OpenFiles::Handle handle) {
@@ -388,7 +411,7 @@ void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, str
   if ((which & FUSE_SET_ATTR_SIZE) != 0) writes_.Drain(node);
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
-  if (!file) return request.ReplyError(ESTALE);
+  if (!file) return ReplyStale(request, node);
   const auto& path = file->path;
   const bool sets_mode = (which & FUSE_SET_ATTR_MODE) != 0;
   const bool sets_owner = (which & kOwner) != 0;

@@ -19,6 +19,7 @@ constexpr std::chrono::milliseconds kInterval{100};
 struct KernelRequest::State : std::enable_shared_from_this<State> {
   State(fuse_req_t its_request, Interruptions& its_interruptions, size_t data_size)
       : request(its_request),
+        thread(fuse_req_ctx(its_request)->pid),
         interruptions(its_interruptions),
         held(Interruptions::kHeldByEach + data_size) {}
   ~State() {
@@ -28,6 +29,7 @@ struct KernelRequest::State : std::enable_shared_from_this<State> {
   State& operator=(const State&) = delete;
 
   const fuse_req_t request;  // gone once it is answered
+  const pid_t thread;
   Interruptions& interruptions;
   const size_t held;  // bytes
   std::atomic<bool> is_answered = false;
@@ -38,6 +40,8 @@ KernelRequest::KernelRequest(fuse_req_t request, Interruptions& interruptions, s
     : state_(std::make_shared<State>(request, interruptions, data_size)) {
   fuse_req_interrupt_func(request, OnInterrupt, state_.get());
 }
+
+pid_t KernelRequest::thread() const { return state_->thread; }
 
 /// Called with libfuse's lock of the request held, so it must not answer. The state is still there:
 /// the first answer waits until this is not running.

@@ -4,6 +4,7 @@
 #include <fuse_lowlevel.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/types.h>
 
 #include <climits>
 #include <condition_variable>
@@ -32,6 +33,9 @@ class KernelRequest {
   /// @param interruptions  must outlive the request and its copies
   /// @param data_size  how much data the request brings, in bytes
   KernelRequest(fuse_req_t request, Interruptions& interruptions, size_t data_size);
+
+  /// The thread whose call this is; 0 for a process in another pid namespace.
+  [[nodiscard]] pid_t thread() const;
 
   /// @param error  an errno; 0 = success
   void ReplyError(int error) const { (void)TryError(error); }

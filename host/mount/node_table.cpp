@@ -21,7 +21,8 @@ bool NodeTable::IsSameFile(const Node& node, const udisk_stat& now) {
   if (S_ISDIR(now.st_mode)) return true;
   const bool is_unwritten = IsSameTime(before.st_mtim, now.st_mtim);
   if (InodeOf(before) == InodeOf(now)) {
-    return is_unwritten || node.is_changed_here || IsSameTime(now.st_mtim, now.st_ctim);
+    return is_unwritten || node.changed != Clock::time_point() ||
+           IsSameTime(now.st_mtim, now.st_ctim);
   }
   return is_unwritten && before.st_size == now.st_size && IsSameTime(before.st_ctim, now.st_ctim);
 }
@@ -150,7 +151,7 @@ void NodeTable::Renew(Id id, const udisk_stat& attributes, std::optional<Clock::
   if (!S_ISREG(attributes.st_mode) || !S_ISREG(node.attributes.st_mode)) return;
   if (attributes.st_nlink > 1 && files_.contains(InodeOf(attributes))) return;
   if (IsNewer(node, asked) || IsSameFile(node, attributes)) return;
-  node.is_changed_here = false;
+  node.changed = {};
   node.renewed = Clock::now();
   SetAttributesLocked(id, attributes, node.renewed);
 }
@@ -172,8 +173,14 @@ void NodeTable::NoteChange(Id id) {
   const std::lock_guard lock(mutex_);
   const auto node = nodes_.find(id);
   if (node == nodes_.end()) return;
-  node->second.is_changed_here = true;
   node->second.is_outdated = true;
+  node->second.changed = Clock::now();
+}
+
+bool NodeTable::IsChangedSince(Id id, Clock::time_point time) const {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  return node != nodes_.end() && node->second.changed >= time;
 }
 
 void NodeTable::Grow(Id id, int64_t size) {
@@ -181,8 +188,8 @@ void NodeTable::Grow(Id id, int64_t size) {
   const auto node = nodes_.find(id);
   if (node == nodes_.end()) return;
   auto& attributes = node->second.attributes;
-  node->second.is_changed_here = true;
   node->second.is_outdated = true;
+  node->second.changed = Clock::now();
   if (attributes.st_size < size) attributes.st_size = size;
   auto& kernel_size = node->second.kernel_size;
   if (kernel_size >= 0) kernel_size = std::max(kernel_size, size);

@@ -64,6 +64,8 @@ class NodeTable {
   /// Notes that this mount changes a file's content: from then on, its times do not show whether
   /// another file has taken its place.
   void NoteChange(Id id);
+  /// Whether this mount has changed a file's content since then.
+  [[nodiscard]] bool IsChangedSince(Id id, Clock::time_point time) const;
   /// Raises a file's size to this one if it is smaller, because the kernel has written that far.
   void Grow(Id id, int64_t size);
   /// Notes that the kernel gets the stored attributes.
@@ -132,8 +134,8 @@ class NodeTable {
     Clock::time_point told = {};
     Clock::time_point looked_up = {};  // for the next call of TakeLookup
     Clock::time_point renewed = {};
-    bool is_changed_here = false;  // through this mount
-    bool is_outdated = false;      // the disk has not shown the file since this mount changed it
+    Clock::time_point changed = {};  // through this mount, since the node has moved on
+    bool is_outdated = false;        // the disk has not shown the file since this mount changed it
     bool is_hidden = false;
   };
 

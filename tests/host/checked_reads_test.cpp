@@ -360,5 +360,88 @@ TEST_F(FetchedFiles, AreAwaited) {
   waiting.wait();
 }
 
+// ---- Small files, together with a look-up ----
+
+class FilesLookedUp : public FetchedFiles {
+ protected:
+  void LookAndRead() {
+    reads.LookAndRead("/file", [this](const auto& result) { look = result; });
+  }
+
+  std::optional<Result<CheckedReads::Look>> look;
+};
+
+TEST_F(FilesLookedUp, ComeWithTheirContent) {
+  LookAndRead();
+  EXPECT_EQ(disk.waiting(), (Commands{kGetFileAttr, kFileRead, kGetFileAttr}));
+  disk.AnswerAll();
+  ASSERT_TRUE(look);
+  EXPECT_EQ(look->error, 0);
+  ASSERT_NE(look->value.content, nullptr);
+  EXPECT_EQ(look->value.content->bytes, "content");
+  EXPECT_TRUE(reads.Use(node, look->value.content));
+  EXPECT_EQ(reads.Find(node), look->value.content);
+}
+
+TEST_F(FilesLookedUp, AreLookedAtAgainIfTheyWereReplacedMeanwhile) {
+  for (const int before : {1, 2}) {
+    LookAndRead();
+    for (int i = 0; i < before; ++i) disk.AnswerNext();
+    Put(10 + before, "another");
+    disk.AnswerAll();
+    ASSERT_TRUE(look && look->value.content != nullptr);
+    EXPECT_EQ(uint64_t{look->value.attributes.st_ino}, uint64_t{disk.attributes.st_ino});
+    EXPECT_EQ(look->value.content->bytes, "another");
+  }
+}
+
+TEST_F(FilesLookedUp, HaveNoContentIfTheyAreLargeOrNotRegularOrReplacedAtEveryLook) {
+  Put(1, std::string(CheckedReads::kLargestContent + 1, 'a'));
+  LookAndRead();
+  disk.AnswerAll();
+  EXPECT_TRUE(look && look->error == 0 && look->value.content == nullptr);
+
+  Put(1, "content");
+  disk.attributes.st_mode = S_IFIFO | 0644;
+  LookAndRead();
+  disk.AnswerAll();
+  EXPECT_TRUE(look && look->error == 0 && look->value.content == nullptr);
+
+  look.reset();
+  LookAndRead();
+  uint64_t inode = 1;
+  for (; !disk.waiting().empty() && inode < 1000; ++inode) {
+    Put(inode, "content");
+    disk.AnswerNext();
+  }
+  EXPECT_TRUE(look && look->error == 0 && look->value.content == nullptr);
+  EXPECT_LT(inode, 1000U);
+}
+
+TEST_F(FilesLookedUp, AreNotUsedOnceTheNodeHasChanged) {
+  LookAndRead();
+  disk.AnswerAll();
+  const auto content = look->value.content;
+  nodes.NoteChange(node);
+  EXPECT_FALSE(reads.Use(node, content));
+  nodes.Update(node, disk.attributes);  // still looks the same: a change within a clock tick
+  EXPECT_FALSE(reads.Use(node, content));
+  LookAndRead();
+  disk.AnswerAll();
+  EXPECT_TRUE(reads.Use(node, look->value.content));
+  Put(1, "longer content");
+  disk.attributes.st_ctim = disk.attributes.st_mtim;
+  nodes.Update(node, disk.attributes);
+  EXPECT_FALSE(reads.Use(node, look->value.content));
+}
+
+TEST_F(FilesLookedUp, AreAwaited) {
+  LookAndRead();
+  auto waiting = std::async(std::launch::async, [this] { reads.AwaitAnswers(); });
+  EXPECT_EQ(waiting.wait_for(20ms), std::future_status::timeout);
+  disk.AnswerAll();
+  waiting.wait();
+}
+
 }  // namespace
 }  // namespace cpd::host

@@ -165,6 +165,20 @@ TEST_F(Nodes, LetEachLookupBeTakenOnce) {
   EXPECT_NE(nodes.TakeLookup(node), never);
 }
 
+TEST_F(Nodes, KnowWhetherThisMountHasChangedThemSinceSomeTime) {
+  const auto before = NodeTable::Clock::now();
+  const auto node = nodes.Lookup(kRoot, "a", File(1));
+  const auto other = nodes.Lookup(kRoot, "b", File(2));
+  EXPECT_FALSE(nodes.IsChangedSince(node, before));
+  nodes.NoteChange(node);
+  nodes.Grow(other, 700);
+  EXPECT_TRUE(nodes.IsChangedSince(node, before));
+  EXPECT_TRUE(nodes.IsChangedSince(other, before));
+  const auto after = NodeTable::Clock::now() + std::chrono::nanoseconds(1);
+  EXPECT_FALSE(nodes.IsChangedSince(node, after));
+  EXPECT_FALSE(nodes.IsChangedSince(other, after));
+}
+
 TEST_F(Nodes, StayTheSameWhenTheDiskOnlyRenumbersThem) {
   const auto node = nodes.Lookup(kRoot, "a", File(1, 1, 500));
   auto renumbered = File(1, 1, 500);
