@@ -75,7 +75,7 @@ void Attach(const AttachOptions& options) {
     throw ToldError(error.what());
   }
   Starter starter("", mount_point);
-  const HandoverListener listener(directory, options.mount_point);
+  HandoverListener listener(directory, options.mount_point);
   OfferedLines source(std::move(line), hello, listener);
   MountOverLine(source,
                 {.disk = disk,

@@ -120,6 +120,11 @@ std::optional<OfferedLine> HandoverListener::Accept() const {
                      .connection = std::move(connection)};
 }
 
+void HandoverListener::MakeWayFor(OfferedLine offer) {
+  offer.Answer(Verdict::kTakeOver);
+  takers_.push_back(std::move(offer.connection));
+}
+
 void OfferedLine::Answer(Verdict verdict) const {
   const auto byte = static_cast<char>(verdict);
   SendPassed(connection.get(), {&byte, 1});

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "line/runtime_directory.h"
 
@@ -54,8 +55,12 @@ class HandoverListener {
   /// @return nothing when there is none, or it is not from a process of this user, or makes no
   /// sense
   [[nodiscard]] std::optional<OfferedLine> Accept() const;
+  /// Answers kTakeOver. The newer process waits until this object is gone, and can then listen for
+  /// the mount point itself. Not for several threads at once.
+  void MakeWayFor(OfferedLine offer);
 
  private:
+  std::vector<Descriptor> takers_;  // first, and thus closed last: after the lock is let go of
   const RuntimeDirectory& directory_;
   std::string name_;
   LockFile lock_;

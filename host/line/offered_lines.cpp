@@ -27,7 +27,7 @@ std::optional<Hello> Parse(std::string_view bytes) {
 
 }  // namespace
 
-OfferedLines::OfferedLines(Line first, const Hello& hello, const HandoverListener& listener)
+OfferedLines::OfferedLines(Line first, const Hello& hello, HandoverListener& listener)
     : session_(hello.session),
       listener_(listener),
       stop_(eventfd(0, EFD_CLOEXEC)),
@@ -86,8 +86,7 @@ void OfferedLines::Handle(OfferedLine offer) {
     }
     // A mount whose line is down makes way for another session.
     if (is_used || hello->is_ended != 0) return offer.Answer(Verdict::kRefused);
-    offer.Answer(Verdict::kTakeOver);
-    takers_.push_back(std::move(offer.connection));  // closed when this process has gone
+    listener_.MakeWayFor(std::move(offer));
     return on_leave_();
   }
   offer.Answer(Verdict::kAdopted);

@@ -7,7 +7,6 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "line/handover.h"
 #include "line/line_source.h"
@@ -22,7 +21,7 @@ class OfferedLines : public LineSource {
   /// @param first    the first line, with the hello that was read from it
   /// @param hello    that hello
   /// @param listener must outlive this
-  OfferedLines(Line first, const Hello& hello, const HandoverListener& listener);
+  OfferedLines(Line first, const Hello& hello, HandoverListener& listener);
   ~OfferedLines() override { Stop(); }
 
   /// Begins to take offers. Both functions are called on a thread of this object.
@@ -46,7 +45,7 @@ class OfferedLines : public LineSource {
   void Handle(OfferedLine offer);
 
   const Id128 session_;
-  const HandoverListener& listener_;
+  HandoverListener& listener_;
   Descriptor stop_;
   std::function<void()> on_newer_;
   std::function<void()> on_leave_;
@@ -55,7 +54,6 @@ class OfferedLines : public LineSource {
   std::optional<Offered> next_;     // guarded by mutex_, like all that follows
   std::optional<Descriptor> used_;  // of the line that Next gave and Finish has not taken back
   bool is_stopped_ = false;
-  std::vector<Descriptor> takers_;  // used by thread_
   std::thread thread_;
 };
 

@@ -82,6 +82,21 @@ class HandoverTest : public testing::Test {
   Pipe output;
 };
 
+TEST_F(HandoverTest, LetsANewerProcessListenAsSoonAsItsWaitEnds) {
+  for (int i = 0; i < 300; ++i) {
+    std::optional<HandoverListener> listener(std::in_place, directory, mount_point);
+    auto newer = std::async(std::launch::async, [this, offer = Offer()]() mutable {
+      const auto handover = offer.get();
+      EXPECT_EQ(handover->verdict, Verdict::kTakeOver);
+      handover->Wait();
+      const HandoverListener next(directory, mount_point);
+    });
+    listener->MakeWayFor(Accept(*listener));
+    listener.reset();
+    ASSERT_NO_THROW(newer.get()) << i;
+  }
+}
+
 TEST_F(HandoverTest, FindsNobodyWhenNobodyHoldsTheMount) {
   EXPECT_FALSE(Offer().get());
   EXPECT_EQ(Files(), 0);
