@@ -188,6 +188,8 @@ CheckedReads::SharedContent CheckedReads::Find(NodeTable::Id node) const {
     if (found == contents_.end()) return nullptr;
     content = found->second;
   }
+  // A write that was under way when the content was fetched may be done by now.
+  if (nodes_.IsChangedSince(node, content->asked)) return nullptr;
   const auto known = nodes_.LastAttributes(node);
   return known && IsSameContent(*known, content->attributes) ? content : nullptr;
 }

@@ -334,6 +334,14 @@ TEST_F(FetchedFiles, AreReadAgainUntilContentAndAttributesAgree) {
   EXPECT_EQ(answers[0].bytes, "content that is longer");
 }
 
+TEST_F(FetchedFiles, AreNotGivenOnceAWriteThatWasUnderWayIsDone) {
+  Fetch();
+  disk.AnswerAll();
+  ASSERT_NE(reads.Find(node), nullptr);
+  nodes.Grow(node, 1);  // within the file, whose size does not show the write
+  EXPECT_EQ(reads.Find(node), nullptr);
+}
+
 TEST_F(FetchedFiles, ThatWereReplacedFail) {
   Fetch();
   Put(2, "another");
