@@ -18,7 +18,8 @@ namespace {
 constexpr size_t kNameFootprint = 512;  // of a Name in a map, generously
 
 size_t Footprint(const Listing& listing) {
-  return listing.bytes.size() +
+  // The reply may have more bytes than its listing.
+  return listing.reply->buffer->capacity +
          listing.entries.capacity() * (sizeof(Listing::Entry) + sizeof(uint32_t));
 }
 
@@ -45,7 +46,8 @@ bool IsSame(const udisk_stat& a, const udisk_stat& b) {
          a.st_uid == b.st_uid && a.st_gid == b.st_gid && a.st_nlink == b.st_nlink;
 }
 
-/// Whether a directory is as it was made. One that was there before counts as made, too.
+/// Whether a directory is as it was made. It may be an older one: the module reports success when
+/// it is to make a directory that exists.
 bool IsNewDirectory(const udisk_stat& attributes) {
   return S_ISDIR(attributes.st_mode) && IsSameTime(attributes.st_atim, attributes.st_mtim);
 }
@@ -472,8 +474,8 @@ void ListingCache::ProbeCase(const std::string& directory, std::string_view name
   files_.GetAttributes(
       JoinPath(directory, name), [this, device, other, known](const Result<udisk_stat>& itself) {
         const bool is_there = itself.error == 0 && IsSameInode(itself.value, known);
-        const bool is_apart =
-            other->error == ENOENT || (other->error == 0 && !IsSameInode(other->value, known));
+        // Another inode proves nothing: some disks number paths, not files.
+        const bool is_apart = other->error == ENOENT;
         const std::lock_guard lock(mutex_);
         if (!is_there) {
           tells_case_apart_.erase(device);  // another name will show it

@@ -503,7 +503,9 @@ class KnownNames : public ReadAhead {
       if (command == kDirRead) {
         std::string entries = Entry(".", directory_);
         for (const auto& [name, attributes] : files_on_disk_) entries += Entry(name, attributes);
-        return ListingReply(static_cast<uint16_t>(files_on_disk_.size() + 1), entries + '\0', "/d");
+        return ListingReply(static_cast<uint16_t>(files_on_disk_.size() + 1), entries + '\0',
+                            "/d") +
+               std::string(surplus_, 's');
       }
       if (command == kCheckDir) return std::nullopt;  // it is unchanged
       FileAttrHead head{};
@@ -511,7 +513,10 @@ class KnownNames : public ReadAhead {
       const auto path = payload.substr(sizeof head, head.path_length);
       const auto* const found = Find(path);
       head.attr_length = found == nullptr ? 0 : sizeof *found;
-      return Raw(head) + path + (found == nullptr ? "" : Raw(*found));
+      if (found == nullptr) return Raw(head) + path;
+      auto attributes = *found;
+      if (numbers_paths_ && !files_on_disk_.contains(path.substr(3))) attributes.st_ino += 1000;
+      return Raw(head) + path + Raw(attributes);
     });
   }
   void Make(const std::string& name, int64_t size) {
@@ -561,6 +566,8 @@ class KnownNames : public ReadAhead {
   udisk_stat directory_ = Attributes(S_IFDIR | 0755, 100);
   std::map<std::string, udisk_stat> files_on_disk_;
   bool ignores_case_ = false;
+  bool numbers_paths_ = false;  // each spelling has an inode of its own
+  size_t surplus_ = 0;          // bytes after a listing, in its reply
   // A busy machine must not make names unknown.
   ListingCache cache_{files_, true, 1h};
 
@@ -610,6 +617,19 @@ TEST_F(KnownNames, DoNotIncludeMissingOnesOnADiskThatIgnoresCase) {
   ExpectAskedFor("/d/new/x", ENOENT);
 }
 
+TEST_F(KnownNames, DoNotIncludeMissingOnesOnADiskThatIgnoresCaseAndNumbersPaths) {
+  ignores_case_ = numbers_paths_ = true;
+  List();
+  cache_.NoteMade("/d/new", NewDirectory(), ListingCache::Clock::now());
+  ExpectAskedFor("/d/new/x", ENOENT);
+}
+
+TEST_F(KnownNames, DoNotComeFromAReplyThatIsTooLongToKeep) {
+  surplus_ = 33 << 20;
+  List();
+  ExpectAskedFor("/d/a", 0, 5);
+}
+
 TEST_F(KnownNames, OnADiskThatIgnoresCaseAreAllForgottenAfterAChangeOfOne) {
   ignores_case_ = true;
   List();
@@ -624,7 +644,7 @@ TEST_F(KnownNames, DoNotIncludeMissingOnesThatADiskMaySpellInOtherBytes) {
   ExpectAskedFor("/d/new/\xc3\xa9", ENOENT);
 }
 
-TEST_F(KnownNames, DoNotIncludeFilesWithOtherNames) {
+TEST_F(KnownNames, DoNotIncludeFilesWithSeveralNames) {
   files_on_disk_["a"].st_nlink = 2;
   List();
   ExpectAskedFor("/d/a", 0, 5);
@@ -642,7 +662,7 @@ TEST_F(KnownNames, ComeFromOneListingWhenManyAreAskedFor) {
   EXPECT_EQ(files_.savings().shared, 3U);
 }
 
-TEST_F(KnownNames, AreAskedForLongerOneByOneInALargeDirectory) {
+TEST_F(KnownNames, AreAskedForOneByOneForLongerInALargeDirectory) {
   for (int i = 0; i < 12; ++i) Make("file" + std::to_string(i), 1);
   constexpr int64_t kSize = 10 * ListingCache::kNamesOfLarge * ListingCache::kBytesOfName;
   for (int i = 0; i < 11; ++i) {
@@ -733,7 +753,7 @@ TEST_F(KnownNames, DoNotIncludeMissingOnesInADirectoryThatWasThereBefore) {
   ExpectAskedFor("/d/new/x", ENOENT);
 }
 
-TEST_F(KnownNames, AreNotWhatWasAskedForBeforeTheListingThatIsOnItsWay) {
+TEST_F(KnownNames, DoNotComeFromAttributesAskedForBeforeAListingUnderWay) {
   List();
   const auto before = ListingCache::Clock::now();
   cache_.List("/d", [](const auto&) {});
