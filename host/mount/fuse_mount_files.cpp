@@ -75,7 +75,7 @@ bool FuseMount::OpenAsFound(const KernelRequest& request, fuse_ino_t node,
   const bool only_reads = (handle.flags & O_ACCMODE) == O_RDONLY;
   const bool has_content =
       only_reads && found.content != nullptr && reads_.Use(node, found.content);
-  const bool moves_on = (handle.flags & O_APPEND) != 0 && nodes_.ReplacedName(node);
+  const bool moves_on = !only_reads && (handle.flags & O_APPEND) != 0 && nodes_.ReplacedName(node);
   if (!has_content && !moves_on) return false;
   auto opened = handle;
   opened.fh = open_files_.Open(node);

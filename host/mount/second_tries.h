@@ -19,8 +19,9 @@ namespace cpd::host {
 /// client has replaced the file again by then, the program would see ESTALE. So whatever the second
 /// try looks up serves that call, as an open file of a local disk would.
 ///
-/// A thread makes one call at a time, so the thread identifies the call. All operations are
-/// callable from any thread.
+/// A thread makes one call at a time, so the thread identifies the call. Threads of another pid
+/// namespace all have the number 0, and get no such help. All operations are callable from any
+/// thread.
 class SecondTries {
  public:
   using Clock = std::chrono::steady_clock;
@@ -36,6 +37,7 @@ class SecondTries {
   /// Notes that a call of a thread is about to end with ESTALE.
   /// @param wanted  the name whose file the second try is to read along with the look-up, if any
   void Expect(pid_t thread, std::optional<Name> wanted) {
+    if (thread == 0) return;
     const std::lock_guard lock(mutex_);
     const auto now = Clock::now();
     std::erase_if(expected_, [now](const auto& one) { return now - one.second.since > kLongest; });
@@ -78,7 +80,7 @@ class SecondTries {
 
  private:
   static constexpr std::chrono::seconds kLongest{5};
-  // For as long the kernel relies on what a look-up has shown.
+  // For as long as the kernel relies on what a look-up has shown.
   static constexpr std::chrono::seconds kTrusted{1};
 
   struct Expected {

@@ -48,6 +48,13 @@ TEST_F(SecondTriesTest, AreNotForOtherThreadsOrNodes) {
   EXPECT_TRUE(tries.Take(kThread, kNode));
 }
 
+TEST_F(SecondTriesTest, AreNotForThreadsThatCannotBeToldApart) {
+  tries.Expect(0, name);
+  tries.NoteLookup(0, kNode, nullptr);
+  EXPECT_FALSE(tries.Wants(0, name));
+  EXPECT_FALSE(tries.Take(0, kNode));
+}
+
 TEST_F(SecondTriesTest, WantTheContentOfOneNameAtMost) {
   tries.Expect(kThread, name);
   EXPECT_TRUE(tries.Wants(kThread, name));
