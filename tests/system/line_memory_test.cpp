@@ -232,7 +232,7 @@ std::vector<Attack> Attacks() {
       {"ListingsAmongReads",
        make_names(44'000),
        {read, list, read, read, list, list, write, write},
-       30 << 20},
+       26 << 20},
   };
 }
 
