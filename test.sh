@@ -145,7 +145,8 @@ for preset in "${presets[@]}"; do
     asan) run_tests "$preset" -LE 'line-release|pacing' ;;
     # The slow tests of a mount copy whole trees. They show no races that the other tests miss.
     tsan) run_tests "$preset" -LE 'system-slow|line-release|pacing' ;;
-    # The tests left out do with more data, or over a line, what others do as well.
+    # The slow tests and those over a line do with more data, or over a line, what others do as
+    # well. Those of pacing measure times, and those of what is installed look at built files.
     coverage)
       rm -rf build/coverage/counters
       run_tests "$preset" -LE 'slow|line-release|pacing|install'

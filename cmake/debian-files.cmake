@@ -1,5 +1,5 @@
-# CPack runs this before it makes the packages: adds what only a Debian package has to the files
-# that were installed for it.
+# CPack runs this before it makes the packages. To the files that were installed for a package, it
+# adds what only a Debian package has.
 find_program(GZIP gzip REQUIRED)
 find_program(STRIP strip REQUIRED)
 

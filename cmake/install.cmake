@@ -41,7 +41,7 @@ install(FILES docs/cpd-host.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT
 install(FILES contrib/cpd-host.bash
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions RENAME cpd-host
   COMPONENT host)
-# Not in Wireshark's own folder, since one that is named on its command line cannot be there, too.
+# Not in Wireshark's own folder: a script that is named on its command line cannot be there, too.
 install(FILES tools/cpd.lua DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/cpd-host COMPONENT host)
 
 install(FILES contrib/cpd-host-usb@.service DESTINATION lib/systemd/system COMPONENT host)

@@ -13,7 +13,8 @@ namespace {
 constinit std::atomic<uint64_t> g_calls = 0;
 }  // namespace
 
-// clang takes the addresses of these functions, but the library only has them inlined.
+// Counting calls makes clang take the addresses of this class's functions. The library has them
+// only inlined, so they are instantiated here.
 template class std::allocator<char>;
 
 // Called where a function begins, by code that is compiled with -finstrument-functions.

@@ -55,7 +55,8 @@ class Intake {
   uint64_t since_probe_ = 0;      // guarded by mutex_; charge
 };
 
-/// Holds the window of requests at most, kMostUnwritten of replies, and one that is being made.
+/// Holds at most the window of requests, kMostUnwritten of replies, and one more reply, which is
+/// being made.
 ///
 /// The disk is opened anew for each line, so that no request of an earlier line is still being
 /// carried out.

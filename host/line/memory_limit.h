@@ -15,9 +15,9 @@ class MemoryLimit {
   /// @throws std::system_error when the process cannot find out how much it has allocated
   MemoryLimit();
 
-  /// From now on the process can allocate that much more, in bytes. Only the first call counts, so
-  /// that what is freed late does not raise the limit. Builds with a sanitizer have no limit. Not
-  /// for several threads at once.
+  /// From now on the process can allocate that much more, in bytes. Only the first call counts: at
+  /// a later one, memory that is not freed yet would raise the limit. Builds with a sanitizer have
+  /// no limit. Not for several threads at once.
   /// @throws std::system_error when the limit cannot be set
   void Set(uint64_t more);
 

@@ -7,8 +7,9 @@
 namespace cpd::host {
 
 /// While it lives, no signal arrives on this thread, nor ever on a thread that is started
-/// meanwhile. A line is set up while the stop signals may end the process at once; later they must
-/// reach the thread that waits for them, and no other.
+/// meanwhile. While a line is set up, the stop signals are let through, to end the process at once.
+/// A thread that is started then must not inherit that: later, only the thread that waits for these
+/// signals may get them.
 class SignalsBlocked {
  public:
   SignalsBlocked() {

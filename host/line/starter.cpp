@@ -283,7 +283,8 @@ class StarterProcess {
         }
         break;
       case Task::kUnmountNow:
-        // A request comes twice if its answer is late. Below the mount there may be another one.
+        // A request comes twice if its answer is late. Unmounting twice would also take down a
+        // mount that lies below this one.
         if (duties_.unmounted != request.id) Unmount();
         duties_.unmounted = request.id;
         duties_.unmounts = false;

@@ -359,7 +359,8 @@ fuse_entry_param FuseMount::EntryOf(fuse_ino_t parent, const std::string& name,
 }
 
 /// Programs that have the file open see its last attributes, with a link count of 0. So do those
-/// for which the kernel has just looked the name up again. For all others, it does that now.
+/// for which the kernel has just looked the name up again. For all others, the reply makes the
+/// kernel look it up now.
 void FuseMount::ReplyLostFile(const KernelRequest& request, fuse_ino_t node) {
   const auto last = nodes_.LastAttributes(node);
   const bool is_found = second_tries_.HasFound(request.thread(), node);

@@ -71,8 +71,8 @@ class ListingCache {
   void AwaitAnswers();
 
   /// Makes unknown what a change of `path` concerns. To be called before the change is sent, and
-  /// after the module has made it, before a program hears of it. If a program hears of it before
-  /// the module has made it, then before that, too, with a pass of the gate.
+  /// after the module has made it, before a program hears of it. A change that a program is told of
+  /// earlier needs one more call, before the program is told, with a pass of the gate.
   void NoteChange(const std::string& path, RemoteFiles::ChangeOf what);
   /// Notes what the disk showed at a path.
   void NoteShown(const std::string& path, const Result<udisk_stat>& result);

@@ -36,13 +36,13 @@ class NodeTable {
 
   /// Finds or makes the node of a name, and counts one reference of the kernel. If the attributes
   /// show that the name now belongs to another file, it gets another node. Ids are never reused.
-  /// @param asked  when the disk was asked, if that was before this look-up; if more is known of
-  /// the
-  ///               name's file since then, that stays
+  /// @param asked  when the disk was asked, if that was before this look-up; what has become known
+  ///               of the name's file since then takes precedence
   Id Lookup(Id parent, const std::string& name, const udisk_stat& attributes,
             std::optional<Clock::time_point> asked = std::nullopt);
-  /// When the disk was last asked for a look-up of a node; the epoch if that was before the last
-  /// call. An open call looks its file up first, unless the kernel remembers the name.
+  /// When the disk answered the last look-up of a node; the epoch if that was answered from what
+  /// was known before, or was taken already. An open call looks its file up first, unless the
+  /// kernel remembers the name.
   Clock::time_point TakeLookup(Id id);
   /// Drops references that the kernel gives back.
   void Forget(Id id, uint64_t references);
@@ -79,8 +79,8 @@ class NodeTable {
   /// The attributes that the disk showed last, with what Grow and SetMode have changed since. Also
   /// for a file that has lost its name.
   [[nodiscard]] std::optional<udisk_stat> LastAttributes(Id id) const;
-  /// The same, if the disk has shown them since this mount changed the file's content, or the names
-  /// in the directory.
+  /// The same, if the disk has shown them since this mount changed the file's content, or since the
+  /// directory lost a name.
   [[nodiscard]] std::optional<udisk_stat> CurrentAttributes(Id id) const;
   /// The same for a name's file.
   [[nodiscard]] std::optional<udisk_stat> CurrentAttributes(Id parent,

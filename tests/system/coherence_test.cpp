@@ -50,7 +50,7 @@ State Look(const std::string& path) {
   return {.exists = true, .size = attributes.st_size, .mode = attributes.st_mode & 0777};
 }
 
-/// The states that a name has had, with the times at which they began at the latest.
+/// The states that a name has had, with the times at which they ended at the latest.
 class History {
  public:
   void Add(const State& state, bool is_through_mount) {

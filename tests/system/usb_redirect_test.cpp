@@ -40,7 +40,7 @@ class UsbRedirect : public testing::Test {
     if (access("/media", W_OK) != 0) GTEST_SKIP() << "/media cannot be written";
     for (const char* name : {"bin", "disks", "far"}) fs::create_directory(place / name);
     AddProgram("blkid", "exec cat " + (place / "blkid"));
-    // A disk is the directory of its device's name.
+    // In place of a disk, the directory named after its device is mounted.
     AddProgram("mount", "exec /bin/mount --bind " + (place / "disks") + "/${1#/dev/} \"$2\"");
     MakeRsh("exec env -u LD_PRELOAD sh -c \"$last\"");
     WriteFile(place / "blkid", "");
