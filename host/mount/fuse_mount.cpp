@@ -242,6 +242,8 @@ void FuseMount::Lookup(const KernelRequest& request, fuse_ino_t parent, const ch
     }
     if (error != 0) return request.ReplyError(error);
     const auto entry = EntryOf(parent, name, look.attributes, asked);
+    // From now on the content is there for every program, and keeps its attributes.
+    if (look.content != nullptr) (void)reads_.Use(entry.ino, look.content);
     second_tries_.NoteLookup(request.thread(), entry.ino, look.content);
     if (!request.ReplyEntry(entry)) TakeBack(entry.ino);
   };
@@ -262,17 +264,22 @@ void FuseMount::Lookup(const KernelRequest& request, fuse_ino_t parent, const ch
 void FuseMount::Forget(fuse_req_t request, fuse_ino_t node, uint64_t references) {
   auto& mount = ServerOf(request);
   mount.interruptions_.RunWhenConcluded(
-      [&nodes = mount.nodes_, node, references] { nodes.Forget(node, references); });
+      [&mount, node, references] { mount.DropReferences(node, references); });
   fuse_reply_none(request);
 }
 
 void FuseMount::ForgetMany(fuse_req_t request, size_t count, fuse_forget_data* forgotten) {
   auto& mount = ServerOf(request);
   mount.interruptions_.RunWhenConcluded(
-      [&nodes = mount.nodes_, all = std::vector<fuse_forget_data>(forgotten, forgotten + count)] {
-        for (const auto& each : all) nodes.Forget(each.ino, each.nlookup);
+      [&mount, all = std::vector<fuse_forget_data>(forgotten, forgotten + count)] {
+        for (const auto& each : all) mount.DropReferences(each.ino, each.nlookup);
       });
   fuse_reply_none(request);
+}
+
+void FuseMount::DropReferences(fuse_ino_t node, uint64_t references) {
+  nodes_.Forget(node, references);
+  if (!nodes_.LastAttributes(node)) reads_.Forget(node);
 }
 
 /// Takes back an entry that the kernel did not take.

@@ -189,6 +189,7 @@ class FuseMount {
   void DoubtName(fuse_ino_t node);
   void ReplyLostFile(const KernelRequest& request, fuse_ino_t node);
   void ReplyStale(const KernelRequest& request, fuse_ino_t node);
+  void DropReferences(fuse_ino_t node, uint64_t references);
   void TakeBack(fuse_ino_t node);
   void NoteUntold(fuse_ino_t node);
 

@@ -44,6 +44,8 @@ void FuseMount::Open(const KernelRequest& request, fuse_ino_t node, fuse_file_in
   if (found && OpenAsFound(request, node, *handle, *found)) return;
   const auto file = nodes_.Find(node);
   if (!file) return ReplyStale(request, node);
+  // What a second look-up has found, and no program has opened, grows old.
+  if (!open_files_.IsOpen(node) && !second_tries_.IsFound(node)) reads_.Forget(node);
   handle->keep_cache = only_reads && StoreAhead(node, *file) ? 1 : 0;
   const bool is_ahead = handle->keep_cache != 0;
   const auto looked_up = nodes_.TakeLookup(node);
