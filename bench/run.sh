@@ -50,8 +50,8 @@ system_calls() {
     <(count_calls 0) <(count_calls "$reads")
 }
 
-# What hardening costs a request. A build with it and one without take turns, before all other
-# programs where that is allowed.
+# What hardening costs a request. A build with it and one without take turns, with priority over all
+# other programs where that is allowed.
 hardening() {
   local plain=build/unhardened/bin/udisk_bench turns=5 repetitions=15 program first=()
   cmake --preset release -B build/unhardened -DBUILD_TESTING=ON -DUDISK_HARDENING=OFF >/dev/null

@@ -27,8 +27,8 @@ inline constexpr int kNewestLandlock = 6;
 /// threads but no processes, make no sockets, and call nothing that administers the machine. As
 /// root it keeps only the capabilities that access to the disk's files takes.
 ///
-/// Prints a line to standard error if the kernel has no Landlock, or a version that keeps files of
-/// the disk from being moved to another directory. The rest of the sandbox holds nevertheless.
+/// Prints a line to standard error if the kernel has no Landlock, or one so old that files of the
+/// disk cannot be moved to another directory. The rest of the sandbox holds nevertheless.
 ///
 /// What is needed from other places must be loaded before: modules, the log file, sockets that
 /// listen. If the disk is unmounted and mounted again, it cannot be reached any more.

@@ -43,7 +43,7 @@ constexpr auto kGrace = 1s;
 /// For the command that delivers the last words.
 constexpr auto kLastWordsLimit = 10s;
 /// How many commands may run at the same time. One is the rule, and two while the older one is
-/// still ending. The limit holds for a process that was taken over, too.
+/// still ending. An attacker in the sandboxed process cannot make more run, either.
 constexpr size_t kMostCommands = 4;
 /// How often a starter that fails by itself is replaced. One that is killed always is.
 constexpr int kMostFailures = 3;

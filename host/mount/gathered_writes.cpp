@@ -205,8 +205,9 @@ void GatheredWrites::Sync(NodeTable::Id node, const NodeTable::File& file,
     {
       const std::lock_guard lock(mutex_);
       auto& written = gathering_[node];
-      // What is being written again was sent after this request, which did not sync it. A move
-      // waits, because the file counts as unanswered until no callback is left.
+      // What is being written again was sent after this request, which did not sync it. The path
+      // that the callback finds stays right while it runs: the file counts as unanswered until no
+      // callback is left, and a move waits for that.
       const bool is_complete = !written.is_rewriting || outcome != Outcome::kDone;
       written.waiting.emplace_back([this, node, on_outcome, outcome, is_complete] {
         if (is_complete) return on_outcome(outcome);
@@ -260,8 +261,8 @@ void GatheredWrites::Send() {
   AskForStatistics();
 }
 
-/// Called when everything counted has been sent, and after a write, because only an answered change
-/// makes the module query the disk again. Nothing waits for the answer.
+/// To be called after a write, when everything counted has been sent: the module queries the disk
+/// again only once it has answered a change. Nothing waits for the statistics.
 void GatheredWrites::AskForStatistics() {
   {
     const std::lock_guard lock(mutex_);

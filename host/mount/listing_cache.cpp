@@ -441,7 +441,7 @@ void ListingCache::SetNameLocked(const std::string& directory, std::string_view 
   const auto now = Clock::now();
   const bool is_old = now - known.asked >= trusted_ && now - known.names_asked >= trusted_;
   if (concerns_others || is_old) {
-    kept_.erase(kept);  // a listing with newer names is never checked
+    kept_.erase(kept);  // with newer names known beside it, the listing would never be checked
     return;
   }
   known.names.insert_or_assign(std::string(name), value);

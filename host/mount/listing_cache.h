@@ -42,8 +42,9 @@ class ListingCache {
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::seconds kLongestUse{30};
   static constexpr std::chrono::seconds kTrusted{1};
-  /// So many names of a directory are asked for one by one within kTrusted; of a large directory,
-  /// one in kNamesOfLarge of its names. Its size in bytes shows about how many there are.
+  /// At most this many names of a directory are asked for one by one within kTrusted; of a large
+  /// directory, one in kNamesOfLarge of its names. Until it is listed, its size shows about how
+  /// many it has: one for each kBytesOfName bytes.
   static constexpr size_t kSingleQuestions = 2;
   static constexpr size_t kNamesOfLarge = 64;
   static constexpr size_t kBytesOfName = 32;
@@ -122,8 +123,10 @@ class ListingCache {
   /// Names of a directory that were asked for one by one.
   struct Asking {
     Clock::time_point since = {};
-    Clock::time_point listed = {};  // because of them; later than now if that failed
-    std::string last = {};          // the name
+    // When the directory was last listed because of these. In the future if that failed, so that it
+    // is not tried again soon.
+    Clock::time_point listed = {};
+    std::string last = {};  // the name
     size_t count = 0;
     size_t entries = 0;  // of the directory: what is known or was guessed
   };

@@ -40,7 +40,7 @@ NodeTable::Id NodeTable::Lookup(Id parent, const std::string& name, const udisk_
   return id;
 }
 
-/// Whether more is known of a file than what the disk was asked for earlier.
+/// Whether what is known of a file is newer than the disk's answer to a question asked at `asked`.
 bool NodeTable::IsNewer(const Node& node, std::optional<Clock::time_point> asked) {
   return asked && (IsOutdated(node) || node.told > *asked);
 }
@@ -248,7 +248,7 @@ std::optional<udisk_stat> NodeTable::CurrentAttributes(Id parent, const std::str
   return node.is_outdated ? std::nullopt : std::optional(node.attributes);
 }
 
-/// A directory's attributes do not depend on what was written through it.
+/// Never true of a directory: its `is_outdated` says only that it has lost a name.
 bool NodeTable::IsOutdated(const Node& node) {
   return node.is_outdated && !S_ISDIR(node.attributes.st_mode);
 }

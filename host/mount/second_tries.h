@@ -62,7 +62,8 @@ class SecondTries {
     const auto one = expected_.find(thread);
     return one != expected_.end() && HasFound(one->second, node);
   }
-  /// Whether any thread is, so that a call is about to use the node's file.
+  /// Whether any thread is on its second try and has just found the node: then its call is about to
+  /// use the node's file.
   [[nodiscard]] bool IsFound(NodeTable::Id node) const {
     const std::lock_guard lock(mutex_);
     return std::ranges::any_of(expected_,

@@ -334,7 +334,7 @@ TEST_F(FetchedFiles, AreReadAgainUntilContentAndAttributesAgree) {
   EXPECT_EQ(answers[0].bytes, "content that is longer");
 }
 
-TEST_F(FetchedFiles, AreNotGivenOnceAWriteThatWasUnderWayIsDone) {
+TEST_F(FetchedFiles, AreNoLongerGivenAfterAWriteThatWasUnderWay) {
   Fetch();
   disk.AnswerAll();
   ASSERT_NE(reads.Find(node), nullptr);

@@ -959,7 +959,7 @@ class OnItsWay : public ReadAhead {
   }
 
   std::vector<std::string> names_;
-  udisk_stat known_ = Attributes(S_IFREG | 0644, 4);  // the length of each path
+  udisk_stat known_ = Attributes(S_IFREG | 0644, 4);  // a file holds its own path, of 4 bytes
   std::vector<std::string> contents_;
   Prefetch prefetch_{files_, true};
 };

@@ -453,7 +453,7 @@ TEST_F(StarterTest, LeavesAProcessThatIsStuckToEndByItself) {
     process = ChildrenOf(getpid()).front();
     kill(worker, SIGSTOP);
     EXPECT_THROW(starter.Start(), std::runtime_error);
-    // Until the socket holds no more, so that the destructor cannot send anything either.
+    // Fills the socket: a call then waits for room, and the destructor cannot send anything either.
     for (auto begin = Clock::now(); Clock::now() - begin < 50ms;) {
       begin = Clock::now();
       starter.Release();

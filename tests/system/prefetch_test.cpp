@@ -354,8 +354,8 @@ TEST_F(Prefetch, FilesThatGrowOrShrinkAfterTheyWereListedAreNeverCutShort) {
 TEST_F(Prefetch, FetchesLessAndLessForASlowReader) {
   MakeFiles();
   MountedDisk mounted(disk.path());
-  // Batches are larger when answers take a millisecond. The shortest of many does not, even on a
-  // busy machine.
+  // Batches are larger if even the shortest round trip took a millisecond. Of 50, one is shorter
+  // even on a busy machine.
   for (int i = 0; i < 50; ++i) Statvfs(mounted.path());
   NamesAsListed(mounted.path());
   for (int i = 0; i < 12; ++i) {

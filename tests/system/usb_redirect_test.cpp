@@ -77,8 +77,8 @@ class UsbRedirect : public testing::Test {
   /// From now on, the line does what Order says (see cut_line.cpp). While the file "down" exists,
   /// no new line gets through.
   void MakeLineBad() const {
-    // A cut kills only the shell, because it does not become the far side. So the far side outlives
-    // its line, as it does on another machine.
+    // A cut kills only the shell, which starts the far side's program and does not become it. So
+    // the far side outlives its line, as it does on another machine.
     MakeRsh("while test -e " + (place / "down") + "; do sleep 0.1; done\n" +
             "exec env -u LD_PRELOAD " CUT_LINE " --control " + (place / "order") +
             " -- sh -c \"$last; exit \\$?\"");

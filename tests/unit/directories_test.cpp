@@ -361,7 +361,7 @@ TEST_F(CheckDir, WithAMalformedCacheGetsAFullReply) {
   request = good;
   const auto too_long = static_cast<uint16_t>(entries.back().name.size() + 3);
   request.cached = Patched(good.cached, last_entry + 120, too_long);
-  ExpectListing(request);  // so does the last, by one byte beyond its NUL and the spare byte
+  ExpectListing(request);  // the last name reaches one byte past its NUL and the spare byte
 
   request = good;
   request.cached.replace(120, 2, std::string(2, '\0'));

@@ -35,7 +35,7 @@ void ReadPastAVector() {
   Keep(bytes);
 }
 
-// Only the highest level counts the bytes of a block whose length is not a constant.
+// Only _FORTIFY_SOURCE=3 knows the size of a block whose length is not a constant.
 TEST(HardenedBuild, NoticesAWritePastABlockOfAnyLength) {
   EXPECT_DEATH(WritePastABlock(), "buffer overflow detected");
 }

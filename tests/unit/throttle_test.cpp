@@ -366,7 +366,7 @@ TEST(TokenBucketRate, IsAnEighthOfTheBandwidthAndTheBurst200MillisecondsButAtLea
   }
 }
 
-TEST(TokenBucketRate, IsLoggedAsAnEighthEvenWhenOneIsStored) {
+TEST(TokenBucketRate, IsLoggedBeforeItIsRaisedToOne) {
   TokenBucket bucket;
   Log().Clear();
   bucket.updateRate(4000);
