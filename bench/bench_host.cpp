@@ -82,6 +82,13 @@ void BenchDevice::ReportReadFail(const std::string& /*path*/) {}
 
 // ---- Driver ----
 
+std::shared_ptr<CpdPacket> BandwidthEvent(uint32_t kbps) {
+  auto event = std::make_shared<CpdPacket>(CPD_PACKET_HEADER_SIZE + sizeof kbps);
+  event->InitHeader(test::kDeviceId, kBusReadBandwidth, 0);
+  event->AppendPayload(&kbps, sizeof kbps);
+  return event;
+}
+
 BenchDriver::BenchDriver(const std::string& root, bool confined) : device_(root) {
   setenv("TESSEL_CPD_CLIENT_CONFINE", confined ? "1" : "0", 1);  // read when a driver opens
   driver_.reset(udisk_open(&device_, ""));

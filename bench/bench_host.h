@@ -2,6 +2,7 @@
 // hands replies to the thread that measures.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -35,6 +36,9 @@ class BenchDevice : public CpdDevice {
   Handover<std::unique_ptr<CpdPacket>> sent_;
 };
 
+/// The bus event that announces a read bandwidth.
+std::shared_ptr<CpdPacket> BandwidthEvent(uint32_t kbps);
+
 /// An open driver that has announced its disk.
 class BenchDriver {
  public:
@@ -48,6 +52,7 @@ class BenchDriver {
   void Send(std::unique_ptr<CpdPacket> request);
   /// Queues a request that is given as its bytes.
   void Send(std::string_view request);
+  void AnnounceBandwidth(uint32_t kbps) { driver_->onBusEvent(BandwidthEvent(kbps)); }
   std::unique_ptr<CpdPacket> TakeReply() { return device_.Take(); }
 
  private:

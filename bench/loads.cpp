@@ -271,6 +271,19 @@ Load ModuleLoop(SampleDisk& disk, FileWork work, int outstanding, bool confined)
   };
 }
 
+Load DisksLoop(SampleDisk& disk, FileWork work, int disks) {
+  std::vector<std::shared_ptr<Module>> modules;
+  modules.reserve(disks);
+  for (int i = 0; i < disks; ++i) modules.push_back(std::make_shared<Module>(disk, work, false));
+  return [modules, disks](int operations) {
+    size_t sent = 0;
+    size_t answered = 0;
+    return SecondsOfLoop(
+        operations, disks, [&] { modules[sent++ % modules.size()]->Send(); },
+        [&] { modules[answered++ % modules.size()]->Await(); });
+  };
+}
+
 // ---- Directories ----
 
 namespace {

@@ -1,5 +1,6 @@
 // udisk_mount_bench [TURNS]          compares the mount with each of two accelerators (gathered
 //                                    writes, small files read ahead) to the mount without it
+// udisk_mount_bench --files [TURNS]  the second of these for other numbers of files
 // udisk_mount_bench --line [TURNS]   compares a mount over a line without delay to the mount in one
 //                                    process
 //
@@ -43,14 +44,14 @@ double SecondsOf(const std::function<void()>& work) {
 }
 
 /// Writes pieces all over a file and syncs it.
-double WritePieces(const std::string& path) {
+double WritePieces(const std::string& path, int count) {
   const std::string piece(kPieceBytes, 'p');
   const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
   Expect(fd >= 0, "open failed");
   const double seconds = SecondsOf([&] {
-    for (int i = 0; i < kPieces; ++i) {
+    for (int i = 0; i < count; ++i) {
       // The pieces are neither in order nor adjacent.
-      const off_t offset = off_t{i} * 7919 % kPieces * 10'000;
+      const off_t offset = off_t{i} * 7919 % count * 10'000;
       Expect(pwrite(fd, piece.data(), kPieceBytes, offset) == kPieceBytes, "pwrite failed");
     }
     Expect(fsync(fd) == 0, "fsync failed");
@@ -60,7 +61,7 @@ double WritePieces(const std::string& path) {
 }
 
 /// Lists a directory and reads all its files.
-double ReadFiles(const std::string& path) {
+double ReadFiles(const std::string& path, int count) {
   std::string buffer(2 * kFileBytes, '\0');
   return SecondsOf([&] {
     std::vector<std::string> names;
@@ -70,7 +71,7 @@ double ReadFiles(const std::string& path) {
       if (entry->d_name[0] != '.') names.emplace_back(entry->d_name);
     }
     closedir(directory);
-    Expect(names.size() == kFiles, "files are missing");
+    Expect(names.size() == static_cast<size_t>(count), "files are missing");
     std::string file = path + "/";
     const size_t prefix = file.size();
     for (const std::string& name : names) {
@@ -122,7 +123,7 @@ struct Row {
   const char* name;
   const char* without;  ///< the option that switches the accelerator off
   const char* target;   ///< on the disk
-  double (*work)(const std::string& path);
+  double (*work)(const std::string& path, int operations);
   int operations;
   double bound;  ///< less than was measured on one machine; 1 = no gain
 };
@@ -133,7 +134,7 @@ bool PrintRow(const Row& row, const SampleDisk& disk, int turns) {
   for (int i = 0; i < turns; ++i) {
     const auto seconds = [&](const std::vector<std::string>& options) {
       MountedDisk mount(disk.root(), options);
-      return row.work(mount / row.target);
+      return row.work(mount / row.target, row.operations);
     };
     const double slow = seconds({row.without});
     const double fast = seconds({});
@@ -196,15 +197,31 @@ int Run(int turns) {
   return ok ? 0 : 1;
 }
 
+/// Reading ahead must not slow a program down that reads only a few files.
+int RunFiles(int turns) {
+  SampleDisk disk("/dev/shm");
+  PrintRatioHeader("without", "with");
+  bool ok = true;
+  for (const int count : {10, 100, 1000, kFiles}) {
+    const std::string name = std::to_string(count) + " files of 4 KiB, listed and read";
+    const std::string directory = disk.Directory(count, kFileBytes);
+    ok &= PrintRow({name.c_str(), "--no-prefetch", directory.c_str() + 1, ReadFiles, count, 0.8},
+                   disk, turns);
+  }
+  return ok ? 0 : 1;
+}
+
 }  // namespace
 }  // namespace cpd::bench
 
 int main(int argc, char** argv) {
   try {
-    const bool is_line = argc > 1 && std::string_view(argv[1]) == "--line";
-    const int place = is_line ? 2 : 1;
+    const std::string_view mode = argc > 1 ? argv[1] : "";
+    const int place = mode.starts_with("--") ? 2 : 1;
     const int turns = argc > place ? std::atoi(argv[place]) : 9;
-    return is_line ? cpd::bench::RunLine(turns) : cpd::bench::Run(turns);
+    if (mode == "--line") return cpd::bench::RunLine(turns);
+    if (mode == "--files") return cpd::bench::RunFiles(turns);
+    return cpd::bench::Run(turns);
   } catch (const std::exception& error) {
     (void)std::fprintf(stderr, "udisk_mount_bench: %s\n", error.what());
     return 2;

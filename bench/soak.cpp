@@ -86,10 +86,7 @@ class Slot {
     if (const auto driver = Driver()) driver->onEvent(test::PacketOf(request), 0);
   }
   void AnnounceBandwidth(uint32_t kbps) {
-    auto event = std::make_shared<CpdPacket>(CPD_PACKET_HEADER_SIZE + sizeof kbps);
-    event->InitHeader(test::kDeviceId, kBusReadBandwidth, 0);
-    event->AppendPayload(&kbps, sizeof kbps);
-    if (const auto driver = Driver()) driver->onBusEvent(std::move(event));
+    if (const auto driver = Driver()) driver->onBusEvent(BandwidthEvent(kbps));
   }
   void ChangePolicy(const std::string& policy) {
     if (const auto driver = Driver()) driver->onPolicyChange(policy);

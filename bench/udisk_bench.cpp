@@ -1,20 +1,27 @@
 // udisk_bench [Google Benchmark options]   rates of every load
 // udisk_bench --ratios [TURNS [FILTER]]    the driver against the limit; 1 = out of bounds
 // udisk_bench --memory                     resident memory over a million requests
+// udisk_bench --pace                       the rate of reads while the announced one changes
 // udisk_bench --reads N                    N unpaced reads of 4 KiB, for counting system calls
 #include <benchmark/benchmark.h>
 
+#include <array>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 
+#include "bench_host.h"
 #include "loads.h"
 #include "ratios.h"
 #include "sample_disk.h"
+#include "support/requests.h"
 
 namespace cpd::bench {
 namespace {
@@ -57,7 +64,12 @@ void RegisterLoads(SampleDisk& disk) {
       });
     }
   }
-  for (const int files : {100, 10'000}) {
+  for (const int disks : {1, 2, 4, 8, 16, 32, 64}) {
+    RegisterLoad("file_read/4KiB/disks:" + std::to_string(disks), 2000, [&disk, disks] {
+      return DisksLoop(disk, {FileWork::kRead, 4 << 10}, disks);
+    });
+  }
+  for (const int files : {10, 100, 1000, 10'000, 50'000}) {
     const std::string how = "/" + std::to_string(files);
     RegisterLoad("bare_walk" + how, 1, [&disk, files] { return BareWalk(disk, files); });
     RegisterLoad("dir_read" + how, 1, [&disk, files] { return DirRead(disk, files); });
@@ -97,6 +109,44 @@ void PrintMemory(SampleDisk& disk) {
   }
 }
 
+/// Prints how fast reads of 64 KiB are, one after the other, in each tenth of a second.
+void PrintPace(SampleDisk& disk) {
+  using Clock = std::chrono::steady_clock;
+  constexpr std::array<uint32_t, 3> kSteps{8'000, 80'000, 20'000};  // kbps
+  constexpr int kSecondsPerStep = 4;
+  constexpr auto kSlot = std::chrono::milliseconds(100);
+  constexpr size_t kSlotsPerStep = kSecondsPerStep * 10;
+  constexpr uint32_t kBytes = 64 << 10;
+  const std::string request =
+      test::Request(test::ReadRequest{.path = disk.big_file(), .size = kBytes}).Bytes();
+  BenchDriver driver(disk.root());
+  driver.AnnounceBandwidth(kSteps.front());  // before the first read
+  const auto begin = Clock::now();
+  std::thread announcer([&] {
+    auto next = begin;
+    for (const uint32_t kbps : kSteps) {
+      for (int i = 0; i < kSecondsPerStep; ++i) {
+        driver.AnnounceBandwidth(kbps);
+        std::this_thread::sleep_until(next += std::chrono::seconds(1));
+      }
+    }
+  });
+  std::array<double, kSteps.size() * kSlotsPerStep> read{};  // kbit in each slot
+  for (;;) {
+    driver.Send(request);
+    driver.TakeReply();
+    const auto slot = static_cast<size_t>((Clock::now() - begin) / kSlot);
+    if (slot >= read.size()) break;
+    read[slot] += kBytes * 8e-3;
+  }
+  announcer.join();
+  std::puts("| seconds | announced, kbps | read, kbps |\n|--:|--:|--:|");
+  for (size_t slot = 0; slot < read.size(); ++slot) {
+    std::printf("| %.1f | %u | %.0f |\n", static_cast<double>(slot) / 10,
+                kSteps[slot / kSlotsPerStep], read[slot] * 10);
+  }
+}
+
 int Run(int argc, char** argv) {
   SampleDisk disk;
   const std::string_view mode = argc > 1 ? argv[1] : "";
@@ -107,6 +157,10 @@ int Run(int argc, char** argv) {
   }
   if (mode == "--memory") {
     PrintMemory(disk);
+    return 0;
+  }
+  if (mode == "--pace") {
+    PrintPace(disk);
     return 0;
   }
   if (mode == "--reads" && argc > 2) {
