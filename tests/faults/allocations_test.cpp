@@ -288,7 +288,7 @@ INSTANTIATE_TEST_SUITE_P(, OversizedRead, ::testing::ValuesIn(OversizedReads()),
 // ---- Outside the handlers ----
 
 /// Runs `act` again and again: its first allocation fails, then its second, and so on, until a run
-/// needs no more of them. `act` receives the number of allocations before the one that fails.
+/// makes too few for that. `act` receives the number of allocations before the one that fails.
 template <class Act>
 void RefuseEach(Act act) {
   bool refused = true;

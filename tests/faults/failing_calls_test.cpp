@@ -485,7 +485,8 @@ TEST_P(ConfinedFailingCall, IsReportedToTheRemoteSideAndInTheLog) {
   ExpectReported(c, fault);
 }
 
-/// The cases in which no call concerns a file outside the disk.
+/// The cases whose failing call is made for a file on the disk. Where stat fails, plain mode makes
+/// the call for a directory above the disk.
 std::vector<Case> CasesOnTheDisk() {
   std::vector<Case> cases = Cases();
   std::erase_if(cases, [](const Case& c) { return c.fault.call == "stat"; });

@@ -658,7 +658,8 @@ TEST_F(KnownNames, ComeFromOneListingWhenManyAreAskedFor) {
   for (size_t i = 0; i < 5; ++i) EXPECT_EQ(shown[i].size, 5) << i;
   EXPECT_EQ(shown[5].error, ENOENT);
   EXPECT_EQ(Asked(kDirRead), 1);
-  EXPECT_EQ(Asked(kGetFileAttr), 5);  // two names, the missing one, and one in both cases
+  // Two names, the missing one, and one in lower and in upper case.
+  EXPECT_EQ(Asked(kGetFileAttr), 5);
   EXPECT_EQ(files_.savings().shared, 3U);
 }
 

@@ -39,7 +39,8 @@ TEST_F(RoundTrips, OfManyLookUpsInADirectoryAreThoseOfOneListing) {
   const auto ending = mounted.Unmount();
   EXPECT_GE(ending.Requests(107), 1) << ending.out;
   EXPECT_LE(ending.Requests(107), 3) << ending.out;
-  // The root, two files, and a name in both cases; then two files for each further listing.
+  // The root, two files, and a name in lower and in upper case; then two files for each further
+  // listing.
   EXPECT_LE(ending.Requests(102), 10) << ending.out;
   EXPECT_LE(ending.Count("waits for the disk"), 12) << ending.out;
 }

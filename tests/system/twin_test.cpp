@@ -501,7 +501,8 @@ size_t WantedOperations(size_t otherwise) {
   return wanted == nullptr ? otherwise : std::stoul(wanted);
 }
 
-// Differs from the umask of the programs on the mount, whose modes must not depend on it.
+// The umask of the programs on the mount is another one. The modes of the files that they make must
+// not depend on the host's.
 constexpr mode_t kUmaskOfHost = 022;
 
 /// Spoils the line before one in seventy operations: it drops at once, or first swallows a

@@ -211,8 +211,8 @@ TEST_F(SmallWrites, AreSentInFewPackets) {
   }
   const auto took = std::chrono::steady_clock::now() - begin;
   EXPECT_TRUE(ReadFile(disk / "file") == expected);
-  // Each packet leaves 3 ms after its first write, the last at the close; one was sent before. One
-  // leaves earlier if the kernel releases the file of that one only now.
+  // Each packet leaves 3 ms after its first write, the last at the close. One was sent before, for
+  // the file "room". If the kernel releases that file only now, one packet leaves earlier.
   EXPECT_LE(mounted.Unmount().Requests(106), 1 + took / 3ms + 1 + 1);
 }
 

@@ -522,7 +522,8 @@ TEST_F(ConfinedTest, BackslashesInADirectoryToBeMadeDoNotLeadOut) {
         "/no/..\\../outside/made", "2\\made", "/..\\..\\..\\..\\..\\made-by-a-test"}) {
     EXPECT_EQ(Ask(MakeDirRequest{.path = path})->head.result, -1) << path;
   }
-  // To open a file, a backslash is part of a name; to make its missing parents, it is a separator.
+  // When a file is opened, a backslash is part of a name; when its missing parents are made, it
+  // is a separator.
   for (const char* path :
        {"/no\\..\\..\\outside\\made/x", "/..\\outside\\made/x", "/relative\\made/x", "2\\made/x"}) {
     EXPECT_EQ(Ask(CreateRequest{.path = path})->result(), -1) << path;
