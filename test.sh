@@ -139,14 +139,16 @@ for preset in "${presets[@]}"; do
   cmake --build --preset "$preset" -j"$(nproc)" 2>&1 | show_progress "$scratch/build.log" ||
     { cat "$scratch/build.log"; exit 1; }
   case $preset in
-    # Under the sanitizers, the mount's tests run in one process, and over a line only those that
-    # exercise the line most. The others would send the same packets through the same code. Pacing
-    # is measured in the optimised build only; its code runs in the unit tests, too.
+    # Under the sanitizers, the mount's tests run with disk and mount in one process. Only those
+    # that exercise the line most run over a line, too: the others would send the same packets
+    # through the same code. Pacing is measured in the optimised build only; its code runs in the
+    # unit tests, too.
     asan) run_tests "$preset" -LE 'line-release|pacing' ;;
     # The slow tests of a mount copy whole trees. They show no races that the other tests miss.
     tsan) run_tests "$preset" -LE 'system-slow|line-release|pacing' ;;
-    # The slow tests and those over a line do with more data, or over a line, what others do as
-    # well. Those of pacing measure times, and those of what is installed look at built files.
+    # The slow tests, and those that only the optimised build runs over a line, repeat what other
+    # tests do, with more data or over a line. Those of pacing measure times, and those of what is
+    # installed look at built files.
     coverage)
       rm -rf build/coverage/counters
       run_tests "$preset" -LE 'slow|line-release|pacing|install'

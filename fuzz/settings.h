@@ -8,7 +8,7 @@ namespace cpd::fuzz {
 enum Setting : uint8_t {
   kTokenBucket = 1,
   kForcedBandwidth = 2,
-  kPathFilter = 4,  ///< the host has reads and writes of some files traced
+  kPathFilter = 4,  ///< reads and writes of some files are traced
   kDeafHost = 8,    ///< SendPacket fails
   kConfined = 16,
   kNotNamed = 32,  ///< requests arrive before the service has set the disk

@@ -1,5 +1,5 @@
-// A fuzz target: one function, to which libFuzzer passes the inputs that it makes, and the replay
-// those of the corpus.
+// A fuzz target: one function. libFuzzer calls it with the inputs that it makes, and the replay
+// calls it with those of the corpus.
 #pragma once
 
 #include <cstddef>

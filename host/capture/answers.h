@@ -14,8 +14,8 @@ struct AnswerPart {
 };
 
 /// What must be the same in two answers to one request on equal disks: everything except times,
-/// inodes, devices, room on the disk, the size and links of directories, the order of a listing,
-/// the number of a descriptor, and where the disk is mounted.
+/// inodes, devices, the blocks of files, room on the disk and its flags, the size and links of
+/// directories, the order of a listing, the number of a descriptor, and where the disk is mounted.
 /// @param answer  a packet's bytes. Its lengths are not trusted: what was cut has no part, or a
 ///                part with the bytes that are there
 std::vector<AnswerPart> PartsOf(std::string_view answer);

@@ -11,7 +11,7 @@
 namespace cpd::host {
 namespace {
 
-constexpr uint32_t kLongestBlock = 16 << 20;  // Wireshark accepts no longer one, either
+constexpr uint32_t kLongestBlock = 16 << 20;  // Wireshark refuses longer ones, too
 
 /// Calls `use` with the code and the value of each option.
 /// @return false if the options are malformed

@@ -39,7 +39,7 @@ constexpr size_t kPlenty = 1 << 20;  // but no longer than until this many bytes
 void CheckContent(const std::string& path) {
   const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "re"), &std::fclose);
   BlockType type{};
-  if (file == nullptr) return;  // it may still be written
+  if (file == nullptr) return;  // this process may be allowed to write it, but not to read it
   if (std::fread(&type, sizeof type, 1, file.get()) != 1 || type != BlockType::kSection) {
     Refuse(path, "there is something in it, and no capture");
   }
@@ -58,7 +58,8 @@ FILE* OpenForAppending(const std::string& path) {
     close(descriptor);
     Refuse(path, std::strerror(errno));
   }
-  // Blocks are written as they are: what is buffered could not be taken back.
+  // Without a buffer. What is in one would be written when the file is closed, even after GiveUp
+  // has cut the file.
   (void)std::setvbuf(file, nullptr, _IONBF, 0);
   return file;
 }

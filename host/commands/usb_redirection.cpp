@@ -232,7 +232,7 @@ class UsbRedirection {
   }
 
  private:
-  /// A disk that is there, but is not redirected any more.
+  /// A disk that is there, and whose redirection has ended or failed. Kept while it is tried again.
   struct Ended {
     std::string label;
     std::string why;

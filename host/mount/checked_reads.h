@@ -43,7 +43,7 @@ class CheckedReads {
   /// A whole file. Must not outlive the object that fetched it.
   struct Content {
     std::string bytes;
-    udisk_stat attributes;  ///< of the file as the kernel knew it
+    udisk_stat attributes;  ///< of the file with these bytes
     Clock::time_point asked;
 
     /// The bytes from an offset on, `size` at most.

@@ -33,7 +33,7 @@ struct KernelRequest::State : std::enable_shared_from_this<State> {
   Interruptions& interruptions;
   const size_t held;  // bytes
   std::atomic<bool> is_answered = false;
-  bool was_interrupted = false;  // written before is_answered is visible to others
+  bool was_interrupted = false;  // written with the answer, read when the last copy is gone
 };
 
 KernelRequest::KernelRequest(fuse_req_t request, Interruptions& interruptions, size_t data_size)

@@ -26,12 +26,13 @@ namespace cpd::host {
 /// the client (a mode, an owner, a link count, or content that changes twice within one second and
 /// keeps its size) shows in listings only when the cached one is kLongestUse old.
 ///
-/// A question for a name is answered from a listing that was requested at most kTrusted ago, if it
-/// has the name: a file that the client has just made shows at once. A directory that was made
-/// through this mount is known to have no other names for the same time. Changes through this mount
-/// show at once: they make the names that they concern unknown, until the disk is asked again or
-/// the caller says what has become of them. If several names of a directory are asked for, the
-/// directory is listed, and the listing answers them all.
+/// A question for a name is answered from a listing that was requested at most kTrusted ago. A name
+/// that the listing does not have is asked for, so a file that the client has just made shows at
+/// once. For kTrusted, a directory that was made through this mount counts as empty, except for
+/// what this mount makes in it. Changes through this mount show at once: they make the names that
+/// they concern unknown, until the disk is asked again or the caller says what has become of them.
+/// If several names of a directory are asked for, the directory is listed, and the listing answers
+/// them all.
 ///
 /// Some disks take names that differ in case for the same. So names count as missing, and a change
 /// leaves the other names known, only on a disk that was seen to tell such names apart.
