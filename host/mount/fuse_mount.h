@@ -36,8 +36,8 @@ class Session;
 
 /// A kernel request is read on one of libfuse's threads and sent as a packet. The thread that
 /// delivers the reply answers the kernel, so many requests may be under way. Only renames and
-/// removals, what is asked while one of these is under way, the first append through a handle, and
-/// calls that need earlier writes answered make one of libfuse's threads wait.
+/// removals, what is asked while one of these is under way, appends that must ask for the file or
+/// its end first, and calls that need earlier writes answered make one of libfuse's threads wait.
 class FuseMount {
  public:
   /// The largest read that the kernel asks for, in bytes.
@@ -119,6 +119,7 @@ class FuseMount {
               OpenFiles::Handle handle);
   std::future<Result<udisk_stat>> LookAt(const std::string& path);
   bool MoveOn(fuse_ino_t node, OpenFiles::Handle handle);
+  void FindEnd(fuse_ino_t node);
   int64_t PlaceOf(OpenFiles::Handle handle, const NodeTable::File& file, off_t offset);
   void ReplyWritten(const KernelRequest& request, fuse_ino_t node, size_t size, int64_t end);
   void NoteFailedWrite(fuse_ino_t node, int error);

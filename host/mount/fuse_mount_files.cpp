@@ -201,6 +201,7 @@ void FuseMount::Write(const KernelRequest& request, fuse_ino_t node, const char*
   const bool is_early = is_of_program && writes_early_ && !is_first_append;
   if (is_first_append) MoveOn(node, handle->fh);
   if (is_of_program) node = open_files_.NodeOf(handle->fh);
+  if (is_of_program && open_files_.HasMoved(handle->fh)) FindEnd(node);
   open_files_.NoteUse(node);
   reads_.Forget(node);
   if (is_of_program) {
@@ -285,6 +286,23 @@ bool FuseMount::MoveOn(fuse_ino_t node, OpenFiles::Handle handle) {
   return true;
 }
 
+/// If the disk has shown a file shorter than this mount has written it, asks again: the client may
+/// have cut the file, but the answer may also be older than the write.
+void FuseMount::FindEnd(fuse_ino_t node) {
+  const auto is_doubtful = [](const auto& file) {
+    return file && file->end > file->attributes.st_size;
+  };
+  if (!is_doubtful(nodes_.Find(node))) return;
+  writes_.Drain(node);
+  auto pass = Enter();
+  const auto file = nodes_.Find(node);
+  if (!is_doubtful(file)) return;
+  auto answer = LookAt(file->path);
+  pass.unlock();
+  const auto [error, now] = answer.get();
+  if (error == 0 && nodes_.Update(node, now)) nodes_.ForgetEnd(node, file->end);
+}
+
 /// Where the data of a write goes. The kernel counts an append from the end of the file that it
 /// opened.
 int64_t FuseMount::PlaceOf(OpenFiles::Handle handle, const NodeTable::File& file, off_t offset) {
@@ -292,7 +310,7 @@ int64_t FuseMount::PlaceOf(OpenFiles::Handle handle, const NodeTable::File& file
   const auto node = open_files_.NodeOf(handle);
   nodes_.NoteUntold(node);
   InvalidateAttributes(node);
-  return file.attributes.st_size;
+  return file.end;
 }
 
 bool FuseMount::Gather(const KernelRequest& request, std::string_view data, off_t offset,

@@ -152,6 +152,7 @@ void NodeTable::Renew(Id id, const udisk_stat& attributes, std::optional<Clock::
   if (attributes.st_nlink > 1 && files_.contains(InodeOf(attributes))) return;
   if (IsNewer(node, asked) || IsSameFile(node, attributes)) return;
   node.changed = {};
+  node.written_end = 0;
   node.renewed = Clock::now();
   SetAttributesLocked(id, attributes, node.renewed);
 }
@@ -191,8 +192,15 @@ void NodeTable::Grow(Id id, int64_t size) {
   node->second.is_outdated = true;
   node->second.changed = Clock::now();
   if (attributes.st_size < size) attributes.st_size = size;
+  node->second.written_end = std::max(node->second.written_end, size);
   auto& kernel_size = node->second.kernel_size;
   if (kernel_size >= 0) kernel_size = std::max(kernel_size, size);
+}
+
+void NodeTable::ForgetEnd(Id id, int64_t end) {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  if (node != nodes_.end() && node->second.written_end == end) node->second.written_end = 0;
 }
 
 void NodeTable::NoteTold(Id id) {
@@ -223,6 +231,7 @@ std::optional<NodeTable::File> NodeTable::Find(Id id) const {
               .attributes = node.attributes,
               .told = node.told,
               .kernel_size = node.kernel_size,
+              .end = std::max<int64_t>(node.attributes.st_size, node.written_end),
               .is_hidden = node.is_hidden};
 }
 

@@ -31,6 +31,7 @@ class NodeTable {
     udisk_stat attributes;   ///< as the disk showed them last; see also Grow and SetMode
     Clock::time_point told;  ///< when the disk showed them
     int64_t kernel_size;     ///< where the kernel would append; -1 if unknown
+    int64_t end;             ///< the size, or where this mount's last writes end if that is further
     bool is_hidden = false;  ///< unlinked, but programs have it open
   };
 
@@ -68,6 +69,9 @@ class NodeTable {
   [[nodiscard]] bool IsChangedSince(Id id, Clock::time_point time) const;
   /// Raises a file's size to this one if it is smaller, because the kernel has written that far.
   void Grow(Id id, int64_t size);
+  /// Takes a file's size for its end again, unless a write has moved the end since.
+  /// @param end  what a Find has given, before the disk was asked and showed the size
+  void ForgetEnd(Id id, int64_t end);
   /// Notes that the kernel gets the stored attributes.
   void NoteTold(Id id);
   /// Notes that the kernel does not know of a change of the file.
@@ -131,6 +135,7 @@ class NodeTable {
     uint64_t references;  // the kernel's, and one for each name below
     udisk_stat attributes;
     int64_t kernel_size = -1;
+    int64_t written_end = 0;  // an answer that shows less may be older than the write
     Clock::time_point told = {};
     Clock::time_point looked_up = {};  // for the next call of TakeLookup
     Clock::time_point renewed = {};

@@ -156,6 +156,22 @@ TEST_F(Nodes, KnowWhereTheKernelWouldAppend) {
   EXPECT_EQ(kernel_size(node), -1);
 }
 
+TEST_F(Nodes, EndWhereThisMountHasWrittenUntilTheDiskIsAskedAgain) {
+  const auto end = [this](NodeTable::Id node) { return nodes.Find(node)->end; };
+  const auto node = nodes.Lookup(kRoot, "a", File(1, 1, 100));
+  nodes.Grow(node, 600);
+  nodes.Update(node, File(1, 1, 100));  // may have been asked for before the write
+  EXPECT_EQ(end(node), 600);
+  nodes.Grow(node, 700);
+  nodes.Update(node, File(1, 1, 100));
+  nodes.ForgetEnd(node, 600);  // asked for before the second write
+  EXPECT_EQ(end(node), 700);
+  nodes.ForgetEnd(node, 700);
+  EXPECT_EQ(end(node), 100);
+  nodes.Update(node, File(1, 1, 800));
+  EXPECT_EQ(end(node), 800);
+}
+
 TEST_F(Nodes, LetEachLookupBeTakenOnce) {
   const auto never = NodeTable::Clock::time_point();
   const auto node = nodes.Lookup(kRoot, "a", File(1));

@@ -239,6 +239,41 @@ TEST_F(ReplacedWhileOpen, MakesAFirstAppendGoToTheNewFile) {
   EXPECT_EQ(ReadFile(disk / "file"), "new content\none\ntwo\nthree\nfour\n");
 }
 
+TEST_F(ReplacedWhileOpen, LeavesAppendsOneAfterTheOtherWhileAnotherProgramAsksForTheSize) {
+  const auto path = *mounted / "file";
+  const int fd = Open(O_WRONLY | O_APPEND);
+  Replace();
+  std::atomic<bool> stop = false;
+  std::thread asking([&] {
+    struct stat attributes {};
+    while (!stop) stat(path.c_str(), &attributes);
+  });
+  std::string expected = "new content\n";
+  for (int i = 0; i < 500; ++i) {
+    const auto line = std::to_string(i) + '\n';
+    EXPECT_EQ(write(fd, line.data(), line.size()), static_cast<ssize_t>(line.size())) << errno;
+    expected += line;
+  }
+  stop = true;
+  asking.join();
+  EXPECT_EQ(close(fd), 0) << errno;
+  EXPECT_EQ(ReadFile(disk / "file"), expected);
+}
+
+TEST_F(ReplacedWhileOpen, MakesAnAppendGoToTheEndAtWhichTheClientHasCutTheNewFile) {
+  const int fd = Open(O_WRONLY | O_APPEND);
+  Replace();
+  EXPECT_EQ(write(fd, "one\n", 4), 4) << errno;
+  EXPECT_EQ(fsync(fd), 0) << errno;
+  fs::resize_file(disk / "file", 4);
+  ASSERT_EQ(Shell("cat " + (*mounted / "file")).status, 0);  // shows the mount the new size
+  EXPECT_EQ(write(fd, "two\n", 4), 4) << errno;
+  EXPECT_EQ(truncate((*mounted / "file").c_str(), 6), 0) << errno;
+  EXPECT_EQ(write(fd, "three\n", 6), 6) << errno;
+  EXPECT_EQ(close(fd), 0) << errno;
+  EXPECT_EQ(ReadFile(disk / "file"), "new twthree\n");
+}
+
 TEST_F(ReplacedWhileOpen, MakesAFirstAppendFailIfTheNewFileHasOtherPermissions) {
   const int fd = Open(O_WRONLY | O_APPEND);
   chmod((disk / "file~").c_str(), 0400);
