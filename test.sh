@@ -7,7 +7,7 @@
 #   ./test.sh --lint      only the linter, over everything that is shipped
 #   ./test.sh --fuzz S    only the fuzzers, each for S seconds
 #   ./test.sh --coverage  counts which lines the tests run, and writes the sums into README.md;
-#                         then scripts/coverage.sh --lines prints those that have not run
+#                         to print those that have not run, call scripts/coverage.sh --lines next
 #   ./test.sh --ci        as --all, with warnings as errors; then the linter, and the fuzzers for a
 #                         minute each
 set -euo pipefail

@@ -65,7 +65,7 @@ pid_t StarterOf(pid_t process) {
   return workers.front();
 }
 
-/// Whether a process still runs. One that has ended counts as such before its new parent reaps it.
+/// Whether a process still runs. One that has ended does not, even before its new parent reaps it.
 bool Runs(pid_t process) {
   const std::string stat = ContentOf("/proc/" + std::to_string(process) + "/stat");
   return !stat.empty() && stat.find(") Z ") == std::string::npos;
