@@ -426,11 +426,13 @@ struct FuseMount::AttributeChange {
 /// Times are accepted but not set: the protocol cannot set them, and tar, cp -p, rsync and touch
 /// would fail if they were refused.
 void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, struct stat* wanted,
-                              int which, fuse_file_info* /*handle*/) {
+                              int which, fuse_file_info* handle) {
   constexpr int kOwner = FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID;
   if ((which & FUSE_SET_ATTR_SIZE) != 0) writes_.Drain(node);
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
+  // The kernel does not repeat a call on a handle.
+  if (!file && handle != nullptr) return request.ReplyError(ESTALE);
   if (!file) return ReplyStale(request, node);
   const auto& path = file->path;
   const bool sets_mode = (which & FUSE_SET_ATTR_MODE) != 0;

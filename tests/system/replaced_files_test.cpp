@@ -298,6 +298,42 @@ TEST_F(ReplacedWhileOpen, MakesOtherWritesFail) {
   EXPECT_EQ(ReadFile(disk / "file"), "new content\n");
 }
 
+/// Has the kernel ask the mount for an open file's attributes.
+void AskFor(int fd) {
+  struct statx attributes {};
+  EXPECT_EQ(statx(fd, "", AT_EMPTY_PATH | AT_STATX_FORCE_SYNC, STATX_SIZE, &attributes), 0);
+}
+
+class WhatTheClientAppends : public ReplacedWhileOpen {
+ protected:
+  void SetUp() override {
+    ReplacedWhileOpen::SetUp();
+    if (!IsSkipped()) WriteFile(disk / "log", "mine\n");
+  }
+  /// The client appends to a file whose size the kernel knows, and then this thread does.
+  void ExpectToStay() const {
+    const auto path = *mounted / "log";
+    struct stat attributes {};
+    EXPECT_EQ(stat(path.c_str(), &attributes), 0) << errno;
+    std::this_thread::sleep_for(50ms);  // longer than the mount takes a look-up for the open call's
+    WriteFile(disk / "log", "mine\nthe client's\n");
+    const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    EXPECT_EQ(write(fd, "mine\n", 5), 5) << errno;
+    EXPECT_EQ(close(fd), 0) << errno;
+    EXPECT_EQ(ReadFile(disk / "log"), "mine\nthe client's\nmine\n");
+  }
+};
+
+TEST_F(WhatTheClientAppends, StaysAfterACallOnAHandleWhoseFileWasReplaced) {
+  const int fd = Open(O_WRONLY);
+  Replace();
+  AskFor(fd);
+  EXPECT_EQ(ftruncate(fd, 1), -1);
+  EXPECT_EQ(errno, ESTALE);
+  ExpectToStay();
+  close(fd);
+}
+
 TEST_F(ReplacedWhileOpen, LeavesAReaderTheOldFileEvenIfItWasAppendedTo) {
   const int fd = Open(O_RDONLY);
   EXPECT_EQ(Shell("echo line >>" + (*mounted / "file")).output, "");
