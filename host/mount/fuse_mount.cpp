@@ -244,7 +244,7 @@ void FuseMount::Lookup(const KernelRequest& request, fuse_ino_t parent, const ch
     const auto entry = EntryOf(parent, name, look.attributes, asked);
     // From now on the content is there for every program, and keeps its attributes.
     if (look.content != nullptr) (void)reads_.Use(entry.ino, look.content);
-    second_tries_.NoteLookup(request.thread(), entry.ino, look.content);
+    second_tries_.NoteLookup(request.thread(), {parent, name}, entry.ino, look.content);
     if (!request.ReplyEntry(entry)) TakeBack(entry.ino);
   };
   if (second_tries_.Wants(request.thread(), {parent, name})) {

@@ -41,7 +41,8 @@ class SecondTries {
     const std::lock_guard lock(mutex_);
     const auto now = Clock::now();
     std::erase_if(expected_, [now](const auto& one) { return now - one.second.since > kLongest; });
-    expected_[thread] = {.since = now, .wanted = std::move(wanted), .found = {}};
+    expected_[thread] = {
+        .since = now, .wanted = std::move(wanted), .has_wanted = false, .found = {}};
   }
   /// Whether a thread's look-up of a name is to read the file.
   [[nodiscard]] bool Wants(pid_t thread, const Name& name) const {
@@ -49,11 +50,19 @@ class SecondTries {
     const auto one = expected_.find(thread);
     return one != expected_.end() && one->second.wanted == name;
   }
-  /// Notes what a look-up of a thread found. Does nothing unless the thread is on its second try.
-  void NoteLookup(pid_t thread, NodeTable::Id node, CheckedReads::SharedContent content) {
+  /// Notes what a look-up of a thread found. Does nothing unless the thread is on its second try,
+  /// which ends with the look-up of another name after the wanted one: its next call has begun.
+  void NoteLookup(pid_t thread, const Name& name, NodeTable::Id node,
+                  CheckedReads::SharedContent content) {
     const std::lock_guard lock(mutex_);
     const auto one = expected_.find(thread);
     if (one == expected_.end()) return;
+    const bool is_wanted = one->second.wanted == name;
+    if (one->second.has_wanted && !is_wanted) {
+      expected_.erase(one);
+      return;
+    }
+    one->second.has_wanted = is_wanted;
     one->second.found = {.node = node, .when = Clock::now(), .content = std::move(content)};
   }
   /// Whether a thread is on its second try and has just found the node.
@@ -87,6 +96,7 @@ class SecondTries {
   struct Expected {
     Clock::time_point since;
     std::optional<Name> wanted;
+    bool has_wanted = false;  // looked up
     Found found;
   };
 

@@ -21,7 +21,7 @@ TEST_F(SecondTriesTest, FindWhatTheThreadLooksUpAfterwards) {
   tries.Expect(kThread, name);
   EXPECT_FALSE(tries.HasFound(kThread, kNode));
   const auto content = std::make_shared<const CheckedReads::Content>();
-  tries.NoteLookup(kThread, kNode, content);
+  tries.NoteLookup(kThread, name, kNode, content);
   EXPECT_TRUE(tries.HasFound(kThread, kNode));
   EXPECT_TRUE(tries.IsFound(kNode));
   const auto found = tries.Take(kThread, kNode);
@@ -31,7 +31,7 @@ TEST_F(SecondTriesTest, FindWhatTheThreadLooksUpAfterwards) {
 
 TEST_F(SecondTriesTest, EndWhenTheyAreTaken) {
   tries.Expect(kThread, name);
-  tries.NoteLookup(kThread, kNode, nullptr);
+  tries.NoteLookup(kThread, name, kNode, nullptr);
   EXPECT_TRUE(tries.Take(kThread, kNode));
   EXPECT_FALSE(tries.Take(kThread, kNode));
   EXPECT_FALSE(tries.IsFound(kNode));
@@ -40,9 +40,9 @@ TEST_F(SecondTriesTest, EndWhenTheyAreTaken) {
 
 TEST_F(SecondTriesTest, AreNotForOtherThreadsOrNodes) {
   tries.Expect(kThread, name);
-  tries.NoteLookup(kOther, kNode, nullptr);
+  tries.NoteLookup(kOther, name, kNode, nullptr);
   EXPECT_FALSE(tries.IsFound(kNode));
-  tries.NoteLookup(kThread, kNode, nullptr);
+  tries.NoteLookup(kThread, name, kNode, nullptr);
   EXPECT_FALSE(tries.Take(kOther, kNode));
   EXPECT_FALSE(tries.Take(kThread, kNode + 1));
   EXPECT_TRUE(tries.Take(kThread, kNode));
@@ -50,7 +50,7 @@ TEST_F(SecondTriesTest, AreNotForOtherThreadsOrNodes) {
 
 TEST_F(SecondTriesTest, AreNotForThreadsThatCannotBeToldApart) {
   tries.Expect(0, name);
-  tries.NoteLookup(0, kNode, nullptr);
+  tries.NoteLookup(0, name, kNode, nullptr);
   EXPECT_FALSE(tries.Wants(0, name));
   EXPECT_FALSE(tries.Take(0, kNode));
 }
@@ -66,10 +66,26 @@ TEST_F(SecondTriesTest, WantTheContentOfOneNameAtMost) {
 
 TEST_F(SecondTriesTest, KeepOnlyTheLatestLookup) {
   tries.Expect(kThread, name);
-  tries.NoteLookup(kThread, kNode, nullptr);  // a directory on the way
-  tries.NoteLookup(kThread, kNode + 1, nullptr);
+  tries.NoteLookup(kThread, {NodeTable::kRoot, "directory"}, kNode, nullptr);  // on the way
+  tries.NoteLookup(kThread, name, kNode + 1, nullptr);
   EXPECT_FALSE(tries.IsFound(kNode));
   EXPECT_TRUE(tries.Take(kThread, kNode + 1));
+}
+
+TEST_F(SecondTriesTest, MayLookTheWantedNameUpTwice) {
+  tries.Expect(kThread, name);
+  tries.NoteLookup(kThread, name, kNode, nullptr);
+  tries.NoteLookup(kThread, name, kNode, nullptr);
+  EXPECT_TRUE(tries.Take(kThread, kNode));
+}
+
+TEST_F(SecondTriesTest, EndWhenTheThreadsNextCallLooksUpAnotherName) {
+  tries.Expect(kThread, name);
+  tries.NoteLookup(kThread, name, kNode, nullptr);
+  tries.NoteLookup(kThread, {NodeTable::kRoot, "another"}, kNode + 1, nullptr);
+  EXPECT_FALSE(tries.IsFound(kNode));
+  EXPECT_FALSE(tries.Take(kThread, kNode + 1));
+  EXPECT_FALSE(tries.Wants(kThread, name));
 }
 
 }  // namespace

@@ -334,6 +334,15 @@ TEST_F(WhatTheClientAppends, StaysAfterACallOnAHandleWhoseFileWasReplaced) {
   close(fd);
 }
 
+TEST_F(WhatTheClientAppends, StaysAfterACallThatTheKernelHasTriedAgain) {
+  const int fd = Open(O_WRONLY);
+  Replace();
+  AskFor(fd);
+  EXPECT_EQ(chmod((*mounted / "file").c_str(), 0600), 0) << errno;
+  ExpectToStay();
+  close(fd);
+}
+
 TEST_F(ReplacedWhileOpen, LeavesAReaderTheOldFileEvenIfItWasAppendedTo) {
   const int fd = Open(O_RDONLY);
   EXPECT_EQ(Shell("echo line >>" + (*mounted / "file")).output, "");
