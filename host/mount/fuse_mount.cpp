@@ -301,7 +301,9 @@ void FuseMount::GetAttributes(const KernelRequest& request, fuse_ino_t node,
   const auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!file) return ReplyLostFile(request, node);
-  listings_.GetAttributes(file->path, {.must_ask = file->is_hidden || nodes_.IsOutdated(node)},
+  listings_.GetAttributes(file->path,
+                          {.must_ask = file->is_hidden || nodes_.IsOutdated(node),
+                           .directory_size = nodes_.DirectorySize(node)},
                           [this, request, node, is_hidden = file->is_hidden](
                               const Result<udisk_stat>& result, Asked asked) {
                             ReplyAttributes(request, node, is_hidden, result, asked);

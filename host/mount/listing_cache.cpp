@@ -285,10 +285,10 @@ bool ListingCache::WantsListingLocked(const std::string& directory, std::string_
     std::erase_if(askings_, [&](const auto& one) { return now - one.second.since > trusted_; });
     if (askings_.size() >= kMostAskings) askings_.clear();
   }
-  const auto [place, is_new] = askings_.try_emplace(directory);
-  auto& asking = place->second;
-  if (is_new)
+  auto& asking = askings_[directory];
+  if (asking.entries == 0) {
     asking.entries = static_cast<size_t>(std::max<int64_t>(directory_size, 0)) / kBytesOfName;
+  }
   if (now - asking.since > trusted_) {
     asking.since = now;
     asking.count = 0;

@@ -281,6 +281,13 @@ std::optional<std::pair<NodeTable::Id, std::string>> NodeTable::ReplacedName(Id 
   return node->second.replaced_name;
 }
 
+int64_t NodeTable::DirectorySize(Id id) const {
+  const std::lock_guard lock(mutex_);
+  const auto node = nodes_.find(id);
+  if (node == nodes_.end() || node->second.names.empty()) return 0;
+  return nodes_.at(node->second.names.front().first).attributes.st_size;
+}
+
 std::optional<std::string> NodeTable::ChildPath(Id parent, const std::string& name) const {
   const std::lock_guard lock(mutex_);
   auto path = PathLocked(parent);

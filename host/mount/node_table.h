@@ -96,6 +96,8 @@ class NodeTable {
   /// The directory and the name that a file had when another file took its place; empty if it has a
   /// name, or lost its name through this mount.
   [[nodiscard]] std::optional<std::pair<Id, std::string>> ReplacedName(Id id) const;
+  /// The st_size of the directory that a node is in; 0 if unknown.
+  [[nodiscard]] int64_t DirectorySize(Id id) const;
   /// The path of a name in a directory.
   [[nodiscard]] std::optional<std::string> ChildPath(Id parent, const std::string& name) const;
 

@@ -156,6 +156,17 @@ TEST_F(Nodes, KnowWhereTheKernelWouldAppend) {
   EXPECT_EQ(kernel_size(node), -1);
 }
 
+TEST_F(Nodes, KnowTheSizeOfTheirDirectory) {
+  auto attributes = Directory(1);
+  attributes.st_size = 4096;
+  const auto directory = nodes.Lookup(kRoot, "dir", attributes);
+  const auto file = nodes.Lookup(directory, "file", File(2));
+  EXPECT_EQ(nodes.DirectorySize(file), 4096);
+  nodes.Unlink(directory, "file");
+  EXPECT_EQ(nodes.DirectorySize(file), 0);
+  EXPECT_EQ(nodes.DirectorySize(kRoot), 0);
+}
+
 TEST_F(Nodes, EndWhereThisMountHasWrittenUntilTheDiskIsAskedAgain) {
   const auto end = [this](NodeTable::Id node) { return nodes.Find(node)->end; };
   const auto node = nodes.Lookup(kRoot, "a", File(1, 1, 100));

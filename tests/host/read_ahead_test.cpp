@@ -676,6 +676,16 @@ TEST_F(KnownNames, AreAskedForOneByOneForLongerInALargeDirectory) {
   EXPECT_EQ(Asked(kDirRead), 1);
 }
 
+TEST_F(KnownNames, AreAskedForOneByOneOnceTheDirectoryIsKnownToBeLarge) {
+  Shown shown;
+  Ask("/d/a", &shown);
+  for (const char* path : {"/d/b", "/d/c", "/d/d", "/d/e"}) {
+    Ask(path, &shown, {.directory_size = 1 << 20});
+  }
+  Work();
+  EXPECT_EQ(Asked(kDirRead), 0);
+}
+
 TEST_F(KnownNames, AreAskedForOneByOneWhenTheListingFails) {
   std::vector<Shown> shown(3);
   for (size_t i = 0; i < 3; ++i) Ask("/other/" + std::to_string(i), &shown[i]);
