@@ -145,7 +145,7 @@ void FuseMount::ShowMade(const std::shared_ptr<Making>& making) {
     const auto entry =
         ToEntry(nodes_.Lookup(making->parent, making->name, result.value), result.value);
     ++changes_;
-    if (is_as_made) listings_.NoteMade(making->path, result.value, asked);
+    if (is_as_made) listings_.NoteMade(making->path, result.value, asked, !wanted);
     if (!making->reply(entry)) TakeBack(entry.ino);
   });
 }

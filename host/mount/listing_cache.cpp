@@ -46,10 +46,12 @@ bool IsSame(const udisk_stat& a, const udisk_stat& b) {
          a.st_uid == b.st_uid && a.st_gid == b.st_gid && a.st_nlink == b.st_nlink;
 }
 
-/// Whether a directory is as it was made. It may be an older one: the module reports success when
-/// it is to make a directory that exists.
-bool IsNewDirectory(const udisk_stat& attributes) {
-  return S_ISDIR(attributes.st_mode) && IsSameTime(attributes.st_atim, attributes.st_mtim);
+/// Whether a directory is as it was made. It may be an older one, which the client has just moved
+/// to this name: the module reports success when it is to make a directory that exists.
+bool IsNewDirectory(const udisk_stat& attributes, bool mode_set) {
+  return S_ISDIR(attributes.st_mode) && attributes.st_nlink <= 2 &&
+         IsSameTime(attributes.st_atim, attributes.st_mtim) &&
+         (mode_set || IsSameTime(attributes.st_ctim, attributes.st_mtim));
 }
 
 /// Whether every disk that tells upper from lower case takes the name as it is. Some compose or
@@ -390,14 +392,14 @@ void ListingCache::NoteShown(const std::string& path, const Result<udisk_stat>& 
 }
 
 void ListingCache::NoteMade(const std::string& path, const udisk_stat& attributes,
-                            Clock::time_point asked) {
+                            Clock::time_point asked, bool mode_set) {
   if (!enabled_) return;
   const auto name = NameOf(path);
   const Name itself{.is_known = true, .attributes = attributes, .asked = asked};
   {
     const std::lock_guard lock(mutex_);
     SetNameLocked(DirectoryOf(path), name, HasOtherNames(attributes) ? Name{} : itself);
-    if (!IsNewDirectory(attributes)) return;
+    if (!IsNewDirectory(attributes, mode_set)) return;
     kept_[path] = {.names_asked = asked,
                    .device = attributes.st_dev,
                    .names = {{".", itself}},

@@ -78,10 +78,12 @@ class ListingCache {
   void NoteChange(const std::string& path, RemoteFiles::ChangeOf what);
   /// Notes what the disk showed at a path.
   void NoteShown(const std::string& path, const Result<udisk_stat>& result);
-  /// Notes that this mount has made what is at `path`. A directory is empty then, unless its times
-  /// show that it was there before.
-  /// @param asked  when the attributes were asked for
-  void NoteMade(const std::string& path, const udisk_stat& attributes, Clock::time_point asked);
+  /// Notes that this mount has made what is at `path`. A directory is empty then, unless its
+  /// attributes show that it was there before.
+  /// @param asked     when the attributes were asked for
+  /// @param mode_set  whether its mode was set afterwards
+  void NoteMade(const std::string& path, const udisk_stat& attributes, Clock::time_point asked,
+                bool mode_set = false);
   /// Makes the next question for `path` go to the disk.
   void Doubt(const std::string& path);
   /// Another disk has taken the place of the one that was listed.

@@ -526,7 +526,8 @@ class KnownNames : public ReadAhead {
   }
   static udisk_stat NewDirectory() {
     auto attributes = Attributes(S_IFDIR | 0755, 40);
-    attributes.st_atim = attributes.st_mtim;
+    attributes.st_nlink = 2;
+    attributes.st_atim = attributes.st_ctim = attributes.st_mtim;
     return attributes;
   }
   void List() {
@@ -757,11 +758,27 @@ TEST_F(KnownNames, IncludeThatADirectoryJustMadeIsEmpty) {
 
 TEST_F(KnownNames, DoNotIncludeMissingOnesInADirectoryThatWasThereBefore) {
   List();
-  auto there = NewDirectory();
-  ++there.st_mtim.tv_nsec;
-  cache_.NoteMade("/d/new", there, ListingCache::Clock::now());
-  ExpectKnown("/d/new", 0, 40);
-  ExpectAskedFor("/d/new/x", ENOENT);
+  auto written = NewDirectory();
+  ++written.st_mtim.tv_nsec;
+  ++written.st_ctim.tv_nsec;
+  auto moved = NewDirectory();
+  ++moved.st_ctim.tv_nsec;
+  auto with_directories = NewDirectory();
+  ++with_directories.st_nlink;
+  for (const auto& there : {written, moved, with_directories}) {
+    cache_.NoteMade("/d/new", there, ListingCache::Clock::now());
+    ExpectKnown("/d/new", 0, 40);
+    ExpectAskedFor("/d/new/x", ENOENT);
+    cache_.NoteChange("/d/new", ChangeOf::kName);
+  }
+}
+
+TEST_F(KnownNames, IncludeThatADirectoryIsEmptyWhenItsModeWasSetAfterItWasMade) {
+  List();
+  auto attributes = NewDirectory();
+  ++attributes.st_ctim.tv_nsec;
+  cache_.NoteMade("/d/new", attributes, ListingCache::Clock::now(), true);
+  ExpectKnown("/d/new/x", ENOENT);
 }
 
 TEST_F(KnownNames, DoNotComeFromAttributesAskedForBeforeAListingUnderWay) {
