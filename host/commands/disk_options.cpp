@@ -85,7 +85,8 @@ void AddMountOptions(CLI::App* command, DiskOptions* disk) {
   AddOffFlag(command, "--no-batch", &disk->batch, "Send small writes one by one");
   AddOffFlag(command, "--no-prefetch", &disk->prefetch,
              "Do not read small files or list directories ahead");
-  AddOffFlag(command, "--no-dir-cache", &disk->dir_cache, "List directories in full every time");
+  AddOffFlag(command, "--no-dir-cache", &disk->dir_cache,
+             "List directories in full every time, and ask for every name");
 }
 
 std::string CanonicalDirectory(const std::string& path, const char* what) {

@@ -109,7 +109,7 @@ void ListingCache::ListInFull(uint64_t question, const std::string& directory,
       // It may be too long for the line.
       const std::lock_guard lock(mutex_);
       const auto asking = askings_.find(ended.directory);
-      if (asking != askings_.end()) asking->second.listed = Clock::now() + kLongestUse;
+      if (asking != askings_.end()) asking->second.listed = Clock::now() + kAfterFailure;
     }
     done({.error = result.error});
     Answer(ended.waiting);

@@ -90,6 +90,8 @@ class ListingCache {
   void ForgetDisk();
 
  private:
+  /// For how long no listing replaces questions for the names of a directory that failed to list.
+  static constexpr std::chrono::seconds kAfterFailure{30};
   static constexpr size_t kMostListings = 256;
   static constexpr size_t kMostBytes = 32U << 20;
   static constexpr size_t kMostAskings = 1024;
