@@ -169,6 +169,7 @@ class FuseMount {
   void ReplyChangedAttributes(const KernelRequest& request, fuse_ino_t node,
                               const NodeTable::File& file,
                               const std::shared_ptr<AttributeChange>& change);
+  void DoubtIfWritten(fuse_ino_t node, const std::string& path, NodeTable::Clock::time_point asked);
   void ReplyFailure(const KernelRequest& request, Outcome outcome, Attempt attempt);
   void ReplyDone(const KernelRequest& request);
   /// An open directory's listing, and the value of changes_ when it was requested.

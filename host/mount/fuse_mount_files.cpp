@@ -321,7 +321,6 @@ bool FuseMount::Gather(const KernelRequest& request, std::string_view data, off_
   if (!file || ModeGuard::IsLackingIn(file->attributes.st_mode)) return false;
   offset = PlaceOf(handle, *file, offset);
   if (!writes_.Add(node, file->attributes.st_size, offset, data)) return false;
-  listings_.NoteChange(file->path, RemoteFiles::ChangeOf::kFile);
   ReplyWritten(request, node, data.size(), offset + static_cast<int64_t>(data.size()));
   return true;
 }
@@ -329,6 +328,9 @@ bool FuseMount::Gather(const KernelRequest& request, std::string_view data, off_
 void FuseMount::ReplyWritten(const KernelRequest& request, fuse_ino_t node, size_t size,
                              int64_t end) {
   nodes_.Grow(node, end);
+  if (const auto file = nodes_.Find(node)) {
+    listings_.NoteChange(file->path, RemoteFiles::ChangeOf::kFile);
+  }
   open_files_.NoteWrite(node);
   ++changes_;
   if (!request.ReplyWritten(size)) NoteUntold(node);
@@ -482,15 +484,29 @@ void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, str
 void FuseMount::ReplyChangedAttributes(const KernelRequest& request, fuse_ino_t node,
                                        const NodeTable::File& file,
                                        const std::shared_ptr<AttributeChange>& change) {
-  files_.GetAttributes(file.path, [this, request, node, is_hidden = file.is_hidden,
-                                   change](const Result<udisk_stat>& result) {
-    ++changes_;
-    if (change->outcome != Outcome::kDone) {
-      if (result.error == 0) nodes_.Update(node, result.value);
-      return ReplyFailure(request, change->outcome, change->attempt);
-    }
-    ReplyAttributes(request, node, is_hidden, result);
-  });
+  const auto asked = NodeTable::Clock::now();
+  files_.GetAttributes(file.path,
+                       [this, request, node, path = file.path, is_hidden = file.is_hidden, change,
+                        asked](const Result<udisk_stat>& result) {
+                         ++changes_;
+                         if (change->outcome != Outcome::kDone) {
+                           if (result.error == 0) nodes_.Update(node, result.value);
+                           return ReplyFailure(request, change->outcome, change->attempt);
+                         }
+                         if (result.error == 0) {
+                           listings_.NoteChanged(path, result.value, asked);
+                           DoubtIfWritten(node, path, asked);
+                         }
+                         ReplyAttributes(request, node, is_hidden, result);
+                       });
+}
+
+/// Makes unknown what a file was just seen to be if a program has heard of a write to it since the
+/// disk was asked. A write that is heard of later does so itself.
+void FuseMount::DoubtIfWritten(fuse_ino_t node, const std::string& path,
+                               NodeTable::Clock::time_point asked) {
+  if (!nodes_.IsChangedSince(node, asked)) return;
+  listings_.NoteChange(path, RemoteFiles::ChangeOf::kFile);
 }
 
 void FuseMount::ReplyFailure(const KernelRequest& request, Outcome outcome, Attempt attempt) {

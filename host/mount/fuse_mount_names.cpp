@@ -72,6 +72,7 @@ void FuseMount::MakeFile(const KernelRequest& request, fuse_ino_t parent, const 
                                       .reply = std::move(reply)});
   files_.Create(*path, mode & kPermissions,
                 [making](Outcome outcome) { making->outcome = outcome; });
+  listings_.Refresh(DirectoryOf(*path));
   ShowMade(making);
 }
 
@@ -99,6 +100,7 @@ void FuseMount::MakeDirectory(const KernelRequest& request, fuse_ino_t parent, c
     files_.Rename(passing, *path, keep_outcome);
     files_.RemoveDirectory(passing, [](Outcome) {});
   }
+  listings_.Refresh(DirectoryOf(*path));
   ShowMade(making);
 }
 
@@ -117,6 +119,7 @@ void FuseMount::Link(const KernelRequest& request, fuse_ino_t node, fuse_ino_t n
       .mode = std::nullopt,
       .reply = [request](const fuse_entry_param& entry) { return request.ReplyEntry(entry); }});
   files_.Link(file->path, *new_path, [making](Outcome outcome) { making->outcome = outcome; });
+  listings_.Refresh(DirectoryOf(*new_path));
   ShowMade(making);
 }
 
@@ -140,12 +143,11 @@ void FuseMount::ShowMade(const std::shared_ptr<Making>& making) {
       files_.ChangeMode(making->path, (mode & kPermissions & ~kAccess) | *wanted, [](Outcome) {});
       return ShowMade(making);
     }
-    // Another program may have written to it since.
-    const bool is_as_made = !nodes_.IsOutdated(making->parent, making->name);
     const auto entry =
         ToEntry(nodes_.Lookup(making->parent, making->name, result.value), result.value);
     ++changes_;
-    if (is_as_made) listings_.NoteMade(making->path, result.value, asked, !wanted);
+    listings_.NoteMade(making->path, result.value, asked, !wanted);
+    DoubtIfWritten(entry.ino, making->path, asked);
     if (!making->reply(entry)) TakeBack(entry.ino);
   });
 }
@@ -169,6 +171,7 @@ void FuseMount::Unlink(const KernelRequest& request, fuse_ino_t parent, const ch
         ReplyDone(request);
       },
       nodes_.CurrentAttributes(parent, name));
+  listings_.Refresh(DirectoryOf(*path));
 }
 
 /// Removes the last name of a file that programs have open: renames it on the disk to a hidden
@@ -191,6 +194,7 @@ void FuseMount::Hide(const KernelRequest& request, fuse_ino_t node, fuse_ino_t p
         ReplyDone(request);
       },
       nodes_.CurrentAttributes(parent, name));
+  listings_.Refresh(DirectoryOf(*path));
 }
 
 /// Removes a file that was hidden a moment ago if no program has it open any more: the call that
@@ -215,6 +219,7 @@ void FuseMount::RemoveDirectory(const KernelRequest& request, fuse_ino_t parent,
         ReplyDone(request);
       },
       nodes_.CurrentAttributes(parent, name));
+  listings_.Refresh(DirectoryOf(*path));
 }
 
 /// Moves a directory's hidden files to its parent, so that the directory can be removed.
@@ -315,6 +320,10 @@ void FuseMount::FinishRename(const std::shared_ptr<Renaming>& renaming) {
   };
   files_.Rename(renaming->path, renaming->new_path, finish,
                 nodes_.CurrentAttributes(renaming->parent, renaming->name));
+  const auto directory = DirectoryOf(renaming->path);
+  const auto new_directory = DirectoryOf(renaming->new_path);
+  listings_.Refresh(directory);
+  if (new_directory != directory) listings_.Refresh(new_directory);
 }
 
 void FuseMount::UndoHiding(const Renaming& renaming) {

@@ -233,6 +233,18 @@ void ListingCache::GetAttributes(const std::string& path, const Asked& asked, co
       ++files_.savings().known;
       return answer(name);
     }
+    const auto wait = [this, path, answer](Savings::Count Savings::*count) {
+      return [this, path, answer, count] {
+        const auto name = Look(path);
+        if (name) ++(files_.savings().*count);
+        answer(name);
+      };
+    };
+    if (const auto refreshing = refreshings_.find(path); refreshing != refreshings_.end()) {
+      ++waiting_;
+      refreshing->second.waiting.emplace_back(wait(&Savings::known));
+      return;
+    }
     const auto under_way = std::ranges::find_if(questions_, [&](const auto& one) {
       const auto& listed = one.second;
       return listed.is_listed && !listed.is_void && listed.directory == directory &&
@@ -244,19 +256,15 @@ void ListingCache::GetAttributes(const std::string& path, const Asked& asked, co
       lock.unlock();
       return Ask(path, shown);
     }
-    const auto wait = [this, path, answer] {
-      const auto name = Look(path);
-      if (name) ++files_.savings().shared;
-      answer(name);
-    };
     ++waiting_;
     if (joins) {
-      under_way->second.waiting.emplace_back(wait);
+      under_way->second.waiting.emplace_back(wait(&Savings::shared));
       return;
     }
     question = ++last_question_;
-    questions_.emplace(question,
-                       Question{.directory = directory, .asked = Clock::now(), .waiting = {wait}});
+    questions_.emplace(question, Question{.directory = directory,
+                                          .asked = Clock::now(),
+                                          .waiting = {wait(&Savings::shared)}});
   }
   ListInFull(question, directory, [](const Result<SharedListing>&) {});
 }
@@ -330,7 +338,7 @@ std::optional<ListingCache::Name> ListingCache::LookLocked(const std::string& di
     if (entry->HasAttributes() && !HasOtherNames(entry->attributes)) {
       answer = Name{.is_known = true, .attributes = entry->attributes, .asked = known.asked};
     }
-  } else if (known.listing == nullptr && name != "." && IsPlain(name) &&
+  } else if (IsListed(known) && known.listing == nullptr && name != "." && IsPlain(name) &&
              TellsCaseApartLocked(known)) {
     answer = Name{.is_known = true, .asked = known.names_asked};
   }
@@ -382,7 +390,7 @@ void ListingCache::NoteShown(const std::string& path, const Result<udisk_stat>& 
     } else if (const auto* const entry = EntryOf(known, name); entry != nullptr) {
       attributes = &entry->attributes;
     }
-    if (attributes == nullptr) return result.error != ENOENT;
+    if (attributes == nullptr) return IsListed(known) && result.error != ENOENT;
     return result.error != 0 || !IsSame(*attributes, result.value);
   };
   if (path != "/" && differs(DirectoryOf(path), NameOf(path))) {
@@ -391,22 +399,50 @@ void ListingCache::NoteShown(const std::string& path, const Result<udisk_stat>& 
   if (differs(path, ".")) SetNameLocked(path, ".", {});
 }
 
+void ListingCache::NoteChanged(const std::string& path, const udisk_stat& attributes,
+                               Clock::time_point asked) {
+  if (!enabled_) return;
+  const std::lock_guard lock(mutex_);
+  SetShownLocked(path, attributes, asked);
+}
+
 void ListingCache::NoteMade(const std::string& path, const udisk_stat& attributes,
                             Clock::time_point asked, bool mode_set) {
   if (!enabled_) return;
-  const auto name = NameOf(path);
-  const Name itself{.is_known = true, .attributes = attributes, .asked = asked};
   {
     const std::lock_guard lock(mutex_);
-    SetNameLocked(DirectoryOf(path), name, HasOtherNames(attributes) ? Name{} : itself);
+    SetShownLocked(path, attributes, asked);
     if (!IsNewDirectory(attributes, mode_set)) return;
+    const Name itself{.is_known = true, .attributes = attributes, .asked = asked};
     kept_[path] = {.names_asked = asked,
                    .device = attributes.st_dev,
                    .names = {{".", itself}},
                    .last_use = ++last_use_};
     MakeRoomLocked();
   }
-  ProbeCase(DirectoryOf(path), name, attributes);
+  ProbeCase(DirectoryOf(path), NameOf(path), attributes);
+}
+
+/// Replies come in the order of the requests. So every change that a program has heard of when the
+/// answer comes was carried out before it, and every other change makes the name unknown again.
+void ListingCache::Refresh(const std::string& directory) {
+  if (!enabled_) return;
+  {
+    const std::lock_guard lock(mutex_);
+    ++refreshings_[directory].unanswered;
+  }
+  const auto asked = Clock::now();
+  files_.GetAttributes(directory, [this, directory, asked](const Result<udisk_stat>& result) {
+    std::vector<std::function<void()>> waiting;
+    {
+      const std::lock_guard lock(mutex_);
+      const auto refreshing = refreshings_.find(directory);
+      waiting = std::exchange(refreshing->second.waiting, {});
+      if (--refreshing->second.unanswered == 0) refreshings_.erase(refreshing);
+      if (result.error == 0) SetShownLocked(directory, result.value, asked);
+    }
+    Answer(waiting);
+  });
 }
 
 void ListingCache::Doubt(const std::string& path) {
@@ -429,7 +465,7 @@ void ListingCache::ForgetDisk() {
 /// Sets what is known of a name from now on, whatever the listing and those on their way show.
 void ListingCache::SetNameLocked(const std::string& directory, std::string_view name,
                                  const Name& value) {
-  const auto kept = kept_.find(directory);
+  auto kept = kept_.find(directory);
   const bool concerns_others =
       name != "." && !(kept != kept_.end() && TellsCaseApartLocked(kept->second) && IsPlain(name));
   for (auto& [id, question] : questions_) {
@@ -438,16 +474,46 @@ void ListingCache::SetNameLocked(const std::string& directory, std::string_view 
     question.changes.insert_or_assign(std::string(name), is_older ? Name{} : value);
     question.is_void |= concerns_others;
   }
-  if (kept == kept_.end()) return;
+  if (kept == kept_.end()) {
+    if (!value.is_known) return;
+    kept = kept_.emplace(directory, Directory{.last_use = ++last_use_}).first;
+    MakeRoomLocked();
+  }
   auto& known = kept->second;
   const auto now = Clock::now();
-  const bool is_old = now - known.asked >= trusted_ && now - known.names_asked >= trusted_;
-  if (concerns_others || is_old) {
-    kept_.erase(kept);  // with newer names known beside it, the listing would never be checked
-    return;
+  const auto is_old = [&](Clock::time_point time) { return now - time >= trusted_; };
+  // With newer names known beside it, a listing would never be checked.
+  if (concerns_others || !IsListed(known) || (is_old(known.asked) && is_old(known.names_asked))) {
+    ForgetListing(known, !concerns_others);
+    if (!value.is_known) return void(known.names.erase(std::string(name)));
   }
   known.names.insert_or_assign(std::string(name), value);
   if (known.names.size() % 1024 == 0) MakeRoomLocked();
+}
+
+/// Sets what is known of a path to what the disk has shown.
+void ListingCache::SetShownLocked(const std::string& path, const udisk_stat& attributes,
+                                  Clock::time_point asked) {
+  const Name shown{.is_known = true, .attributes = attributes, .asked = asked};
+  const bool is_root = path == "/";
+  SetNameLocked(is_root ? path : DirectoryOf(path), is_root ? "." : NameOf(path),
+                HasOtherNames(attributes) ? Name{} : shown);
+}
+
+/// Forgets a listing, and the names beside it that can no longer be trusted.
+/// @param keeps_names  false: all names but the directory itself
+void ListingCache::ForgetListing(Directory& known, bool keeps_names) {
+  known.listing = nullptr;
+  known.is_checkable = false;
+  known.asked = known.names_asked = {};
+  known.by_name.clear();
+  const auto now = Clock::now();
+  if (keeps_names && now - known.sifted < trusted_) return;
+  known.sifted = now;
+  std::erase_if(known.names, [&](const auto& one) {
+    const auto& [name, value] = one;
+    return !value.is_known || now - value.asked >= trusted_ || (!keeps_names && name != ".");
+  });
 }
 
 // ---- Upper and lower case ----

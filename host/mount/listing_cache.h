@@ -31,6 +31,7 @@ namespace cpd::host {
 /// once. For kTrusted, a directory that was made through this mount counts as empty, except for
 /// what this mount makes in it. Changes through this mount show at once: they make the names that
 /// they concern unknown, until the disk is asked again or the caller says what has become of them.
+/// What the caller says answers questions for kTrusted, whether the directory was listed or not.
 /// If several names of a directory are asked for, the directory is listed, and the listing answers
 /// them all.
 ///
@@ -78,12 +79,18 @@ class ListingCache {
   void NoteChange(const std::string& path, RemoteFiles::ChangeOf what);
   /// Notes what the disk showed at a path.
   void NoteShown(const std::string& path, const Result<udisk_stat>& result);
-  /// Notes that this mount has made what is at `path`. A directory is empty then, unless its
-  /// attributes show that it was there before.
-  /// @param asked     when the attributes were asked for
+  /// Notes what is at `path` after a change of it through this mount.
+  /// @param asked  when the attributes were asked for; that was after the change was sent
+  void NoteChanged(const std::string& path, const udisk_stat& attributes, Clock::time_point asked);
+  /// The same for what this mount has made. A directory is empty then, unless its attributes show
+  /// that it was there before.
   /// @param mode_set  whether its mode was set afterwards
   void NoteMade(const std::string& path, const udisk_stat& attributes, Clock::time_point asked,
                 bool mode_set = false);
+  /// Asks for a directory's attributes, because the kernel does when the next of its names is to
+  /// change. To be called when the request that changes a name in it was sent, while the gate is
+  /// still held. Nothing waits for the answer but questions for the directory.
+  void Refresh(const std::string& directory);
   /// Makes the next question for `path` go to the disk.
   void Doubt(const std::string& path);
   /// Another disk has taken the place of the one that was listed.
@@ -107,10 +114,11 @@ class ListingCache {
   using Names = std::map<std::string, Name, std::less<>>;
 
   struct Directory {
-    SharedListing listing = nullptr;     // null for one that was made and never listed
+    SharedListing listing = nullptr;     // null for one that was not listed
     bool is_checkable = false;           // the listing
     Clock::time_point asked = {};        // for the listing
-    Clock::time_point names_asked = {};  // when it was last seen to have no other names
+    Clock::time_point names_asked = {};  // when it was last seen to have no other names, if ever
+    Clock::time_point sifted = {};       // when those of `names` that are too old were dropped
     int64_t device = 0;
     Names names = {};                    // newer than the listing
     std::vector<uint32_t> by_name = {};  // indexes of the listing's entries; built when needed
@@ -123,6 +131,11 @@ class ListingCache {
     Names changes = {};      // what the answer may not show
     bool is_void = false;    // a change may have made the whole answer wrong
     bool is_listed = false;  // a full listing is on its way
+    std::vector<std::function<void()>> waiting = {};
+  };
+  /// What waits for the answers to Refresh.
+  struct Refreshing {
+    size_t unanswered = 0;
     std::vector<std::function<void()>> waiting = {};
   };
   /// Names of a directory that were asked for one by one.
@@ -144,6 +157,10 @@ class ListingCache {
   bool Confirm(uint64_t question, const SharedListing& listing);
   SharedListing Keep(uint64_t question, Listing&& answer);
   void Answer(const std::vector<std::function<void()>>& waiting);
+  /// Whether more is known of a directory than single names.
+  static bool IsListed(const Directory& known) {
+    return known.listing != nullptr || known.names_asked != Clock::time_point();
+  }
   static const Listing::Entry* EntryOf(Directory& known, std::string_view name);
   void Ask(const std::string& path, const Shown& shown);
   std::optional<Name> Look(const std::string& path);
@@ -152,6 +169,9 @@ class ListingCache {
   bool WantsListingLocked(const std::string& directory, std::string_view name,
                           int64_t directory_size);
   void SetNameLocked(const std::string& directory, std::string_view name, const Name& value);
+  void SetShownLocked(const std::string& path, const udisk_stat& attributes,
+                      Clock::time_point asked);
+  void ForgetListing(Directory& known, bool keeps_names);
   bool TellsCaseApartLocked(const Directory& known) const;
   void ProbeCase(const std::string& directory, std::string_view name, const udisk_stat& known);
   void MakeRoomLocked();
@@ -164,10 +184,11 @@ class ListingCache {
   uint64_t last_use_ = 0;
   std::map<uint64_t, Question> questions_;
   uint64_t last_question_ = 0;
-  std::map<std::string, Asking> askings_;     // by directory
-  std::set<std::string> doubted_;             // paths
+  std::map<std::string, Refreshing> refreshings_;  // by directory
+  std::map<std::string, Asking> askings_;          // by directory
+  std::set<std::string> doubted_;                  // paths
   std::map<int64_t, bool> tells_case_apart_;  // by device; false also while it is being found out
-  size_t waiting_ = 0;                        // in all questions, or being answered
+  size_t waiting_ = 0;                        // for answers, or being answered
   std::condition_variable answered_;
 };
 

@@ -41,8 +41,10 @@ NodeTable::Id NodeTable::Lookup(Id parent, const std::string& name, const udisk_
 }
 
 /// Whether what is known of a file is newer than the disk's answer to a question asked at `asked`.
+/// Never true of a directory: what is remembered of one is as new as the last answer about it, even
+/// if it was asked for before that answer came.
 bool NodeTable::IsNewer(const Node& node, std::optional<Clock::time_point> asked) {
-  return asked && (IsOutdated(node) || node.told > *asked);
+  return asked && !S_ISDIR(node.attributes.st_mode) && (IsOutdated(node) || node.told > *asked);
 }
 
 NodeTable::Clock::time_point NodeTable::TakeLookup(Id id) {

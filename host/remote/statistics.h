@@ -54,7 +54,7 @@ struct Savings {
   Count waits;  ///< calls of the kernel that were answered only after the disk had answered
 
   Count questions;  ///< of the kernel: for a name, or for a file's attributes
-  Count known;      ///< of these, those that were answered from what the disk had shown before
+  Count known;      ///< of these, those that were answered from what the disk was asked before
   Count shared;     ///< of these, those that one listing answered together
   Count listings;   ///< directories that programs listed
 

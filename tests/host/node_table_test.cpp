@@ -51,6 +51,15 @@ TEST_F(Nodes, AreTheSameForEachLookupOfAName) {
   EXPECT_EQ(PathOf(node), "/a");
 }
 
+TEST_F(Nodes, ShowTheLastAnswerForADirectoryThoughItWasAskedForBeforeAnother) {
+  const auto asked = NodeTable::Clock::now() - 1ms;
+  const auto directory = nodes.Lookup(kRoot, "dir", Directory(1));
+  auto grown = Directory(1);
+  grown.st_size = 77;
+  EXPECT_TRUE(nodes.Update(directory, grown, asked));
+  EXPECT_EQ(nodes.LastAttributes(directory)->st_size, 77);
+}
+
 TEST_F(Nodes, MoveWithARenamedDirectory) {
   const auto directory = nodes.Lookup(kRoot, "dir", Directory(1));
   const auto inner = nodes.Lookup(directory, "inner", Directory(2));

@@ -781,6 +781,81 @@ TEST_F(KnownNames, IncludeThatADirectoryIsEmptyWhenItsModeWasSetAfterItWasMade) 
   ExpectKnown("/d/new/x", ENOENT);
 }
 
+TEST_F(KnownNames, IncludeWhatTheDiskShowedAfterAChangeInADirectoryThatWasNotListed) {
+  cache_.NoteChange("/d/a", ChangeOf::kFile);
+  cache_.NoteChanged("/d/a", files_on_disk_["a"], ListingCache::Clock::now());
+  ExpectKnown("/d/a", 0, 5);
+  ExpectAskedFor("/d/missing", ENOENT);
+  ExpectKnown("/d/a", 0, 5);
+  cache_.NoteChange("/d/a", ChangeOf::kFile);
+  ExpectAskedFor("/d/a", 0, 5);
+}
+
+TEST_F(KnownNames, IncludeNothingShownAfterAChangeThatHasGrownOld) {
+  cache_.NoteChanged("/d/a", files_on_disk_["a"], ListingCache::Clock::now() - 1h);
+  ExpectAskedFor("/d/a", 0, 5);
+}
+
+TEST_F(KnownNames, IncludeNothingShownInADirectoryThatHasMoved) {
+  cache_.NoteChanged("/d/a", files_on_disk_["a"], ListingCache::Clock::now());
+  cache_.NoteChange("/d", ChangeOf::kName);
+  ExpectAskedFor("/d/a", 0, 5);
+}
+
+TEST_F(KnownNames, IncludeOneOfTwoThatMayBeTheSameInADirectoryThatWasNotListed) {
+  cache_.NoteChanged("/d/a", files_on_disk_["a"], ListingCache::Clock::now());
+  cache_.NoteChanged("/d/b", files_on_disk_["b"], ListingCache::Clock::now());
+  ExpectAskedFor("/d/a", 0, 5);
+  ExpectKnown("/d/b", 0, 5);
+}
+
+TEST_F(KnownNames, IncludeADirectoryInWhichANameWasChanged) {
+  cache_.NoteChange("/d/new", ChangeOf::kName);
+  cache_.Refresh("/d");
+  Shown shown;
+  Ask("/d", &shown);  // waits for the same answer
+  cache_.NoteChange("/d/new", ChangeOf::kName);
+  Work();
+  EXPECT_EQ(shown.size, 100);
+  EXPECT_TRUE(shown.is_known);
+  EXPECT_EQ(Asked(kGetFileAttr), 1);
+  ExpectKnown("/d", 0, 100);
+}
+
+TEST_F(KnownNames, IncludeADirectoryAsItIsAfterTheLastChange) {
+  cache_.Refresh("/d");
+  Work();
+  cache_.NoteChange("/d/new", ChangeOf::kName);
+  directory_.st_size = 101;
+  cache_.Refresh("/d");
+  cache_.Refresh("/d");
+  Work();
+  ExpectKnown("/d", 0, 101);
+  cache_.NoteChange("/d/new", ChangeOf::kName);
+  ExpectAskedFor("/d", 0, 101);
+}
+
+TEST_F(KnownNames, AreAskedForWhenADirectoryCouldNotBeRefreshed) {
+  cache_.Refresh("/other");
+  Shown shown;
+  Ask("/other", &shown);
+  Work();
+  EXPECT_EQ(shown.error, ENOENT);
+  EXPECT_FALSE(shown.is_known);
+  cache_.AwaitAnswers();
+}
+
+TEST_F(KnownNames, AreNotAskedForWithoutACache) {
+  ListingCache cache(files_, false);
+  cache.Refresh("/d");
+  cache.NoteChanged("/d/a", files_on_disk_["a"], ListingCache::Clock::now());
+  Work();
+  EXPECT_EQ(Asked(kGetFileAttr), 0);
+  cache.GetAttributes("/d/a", {}, [](const auto&, const auto&) {});
+  Work();
+  EXPECT_EQ(Asked(kGetFileAttr), 1);
+}
+
 TEST_F(KnownNames, DoNotComeFromAttributesAskedForBeforeAListingUnderWay) {
   List();
   const auto before = ListingCache::Clock::now();

@@ -1,4 +1,8 @@
 // How often programs wait for the disk, by the counts that the host prints at its end.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <string>
 
@@ -14,6 +18,16 @@ class RoundTrips : public MountTest {
   static void Run(const std::string& commands) {
     const auto result = Shell(commands);
     EXPECT_EQ(result.status, 0) << commands << '\n' << result.output;
+  }
+  /// How many names and attributes the kernel asked for that the mount had to ask for.
+  static int Unknown(const Ending& ending) {
+    return ending.Count("names and attributes asked for") - ending.Count("known from before") -
+           ending.Count("answered by one listing");
+  }
+  /// Makes the mount find out that the disk tells upper from lower case, from the first name in it.
+  static void AwaitProbeOfCase(const MountedDisk& mounted) {
+    EXPECT_NE(fs::directory_iterator(mounted.path()), fs::directory_iterator());
+    EXPECT_FALSE(fs::exists(mounted / "missing"));  // answered later than the probe
   }
 };
 
@@ -55,6 +69,51 @@ TEST_F(RoundTrips, AreNotMadeForNamesInADirectoryJustMade) {
   }
   const auto ending = mounted.Unmount();
   EXPECT_LE(ending.Requests(102), 40) << ending.out;
+}
+
+// What is known is trusted for a second, so a pause of a busy machine may cost some requests more.
+TEST_F(RoundTrips, AreNotMadeForTheDirectoryWhoseNamesChange) {
+  constexpr int kFiles = 50;
+  const auto name = [](int i) { return "/old/file" + std::to_string(i); };
+  fs::create_directory(disk / "old");
+  for (int i = 0; i < kFiles; ++i) WriteFile(disk.path() + name(i), "content");
+  MountedDisk mounted(disk.path());
+  AwaitProbeOfCase(mounted);
+  for (int i = 0; i < kFiles; ++i) EXPECT_EQ(unlink((mounted.path() + name(i)).c_str()), 0) << i;
+  const auto ending = mounted.Unmount();
+  EXPECT_EQ(ending.Requests(117), kFiles) << ending.out;
+  EXPECT_LE(Unknown(ending), kFiles / 2) << ending.out;
+}
+
+TEST_F(RoundTrips, AreNotMadeForNamesAndAttributesWhenFilesAreMade) {
+  constexpr int kFiles = 50;
+  fs::create_directory(disk / "old");
+  MountedDisk mounted(disk.path());
+  AwaitProbeOfCase(mounted);
+  fs::create_directory(mounted / "new");
+  for (int i = 0; i < kFiles; ++i) {
+    WriteFile((mounted / "new/file") + std::to_string(i), "content");
+    EXPECT_TRUE(S_ISDIR(Lstat(mounted / "new").st_mode)) << i;
+  }
+  const auto ending = mounted.Unmount();
+  EXPECT_EQ(ending.Requests(103), kFiles) << ending.out;
+  EXPECT_LE(Unknown(ending), kFiles / 2) << ending.out;
+}
+
+// The kernel asks for a file's attributes before it changes the owner.
+TEST_F(RoundTrips, AreNotMadeForAttributesThatWereJustChanged) {
+  constexpr int kTimes = 50;
+  WriteFile(disk / "file", "content");
+  MountedDisk mounted(disk.path());
+  const auto path = mounted / "file";
+  for (int i = 0; i < kTimes; ++i) {
+    const mode_t mode = i % 2 == 0 ? 0600 : 0640;
+    EXPECT_EQ(chmod(path.c_str(), mode), 0) << i;
+    EXPECT_EQ(chown(path.c_str(), getuid(), getgid()), 0) << i;
+    EXPECT_EQ(Lstat(path).st_mode & 0777, mode) << i;
+  }
+  const auto ending = mounted.Unmount();
+  EXPECT_LE(Unknown(ending), kTimes / 2) << ending.out;
 }
 
 TEST_F(RoundTrips, AreNotMadeForExtendedAttributesAndNoProgramComplains) {
