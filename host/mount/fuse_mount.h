@@ -166,6 +166,7 @@ class FuseMount {
   using Asked = std::optional<NodeTable::Clock::time_point>;
   void ReplyAttributes(const KernelRequest& request, fuse_ino_t node, bool is_hidden,
                        const Result<udisk_stat>& result, Asked asked = std::nullopt);
+  bool AcceptTimes(const KernelRequest& request, fuse_ino_t node, const NodeTable::File& file);
   void ReplyChangedAttributes(const KernelRequest& request, fuse_ino_t node,
                               const NodeTable::File& file,
                               const std::shared_ptr<AttributeChange>& change);

@@ -439,6 +439,8 @@ void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, str
   const auto& path = file->path;
   const bool sets_mode = (which & FUSE_SET_ATTR_MODE) != 0;
   const bool sets_owner = (which & kOwner) != 0;
+  const bool sets_size = (which & FUSE_SET_ATTR_SIZE) != 0;
+  if (!sets_mode && !sets_owner && !sets_size && AcceptTimes(request, node, *file)) return;
   // The module would follow the link and change its target.
   if (S_ISLNK(file->attributes.st_mode) && (sets_mode || sets_owner)) {
     return request.ReplyError(ENOTSUP);
@@ -460,7 +462,7 @@ void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, str
     nodes_.SetMode(node, wanted->st_mode);  // requests sent after this rely on it
   }
   const int64_t size = wanted->st_size;
-  if ((which & FUSE_SET_ATTR_SIZE) != 0) {
+  if (sets_size) {
     nodes_.NoteChange(node);
     reads_.Forget(node);
     open_files_.NoteWrite(node);
@@ -477,6 +479,20 @@ void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, str
     files_.Truncate(path, static_cast<uint64_t>(size), keep_failure(Kind::kWrite, size));
   }
   ReplyChangedAttributes(request, node, *file, change);
+}
+
+/// Answers a change of times, which is not made, without asking the disk, if that has shown the
+/// file lately. After a write its times are not known, so the kernel must not keep what it gets
+/// here.
+/// @return false when the disk has to be asked
+bool FuseMount::AcceptTimes(const KernelRequest& request, fuse_ino_t node,
+                            const NodeTable::File& file) {
+  if (!writes_early_ || NodeTable::Clock::now() - file.told >= Prefetch::kTrusted) return false;
+  struct stat attributes = ToStat(file.attributes);
+  if (file.is_hidden) --attributes.st_nlink;
+  nodes_.NoteTold(node);
+  if (!request.ReplyAttributes(attributes, 0)) NoteUntold(node);
+  return true;
 }
 
 /// Asks for the attributes right after the changes, which saves a round trip: requests are carried

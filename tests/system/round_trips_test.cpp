@@ -116,6 +116,27 @@ TEST_F(RoundTrips, AreNotMadeForAttributesThatWereJustChanged) {
   EXPECT_LE(Unknown(ending), kTimes / 2) << ending.out;
 }
 
+TEST_F(RoundTrips, AreNotMadeForTimesButToShowThem) {
+  constexpr int kTimes = 50;
+  WriteFile(disk / "file", "");
+  MountedDisk mounted(disk.path());
+  const auto path = mounted / "file";
+  const int file = open(path.c_str(), O_WRONLY);
+  ASSERT_GE(file, 0);
+  for (int i = 0; i < kTimes; ++i) {
+    EXPECT_EQ(write(file, "x", 1), 1) << i;
+    EXPECT_EQ(futimens(file, nullptr), 0) << i;
+  }
+  const auto shown = Lstat(path);
+  const auto there = Lstat(disk / "file");
+  EXPECT_EQ(shown.st_size, kTimes);
+  EXPECT_EQ(shown.st_mtim.tv_sec, there.st_mtim.tv_sec);
+  EXPECT_EQ(shown.st_mtim.tv_nsec, there.st_mtim.tv_nsec);
+  EXPECT_EQ(close(file), 0);
+  const auto ending = mounted.Unmount();
+  EXPECT_LE(ending.Requests(102), kTimes / 2) << ending.out;
+}
+
 TEST_F(RoundTrips, AreNotMadeForExtendedAttributesAndNoProgramComplains) {
   fs::create_directory(disk / "from");
   for (int i = 0; i < 5; ++i) WriteFile((disk / "from/file") + std::to_string(i), Bytes(5000));
