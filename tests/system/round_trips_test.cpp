@@ -90,10 +90,11 @@ TEST_F(RoundTrips, AreNotMadeForNamesAndAttributesWhenFilesAreMade) {
   fs::create_directory(disk / "old");
   MountedDisk mounted(disk.path());
   AwaitProbeOfCase(mounted);
-  fs::create_directory(mounted / "new");
   for (int i = 0; i < kFiles; ++i) {
-    WriteFile((mounted / "new/file") + std::to_string(i), "content");
-    EXPECT_TRUE(S_ISDIR(Lstat(mounted / "new").st_mode)) << i;
+    const auto directory = (mounted / "new") + std::to_string(i / 10);
+    if (i % 10 == 0) fs::create_directory(directory);
+    WriteFile(directory + "/file" + std::to_string(i), "content");
+    EXPECT_TRUE(S_ISDIR(Lstat(directory).st_mode)) << i;
   }
   const auto ending = mounted.Unmount();
   EXPECT_EQ(ending.Requests(103), kFiles) << ending.out;
