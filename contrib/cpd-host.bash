@@ -24,7 +24,7 @@ _cpd_host_options() {
   local record='--record --record-bytes'
   local disk="--module --policy --bandwidth --trace --trace-reads --unconfined $record $log"
   local naming='--name --read-only'
-  local mount='--label --allow-other --sync --no-batch --no-prefetch --no-dir-cache'
+  local mount='--label --allow-other --sync --no-batch --no-prefetch --no-dir-cache --cache-memory'
   local stream='--window --no-sandbox'
   local dial='--via --rsh --remote-program -p -F -i --reconnect'
   case $1 in
@@ -59,7 +59,7 @@ _cpd_host_hosts() {
 _cpd_host_has_value() {
   case $1 in
     --module | --policy | --bandwidth | --timeout | --trace | --log | --log-level | --device) ;;
-    --record | --record-bytes) ;;
+    --record | --record-bytes | --cache-memory) ;;
     --name | --label | --window | --reconnect | --via | --rsh | --remote-program) ;;
     -p | -F | -i | --match) ;;
     *) return 1 ;;

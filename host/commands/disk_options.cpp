@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "commands/command.h"
+#include "mount/cache_memory.h"
 
 namespace cpd::host {
 namespace {
@@ -87,6 +88,11 @@ void AddMountOptions(CLI::App* command, DiskOptions* disk) {
              "Do not read small files or list directories ahead");
   AddOffFlag(command, "--no-dir-cache", &disk->dir_cache,
              "List directories in full every time, and ask for every name");
+  command
+      ->add_option("--cache-memory", disk->cache_mib,
+                   "Memory that the caches may take together, in MiB [64]")
+      ->check(CLI::Range(1U, CacheMemory::kMostMib).description(""))
+      ->type_name("MIB");
 }
 
 std::string CanonicalDirectory(const std::string& path, const char* what) {

@@ -10,7 +10,6 @@
 namespace cpd::host {
 namespace {
 
-constexpr size_t kMostContentBytes = 16 << 20;
 // How many times to look at a file that has changed at every look.
 constexpr int kMostTries = 100;
 
@@ -111,14 +110,14 @@ bool CheckedReads::Keep(const std::shared_ptr<Opening>& opening) {
 
 /// @return null when there is no room
 CheckedReads::SharedContent CheckedReads::Share(Content content) {
-  const size_t size = content.bytes.size();
-  if ((content_bytes_ += size) > kMostContentBytes) {
-    content_bytes_ -= size;
+  const size_t size = sizeof content + content.bytes.size();
+  if ((content_memory_ += size) > memory_) {
+    content_memory_ -= size;
     return nullptr;
   }
   return {new Content(std::move(content)), [this, size](const Content* shared) {
             delete shared;
-            content_bytes_ -= size;
+            content_memory_ -= size;
           }};
 }
 

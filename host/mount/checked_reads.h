@@ -68,8 +68,10 @@ class CheckedReads {
   /// Receives the bytes, which are valid during the call; fewer than wanted only at the file's end.
   using ReadDone = std::function<void(int error, std::string_view bytes)>;
 
-  CheckedReads(RemoteFiles& files, const NodeTable& nodes, Note note)
-      : files_(files), nodes_(nodes), note_(std::move(note)) {}
+  /// @param memory  the most that the content of files may take, in bytes; a file for whose content
+  ///                there is no room is read as a larger one
+  CheckedReads(RemoteFiles& files, const NodeTable& nodes, Note note, size_t memory)
+      : files_(files), nodes_(nodes), note_(std::move(note)), memory_(memory) {}
 
   /// Fetches the content of a file that a program is about to read. Fails when the file is gone or
   /// was replaced while programs use it. If it merely cannot be read, the program's own reads
@@ -132,8 +134,9 @@ class CheckedReads {
   RemoteFiles& files_;
   const NodeTable& nodes_;
   const Note note_;
+  const size_t memory_;
   mutable std::mutex mutex_;
-  std::atomic<size_t> content_bytes_ = 0;  // of all content that is in use
+  std::atomic<size_t> content_memory_ = 0;  // of all content that is in use
   std::unordered_map<NodeTable::Id, SharedContent> contents_;
   Openings openings_;  // under way
   std::unordered_map<NodeTable::Id, Window> windows_;

@@ -60,6 +60,7 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, KernelMount& 
       read_only_(options.read_only),
       writes_early_(options.early),
       gathers_writes_(options.batch),
+      cache_memory_(options.cache_mib),
       files_(session,
              {.on_start = [this](const auto& path, auto what) { listings_.NoteChange(path, what); },
               .on_change =
@@ -69,15 +70,17 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, KernelMount& 
                   },
               .on_shown = [this](const auto& path,
                                  const auto& result) { listings_.NoteShown(path, result); }}),
-      listings_(files_, options.dir_cache),
-      walk_(files_, listings_, options.prefetch),
-      prefetch_(files_, options.prefetch),
+      listings_(files_, options.dir_cache, cache_memory_.listings),
+      walk_(files_, listings_, options.prefetch, cache_memory_.walks),
+      prefetch_(files_, options.prefetch, cache_memory_.prefetch),
       writes_(files_, nodes_, gate_,
               [this](NodeTable::Id node, int error) { NoteFailedWrite(node, error); }),
-      reads_(files_, nodes_,
-             [this](NodeTable::Id node, const udisk_stat& attributes) {
-               return Note(node, attributes);
-             }),
+      reads_(
+          files_, nodes_,
+          [this](NodeTable::Id node, const udisk_stat& attributes) {
+            return Note(node, attributes);
+          },
+          cache_memory_.contents),
       interruptions_([this] { return session_.IsCutOff(); }) {
   kernel_.set_server(this);
 }

@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 
+#include "mount/cache_memory.h"
 #include "mount/checked_reads.h"
 #include "mount/gathered_writes.h"
 #include "mount/kernel_mount.h"
@@ -201,6 +202,7 @@ class FuseMount {
   const bool read_only_;
   const bool writes_early_;
   const bool gathers_writes_;
+  const CacheMemory cache_memory_;
   RemoteFiles files_;
   ListingCache listings_;
   WalkAhead walk_;

@@ -15,13 +15,8 @@
 namespace cpd::host {
 namespace {
 
-constexpr size_t kNameFootprint = 512;  // of a Name in a map, generously
-
-size_t Footprint(const Listing& listing) {
-  // The reply may have more bytes than its listing.
-  return listing.reply->buffer->capacity +
-         listing.entries.capacity() * (sizeof(Listing::Entry) + sizeof(uint32_t));
-}
+constexpr size_t kMemoryOfName = 512;    // of a Name in a map, generously
+constexpr size_t kNamesToMakeRoom = 16;  // all directories are counted once for so many names
 
 const Listing::Entry* Itself(const Listing& listing) {
   const auto itself = std::ranges::find(listing.entries, ".", &Listing::Entry::name);
@@ -158,7 +153,7 @@ bool ListingCache::Confirm(uint64_t question, const SharedListing& listing) {
 SharedListing ListingCache::Keep(uint64_t question, Listing&& answer) {
   auto listing = std::make_shared<const Listing>(std::move(answer));
   const auto* const itself = Itself(*listing);
-  const bool is_kept = enabled_ && itself != nullptr && Footprint(*listing) <= kMostBytes;
+  const bool is_kept = enabled_ && itself != nullptr && listing->memory() <= memory_;
   const bool has_links = std::ranges::any_of(
       listing->entries, [](const auto& entry) { return HasOtherNames(entry.attributes); });
   std::vector<std::function<void()>> waiting;
@@ -195,18 +190,18 @@ SharedListing ListingCache::Keep(uint64_t question, Listing&& answer) {
   return listing;
 }
 
+size_t ListingCache::Directory::memory() const {
+  return (listing == nullptr ? 0 : listing->memory()) + names.size() * kMemoryOfName;
+}
+
 /// Drops the directories that were used least recently.
 void ListingCache::MakeRoomLocked() {
-  const auto footprint = [](const Directory& known) {
-    return (known.listing == nullptr ? 0 : Footprint(*known.listing)) +
-           known.names.size() * kNameFootprint;
-  };
   size_t bytes = 0;
-  for (const auto& [path, known] : kept_) bytes += footprint(known);
-  while (kept_.size() > kMostListings || bytes > kMostBytes) {
+  for (const auto& [path, known] : kept_) bytes += known.memory();
+  while (kept_.size() > kMostListings || bytes > memory_) {
     const auto oldest =
         std::ranges::min_element(kept_, {}, [](const auto& one) { return one.second.last_use; });
-    bytes -= footprint(oldest->second);
+    bytes -= oldest->second.memory();
     kept_.erase(oldest);
   }
 }
@@ -488,7 +483,7 @@ void ListingCache::SetNameLocked(const std::string& directory, std::string_view 
     if (!value.is_known) return void(known.names.erase(std::string(name)));
   }
   known.names.insert_or_assign(std::string(name), value);
-  if (known.names.size() % 1024 == 0) MakeRoomLocked();
+  if (known.names.size() % kNamesToMakeRoom == 0) MakeRoomLocked();
 }
 
 /// Sets what is known of a path to what the disk has shown.

@@ -53,9 +53,10 @@ class ListingCache {
 
   /// @param enabled  false: nothing is cached, every directory is listed in full, and every name
   ///                 asked for
+  /// @param memory   the most that listings and names may take, in bytes
   /// @param trusted  for how long a listing answers questions for names
-  ListingCache(RemoteFiles& files, bool enabled, Clock::duration trusted = kTrusted)
-      : files_(files), enabled_(enabled), trusted_(trusted) {}
+  ListingCache(RemoteFiles& files, bool enabled, size_t memory, Clock::duration trusted = kTrusted)
+      : files_(files), enabled_(enabled), memory_(memory), trusted_(trusted) {}
 
   void List(const std::string& directory, RemoteFiles::Done<SharedListing> done);
 
@@ -100,7 +101,6 @@ class ListingCache {
   /// For how long no listing replaces questions for the names of a directory that failed to list.
   static constexpr std::chrono::seconds kAfterFailure{30};
   static constexpr size_t kMostListings = 256;
-  static constexpr size_t kMostBytes = 32U << 20;
   static constexpr size_t kMostAskings = 1024;
   static constexpr size_t kMostDevices = 64;
   static constexpr size_t kMostDoubted = 64;
@@ -123,6 +123,8 @@ class ListingCache {
     Names names = {};                    // newer than the listing
     std::vector<uint32_t> by_name = {};  // indexes of the listing's entries; built when needed
     uint64_t last_use = 0;
+
+    [[nodiscard]] size_t memory() const;
   };
   /// A listing under way.
   struct Question {
@@ -178,6 +180,7 @@ class ListingCache {
 
   RemoteFiles& files_;
   const bool enabled_;
+  const size_t memory_;
   const Clock::duration trusted_;
   std::mutex mutex_;
   std::map<std::string, Directory> kept_;  // by path

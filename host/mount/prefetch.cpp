@@ -12,8 +12,9 @@ namespace cpd::host {
 namespace {
 
 constexpr size_t kMostRuns = 16;
-constexpr size_t kMostEntries = 200'000;  // in the listings of all runs
-constexpr size_t kMostBatches = 8;        // of 1 MiB at most
+constexpr size_t kMostBatches = 8;
+constexpr size_t kMemoryOfFile = 384;  // in a batch, beside its path and content; generously
+constexpr size_t kCopiesOfPath = 3;    // in the batch, in its reply, and where it is found
 
 /// Whether a file is as it was listed. Never true for a file with several names, which can change
 /// through a name that this class does not track.
@@ -29,12 +30,12 @@ void Prefetch::Listed(const std::string& directory, SharedListing listing) {
   const std::lock_guard lock(mutex_);
   runs_.remove_if([&](const auto& run) { return run.first == directory; });
   runs_.emplace_front(directory, ReadingRun(std::move(listing), usual_, files_.IsFar()));
-  const auto entries = [this] {
-    size_t count = 0;
-    for (const auto& run : runs_) count += run.second.entries();
-    return count;
-  };
-  while (runs_.size() > kMostRuns || entries() > kMostEntries) runs_.pop_back();
+  size_t memory = 0;
+  for (const auto& run : runs_) memory += run.second.memory();
+  while (runs_.size() > kMostRuns || memory > memory_) {
+    memory -= runs_.back().second.memory();
+    runs_.pop_back();
+  }
 }
 
 void Prefetch::ReadToItsEnd(const std::string& path) {
@@ -63,13 +64,17 @@ std::shared_ptr<Prefetch::Batch> Prefetch::Reserve(const std::string& directory,
   auto batch = std::make_shared<Batch>();
   for (const auto& [attributes, name] : files) {
     auto path = JoinPath(directory, name);
-    if (!places_.try_emplace(path, Place{batch, batch->files.size()}).second) continue;
     // One byte more than was listed shows whether the file has grown.
     const auto size = static_cast<uint32_t>(attributes.st_size) + 1;
+    const size_t memory = kMemoryOfFile + kCopiesOfPath * path.size() + size;
+    if (batch->memory + memory > memory_) break;
+    if (!places_.try_emplace(path, Place{batch, batch->files.size()}).second) continue;
+    batch->memory += memory;
     batch->files.push_back({.path = std::move(path), .size = size});
     batch->listed.push_back(attributes);
   }
   if (batch->files.empty()) return nullptr;
+  MakeRoom(batch->memory);
   files_.savings().files_ahead += batch->files.size();
   batches_.push_back(batch);
   return batch;
@@ -80,7 +85,11 @@ void Prefetch::TakeAnswer(const std::shared_ptr<Batch>& batch, Result<SmallFiles
   std::vector<size_t> used;
   {
     const std::lock_guard lock(mutex_);
-    if (result.error == 0) batch->data = std::move(result.value);
+    if (result.error == 0) {
+      batch->data = std::move(result.value);
+      // The reply may have more bytes than the files.
+      batch->memory = std::max<size_t>(batch->memory, batch->data.reply->buffer->capacity);
+    }
     for (auto& [index, awaited] : std::exchange(batch->waiting, {})) {
       std::optional<std::string_view> content;
       if (result.error == 0 && IsInPlace(batch, index)) {
@@ -94,6 +103,7 @@ void Prefetch::TakeAnswer(const std::shared_ptr<Batch>& batch, Result<SmallFiles
       files_.savings().files_ahead_used += places_.erase(batch->files[index].path);
     }
     if (result.error != 0) Drop(batch);
+    MakeRoom(0);
   }
   for (const auto& [awaited, content] : concluded) {
     awaited(content ? &*content : nullptr, batch->asked);
@@ -173,6 +183,18 @@ void Prefetch::DropStale() {
     DropOldest();
   }
   batches_.remove_if([](const auto& batch) { return batch.expired(); });
+}
+
+/// Drops the oldest batches until so many bytes more may be kept.
+void Prefetch::MakeRoom(size_t memory) {
+  const auto kept = [this] {
+    size_t bytes = 0;
+    for (const auto& one : batches_) {
+      if (const auto batch = one.lock()) bytes += batch->memory;
+    }
+    return bytes;
+  };
+  while (!batches_.empty() && kept() + memory > memory_) DropOldest();
 }
 
 void Prefetch::DropOldest() {

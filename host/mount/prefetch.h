@@ -34,7 +34,9 @@ class Prefetch {
   static constexpr std::chrono::seconds kTrusted{1};
 
   /// @param enabled  false: nothing is read ahead
-  Prefetch(RemoteFiles& files, bool enabled) : files_(files), enabled_(enabled) {}
+  /// @param memory   the most that it may keep, in bytes: half of it listings, half of it files
+  Prefetch(RemoteFiles& files, bool enabled, size_t memory)
+      : files_(files), enabled_(enabled), memory_(memory / 2) {}
 
   /// Notes that a program has listed the directory.
   void Listed(const std::string& directory, SharedListing listing);
@@ -67,6 +69,7 @@ class Prefetch {
     Clock::time_point asked = Clock::now();
     std::vector<SmallFile> files;
     std::vector<udisk_stat> listed;                   // the attributes they were listed with
+    size_t memory = 0;                                // that it takes with the answer, in bytes
     SmallFilesData data;                              // empty until the answer comes
     std::vector<std::pair<size_t, Awaited>> waiting;  // for the answer, with the file's index
 
@@ -80,6 +83,7 @@ class Prefetch {
 
   std::shared_ptr<Batch> Reserve(const std::string& directory,
                                  const std::vector<ReadingRun::File>& files);
+  void MakeRoom(size_t memory);
   void TakeAnswer(const std::shared_ptr<Batch>& batch, Result<SmallFilesData> result);
   bool IsInPlace(const std::shared_ptr<Batch>& batch, size_t index) const;
   ReadingRun* FindRun(const std::string& directory);
@@ -89,6 +93,7 @@ class Prefetch {
 
   RemoteFiles& files_;
   const bool enabled_;
+  const size_t memory_;  // of the listings, and likewise of the files
   std::mutex mutex_;
   std::list<std::pair<std::string, ReadingRun>> runs_;  // by directory; the latest in front
   std::optional<ReadingRun::Way> usual_;                // how the latest clear run went

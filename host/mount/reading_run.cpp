@@ -82,7 +82,7 @@ std::vector<ReadingRun::File> ReadingRun::Advance(Order* order) {
   if (order->fetched_end - order->place > batch_ / 2) return {};
   std::vector<File> files;
   int64_t bytes = 0;
-  const size_t end = std::min(entries(), order->fetched_end + kEntriesAhead);
+  const size_t end = std::min(listing_->entries.size(), order->fetched_end + kEntriesAhead);
   for (; order->fetched_end < end && files.size() < batch_; ++order->fetched_end) {
     const auto& file = EntryAt(*order, order->fetched_end);
     if (!IsSmall(file)) continue;

@@ -32,8 +32,8 @@ class ReadingRun {
         batch_(is_far ? kFirstFarBatch : kFirstBatch),
         largest_batch_(is_far ? kLargestFarBatch : kLargestBatch) {}
 
-  /// The number of entries in the listing.
-  [[nodiscard]] size_t entries() const { return listing_->entries.size(); }
+  /// How much memory it takes, in bytes.
+  [[nodiscard]] size_t memory() const { return listing_->memory(); }
   /// Notes that a file is read.
   void Step(std::string_view name);
   /// The order in which the program reads; empty until it is clear.

@@ -32,6 +32,12 @@ std::vector<std::string> Subdirectories(const Listing& listing) {
   return names;
 }
 
+size_t MemoryOf(const std::vector<std::string>& names) {
+  size_t bytes = 0;
+  for (const auto& name : names) bytes += sizeof(std::string) + name.capacity();
+  return bytes;
+}
+
 }  // namespace
 
 void WalkAhead::List(const std::string& directory, uint64_t changes, Done done) {
@@ -64,8 +70,8 @@ void WalkAhead::List(const std::string& directory, uint64_t changes, Done done) 
     done(ahead->result());
   }
   for (const auto& [path, next] : asked) {
-    listings_.List(path, [this, next = next](const Result<SharedListing>& answer) {
-      TakeAnswer(next, answer);
+    listings_.List(path, [this, path = path, next = next](const Result<SharedListing>& answer) {
+      TakeAnswer(path, next, answer);
     });
   }
 }
@@ -79,27 +85,46 @@ void WalkAhead::Ask(const std::string& directory, uint64_t changes, Done done) {
   });
 }
 
-void WalkAhead::TakeAnswer(const SharedAhead& ahead, const Result<SharedListing>& answer) {
+void WalkAhead::TakeAnswer(const std::string& directory, const SharedAhead& ahead,
+                           const Result<SharedListing>& answer) {
   std::vector<Done> waiting;
   {
     const std::lock_guard lock(mutex_);
     waiting.swap(ahead->waiting);
-    // The size of a directory is only what the other side says of it.
-    const bool is_kept =
-        !waiting.empty() || answer.error != 0 || answer.value->bytes.size() <= kLongestKept;
+    if (answer.error == 0) latest_ = answer.value->memory();
+    const bool is_kept = !waiting.empty() || answer.error != 0 || HasRoomLocked(*answer.value);
     ahead->answer = is_kept ? answer : Result<SharedListing>{.error = ENOBUFS};
+    if (auto* walk = is_kept ? nullptr : FindWalkLocked(DirectoryOf(directory))) walk->reach /= 2;
   }
   for (const auto& done : waiting) done(ahead->result());
+}
+
+/// Whether a listing may be kept beside those that are. The size of its directory, which was looked
+/// at before it was asked for, is only what the other side says of it.
+bool WalkAhead::HasRoomLocked(const Listing& listing) const {
+  if (listing.bytes.size() > kLongestKept) return false;
+  size_t memory = MemoryOfNamesLocked() + listing.memory();
+  for (const auto& [path, other] : ahead_) {
+    if (other->answer && other->answer->error == 0) memory += other->answer->value->memory();
+  }
+  return memory <= memory_;
+}
+
+size_t WalkAhead::MemoryOfNamesLocked() const {
+  size_t memory = 0;
+  for (const auto& walk : walks_) memory += walk.memory;
+  return memory;
 }
 
 /// Notes which subdirectories a program may list next.
 void WalkAhead::NoteShown(const std::string& directory, const SharedListing& listing) {
   Walk walk{.directory = directory, .names = Subdirectories(*listing)};
+  walk.memory = MemoryOf(walk.names);
   const std::lock_guard lock(mutex_);
   walks_.remove_if([&](const Walk& other) { return other.directory == directory; });
   if (walk.names.empty()) return;
   walks_.push_front(std::move(walk));
-  if (walks_.size() > kMostWalks) walks_.pop_back();
+  while (walks_.size() > kMostWalks || MemoryOfNamesLocked() > memory_ / 2) walks_.pop_back();
 }
 
 /// @return null when no listing that came ahead is usable
@@ -141,12 +166,17 @@ void WalkAhead::FollowLocked(const std::string& directory, const Ahead* ahead, u
   }
   const size_t reach_end = std::min(names.size(), walk->next + walk->reach);
   if (walk->asked_end >= reach_end) return;
-  AskAheadLocked(*walk, reach_end, changes, asked);
-  walk->asked_end = reach_end;
+  walk->asked_end = AskAheadLocked(*walk, reach_end, changes, asked);
 }
 
-void WalkAhead::AskAheadLocked(const Walk& walk, size_t end, uint64_t changes, Asked* asked) {
-  for (size_t i = walk.asked_end; i < end && ahead_.size() < kMostAhead; ++i) {
+/// @return the place up to which they are asked for: before `end` if there would be no room
+size_t WalkAhead::AskAheadLocked(const Walk& walk, size_t end, uint64_t changes, Asked* asked) {
+  const auto has_room = [this] {
+    return ahead_.size() < kMostAhead &&
+           MemoryOfNamesLocked() + (ahead_.size() + 1) * latest_ <= memory_;
+  };
+  size_t i = walk.asked_end;
+  for (; i < end && has_room(); ++i) {
     auto path = JoinPath(walk.directory, walk.names[i]);
     const auto [place, is_new] = ahead_.try_emplace(path);
     if (!is_new) continue;
@@ -154,6 +184,7 @@ void WalkAhead::AskAheadLocked(const Walk& walk, size_t end, uint64_t changes, A
     asked->emplace_back(std::move(path), place->second);
     ++files_.savings().listings_ahead;
   }
+  return i;
 }
 
 /// Those that were not used in time came too early: then fewer are asked for.

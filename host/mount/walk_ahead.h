@@ -43,8 +43,10 @@ class WalkAhead {
   using Done = std::function<void(const Result<Shown>&)>;
 
   /// @param enabled  false: nothing is listed ahead
-  WalkAhead(RemoteFiles& files, ListingCache& listings, bool enabled)
-      : files_(files), listings_(listings), enabled_(enabled) {}
+  /// @param memory   the most that it may keep, in bytes: at most half of it names of directories,
+  ///                 the rest listings
+  WalkAhead(RemoteFiles& files, ListingCache& listings, bool enabled, size_t memory)
+      : files_(files), listings_(listings), enabled_(enabled), memory_(memory) {}
 
   /// Lists a directory for a program, and lists ahead those that it may want next. `done` may run
   /// before this returns.
@@ -76,25 +78,31 @@ class WalkAhead {
     size_t next = 0;       // the place after the one listed last
     size_t asked_end = 0;  // those before this one were asked for, or passed over
     size_t reach = kFirstReach;
+    size_t memory = 0;  // of the names, in bytes
   };
   using Asked = std::vector<std::pair<std::string, SharedAhead>>;
 
   void Ask(const std::string& directory, uint64_t changes, Done done);
-  void TakeAnswer(const SharedAhead& ahead, const Result<SharedListing>& answer);
+  void TakeAnswer(const std::string& directory, const SharedAhead& ahead,
+                  const Result<SharedListing>& answer);
+  [[nodiscard]] size_t MemoryOfNamesLocked() const;
+  [[nodiscard]] bool HasRoomLocked(const Listing& listing) const;
   void NoteShown(const std::string& directory, const SharedListing& listing);
   SharedAhead TakeLocked(const std::string& directory, uint64_t changes);
   Walk* FindWalkLocked(const std::string& directory);
   void FollowLocked(const std::string& directory, const Ahead* ahead, uint64_t changes,
                     Asked* asked);
-  void AskAheadLocked(const Walk& walk, size_t end, uint64_t changes, Asked* asked);
+  size_t AskAheadLocked(const Walk& walk, size_t end, uint64_t changes, Asked* asked);
   void DropStaleLocked();
 
   RemoteFiles& files_;
   ListingCache& listings_;
   const bool enabled_;
+  const size_t memory_;
   std::mutex mutex_;
   std::list<Walk> walks_;                     // the latest in front
   std::map<std::string, SharedAhead> ahead_;  // by path
+  size_t latest_ = 0;                         // memory that the latest answer took, in bytes
 };
 
 }  // namespace cpd::host

@@ -138,6 +138,12 @@ bool Fits(std::string_view text) {
 
 }  // namespace
 
+// The reply may have more bytes than its listing.
+size_t Listing::memory() const {
+  const size_t received = reply == nullptr ? 0 : reply->buffer->capacity;
+  return received + entries.capacity() * (sizeof(Entry) + sizeof(uint32_t));
+}
+
 void RemoteFiles::GetAttributes(const std::string& path, Done<udisk_stat> done) {
   FileAttrHead head{};
   if (!Fits<decltype(head.path_length)>(path)) return done({.error = ENAMETOOLONG});

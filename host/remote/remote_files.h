@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -45,6 +46,9 @@ struct Listing {
   uint16_t announced_entries = 0;    ///< the count in the reply, which wraps at 65536
   std::string_view bytes;            ///< the entries as received
   std::unique_ptr<CpdPacket> reply;  ///< holds names and bytes
+
+  /// How much memory it takes together with an index of its entries, in bytes.
+  [[nodiscard]] size_t memory() const;
 };
 using SharedListing = std::shared_ptr<const Listing>;
 

@@ -25,6 +25,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr size_t kPiece = 100;
+constexpr size_t kMemory = 20'000;  // for one file's content, and not for two
 
 /// A disk with one file. Carries out and answers each request when the test says so.
 class OneFile : public test::IdleDriver {
@@ -138,9 +139,11 @@ class CheckedReadsTest : public testing::Test {
   DriverChannel channel{disk};
   RemoteFiles files{session};
   NodeTable nodes;
-  CheckedReads reads{files, nodes, [this](NodeTable::Id id, const udisk_stat& attributes) {
+  CheckedReads reads{files, nodes,
+                     [this](NodeTable::Id id, const udisk_stat& attributes) {
                        return nodes.Update(id, attributes);
-                     }};
+                     },
+                     kMemory};
   NodeTable::Id node = 0;
   std::vector<Answer> answers;
 };
@@ -323,6 +326,28 @@ TEST_F(FetchedFiles, NeedOneRequest) {
   EXPECT_EQ(answers[0].bytes, "content");
   ASSERT_NE(reads.Find(node), nullptr);
   EXPECT_EQ(reads.Find(node)->bytes, "content");
+}
+
+TEST_F(FetchedFiles, AreNotReadWholeWithoutMemoryForTheirContent) {
+  Put(1, std::string(kMemory - 1000, 'a'));
+  nodes.Update(node, disk.attributes);
+  Fetch();
+  disk.AnswerAll();
+  ASSERT_NE(reads.Find(node), nullptr);
+  const auto other = nodes.Lookup(NodeTable::kRoot, "other", disk.attributes);
+  const auto fetch_other = [&] {
+    bool has_content = false;
+    reads.Fetch(other, *nodes.Find(other), ahead,
+                [&](int error, const CheckedReads::SharedContent& content) {
+                  EXPECT_EQ(error, 0);
+                  has_content = content != nullptr;
+                });
+    disk.AnswerAll();
+    return has_content;
+  };
+  EXPECT_FALSE(fetch_other());
+  reads.Forget(node);
+  EXPECT_TRUE(fetch_other());
 }
 
 TEST_F(FetchedFiles, AreReadAgainUntilContentAndAttributesAgree) {

@@ -34,6 +34,8 @@ using std::chrono_literals::operator""h;
 using std::chrono_literals::operator""s;
 using std::chrono_literals::operator""ms;
 
+constexpr size_t kMemory = 32 << 20;  // of each cache
+
 /// The bytes of a record.
 template <class Record>
 std::string Raw(const Record& record) {
@@ -213,7 +215,7 @@ class Listings : public ReadAhead {
       Entry(".", directory_) + Entry("file", Attributes(S_IFREG | 0644, 4)) + '\0';
   uint16_t count_ = 2;
   std::optional<std::string> check_;  // the reply to a check
-  ListingCache cache_{files_, true};
+  ListingCache cache_{files_, true, kMemory};
 };
 
 TEST_F(Listings, AreCheckedWhenAskedForAgain) {
@@ -346,6 +348,31 @@ TEST_F(Listings, ShowTheRootAsItsOwnParent) {
   EXPECT_EQ(Asked(kCheckDir), 1);
 }
 
+TEST_F(Listings, AreForgottenFromTheOldestOnWhenTheirMemoryIsUsedUp) {
+  const size_t memory = List().value->memory();
+  ListingCache small(files_, true, 3 * memory);
+  const auto list = [&](int directory) {
+    path_ = "/" + std::to_string(directory);
+    const int asked = Asked(kDirRead);
+    small.List(path_, [](const auto&) {});
+    Work();
+    return Asked(kDirRead) != asked;
+  };
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(list(i));
+  for (int i = 4; i >= 2; --i) EXPECT_FALSE(list(i)) << i;
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(list(i)) << i;
+}
+
+TEST_F(Listings, AreNotKeptIfOneOfThemIsTooLargeForTheirMemory) {
+  const size_t memory = List().value->memory();
+  ListingCache small(files_, true, memory - 1);
+  for (int i = 0; i < 3; ++i) {
+    small.List("/d", [](const auto&) {});
+    Work();
+  }
+  EXPECT_EQ(Asked(kCheckDir), 0);
+}
+
 // ---- Directories listed ahead ----
 
 class Walks : public ReadAhead {
@@ -396,8 +423,8 @@ class Walks : public ReadAhead {
   std::vector<std::string> asked_;  // paths
   int shown_ = 0;
   uint64_t changes_ = 0;
-  ListingCache cache_{files_, false};
-  WalkAhead walk_{files_, cache_, true};
+  ListingCache cache_{files_, false, kMemory};
+  WalkAhead walk_{files_, cache_, true, kMemory};
 };
 
 TEST_F(Walks, AskForTheNextDirectoriesAfterTheOneThatAProgramLists) {
@@ -431,6 +458,40 @@ TEST_F(Walks, ReachFurtherWhileListingsComeJustInTime) {
   List(names_[1]);
   EXPECT_EQ(driver_->requests.size(), 1 + WalkAhead::kFirstReach);
   WorkFarAway();
+}
+
+TEST_F(Walks, KeepNoMoreListingsThanTheirMemoryAllows) {
+  names_.resize(8);
+  ListTree();
+  size_t memory = 0;
+  walk_.List(names_[7], changes_,
+             [&](const auto& result) { memory = result.value.listing->memory(); });
+  WorkFarAway();
+  const size_t names = names_.size() * (sizeof(std::string) + names_[0].capacity());
+  WalkAhead small(files_, cache_, true, names + 2 * memory);
+  int shown = 0;
+  const auto list = [&](const std::string& path) {
+    small.List(path, changes_, [&](const auto&) { ++shown; });
+  };
+  list("/tree");
+  WorkFarAway();
+  list(names_[0]);
+  WorkFarAway();
+  EXPECT_EQ(shown, 2);
+  for (size_t i = 1; i <= 4; ++i) list(names_[i]);
+  EXPECT_EQ(shown, 2 + 2);  // without a reply
+  WorkFarAway();
+  EXPECT_EQ(shown, 2 + 4);
+}
+
+TEST_F(Walks, AreNotFollowedIfTheirNamesNeedMoreThanTheirMemory) {
+  ListTree();
+  WalkAhead small(files_, cache_, true, 2 * names_.size() * sizeof(std::string));
+  for (const auto& path : {std::string("/tree"), names_[0]}) {
+    small.List(path, changes_, [](const auto&) {});
+    WorkFarAway();
+  }
+  EXPECT_EQ(asked_, (std::vector<std::string>{"/tree", names_[0]}));
 }
 
 TEST_F(Walks, WaitForAListingThatIsOnItsWay) {
@@ -570,7 +631,7 @@ class KnownNames : public ReadAhead {
   bool numbers_paths_ = false;  // each spelling has an inode of its own
   size_t surplus_ = 0;          // bytes after a listing, in its reply
   // A busy machine must not make names unknown.
-  ListingCache cache_{files_, true, 1h};
+  ListingCache cache_{files_, true, kMemory, 1h};
 
  private:
   const udisk_stat* Find(const std::string& path) {
@@ -594,7 +655,7 @@ TEST_F(KnownNames, AreThoseOfAListing) {
 }
 
 TEST_F(KnownNames, AreForgottenAfterATime) {
-  ListingCache cache(files_, true, 20ms);
+  ListingCache cache(files_, true, kMemory, 20ms);
   cache.List("/d", [](const auto&) {});
   Work();
   std::this_thread::sleep_for(20ms);
@@ -846,7 +907,7 @@ TEST_F(KnownNames, AreAskedForWhenADirectoryCouldNotBeRefreshed) {
 }
 
 TEST_F(KnownNames, AreNotAskedForWithoutACache) {
-  ListingCache cache(files_, false);
+  ListingCache cache(files_, false, kMemory);
   cache.Refresh("/d");
   cache.NoteChanged("/d/a", files_on_disk_["a"], ListingCache::Clock::now());
   Work();
@@ -1049,11 +1110,12 @@ class OnItsWay : public ReadAhead {
   }
   /// Reads all files of a directory in order, so that the files of the next directory are expected
   /// in the same order.
-  void ReadFirstDirectory() {
-    prefetch_.Listed("/a", List());
-    for (const auto& name : names_) prefetch_.ReadToItsEnd("/a/" + name);
+  void ReadFirstDirectory() { ReadFirstDirectory(prefetch_); }
+  void ReadFirstDirectory(Prefetch& prefetch) {
+    prefetch.Listed("/a", List());
+    for (const auto& name : names_) prefetch.ReadToItsEnd("/a/" + name);
     Work();
-    prefetch_.Listed("/b", List());
+    prefetch.Listed("/b", List());
   }
   bool Await(const std::string& path) {
     return prefetch_.Await(path, known_, [this](const std::string_view* content, auto /*asked*/) {
@@ -1064,7 +1126,7 @@ class OnItsWay : public ReadAhead {
   std::vector<std::string> names_;
   udisk_stat known_ = Attributes(S_IFREG | 0644, 4);  // a file holds its own path, of 4 bytes
   std::vector<std::string> contents_;
-  Prefetch prefetch_{files_, true};
+  Prefetch prefetch_{files_, true, kMemory};
 };
 
 TEST_F(OnItsWay, IsTheRestOfADirectoryOnceItsFirstFileIsRead) {
@@ -1103,6 +1165,24 @@ TEST_F(OnItsWay, IsOfNoUseWithoutAnAnswer) {
   ASSERT_TRUE(Await("/b/1"));
   session_.Stop();
   EXPECT_EQ(contents_, std::vector<std::string>{"none"});
+}
+
+TEST_F(OnItsWay, IsNoMoreThanTheMemoryAllows) {
+  constexpr size_t kOfFile = 401;  // with a path and a content of four bytes
+  Prefetch small(files_, true, 2 * 3 * kOfFile);
+  ReadFirstDirectory(small);
+  const uint64_t before = files_.savings().files_ahead;
+  EXPECT_EQ(files_.savings().files_ahead_unused, 0U);
+  small.ReadToItsEnd("/b/0");
+  EXPECT_EQ(files_.savings().files_ahead, before + 3);
+  EXPECT_EQ(files_.savings().files_ahead_unused, before);  // they made room
+  Work();
+}
+
+TEST_F(OnItsWay, IsNothingOfADirectoryWhoseListingIsTooLargeForTheMemory) {
+  Prefetch small(files_, true, 2 * (List()->memory() - 1));
+  ReadFirstDirectory(small);
+  EXPECT_EQ(files_.savings().files_ahead, 0U);
 }
 
 TEST_F(OnItsWay, IsNotForAFileThatHasChangedSinceItWasListed) {
