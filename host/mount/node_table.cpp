@@ -1,5 +1,6 @@
 #include "mount/node_table.h"
 
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -8,6 +9,11 @@
 #include "remote/attributes.h"
 
 namespace cpd::host {
+namespace {
+
+constexpr size_t kManyNodes = 16 << 10;  // of less than 0.5 KiB each
+
+}  // namespace
 
 /// Whether a name still refers to the same file. A directory's inode does not matter, because only
 /// the names in it count. Neither does a file's if size and time are unchanged: file systems
@@ -68,6 +74,7 @@ NodeTable::Id NodeTable::FindOrMakeLocked(const Name& name, const udisk_stat& at
   } else {
     id = ++last_;
     nodes_.emplace(id, Node{.names = {}, .references = 0, .attributes = attributes});
+    most_ = std::max(most_, nodes_.size());
   }
   AddNameLocked(id, name);
   return id;
@@ -109,8 +116,20 @@ void NodeTable::ReplaceLocked(Id id, Name name) {
 }
 
 void NodeTable::Forget(Id id, uint64_t references) {
-  const std::lock_guard lock(mutex_);
-  DropReferencesLocked(id, references);
+  {
+    const std::lock_guard lock(mutex_);
+    DropReferencesLocked(id, references);
+    if (!HasShrunkLocked()) return;
+  }
+  malloc_trim(0);  // a few live pieces of memory would keep the freed ones around them
+}
+
+/// Whether most of a great many nodes have gone since this last held.
+bool NodeTable::HasShrunkLocked() {
+  if (most_ < kManyNodes || nodes_.size() > most_ / 4) return false;
+  most_ = nodes_.size();
+  nodes_.rehash(0);
+  return true;
 }
 
 // A node that is dropped gives up its names, and with them its references to its parents. The root

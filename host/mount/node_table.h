@@ -45,7 +45,8 @@ class NodeTable {
   /// was known before, or was taken already. An open call looks its file up first, unless the
   /// kernel remembers the name.
   Clock::time_point TakeLookup(Id id);
-  /// Drops references that the kernel gives back.
+  /// Drops references that the kernel gives back. When most nodes are gone, what they took goes
+  /// back to the system.
   void Forget(Id id, uint64_t references);
   /// Stores the attributes that the disk shows.
   /// @param asked  when the disk was asked, if not just now
@@ -161,6 +162,7 @@ class NodeTable {
   void RemoveNameLocked(const Name& name);
   void ReplaceLocked(Id id, Name name);
   void DropReferencesLocked(Id id, uint64_t references);
+  bool HasShrunkLocked();
   std::optional<std::string> PathLocked(Id id) const;
 
   mutable std::mutex mutex_;
@@ -168,6 +170,7 @@ class NodeTable {
   std::map<Name, Id> children_;
   std::map<Inode, Id> files_;  // all but directories
   Id last_ = kRoot;
+  size_t most_ = 1;  // nodes since HasShrunkLocked held
 };
 
 }  // namespace cpd::host

@@ -3,13 +3,17 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <fstream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace cpd::host {
 namespace {
@@ -372,6 +376,32 @@ TEST_F(Nodes, OfDirectoriesHaveCurrentAttributesUntilTheyLoseAName) {
   EXPECT_TRUE(nodes.CurrentAttributes(kRoot, "directory"));
   nodes.Unlink(directory, "file");
   EXPECT_FALSE(nodes.CurrentAttributes(kRoot, "directory"));
+}
+
+/// How much memory this process has in use, in bytes.
+size_t MemoryInUse() {
+  std::ifstream statm("/proc/self/statm");
+  size_t size = 0;
+  size_t resident = 0;
+  statm >> size >> resident;
+  return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+TEST_F(Nodes, LeaveNoMemoryBehindWhenTheKernelForgetsThem) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "a sanitizer's allocator keeps what is freed";
+#endif
+  constexpr uint64_t kNodes = 50'000;
+  const auto before = MemoryInUse();
+  std::vector<std::unique_ptr<std::string>> others;  // allocated between the nodes
+  for (uint64_t i = 1; i <= kNodes; ++i) {
+    nodes.Lookup(kRoot, "a file with a longer name " + std::to_string(i), File(i));
+    if (i % 1000 == 0) others.push_back(std::make_unique<std::string>(100, 'x'));
+  }
+  const auto most = MemoryInUse();
+  for (uint64_t i = 1; i <= kNodes; ++i) nodes.Forget(kRoot + i, 1);
+  EXPECT_GT(most, before + kNodes * 300);
+  EXPECT_LT(MemoryInUse(), before + (most - before) / 2);
 }
 
 }  // namespace
