@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "remote/at_end.h"
 #include "remote/attributes.h"
 
 namespace cpd::host {
@@ -126,8 +127,8 @@ void CheckedReads::Finish(const std::shared_ptr<Opening>& opening, int error) {
     const std::lock_guard lock(mutex_);
     std::erase(openings_, opening);
   }
+  const AtEnd ended([this] { CountEnd(); });
   opening->opened(error, std::move(opening->content));
-  CountEnd();
 }
 
 struct CheckedReads::Looking {
@@ -165,8 +166,8 @@ void CheckedReads::Send(const std::shared_ptr<Looking>& looking) {
       look.content =
           Share({.bytes = std::string(bytes), .attributes = now, .asked = looking->asked});
     }
+    const AtEnd ended([this] { CountEnd(); });
     looking->done({.error = result.error, .value = std::move(look)});
-    CountEnd();
   });
 }
 
@@ -296,8 +297,8 @@ void CheckedReads::Judge(const std::shared_ptr<Reading>& reading, const udisk_st
 }
 
 void CheckedReads::Finish(const Reading& reading, int error, std::string_view bytes) {
+  const AtEnd ended([this] { CountEnd(); });
   reading.done(error, bytes);
-  CountEnd();
 }
 
 void CheckedReads::CountEnd() {

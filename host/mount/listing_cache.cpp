@@ -8,6 +8,7 @@
 #include <numeric>
 #include <utility>
 
+#include "remote/at_end.h"
 #include "remote/attributes.h"
 #include "remote/paths.h"
 #include "remote/statistics.h"
@@ -271,10 +272,12 @@ void ListingCache::Ask(const std::string& path, const Shown& shown) {
 
 /// Runs what waited for a listing.
 void ListingCache::Answer(const std::vector<std::function<void()>>& waiting) {
+  const AtEnd answered([&] {
+    const std::lock_guard lock(mutex_);
+    waiting_ -= waiting.size();
+    if (waiting_ == 0) answered_.notify_all();
+  });
   for (const auto& wait : waiting) wait();
-  const std::lock_guard lock(mutex_);
-  waiting_ -= waiting.size();
-  if (waiting_ == 0) answered_.notify_all();
 }
 
 void ListingCache::AwaitAnswers() {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "byte_reader.h"
+#include "remote/at_end.h"
 #include "remote/attributes.h"
 #include "remote/session.h"
 
@@ -278,11 +279,13 @@ void RemoteFiles::Change(std::unique_ptr<CpdPacket> request, IsDone is_done, OnO
   session_.Ask(
       std::move(request),
       [this, is_done, on_outcome = std::move(on_outcome)](const std::unique_ptr<CpdPacket>& reply) {
+        const AtEnd answered([this] {
+          if (--unanswered_ == 0) unanswered_.notify_all();
+        });
         const auto answer = PayloadOf(reply.get()).Take<Head>();
         on_outcome(!answer            ? Outcome::kUnanswered
                    : is_done(*answer) ? Outcome::kDone
                                       : Outcome::kRefused);
-        if (--unanswered_ == 0) unanswered_.notify_all();
       },
       before);
 }

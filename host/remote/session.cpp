@@ -5,6 +5,7 @@
 #include <iterator>
 #include <utility>
 
+#include "remote/at_end.h"
 #include "remote/recovery.h"
 
 namespace cpd::host {
@@ -183,10 +184,9 @@ void Session::Receive(std::unique_ptr<CpdPacket> packet) {
     ++delivering_;
     if (outstanding_.empty()) SendWaitingLocked();
   }
+  const AtEnd delivered([this] { CountDelivered(); });
   for (auto& request : silent) request.done(nullptr);
   done(std::move(packet));
-  --delivering_;
-  delivering_.notify_all();
 }
 
 bool Session::IsCutOff() const {
@@ -248,7 +248,11 @@ Session::Requests Session::TakeAllLocked() {
 /// Gives up what TakeAllLocked has taken.
 void Session::GiveUp(const Requests& requests) {
   if (requests.empty()) return;
+  const AtEnd delivered([this] { CountDelivered(); });
   for (const auto& request : requests) request.done(nullptr);
+}
+
+void Session::CountDelivered() {
   --delivering_;
   delivering_.notify_all();
 }

@@ -118,6 +118,7 @@ class Session {
   Concluded SettleLocked();
   void SendProbeLocked();
   void GiveUp(const Requests& requests);
+  void CountDelivered();
   void AwaitDelivery() const;
   void Watch();
 

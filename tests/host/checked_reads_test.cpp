@@ -11,6 +11,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -253,6 +254,13 @@ TEST_F(CheckedReadsTest, AreAwaited) {
   EXPECT_EQ(answers.size(), 2U);
 }
 
+TEST_F(CheckedReadsTest, EndThoughPassingTheirDataOnFails) {
+  reads.Read(node, *nodes.Find(node), 0, kPiece,
+             [](int, std::string_view) { throw std::bad_alloc(); });
+  EXPECT_THROW(disk.AnswerAll(), std::bad_alloc);
+  reads.AwaitAnswers();
+}
+
 // ---- Small files, whole ----
 
 class FetchedFiles : public CheckedReadsTest {
@@ -414,6 +422,15 @@ TEST_F(FilesLookedUp, ComeWithTheirContent) {
   EXPECT_EQ(look->value.content->bytes, "content");
   EXPECT_TRUE(reads.Use(node, look->value.content));
   EXPECT_EQ(reads.Find(node), look->value.content);
+}
+
+TEST_F(FilesLookedUp, EndThoughPassingThemOnFails) {
+  reads.LookAndRead("/file", [](const auto&) { throw std::bad_alloc(); });
+  EXPECT_THROW(disk.AnswerAll(), std::bad_alloc);
+  reads.Fetch(node, *nodes.Find(node), ahead,
+              [](int, const CheckedReads::SharedContent&) { throw std::bad_alloc(); });
+  EXPECT_THROW(disk.AnswerAll(), std::bad_alloc);
+  reads.AwaitAnswers();
 }
 
 TEST_F(FilesLookedUp, AreLookedAtAgainIfTheyWereReplacedMeanwhile) {

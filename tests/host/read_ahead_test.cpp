@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <thread>
@@ -753,6 +754,17 @@ TEST_F(KnownNames, AreAskedForOneByOneWhenTheListingFails) {
   for (size_t i = 0; i < 3; ++i) Ask("/other/" + std::to_string(i), &shown[i]);
   session_.Stop();
   for (const auto& each : shown) EXPECT_EQ(each.error, EIO);
+  cache_.AwaitAnswers();
+}
+
+TEST_F(KnownNames, AreNotAwaitedAnyMoreThoughPassingThemOnFailed) {
+  Shown shown;
+  Ask("/d/a", &shown);
+  Ask("/d/b", &shown);
+  cache_.GetAttributes("/d/c", {}, [](const auto&, const auto&) { throw std::bad_alloc(); });
+  EXPECT_EQ(Asked(kDirRead), 1);
+  EXPECT_THROW(Work(), std::bad_alloc);
+  Work();
   cache_.AwaitAnswers();
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -46,6 +47,13 @@ class RemoteRequests : public testing::Test {
   Session session_{30s};
   RemoteFiles files_{session_};
 };
+
+TEST_F(RemoteRequests, AreNotAwaitedAnyMoreThoughPassingTheirOutcomeOnFailed) {
+  files_.Create("/file", 0644, [](Outcome) { throw std::bad_alloc(); });
+  EXPECT_THROW(session_.Stop(), std::bad_alloc);
+  files_.WaitForChanges();
+  session_.Stop();
+}
 
 TEST_F(RemoteRequests, FillTheirBuffersCompletely) {
   const auto ignore = [](const auto&...) {};
