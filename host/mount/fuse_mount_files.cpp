@@ -464,6 +464,7 @@ void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, str
   const int64_t size = wanted->st_size;
   if (sets_size) {
     nodes_.NoteChange(node);
+    nodes_.ForgetEnd(node, file->end);
     reads_.Forget(node);
     open_files_.NoteWrite(node);
     writes_.NoteExtension(*file, size);
@@ -483,11 +484,12 @@ void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, str
 
 /// Answers a change of times, which is not made, without asking the disk, if that has shown the
 /// file lately. After a write its times are not known, so the kernel must not keep what it gets
-/// here.
+/// here. But it takes the size at once, so that an append would overwrite what a size leaves out.
 /// @return false when the disk has to be asked
 bool FuseMount::AcceptTimes(const KernelRequest& request, fuse_ino_t node,
                             const NodeTable::File& file) {
   if (!writes_early_ || NodeTable::Clock::now() - file.told >= Prefetch::kTrusted) return false;
+  if (file.end > file.attributes.st_size) return false;
   struct stat attributes = ToStat(file.attributes);
   if (file.is_hidden) --attributes.st_nlink;
   nodes_.NoteTold(node);

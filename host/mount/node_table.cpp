@@ -221,7 +221,7 @@ void NodeTable::Grow(Id id, int64_t size) {
 void NodeTable::ForgetEnd(Id id, int64_t end) {
   const std::lock_guard lock(mutex_);
   const auto node = nodes_.find(id);
-  if (node != nodes_.end() && node->second.written_end == end) node->second.written_end = 0;
+  if (node != nodes_.end() && node->second.written_end <= end) node->second.written_end = 0;
 }
 
 void NodeTable::NoteTold(Id id) {

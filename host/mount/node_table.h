@@ -71,7 +71,7 @@ class NodeTable {
   /// Raises a file's size to this one if it is smaller, because the kernel has written that far.
   void Grow(Id id, int64_t size);
   /// Takes a file's size for its end again, unless a write has moved the end since.
-  /// @param end  what a Find has given, before the disk was asked and showed the size
+  /// @param end  what a Find has given, before the disk was asked for the size or cut the file
   void ForgetEnd(Id id, int64_t end);
   /// Notes that the kernel gets the stored attributes.
   void NoteTold(Id id);

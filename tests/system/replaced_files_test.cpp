@@ -239,25 +239,41 @@ TEST_F(ReplacedWhileOpen, MakesAFirstAppendGoToTheNewFile) {
   EXPECT_EQ(ReadFile(disk / "file"), "new content\none\ntwo\nthree\nfour\n");
 }
 
-TEST_F(ReplacedWhileOpen, LeavesAppendsOneAfterTheOtherWhileAnotherProgramAsksForTheSize) {
-  const auto path = *mounted / "file";
-  const int fd = Open(O_WRONLY | O_APPEND);
-  Replace();
+/// Appends through a handle while another program asks for the file's size all the time.
+/// @return what was written
+std::string AppendWhileAskedFor(const std::string& path, int fd, bool sets_times) {
   std::atomic<bool> stop = false;
   std::thread asking([&] {
     struct stat attributes {};
     while (!stop) stat(path.c_str(), &attributes);
   });
-  std::string expected = "new content\n";
+  std::string written;
   for (int i = 0; i < 500; ++i) {
     const auto line = std::to_string(i) + '\n';
     EXPECT_EQ(write(fd, line.data(), line.size()), static_cast<ssize_t>(line.size())) << errno;
-    expected += line;
+    if (sets_times) EXPECT_EQ(futimens(fd, nullptr), 0) << errno;
+    written += line;
   }
   stop = true;
   asking.join();
+  return written;
+}
+
+TEST_F(ReplacedWhileOpen, LeavesAppendsOneAfterTheOtherWhileAnotherProgramAsksForTheSize) {
+  const int fd = Open(O_WRONLY | O_APPEND);
+  Replace();
+  const auto written = AppendWhileAskedFor(*mounted / "file", fd, false);
   EXPECT_EQ(close(fd), 0) << errno;
-  EXPECT_EQ(ReadFile(disk / "file"), expected);
+  EXPECT_EQ(ReadFile(disk / "file"), "new content\n" + written);
+}
+
+TEST_F(ReplacedFiles, AreAppendedToWhileTimesAreSetAndAnotherProgramAsksForTheSize) {
+  WriteFile(disk / "file", "old\n");
+  MountedDisk mounted(disk.path());
+  const int fd = open((mounted / "file").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  const auto written = AppendWhileAskedFor(mounted / "file", fd, true);
+  EXPECT_EQ(close(fd), 0) << errno;
+  EXPECT_EQ(ReadFile(disk / "file"), "old\n" + written);
 }
 
 TEST_F(ReplacedWhileOpen, MakesAnAppendGoToTheEndAtWhichTheClientHasCutTheNewFile) {
