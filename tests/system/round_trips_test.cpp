@@ -138,6 +138,18 @@ TEST_F(RoundTrips, AreNotMadeForTimesButToShowThem) {
   EXPECT_LE(ending.Requests(102), kTimes / 2) << ending.out;
 }
 
+TEST_F(RoundTrips, AreMadeForTimesWhenNothingMayBeAnsweredEarly) {
+  constexpr int kTimes = 20;
+  WriteFile(disk / "file", "");
+  MountedDisk mounted(disk.path(), {"--sync"});
+  const auto path = mounted / "file";
+  for (int i = 0; i < kTimes; ++i) {
+    EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), nullptr, 0), 0) << i;
+  }
+  const auto ending = mounted.Unmount();
+  EXPECT_GE(ending.Requests(102), kTimes) << ending.out;
+}
+
 TEST_F(RoundTrips, AreNotMadeForExtendedAttributesAndNoProgramComplains) {
   fs::create_directory(disk / "from");
   for (int i = 0; i < 5; ++i) WriteFile((disk / "from/file") + std::to_string(i), Bytes(5000));
