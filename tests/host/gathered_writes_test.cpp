@@ -430,8 +430,10 @@ TEST_F(GatheredWritesTest, AreWrittenAgainBeforeAMoveThatAwaitsThem) {
 
 TEST_F(GatheredWritesTest, ThatFailAgainAreReportedBeforeADrainEnds) {
   disk.Fill();
+  disk.Hold();  // so that the first has not failed before the second is added
   ASSERT_TRUE(Add(0, "abc"));
   ASSERT_TRUE(Add(9, "abc"));
+  disk.GoOn();
   writes.Drain(node);
   EXPECT_EQ(failures, (std::vector<int>{ENOSPC, ENOSPC}));
 }
