@@ -7,9 +7,9 @@
 namespace cpd::host {
 
 /// The memory that all caches of a mount may take together, shared out among them. Each cache keeps
-/// to its share, in bytes, and drops what was used least recently. Small tables with a fixed number
-/// of places are not counted, nor is what programs need: nodes that the kernel knows, directories
-/// that they read, writes and replies on their way.
+/// to its share, in bytes: it drops older content, or keeps nothing new until some is released.
+/// Small tables with a fixed number of places are not counted, nor is what programs need: nodes
+/// that the kernel knows, directories that they read, writes and replies on their way.
 struct CacheMemory {
   static constexpr uint32_t kMostMib = 1U << 20;
 

@@ -251,7 +251,9 @@ std::string AppendWhileAskedFor(const std::string& path, int fd, bool sets_times
   for (int i = 0; i < 500; ++i) {
     const auto line = std::to_string(i) + '\n';
     EXPECT_EQ(write(fd, line.data(), line.size()), static_cast<ssize_t>(line.size())) << errno;
-    if (sets_times) EXPECT_EQ(futimens(fd, nullptr), 0) << errno;
+    if (sets_times) {
+      EXPECT_EQ(futimens(fd, nullptr), 0) << errno;
+    }
     written += line;
   }
   stop = true;
@@ -331,7 +333,8 @@ class WhatTheClientAppends : public ReplacedWhileOpen {
     const auto path = *mounted / "log";
     struct stat attributes {};
     EXPECT_EQ(stat(path.c_str(), &attributes), 0) << errno;
-    std::this_thread::sleep_for(50ms);  // longer than the mount takes a look-up for the open call's
+    // For 20 ms, an open call relies on what a look-up has shown. Wait until that is over.
+    std::this_thread::sleep_for(50ms);
     WriteFile(disk / "log", "mine\nthe client's\n");
     const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     EXPECT_EQ(write(fd, "mine\n", 5), 5) << errno;
