@@ -91,7 +91,8 @@ void WalkAhead::TakeAnswer(const std::string& directory, const SharedAhead& ahea
   {
     const std::lock_guard lock(mutex_);
     waiting.swap(ahead->waiting);
-    if (answer.error == 0) latest_ = answer.value->memory();
+    // However large it is, another may be asked for when nothing is kept but names.
+    if (answer.error == 0) latest_ = std::min(answer.value->memory(), memory_ / 2);
     const bool is_kept = !waiting.empty() || answer.error != 0 || HasRoomLocked(*answer.value);
     ahead->answer = is_kept ? answer : Result<SharedListing>{.error = ENOBUFS};
     if (auto* walk = is_kept ? nullptr : FindWalkLocked(DirectoryOf(directory))) walk->reach /= 2;
