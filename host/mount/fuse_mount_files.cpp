@@ -297,10 +297,11 @@ void FuseMount::FindEnd(fuse_ino_t node) {
   auto pass = Enter();
   const auto file = nodes_.Find(node);
   if (!is_doubtful(file)) return;
+  const auto asked = NodeTable::Clock::now();
   auto answer = LookAt(file->path);
   pass.unlock();
   const auto [error, now] = answer.get();
-  if (error == 0 && nodes_.Update(node, now)) nodes_.ForgetEnd(node, file->end);
+  if (error == 0 && nodes_.Update(node, now)) nodes_.ForgetEnd(node, asked);
 }
 
 /// Where the data of a write goes. The kernel counts an append from the end of the file that it
@@ -432,6 +433,7 @@ void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, str
   constexpr int kOwner = FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID;
   if ((which & FUSE_SET_ATTR_SIZE) != 0) writes_.Drain(node);
   const auto pass = Enter();
+  const auto asked = NodeTable::Clock::now();
   const auto file = nodes_.Find(node);
   // The kernel does not repeat a call on a handle.
   if (!file && handle != nullptr) return request.ReplyError(ESTALE);
@@ -463,8 +465,8 @@ void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, str
   }
   const int64_t size = wanted->st_size;
   if (sets_size) {
+    nodes_.ForgetEnd(node, asked);
     nodes_.NoteChange(node);
-    nodes_.ForgetEnd(node, file->end);
     reads_.Forget(node);
     open_files_.NoteWrite(node);
     writes_.NoteExtension(*file, size);
@@ -482,17 +484,22 @@ void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, str
   ReplyChangedAttributes(request, node, *file, change);
 }
 
-/// Answers a change of times, which is not made, without asking the disk, if that has shown the
-/// file lately. After a write its times are not known, so the kernel must not keep what it gets
-/// here. But it takes the size at once, so that an append would overwrite what a size leaves out.
+/// Accepts a change of times without making it. If the disk has shown the file lately, answers with
+/// what is known, and does not ask the disk. The kernel must not keep these times, because a write
+/// may have changed them. But it takes the size at once, and appends there: if the size were too
+/// small, an append would overwrite the end of the file. If it may be, the disk has to be asked.
 /// @return false when the disk has to be asked
 bool FuseMount::AcceptTimes(const KernelRequest& request, fuse_ino_t node,
                             const NodeTable::File& file) {
   if (!writes_early_ || NodeTable::Clock::now() - file.told >= Prefetch::kTrusted) return false;
-  if (file.end > file.attributes.st_size) return false;
-  struct stat attributes = ToStat(file.attributes);
-  if (file.is_hidden) --attributes.st_nlink;
-  nodes_.NoteTold(node);
+  nodes_.NoteTold(node);  // before the size is read, which must not be older than what is noted
+  const auto told = nodes_.Find(node);
+  if (!told || told->end > told->attributes.st_size) {
+    nodes_.NoteUntold(node);
+    return false;
+  }
+  struct stat attributes = ToStat(told->attributes);
+  if (told->is_hidden) --attributes.st_nlink;
   if (!request.ReplyAttributes(attributes, 0)) NoteUntold(node);
   return true;
 }

@@ -47,8 +47,8 @@ NodeTable::Id NodeTable::Lookup(Id parent, const std::string& name, const udisk_
 }
 
 /// Whether what is known of a file is newer than the disk's answer to a question asked at `asked`.
-/// Never true of a directory: what is remembered of one is as new as the last answer about it, even
-/// if it was asked for before that answer came.
+/// Never true of a directory: ListingCache forgets such an answer when a later one differs from it.
+/// So the answer still holds, even if the disk has shown the directory again since `asked`.
 bool NodeTable::IsNewer(const Node& node, std::optional<Clock::time_point> asked) {
   return asked && !S_ISDIR(node.attributes.st_mode) && (IsOutdated(node) || node.told > *asked);
 }
@@ -218,10 +218,10 @@ void NodeTable::Grow(Id id, int64_t size) {
   if (kernel_size >= 0) kernel_size = std::max(kernel_size, size);
 }
 
-void NodeTable::ForgetEnd(Id id, int64_t end) {
+void NodeTable::ForgetEnd(Id id, Clock::time_point time) {
   const std::lock_guard lock(mutex_);
   const auto node = nodes_.find(id);
-  if (node != nodes_.end() && node->second.written_end <= end) node->second.written_end = 0;
+  if (node != nodes_.end() && node->second.changed < time) node->second.written_end = 0;
 }
 
 void NodeTable::NoteTold(Id id) {

@@ -70,9 +70,9 @@ class NodeTable {
   [[nodiscard]] bool IsChangedSince(Id id, Clock::time_point time) const;
   /// Raises a file's size to this one if it is smaller, because the kernel has written that far.
   void Grow(Id id, int64_t size);
-  /// Takes a file's size for its end again, unless a write has moved the end since.
-  /// @param end  what a Find has given, before the disk was asked for the size or cut the file
-  void ForgetEnd(Id id, int64_t end);
+  /// Takes a file's size for its end again, unless this mount has written to it since then.
+  /// @param time  before the disk was asked for the size, or cut the file
+  void ForgetEnd(Id id, Clock::time_point time);
   /// Notes that the kernel gets the stored attributes.
   void NoteTold(Id id);
   /// Notes that the kernel does not know of a change of the file.

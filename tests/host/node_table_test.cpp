@@ -187,11 +187,12 @@ TEST_F(Nodes, EndWhereThisMountHasWrittenUntilTheDiskIsAskedAgain) {
   nodes.Grow(node, 600);
   nodes.Update(node, File(1, 1, 100));  // may have been asked for before the write
   EXPECT_EQ(end(node), 600);
-  nodes.Grow(node, 700);
+  const auto before = NodeTable::Clock::now();
+  nodes.Grow(node, 200);
   nodes.Update(node, File(1, 1, 100));
-  nodes.ForgetEnd(node, 600);  // asked for before the second write
-  EXPECT_EQ(end(node), 700);
-  nodes.ForgetEnd(node, 700);
+  nodes.ForgetEnd(node, before);  // asked for before the second write
+  EXPECT_EQ(end(node), 600);
+  nodes.ForgetEnd(node, NodeTable::Clock::now());
   EXPECT_EQ(end(node), 100);
   nodes.Update(node, File(1, 1, 800));
   EXPECT_EQ(end(node), 800);
