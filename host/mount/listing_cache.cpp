@@ -16,8 +16,10 @@
 namespace cpd::host {
 namespace {
 
-constexpr size_t kMemoryOfName = 512;    // of a Name in a map, generously
-constexpr size_t kNamesToMakeRoom = 16;  // all directories are counted once for so many names
+constexpr size_t kMemoryOfName = 512;  // of a Name in a map, generously
+// Each time that a directory has this many more names, the memory of all directories is added up.
+// To do that for every name would take too long.
+constexpr size_t kNamesToMakeRoom = 16;
 
 const Listing::Entry* Itself(const Listing& listing) {
   const auto itself = std::ranges::find(listing.entries, ".", &Listing::Entry::name);
@@ -166,6 +168,8 @@ SharedListing ListingCache::Keep(uint64_t question, Listing&& answer) {
     directory = asked.directory;
     if (const auto asking = askings_.find(directory); asking != askings_.end()) {
       asking->second.entries = listing->entries.size();
+      // Not again soon, if it answers no questions.
+      if (!is_kept) asking->second.listed = Clock::now() + kAfterFailure;
     }
     if (is_kept && !asked.is_void) {
       kept_[directory] = {.listing = listing,
@@ -270,7 +274,7 @@ void ListingCache::Ask(const std::string& path, const Shown& shown) {
                        [shown](const Result<udisk_stat>& result) { shown(result, std::nullopt); });
 }
 
-/// Runs what waited for a listing.
+/// Runs what waited for an answer.
 void ListingCache::Answer(const std::vector<std::function<void()>>& waiting) {
   const AtEnd answered([&] {
     const std::lock_guard lock(mutex_);

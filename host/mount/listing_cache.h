@@ -76,7 +76,7 @@ class ListingCache {
 
   /// Makes unknown what a change of `path` concerns. To be called before the change is sent, and
   /// after the module has made it, before a program hears of it. A change that a program is told of
-  /// earlier needs one more call, before the program is told, with a pass of the gate.
+  /// earlier needs one more call, before the program is told, while `path` cannot change.
   void NoteChange(const std::string& path, RemoteFiles::ChangeOf what);
   /// Notes what the disk showed at a path.
   void NoteShown(const std::string& path, const Result<udisk_stat>& result);
@@ -114,10 +114,10 @@ class ListingCache {
   using Names = std::map<std::string, Name, std::less<>>;
 
   struct Directory {
-    SharedListing listing = nullptr;     // null for one that was not listed
+    SharedListing listing = nullptr;     // null if none is known
     bool is_checkable = false;           // the listing
     Clock::time_point asked = {};        // for the listing
-    Clock::time_point names_asked = {};  // when it was last seen to have no other names, if ever
+    Clock::time_point names_asked = {};  // when last seen to have no other names, if that is known
     Clock::time_point sifted = {};       // when those of `names` that are too old were dropped
     int64_t device = 0;
     Names names = {};                    // newer than the listing

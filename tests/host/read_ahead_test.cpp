@@ -485,6 +485,26 @@ TEST_F(Walks, KeepNoMoreListingsThanTheirMemoryAllows) {
   EXPECT_EQ(shown, 2 + 4);
 }
 
+TEST_F(Walks, GoOnAfterAListingThatTheMemoryDoesNotAllow) {
+  names_.resize(2);
+  ListTree();
+  size_t memory = 0;
+  walk_.List(names_[1], changes_,
+             [&](const auto& result) { memory = result.value.listing->memory(); });
+  WorkFarAway();
+  WalkAhead small(files_, cache_, true, memory - 1);
+  const auto list = [&](const std::string& path) {
+    small.List(path, changes_, [](const auto&) {});
+    WorkFarAway();
+  };
+  for (uint64_t round = 1; round <= 3; ++round) {
+    list("/tree");
+    list(names_[0]);
+    EXPECT_EQ(files_.savings().listings_ahead, round);
+    list(names_[1]);  // asked for again
+  }
+}
+
 TEST_F(Walks, AreNotFollowedIfTheirNamesNeedMoreThanTheirMemory) {
   ListTree();
   WalkAhead small(files_, cache_, true, 2 * names_.size() * sizeof(std::string));
@@ -691,6 +711,22 @@ TEST_F(KnownNames, DoNotComeFromAReplyThatIsTooLongToKeep) {
   surplus_ = 33 << 20;
   List();
   ExpectAskedFor("/d/a", 0, 5);
+}
+
+TEST_F(KnownNames, AreNotListedAgainSoonIfTheMemoryDoesNotAllowTheListing) {
+  ListingCache small(files_, true, 0, 20ms);
+  const auto ask_for_many = [&] {
+    for (const char name : {'a', 'b', 'c', 'd', 'e'}) {
+      small.GetAttributes("/d/" + std::string(1, name), {}, [](const auto&, const auto&) {});
+    }
+    Work();
+  };
+  while (Asked(kDirRead) == 0) ask_for_many();
+  for (int i = 0; i < 3; ++i) {
+    std::this_thread::sleep_for(30ms);
+    ask_for_many();
+  }
+  EXPECT_EQ(Asked(kDirRead), 1);
 }
 
 TEST_F(KnownNames, OnADiskThatIgnoresCaseAreAllForgottenAfterAChangeOfOne) {
