@@ -46,8 +46,8 @@ measure_ratios() {
       bound = $6; sub(/.* /, "", bound); print $1, "bound", bound, -row, bound, bound }'
 }
 
-# Reads a table of compare in mounts.sh, and prints ROW, SYSTEM, RATE, UNIT and the rate of cpd-host,
-# which is also the first system.
+# Reads a table of compare in mounts.sh, and prints ROW, SYSTEM, RATE, UNIT and the rate of
+# cpd-host. In the table cpd-host is the last system; of each row, it is printed first.
 compared() {
   cells | awk -F '\t' -v OFS='\t' '
     NR == 1 { for (n = 2; $n != "unit"; ++n) name[n] = $n == "ours" ? "cpd-host" : $n; next }

@@ -98,7 +98,8 @@ class ListingCache {
   void ForgetDisk();
 
  private:
-  /// For how long no listing replaces questions for the names of a directory that failed to list.
+  /// For how long no listing replaces questions for the names of a directory whose listing failed,
+  /// or could not be kept.
   static constexpr std::chrono::seconds kAfterFailure{30};
   static constexpr size_t kMostListings = 256;
   static constexpr size_t kMostAskings = 1024;
@@ -143,8 +144,8 @@ class ListingCache {
   /// Names of a directory that were asked for one by one.
   struct Asking {
     Clock::time_point since = {};
-    // When the directory was last listed because of these. In the future if that failed, so that it
-    // is not tried again soon.
+    // When the directory was last listed because of these. In the future if that failed, or if the
+    // listing could not be kept, so that it is not tried again soon.
     Clock::time_point listed = {};
     std::string last = {};  // the name
     size_t count = 0;

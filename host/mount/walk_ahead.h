@@ -102,7 +102,7 @@ class WalkAhead {
   std::mutex mutex_;
   std::list<Walk> walks_;                     // the latest in front
   std::map<std::string, SharedAhead> ahead_;  // by path
-  size_t latest_ = 0;                         // memory that the next answer may take, in bytes
+  size_t latest_ = 0;                         // what an answer is guessed to take, in bytes
 };
 
 }  // namespace cpd::host
