@@ -36,8 +36,8 @@ Load LimitLoop(SampleDisk& disk, FileWork work, int outstanding);
 /// The same work through the driver, from onEvent to SendPacket.
 /// @param confined  whether the driver keeps paths beneath the disk's root
 Load ModuleLoop(SampleDisk& disk, FileWork work, int outstanding, bool confined = false);
-/// The same work by several drivers in turn, as if each had a disk of its own. Each has one request
-/// outstanding.
+/// The same work by several drivers at the same time, as if each had a disk of its own. Each always
+/// has one request outstanding.
 Load DisksLoop(SampleDisk& disk, FileWork work, int disks);
 
 // ---- Directories with `files` files, one operation at a time ----
