@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <string>
@@ -74,13 +75,20 @@ class FakeDriver : public test::IdleDriver {
 
   FakeDriver(Session& session, Answer answer) : session_(session), answer_(std::move(answer)) {}
 
+  /// Called on the session's own thread, too: it sends a probe when a reply takes long.
   int onEvent(std::unique_ptr<CpdPacket> packet, int /*flags*/) override {
-    requests.push_back(std::move(packet));
+    const std::lock_guard lock(mutex_);
+    requests_.push_back(std::move(packet));
     return 0;
+  }
+  /// How many requests wait for a reply.
+  [[nodiscard]] size_t requests() const {
+    const std::lock_guard lock(mutex_);
+    return requests_.size();
   }
   /// Replies to the requests so far.
   void Work() {
-    for (const auto& request : std::exchange(requests, {})) {
+    for (const auto& request : TakeRequests()) {
       const CpdPacketHeader header = *request->header;
       const std::string bytes(reinterpret_cast<const char*>(request->buffer->data),
                               header.packetLen);
@@ -93,11 +101,18 @@ class FakeDriver : public test::IdleDriver {
     }
   }
 
-  std::vector<std::unique_ptr<CpdPacket>> requests;
-
  private:
+  using Requests = std::vector<std::unique_ptr<CpdPacket>>;
+
+  Requests TakeRequests() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(requests_, {});
+  }
+
   Session& session_;
   Answer answer_;
+  mutable std::mutex mutex_;
+  Requests requests_;
 };
 
 class ReadAhead : public testing::Test {
@@ -111,7 +126,7 @@ class ReadAhead : public testing::Test {
   }
   /// Replies until there are no more requests.
   void Work() {
-    while (!driver_->requests.empty()) driver_->Work();
+    while (driver_->requests() > 0) driver_->Work();
   }
   int Asked(uint16_t command) const {
     const auto statistics = session_.statistics();
@@ -400,7 +415,7 @@ class Walks : public ReadAhead {
 
   /// Replies as a driver that is far away would.
   void WorkFarAway() {
-    while (!driver_->requests.empty()) {
+    while (driver_->requests() > 0) {
       std::this_thread::sleep_for(2ms);
       driver_->Work();
     }
@@ -431,7 +446,7 @@ class Walks : public ReadAhead {
 TEST_F(Walks, AskForTheNextDirectoriesAfterTheOneThatAProgramLists) {
   ListTree();
   List(names_[0]);
-  EXPECT_EQ(driver_->requests.size(), 1 + WalkAhead::kFirstReach);
+  EXPECT_EQ(driver_->requests(), 1 + WalkAhead::kFirstReach);
   WorkFarAway();
   EXPECT_EQ(asked_, std::vector<std::string>(names_.begin(), names_.begin() + 5));
   EXPECT_EQ(shown_, 1);
@@ -457,7 +472,7 @@ TEST_F(Walks, ReachFurtherWhileListingsComeJustInTime) {
   List(names_[0]);
   WorkFarAway();
   List(names_[1]);
-  EXPECT_EQ(driver_->requests.size(), 1 + WalkAhead::kFirstReach);
+  EXPECT_EQ(driver_->requests(), 1 + WalkAhead::kFirstReach);
   WorkFarAway();
 }
 
@@ -555,14 +570,14 @@ TEST_F(Walks, AskANearbyDiskForNothingMore) {
   List("/tree");
   Work();
   List(names_[0]);
-  EXPECT_EQ(driver_->requests.size(), 1U);
+  EXPECT_EQ(driver_->requests(), 1U);
   Work();
 }
 
 TEST_F(Walks, AskForNothingMoreInAnotherOrder) {
   ListTree();
   List(names_[18]);
-  EXPECT_EQ(driver_->requests.size(), 1U);
+  EXPECT_EQ(driver_->requests(), 1U);
   WorkFarAway();
 }
 
