@@ -375,7 +375,10 @@ void Connection::HandleControl(const ControlFrame& frame) {
       const uint64_t elapsed = static_cast<uint64_t>(now.count()) - frame.value;
       // A larger value is not from a ping of this side.
       if (elapsed <= static_cast<uint64_t>(now.count())) {
-        round_trip_ = std::chrono::nanoseconds(static_cast<int64_t>(elapsed));
+        const std::chrono::nanoseconds round_trip(static_cast<int64_t>(elapsed));
+        lowest_.Add(round_trip);
+        round_trip_ = round_trip;
+        shortest_round_trip_ = lowest_.value();
       }
       return;
     }

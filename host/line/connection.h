@@ -20,6 +20,7 @@
 #include "line/frame_reader.h"
 #include "line/line_source.h"
 #include "line/stream.h"
+#include "remote/lowest_lately.h"
 
 namespace cpd::host {
 
@@ -124,6 +125,10 @@ class Connection {
   [[nodiscard]] bool was_useful() const { return was_useful_; }
   /// Of the last ping; zero before the first.
   [[nodiscard]] std::chrono::nanoseconds round_trip() const { return round_trip_; }
+  /// Of the latest pings that found the line least busy; zero before the first.
+  [[nodiscard]] std::chrono::nanoseconds shortest_round_trip() const {
+    return shortest_round_trip_;
+  }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -161,6 +166,7 @@ class Connection {
   FrameReader reader_;
   Handlers handlers_;
   std::atomic<std::chrono::nanoseconds> round_trip_{};
+  std::atomic<std::chrono::nanoseconds> shortest_round_trip_{};
   std::atomic<bool> was_useful_ = false;
   bool ends_session_on_nonsense_ = false;  // not written after Start
 
@@ -168,6 +174,7 @@ class Connection {
   Clock::time_point started_ = Clock::now();
   Clock::time_point heard_ = started_;
   Clock::time_point pinged_{};
+  LowestLately lowest_;  // of the pings
   std::optional<Ending> ending_;
 
   std::mutex mutex_;

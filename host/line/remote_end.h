@@ -66,6 +66,9 @@ class RemoteEnd : public LineUser {
       recording_.Note(*packet, Way::kToModule);
       connection_.Send(packet);
     }
+    [[nodiscard]] std::chrono::nanoseconds transit() const override {
+      return connection_.shortest_round_trip();
+    }
 
    private:
     Connection& connection_;

@@ -11,7 +11,8 @@ namespace cpd::host {
 
 /// Counts the work that was acknowledged but is not carried out yet. Every later request waits for
 /// it, so it is limited to what the disk, and the line to it, do in about 100 ms at their measured
-/// speed.
+/// speed. Over a long line, what is on its way is added: nothing waits longer for that, and the
+/// line would run dry without it.
 ///
 /// Work is counted in bytes. Not synchronized: the owner's mutex guards it.
 class Backlog {
@@ -29,11 +30,13 @@ class Backlog {
 
   /// Learns how long the disk took for some work. A single slow answer is ignored, because a
   /// busy machine may have caused it; a second one in a row counts.
-  void Measure(size_t work, std::chrono::nanoseconds took) {
+  /// @param transit  how long the work and its answer were on their way besides
+  void Measure(size_t work, std::chrono::nanoseconds took, std::chrono::nanoseconds transit = {}) {
     const double latest = static_cast<double>(took.count()) / static_cast<double>(work);
     const double lately = std::min(latest, std::exchange(latest_, latest));
     cost_ = cost_ == 0 ? lately : (cost_ + lately) / 2;
-    const double in_time = kLongestWait / std::max(cost_, kLeastCost);
+    const double in_time =
+        (kLongestWait + static_cast<double>(transit.count())) / std::max(cost_, kLeastCost);
     most_ = in_time < static_cast<double>(bound_) ? static_cast<size_t>(in_time) : bound_;
   }
 

@@ -151,7 +151,8 @@ void GatheredWrites::HandleEarlyAnswer(NodeTable::Id node, const std::string& pa
   bool was_acknowledged = false;
   {
     const std::lock_guard lock(mutex_);
-    if (outcome == Outcome::kDone) large_backlog_.Measure(early->work, files_.TimeOfAnswer());
+    if (outcome == Outcome::kDone)
+      large_backlog_.Measure(early->work, files_.TimeOfAnswer(), files_.Transit());
     was_acknowledged = early->is_acknowledged;
     if (was_acknowledged) {
       large_backlog_.Remove(early->work);
@@ -187,7 +188,8 @@ void GatheredWrites::WriteThrough(const NodeTable::File& file, int64_t offset,
                  if (outcome == Outcome::kDone) {
                    const std::lock_guard lock(mutex_);
                    auto& backlog = size <= kLargestPiece ? backlog_ : large_backlog_;
-                   backlog.Measure(Backlog::WorkOf(1, size), files_.TimeOfAnswer());
+                   backlog.Measure(Backlog::WorkOf(1, size), files_.TimeOfAnswer(),
+                                   files_.Transit());
                  }
                  on_outcome(outcome);
                });
@@ -307,7 +309,7 @@ void GatheredWrites::HandleAnswer(NodeTable::Id node, const Pieces& pieces, size
   {
     const std::lock_guard lock(mutex_);
     backlog_.Remove(work);
-    if (outcome == Outcome::kDone) backlog_.Measure(work, files_.TimeOfAnswer());
+    if (outcome == Outcome::kDone) backlog_.Measure(work, files_.TimeOfAnswer(), files_.Transit());
     auto& file = gathering_[node];
     file.is_rewriting |= outcome == Outcome::kRefused;
     writes_again = file.is_rewriting && outcome != Outcome::kUnanswered;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 
@@ -22,6 +23,9 @@ class Channel {
   [[nodiscard]] virtual bool HasRoom(size_t packet_length) = 0;
   /// A channel that cannot break may take the packet's buffer.
   virtual void Send(const std::shared_ptr<CpdPacket>& packet) = 0;
+  /// How long a packet and its answer are on their way at least, without the driver's work; 0 if
+  /// that is not known.
+  [[nodiscard]] virtual std::chrono::nanoseconds transit() const { return {}; }
 };
 
 /// Leads to a driver in this process.

@@ -414,6 +414,8 @@ void RemoteFiles::WaitForChanges() const {
 
 std::chrono::nanoseconds RemoteFiles::TimeOfAnswer() const { return session_.time_of_answer(); }
 
+std::chrono::nanoseconds RemoteFiles::Transit() const { return session_.transit(); }
+
 Savings& RemoteFiles::savings() const { return session_.savings(); }
 
 bool RemoteFiles::IsFar() const { return session_.round_trip() >= std::chrono::milliseconds(1); }

@@ -163,6 +163,8 @@ class RemoteFiles {
   /// How long the module took for the request whose answer is being delivered, not counting the
   /// time that the request waited for others. Must only be called from a Done or an OnOutcome.
   [[nodiscard]] std::chrono::nanoseconds TimeOfAnswer() const;
+  /// How long a request and its answer are on their way at least; 0 if that is not known.
+  [[nodiscard]] std::chrono::nanoseconds Transit() const;
   /// The session's counts of what saved requests.
   [[nodiscard]] Savings& savings() const;
 

@@ -177,9 +177,11 @@ void Session::Receive(std::unique_ptr<CpdPacket> packet) {
     lowest_.Add(now - answered.sent);
     round_trip_ = lowest_.value();
     done = std::move(answered.done);
+    transit_ = channel_->transit();
+    const auto arrived = answered.sent + transit_.load();
+    time_of_answer_ = now - std::clamp(arrived, waiting_since_, now);
     outstanding_.pop_front();
     ++first_id_;
-    time_of_answer_ = now - waiting_since_;
     waiting_since_ = now;
     ++delivering_;
     if (outstanding_.empty()) SendWaitingLocked();

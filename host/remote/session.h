@@ -85,8 +85,10 @@ class Session {
   /// What the mechanisms that use this session count.
   Savings& savings() { return savings_; }
   /// How long the driver took for the request whose Done runs, measured from the previous answer,
-  /// or from when the request was sent if none was outstanding.
+  /// or from when the request can have arrived.
   Clock::duration time_of_answer() const { return time_of_answer_; }
+  /// How long a packet and its answer are on their way at least; 0 if that is not known.
+  Clock::duration transit() const { return transit_; }
   /// How long an answer takes at least: the way to the driver and back, and its work. 0 before the
   /// first answer.
   Clock::duration round_trip() const { return round_trip_; }
@@ -141,6 +143,7 @@ class Session {
   Statistics statistics_;
   Savings savings_;
   std::atomic<Clock::duration> time_of_answer_{};
+  std::atomic<Clock::duration> transit_{};
   LowestLately lowest_;                        // guarded by mutex_
   std::atomic<Clock::duration> round_trip_{};  // what lowest_ gives
   std::atomic<int> delivering_ = 0;            // threads that are running Done functions

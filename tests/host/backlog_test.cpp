@@ -46,6 +46,12 @@ TEST(Backlog, IsWhatTheDiskDoesInATenthOfASecond) {
   EXPECT_EQ(Fill(&backlog), 3);
 }
 
+TEST(Backlog, OverALongLineHasRoomForWhatIsOnItsWayAsWell) {
+  Backlog backlog;
+  backlog.Measure(kPiece, 5ms, 50ms);
+  EXPECT_EQ(Fill(&backlog), 30);
+}
+
 TEST(Backlog, OfADiskThatTakesMoreThanATenthOfASecondForAPieceHasRoomForNone) {
   Backlog backlog;
   backlog.Measure(kPiece, 101ms);

@@ -384,6 +384,19 @@ TEST_F(ConnectionTest, MeasuresTheRoundTripWithItsFirstPing) {
   EXPECT_LT(connection->round_trip(), 10s);
 }
 
+TEST_F(ConnectionTest, KeepsTheShortestRoundTripWhenALaterPingWaitsForOthers) {
+  Start();
+  const auto ping = peer.NextControl(Control::kPing);
+  ASSERT_TRUE(ping);
+  EXPECT_EQ(connection->shortest_round_trip(), 0ns);
+  peer.Send(ControlBytes(Control::kPong, ping->value));
+  ASSERT_TRUE(Eventually([&] { return connection->round_trip() > 0ns; }));
+  const auto first = connection->round_trip();
+  peer.Send(ControlBytes(Control::kPong, ping->value - 1'000'000'000));
+  ASSERT_TRUE(Eventually([&] { return connection->round_trip() > first; }));
+  EXPECT_EQ(connection->shortest_round_trip(), first);
+}
+
 TEST_F(ConnectionTest, GivesUpALineOnWhichNothingArrives) {
   Start(kWindow, kWindow, kShort);
   const auto how = AwaitEnding();

@@ -1,4 +1,5 @@
-// A session whose driver does not reply: the probe that it sends, and the end of its patience.
+// What a session measures of its driver, the probe that it sends to one that does not reply, and
+// the end of its patience.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -6,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -76,6 +78,33 @@ class SessionLimits : public testing::Test {
   int answers = 0;
   int replies = 0;
 };
+
+/// The way to the driver and back takes longer than the driver's work.
+class LongChannel : public DriverChannel {
+ public:
+  using DriverChannel::DriverChannel;
+  [[nodiscard]] std::chrono::nanoseconds transit() const override { return 20ms; }
+};
+
+TEST(SessionTimes, LeaveOutTheWayOfARequestThatWaitedForNoOther) {
+  for (const bool is_long : {false, true}) {
+    SilentDriver driver;
+    DriverChannel direct(driver);
+    LongChannel longer(driver);
+    Session session(0s);
+    session.Start(is_long ? &longer : &direct);
+    Clock::duration took{};
+    session.Ask(std::make_unique<CpdPacket>(std::move(*test::PacketOf(40, kGetFileAttr))),
+                [&](const std::unique_ptr<CpdPacket>&) { took = session.time_of_answer(); });
+    const auto asked = Clock::now();
+    std::this_thread::sleep_for(30ms);
+    session.Receive(std::make_unique<CpdPacket>(std::move(*test::PacketOf(40, kGetFileAttr, 1))));
+    const auto elapsed = Clock::now() - asked;
+    EXPECT_GE(took, is_long ? 10ms : 30ms);
+    EXPECT_LE(took, is_long ? elapsed - 10ms : elapsed + 10ms);
+    session.Stop();
+  }
+}
 
 TEST_F(SessionLimits, SendNoProbeForARequestThatIsAnsweredInTime) {
   Ask();
