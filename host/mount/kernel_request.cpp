@@ -24,6 +24,10 @@ struct KernelRequest::State : std::enable_shared_from_this<State> {
         held(Interruptions::kHeldByEach + data_size) {}
   ~State() {
     if (was_interrupted) interruptions.NoteConclusion(held);
+    if (is_answered) return;
+    // Waits for OnInterrupt, which cannot take another copy any more.
+    fuse_req_interrupt_func(request, nullptr, nullptr);
+    fuse_reply_err(request, EIO);
   }
   State(const State&) = delete;
   State& operator=(const State&) = delete;
@@ -44,13 +48,18 @@ KernelRequest::KernelRequest(fuse_req_t request, Interruptions& interruptions, s
 pid_t KernelRequest::thread() const { return state_->thread; }
 
 /// Called with libfuse's lock of the request held, so it must not answer. The state is still there:
-/// the first answer waits until this is not running.
+/// the first answer waits until this is not running, and so does the end of the last copy.
 void KernelRequest::OnInterrupt(fuse_req_t /*request*/, void* state) {
-  auto& interrupted = *static_cast<State*>(state);
-  interrupted.interruptions.Add(KernelRequest(interrupted.shared_from_this()));
+  auto interrupted = static_cast<State*>(state)->weak_from_this().lock();
+  if (interrupted == nullptr) return;
+  auto& interruptions = interrupted->interruptions;
+  interruptions.Add(KernelRequest(std::move(interrupted)));
 }
 
 bool KernelRequest::IsAnswered() const { return state_->is_answered; }
+
+/// Whether this is the last copy, of a request that is still to be answered.
+bool KernelRequest::IsLost() const { return state_.use_count() == 1; }
 
 template <class Reply>
 bool KernelRequest::Answer(Reply reply) const {
@@ -165,7 +174,8 @@ void Interruptions::AnswerWhenCutOff(const std::stop_token& stop) {
     if (is_cut_off_()) {
       for (const auto& request : requests) request.AnswerInterrupted();
     }
-    std::erase_if(requests, [](const auto& request) { return request.IsAnswered(); });
+    std::erase_if(requests,
+                  [](const auto& request) { return request.IsAnswered() || request.IsLost(); });
     lock.lock();
     std::ranges::move(requests, std::back_inserter(interrupted_));
     changed_.wait_for(lock, stop, kInterval, [] { return false; });

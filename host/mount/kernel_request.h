@@ -23,7 +23,8 @@ namespace cpd::host {
 class Interruptions;
 
 /// A request of the kernel. Copies stand for the same request, which is concluded when the last one
-/// is gone. Callable from any thread.
+/// is gone; if nobody has answered it by then, as when memory ran out, the program gets EIO.
+/// Callable from any thread.
 ///
 /// The first reply counts; it may come from Interruptions. Later ones have no effect. So each
 /// returns whether the kernel took it: only then does the kernel hold what the reply refers to,
@@ -58,6 +59,7 @@ class KernelRequest {
   explicit KernelRequest(std::shared_ptr<State> state) : state_(std::move(state)) {}
   static void OnInterrupt(fuse_req_t request, void* state);
   [[nodiscard]] bool IsAnswered() const;
+  [[nodiscard]] bool IsLost() const;
   template <class Reply>
   [[nodiscard]] bool Answer(Reply reply) const;
   void AnswerInterrupted() const;

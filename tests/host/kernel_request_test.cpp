@@ -16,6 +16,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -76,6 +77,15 @@ class InterruptedRequests : public testing::Test {
       const auto answer = answers_.find(request);
       return answer != answers_.end() && answer->second == -EINTR;
     }));
+  }
+
+  /// Lets go of a request without an answer.
+  void Lose(uint64_t request) { requests_.erase(request); }
+  /// What the kernel was told.
+  std::optional<int> AnswerTo(uint64_t request) {
+    const std::lock_guard lock(mutex_);
+    const auto answer = answers_.find(request);
+    return answer == answers_.end() ? std::nullopt : std::optional(answer->second);
   }
 
   std::atomic<bool> is_cut_off = true;
@@ -170,6 +180,25 @@ TEST_F(InterruptedRequests, AreLimitedAlsoIfTheyBringNoData) {
   EXPECT_EQ(Interrupted(requests), kMost);
   Conclude(requests.front());
   EXPECT_TRUE(Eventually([&] { return Interrupted(requests) > kMost; }));
+}
+
+TEST_F(InterruptedRequests, FailIfTheyAreLostWithoutAnAnswer) {
+  is_cut_off = false;
+  const auto request = AskForAttributes();
+  Lose(request);
+  EXPECT_EQ(AnswerTo(request), -EIO);
+
+  const auto interrupted = AskForAttributes();
+  Interrupt(interrupted);
+  Lose(interrupted);
+  EXPECT_TRUE(Eventually([&] { return AnswerTo(interrupted) == -EIO; }));
+
+  const auto answered = AskForAttributes();
+  Interrupt(answered);
+  is_cut_off = true;
+  ASSERT_TRUE(Eventually([&] { return AnswerTo(answered) == -EINTR; }));
+  Lose(answered);
+  EXPECT_EQ(AnswerTo(answered), -EINTR) << "answered twice";
 }
 
 }  // namespace
