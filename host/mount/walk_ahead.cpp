@@ -58,7 +58,7 @@ void WalkAhead::List(const std::string& directory, uint64_t changes, Done done) 
     }
     FollowLocked(directory, ahead.get(), changes, &asked);
     if (ahead != nullptr && !is_waiting) {
-      const Walk below{.directory = directory, .names = Subdirectories(*ahead->answer->value)};
+      const auto below = WalkThroughLocked(directory, *ahead->answer->value);
       AskAheadLocked(below, std::min(below.names.size(), kFirstReach), changes, &asked);
     }
   }
@@ -119,13 +119,55 @@ size_t WalkAhead::MemoryOfNamesLocked() const {
 
 /// Notes which subdirectories a program may list next.
 void WalkAhead::NoteShown(const std::string& directory, const SharedListing& listing) {
-  Walk walk{.directory = directory, .names = Subdirectories(*listing)};
-  walk.memory = MemoryOf(walk.names);
   const std::lock_guard lock(mutex_);
+  auto walk = WalkThroughLocked(directory, *listing);
   walks_.remove_if([&](const Walk& other) { return other.directory == directory; });
   if (walk.names.empty()) return;
   walks_.push_front(std::move(walk));
   while (walks_.size() > kMostWalks || MemoryOfNamesLocked() > memory_ / 2) walks_.pop_back();
+}
+
+/// A walk that has not begun, in the order of the one that leads to it.
+WalkAhead::Walk WalkAhead::WalkThroughLocked(const std::string& directory, const Listing& listing) {
+  Walk walk{.directory = directory, .names = Subdirectories(listing)};
+  walk.memory = MemoryOf(walk.names);
+  const auto* const above = FindWalkLocked(DirectoryOf(directory));
+  if (above != nullptr && above->is_sorted) walk.Sort();
+  return walk;
+}
+
+/// The place of a name, if a program on its way through all of them may list it next.
+std::optional<size_t> WalkAhead::Walk::FindNear(std::string_view name) const {
+  const size_t end = std::min(names.size(), next + kLongestStep);
+  for (size_t i = next; i < end; ++i) {
+    if (names[i] == name) return i;
+  }
+  return std::nullopt;
+}
+
+void WalkAhead::Walk::Sort() {
+  std::ranges::sort(names);
+  is_sorted = true;
+  next = asked_end = 0;
+}
+
+bool WalkAhead::Walk::MoveTo(std::string_view name) {
+  auto place = FindNear(name);
+  if (!place && !is_sorted && std::ranges::find(names, name) != names.end()) {
+    Sort();
+    place = FindNear(name);
+  }
+  if (place) {
+    next = *place + 1;
+    asked_end = std::max(asked_end, next);
+    return true;
+  }
+  // The program may go on in order from here.
+  const auto found = std::ranges::lower_bound(names, name);
+  if (is_sorted && found != names.end() && *found == name) {
+    next = asked_end = static_cast<size_t>(found - names.begin()) + 1;
+  }
+  return false;
 }
 
 /// @return null when no listing that came ahead is usable
@@ -151,21 +193,13 @@ WalkAhead::Walk* WalkAhead::FindWalkLocked(const std::string& directory) {
 void WalkAhead::FollowLocked(const std::string& directory, const Ahead* ahead, uint64_t changes,
                              Asked* asked) {
   auto* walk = directory == "/" ? nullptr : FindWalkLocked(DirectoryOf(directory));
-  if (walk == nullptr) return;
-  const auto& names = walk->names;
-  const auto begin = names.begin() + static_cast<std::ptrdiff_t>(walk->next);
-  const auto end = names.begin() +
-                   static_cast<std::ptrdiff_t>(std::min(names.size(), walk->next + kLongestStep));
-  const auto found = std::find(begin, end, NameOf(directory));
-  if (found == end) return;
-  walk->next = static_cast<size_t>(found - names.begin()) + 1;
-  walk->asked_end = std::max(walk->asked_end, walk->next);
+  if (walk == nullptr || !walk->MoveTo(NameOf(directory))) return;
   if (ahead != nullptr) {
     const auto age = Clock::now() - ahead->asked;
     if (age < kJustInTime) walk->reach = std::clamp<size_t>(walk->reach * 2, 1, kLongestReach);
     if (age > kLongBefore) walk->reach = std::max<size_t>(walk->reach / 2, 1);
   }
-  const size_t reach_end = std::min(names.size(), walk->next + walk->reach);
+  const size_t reach_end = std::min(walk->names.size(), walk->next + walk->reach);
   if (walk->asked_end >= reach_end) return;
   walk->asked_end = AskAheadLocked(*walk, reach_end, changes, asked);
 }

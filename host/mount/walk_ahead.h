@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -20,10 +21,10 @@
 namespace cpd::host {
 
 /// Follows programs that walk through a tree of directories. When one lists the subdirectories of a
-/// directory in the order of its listing, the next ones are listed ahead: more of them while they
-/// come just in time, fewer when they come long before or are not used. If the listing that the
-/// program gets came ahead itself, the first directories below it are listed ahead, too. Does all
-/// this only when the disk is far: when it is near, there is no wait to save.
+/// directory in the order of its listing or of their names, the next ones are listed ahead: more of
+/// them while they come just in time, fewer when they come long before or are not used. If the
+/// listing that the program gets came ahead itself, the first directories below it are listed
+/// ahead, too. Does all this only when the disk is far: when it is near, there is no wait to save.
 ///
 /// A listing that came ahead is shown once, and only if a program asks for it at most kTrusted
 /// after it was asked for, with nothing changed through this mount in between. All operations are
@@ -73,8 +74,15 @@ class WalkAhead {
   using SharedAhead = std::shared_ptr<Ahead>;
   /// A directory's subdirectories, and a program's progress through them.
   struct Walk {
+    /// Follows a program to a subdirectory. Sorts the names if it came in another order.
+    /// @return whether it came in order
+    bool MoveTo(std::string_view name);
+    void Sort();
+    [[nodiscard]] std::optional<size_t> FindNear(std::string_view name) const;
+
     std::string directory;
-    std::vector<std::string> names;
+    std::vector<std::string> names;  // in the order of the listing, or sorted
+    bool is_sorted = false;
     size_t next = 0;       // the place after the one listed last
     size_t asked_end = 0;  // those before this one were asked for, or passed over
     size_t reach = kFirstReach;
@@ -88,6 +96,7 @@ class WalkAhead {
   [[nodiscard]] size_t MemoryOfNamesLocked() const;
   [[nodiscard]] bool HasRoomLocked(const Listing& listing) const;
   void NoteShown(const std::string& directory, const SharedListing& listing);
+  Walk WalkThroughLocked(const std::string& directory, const Listing& listing);
   SharedAhead TakeLocked(const std::string& directory, uint64_t changes);
   Walk* FindWalkLocked(const std::string& directory);
   void FollowLocked(const std::string& directory, const Ahead* ahead, uint64_t changes,

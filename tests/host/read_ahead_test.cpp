@@ -574,6 +574,29 @@ TEST_F(Walks, AskANearbyDiskForNothingMore) {
   Work();
 }
 
+TEST_F(Walks, FollowTheOrderOfTheNamesAsWell) {
+  std::ranges::reverse(names_);
+  ListTree();
+  std::ranges::reverse(names_);
+  for (const auto& name : names_) {
+    List(name);
+    WorkFarAway();
+  }
+  EXPECT_EQ(shown_, 20);
+  EXPECT_EQ(asked_, names_);
+  EXPECT_EQ(files_.savings().listings_ahead_used, 19U);
+}
+
+TEST_F(Walks, GoOnInOrderFromWhereAProgramBegins) {
+  ListTree();
+  List(names_[17]);
+  List(names_[18]);
+  EXPECT_EQ(driver_->requests(), 3U) << "names_[19] is not listed ahead";
+  WorkFarAway();
+  List(names_[19]);
+  EXPECT_EQ(shown_, 3);
+}
+
 TEST_F(Walks, AskForNothingMoreInAnotherOrder) {
   ListTree();
   List(names_[18]);
