@@ -155,7 +155,10 @@ bool NodeTable::Update(Id id, const udisk_stat& attributes,
                        std::optional<Clock::time_point> asked) {
   const std::lock_guard lock(mutex_);
   const auto node = nodes_.find(id);
-  if (node == nodes_.end() || IsNewer(node->second, asked)) return true;
+  if (node == nodes_.end()) return true;
+  // A later file at the path may have the inode of the one that was replaced.
+  if (node->second.names.empty() && node->second.replaced_name) return false;
+  if (IsNewer(node->second, asked)) return true;
   if (id != kRoot && !IsSameFile(node->second, attributes)) {
     if (!node->second.names.empty()) ReplaceLocked(id, node->second.names.front());
     return false;

@@ -155,6 +155,17 @@ TEST_F(Nodes, RememberTheNameThatAnotherFileTookFromThem) {
   EXPECT_EQ(nodes.ReplacedName(unlinked), std::nullopt);
 }
 
+TEST_F(Nodes, StayReplacedWhateverTakesTheirPlaceLater) {
+  const auto file = nodes.Lookup(kRoot, "file", File(1));
+  const auto linked = nodes.Lookup(kRoot, "linked", File(5, 2));
+  nodes.Lookup(kRoot, "link", File(5, 2));
+  EXPECT_FALSE(nodes.Update(file, File(3)));
+  EXPECT_FALSE(nodes.Update(file, File(1)));  // with the same inode
+  EXPECT_EQ(PathOf(file), "none");
+  EXPECT_FALSE(nodes.Update(linked, File(6)));
+  EXPECT_TRUE(nodes.Update(linked, File(5, 1)));  // by its other name
+}
+
 TEST_F(Nodes, KnowWhereTheKernelWouldAppend) {
   const auto kernel_size = [this](NodeTable::Id node) { return nodes.Find(node)->kernel_size; };
   const auto node = nodes.Lookup(kRoot, "a", File(1, 1, 100));
