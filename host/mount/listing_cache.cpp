@@ -229,6 +229,7 @@ void ListingCache::GetAttributes(const std::string& path, const Asked& asked, co
       return Ask(path, shown);
     }
     if (const auto name = LookLocked(path)) {
+      CheckGuessLocked(directory, NameOf(path));
       lock.unlock();
       ++files_.savings().known;
       return answer(name);
@@ -307,10 +308,36 @@ bool ListingCache::WantsListingLocked(const std::string& directory, std::string_
   }
   if (asking.last == name) return false;
   asking.last = name;
-  if (++asking.count <= std::max(kSingleQuestions, asking.entries / kNamesOfLarge)) return false;
+  ++asking.count;
   if (now - asking.listed <= trusted_) return false;
+  const bool has_several =
+      asking.count > std::max(kSingleQuestions, asking.entries / kNamesOfLarge);
+  auto& above = askings_[DirectoryOf(directory)];
+  asking.is_guess = !has_several && now - above.wanted_below <= trusted_ &&
+                    above.guesses_below < kMostGuesses &&
+                    asking.count > asking.entries / kNamesOfGuess;
+  if (asking.is_guess) ++above.guesses_below;
+  if (has_several) NoteSeveralLocked(directory);
+  if (!has_several && !asking.is_guess) return false;
   asking.listed = now;
   return true;
+}
+
+/// Notes that several names of a directory were asked for: the same may happen beside it.
+void ListingCache::NoteSeveralLocked(const std::string& directory) {
+  if (directory == "/") return;
+  auto& above = askings_[DirectoryOf(directory)];
+  above.wanted_below = Clock::now();
+  above.guesses_below = 0;
+}
+
+/// Called when a name is known. Whether a directory was rightly listed at the first question shows
+/// at the second one.
+void ListingCache::CheckGuessLocked(const std::string& directory, std::string_view name) {
+  const auto asking = askings_.find(directory);
+  if (asking == askings_.end() || !asking->second.is_guess || asking->second.last == name) return;
+  asking->second.is_guess = false;
+  NoteSeveralLocked(directory);
 }
 
 std::optional<ListingCache::Name> ListingCache::Look(const std::string& path) {

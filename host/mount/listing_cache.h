@@ -33,7 +33,8 @@ namespace cpd::host {
 /// they concern unknown, until the disk is asked again or the caller says what has become of them.
 /// What the caller says answers questions for kTrusted, whether the directory was listed or not.
 /// If several names of a directory are asked for, the directory is listed, and the listing answers
-/// them all.
+/// them all. Those beside it are listed at the first question then, as long as it is not the only
+/// one.
 ///
 /// Some disks take names that differ in case for the same. So names count as missing, and a change
 /// leaves the other names known, only on a disk that was seen to tell such names apart.
@@ -50,6 +51,11 @@ class ListingCache {
   static constexpr size_t kSingleQuestions = 2;
   static constexpr size_t kNamesOfLarge = 64;
   static constexpr size_t kBytesOfName = 32;
+  /// A directory that is listed at the first question may have this many names for each one that
+  /// would be asked for otherwise.
+  static constexpr size_t kNamesOfGuess = 256;
+  /// How many directories in a row are listed at the first question without a second one.
+  static constexpr size_t kMostGuesses = 4;
 
   /// @param enabled  false: nothing is cached, every directory is listed in full, and every name
   ///                 asked for
@@ -149,7 +155,12 @@ class ListingCache {
     Clock::time_point listed = {};
     std::string last = {};  // the name
     size_t count = 0;
-    size_t entries = 0;  // of the directory: what is known or was guessed
+    size_t entries = 0;     // of the directory: what is known or was guessed
+    bool is_guess = false;  // listed at the first question, and no other name was asked for since
+    // When several names were last asked for in one of its subdirectories, and how many of them
+    // were listed at the first question since.
+    Clock::time_point wanted_below = {};
+    size_t guesses_below = 0;
   };
 
   void ListInFull(uint64_t question, const std::string& directory,
@@ -171,6 +182,8 @@ class ListingCache {
   std::optional<Name> LookLocked(const std::string& directory, std::string_view name);
   bool WantsListingLocked(const std::string& directory, std::string_view name,
                           int64_t directory_size);
+  void NoteSeveralLocked(const std::string& directory);
+  void CheckGuessLocked(const std::string& directory, std::string_view name);
   void SetNameLocked(const std::string& directory, std::string_view name, const Name& value);
   void SetShownLocked(const std::string& path, const udisk_stat& attributes,
                       Clock::time_point asked);

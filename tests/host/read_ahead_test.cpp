@@ -823,6 +823,69 @@ TEST_F(KnownNames, AreAskedForOneByOneOnceTheDirectoryIsKnownToBeLarge) {
   EXPECT_EQ(Asked(kDirRead), 0);
 }
 
+/// A disk with many directories in /t, in which every name exists.
+class NamesInManyDirectories : public ReadAhead {
+ protected:
+  NamesInManyDirectories() {
+    Answer([this](uint16_t command, std::string payload) -> std::optional<std::string> {
+      if (command == kDirRead) {
+        std::string entries = Entry(".", Attributes(S_IFDIR | 0755, 100));
+        auto file = file_;
+        for (const char* name : {"a", "b", "c"}) {
+          ++file.st_ino;
+          entries += Entry(name, file);
+        }
+        DirHead head{};
+        std::memcpy(&head, payload.data(), sizeof head);
+        return ListingReply(4, entries + '\0', payload.substr(sizeof head, head.path_length));
+      }
+      FileAttrHead head{};
+      std::memcpy(&head, payload.data(), sizeof head);
+      head.attr_length = sizeof file_;
+      return Raw(head) + payload.substr(sizeof head, head.path_length) + Raw(file_);
+    });
+  }
+  /// @return how many directories this lists
+  int Ask(const std::string& path, int64_t directory_size = 0) {
+    const int before = Asked(kDirRead);
+    cache_.GetAttributes(path, {.directory_size = directory_size}, [](const auto&, const auto&) {});
+    Work();
+    return Asked(kDirRead) - before;
+  }
+  void AskForSeveral(const std::string& directory) {
+    for (const char* name : {"a", "b", "c"}) Ask(directory + "/" + name);
+  }
+
+  const udisk_stat file_ = Attributes(S_IFREG | 0644, 5);
+  ListingCache cache_{files_, true, kMemory, 1h};
+};
+
+TEST_F(NamesInManyDirectories, AreListedAtTheFirstQuestionOnceSeveralWereAskedForBeside) {
+  AskForSeveral("/t/1");
+  for (const char* directory : {"/t/2", "/t/3", "/t/4", "/t/5", "/t/6", "/t/7"}) {
+    EXPECT_EQ(Ask(directory + std::string("/a")), 1) << directory;
+    const int before = Asked(kGetFileAttr);
+    EXPECT_EQ(Ask(directory + std::string("/b")), 0) << directory;
+    EXPECT_EQ(Asked(kGetFileAttr), before) << directory;
+  }
+  EXPECT_EQ(Ask("/other/directory/a"), 0);
+}
+
+TEST_F(NamesInManyDirectories, AreAskedForOneByOneAgainIfTheFirstIsTheOnlyOne) {
+  AskForSeveral("/t/1");
+  for (size_t i = 0; i < ListingCache::kMostGuesses; ++i) {
+    EXPECT_EQ(Ask("/t/" + std::to_string(2 + i) + "/a"), 1) << i;
+  }
+  EXPECT_EQ(Ask("/t/9/a"), 0);
+}
+
+TEST_F(NamesInManyDirectories, AreAskedForOneByOneForLongerInLargeOnes) {
+  AskForSeveral("/t/1");
+  constexpr int64_t kSize = ListingCache::kNamesOfGuess * ListingCache::kBytesOfName;
+  EXPECT_EQ(Ask("/t/2/a", kSize), 0);
+  EXPECT_EQ(Ask("/t/2/b", kSize), 1);
+}
+
 TEST_F(KnownNames, AreAskedForOneByOneWhenTheListingFails) {
   std::vector<Shown> shown(3);
   for (size_t i = 0; i < 3; ++i) Ask("/other/" + std::to_string(i), &shown[i]);
