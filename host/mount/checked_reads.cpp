@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "mount/reading_turn.h"
 #include "remote/at_end.h"
 #include "remote/attributes.h"
 
@@ -308,6 +309,7 @@ void CheckedReads::CountEnd() {
 
 void CheckedReads::AwaitAnswers() {
   std::unique_lock lock(mutex_);
+  if (under_way_ != 0) ReadingTurn::PassOn();
   idle_.wait(lock, [this] { return under_way_ == 0; });
 }
 

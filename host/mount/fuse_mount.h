@@ -24,6 +24,7 @@
 #include "mount/node_table.h"
 #include "mount/open_files.h"
 #include "mount/prefetch.h"
+#include "mount/reading_turn.h"
 #include "mount/rename_gate.h"
 #include "mount/second_tries.h"
 #include "mount/walk_ahead.h"
@@ -39,6 +40,7 @@ class Session;
 /// delivers the reply answers the kernel, so many requests may be under way. Only renames and
 /// removals, what is asked while one of these is under way, appends that must ask for the file or
 /// its end first, and calls that need earlier writes answered make one of libfuse's threads wait.
+/// It calls ReadingTurn::PassOn before, so that another one reads meanwhile.
 class FuseMount {
  public:
   /// The largest read that the kernel asks for, in bytes.
@@ -67,6 +69,8 @@ class FuseMount {
 
   /// What this mount counts.
   [[nodiscard]] Savings& savings() const { return files_.savings(); }
+  /// Of the thread that reads the kernel's next call.
+  ReadingTurn& reading_turn() { return reading_turn_; }
 
   /// What the kernel calls.
   static fuse_lowlevel_ops Operations();
@@ -217,7 +221,8 @@ class FuseMount {
   std::mutex mutex_;
   std::map<uint64_t, OpenDirectoryListing> directories_;  // guarded by mutex_
   uint64_t last_directory_ = 0;                           // guarded by mutex_
-  Interruptions interruptions_;                           // last: its threads use the rest
+  ReadingTurn reading_turn_;
+  Interruptions interruptions_;  // last: its threads use the rest
 };
 
 }  // namespace cpd::host

@@ -250,10 +250,11 @@ void FuseMount::Write(const KernelRequest& request, fuse_ino_t node, const char*
                        });
 }
 
-/// What the disk shows at a path now.
+/// What the disk shows at a path now. The caller waits for it.
 std::future<Result<udisk_stat>> FuseMount::LookAt(const std::string& path) {
   const auto answer = std::make_shared<std::promise<Result<udisk_stat>>>();
   files_.GetAttributes(path, [answer](const auto& result) { answer->set_value(result); });
+  ReadingTurn::PassOn();
   return answer->get_future();
 }
 

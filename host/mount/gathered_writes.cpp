@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "mount/reading_turn.h"
 #include "remote/failure_reason.h"
 #include "remote/file_size.h"
 #include "remote/mode_guard.h"
@@ -370,10 +371,12 @@ void GatheredWrites::Drain(NodeTable::Id node) {
     Send();
   }
   std::unique_lock lock(mutex_);
-  changed_.wait(lock, [&] {
+  const auto is_answered = [&] {
     const auto file = gathering_.find(node);
     return file == gathering_.end() || file->second.batched == 0;
-  });
+  };
+  if (!is_answered()) ReadingTurn::PassOn();
+  changed_.wait(lock, is_answered);
 }
 
 void GatheredWrites::Drain() {
@@ -386,6 +389,7 @@ void GatheredWrites::Drain() {
 
 void GatheredWrites::AwaitAnswers() {
   std::unique_lock lock(mutex_);
+  if (!gathering_.empty()) ReadingTurn::PassOn();
   changed_.wait(lock, [this] { return gathering_.empty(); });
 }
 

@@ -33,16 +33,6 @@ void LogLibraryMessage(fuse_log_level /*level*/, const char* format, va_list arg
 // The call of the kernel that this thread has read last.
 thread_local uint64_t last_call = 0;
 
-ssize_t ReadCall(int device, void* buffer, size_t size, void* /*mount*/) {
-  const ssize_t length = read(device, buffer, size);
-  fuse_in_header header{};
-  if (length >= static_cast<ssize_t>(sizeof header)) {
-    std::memcpy(&header, buffer, sizeof header);
-    last_call = header.unique;
-  }
-  return length;
-}
-
 /// Raises the kernel's read-ahead to the size of the largest read. Only root may do this; for other
 /// users it stays at the kernel's 128 KiB. Takes effect with the first request.
 void RaiseReadAhead(const std::string& mount_point) {
@@ -87,6 +77,19 @@ KernelMount::KernelMount(const DiskOptions& options, const std::string& mount_po
       .writev = WriteReply, .read = ReadCall, .splice_receive = nullptr, .splice_send = nullptr};
   fuse_session_custom_io(session_.get(), &kCounting, fuse_session_fd(session_.get()));
   RaiseReadAhead(mount_point);
+}
+
+ssize_t KernelMount::ReadCall(int device, void* buffer, size_t size, void* mount) {
+  auto& turn = static_cast<KernelMount*>(mount)->server_->reading_turn();
+  if (!turn.Take()) return -1;
+  const ssize_t length = read(device, buffer, size);
+  fuse_in_header header{};
+  if (length >= static_cast<ssize_t>(sizeof header)) {
+    turn.BeginCall();
+    std::memcpy(&header, buffer, sizeof header);
+    last_call = header.unique;
+  }
+  return length;
 }
 
 // A reply by a thread other than the one that read the call had to wait for the disk, and is

@@ -37,6 +37,7 @@ class KernelMount {
     void operator()(fuse_session* session) const { fuse_session_destroy(session); }
   };
 
+  static ssize_t ReadCall(int device, void* buffer, size_t size, void* mount);
   static ssize_t WriteReply(int device, iovec* parts, int count, void* mount);
 
   const std::function<void()> unmount_;

@@ -8,6 +8,7 @@
 #include <numeric>
 #include <utility>
 
+#include "mount/reading_turn.h"
 #include "remote/at_end.h"
 #include "remote/attributes.h"
 #include "remote/paths.h"
@@ -287,6 +288,7 @@ void ListingCache::Answer(const std::vector<std::function<void()>>& waiting) {
 
 void ListingCache::AwaitAnswers() {
   std::unique_lock lock(mutex_);
+  if (waiting_ != 0) ReadingTurn::PassOn();
   answered_.wait(lock, [this] { return waiting_ == 0; });
 }
 

@@ -4,6 +4,8 @@
 #include <memory>
 #include <mutex>
 
+#include "mount/reading_turn.h"
+
 namespace cpd::host {
 
 /// Holds requests back while a name moves. Requests name files by path: one sent after a rename
@@ -20,6 +22,7 @@ class RenameGate {
   /// a path until the request with that path is sent.
   [[nodiscard]] Pass Enter() {
     Pass pass(mutex_);
+    if (moving_) ReadingTurn::PassOn();
     ended_.wait(pass, [this] { return !moving_; });
     return pass;
   }
