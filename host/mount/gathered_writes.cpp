@@ -17,7 +17,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kLongestWait = 3ms;
 constexpr size_t kMostPieces = 256;
 constexpr size_t kMostBytes = 256 << 10;
 // Fills a line of 1 Gbit/s with a round trip of 60 ms.
@@ -97,8 +96,8 @@ bool GatheredWrites::Add(NodeTable::Id node, int64_t file_size, int64_t offset,
   ++files_.savings().written_early;
   if (!has_gathered_) {
     has_gathered_ = true;
-    due_ = Clock::now() + kLongestWait;
-    changed_.notify_all();
+    due_ = Clock::now() + kLongestGathered;
+    if (std::exchange(is_sender_idle_, false)) gathered_.notify_one();
   }
   const bool is_full = file.count >= kMostPieces || file.gathered.size() >= kMostBytes;
   lock.unlock();
@@ -393,19 +392,25 @@ void GatheredWrites::AwaitAnswers() {
   changed_.wait(lock, [this] { return gathering_.empty(); });
 }
 
+/// Sends what has been gathered for long enough. Others send most of it before, so this thread
+/// looks at intervals. Only when nothing is gathered at such a moment does it sleep until it is
+/// woken: to wake it for each write would cost programs more than the write.
 void GatheredWrites::SendInTime(const std::stop_token& stop) {
+  std::unique_lock lock(mutex_);
   while (!stop.stop_requested()) {
+    is_sender_idle_ = !has_gathered_;
+    if (!gathered_.wait(lock, stop, [this] { return !is_sender_idle_; })) return;
+    gathered_.wait_until(lock, stop, Clock::time_point(due_), [] { return false; });
+    // While a batch is unanswered, another would only lengthen the queue. What is gathered in the
+    // meantime leaves as one larger packet.
+    if (!has_gathered_ || Clock::now() < due_) continue;
+    changed_.wait(lock, stop, [this] { return batched_ == 0; });
+    lock.unlock();
     {
-      std::unique_lock lock(mutex_);
-      if (!changed_.wait(lock, stop, [this] { return has_gathered_; })) return;
-      const auto due = due_;
-      changed_.wait_until(lock, stop, due, [] { return false; });
-      // While a batch is unanswered, another would only lengthen the queue. What is gathered in
-      // the meantime leaves as one larger packet.
-      changed_.wait(lock, stop, [this] { return batched_ == 0; });
+      const auto pass = gate_.Enter();
+      Send();
     }
-    const auto pass = gate_.Enter();
-    Send();
+    lock.lock();
   }
 }
 

@@ -42,6 +42,8 @@ class GatheredWrites {
   /// @param error  an errno; 0 = the write counts as done
   using Acknowledge = std::function<void(int error)>;
 
+  /// How long a small write is gathered at most, unless earlier ones are unanswered.
+  static constexpr std::chrono::milliseconds kLongestGathered{3};
   /// Larger writes are sent by themselves. In bytes.
   static constexpr size_t kLargestPiece = 4 << 10;
 
@@ -139,12 +141,14 @@ class GatheredWrites {
   Backlog backlog_;                         // guarded by mutex_; of small writes
   Backlog large_backlog_;                   // guarded by mutex_
   std::deque<SharedEarly> unacknowledged_;  // guarded by mutex_; sent, in that order
-  Files gathering_;            // guarded by mutex_; files with gathered or unanswered writes
-  unsigned batched_ = 0;       // guarded by mutex_; File::batched of all files
-  bool has_gathered_ = false;  // guarded by mutex_
-  Clock::time_point due_;      // guarded by mutex_; when gathered writes must be sent
-  std::condition_variable_any changed_;
-  std::jthread sender_;  // last: joined before what it uses is destroyed
+  Files gathering_;              // guarded by mutex_; files with gathered or unanswered writes
+  unsigned batched_ = 0;         // guarded by mutex_; File::batched of all files
+  bool has_gathered_ = false;    // guarded by mutex_
+  Clock::time_point due_;        // guarded by mutex_; when gathered writes must be sent
+  bool is_sender_idle_ = false;  // guarded by mutex_; sleeps until something is gathered
+  std::condition_variable_any gathered_;  // for sender_
+  std::condition_variable_any changed_;   // for those that wait for answers
+  std::jthread sender_;                   // last: joined before what it uses is destroyed
 };
 
 }  // namespace cpd::host

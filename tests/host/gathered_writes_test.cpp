@@ -11,9 +11,12 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -299,6 +302,58 @@ TEST_F(GatheredWritesTest, AreSentSoonWithoutAFurtherCall) {
   ASSERT_TRUE(Add(0, "abc"));
   for (int i = 0; i < 500 && disk.content().empty(); ++i) std::this_thread::sleep_for(10ms);
   EXPECT_EQ(disk.content(), "abc");
+}
+
+/// The threads of this process.
+std::set<std::string> Threads() {
+  std::set<std::string> threads;
+  for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+    threads.insert(thread.path());
+  }
+  return threads;
+}
+
+/// How often a thread has gone to sleep.
+int64_t Sleeps(const std::string& thread) {
+  std::ifstream status(thread + "/status");
+  const std::string key = "voluntary_ctxt_switches:";
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with(key)) return std::stoll(line.substr(key.size()));
+  }
+  return -1;
+}
+
+TEST_F(GatheredWritesTest, DoNotEachWakeTheSenderIfOthersSendThem) {
+  const auto before = Threads();
+  GatheredWrites own(files, nodes, gate, [](NodeTable::Id, int) {});
+  auto sender = Threads();
+  std::erase_if(sender, [&](const auto& thread) { return before.contains(thread); });
+  ASSERT_EQ(sender.size(), 1U);
+  {
+    const auto pass = gate.Enter();
+    own.WriteThrough(*nodes.Find(node), 0, "a", [](Outcome) {});
+  }
+  const auto asked = [this] {
+    std::promise<void> answered;
+    files.GetAttributes("/", [&](const Result<udisk_stat>&) { answered.set_value(); });
+    answered.get_future().wait();
+  };
+  asked();  // so the disk's spare room is known
+  const auto begin = std::chrono::steady_clock::now();
+  const int64_t sleeps = Sleeps(*sender.begin());
+  constexpr int kWrites = 2000;
+  for (int i = 0; i < kWrites; ++i) {
+    {
+      const auto pass = gate.Enter();
+      ASSERT_TRUE(own.Add(node, 0, i, "b"));
+      own.Send();
+    }
+    own.Drain(node);
+  }
+  // Each time, it may be woken by a write, sleep until that is due, and find a lock held.
+  const auto intervals =
+      (std::chrono::steady_clock::now() - begin) / GatheredWrites::kLongestGathered + 1;
+  EXPECT_LE(Sleeps(*sender.begin()) - sleeps, 6 * intervals);
 }
 
 TEST_F(GatheredWritesTest, DoNotTakeALargePiece) {
