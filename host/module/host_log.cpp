@@ -34,8 +34,13 @@ void SetUpLog(LogLevel level, const std::string& file) {
           fmt::format("cannot open log file {}: {}", file, std::strerror(errno)));
     }
     setlinebuf(g_file.get());
-  } else if (isatty(STDERR_FILENO) != 0) {
-    g_line_start = "\r\x1b[K";
+  } else {
+    // Writes a line with one system call, while stderr, which has no buffer, needs one for each
+    // part.
+    static char buffer[1024];
+    g_file = {fdopen(STDERR_FILENO, "w"), &std::fflush};
+    if (g_file != nullptr) (void)std::setvbuf(g_file.get(), buffer, _IOLBF, sizeof buffer);
+    if (isatty(STDERR_FILENO) != 0) g_line_start = "\r\x1b[K";
   }
 }
 
