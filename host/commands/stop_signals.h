@@ -5,7 +5,7 @@
 
 #include <csignal>
 
-#include "line/descriptor.h"
+#include "descriptor.h"
 
 namespace cpd::host {
 

@@ -16,7 +16,7 @@
 #include <utility>
 
 #include "cpd/packet.h"
-#include "line/descriptor.h"
+#include "descriptor.h"
 #include "line/frame_reader.h"
 #include "line/line_source.h"
 #include "line/stream.h"

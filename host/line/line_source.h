@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "line/descriptor.h"
+#include "descriptor.h"
 
 namespace cpd::host {
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "line/descriptor.h"
+#include "descriptor.h"
 
 namespace cpd::host {
 

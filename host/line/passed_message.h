@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "line/descriptor.h"
+#include "descriptor.h"
 
 namespace cpd::host {
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "line/descriptor.h"
+#include "descriptor.h"
 
 namespace cpd::host {
 

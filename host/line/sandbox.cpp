@@ -23,7 +23,7 @@
 #include <system_error>
 #include <thread>
 
-#include "line/descriptor.h"
+#include "descriptor.h"
 #include "module/standard_error.h"
 
 namespace cpd::host {

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <utility>
 
-#include "line/descriptor.h"
+#include "descriptor.h"
 #include "line/passed_message.h"
 
 namespace cpd::host {

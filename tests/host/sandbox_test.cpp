@@ -43,7 +43,7 @@
 #include <utility>
 #include <vector>
 
-#include "line/descriptor.h"
+#include "descriptor.h"
 #include "line/fence.h"
 #include "line/runtime_directory.h"
 #include "module/module.h"

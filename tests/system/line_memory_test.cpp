@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-#include "line/descriptor.h"
+#include "descriptor.h"
 #include "line/stream.h"
 #include "support/line_peer.h"
 #include "support/mounted_disk.h"
