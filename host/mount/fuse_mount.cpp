@@ -98,6 +98,7 @@ void FuseMount::Serve(const sigset_t& stop_signals) {
     const Periodic no_waiting_at_end(100ms, [this] {
       if (fuse_session_exited(kernel_.session()) != 0) session_.StopWaiting();
     });
+    session_.Listen([this](const Notice& notice) { TakeNotice(notice); });
     pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
     result = fuse_session_loop_mt(kernel_.session(), config.get());
   }
@@ -114,6 +115,12 @@ void FuseMount::Serve(const sigset_t& stop_signals) {
   kernel_.Unmount();
   fuse_remove_signal_handlers(kernel_.session());
   if (result < 0) throw std::runtime_error("the connection to the kernel failed");
+}
+
+void FuseMount::TakeNotice(const Notice& notice) {
+  listings_.Take(notice);
+  const bool is_change = notice.what == Notice::What::kFile || notice.what == Notice::What::kName;
+  if (is_change) prefetch_.Forget(notice.path);
 }
 
 // While the session refuses requests, every thread that serves the kernel goes on at once. So this

@@ -186,6 +186,7 @@ class FuseMount {
   };
   void ReplyWithEntries(const KernelRequest& request, fuse_ino_t directory,
                         const OpenDirectoryListing& directory_listing, size_t first, size_t size);
+  void TakeNotice(const Notice& notice);
   /// Notes what the disk shows at a node's path. @return false when it is another file
   bool Note(fuse_ino_t node, const udisk_stat& attributes, Asked asked = std::nullopt);
   [[nodiscard]] bool IsUsed(fuse_ino_t node) const;

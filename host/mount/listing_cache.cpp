@@ -175,6 +175,7 @@ SharedListing ListingCache::Keep(uint64_t question, Listing&& answer) {
     if (is_kept && !asked.is_void) {
       kept_[directory] = {.listing = listing,
                           .is_checkable = RemoteFiles::CanCheck(*listing) && !has_links,
+                          .is_watched = asked.is_watched,
                           .asked = asked.asked,
                           .names_asked = asked.asked,
                           .device = itself->attributes.st_dev,
@@ -359,23 +360,31 @@ std::optional<ListingCache::Name> ListingCache::LookLocked(const std::string& di
   const auto found = kept_.find(directory);
   if (found == kept_.end()) return std::nullopt;
   auto& known = found->second;
-  const auto is_trusted = [this, now = Clock::now()](Clock::time_point asked) {
-    return now - asked < trusted_;
-  };
-  std::optional<Name> answer;
+  const auto now = Clock::now();
+  Name answer;
+  // A change within a subdirectory is told of the subdirectory only if that is watched itself.
+  bool is_told = IsWatched(known, now);
   if (const auto newer = known.names.find(name); newer != known.names.end()) {
-    if (newer->second.is_known) answer = newer->second;
+    answer = newer->second;
+    is_told &= name == "." || !answer.attributes || !S_ISDIR(answer.attributes->st_mode);
   } else if (const auto* const entry = EntryOf(known, name); entry != nullptr) {
-    if (entry->HasAttributes() && !HasOtherNames(entry->attributes)) {
-      answer = Name{.is_known = true, .attributes = entry->attributes, .asked = known.asked};
-    }
-  } else if (IsListed(known) && known.listing == nullptr && name != "." && IsPlain(name) &&
-             TellsCaseApartLocked(known)) {
-    answer = Name{.is_known = true, .asked = known.names_asked};
+    answer.is_known = entry->HasAttributes() && !HasOtherNames(entry->attributes);
+    answer.attributes = entry->attributes;
+    answer.asked = known.asked;
+    is_told &= name == "." || !S_ISDIR(entry->attributes.st_mode);
+  } else if (IsListed(known) && known.listing == nullptr && name != "." && IsPlain(name)) {
+    answer.is_known = TellsCaseApartLocked(known);
+    answer.asked = known.names_asked;
   }
-  if (!answer || !is_trusted(answer->asked)) return std::nullopt;
+  if (is_told) answer.asked = std::max(answer.asked, files_.told_until());
+  if (!answer.is_known || now - answer.asked >= trusted_) return std::nullopt;
   known.last_use = ++last_use_;
   return answer;
+}
+
+/// Whether what is known of a directory's names is still as it was, unless a change was told.
+bool ListingCache::IsWatched(const Directory& known, Clock::time_point now) {
+  return known.is_watched && now - known.asked < kLongestUse;
 }
 
 const Listing::Entry* ListingCache::EntryOf(Directory& known, std::string_view name) {
@@ -484,6 +493,29 @@ void ListingCache::Doubt(const std::string& path) {
   if (path != "/") SetNameLocked(DirectoryOf(path), NameOf(path), {});
 }
 
+void ListingCache::Take(const Notice& notice) {
+  using What = Notice::What;
+  switch (notice.what) {
+    case What::kFile:
+      return NoteChange(notice.path, RemoteFiles::ChangeOf::kFile);
+    case What::kName:
+      return NoteChange(notice.path, RemoteFiles::ChangeOf::kName);
+    case What::kWatched:
+    case What::kUnwatched:
+    case What::kAll:
+      break;
+  }
+  const bool is_all = notice.what == What::kAll;
+  const std::lock_guard lock(mutex_);
+  for (auto& [id, question] : questions_) {
+    if (is_all || question.directory == notice.path) {
+      question.is_watched = notice.what == What::kWatched;
+    }
+  }
+  if (notice.what == What::kWatched) return;
+  for (auto& [path, known] : kept_) known.is_watched &= !is_all && path != notice.path;
+}
+
 void ListingCache::ForgetDisk() {
   const std::lock_guard lock(mutex_);
   kept_.clear();
@@ -500,10 +532,11 @@ void ListingCache::SetNameLocked(const std::string& directory, std::string_view 
   const bool concerns_others =
       name != "." && !(kept != kept_.end() && TellsCaseApartLocked(kept->second) && IsPlain(name));
   for (auto& [id, question] : questions_) {
-    if (question.directory != directory) continue;
+    if (question.directory != directory || question.is_void) continue;
     const bool is_older = value.asked < question.asked;
     question.changes.insert_or_assign(std::string(name), is_older ? Name{} : value);
-    question.is_void |= concerns_others;
+    question.is_void = concerns_others || question.changes.size() > kMostChanges;
+    if (question.is_void) question.changes.clear();
   }
   if (kept == kept_.end()) {
     if (!value.is_known) return;
@@ -513,8 +546,10 @@ void ListingCache::SetNameLocked(const std::string& directory, std::string_view 
   auto& known = kept->second;
   const auto now = Clock::now();
   const auto is_old = [&](Clock::time_point time) { return now - time >= trusted_; };
+  const bool is_trusted =
+      IsWatched(known, now) || !is_old(known.asked) || !is_old(known.names_asked);
   // With newer names known beside it, a listing would never be checked.
-  if (concerns_others || !IsListed(known) || (is_old(known.asked) && is_old(known.names_asked))) {
+  if (concerns_others || !IsListed(known) || !is_trusted) {
     ForgetListing(known, !concerns_others);
     if (!value.is_known) return void(known.names.erase(std::string(name)));
   }
@@ -535,7 +570,7 @@ void ListingCache::SetShownLocked(const std::string& path, const udisk_stat& att
 /// @param keeps_names  false: all names but the directory itself
 void ListingCache::ForgetListing(Directory& known, bool keeps_names) {
   known.listing = nullptr;
-  known.is_checkable = false;
+  known.is_checkable = known.is_watched = false;
   known.asked = known.names_asked = {};
   known.by_name.clear();
   const auto now = Clock::now();

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "remote/notice.h"
 #include "remote/remote_files.h"
 
 namespace cpd::host {
@@ -35,6 +36,13 @@ namespace cpd::host {
 /// If several names of a directory are asked for, the directory is listed, and the listing answers
 /// them all. Those beside it are listed at the first question then, as long as it is not the only
 /// one.
+///
+/// If the side with the disk watches a directory and tells of its changes, its listing goes on
+/// answering for up to kLongestUse. What was told of is unknown; everything else counts as asked
+/// for with the last question, before whose answer all changes were told. So an answer is never
+/// older than kTrusted, even if the line stands still. Not told are changes through names elsewhere
+/// (hard links that were made after the listing) and through mappings, and access times; a
+/// subdirectory's attributes are told by a watch of its own, and come from its own listing.
 ///
 /// Some disks take names that differ in case for the same. So names count as missing, and a change
 /// leaves the other names known, only on a disk that was seen to tell such names apart.
@@ -100,6 +108,8 @@ class ListingCache {
   void Refresh(const std::string& directory);
   /// Makes the next question for `path` go to the disk.
   void Doubt(const std::string& path);
+  /// The side with the disk tells of something.
+  void Take(const Notice& notice);
   /// Another disk has taken the place of the one that was listed.
   void ForgetDisk();
 
@@ -111,6 +121,7 @@ class ListingCache {
   static constexpr size_t kMostAskings = 1024;
   static constexpr size_t kMostDevices = 64;
   static constexpr size_t kMostDoubted = 64;
+  static constexpr size_t kMostChanges = 4096;  // of a question
 
   /// What is known of a name. Known without attributes: there is no such file.
   struct Name {
@@ -123,6 +134,7 @@ class ListingCache {
   struct Directory {
     SharedListing listing = nullptr;     // null if none is known
     bool is_checkable = false;           // the listing
+    bool is_watched = false;             // from before the listing was made
     Clock::time_point asked = {};        // for the listing
     Clock::time_point names_asked = {};  // when last seen to have no other names, if that is known
     Clock::time_point sifted = {};       // when those of `names` that are too old were dropped
@@ -140,6 +152,7 @@ class ListingCache {
     Names changes = {};      // what the answer may not show
     bool is_void = false;    // a change may have made the whole answer wrong
     bool is_listed = false;  // a full listing is on its way
+    bool is_watched = false;
     std::vector<std::function<void()>> waiting = {};
   };
   /// What waits for the answers to Refresh.
@@ -177,6 +190,7 @@ class ListingCache {
   }
   static const Listing::Entry* EntryOf(Directory& known, std::string_view name);
   void Ask(const std::string& path, const Shown& shown);
+  [[nodiscard]] static bool IsWatched(const Directory& known, Clock::time_point now);
   std::optional<Name> Look(const std::string& path);
   std::optional<Name> LookLocked(const std::string& path);
   std::optional<Name> LookLocked(const std::string& directory, std::string_view name);

@@ -418,6 +418,10 @@ std::chrono::nanoseconds RemoteFiles::Transit() const { return session_.transit(
 
 Savings& RemoteFiles::savings() const { return session_.savings(); }
 
+std::chrono::steady_clock::time_point RemoteFiles::told_until() const {
+  return session_.told_until();
+}
+
 bool RemoteFiles::IsFar() const { return session_.round_trip() >= std::chrono::milliseconds(1); }
 
 void RemoteFiles::Remove(uint16_t command, const std::string& path, OnOutcome on_outcome,

@@ -168,6 +168,9 @@ class RemoteFiles {
   /// The session's counts of what saved requests.
   [[nodiscard]] Savings& savings() const;
 
+  /// All changes in watched directories until then have been told.
+  [[nodiscard]] std::chrono::steady_clock::time_point told_until() const;
+
   /// Whether an answer takes so long that a program's work depends on how often it waits for one.
   [[nodiscard]] bool IsFar() const;
 

@@ -17,6 +17,7 @@ constexpr auto kProbeAfter = 1s;
 // A module that paces reads may sleep this long before it replies: for the largest read at the
 // lowest rate.
 constexpr auto kPacingAllowance = 10s;
+constexpr size_t kMostNotices = 1024;  // between two answers
 
 std::unique_ptr<CpdPacket> AttributesRequest(std::string_view path) {
   FileAttrHead head{};
@@ -58,7 +59,9 @@ Session::Session(std::chrono::seconds time_limit, std::chrono::seconds patience)
 // ---- The channel ----
 
 void Session::Start(Channel* channel) {
+  Receive(Notice{.what = Notice::What::kAll});
   const std::lock_guard lock(mutex_);
+  notices_.clear();
   if (watch_ == nullptr) watch_ = std::make_unique<Periodic>(100ms, [this] { Watch(); });
   channel_ = channel;
   broken_.reset();
@@ -175,6 +178,7 @@ void Session::Receive(std::unique_ptr<CpdPacket> packet) {
     counters.bytes += header.packetLen;
     counters.durations.Add(now - answered.sent);
     lowest_.Add(now - answered.sent);
+    told_until_ = answered.sent;
     round_trip_ = lowest_.value();
     done = std::move(answered.done);
     transit_ = channel_->transit();
@@ -189,6 +193,40 @@ void Session::Receive(std::unique_ptr<CpdPacket> packet) {
   const AtEnd delivered([this] { CountDelivered(); });
   for (auto& request : silent) request.done(nullptr);
   done(std::move(packet));
+  TellAgain();
+}
+
+void Session::Receive(const Notice& notice) {
+  std::shared_ptr<const Listener> listener;
+  {
+    const std::lock_guard lock(mutex_);
+    if (is_stopped_ || listener_ == nullptr) return;
+    listener = listener_;
+    if (notices_.size() == kMostNotices) notices_ = {{.what = Notice::What::kAll}};
+    notices_.push_back(notice);
+    const bool is_change = notice.what == Notice::What::kFile || notice.what == Notice::What::kName;
+    if (is_change) ++savings_.told;
+    ++delivering_;
+  }
+  const AtEnd delivered([this] { CountDelivered(); });
+  (*listener)(notice);
+}
+
+void Session::TellAgain() {
+  std::vector<Notice> notices;
+  std::shared_ptr<const Listener> listener;
+  {
+    const std::lock_guard lock(mutex_);
+    if (notices_.empty()) return;
+    notices.swap(notices_);
+    listener = listener_;
+  }
+  for (const auto& notice : notices) (*listener)(notice);
+}
+
+void Session::Listen(Listener listener) {
+  const std::lock_guard lock(mutex_);
+  listener_ = std::make_shared<const Listener>(std::move(listener));
 }
 
 bool Session::IsCutOff() const {
@@ -259,7 +297,7 @@ void Session::CountDelivered() {
   delivering_.notify_all();
 }
 
-/// Waits until no thread runs Done functions.
+/// Waits until no thread runs Done functions or the listener.
 void Session::AwaitDelivery() const {
   for (int others = delivering_; others != 0; others = delivering_) delivering_.wait(others);
 }

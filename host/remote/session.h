@@ -17,6 +17,7 @@
 #include "cpd/packet.h"
 #include "remote/channel.h"
 #include "remote/lowest_lately.h"
+#include "remote/notice.h"
 #include "remote/periodic.h"
 #include "remote/statistics.h"
 #include "wire.h"
@@ -70,6 +71,17 @@ class Session {
 
   /// Takes a packet from the driver.
   void Receive(std::unique_ptr<CpdPacket> packet);
+  /// Takes a notice from the side that has the driver, in order with the packets.
+  void Receive(const Notice& notice);
+
+  /// Receives each notice twice: when it comes and, because the next answer may be older than the
+  /// change, again after the Done of that answer has run. Must not wait. Gets kAll when requests go
+  /// to another channel.
+  using Listener = std::function<void(const Notice& notice)>;
+  /// Sets who is told of notices, until Stop has returned. To be called once.
+  void Listen(Listener listener);
+  /// All changes in watched directories until then have been told.
+  [[nodiscard]] Clock::time_point told_until() const { return told_until_; }
 
   /// Sends a request; the session sets its id. `done` runs exactly once, possibly before Ask
   /// returns.
@@ -122,6 +134,7 @@ class Session {
   void GiveUp(const Requests& requests);
   void CountDelivered();
   void AwaitDelivery() const;
+  void TellAgain();
   void Watch();
 
   const Clock::duration time_limit_;
@@ -146,7 +159,10 @@ class Session {
   std::atomic<Clock::duration> transit_{};
   LowestLately lowest_;                        // guarded by mutex_
   std::atomic<Clock::duration> round_trip_{};  // what lowest_ gives
-  std::atomic<int> delivering_ = 0;            // threads that are running Done functions
+  std::atomic<int> delivering_ = 0;  // threads that are running Done functions or the listener
+  std::shared_ptr<const Listener> listener_;  // guarded by mutex_
+  std::vector<Notice> notices_;               // guarded by mutex_; to be told again
+  std::atomic<Clock::time_point> told_until_{};
   std::unique_ptr<Periodic> watch_;  // from the first Start on, so that making a session starts no
                                      // thread
 };

@@ -57,6 +57,7 @@ struct Savings {
   Count known;      ///< of these, those that were answered from what the disk was asked before
   Count shared;     ///< of these, those that one listing answered together
   Count listings;   ///< directories that programs listed
+  Count told;       ///< changes that the side with the disk told of, this mount's included
 
   Count written_early;  ///< writes that were answered before the disk had carried them out
   Count failed_later;   ///< of these, those that failed after that
@@ -75,6 +76,7 @@ struct Savings {
       std::pair{&Savings::known, "known from before"},
       std::pair{&Savings::shared, "answered by one listing"},
       std::pair{&Savings::listings, "directories listed"},
+      std::pair{&Savings::told, "changes told"},
       std::pair{&Savings::written_early, "writes answered early"},
       std::pair{&Savings::failed_later, "failed later"},
       std::pair{&Savings::files_ahead, "files read ahead"},

@@ -23,6 +23,7 @@
 #include "mount/prefetch.h"
 #include "mount/reading_run.h"
 #include "mount/walk_ahead.h"
+#include "remote/notice.h"
 #include "remote/remote_files.h"
 #include "remote/session.h"
 #include "remote/statistics.h"
@@ -1105,6 +1106,166 @@ TEST_F(KnownNames, DoNotCountWhenTheDiskMustBeAsked) {
   EXPECT_EQ(shown.size, 5);
   EXPECT_FALSE(shown.is_known);
   EXPECT_EQ(Asked(kGetFileAttr), before + 1);
+}
+
+/// The side with the disk tells of its changes.
+class ToldNames : public KnownNames {
+ protected:
+  using What = Notice::What;
+
+  ToldNames() {
+    session_.Listen([this](const Notice& notice) {
+      for (auto* const cache : {&cache_, &short_}) cache->Take(notice);
+    });
+  }
+
+  void Tell(What what, const std::string& path = "/d") {
+    session_.Receive(Notice{.what = what, .path = path});
+  }
+  /// Lists the directory with both caches.
+  void ListWatched() {
+    for (auto* const cache : {&cache_, &short_}) {
+      cache->List("/d", [](const auto&) {});
+      Tell(What::kWatched);
+      Work();
+    }
+  }
+  /// Whether a name is known although the listing is too old, because something else was just
+  /// asked. A pause of the machine between the two does not count.
+  bool StaysKnown(const std::string& path) {
+    std::this_thread::sleep_for(kShort);
+    for (int tries = 0; tries < 100; ++tries) {
+      const auto begin = ListingCache::Clock::now();
+      files_.GetAttributes("/d/unrelated", [](const auto&) {});
+      Work();
+      bool is_known = false;
+      bool is_young = false;
+      short_.GetAttributes(path, {}, [&](const auto& /*result*/, const auto& asked) {
+        is_known = asked.has_value();
+        is_young = asked && *asked >= begin;
+      });
+      Work();
+      if (is_known) return is_young;
+      if (ListingCache::Clock::now() - begin < kShort / 2) return false;
+    }
+    return false;
+  }
+
+  static constexpr auto kShort = 20ms;
+  ListingCache short_{files_, true, kMemory, kShort};
+};
+
+TEST_F(ToldNames, StayKnownAsOfTheLastQuestion) {
+  ListWatched();
+  EXPECT_TRUE(StaysKnown("/d/a"));
+  EXPECT_TRUE(StaysKnown("/d"));
+}
+
+TEST_F(ToldNames, AreForgottenWithoutAQuestion) {
+  ListWatched();
+  std::this_thread::sleep_for(kShort);
+  bool is_known = true;
+  short_.GetAttributes("/d/a", {}, [&](const auto&, const auto& asked) { is_known = !!asked; });
+  Work();
+  EXPECT_FALSE(is_known);
+}
+
+TEST_F(ToldNames, AreForgottenWhenTheDirectoryIsNoLongerWatched) {
+  ListWatched();
+  Tell(What::kUnwatched, "/other");
+  EXPECT_TRUE(StaysKnown("/d/a"));
+  Tell(What::kUnwatched);
+  EXPECT_FALSE(StaysKnown("/d/a"));
+}
+
+TEST_F(ToldNames, AreForgottenWhenChangesMayHaveGoneUnnoticed) {
+  ListWatched();
+  session_.Receive(Notice{.what = What::kAll});
+  EXPECT_FALSE(StaysKnown("/d/a"));
+}
+
+TEST_F(ToldNames, AreForgottenOnAnotherLine) {
+  ListWatched();
+  session_.Break();
+  session_.Start(&*channel_);
+  EXPECT_FALSE(StaysKnown("/d/a"));
+}
+
+TEST_F(ToldNames, OfAListingAskedForAgainOnAnotherLineAreNotWatched) {
+  struct Line : DriverChannel {
+    explicit Line(CpdDriver& to) : DriverChannel(to), driver(to) {}
+    [[nodiscard]] bool CanBreak() const override { return true; }
+    void Send(const std::shared_ptr<CpdPacket>& packet) override {
+      driver.onEvent(std::unique_ptr<CpdPacket>(packet->Clone()), 0);
+    }
+    CpdDriver& driver;
+  } line(*driver_);
+  session_.Break();
+  session_.Start(&line);
+  short_.List("/d", [](const auto&) {});
+  Tell(What::kWatched);
+  session_.Break();
+  driver_->requests.clear();
+  session_.Start(&line);
+  Work();
+  EXPECT_EQ(Asked(kDirRead), 2);
+  EXPECT_FALSE(StaysKnown("/d/a"));
+}
+
+TEST_F(ToldNames, DoNotIncludeAttributesOfSubdirectories) {
+  files_on_disk_["sub"] = Attributes(S_IFDIR | 0755, 40);
+  files_on_disk_["sub"].st_ino = 200;
+  ListWatched();
+  EXPECT_TRUE(StaysKnown("/d/a"));
+  EXPECT_FALSE(StaysKnown("/d/sub"));
+}
+
+TEST_F(ToldNames, AreAskedForWhenTheyHaveChangedAndNoOthers) {
+  ListWatched();
+  Make("a", 6);
+  Tell(What::kFile, "/d/a");
+  ExpectAskedFor("/d/a", 0, 6);
+  ExpectKnown("/d/b", 0, 5);
+  EXPECT_TRUE(StaysKnown("/d/b"));
+  EXPECT_FALSE(StaysKnown("/d/a"));
+  Tell(What::kName, "/d");
+  ExpectAskedFor("/d/b", 0, 5);
+}
+
+TEST_F(ToldNames, DoNotComeFromAnAnswerOlderThanItsNotice) {
+  ListWatched();
+  const auto now = ListingCache::Clock::now();
+  files_.GetAttributes("/d/new", [&](const auto&) {
+    cache_.NoteMade("/d/new", Attributes(S_IFREG | 0644, 7), now);
+  });
+  Make("new", 8);
+  Tell(What::kFile, "/d/new");  // which the answer to the question does not show yet
+  Work();
+  ExpectAskedFor("/d/new", 0, 8);
+}
+
+TEST_F(ToldNames, IncludeWhatThisMountHasMadeThoughItIsTold) {
+  ListWatched();
+  Make("new", 7);
+  cache_.NoteChange("/d/new", ChangeOf::kName);
+  Tell(What::kName, "/d/new");  // before the answer to the request that made it
+  files_.GetStatistics("/d/new",
+                       [&](const auto&) { cache_.NoteChange("/d/new", ChangeOf::kName); });
+  const auto now = ListingCache::Clock::now();
+  files_.GetAttributes("/d/new", [&](const Result<udisk_stat>& made) {
+    cache_.NoteMade("/d/new", made.value, now);
+  });
+  Work();
+  ExpectKnown("/d/new", 0, 7);
+  ExpectKnown("/d/a", 0, 5);
+  EXPECT_EQ(files_.savings().told, 1U);
+}
+
+TEST_F(ToldNames, AreNotKeptOfADirectoryThatChangesWithoutEndWhileItIsListed) {
+  cache_.List("/d", [](const auto&) {});
+  for (int i = 0; i < 5000; ++i) Tell(What::kName, "/d/new" + std::to_string(i));
+  Work();
+  ExpectAskedFor("/d/a", 0, 5);
 }
 
 // ---- Which files come next ----
