@@ -23,7 +23,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kLongestPoll = 1s;
-constexpr size_t kMostChunks = 64;  // per system call
+constexpr size_t kMostChunks = 64;    // per system call
+constexpr size_t kMostPending = 256;  // chunks that may be left to be written before a notice
 
 void MakeNonBlocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
 
@@ -32,6 +33,17 @@ std::string Printable(std::string text) {
   std::ranges::replace_if(
       text, [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
   return text;
+}
+
+/// @throws StreamError when it is none
+Notice ReadNotice(const ControlFrame& frame) {
+  using What = Notice::What;
+  const auto what = static_cast<What>(frame.value);
+  if (what < What::kWatched || what > What::kAll) {
+    throw StreamError(fmt::format("a notice of kind {}", frame.value));
+  }
+  if (frame.text.starts_with('/') != (what != What::kAll)) throw StreamError("a notice of no path");
+  return {.what = what, .path = frame.text};
 }
 
 }  // namespace
@@ -165,6 +177,16 @@ void Connection::SendLocked(std::shared_ptr<const CpdPacket> packet) {
   unwritten_ += ChargeOf(length);
   pending_.push_back({std::move(packet), data, length, ChargeOf(length)});
   if (pending_.size() == 1) WriteLocked();
+}
+
+bool Connection::Send(const Notice& notice) {
+  const std::lock_guard lock(mutex_);
+  if (closes_ || is_ended_) return true;
+  const bool is_all = notice.what == Notice::What::kAll;
+  if (pending_.size() >= kMostPending && !is_all) return false;
+  AppendControlLocked(Control::kNotice, static_cast<uint64_t>(notice.what), notice.path);
+  if (pending_.size() == 1) WriteLocked();
+  return true;
 }
 
 void Connection::Taken(uint64_t charge) {
@@ -401,6 +423,9 @@ void Connection::HandleControl(const ControlFrame& frame) {
                  frame.text.empty() ? "the other side has ended the session"
                                     : "the other side: " + Printable(frame.text),
                  static_cast<Farewell>(frame.value));
+    case Control::kNotice:
+      if (!handlers_.notice) break;
+      return handlers_.notice(ReadNotice(frame));
   }
   throw StreamError(fmt::format("a control frame of kind {}", static_cast<int>(frame.kind)));
 }

@@ -21,6 +21,7 @@
 #include "line/line_source.h"
 #include "line/stream.h"
 #include "remote/lowest_lately.h"
+#include "remote/notice.h"
 
 namespace cpd::host {
 
@@ -74,6 +75,9 @@ class Connection {
     std::function<void(std::unique_ptr<CpdPacket> packet)> packet;
     /// There may be room again after HasRoom was false. Runs on the connection's thread.
     std::function<void()> room;
+    /// Receives a notice, in order with the packets. Runs on the connection's thread. Empty: the
+    /// other side may not send any.
+    std::function<void(const Notice& notice)> notice = {};
     /// The connection has ended; the last call, on the connection's thread.
     std::function<void(const Ending& ending)> ended;
   };
@@ -106,6 +110,10 @@ class Connection {
   /// be written. Otherwise the caller could make its next packet while this side still holds many.
   /// @return false when the connection has ended
   bool SendWhenRoom(std::shared_ptr<const CpdPacket> packet);
+  /// Sends a notice, in order with the packets; never waits. Does nothing when the connection has
+  /// ended or this side has said goodbye.
+  /// @return false when too much waits to be written for this one, unless it is kAll
+  bool Send(const Notice& notice);
   /// Reports that a received packet is no longer held.
   /// @param charge  ChargeOf its length
   void Taken(uint64_t charge);

@@ -54,6 +54,7 @@ void RemoteEnd::Begin(Connection& connection, const Hello& theirs,
                           connection.Taken(charge);
                         },
                     .room = [this] { session_.Proceed(); },
+                    .notice = [this](const Notice& notice) { session_.Receive(notice); },
                     .ended = std::move(ended)});
   channel_.emplace(connection, options_.recording);
   channel_->Send(

@@ -12,7 +12,7 @@ namespace cpd::host {
 
 /// The first bytes of a hello. No text and no packet begins with them.
 inline constexpr std::array<uint8_t, 8> kHelloMagic{0x89, 'c', 'p', 'd', '\r', '\n', 0x1a, '\n'};
-inline constexpr uint16_t kStreamVersion = 1;
+inline constexpr uint16_t kStreamVersion = 2;
 
 /// Which end of the line a side is.
 enum class Role : uint8_t {
@@ -58,8 +58,9 @@ static_assert(kControlMagic != CPD_PACKET_MAGIC);
 enum class Control : uint8_t {
   kPing = 1,  ///< to be answered with a pong of the same value
   kPong = 2,
-  kTaken = 3,  ///< value: charge of packets that this side no longer holds
-  kBye = 4,    ///< the session ends; value: a Farewell; the text says why
+  kTaken = 3,   ///< value: charge of packets that this side no longer holds
+  kBye = 4,     ///< the session ends; value: a Farewell; the text says why
+  kNotice = 5,  ///< from the disk's side; value: Notice::What; text: Notice::path
 };
 
 /// Why a side ends a session.

@@ -56,6 +56,7 @@ class ConnectionTest : public testing::Test {
                              received.push_back(BytesOfPacket(*packet));
                            },
                        .room = [this] { ++rooms; },
+                       .notice = on_notice,
                        .ended = [this](const Ending& how) { ended.set_value(how); }});
   }
   size_t Received() {
@@ -78,6 +79,7 @@ class ConnectionTest : public testing::Test {
   std::mutex mutex;
   std::vector<std::string> received;
   std::function<void(const CpdPacket&)> on_packet;
+  std::function<void(const Notice&)> on_notice;
   bool is_last_try = false;
   std::atomic<int> rooms = 0;
   std::promise<Ending> ended;
@@ -126,7 +128,7 @@ TEST_F(ConnectionTest, RefusesAnotherVersionByItsNumber) {
     FAIL();
   } catch (const StreamError& error) {
     EXPECT_STREQ(error.what(),
-                 "the other side has version 7 of the stream, and this side has version 1: install "
+                 "the other side has version 7 of the stream, and this side has version 2: install "
                  "the same cpd-host on both");
   }
 }
@@ -284,7 +286,64 @@ TEST_F(ConnectionTest, ReceivesWhileThePeerDoesNotReadAndSendsTheRestInOrderLate
   }
 }
 
+TEST_F(ConnectionTest, CarriesNoticesInOrderWithPackets) {
+  std::vector<Notice> notices;
+  on_notice = [&](const Notice& notice) {
+    EXPECT_EQ(Received(), notices.size());
+    notices.push_back(notice);
+  };
+  Start();
+  const std::vector<Notice> sent{{Notice::What::kWatched, "/a"}, {Notice::What::kAll}};
+  for (const auto& notice : sent) {
+    EXPECT_TRUE(connection->Send(notice));
+    connection->Send(PacketOf(100));
+  }
+  for (const auto& notice : sent) {
+    const auto frame = peer.Next();
+    ASSERT_TRUE(frame && std::holds_alternative<ControlFrame>(*frame));
+    const auto& control = std::get<ControlFrame>(*frame);
+    EXPECT_EQ(control.kind, Control::kNotice);
+    EXPECT_EQ(control.value, static_cast<uint64_t>(notice.what));
+    EXPECT_EQ(control.text, notice.path);
+    EXPECT_TRUE(peer.NextOf<std::unique_ptr<CpdPacket>>());
+    peer.Send(ControlBytes(control.kind, control.value, control.text));
+    peer.Send(BytesOfPacket(*PacketOf(100)));
+  }
+  EXPECT_TRUE(Eventually([&] { return Received() == 2; }));
+  connection->Close();
+  EXPECT_EQ(notices, sent);
+}
+
+TEST_F(ConnectionTest, KeepsFewNoticesForAPeerThatDoesNotRead) {
+  Start();
+  const Notice notice{.what = Notice::What::kFile, .path = '/' + std::string(1000, 'x')};
+  int sent = 0;
+  while (sent < 100'000 && connection->Send(notice)) ++sent;
+  EXPECT_LT(sent, 100'000);
+  EXPECT_TRUE(connection->Send(Notice{.what = Notice::What::kAll})) << "which must not be lost";
+}
+
 // ---- A peer that breaks the rules ----
+
+TEST_F(ConnectionTest, EndsAtANoticeThatItDoesNotExpect) {
+  Start();
+  peer.Send(ControlBytes(Control::kNotice, 2, "/a"));
+  ExpectNonsense("a control frame of kind 5");
+}
+
+TEST_F(ConnectionTest, EndsAtANoticeOfAnUnknownKind) {
+  on_notice = [](const Notice&) { ADD_FAILURE(); };
+  Start();
+  peer.Send(ControlBytes(Control::kNotice, 6, "/a"));
+  ExpectNonsense("a notice of kind 6");
+}
+
+TEST_F(ConnectionTest, EndsAtANoticeWithoutAPath) {
+  on_notice = [](const Notice&) { ADD_FAILURE(); };
+  Start();
+  peer.Send(ControlBytes(Control::kNotice, 2, "a"));
+  ExpectNonsense("a notice of no path");
+}
 
 TEST_F(ConnectionTest, EndsWhenThePeerSendsMoreThanTheWindow) {
   Start();

@@ -87,7 +87,7 @@ TEST_F(StreamDocument, HasAPacketThatArrivesUnchanged) {
 
 TEST_F(StreamDocument, HasTheControlFrames) {
   const auto examples = Examples("Control frames");
-  ASSERT_EQ(examples.size(), 4U);
+  ASSERT_EQ(examples.size(), 5U);
   Greet();
   peer.Send(Given(examples[0].request));
   ExpectSent(examples[0]);
@@ -98,8 +98,12 @@ TEST_F(StreamDocument, HasTheControlFrames) {
   connection.Taken(ChargeOf(packet->header->packetLen));
   ExpectSent(examples[1]);
 
-  connection.SayGoodbye(Farewell::kFailed, "no such disk");
+  EXPECT_TRUE(connection.Send(Notice{.what = Notice::What::kWatched, .path = "/a"}));
+  EXPECT_TRUE(connection.Send(Notice{.what = Notice::What::kFile, .path = "/a/b"}));
   ExpectSent(examples[2]);
+
+  connection.SayGoodbye(Farewell::kFailed, "no such disk");
+  ExpectSent(examples[3]);
 }
 
 TEST_F(StreamDocument, HasTheGoodbyeOfTheOtherSide) {

@@ -323,10 +323,10 @@ TEST_P(SshBothWays, AMissingProgramIsReported) {
 
 TEST_P(SshBothWays, AnotherVersionIsReported) {
   const auto role = GetParam() == From::kDisk ? "\\002" : "\\001";
-  WriteFile(place_ / "program", "printf '\\211cpd\\r\\n\\032\\n\\002\\000" + std::string(role) +
+  WriteFile(place_ / "program", "printf '\\211cpd\\r\\n\\032\\n\\001\\000" + std::string(role) +
                                     "\\000'; head -c 60 /dev/zero; exec cat >/dev/null\n");
   ExpectFailure(Command(GetParam(), "sh " + (place_ / "program")),
-                "the other side has version 2 of the stream, and this side has version 1: install "
+                "the other side has version 1 of the stream, and this side has version 2: install "
                 "the same cpd-host on both");
 }
 
