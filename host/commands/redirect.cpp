@@ -62,7 +62,9 @@ void Redirect(RedirectOptions options) {
   Dialer source(command);
   DiskEnd disk({.disk = options.disk, .window = options.line.window, .session = RandomId()});
   if (options.line.sandbox) {
-    EnterSandbox({.disk = options.disk.disk, .read_only = options.disk.read_only});
+    EnterSandbox({.disk = options.disk.disk,
+                  .read_only = options.disk.read_only,
+                  .inotify = disk.inotify()});
   }
   LineKeeper keeper(source, disk, kFirstHelloLimit, options.line.reconnect.count() != 0);
   Connect(keeper, stop_signals);

@@ -49,6 +49,7 @@ void Serve(ServeOptions options) {
       EnterSandbox({.disk = options.disk.disk,
                     .read_only = options.disk.read_only,
                     .writable = {directory.PathOf(".")},
+                    .inotify = disk->inotify(),
                     .ends_processes = true});
     }
   } catch (const std::exception& error) {

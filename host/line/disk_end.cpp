@@ -78,11 +78,12 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
                                std::min<uint64_t>(options_.window, theirs.window) / 8);
   const SignalsBlocked blocked;
   recording_.Start();
+  changes_.Start([&connection](const Notice& notice) { return connection.Send(notice); });
   // The module's packets are handled on its worker. While the line takes nothing, the worker waits
   // here, and so does everything that is queued for it.
   disk_.emplace(
       options_.disk, trace_, [this, &connection, intake](std::unique_ptr<CpdPacket> packet) {
-        if (!intake->NoteReply(*packet)) return;
+        if (!changes_.NoteReply(*packet) || !intake->NoteReply(*packet)) return;
         if (packet->header->packetLen > std::min(connection.their_largest(), kLargestPacket)) {
           tesselLogPrint(0, 7, "CPD_HOST",
                          "a reply of %u bytes to command %u is longer than the other side takes",
@@ -104,6 +105,7 @@ void DiskEnd::Begin(Connection& connection, const Hello& theirs,
                             throw StreamError(fmt::format("a request for {} bytes", asked));
                           }
                           Note(*packet, Way::kToModule);
+                          changes_.Precede(*packet, disk_->driver());
                           intake->HandOver(std::move(packet), disk_->driver());
                         },
                     .room = [] {},
@@ -138,6 +140,7 @@ void DiskEnd::End(Connection& connection) {
   watching_.reset();
   connection.Close();
   disk_.reset();
+  changes_.Stop();
 }
 
 }  // namespace cpd::host

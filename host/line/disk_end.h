@@ -17,6 +17,7 @@
 #include "line/line_keeper.h"
 #include "line/memory_limit.h"
 #include "line/stream.h"
+#include "module/change_watch.h"
 #include "module/module.h"
 #include "module/served_disk.h"
 #include "module/trace_file.h"
@@ -82,6 +83,7 @@ class DiskEnd : public LineUser {
       : options_(std::move(options)),
         identifier_(options_.disk.disk),
         watch_(options_.disk.disk),
+        changes_(options_.disk.disk),
         recording_(options_.disk),
         trace_(options_.disk.trace),
         module_(options_.disk.module) {}
@@ -92,6 +94,8 @@ class DiskEnd : public LineUser {
              std::function<void(const Ending&)> ended) override;
   void End(Connection& connection) override;
 
+  /// What the sandbox must let this side add watches to; negative = nothing.
+  [[nodiscard]] int inotify() const { return changes_.descriptor(); }
   /// Over all lines. Callable from any thread.
   [[nodiscard]] Traffic traffic() const;
 
@@ -102,6 +106,7 @@ class DiskEnd : public LineUser {
   const Options options_;
   const DiskIdentifier identifier_;
   DiskWatch watch_;
+  ChangeWatch changes_;
   Recording recording_;
   TraceFile trace_;
   MemoryLimit memory_;

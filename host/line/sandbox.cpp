@@ -24,6 +24,7 @@
 #include <thread>
 
 #include "descriptor.h"
+#include "module/directory_watches.h"
 #include "module/standard_error.h"
 
 namespace cpd::host {
@@ -360,6 +361,11 @@ std::vector<Conditional> ConditionalCalls(const Sandbox& sandbox) {
       {"pidfd_send_signal", {Int(1, 0)}},
   };
   if (sandbox.ends_processes) calls.push_back({"pidfd_send_signal", {Int(1, SIGTERM)}});
+  if (sandbox.inotify >= 0) {
+    calls.push_back(
+        {"inotify_add_watch",
+         {Int(0, static_cast<uint32_t>(sandbox.inotify)), Int(2, DirectoryWatches::kEvents)}});
+  }
   return calls;
 }
 

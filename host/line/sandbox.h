@@ -15,6 +15,9 @@ struct Sandbox {
   bool read_only = false;
   /// Directories for files of its own, such as locks.
   std::vector<std::string> writable = {};
+  /// The inotify instance to which it may add watches for changes in directories: in any that its
+  /// user may read, because nothing restricts that. Negative = none.
+  int inotify = -1;
   /// It may send SIGTERM to other processes of its user, by pidfd_send_signal. Otherwise it can
   /// send signals only to itself.
   bool ends_processes = false;

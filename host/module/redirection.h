@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "capture/recording.h"
+#include "module/change_watch.h"
 #include "module/served_disk.h"
 #include "module/trace_file.h"
 #include "options.h"
@@ -23,20 +24,25 @@ class Redirection {
   Redirection& operator=(const Redirection&) = delete;
 
   Session& session() { return session_; }
+  /// From now on, tells the session of changes in the directories that it lists.
+  void WatchChanges();
 
  private:
   /// Leads to the module, and records what it carries.
   class RecordedChannel : public DriverChannel {
    public:
-    RecordedChannel(CpdDriver& driver, Recording& recording)
-        : DriverChannel(driver), recording_(recording) {}
+    RecordedChannel(CpdDriver& driver, Recording& recording, ChangeWatch& changes)
+        : DriverChannel(driver), driver_(driver), recording_(recording), changes_(changes) {}
     void Send(const std::shared_ptr<CpdPacket>& packet) override {
       recording_.Note(*packet, Way::kToModule);
+      changes_.Precede(*packet, driver_);
       DriverChannel::Send(packet);
     }
 
    private:
+    CpdDriver& driver_;
     Recording& recording_;
+    ChangeWatch& changes_;
   };
 
   // Each member uses the ones above it, so the last is destroyed first.
@@ -45,6 +51,7 @@ class Redirection {
   std::promise<void> announced_;
   bool is_announced_ = false;  // used by the thread that announces
   TraceFile trace_;
+  ChangeWatch changes_;
   ServedDisk disk_;
   RecordedChannel channel_;
 };

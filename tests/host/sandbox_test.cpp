@@ -46,6 +46,7 @@
 #include "descriptor.h"
 #include "line/fence.h"
 #include "line/runtime_directory.h"
+#include "module/directory_watches.h"
 #include "module/module.h"
 #include "module/redirection.h"
 #include "remote/session.h"
@@ -373,6 +374,28 @@ TEST_F(SandboxTest, RefusesProgramsMountsSocketsAndOtherCallsThatADiskDoesNotNee
   };
   InSandbox({.disk = disk.root()}, [&] {
     for (const Row& row : rows) EXPECT_EQ(ErrorOf(row.call()), EPERM) << row.name;
+  });
+}
+
+TEST_F(SandboxTest, WatchesDirectoriesOnlyThroughTheInstanceThatItIsGiven) {
+  DirectoryWatches watches(disk.root());
+  const Descriptor other(::inotify_init1(IN_CLOEXEC));
+  InSandbox({.disk = disk.root(), .inotify = watches.descriptor()}, [&] {
+    DirectoryWatches::Notices notices;
+    watches.Watch(test::kKnownDir, &notices);
+    EXPECT_EQ(notices.size(), 1U);
+    const auto add = [&](int inotify, uint32_t mask) {
+      return ErrorOf(::inotify_add_watch(inotify, disk.root().c_str(), mask));
+    };
+    EXPECT_EQ(add(watches.descriptor(), DirectoryWatches::kEvents), 0);
+    EXPECT_EQ(add(watches.descriptor(), IN_ALL_EVENTS), ENOSYS);
+    EXPECT_EQ(add(other.get(), DirectoryWatches::kEvents), ENOSYS);
+    EXPECT_EQ(ErrorOf(::inotify_init1(0)), EPERM);
+  });
+  InSandbox({.disk = disk.root()}, [&] {
+    EXPECT_EQ(ErrorOf(::inotify_add_watch(watches.descriptor(), disk.root().c_str(),
+                                          DirectoryWatches::kEvents)),
+              EPERM);
   });
 }
 

@@ -150,6 +150,23 @@ TEST_F(RoundTrips, AreMadeForTimesWhenNothingMayBeAnsweredEarly) {
   EXPECT_GE(ending.Requests(102), kTimes) << ending.out;
 }
 
+TEST_F(RoundTrips, AreNotMadeForNamesOfAListedDirectoryUntilAChangeIsTold) {
+  constexpr int kFiles = 30;
+  const auto name = [](int i) { return "/file" + std::to_string(i); };
+  for (int i = 0; i < kFiles; ++i) WriteFile(disk.path() + name(i), "content");
+  MountedDisk mounted(disk.path());
+  EXPECT_NE(fs::directory_iterator(mounted.path()), fs::directory_iterator());
+  WriteFile(mounted / "new", "of this mount");
+  usleep(1'100'000);  // neither the kernel nor a listing is trusted for that long
+  for (int i = 0; i < kFiles; ++i) EXPECT_TRUE(fs::exists(mounted.path() + name(i))) << i;
+  WriteFile(disk.path() + name(7), "of the client");
+  EXPECT_TRUE(Eventually([&] { return fs::file_size(mounted.path() + name(7)) == 13; }));
+  const auto ending = mounted.Unmount();
+  EXPECT_EQ(ending.Requests(107), 1) << ending.out;
+  EXPECT_GE(ending.Count("known from before"), kFiles - 3) << ending.out;
+  EXPECT_GE(ending.Count("changes told"), 2) << ending.out;
+}
+
 TEST_F(RoundTrips, AreNotMadeForExtendedAttributesAndNoProgramComplains) {
   fs::create_directory(disk / "from");
   for (int i = 0; i < 5; ++i) WriteFile((disk / "from/file") + std::to_string(i), Bytes(5000));
