@@ -4,9 +4,12 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
+#include <functional>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -19,7 +22,8 @@ namespace {
 
 constexpr uint32_t kProbeId = 0x57415443;
 
-/// The directory that a request lists; empty for any other request.
+/// The directory that a request lists; nothing for any other request, nor for a path that is too
+/// long to be watched.
 std::optional<std::string> ListedBy(const CpdPacket& request) {
   if (request.header->cmd != kDirRead && request.header->cmd != kCheckDir) return std::nullopt;
   DirHead head;
@@ -28,24 +32,24 @@ std::optional<std::string> ListedBy(const CpdPacket& request) {
   left.remove_prefix(CPD_PACKET_HEADER_SIZE);
   if (left.size() < sizeof head) return std::nullopt;
   std::memcpy(&head, left.data(), sizeof head);
-  return std::string(left.substr(sizeof head, head.path_length));
+  const auto path = left.substr(sizeof head, head.path_length);
+  if (path.size() > DirectoryWatches::kLongestPath) return std::nullopt;
+  return std::string(path);
 }
 
 }  // namespace
 
 void ChangeWatch::Start(Tell tell) {
   Stop();
-  if (watches_.descriptor() < 0) return;
   wake_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (watches_.descriptor() < 0 || !wake_.ok()) return;
+  thread_ = std::jthread([this](const std::stop_token& stop) { Run(stop); });
   {
     const std::lock_guard lock(mutex_);
     tell_ = std::move(tell);
   }
-  {
-    const std::lock_guard lock(queue_mutex_);
-    is_started_ = true;
-  }
-  thread_ = std::jthread([this](const std::stop_token& stop) { Run(stop); });
+  const std::lock_guard lock(queue_mutex_);
+  is_started_ = true;
 }
 
 void ChangeWatch::Stop() {
@@ -62,6 +66,7 @@ void ChangeWatch::Stop() {
   }
   const std::lock_guard lock(mutex_);
   tell_ = nullptr;
+  is_all_due_ = false;
   watches_.Forget();
 }
 
@@ -69,7 +74,7 @@ void ChangeWatch::Precede(const CpdPacket& request, CpdDriver& driver) {
   auto directory = ListedBy(request);
   if (!directory) return;
   const std::lock_guard lock(queue_mutex_);
-  if (!is_started_) return;
+  if (!is_started_ || listed_.size() == kMostListed) return;
   listed_.push_back(*std::move(directory));
   driver.onEvent(Session::Probe(kProbeId), 0);
 }
@@ -84,24 +89,36 @@ bool ChangeWatch::NoteReply(const CpdPacket& reply) {
     }
   }
   const std::lock_guard lock(mutex_);
-  if (tell_) {
+  TellLocked(listed);
+  return !listed;
+}
+
+/// Tells what has changed, and watches a directory that is about to be listed.
+void ChangeWatch::TellLocked(const std::optional<std::string>& listed) {
+  if (!tell_) return;
+  const auto give_up = [this] {
+    watches_.Forget();
+    is_all_due_ = true;
+  };
+  const auto tell_all = [this] {
+    if (is_all_due_) tell_({.what = Notice::What::kAll});
+    is_all_due_ = false;
+  };
+  try {
+    tell_all();
     DirectoryWatches::Notices notices;
     if (listed) {
       watches_.Watch(*listed, &notices);
     } else {
       watches_.Collect(&notices);
     }
-    PassOnLocked(notices);
-  }
-  return !listed;
-}
-
-void ChangeWatch::PassOnLocked(const DirectoryWatches::Notices& notices) {
-  for (const auto& notice : notices) {
-    if (tell_(notice)) continue;
-    watches_.Forget();
-    tell_({.what = Notice::What::kAll});
-    return;
+    if (!std::ranges::all_of(notices, std::ref(tell_))) {
+      give_up();
+      tell_all();
+    }
+  } catch (...) {
+    give_up();
+    throw;
   }
 }
 
@@ -112,9 +129,11 @@ void ChangeWatch::Run(const std::stop_token& stop) {
     if (poll(events.data(), events.size(), -1) < 0 && errno != EINTR) return;
     if (poll(events.data(), 1, static_cast<int>(kPause.count())) > 0) return;
     const std::lock_guard lock(mutex_);
-    DirectoryWatches::Notices notices;
-    watches_.Collect(&notices);
-    PassOnLocked(notices);
+    try {
+      TellLocked(std::nullopt);
+    } catch (const std::exception&) {
+      // There is too little memory. The next answer does not pass before kAll.
+    }
   }
 }
 

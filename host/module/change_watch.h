@@ -2,9 +2,11 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <thread>
@@ -31,6 +33,8 @@ class ChangeWatch {
  public:
   /// How long changes are gathered, so that a busy disk does not wake a thread for each of them.
   static constexpr std::chrono::milliseconds kPause{20};
+  /// Most directories whose listing is due. Those that are listed beyond that are not watched.
+  static constexpr size_t kMostListed = 256;
 
   /// Passes a notice on, on any thread; must not wait, nor call this object.
   /// @return false when there is no room for it: then kAll follows, for which there must be room
@@ -45,7 +49,8 @@ class ChangeWatch {
   /// What the sandbox must let this add watches to; negative = nothing.
   [[nodiscard]] int descriptor() const { return watches_.descriptor(); }
 
-  /// Begins with no directory watched. Starts a thread.
+  /// Begins with no directory watched. Starts a thread. If descriptors run out, nothing is watched.
+  /// @throws std::system_error when it cannot start the thread
   void Start(Tell tell);
   /// Does not tell anything any more. Waits for the disk if a watch is being set.
   void Stop();
@@ -54,15 +59,19 @@ class ChangeWatch {
   void Precede(const CpdPacket& request, CpdDriver& driver);
   /// To be called with each packet of the driver before it is passed on, on the driver's thread.
   /// @return false when it answers a probe of this object, and is for nobody else
+  /// @throws what Tell throws, or std::bad_alloc. The packet must not be passed on then, because
+  /// not
+  ///         all that has changed was told. kAll comes before the next one.
   bool NoteReply(const CpdPacket& reply);
 
  private:
   void Run(const std::stop_token& stop);
-  void PassOnLocked(const DirectoryWatches::Notices& notices);
+  void TellLocked(const std::optional<std::string>& listed);
 
   std::mutex mutex_;          // held while the disk is accessed
   DirectoryWatches watches_;  // guarded by mutex_
   Tell tell_;                 // guarded by mutex_; empty while stopped
+  bool is_all_due_ = false;   // guarded by mutex_; kAll could not be told yet
   std::mutex queue_mutex_;
   bool is_started_ = false;         // guarded by queue_mutex_
   std::deque<std::string> listed_;  // guarded by queue_mutex_; one for each probe under way

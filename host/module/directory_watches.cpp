@@ -109,11 +109,11 @@ void DirectoryWatches::NoteUse(const std::string& path) {
 }
 
 bool DirectoryWatches::Add(const std::string& path, Notices* notices) {
-  MakeRoom(notices);
   const Descriptor root(::open(disk_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!root.ok()) return false;
   const auto directory = OpenBeneath(root, path);
   if (!directory.ok() || !TellsAllChanges(directory)) return false;
+  MakeRoom(notices);
   const auto place = "/proc/self/fd/" + std::to_string(directory.get());
   const int watch = inotify_add_watch(inotify_.get(), place.c_str(), kEvents);
   if (watch < 0) return false;
@@ -139,16 +139,23 @@ void DirectoryWatches::MakeRoom(Notices* notices) {
   }
 }
 
-// What comes while this reads is left for the next time, so a disk without rest does not hold it
-// up.
 void DirectoryWatches::Collect(Notices* notices) {
+  if (!inotify_.ok() || Read(notices)) return;
+  Forget();
+  notices->push_back({.what = What::kAll});
+}
+
+/// Reads what there is now. What comes meanwhile is left for the next time, so a disk without rest
+/// does not hold this up.
+/// @return false when that fails, or when there is too much
+bool DirectoryWatches::Read(Notices* notices) {
   const size_t before = notices->size();
   alignas(inotify_event) std::array<char, 16 << 10> buffer;
   int left = 0;
-  if (ioctl(inotify_.get(), FIONREAD, &left) != 0) return;
+  if (ioctl(inotify_.get(), FIONREAD, &left) != 0) return false;
   while (left > 0) {
     const ssize_t count = read(inotify_.get(), buffer.data(), buffer.size());
-    if (count <= 0) return;
+    if (count <= 0) return false;
     left -= static_cast<int>(count);
     for (const char* next = buffer.data(); next < buffer.data() + count;) {
       const auto& event = *reinterpret_cast<const inotify_event*>(next);
@@ -160,11 +167,9 @@ void DirectoryWatches::Collect(Notices* notices) {
       return std::tie(a.what, a.path) < std::tie(b.what, b.path);
     });
     notices->erase(std::unique(first, notices->end()), notices->end());
-    if (notices->size() - before > kMostNotices) {
-      Forget();
-      return notices->push_back({.what = What::kAll});
-    }
+    if (notices->size() - before > kMostNotices) return false;
   }
+  return true;
 }
 
 void DirectoryWatches::Note(const inotify_event& event, Notices* notices) {
@@ -192,7 +197,9 @@ void DirectoryWatches::Note(const inotify_event& event, Notices* notices) {
 }
 
 void DirectoryWatches::Forget() {
-  Drop("/");
+  for (const auto& [watch, path] : paths_) inotify_rm_watch(inotify_.get(), watch);
+  paths_.clear();
+  watched_.clear();
   std::array<char, 16 << 10> buffer;
   while (inotify_.ok() && read(inotify_.get(), buffer.data(), buffer.size()) > 0) {
   }

@@ -18,8 +18,9 @@ namespace cpd::host {
 /// names. A directory counts as watched only together with those above it up to the disk's root, so
 /// that its path still leads to it as long as nothing else is told.
 ///
-/// What is not told: changes through a name in another directory (a hard link) or through a mapping
-/// of the file, access times, and what is mounted over a part of the disk. Only file systems whose
+/// What is not told: changes through a name in another directory (a hard link), through a mapping of
+/// the file, by io_submit or by a loop device; access times; and what is mounted over the disk or a
+/// part of it. Only file systems whose
 /// changes all go through this kernel are watched. A watch does not keep the disk from being
 /// unmounted. Not synchronized.
 class DirectoryWatches {
@@ -28,7 +29,7 @@ class DirectoryWatches {
   /// Longest path and most components of a directory to watch.
   static constexpr size_t kLongestPath = 3072;
   static constexpr size_t kDeepest = 64;
-  /// Most notices of one Collect. If there are more, it gives kAll.
+  /// Most notices of one Collect.
   static constexpr size_t kMostNotices = 1024;
   /// The mask of every watch.
   static constexpr uint32_t kEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
@@ -49,7 +50,8 @@ class DirectoryWatches {
   /// @param notices  gets kWatched if the directory is watched from now on, after all that was to
   ///                 be collected
   void Watch(const std::string& path, Notices* notices);
-  /// Tells, each once, the changes that were made until this was called.
+  /// Tells, each once, the changes that were made until this was called. If they are too many or
+  /// cannot be read, stops watching and gives kAll.
   void Collect(Notices* notices);
   /// Watches nothing any more, and drops what was to be collected.
   void Forget();
@@ -65,6 +67,7 @@ class DirectoryWatches {
 
   bool Add(const std::string& path, Notices* notices);
   void NoteUse(const std::string& path);
+  bool Read(Notices* notices);
   void Note(const inotify_event& event, Notices* notices);
   void MakeRoom(Notices* notices);
   void Drop(const std::string& path);

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -23,6 +24,7 @@
 #include "remote/session.h"
 #include "support/idle_driver.h"
 #include "support/temp_disk.h"
+#include "support/watchable_place.h"
 #include "wire.h"
 
 namespace cpd::host {
@@ -66,7 +68,7 @@ class Watches : public testing::Test {
     fs::rename(disk.Local(from), disk.Local(to));
   }
 
-  TempDisk disk;
+  TempDisk disk{test::WatchablePlace()};
   DirectoryWatches watches{disk.root()};
 };
 
@@ -188,6 +190,28 @@ TEST_F(Watches, GiveUpWhenThereIsTooMuchToTell) {
   EXPECT_TRUE(IsWatched("/a"));
 }
 
+TEST_F(Watches, GiveUpWhenTheKernelHasDroppedChanges) {
+  size_t most = 0;
+  std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> most;
+  if (most == 0 || most > 100'000) GTEST_SKIP() << "the kernel queues " << most << " changes";
+  ASSERT_TRUE(IsWatched("/a"));
+  for (size_t i = 0; i <= most; ++i) {  // the kernel merges equal changes only if they are adjacent
+    ASSERT_EQ(chmod(disk.Local(i % 2 == 0 ? "/a/b" : "/a/file").c_str(), 0700), 0);
+  }
+  EXPECT_EQ(Collect().back(), Notice{What::kAll});
+  EXPECT_EQ(watches.size(), 0U);
+  EXPECT_TRUE(IsWatched("/a"));
+}
+
+TEST_F(Watches, LeaveNoDescriptorOpen) {
+  const test::DescriptorCheck check;
+  ASSERT_TRUE(IsWatched("/a/b"));
+  ASSERT_FALSE(IsWatched("/a/file"));
+  ASSERT_FALSE(IsWatched("/missing"));
+  watches.Forget();
+  ASSERT_TRUE(IsWatched("/a/b"));
+}
+
 TEST_F(Watches, AreNotSetThroughLinksNorOutsideTheDisk) {
   disk.MakeLink("/link", "a");
   disk.MakeLink("/out", "/");
@@ -257,6 +281,7 @@ class Telling : public testing::Test {
     disk.MakeDir("/a");
     changes.Start([this](const Notice& notice) {
       const std::lock_guard lock(mutex);
+      if (fails) throw std::bad_alloc();
       if (!has_room && notice.what != What::kAll) return false;
       told.push_back(notice);
       came.notify_all();
@@ -293,12 +318,13 @@ class Telling : public testing::Test {
     return std::exchange(told, {});
   }
 
-  TempDisk disk;
+  TempDisk disk{test::WatchablePlace()};
   Driver driver;
   std::mutex mutex;
   std::condition_variable came;
   Notices told;
   bool has_room = true;
+  bool fails = false;
   ChangeWatch changes{disk.root()};
 };
 
@@ -364,6 +390,62 @@ TEST_F(Telling, IsOfNothingAnyMoreWhenThereWasNoRoomForANotice) {
   disk.MakeFile("/a/another", "");
   EXPECT_TRUE(changes.NoteReply(*Request(kGetFileAttr, "/a")));
   EXPECT_EQ(Told(), Notices{});
+}
+
+TEST_F(Telling, HoldsAnswersBackUntilItIsSaidThatAChangeWasNotTold) {
+  Send(Request(kDirRead, "/a"));
+  Answer();
+  Told();
+  const auto set_fails = [this](bool value) {
+    const std::lock_guard lock(mutex);
+    fails = value;
+  };
+  set_fails(true);
+  disk.MakeFile("/a/file", "");
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_THROW((void)changes.NoteReply(*Request(kGetFileAttr, "/a")), std::bad_alloc) << i;
+  }
+  set_fails(false);
+  disk.MakeFile("/a/another", "");
+  EXPECT_TRUE(changes.NoteReply(*Request(kGetFileAttr, "/a")));
+  EXPECT_EQ(Told(), (Notices{{What::kAll}}));
+  Send(Request(kDirRead, "/a"));
+  while (!driver.requests.empty()) Answer();
+  EXPECT_EQ(Told(), (Notices{{What::kWatched, "/a"}}));
+}
+
+TEST_F(Telling, IsOfFewDirectoriesWhenManyListingsAreDue) {
+  constexpr size_t kRequests = 2 * ChangeWatch::kMostListed;
+  for (size_t i = 0; i < kRequests; ++i) Send(Request(kDirRead, "/a"));
+  EXPECT_EQ(driver.requests.size(), kRequests + ChangeWatch::kMostListed);
+  size_t passed_on = 0;
+  while (!driver.requests.empty()) passed_on += Answer() ? 1 : 0;
+  EXPECT_EQ(passed_on, kRequests);
+  EXPECT_EQ(Told().size(), ChangeWatch::kMostListed);
+  Send(Request(kDirRead, "/a"));
+  EXPECT_EQ(driver.requests.size(), 2U);
+}
+
+TEST_F(Telling, IsNotOfPathsThatAreTooLong) {
+  Send(Request(kDirRead, '/' + std::string(DirectoryWatches::kLongestPath, 'a')));
+  EXPECT_EQ(driver.requests.size(), 1U);
+}
+
+// Requests of the other side may have the probes' id.
+TEST_F(Telling, AnswersEveryRequestEvenIfOneLooksLikeAProbe) {
+  Send(Request(kDirRead, "/a"));
+  const uint32_t id = driver.requests.front()->header->requestId;
+  while (!driver.requests.empty()) Answer();
+  Send(Session::Probe(id));
+  EXPECT_TRUE(Answer());
+  Send(Session::Probe(id));
+  Send(Request(kDirRead, "/a"));
+  Send(Session::Probe(id));
+  Told();
+  std::vector<bool> passed_on;
+  while (!driver.requests.empty()) passed_on.push_back(Answer());
+  EXPECT_EQ(passed_on, (std::vector<bool>{false, true, true, true}));
+  EXPECT_EQ(Told(), (Notices{{What::kWatched, "/a"}}));
 }
 
 TEST_F(Telling, EndsWhenItIsStopped) {

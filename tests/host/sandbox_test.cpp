@@ -53,6 +53,7 @@
 #include "support/own_runtime_directory.h"
 #include "support/requests.h"
 #include "support/temp_disk.h"
+#include "support/watchable_place.h"
 
 namespace cpd::host {
 namespace {
@@ -378,22 +379,27 @@ TEST_F(SandboxTest, RefusesProgramsMountsSocketsAndOtherCallsThatADiskDoesNotNee
 }
 
 TEST_F(SandboxTest, WatchesDirectoriesOnlyThroughTheInstanceThatItIsGiven) {
-  DirectoryWatches watches(disk.root());
+  const TempDisk watched(test::WatchablePlace());
+  watched.MakeDir("/a");
+  DirectoryWatches watches(watched.root());
   const Descriptor other(::inotify_init1(IN_CLOEXEC));
-  InSandbox({.disk = disk.root(), .inotify = watches.descriptor()}, [&] {
+  InSandbox({.disk = watched.root(), .inotify = watches.descriptor()}, [&] {
     DirectoryWatches::Notices notices;
-    watches.Watch(test::kKnownDir, &notices);
-    EXPECT_EQ(notices.size(), 1U);
+    watches.Watch("/a", &notices);
+    watched.MakeFile("/a/file", "");
+    watches.Collect(&notices);
+    EXPECT_GE(notices.size(), 2U);
+    EXPECT_EQ(std::ranges::count(notices, Notice{.what = Notice::What::kAll}), 0);
     const auto add = [&](int inotify, uint32_t mask) {
-      return ErrorOf(::inotify_add_watch(inotify, disk.root().c_str(), mask));
+      return ErrorOf(::inotify_add_watch(inotify, watched.root().c_str(), mask));
     };
     EXPECT_EQ(add(watches.descriptor(), DirectoryWatches::kEvents), 0);
     EXPECT_EQ(add(watches.descriptor(), IN_ALL_EVENTS), ENOSYS);
     EXPECT_EQ(add(other.get(), DirectoryWatches::kEvents), ENOSYS);
     EXPECT_EQ(ErrorOf(::inotify_init1(0)), EPERM);
   });
-  InSandbox({.disk = disk.root()}, [&] {
-    EXPECT_EQ(ErrorOf(::inotify_add_watch(watches.descriptor(), disk.root().c_str(),
+  InSandbox({.disk = watched.root()}, [&] {
+    EXPECT_EQ(ErrorOf(::inotify_add_watch(watches.descriptor(), watched.root().c_str(),
                                           DirectoryWatches::kEvents)),
               EPERM);
   });

@@ -85,8 +85,8 @@ std::string FindFuseProblem() {
 
 }  // namespace
 
-TempDir::TempDir() {
-  std::string name = (fs::canonical(fs::temp_directory_path()) / "cpd-system-XXXXXX").string();
+TempDir::TempDir(const fs::path& parent) {
+  std::string name = (fs::canonical(parent) / "cpd-system-XXXXXX").string();
   if (!mkdtemp(name.data())) throw std::system_error(errno, std::generic_category(), name);
   mPath = name;
 }

@@ -25,7 +25,7 @@ inline constexpr std::chrono::seconds kHang = 30s;
 /// A temporary directory, removed with everything in it.
 class TempDir {
  public:
-  TempDir();
+  explicit TempDir(const std::filesystem::path& parent = std::filesystem::temp_directory_path());
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "support/mounted_disk.h"
+#include "support/watchable_place.h"
 
 namespace system_test {
 namespace fs = std::filesystem;
@@ -153,13 +154,14 @@ TEST_F(RoundTrips, AreMadeForTimesWhenNothingMayBeAnsweredEarly) {
 TEST_F(RoundTrips, AreNotMadeForNamesOfAListedDirectoryUntilAChangeIsTold) {
   constexpr int kFiles = 30;
   const auto name = [](int i) { return "/file" + std::to_string(i); };
-  for (int i = 0; i < kFiles; ++i) WriteFile(disk.path() + name(i), "content");
-  MountedDisk mounted(disk.path());
+  const TempDir watched(cpd::test::WatchablePlace());
+  for (int i = 0; i < kFiles; ++i) WriteFile(watched.path() + name(i), "content");
+  MountedDisk mounted(watched.path());
   EXPECT_NE(fs::directory_iterator(mounted.path()), fs::directory_iterator());
   WriteFile(mounted / "new", "of this mount");
   usleep(1'100'000);  // neither the kernel nor a listing is trusted for that long
   for (int i = 0; i < kFiles; ++i) EXPECT_TRUE(fs::exists(mounted.path() + name(i))) << i;
-  WriteFile(disk.path() + name(7), "of the client");
+  WriteFile(watched.path() + name(7), "of the client");
   EXPECT_TRUE(Eventually([&] { return fs::file_size(mounted.path() + name(7)) == 13; }));
   const auto ending = mounted.Unmount();
   EXPECT_EQ(ending.Requests(107), 1) << ending.out;
