@@ -101,6 +101,8 @@ class FakeDriver : public test::IdleDriver {
       session_.Receive(std::move(reply));
     }
   }
+  /// Never replies to the requests so far.
+  void LoseRequests() { (void)TakeRequests(); }
 
  private:
   using Requests = std::vector<std::unique_ptr<CpdPacket>>;
@@ -1205,7 +1207,7 @@ TEST_F(ToldNames, OfAListingAskedForAgainOnAnotherLineAreNotWatched) {
   short_.List("/d", [](const auto&) {});
   Tell(What::kWatched);
   session_.Break();
-  driver_->requests.clear();
+  driver_->LoseRequests();
   session_.Start(&line);
   Work();
   EXPECT_EQ(Asked(kDirRead), 2);
