@@ -40,8 +40,8 @@ namespace cpd::host {
 /// If the side with the disk watches a directory and tells of its changes, its listing goes on
 /// answering for up to kLongestUse. What was told of is unknown; everything else counts as asked
 /// for with the last question, before whose answer all changes were told. So an answer is never
-/// older than kTrusted, even if the line stands still. Not told are changes through names elsewhere
-/// (hard links that were made after the listing) and through mappings, and access times; a
+/// older than kTrusted, even if the line stands still. Some changes are not told, for example those
+/// through names elsewhere (hard links that were made after the listing) or through mappings; a
 /// subdirectory's attributes are told by a watch of its own, and come from its own listing.
 ///
 /// Some disks take names that differ in case for the same. So names count as missing, and a change
