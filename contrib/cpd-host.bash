@@ -24,7 +24,8 @@ _cpd_host_options() {
   local record='--record --record-bytes'
   local disk="--module --policy --bandwidth --trace --trace-reads --unconfined $record $log"
   local naming='--name --read-only'
-  local mount='--label --allow-other --sync --no-batch --no-prefetch --no-dir-cache --cache-memory'
+  local mount='--label --allow-other --sync --no-batch --no-prefetch --no-dir-cache --no-watch'
+  mount+=' --cache-memory'
   local stream='--window --no-sandbox'
   local dial='--via --rsh --remote-program -p -F -i --reconnect'
   case $1 in

@@ -26,6 +26,7 @@ struct DiskOptions {
   bool batch = true;                    ///< send small writes in batches
   bool prefetch = true;                 ///< read small files and list directories ahead
   bool dir_cache = true;                ///< cache listings; check them before reuse
+  bool watch = true;                    ///< heed what the side with the disk tells of changes
   uint32_t cache_mib = 64;              ///< MiB that all caches of a mount may take together
   uint32_t bandwidth_kbps = 0;          ///< announced for reads; 0 = no announcement
   std::chrono::seconds time_limit{30};  ///< for a reply; the session adds 10 s for pacing

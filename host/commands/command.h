@@ -43,7 +43,7 @@ void AddRecordOptions(CLI::App* command, DiskOptions* disk);
 /// Adds --timeout, for a command that waits for replies.
 void AddTimeoutOption(CLI::App* command, DiskOptions* disk);
 /// Adds the options of the mount itself: --label, --allow-other, --sync, --no-batch, --no-prefetch,
-/// --no-dir-cache, --cache-memory.
+/// --no-dir-cache, --no-watch, --cache-memory.
 void AddMountOptions(CLI::App* command, DiskOptions* disk);
 /// Adds the options that the announcement carries: --name, --read-only.
 void AddNamingOptions(CLI::App* command, DiskOptions* disk);

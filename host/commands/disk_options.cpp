@@ -88,6 +88,8 @@ void AddMountOptions(CLI::App* command, DiskOptions* disk) {
              "Do not read small files or list directories ahead");
   AddOffFlag(command, "--no-dir-cache", &disk->dir_cache,
              "List directories in full every time, and ask for every name");
+  AddOffFlag(command, "--no-watch", &disk->watch,
+             "Ask for names of listed directories every second, whether they have changed or not");
   command
       ->add_option("--cache-memory", disk->cache_mib,
                    "Memory that the caches may take together, in MiB [64]")

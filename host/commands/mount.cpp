@@ -47,7 +47,7 @@ void Mount(DiskOptions options, const std::string& mount_point_option,
   options.drive = mount_point;
 
   Redirection disk(options);
-  if (options.dir_cache) disk.WatchChanges();
+  if (options.dir_cache && options.watch) disk.WatchChanges();
   {
     KernelMount kernel(options, mount_point);
     FuseMount mount(disk.session(), options, kernel);

@@ -60,6 +60,7 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, KernelMount& 
       read_only_(options.read_only),
       writes_early_(options.early),
       gathers_writes_(options.batch),
+      heeds_notices_(options.watch),
       cache_memory_(options.cache_mib),
       files_(session,
              {.on_start = [this](const auto& path, auto what) { listings_.NoteChange(path, what); },
@@ -98,7 +99,9 @@ void FuseMount::Serve(const sigset_t& stop_signals) {
     const Periodic no_waiting_at_end(100ms, [this] {
       if (fuse_session_exited(kernel_.session()) != 0) session_.StopWaiting();
     });
-    session_.Listen([this](const Notice& notice) { TakeNotice(notice); });
+    if (heeds_notices_) {
+      session_.Listen([this](const Notice& notice) { TakeNotice(notice); });
+    }
     pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
     result = fuse_session_loop_mt(kernel_.session(), config.get());
   }

@@ -207,6 +207,7 @@ class FuseMount {
   const bool read_only_;
   const bool writes_early_;
   const bool gathers_writes_;
+  const bool heeds_notices_;
   const CacheMemory cache_memory_;
   RemoteFiles files_;
   ListingCache listings_;
