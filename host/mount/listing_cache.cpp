@@ -298,7 +298,10 @@ bool ListingCache::WantsListingLocked(const std::string& directory, std::string_
                                       int64_t directory_size) {
   const auto now = Clock::now();
   if (askings_.size() >= kMostAskings) {
-    std::erase_if(askings_, [&](const auto& one) { return now - one.second.since > trusted_; });
+    std::erase_if(askings_, [&](const auto& one) {
+      const auto& asking = one.second;
+      return now - std::max({asking.since, asking.listed, asking.wanted_below}) > trusted_;
+    });
     if (askings_.size() >= kMostAskings) askings_.clear();
   }
   auto& asking = askings_[directory];
@@ -316,7 +319,7 @@ bool ListingCache::WantsListingLocked(const std::string& directory, std::string_
   const bool has_several =
       asking.count > std::max(kSingleQuestions, asking.entries / kNamesOfLarge);
   auto& above = askings_[DirectoryOf(directory)];
-  asking.is_guess = !has_several && now - above.wanted_below <= trusted_ &&
+  asking.is_guess = !has_several && directory != "/" && now - above.wanted_below <= trusted_ &&
                     above.guesses_below < kMostGuesses &&
                     asking.count > asking.entries / kNamesOfGuess;
   if (asking.is_guess) ++above.guesses_below;

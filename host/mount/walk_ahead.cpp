@@ -19,6 +19,7 @@ constexpr size_t kMostNames = 10'000;  // of one walk
 constexpr size_t kMostAhead = 64;
 constexpr size_t kLongestKept = 512 << 10;        // of a listing, in bytes
 constexpr size_t kLongestStep = 16;               // a program may leave some directories out
+constexpr unsigned kMostStrays = 2;               // in a row, until an order counts as another
 constexpr int64_t kLargestDirectory = 128 << 10;  // in bytes on the disk
 
 /// The subdirectories to walk through, in the order of the listing.
@@ -153,18 +154,22 @@ void WalkAhead::Walk::Sort() {
 
 bool WalkAhead::Walk::MoveTo(std::string_view name) {
   auto place = FindNear(name);
-  if (!place && !is_sorted && std::ranges::find(names, name) != names.end()) {
+  if (!place && !is_sorted) {
+    if (std::ranges::find(names, name) == names.end()) return false;
+    // One in between may be another program's.
+    if (next > 0 && ++strays < kMostStrays) return false;
     Sort();
     place = FindNear(name);
   }
   if (place) {
+    strays = 0;
     next = *place + 1;
     asked_end = std::max(asked_end, next);
     return true;
   }
   // The program may go on in order from here.
   const auto found = std::ranges::lower_bound(names, name);
-  if (is_sorted && found != names.end() && *found == name) {
+  if (found != names.end() && *found == name) {
     next = asked_end = static_cast<size_t>(found - names.begin()) + 1;
   }
   return false;

@@ -83,6 +83,7 @@ class WalkAhead {
     std::string directory;
     std::vector<std::string> names;  // in the order of the listing, or sorted
     bool is_sorted = false;
+    unsigned strays = 0;   // the latest ones that came out of order
     size_t next = 0;       // the place after the one listed last
     size_t asked_end = 0;  // those before this one were asked for, or passed over
     size_t reach = kFirstReach;

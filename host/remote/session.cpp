@@ -18,6 +18,9 @@ constexpr auto kProbeAfter = 1s;
 // lowest rate.
 constexpr auto kPacingAllowance = 10s;
 constexpr size_t kMostNotices = 1024;  // between two answers
+// A packet that is longer on its way waits in a queue, which counts as work, or the other side
+// lies.
+constexpr Session::Clock::duration kLongestTransit = 500ms;
 
 std::unique_ptr<CpdPacket> AttributesRequest(std::string_view path) {
   FileAttrHead head{};
@@ -181,7 +184,7 @@ void Session::Receive(std::unique_ptr<CpdPacket> packet) {
     told_until_ = answered.sent;
     round_trip_ = lowest_.value();
     done = std::move(answered.done);
-    transit_ = channel_->transit();
+    transit_ = std::min(channel_->transit(), kLongestTransit);
     const auto arrived = answered.sent + transit_.load();
     time_of_answer_ = now - std::clamp(arrived, waiting_since_, now);
     outstanding_.pop_front();

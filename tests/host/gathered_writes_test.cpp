@@ -345,8 +345,12 @@ TEST_F(GatheredWritesTest, DoNotEachWakeTheSenderIfOthersSendThem) {
   for (int i = 0; i < kWrites; ++i) {
     {
       const auto pass = gate.Enter();
-      ASSERT_TRUE(own.Add(node, 0, i, "b"));
-      own.Send();
+      if (own.Add(node, 0, i, "b")) {
+        own.Send();
+      } else {  // on a busy machine, what is known of the disk may have grown old
+        own.WriteThrough(*nodes.Find(node), i, "b", [](Outcome) {});
+        asked();
+      }
     }
     own.Drain(node);
   }

@@ -590,6 +590,22 @@ TEST_F(Walks, FollowTheOrderOfTheNamesAsWell) {
   EXPECT_EQ(files_.savings().listings_ahead_used, 19U);
 }
 
+TEST_F(Walks, KeepTheirOrderWhenAnotherProgramListsADirectoryInBetween) {
+  std::ranges::reverse(names_);
+  names_.push_back("/tree/000");
+  ListTree();
+  List(names_[0]);
+  WorkFarAway();
+  List("/tree/000");
+  WorkFarAway();
+  for (size_t i = 1; i < 20; ++i) {
+    List(names_[i]);
+    WorkFarAway();
+  }
+  EXPECT_EQ(shown_, 21);
+  EXPECT_EQ(files_.savings().listings_ahead_used, 19U);
+}
+
 TEST_F(Walks, GoOnInOrderFromWhereAProgramBegins) {
   ListTree();
   List(names_[17]);
