@@ -85,7 +85,7 @@ void AddMountOptions(CLI::App* command, DiskOptions* disk) {
              "Let nothing count as done before the disk has done it");
   AddOffFlag(command, "--no-batch", &disk->batch, "Send small writes one by one");
   AddOffFlag(command, "--no-prefetch", &disk->prefetch,
-             "Do not read small files or list directories ahead");
+             "Do not read files or list directories ahead");
   AddOffFlag(command, "--no-dir-cache", &disk->dir_cache,
              "List directories in full every time, and ask for every name");
   AddOffFlag(command, "--no-watch", &disk->watch,

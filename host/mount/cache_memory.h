@@ -16,10 +16,11 @@ struct CacheMemory {
   constexpr explicit CacheMemory(uint32_t mib) : all(size_t{mib} << 20) {}
 
   size_t all;
-  size_t listings = all / 2;  ///< ListingCache
-  size_t prefetch = all / 4;  ///< Prefetch: small files, and the listings of their directories
-  size_t contents = all / 8;  ///< CheckedReads: small files that programs have open
-  size_t walks = all / 8;     ///< WalkAhead
+  size_t listings = all / 8 * 3;  ///< ListingCache
+  size_t prefetch = all / 4;      ///< Prefetch: small files, and the listings of their directories
+  size_t contents = all / 8;      ///< CheckedReads: small files that programs have open
+  size_t walks = all / 8;         ///< WalkAhead
+  size_t pieces = all / 8;        ///< SequentialReads
 };
 
 }  // namespace cpd::host

@@ -216,12 +216,13 @@ struct CheckedReads::Reading {
   uint32_t size;
   int64_t expected_end;  ///< the data goes this far unless the file is cut
   ReadDone done;
+  Check check;
   int tries = 0;
   Result<FileData> result = {};
 };
 
 void CheckedReads::Read(NodeTable::Id node, const NodeTable::File& file, int64_t offset,
-                        uint32_t size, ReadDone done) {
+                        uint32_t size, ReadDone done, Check check) {
   {
     const std::lock_guard lock(mutex_);
     ++under_way_;
@@ -233,7 +234,8 @@ void CheckedReads::Read(NodeTable::Id node, const NodeTable::File& file, int64_t
                                          .offset = offset,
                                          .size = size,
                                          .expected_end = std::min(offset + size, known_size),
-                                         .done = std::move(done)}));
+                                         .done = std::move(done),
+                                         .check = check}));
 }
 
 void CheckedReads::Send(const std::shared_ptr<Reading>& reading) {
@@ -244,16 +246,19 @@ void CheckedReads::Send(const std::shared_ptr<Reading>& reading) {
     const std::lock_guard lock(mutex_);
     auto& window = windows_[reading->node];
     window.unchecked.push_back(reading);
-    if (window.checks > 0 && window.unchecked.size() < kWindow) return;
+    if (reading->check == Check::kInTurn && window.checks > 0 &&
+        window.unchecked.size() < kWindow) {
+      return;
+    }
     ++window.checks;
     covered.swap(window.unchecked);
   }
-  Check(reading->node, reading->path, std::move(covered));
+  SendCheck(reading->node, reading->path, std::move(covered));
 }
 
 /// Asks whether the path still leads to the file. The answer comes after those of the reads that it
 /// covers, because the reads were sent first.
-void CheckedReads::Check(NodeTable::Id node, const std::string& path, Readings covered) {
+void CheckedReads::SendCheck(NodeTable::Id node, const std::string& path, Readings covered) {
   files_.GetAttributes(
       path, [this, node, path, covered = std::move(covered)](const Result<udisk_stat>& result) {
         Readings next;
@@ -270,7 +275,7 @@ void CheckedReads::Check(NodeTable::Id node, const std::string& path, Readings c
             }
           }
         }
-        if (!next.empty()) Check(node, path, std::move(next));
+        if (!next.empty()) SendCheck(node, path, std::move(next));
         const int error = result.error != 0 ? result.error : note_(node, result.value) ? 0 : ESTALE;
         for (const auto& reading : covered) {
           if (error != 0) {

@@ -67,6 +67,11 @@ class CheckedReads {
   using Ahead = std::function<bool(const NodeTable::File& file, Arrived arrived)>;
   /// Receives the bytes, which are valid during the call; fewer than wanted only at the file's end.
   using ReadDone = std::function<void(int error, std::string_view bytes)>;
+  /// When the question that covers a read is sent.
+  enum class Check {
+    kInTurn,  ///< after those before it
+    kAtOnce,  ///< right after the read, which saves up to a round trip
+  };
 
   /// @param memory  the most that the content of files may take, in bytes; a file for whose content
   ///                there is no room is read as a larger one
@@ -99,7 +104,7 @@ class CheckedReads {
 
   /// Ends with ESTALE when another file has taken the path, and with ENOENT when there is none.
   void Read(NodeTable::Id node, const NodeTable::File& file, int64_t offset, uint32_t size,
-            ReadDone done);
+            ReadDone done, Check check = Check::kInTurn);
 
   /// Waits until everything under way has ended. The caller holds a move, so that nothing new
   /// begins. Must not be called on the thread that delivers replies.
@@ -126,7 +131,7 @@ class CheckedReads {
   void Send(const std::shared_ptr<Looking>& looking);
   void Finish(const std::shared_ptr<Opening>& opening, int error);
   void Send(const std::shared_ptr<Reading>& reading);
-  void Check(NodeTable::Id node, const std::string& path, Readings covered);
+  void SendCheck(NodeTable::Id node, const std::string& path, Readings covered);
   void Judge(const std::shared_ptr<Reading>& reading, const udisk_stat& now);
   void Finish(const Reading& reading, int error, std::string_view bytes = {});
   void CountEnd();

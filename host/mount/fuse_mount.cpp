@@ -79,9 +79,10 @@ FuseMount::FuseMount(Session& session, const DiskOptions& options, KernelMount& 
       reads_(
           files_, nodes_,
           [this](NodeTable::Id node, const udisk_stat& attributes) {
-            return Note(node, attributes);
+            return NoteRead(node, attributes);
           },
           cache_memory_.contents),
+      sequential_(files_, reads_, nodes_, options.prefetch, cache_memory_.pieces),
       interruptions_([this] { return session_.IsCutOff(); }) {
   kernel_.set_server(this);
 }
@@ -137,6 +138,7 @@ void FuseMount::ChangeDisk() {
       known = nodes_.ForgetDisk();
       open_files_.LoseDisk();
       reads_.ForgetAll();
+      sequential_.ForgetAll();
       listings_.ForgetDisk();
       prefetch_.Forget("/");
       ++changes_;
@@ -357,6 +359,15 @@ bool FuseMount::Note(fuse_ino_t node, const udisk_stat& attributes, Asked asked)
   return is_same;
 }
 
+/// The same for an answer that came with a read. The read may have been ahead of a program that has
+/// closed the file since. The next one that opens it must not get the size that the file had.
+bool FuseMount::NoteRead(fuse_ino_t node, const udisk_stat& attributes) {
+  const auto before = IsUsed(node) ? std::nullopt : nodes_.LastAttributes(node);
+  const bool is_same = Note(node, attributes);
+  if (before) InvalidateAttributes(node, *before);
+  return is_same;
+}
+
 /// Makes the kernel's next question for a file's name go to the disk.
 void FuseMount::DoubtName(fuse_ino_t node) {
   const auto file = nodes_.Find(node);
@@ -426,6 +437,7 @@ void FuseMount::GetStatistics(const KernelRequest& request, fuse_ino_t node) {
 
 void FuseMount::Read(const KernelRequest& request, fuse_ino_t node, size_t size, off_t offset,
                      fuse_file_info* handle) {
+  const auto asked = NodeTable::Clock::now();
   auto pass = Enter();
   const auto file = nodes_.Find(node);
   auto content = reads_.Find(node);
@@ -437,8 +449,8 @@ void FuseMount::Read(const KernelRequest& request, fuse_ino_t node, size_t size,
     const auto bytes = content->Part(offset, wanted);
     (void)request.ReplyBytes(bytes);
   } else {
-    reads_.Read(
-        node, *file, offset, wanted,
+    sequential_.Read(
+        node, *file, offset, wanted, asked,
         [this, request, offset, wanted, handle = handle->fh](int error, std::string_view bytes) {
           ReplyRead(request, handle, offset, wanted, error, bytes);
         });

@@ -27,6 +27,7 @@
 #include "mount/reading_turn.h"
 #include "mount/rename_gate.h"
 #include "mount/second_tries.h"
+#include "mount/sequential_reads.h"
 #include "mount/walk_ahead.h"
 #include "options.h"
 #include "remote/failure_reason.h"
@@ -116,6 +117,7 @@ class FuseMount {
   void InvalidateAttributes(fuse_ino_t node);
   void InvalidateAll(const NodeTable::Known& known);
   OpenFiles::Closed CloseHandle(OpenFiles::Handle handle);
+  void ForgetContent(fuse_ino_t node);
   bool StoreAhead(fuse_ino_t node, const NodeTable::File& file);
   void Write(const KernelRequest& request, fuse_ino_t node, const char* data, size_t size,
              off_t offset, fuse_file_info* handle);
@@ -189,6 +191,7 @@ class FuseMount {
   void TakeNotice(const Notice& notice);
   /// Notes what the disk shows at a node's path. @return false when it is another file
   bool Note(fuse_ino_t node, const udisk_stat& attributes, Asked asked = std::nullopt);
+  bool NoteRead(fuse_ino_t node, const udisk_stat& attributes);
   [[nodiscard]] bool IsUsed(fuse_ino_t node) const;
   bool IsBeingRead(fuse_ino_t node, const udisk_stat& attributes) const;
   bool IsOutdated(fuse_ino_t directory, const std::string& name,
@@ -217,6 +220,7 @@ class FuseMount {
   RenameGate gate_;
   GatheredWrites writes_;
   CheckedReads reads_;
+  SequentialReads sequential_;
   OpenFiles open_files_;  // after reads_, like the next: they hold its content
   SecondTries second_tries_;
   std::atomic<uint64_t> changes_ = 0;  // made through this mount

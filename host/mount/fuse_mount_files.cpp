@@ -38,6 +38,7 @@ bool IsSmall(const NodeTable::File& file) {
 
 void FuseMount::Open(const KernelRequest& request, fuse_ino_t node, fuse_file_info* handle) {
   auto pass = Enter();
+  sequential_.Forget(node);  // a program gets what the disk has when the program opens the file
   const bool only_reads = (handle->flags & O_ACCMODE) == O_RDONLY;
   handle->noflush = only_reads ? 1 : 0;
   const auto found = second_tries_.Take(request.thread(), node);
@@ -175,8 +176,14 @@ void FuseMount::ReplyOpened(const KernelRequest& request, fuse_ino_t node, fuse_
 
 OpenFiles::Closed FuseMount::CloseHandle(OpenFiles::Handle handle) {
   const auto closed = open_files_.Close(handle);
-  if (closed.is_last) reads_.Forget(closed.node);
+  if (closed.is_last) ForgetContent(closed.node);
   return closed;
+}
+
+/// Drops what was read of a file that no program has open any more.
+void FuseMount::ForgetContent(fuse_ino_t node) {
+  reads_.Forget(node);
+  sequential_.Forget(node);
 }
 
 /// Puts content that was read ahead into the kernel's cache, so that reading it costs no requests.
@@ -282,7 +289,7 @@ bool FuseMount::MoveOn(fuse_ino_t node, OpenFiles::Handle handle) {
   }
   const bool has_moved = open_files_.HasMoved(handle);
   const auto new_node = nodes_.Lookup(name->first, name->second, now);
-  if (open_files_.MoveTo(handle, new_node)) reads_.Forget(node);
+  if (open_files_.MoveTo(handle, new_node)) ForgetContent(node);
   if (has_moved) nodes_.Forget(node, 1);  // the reference of the move before
   return true;
 }
@@ -474,6 +481,7 @@ void FuseMount::SetAttributes(const KernelRequest& request, fuse_ino_t node, str
     if (!TakesSize(path, size)) {
       return SetLargeSize(files_, path, size,
                           [this, request, node, file = *file, change](int error) {
+                            sequential_.Forget(node);  // it may have been cut all the same
                             if (error != 0) return request.ReplyError(error);
                             open_files_.NoteWrite(node);
                             ReplyChangedAttributes(request, node, file, change);
@@ -515,6 +523,7 @@ void FuseMount::ReplyChangedAttributes(const KernelRequest& request, fuse_ino_t 
                        [this, request, node, path = file.path, is_hidden = file.is_hidden, change,
                         asked](const Result<udisk_stat>& result) {
                          ++changes_;
+                         sequential_.Forget(node);  // it may have been cut since
                          if (change->outcome != Outcome::kDone) {
                            if (result.error == 0) nodes_.Update(node, result.value);
                            return ReplyFailure(request, change->outcome, change->attempt);

@@ -422,7 +422,9 @@ std::chrono::steady_clock::time_point RemoteFiles::told_until() const {
   return session_.told_until();
 }
 
-bool RemoteFiles::IsFar() const { return session_.round_trip() >= std::chrono::milliseconds(1); }
+bool RemoteFiles::IsFar() const { return round_trip() >= std::chrono::milliseconds(1); }
+
+std::chrono::nanoseconds RemoteFiles::round_trip() const { return session_.round_trip(); }
 
 void RemoteFiles::Remove(uint16_t command, const std::string& path, OnOutcome on_outcome,
                          const std::optional<udisk_stat>& before) {

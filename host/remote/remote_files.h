@@ -173,6 +173,8 @@ class RemoteFiles {
 
   /// Whether an answer takes so long that a program's work depends on how often it waits for one.
   [[nodiscard]] bool IsFar() const;
+  /// How long an answer takes at least.
+  [[nodiscard]] std::chrono::nanoseconds round_trip() const;
 
  private:
   /// Sends a request whose reply repeats its head, with the result in it.

@@ -65,6 +65,9 @@ struct Savings {
   Count files_ahead;  ///< small files that were read before a program asked
   Count files_ahead_used;
   Count files_ahead_unused;
+  Count pieces_ahead;  ///< parts of large files that were read before a program asked
+  Count pieces_ahead_used;
+  Count pieces_ahead_unused;
   Count listings_ahead;  ///< directories that were listed before a program asked
   Count listings_ahead_used;
   Count listings_ahead_unused;
@@ -82,6 +85,9 @@ struct Savings {
       std::pair{&Savings::files_ahead, "files read ahead"},
       std::pair{&Savings::files_ahead_used, "used files"},
       std::pair{&Savings::files_ahead_unused, "unused files"},
+      std::pair{&Savings::pieces_ahead, "pieces read ahead"},
+      std::pair{&Savings::pieces_ahead_used, "used pieces"},
+      std::pair{&Savings::pieces_ahead_unused, "unused pieces"},
       std::pair{&Savings::listings_ahead, "directories listed ahead"},
       std::pair{&Savings::listings_ahead_used, "used listings"},
       std::pair{&Savings::listings_ahead_unused, "unused listings"},

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -11,13 +12,18 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <numeric>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
+#include "mount/sequential_reads.h"
 #include "remote/session.h"
+#include "remote/statistics.h"
 #include "support/idle_driver.h"
 
 namespace cpd::host {
@@ -34,6 +40,7 @@ class OneFile : public test::IdleDriver {
   explicit OneFile(Session& session) : session_(session) {}
 
   int onEvent(std::unique_ptr<CpdPacket> packet, int /*flags*/) override {
+    const std::lock_guard lock(mutex_);
     requests_.push_back(std::move(packet));
     return 0;
   }
@@ -41,16 +48,25 @@ class OneFile : public test::IdleDriver {
   /// The commands of the requests that wait, the next one first.
   std::vector<uint16_t> waiting() const {
     std::vector<uint16_t> commands;
+    const std::lock_guard lock(mutex_);
     for (const auto& request : requests_) commands.push_back(request->header->cmd);
     return commands;
   }
-  void AnswerNext() {
-    const auto request = std::move(requests_.front());
-    requests_.pop_front();
+  /// @return false when no request waits
+  bool AnswerNext() {
+    std::unique_ptr<CpdPacket> request;
+    {
+      const std::lock_guard lock(mutex_);
+      if (requests_.empty()) return false;
+      request = std::move(requests_.front());
+      requests_.pop_front();
+    }
     session_.Receive(request->header->cmd == kFileRead ? Read(*request) : Look(*request));
+    return true;
   }
   void AnswerAll() {
-    while (!requests_.empty()) AnswerNext();
+    while (AnswerNext()) {
+    }
   }
 
   udisk_stat attributes{};
@@ -97,6 +113,7 @@ class OneFile : public test::IdleDriver {
   }
 
   Session& session_;
+  mutable std::mutex mutex_;  // the session may ask on a thread of its own
   std::deque<std::unique_ptr<CpdPacket>> requests_;
 };
 
@@ -259,6 +276,359 @@ TEST_F(CheckedReadsTest, EndThoughPassingTheirDataOnFails) {
              [](int, std::string_view) { throw std::bad_alloc(); });
   EXPECT_THROW(disk.AnswerAll(), std::bad_alloc);
   reads.AwaitAnswers();
+}
+
+// ---- Large files, in a row ----
+
+class SequentialReadsTest : public CheckedReadsTest {
+ protected:
+  static constexpr int64_t kStep = SequentialReads::kPiece;
+  static constexpr int64_t kSteps = 110;
+  static constexpr size_t kMemory = 8 << 20;
+
+  explicit SequentialReadsTest(std::chrono::milliseconds distance = 10ms) : distance_(distance) {
+    Put(1, Numbers());
+    nodes.Update(node, disk.attributes);
+    files.GetAttributes("/", [](const auto&) {});  // shows how far away the disk is
+    Answer();
+  }
+  ~SequentialReadsTest() override { session.Stop(); }
+
+  /// Answers as a disk that is far away would.
+  void Answer() {
+    std::this_thread::sleep_for(distance_);
+    disk.AnswerAll();
+  }
+  /// Content in which no two places are alike.
+  static const std::string& Numbers() {
+    static const std::string numbers = [] {
+      std::vector<int64_t> places(static_cast<size_t>(kSteps * kStep) / sizeof(int64_t));
+      std::iota(places.begin(), places.end(), 0);
+      std::string bytes(static_cast<size_t>(kSteps * kStep), '\0');
+      std::memcpy(bytes.data(), places.data(), bytes.size());
+      return bytes + "end";
+    }();
+    return numbers;
+  }
+  void ReadAt(int64_t offset, int64_t size, SequentialReads* from,
+              std::chrono::milliseconds later = 0ms) {
+    from->Read(node, *nodes.Find(node), offset, static_cast<uint32_t>(size),
+               CheckedReads::Clock::now() + later, [this](int error, std::string_view bytes) {
+                 answers.push_back({.error = error, .bytes = std::string(bytes)});
+               });
+  }
+  void ReadAt(int64_t offset, int64_t size) { ReadAt(offset, size, &sequential); }
+  /// Reads steps in a row, the first ones of the file.
+  void ReadSteps(int64_t count) {
+    for (int64_t i = 0; i < count; ++i) {
+      ReadAt(i * kStep, kStep);
+      Answer();
+    }
+  }
+  void ExpectAnswer(int64_t offset, int64_t size) {
+    ASSERT_FALSE(answers.empty());
+    EXPECT_EQ(answers.back().error, 0);
+    const auto wanted = std::string_view(disk.content)
+                            .substr(static_cast<size_t>(offset), static_cast<size_t>(size));
+    EXPECT_TRUE(answers.back().bytes == wanted) << offset;
+  }
+  int64_t Waiting() const { return std::ranges::count(disk.waiting(), kFileRead); }
+
+  // A busy machine must not make the pieces too old.
+  SequentialReads sequential{files, reads, nodes, true, kMemory, 1h};
+
+ private:
+  const std::chrono::milliseconds distance_;
+};
+
+/// So far away that the delays of a busy machine count little.
+class DistantSequentialReadsTest : public SequentialReadsTest {
+ protected:
+  DistantSequentialReadsTest() : SequentialReadsTest(150ms) {}
+};
+
+TEST_F(SequentialReadsTest, AreAheadOfAProgramThatHasReadAPieceInARow) {
+  ReadAt(0, kStep);
+  EXPECT_EQ(Waiting(), 1);
+  Answer();
+  ReadAt(kStep, kStep);
+  EXPECT_EQ(Waiting(), 1 + SequentialReads::kFirstReach / kStep);
+  Answer();
+  ExpectAnswer(kStep, kStep);
+  ReadAt(2 * kStep, kStep);
+  EXPECT_EQ(answers.size(), 3U);  // without a reply
+  ExpectAnswer(2 * kStep, kStep);
+  EXPECT_EQ(files.savings().pieces_ahead_used, 1U);
+}
+
+TEST_F(SequentialReadsTest, AskForWhatAProgramWaitsForFirst) {
+  ReadSteps(1);
+  ReadAt(kStep, kStep);
+  disk.AnswerNext();
+  EXPECT_EQ(answers.size(), 1U);
+  disk.AnswerNext();  // a question that covers the read
+  EXPECT_EQ(answers.size(), 2U);
+}
+
+TEST_F(SequentialReadsTest, GiveEveryByteWhateverTheSizesOfTheReads) {
+  int64_t offset = 100;
+  for (int64_t size :
+       {1000, 300'000, 1 << 20, 4096, 131'072, 200'000, 1 << 20, 1 << 20, 7, 100'000}) {
+    ReadAt(offset, size);
+    Answer();
+    ExpectAnswer(offset, size);
+    offset += size;
+  }
+}
+
+TEST_F(SequentialReadsTest, EndWithTheFile) {
+  const auto end = static_cast<int64_t>(disk.content.size());
+  for (int64_t offset = end - 3 * kStep; offset < end; offset += kStep) {
+    ReadAt(offset, kStep);
+    Answer();
+    ExpectAnswer(offset, kStep);
+  }
+  ReadAt(end, kStep);
+  Answer();
+  ExpectAnswer(end, 0);
+}
+
+TEST_F(DistantSequentialReadsTest, ReachFurtherWhileAProgramHasToWait) {
+  int64_t most = 0;
+  const int64_t more = 2 * SequentialReads::kFirstReach / kStep;
+  for (int64_t step = 0, round = 0; most <= more && round < 10; ++round) {
+    // The program goes on until it has to wait.
+    while (answers.size() == static_cast<size_t>(step)) ReadAt(step++ * kStep, kStep);
+    most = std::max(most, Waiting());
+    Answer();
+  }
+  EXPECT_GT(most, more);
+  EXPECT_LE(most, SequentialReads::kLongestReach / kStep + 1);
+}
+
+TEST_F(SequentialReadsTest, AreNotAheadOfReadsHereAndThere) {
+  for (const int64_t step : {50, 3, 99, 20, 70}) {
+    ReadAt(step * kStep, kStep);
+    EXPECT_EQ(Waiting(), 1);
+    Answer();
+  }
+  EXPECT_EQ(files.savings().pieces_ahead, 0U);
+}
+
+TEST_F(SequentialReadsTest, AreNotAheadOfAFewSmallReadsInARow) {
+  for (int64_t i = 0; i < 10; ++i) {
+    ReadAt(i * 4096, 4096);
+    EXPECT_EQ(Waiting(), 1);
+    Answer();
+  }
+}
+
+TEST_F(SequentialReadsTest, AreNotAheadOfASlowProgram) {
+  SequentialReads usual(files, reads, nodes, true, kMemory);
+  for (int64_t i = 0; i < 5; ++i) {
+    ReadAt(i * kStep / 2, kStep / 2, &usual, i * 800ms);
+    EXPECT_EQ(Waiting(), 1);
+    Answer();
+  }
+}
+
+TEST_F(SequentialReadsTest, AreNotAheadInAFileThatIsWritten) {
+  for (int64_t i = 0; i < 5; ++i) {
+    ReadAt(i * kStep, kStep);
+    EXPECT_EQ(Waiting(), 1);
+    Answer();
+    nodes.Grow(node, 0);
+  }
+  EXPECT_EQ(files.savings().pieces_ahead, 0U);
+}
+
+TEST_F(SequentialReadsTest, TakeLittleMemoryWhenTheDiskDoesNotAnswer) {
+  const auto& savings = files.savings();
+  for (int64_t i = 0; i < 50; ++i) {
+    node = nodes.Lookup(NodeTable::kRoot, "file" + std::to_string(i), disk.attributes);
+    for (int64_t step = 0; step < 3; ++step) ReadAt(step * kStep, kStep);
+    sequential.Forget(node);
+  }
+  EXPECT_GT(savings.pieces_ahead, 10U);
+  EXPECT_LE(savings.pieces_ahead, kMemory / static_cast<size_t>(kStep));
+}
+
+TEST_F(SequentialReadsTest, AreNotAheadWhenSwitchedOff) {
+  SequentialReads off(files, reads, nodes, false, kMemory);
+  for (int64_t i = 0; i < 3; ++i) {
+    ReadAt(i * kStep, kStep, &off);
+    EXPECT_EQ(Waiting(), 1);
+    Answer();
+  }
+}
+
+TEST_F(SequentialReadsTest, AskAgainAfterAChangeThroughTheMount) {
+  ReadSteps(2);
+  disk.content.replace(2 * kStep, 3, "new");
+  nodes.Grow(node, 0);  // as any write
+  ReadAt(2 * kStep, kStep);
+  EXPECT_EQ(answers.size(), 2U);
+  Answer();
+  ExpectAnswer(2 * kStep, kStep);
+  EXPECT_GT(files.savings().pieces_ahead_unused, 0U);
+}
+
+// The kernel keeps what it gets, and would not ask again after a change that it knows of.
+TEST_F(SequentialReadsTest, AskAgainAfterAChangeThatTheDiskHasShown) {
+  ReadSteps(2);
+  disk.content.replace(2 * kStep, 3, "new");
+  ++disk.attributes.st_mtim.tv_nsec;
+  disk.attributes.st_ctim = disk.attributes.st_mtim;
+  ASSERT_TRUE(nodes.Update(node, disk.attributes));
+  ReadAt(2 * kStep, kStep);
+  EXPECT_EQ(answers.size(), 2U);
+  Answer();
+  ExpectAnswer(2 * kStep, kStep);
+}
+
+TEST_F(SequentialReadsTest, EndWithAFileThatIsCutOnTheDisk) {
+  ReadSteps(2);
+  disk.content.resize(2 * kStep + 10);
+  disk.attributes.st_size = 2 * kStep + 10;
+  ReadAt(3 * kStep, kStep);
+  Answer();
+  ReadAt(2 * kStep, kStep);
+  Answer();
+  ExpectAnswer(2 * kStep, kStep);
+}
+
+// A bad block can take a disk many seconds.
+TEST_F(SequentialReadsTest, AskForWhatFailedOnlyWhenAProgramWantsIt) {
+  ReadSteps(1);
+  ReadAt(kStep, kStep);
+  const auto whole = std::exchange(disk.content, disk.content.substr(0, 3 * kStep));
+  Answer();  // the fourth piece fails
+  ReadAt(2 * kStep, kStep);
+  EXPECT_EQ(answers.back().error, 0);
+  disk.content = whole;
+  Answer();
+  const auto asked = files.savings().pieces_ahead.load();
+  ReadAt(3 * kStep, kStep);
+  EXPECT_EQ(Waiting(), 1);
+  EXPECT_EQ(files.savings().pieces_ahead, asked);
+  Answer();
+  ExpectAnswer(3 * kStep, kStep);
+  ReadAt(4 * kStep, kStep);  // the next place may be bad as well
+  EXPECT_EQ(Waiting(), 1);
+  EXPECT_EQ(files.savings().pieces_ahead, asked);
+}
+
+TEST_F(SequentialReadsTest, GiveOneVersionOfAFileThatIsWrittenOnTheDisk) {
+  ReadSteps(1);
+  ReadAt(kStep, 3 * kStep);
+  disk.AnswerNext();
+  disk.AnswerNext();
+  disk.content.assign(disk.content.size(), 'n');
+  ++disk.attributes.st_mtim.tv_nsec;
+  disk.attributes.st_ctim = disk.attributes.st_mtim;
+  Answer();
+  ExpectAnswer(kStep, 3 * kStep);
+  const auto ahead = files.savings().pieces_ahead.load();
+  ReadAt(4 * kStep, kStep);
+  Answer();
+  ReadAt(5 * kStep, kStep);  // the file is perhaps still being written
+  EXPECT_EQ(Waiting(), 1);
+  EXPECT_EQ(files.savings().pieces_ahead, ahead);
+}
+
+TEST_F(SequentialReadsTest, StayAheadWhileTheFileIsReadElsewhereToo) {
+  ReadSteps(2);
+  for (const int64_t step : {50, 51, 52}) {
+    ReadAt(step * kStep, kStep);
+    EXPECT_EQ(Waiting(), 1);
+    Answer();
+  }
+  ReadAt(2 * kStep, kStep);
+  EXPECT_EQ(answers.size(), 6U);  // without a reply
+  ExpectAnswer(2 * kStep, kStep);
+}
+
+TEST_F(SequentialReadsTest, MakeRoomWhenAProgramPauses) {
+  constexpr size_t kFew = 4;
+  SequentialReads small(files, reads, nodes, true, kFew * kStep, 1s);
+  const auto read = [&](std::chrono::milliseconds later) {
+    const auto before = files.savings().pieces_ahead.load();
+    for (int64_t i = 0; i < 4; ++i) ReadAt(i * kStep, kStep, &small, later), Answer();
+    return files.savings().pieces_ahead - before;
+  };
+  EXPECT_GT(read(0ms), 0U);
+  node = nodes.Lookup(NodeTable::kRoot, "other", disk.attributes);
+  EXPECT_GT(read(2000ms), 1U);
+}
+
+TEST_F(SequentialReadsTest, AskAgainWhenWhatCameIsTooOld) {
+  SequentialReads brief(files, reads, nodes, true, kMemory, 10ms);
+  for (int64_t i = 0; i < 2; ++i) ReadAt(i * kStep, kStep, &brief), Answer();
+  std::this_thread::sleep_for(11ms);
+  ReadAt(2 * kStep, kStep, &brief);
+  EXPECT_EQ(answers.size(), 2U);
+  Answer();
+  ExpectAnswer(2 * kStep, kStep);
+}
+
+TEST_F(SequentialReadsTest, FailWhenTheFileIsReplaced) {
+  ReadSteps(1);
+  Put(2, std::string(disk.content.size(), 'b'));
+  ReadAt(kStep, kStep);
+  Answer();
+  ASSERT_EQ(answers.size(), 2U);
+  EXPECT_EQ(answers.back().error, ESTALE);
+  EXPECT_EQ(answers.back().bytes, "");
+}
+
+TEST_F(SequentialReadsTest, AreNotAheadForAWhileAfterAFileWasReplaced) {
+  ReadSteps(1);
+  Put(2, disk.content);
+  ReadAt(kStep, kStep);
+  Answer();
+  const auto ahead = files.savings().pieces_ahead.load();
+  node = nodes.Lookup(NodeTable::kRoot, "file", disk.attributes);
+  ReadSteps(4);
+  EXPECT_EQ(answers.back().error, 0);
+  EXPECT_EQ(files.savings().pieces_ahead, ahead);
+}
+
+TEST_F(SequentialReadsTest, AreForgottenWithTheLastHandle) {
+  ReadSteps(2);
+  sequential.Forget(node);
+  ReadAt(2 * kStep, kStep);
+  EXPECT_EQ(Waiting(), 1);
+  Answer();
+  EXPECT_EQ(files.savings().pieces_ahead_unused, files.savings().pieces_ahead);
+}
+
+TEST_F(SequentialReadsTest, MayBeForgottenWhileTheyAreOnTheirWay) {
+  ReadSteps(1);
+  ReadAt(kStep, kStep);
+  sequential.Forget(node);
+  ReadAt(2 * kStep, kStep);
+  Answer();
+  EXPECT_EQ(answers.size(), 3U);
+  ExpectAnswer(2 * kStep, kStep);
+  EXPECT_EQ(files.savings().pieces_ahead_used, 0U);
+}
+
+TEST_F(SequentialReadsTest, FailWhenTheSessionStops) {
+  ReadSteps(1);
+  ReadAt(kStep, kStep);
+  session.Stop();
+  ASSERT_EQ(answers.size(), 2U);
+  EXPECT_EQ(answers.back().error, EIO);
+}
+
+TEST_F(SequentialReadsTest, KeepToAFewFiles) {
+  for (size_t i = 0; i < 2 * SequentialReads::kMostStreams; ++i) {
+    const auto before = files.savings().pieces_ahead.load();
+    node = nodes.Lookup(NodeTable::kRoot, "file" + std::to_string(i), disk.attributes);
+    ReadSteps(3);
+    EXPECT_EQ(files.savings().pieces_ahead > before, i < SequentialReads::kMostStreams) << i;
+  }
+  EXPECT_EQ(files.savings().pieces_ahead_unused, 0U);
 }
 
 // ---- Small files, whole ----

@@ -113,6 +113,45 @@ TEST_F(BadLine, ACopyOverTenDroppedLinesEndsWithEqualFilesAndNoError) {
   }
 }
 
+// ---- Large files ----
+
+TEST_F(BadLine, ALargeFileIsReadAheadAndAChangeShowsAtOnce) {
+  auto bytes = Bytes(6 << 20);
+  WriteFile(disk / "file", bytes);
+  auto mounted = Mount("--delay 10");
+  const auto file = mounted / "file";
+  EXPECT_TRUE(ReadFile(file) == bytes);
+  const int fd = open(file.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(fd, 0) << strerror(errno);
+  std::string seen(bytes.size(), '\0');
+  constexpr size_t kStep = 128 << 10;
+  for (size_t at = 0; at < bytes.size(); at += kStep) {
+    // Past what was read, and within what was read ahead.
+    if (at % (16 * kStep) == 0) {
+      const size_t changed = std::min(at + 10 * kStep, bytes.size() - 3);
+      EXPECT_EQ(pwrite(fd, "new", 3, static_cast<off_t>(changed)), 3);
+      bytes.replace(changed, 3, "new");
+    }
+    ASSERT_EQ(pread(fd, seen.data() + at, kStep, static_cast<off_t>(at)), kStep);
+  }
+  close(fd);
+  EXPECT_TRUE(seen == bytes);
+  const auto ending = mounted.Unmount();
+  EXPECT_GE(ending.Count("used pieces"), 1) << ending.out;
+}
+
+TEST_F(BadLine, ALargeFileIsReadAheadOverLinesThatDrop) {
+  const auto bytes = Bytes(24 << 20);
+  WriteFile(disk / "file", bytes);
+  const auto mounted = Mount("--delay 10");
+  auto read = std::async(std::launch::async, [&] { return ReadFile(mounted / "file"); });
+  for (size_t i = 1; i <= 3 && read.wait_for(50ms) != std::future_status::ready; ++i) {
+    Order("cut");
+    EXPECT_TRUE(Eventually([&] { return Done() >= i; }));
+  }
+  EXPECT_TRUE(read.get() == bytes);
+}
+
 // ---- Replaced files ----
 
 // The append looks at the old file, and then waits for the rename to end before it writes. In the
