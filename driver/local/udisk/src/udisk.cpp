@@ -192,13 +192,10 @@ int UDiskDriver::onEvent(std::unique_ptr<CpdPacket> packet, int /*flags*/) {
     UDISK_ERROR("onEvent failed: no memory to queue the request");
     return -1;
   }
-  {
-    const std::lock_guard lock(mMutex);
-    if (mQueue == nullptr || mStop) return 0;  // closing or not open: dropped
-    *link = {.data = packet.release(), .next = nullptr, .prev = nullptr};
-    g_queue_push_tail_link(mQueue, link.release());
-  }
-  // The worker would wake up only to wait for the lock if this thread still held it.
+  const std::lock_guard lock(mMutex);
+  if (mQueue == nullptr || mStop) return 0;  // closing or not open: dropped
+  *link = {.data = packet.release(), .next = nullptr, .prev = nullptr};
+  g_queue_push_tail_link(mQueue, link.release());
   // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the queue owns the link now, no leak
   mWake.notify_one();
   return 0;
