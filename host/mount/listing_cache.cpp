@@ -500,6 +500,7 @@ void ListingCache::Take(const Notice& notice) {
   using What = Notice::What;
   switch (notice.what) {
     case What::kFile:
+      ForgetIfUnknown(notice.path);
       return NoteChange(notice.path, RemoteFiles::ChangeOf::kFile);
     case What::kName:
       return NoteChange(notice.path, RemoteFiles::ChangeOf::kName);
@@ -513,10 +514,26 @@ void ListingCache::Take(const Notice& notice) {
   for (auto& [id, question] : questions_) {
     if (is_all || question.directory == notice.path) {
       question.is_watched = notice.what == What::kWatched;
+      // What was known before the watch began is not told of. The listing shows it anew.
+      for (auto& [name, value] : question.changes) value = {};
     }
   }
   if (notice.what == What::kWatched) return;
   for (auto& [path, known] : kept_) known.is_watched &= !is_all && path != notice.path;
+}
+
+/// Some directories take two names for the same, though the disk tells case apart. A file that has
+/// changed under a name that is not listed may be listed under another one.
+void ListingCache::ForgetIfUnknown(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  const auto found = kept_.find(DirectoryOf(path));
+  if (found == kept_.end() || path == "/") return;
+  auto& known = found->second;
+  const auto name = NameOf(path);
+  if (known.listing == nullptr || known.names.contains(name) || EntryOf(known, name) != nullptr) {
+    return;
+  }
+  ForgetListing(known, false);
 }
 
 void ListingCache::ForgetDisk() {

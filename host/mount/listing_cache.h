@@ -202,6 +202,7 @@ class ListingCache {
   void SetShownLocked(const std::string& path, const udisk_stat& attributes,
                       Clock::time_point asked);
   void ForgetListing(Directory& known, bool keeps_names);
+  void ForgetIfUnknown(const std::string& path);
   bool TellsCaseApartLocked(const Directory& known) const;
   void ProbeCase(const std::string& directory, std::string_view name, const udisk_stat& known);
   void MakeRoomLocked();

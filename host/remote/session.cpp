@@ -206,7 +206,8 @@ void Session::Receive(const Notice& notice) {
     if (is_stopped_ || listener_ == nullptr) return;
     listener = listener_;
     if (notices_.size() == kMostNotices) notices_ = {{.what = Notice::What::kAll}};
-    notices_.push_back(notice);
+    // A watch that is told of again might have ended meanwhile.
+    if (notice.what != Notice::What::kWatched) notices_.push_back(notice);
     const bool is_change = notice.what == Notice::What::kFile || notice.what == Notice::What::kName;
     if (is_change) ++savings_.told;
     ++delivering_;

@@ -1250,6 +1250,17 @@ TEST_F(ToldNames, AreAskedForWhenTheyHaveChangedAndNoOthers) {
   ExpectAskedFor("/d/b", 0, 5);
 }
 
+TEST_F(ToldNames, AreAllForgottenWhenAFileChangesUnderANameThatIsNotListed) {
+  ListWatched();
+  Tell(What::kFile, "/d/b");
+  EXPECT_TRUE(StaysKnown("/d/a"));
+  Tell(What::kName, "/d/new");
+  Tell(What::kFile, "/d/new");
+  EXPECT_TRUE(StaysKnown("/d/a"));
+  Tell(What::kFile, "/d/A");  // perhaps another name of the same file
+  EXPECT_FALSE(StaysKnown("/d/a"));
+}
+
 TEST_F(ToldNames, DoNotComeFromAnAnswerOlderThanItsNotice) {
   ListWatched();
   const auto now = ListingCache::Clock::now();
