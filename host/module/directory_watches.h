@@ -18,11 +18,10 @@ namespace cpd::host {
 /// names. A directory counts as watched only together with those above it up to the disk's root, so
 /// that its path still leads to it as long as nothing else is told.
 ///
-/// What is not told: changes through a name in another directory (a hard link), through a mapping of
-/// the file, by io_submit or by a loop device; access times; and what is mounted over the disk or a
-/// part of it. Only file systems whose
-/// changes all go through this kernel are watched. A watch does not keep the disk from being
-/// unmounted. Not synchronized.
+/// What is not told: changes through a name in another directory (a hard link), through a mapping
+/// of the file, by io_submit or by a loop device; access times; and what is mounted over the disk
+/// or a part of it. Only file systems whose changes all go through this kernel are watched. A watch
+/// does not keep the disk from being unmounted. Not synchronized.
 class DirectoryWatches {
  public:
   static constexpr size_t kMost = 512;
