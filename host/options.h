@@ -24,7 +24,7 @@ struct DiskOptions {
   bool allow_other = false;             ///< let other users use the mount
   bool early = true;                    ///< let writes count as done before they are carried out
   bool batch = true;                    ///< send small writes in batches
-  bool prefetch = true;                 ///< read small files and list directories ahead
+  bool prefetch = true;                 ///< read files and list directories ahead
   bool dir_cache = true;                ///< cache listings; check them before reuse
   bool watch = true;                    ///< heed what the side with the disk tells of changes
   uint32_t cache_mib = 64;              ///< MiB that all caches of a mount may take together

@@ -89,7 +89,7 @@ void AddMountOptions(CLI::App* command, DiskOptions* disk) {
   AddOffFlag(command, "--no-dir-cache", &disk->dir_cache,
              "List directories in full every time, and ask for every name");
   AddOffFlag(command, "--no-watch", &disk->watch,
-             "Ask for names of listed directories every second, whether they have changed or not");
+             "Do not heed what is told of changes: trust a listing for names for a second only");
   command
       ->add_option("--cache-memory", disk->cache_mib,
                    "Memory that the caches may take together, in MiB [64]")

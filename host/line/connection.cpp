@@ -42,7 +42,9 @@ Notice ReadNotice(const ControlFrame& frame) {
   if (what < What::kWatched || what > What::kAll) {
     throw StreamError(fmt::format("a notice of kind {}", frame.value));
   }
-  if (frame.text.starts_with('/') != (what != What::kAll)) throw StreamError("a notice of no path");
+  if (frame.text.starts_with('/') != (what != What::kAll)) {
+    throw StreamError("a notice with a wrong path");
+  }
   return {.what = what, .path = frame.text};
 }
 

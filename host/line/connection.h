@@ -112,7 +112,7 @@ class Connection {
   bool SendWhenRoom(std::shared_ptr<const CpdPacket> packet);
   /// Sends a notice, in order with the packets; never waits. Does nothing when the connection has
   /// ended or this side has said goodbye.
-  /// @return false when too much waits to be written for this one, unless it is kAll
+  /// @return false when so much waits to be written that there is no room for it; never for kAll
   bool Send(const Notice& notice);
   /// Reports that a received packet is no longer held.
   /// @param charge  ChargeOf its length
@@ -133,7 +133,7 @@ class Connection {
   [[nodiscard]] bool was_useful() const { return was_useful_; }
   /// Of the last ping; zero before the first.
   [[nodiscard]] std::chrono::nanoseconds round_trip() const { return round_trip_; }
-  /// Of the latest pings that found the line least busy; zero before the first.
+  /// The shortest that the latest pings took; zero before the first.
   [[nodiscard]] std::chrono::nanoseconds shortest_round_trip() const {
     return shortest_round_trip_;
   }

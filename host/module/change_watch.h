@@ -36,7 +36,7 @@ class ChangeWatch {
   /// Most directories whose listing is due. Those that are listed beyond that are not watched.
   static constexpr size_t kMostListed = 256;
 
-  /// Passes a notice on, on any thread; must not wait, nor call this object.
+  /// Passes on a notice. Runs on any thread; must not wait, nor call this object.
   /// @return false when there is no room for it: then kAll follows, for which there must be room
   using Tell = std::function<bool(const Notice& notice)>;
 
@@ -60,8 +60,7 @@ class ChangeWatch {
   /// To be called with each packet of the driver before it is passed on, on the driver's thread.
   /// @return false when it answers a probe of this object, and is for nobody else
   /// @throws what Tell throws, or std::bad_alloc. The packet must not be passed on then, because
-  /// not
-  ///         all that has changed was told. kAll comes before the next one.
+  ///         not all that has changed was told. kAll comes before the next one.
   bool NoteReply(const CpdPacket& reply);
 
  private:

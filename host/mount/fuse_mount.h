@@ -70,7 +70,7 @@ class FuseMount {
 
   /// What this mount counts.
   [[nodiscard]] Savings& savings() const { return files_.savings(); }
-  /// Of the thread that reads the kernel's next call.
+  /// Says which thread reads the kernel's next call.
   ReadingTurn& reading_turn() { return reading_turn_; }
 
   /// What the kernel calls.

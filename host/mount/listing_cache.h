@@ -34,12 +34,12 @@ namespace cpd::host {
 /// they concern unknown, until the disk is asked again or the caller says what has become of them.
 /// What the caller says answers questions for kTrusted, whether the directory was listed or not.
 /// If several names of a directory are asked for, the directory is listed, and the listing answers
-/// them all. Those beside it are listed at the first question then, as long as it is not the only
-/// one.
+/// them all. The directories beside it are then listed at the first question, until several of them
+/// in a row get no second one.
 ///
 /// If the side with the disk watches a directory and tells of its changes, its listing goes on
 /// answering for up to kLongestUse. What was told of is unknown; everything else counts as asked
-/// for with the last question, before whose answer all changes were told. So an answer is never
+/// for with the last answered question: all changes before it were told. So an answer is never
 /// older than kTrusted, even if the line stands still. Some changes are not told, for example those
 /// through names elsewhere (hard links that were made after the listing) or through mappings; a
 /// subdirectory's attributes are told by a watch of its own, and come from its own listing.
@@ -59,10 +59,10 @@ class ListingCache {
   static constexpr size_t kSingleQuestions = 2;
   static constexpr size_t kNamesOfLarge = 64;
   static constexpr size_t kBytesOfName = 32;
-  /// A directory that is listed at the first question may have this many names for each one that
-  /// would be asked for otherwise.
+  /// A directory beside one of which several names were asked for is listed at the first question
+  /// if it has fewer names than this, at the second if it has fewer than twice as many.
   static constexpr size_t kNamesOfGuess = 256;
-  /// How many directories in a row are listed at the first question without a second one.
+  /// How many directories in a row may be listed at the first question and get no second one.
   static constexpr size_t kMostGuesses = 4;
 
   /// @param enabled  false: nothing is cached, every directory is listed in full, and every name

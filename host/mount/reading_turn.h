@@ -13,16 +13,17 @@
 
 namespace cpd::host {
 
-/// Lets one thread at a time read the kernel's calls. It serves a call itself and then reads the
-/// next one, so as long as calls keep coming, none of them wakes another thread. If all idle
-/// threads read, the kernel wakes another one for each call.
+/// Lets one thread at a time read the kernel's calls. That thread serves a call itself and then
+/// reads the next one, so as long as calls keep coming, none of them wakes another thread. If all
+/// idle threads read, the kernel would wake another one for each call.
 ///
 /// A thread must not keep the turn while it waits, because the calls that come meanwhile may be
 /// what it waits for. So it passes the turn on before it waits. If it does not, because it waits in
 /// an unexpected place, another thread may read after kLongest.
 class ReadingTurn {
  public:
-  /// How long a thread may serve a call before it loses the turn; at most twice as long.
+  /// How long a thread may serve a call before it loses the turn. It may keep it for up to twice as
+  /// long, because the calls are looked at once in this time.
   static constexpr std::chrono::milliseconds kLongest{10};
 
   ReadingTurn();

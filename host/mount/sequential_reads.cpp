@@ -152,7 +152,7 @@ void SequentialReads::Read(NodeTable::Id node, const NodeTable::File& file, int6
 }
 
 /// Finds the file that a program goes on reading, or begins with it anew.
-/// @return null when the read leaves those that are followed alone
+/// @return null when the read is not to be followed
 SequentialReads::Stream* SequentialReads::StreamLocked(const Wanted& wanted,
                                                        Clock::time_point asked) {
   for (auto stream = streams_.begin(); stream != streams_.end();) {

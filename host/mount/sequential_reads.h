@@ -26,12 +26,12 @@ namespace cpd::host {
 /// When a program has read 128 KiB in a row, the file is read in pieces, up to the reach past what
 /// the program has read. The reach doubles while the program has to wait for pieces that nothing
 /// delayed on their way, and is halved when the line is congested. It is no more than the program
-/// reads in half a second. A program that reads less than it asks for at a time in half a second is
-/// not read ahead of.
+/// reads in half a second. If that is less than a piece, or than the program asks for at a time,
+/// nothing is read ahead.
 ///
 /// A piece is used only if it was asked for at most kTrusted ago, and only if the file has not
 /// changed since: neither through this mount nor as far as the disk has shown. Whatever does not
-/// fit is read as if nothing had been read ahead, and then nothing is until the program has read
+/// fit is read as if nothing had been read ahead; more is read ahead once the program has read
 /// another 128 KiB in a row. After a piece has failed, or has shown that its file has changed,
 /// nothing is read ahead for some seconds.
 ///

@@ -6,9 +6,10 @@
 
 namespace cpd::host {
 
-/// That something may have changed on the disk, whoever has changed it. What the other side has
-/// learned of `path` from earlier answers no longer holds; nor does what it learns from the next
-/// answer, which may have been made before the change.
+/// That something may have changed on the disk, whoever has changed it, or whether that is told. If
+/// it may have changed (kFile, kName, kAll), what the other side has learned of it from earlier
+/// answers no longer holds; nor does what it learns from the next answer, which may have been made
+/// before the change.
 struct Notice {
   enum class What : uint64_t {
     kWatched = 1,    ///< from the next answer on, changes in this directory will be told

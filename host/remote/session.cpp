@@ -18,7 +18,7 @@ constexpr auto kProbeAfter = 1s;
 // lowest rate.
 constexpr auto kPacingAllowance = 10s;
 constexpr size_t kMostNotices = 1024;  // between two answers
-// A packet that is longer on its way waits in a queue, which counts as work, or the other side
+// A packet that is on its way for longer waits in a queue, which counts as work, or the other side
 // lies.
 constexpr Session::Clock::duration kLongestTransit = 500ms;
 

@@ -74,11 +74,11 @@ class Session {
   /// Takes a notice from the side that has the driver, in order with the packets.
   void Receive(const Notice& notice);
 
-  /// Receives each notice twice: when it comes and, because the next answer may be older than the
-  /// change, again after the Done of that answer has run. Must not wait. Gets kAll when requests go
-  /// to another channel.
+  /// Receives each notice when it comes. Receives all but kWatched again after the Done of the next
+  /// answer has run, because that answer may be older than the change. Must not wait. Gets kAll
+  /// when requests go to another channel.
   using Listener = std::function<void(const Notice& notice)>;
-  /// Sets who is told of notices, until Stop has returned. To be called once.
+  /// Sets what receives the notices, until Stop has returned. To be called once.
   void Listen(Listener listener);
   /// All changes in watched directories until then have been told.
   [[nodiscard]] Clock::time_point told_until() const { return told_until_; }
@@ -97,7 +97,7 @@ class Session {
   /// What the mechanisms that use this session count.
   Savings& savings() { return savings_; }
   /// How long the driver took for the request whose Done runs, measured from the previous answer,
-  /// or from when the request can have arrived.
+  /// or from when this one could have come without any work if that is later.
   Clock::duration time_of_answer() const { return time_of_answer_; }
   /// How long a packet and its answer are on their way at least; 0 if that is not known.
   Clock::duration transit() const { return transit_; }

@@ -342,7 +342,7 @@ TEST_F(ConnectionTest, EndsAtANoticeWithoutAPath) {
   on_notice = [](const Notice&) { ADD_FAILURE(); };
   Start();
   peer.Send(ControlBytes(Control::kNotice, 2, "a"));
-  ExpectNonsense("a notice of no path");
+  ExpectNonsense("a notice with a wrong path");
 }
 
 TEST_F(ConnectionTest, EndsWhenThePeerSendsMoreThanTheWindow) {
