@@ -163,9 +163,11 @@ bool DirectoryWatches::Read(Notices* notices) {
       next += sizeof event + event.len;
     }
     const auto first = notices->begin() + static_cast<std::ptrdiff_t>(before);
-    std::sort(first, notices->end(), [](const Notice& a, const Notice& b) {
-      return std::tie(a.what, a.path) < std::tie(b.what, b.path);
-    });
+    // A name comes before what happens to its file: see ListingCache::ForgetIfUnknown.
+    const auto rank = [](const Notice& notice) {
+      return std::tuple(notice.what != What::kName, notice.what, std::string_view(notice.path));
+    };
+    std::ranges::sort(first, notices->end(), {}, rank);
     notices->erase(std::unique(first, notices->end()), notices->end());
     if (notices->size() - before > kMostNotices) return false;
   }

@@ -100,6 +100,14 @@ TEST_F(Watches, TellOfManyChangesOfAFileOnce) {
   EXPECT_EQ(Collect(), (Notices{{What::kFile, "/a/file"}}));
 }
 
+TEST_F(Watches, TellOfANameBeforeWhatHappenedToItsFile) {
+  ASSERT_TRUE(IsWatched("/a"));
+  Append("/a/new");
+  Append("/a/file");
+  EXPECT_EQ(Collect(),
+            (Notices{{What::kName, "/a/new"}, {What::kFile, "/a/file"}, {What::kFile, "/a/new"}}));
+}
+
 TEST_F(Watches, TellOfWhatHappenedBeforeAWatchBeforeThatWatch) {
   ASSERT_TRUE(IsWatched("/a"));
   Append("/a/file");
