@@ -562,13 +562,18 @@ TEST_F(SequentialReadsTest, MakeRoomWhenAProgramPauses) {
 }
 
 TEST_F(SequentialReadsTest, AskAgainWhenWhatCameIsTooOld) {
-  SequentialReads brief(files, reads, nodes, true, kMemory, 10ms);
+  SequentialReads brief(files, reads, nodes, true, kMemory, 400ms);
   for (int64_t i = 0; i < 2; ++i) ReadAt(i * kStep, kStep, &brief), Answer();
-  std::this_thread::sleep_for(11ms);
-  ReadAt(2 * kStep, kStep, &brief);
-  EXPECT_EQ(answers.size(), 2U);
+  EXPECT_GT(files.savings().pieces_ahead, 0U);
+  std::this_thread::sleep_for(200ms);
+  ReadAt(2 * kStep, 10, &brief);  // the program goes on
   Answer();
-  ExpectAnswer(2 * kStep, kStep);
+  ASSERT_EQ(answers.size(), 3U);
+  std::this_thread::sleep_for(250ms);
+  ReadAt(2 * kStep + 10, kStep - 10, &brief);
+  EXPECT_EQ(answers.size(), 3U);
+  Answer();
+  ExpectAnswer(2 * kStep + 10, kStep - 10);
 }
 
 TEST_F(SequentialReadsTest, FailWhenTheFileIsReplaced) {
