@@ -415,7 +415,10 @@ void FuseMount::Close(const KernelRequest& request, OpenFiles::Handle handle) {
   const auto file = nodes_.Find(closed.node);
   if (closed.has_moved) nodes_.Forget(closed.node, 1);
   if (file && file->is_hidden && closed.is_last) {
+    // No program waits for the answer, so no listing from before may be shown from now on.
+    ++changes_;
     files_.Unlink(file->path, [request](Outcome) { request.ReplyError(0); });
+    ++changes_;
   } else if (file && closed.is_written) {
     const ModeGuard access(files_, file->path, file->attributes.st_mode);
     files_.Release(file->path, [this, node = closed.node,

@@ -113,6 +113,37 @@ TEST_F(BadLine, ACopyOverTenDroppedLinesEndsWithEqualFilesAndNoError) {
   }
 }
 
+// ---- Listings that come ahead ----
+
+TEST_F(BadLine, AFileThatWasRemovedWhileOpenIsNotInAListingThatCameAhead) {
+  for (const char* name : {"a", "b", "c"}) {
+    fs::create_directories(disk / "tree/" + name);
+    WriteFile(disk / "tree/" + name + "/file", "content");
+  }
+  auto mounted = Mount("--delay 10");
+  const auto list = [&](const std::string& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(mounted / directory)) {
+      names.push_back(entry.path().filename());
+    }
+    return names;
+  };
+  const auto order = list("tree");
+  ASSERT_EQ(order.size(), 3U);
+  const auto next = "tree/" + order[1];
+  const int file = open((mounted / next + "/file").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(file, 0) << strerror(errno);
+  fs::remove(mounted / next + "/file");
+  EXPECT_EQ(list("tree"), order);
+  EXPECT_EQ(list("tree/" + order[0]).size(), 1U);
+  std::this_thread::sleep_for(50ms);  // the others come
+  close(file);
+  EXPECT_TRUE(Eventually([&] { return fs::is_empty(disk / next); }));
+  std::this_thread::sleep_for(100ms);  // the kernel forgets the file
+  EXPECT_EQ(list(next), std::vector<std::string>{});
+  EXPECT_GE(mounted.Unmount().Count("directories listed ahead"), 1);
+}
+
 // ---- Large files ----
 
 TEST_F(BadLine, ALargeFileIsReadAheadAndAChangeShowsAtOnce) {
